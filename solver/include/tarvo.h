@@ -1,0 +1,259 @@
+/* tarvo.h: the model store, libtarvo140, behind a C interface.
+ *
+ * A TRVmodel keeps variables (columns), linear rows, the objective, what is pending, attributes and the last solution.
+ * It knows nothing of Python and of any engine.
+ *
+ *   TRVmodel *m;  int32_t x;
+ *   TRVnewmodel("diet", &m);
+ *   double lb = 0, ub = TRV_INFINITY, cost = 1;  char type = 'C';
+ *   TRVaddvars(m, 10, &lb, 0, &ub, 0, &cost, 0, &type, 0, NULL, &x);      ids x .. x+9, index -1 until TRVupdatemodel
+ *
+ * Identity. Every element has an id from the moment it is added; ids count up from 0 for each kind, are consecutive
+ * for what one call adds, and are never used again. The index (position) of an element is -1 while it is pending, its place
+ * in the model from the update on, and -2 once it is removed. All functions speak of ids, but those that say "position".
+ *
+ * Arrays with a step. (const double *lb, int lbstep): element i is lb[i * lbstep], so a step of 0 spreads one value.
+ *
+ * Errors. Every function returns 0 or a code below, and TRVgeterrormsg then says what was wrong, with the offending values.
+ * A call that fails changes nothing.
+ *
+ * Infinity. Magnitudes of 1e20 and more mean "none" and are stored as +-INFINITY. NaN is refused everywhere, but in Start.
+ */
+#ifndef TARVO_H
+#define TARVO_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define TRV_API __attribute__((visibility("default")))
+
+/* ---- codes --------------------------------------------------------------------------------------------------------- */
+enum {
+    TRV_OK = 0,
+    TRV_ERROR_OUT_OF_MEMORY = 1,
+    TRV_ERROR_INVALID_ARGUMENT = 2, /* NaN, infinite coefficients, lengths, index range, row pointers that decrease */
+    TRV_ERROR_UNKNOWN_ATTRIBUTE = 3,
+    TRV_ERROR_ATTRIBUTE_KIND = 4, /* the attribute belongs to another kind or value type, or cannot be set */
+    TRV_ERROR_NO_DATA = 5,        /* an attribute that is not there yet, for instance X before a solve */
+    TRV_ERROR_NOT_IN_MODEL = 6,   /* removed elements, ids of another model */
+    TRV_ERROR_SIZE_LIMIT = 7,     /* more than 2^31-1 elements or nonzeros where 32-bit numbers count them */
+    TRV_ERROR_FILE = 8,           /* cannot be opened, read or written */
+    TRV_ERROR_SYNTAX = 9,         /* a file that does not parse: the message has "line N" */
+    TRV_ERROR_UNSUPPORTED = 10,   /* what a format or an engine cannot say */
+    TRV_ERROR_CLOSED = 11         /* reserved for the callers: the model was closed */
+};
+
+/* Kinds of element. The numbers are those of _typeenum in the matrix handles. */
+enum { TRV_MODEL = 0, TRV_VAR = 1, TRV_CONSTR = 2, TRV_QCONSTR = 4, TRV_GENCONSTR = 5, TRV_NLCONSTR = 6 };
+/* Types of attribute value. */
+enum { TRV_CHAR = 0, TRV_INT = 1, TRV_DOUBLE = 2, TRV_STRING = 3 };
+/* Status of the last solve (attribute "Status"). */
+enum {
+    TRV_NOT_SOLVED = 0, TRV_OPTIMAL = 1, TRV_INFEASIBLE = 2, TRV_UNBOUNDED = 3, TRV_INFEASIBLE_OR_UNBOUNDED = 4,
+    TRV_TIME_LIMIT = 5, TRV_ITERATION_LIMIT = 6, TRV_NODE_LIMIT = 7, TRV_SOLUTION_LIMIT = 8, TRV_INTERRUPTED = 9,
+    TRV_IMPRECISE = 10, TRV_FAILED = 11
+};
+
+#define TRV_INFINITY 1e20 /* this and more means none */
+#define TRV_MINIMIZE 1
+#define TRV_MAXIMIZE (-1)
+
+typedef struct TRVmodel TRVmodel;
+
+/* ---- life ---------------------------------------------------------------------------------------------------------- */
+TRV_API int TRVnewmodel(const char *name, TRVmodel **out);
+TRV_API void TRVfreemodel(TRVmodel *model);               /* NULL is fine */
+TRV_API const char *TRVgeterrormsg(const TRVmodel *model); /* of the last failed call on this model; "" if none */
+/* A function beside the store (the file readers) leaves its text here. Returns code. */
+TRV_API int TRVfail(TRVmodel *model, int code, const char *message);
+TRV_API void TRVfree(void *memory); /* what the store allocated for its caller */
+
+/* ---- names --------------------------------------------------------------------------------------------------------- */
+/* Names of the n elements that one call adds. A prefix with a shape is kept as such: element (i,j) is called
+ * prefix[i,j] when somebody asks, and a 0-dimensional shape is called prefix. NULL (or TRV_NAMES_NONE) gives
+ * the default names: C<id> for variables, R<id> linear rows, Q<id>, G<id>, N<id>.
+ * A list is one block of bytes: name i is text[offset[i]] .. text[offset[i+1]]; an empty one gives the default name. */
+enum { TRV_NAMES_NONE = 0, TRV_NAMES_SHAPE = 1, TRV_NAMES_LIST = 2 };
+typedef struct TRVnames {
+    int form;
+    const char *prefix; /* TRV_NAMES_SHAPE, UTF-8 */
+    int ndim;
+    const int64_t *shape; /* its product is n */
+    const char *text;     /* TRV_NAMES_LIST */
+    const int64_t *offset; /* n + 1 */
+} TRVnames;
+
+/* ---- adding -------------------------------------------------------------------------------------------------------- */
+/* vtype: 'C' 'B' 'I' 'S'. Bounds of 'B' are cut to [0, 1]. lb > ub is stored as it is (infeasible at the solve). */
+TRV_API int TRVaddvars(TRVmodel *model, int64_t n, const double *lb, int lbstep, const double *ub, int ubstep,
+                       const double *obj, int objstep, const char *vtype, int vtypestep, const TRVnames *names,
+                       int32_t *firstid);
+
+/* Rows lower <= row <= upper, handed over in three steps, so that the caller writes its terms where they stay:
+ *   TRVopenrows    makes room; the caller fills ptr[0..nrows] (ptr[0] = 0, int64), var[0..ptr[nrows]] (ids) and coef.
+ *                  nnz is an upper bound. One block at a time is open; opening another drops the first.
+ *   TRVcommitrows  checks everything (range and life of ids, row pointers, NaN and infinity), sums duplicates (first
+ *                  occurrence keeps its place), drops zeros, and makes the rows pending.
+ *   TRVdroprows    gives the room back.
+ * A failed commit leaves no open block. lower/upper may be steps of 0. */
+typedef struct TRVrows {
+    int64_t *ptr;
+    int32_t *var;
+    double *coef;
+} TRVrows;
+TRV_API int TRVopenrows(TRVmodel *model, int64_t nrows, int64_t nnz, TRVrows *rows);
+TRV_API int TRVcommitrows(TRVmodel *model, const double *lower, int lowerstep, const double *upper, int upperstep,
+                          const TRVnames *names, int32_t *firstid);
+TRV_API void TRVdroprows(TRVmodel *model);
+/* The three steps in one, with copies. */
+TRV_API int TRVaddrows(TRVmodel *model, int64_t nrows, const int64_t *ptr, const int32_t *var, const double *coef,
+                       const double *lower, int lowerstep, const double *upper, int upperstep, const TRVnames *names,
+                       int32_t *firstid);
+
+/* Replaces all Obj and ObjConstant at once (duplicates are summed). sense: 1, -1, or 0 to keep it. */
+TRV_API int TRVsetobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, double constant, int sense);
+
+/* Pending elements are gone at once, those in the model at the next update. Removing what is removed or marked already is fine
+ * (NOT_IN_MODEL only for ids that never were). */
+TRV_API int TRVremove(TRVmodel *model, int kind, int64_t n, const int32_t *ids);
+/* Applies what is pending. If anything changed since the last solution (attributes and coefficients included), Status
+ * becomes NOT_SOLVED and the old X becomes what the next solve may start from (where Start is not set). */
+TRV_API int TRVupdatemodel(TRVmodel *model);
+
+/* ---- identity ------------------------------------------------------------------------------------------------------ */
+/* How many ids of the kind were ever given. */
+TRV_API int32_t TRVidcount(const TRVmodel *model, int kind);
+/* Position of each id: >= 0, -1 pending, -2 removed (also for ids never given). ids NULL means first, first+1, ... */
+TRV_API void TRVpositions(const TRVmodel *model, int kind, int64_t n, const int32_t *ids, int32_t first, int32_t *out);
+TRV_API int32_t TRVposition(const TRVmodel *model, int kind, int32_t id);
+/* Id of each position; a position below 0 or not in the model is NOT_IN_MODEL. */
+TRV_API int TRVidsat(TRVmodel *model, int kind, int64_t n, const int32_t *positions, int32_t *ids);
+/* Id by name, pending ones included, removed ones not; -1 where there is none. Of equal names the first. */
+TRV_API int TRVfindname(TRVmodel *model, int kind, const char *name, int32_t *id);
+
+/* ---- attributes ---------------------------------------------------------------------------------------------------- */
+typedef struct TRVattrinfo {
+    const char *name;
+    int kind; /* TRV_MODEL, TRV_VAR, ... */
+    int type; /* TRV_CHAR, ... */
+    int settable;
+} TRVattrinfo;
+/* NULL for an unknown name. */
+TRV_API const TRVattrinfo *TRVfindattr(const char *name);
+/* The i-th attribute of the table, NULL past the end. */
+TRV_API const TRVattrinfo *TRVattrat(int i);
+
+/* Of the model. None of these ever updates. */
+TRV_API int TRVgetintattr(TRVmodel *model, const char *name, int *value);
+TRV_API int TRVsetintattr(TRVmodel *model, const char *name, int value);
+TRV_API int TRVgetdblattr(TRVmodel *model, const char *name, double *value);
+TRV_API int TRVsetdblattr(TRVmodel *model, const char *name, double value);
+TRV_API int TRVgetstrattr(TRVmodel *model, const char *name, const char **value); /* valid until the next call */
+TRV_API int TRVsetstrattr(TRVmodel *model, const char *name, const char *value);
+
+/* Of elements, by id; ids NULL means first, first+1, ..., first+n-1. Attribute writes act at once, all or none. */
+TRV_API int TRVgetdbls(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, double *out);
+TRV_API int TRVsetdbls(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, const double *values,
+                       int step);
+TRV_API int TRVgetints(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, int32_t *out);
+TRV_API int TRVgetchars(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, char *out);
+TRV_API int TRVsetchars(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, const char *values,
+                        int step);
+/* Strings come as one block (text) with n+1 offsets, both freed by the caller with TRVfree. */
+TRV_API int TRVgetstrs(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, char **text,
+                       int64_t **offset);
+TRV_API int TRVsetstrs(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, const char *text,
+                       const int64_t *offset);
+
+/* ---- coefficients -------------------------------------------------------------------------------------------------- */
+/* A row's terms in stored order. Pointers into the store, valid until the next change. Pending rows too. */
+TRV_API int TRVgetrow(TRVmodel *model, int32_t row, int64_t *nnz, const int32_t **var, const double **coef);
+/* One coefficient for each pair; a missing one reads 0. */
+TRV_API int TRVgetcoefs(TRVmodel *model, int64_t n, const int32_t *rows, const int32_t *vars, double *out);
+/* Acts at once, all or none; 0 takes the term away; of repeated pairs the last one wins. */
+TRV_API int TRVsetcoefs(TRVmodel *model, int64_t n, const int32_t *rows, const int32_t *vars, const double *values);
+
+/* ---- what an engine reads ------------------------------------------------------------------------------------------ */
+/* The model by position, pending elements left out (call TRVupdatemodel first). Pointers into the store, valid until its next change:
+ * nothing is copied. */
+typedef struct TRVdata {
+    int32_t nvars, nrows;
+    int64_t nnz;
+    const double *lb, *ub, *obj;
+    const char *vtype; /* 'C' 'B' 'I' 'S' */
+    const double *lower, *upper; /* of rows, +-INFINITY for none */
+    double objconstant;
+    int sense;       /* 1, -1 */
+    int nintegral;   /* how many of vtype are not 'C' */
+    const double *start; /* NaN where none; NULL when nobody set one and no earlier solution is left */
+} TRVdata;
+TRV_API int TRVgetdata(TRVmodel *model, TRVdata *data);
+
+/* The matrix by position, by columns (csc != 0: start has nvars+1 entries, index holds rows, ascending in each column) or by rows
+ * (start nrows+1, index holds columns, in stored order). Freshly allocated; give back with TRVfreematrix. */
+typedef struct TRVmatrix {
+    int64_t nmajor, nnz;
+    int32_t *start, *index; /* nnz beyond 2^31-1 is TRV_ERROR_SIZE_LIMIT */
+    double *value;
+} TRVmatrix;
+TRV_API int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix);
+TRV_API void TRVfreematrix(TRVmatrix *matrix);
+
+/* What changed since TRVclearchanges, for an engine that keeps its model. structure != 0: elements were added or
+ * removed, a vtype changed, or a list grew past a quarter of its kind: load anew. Positions of changed elements, each once; pointers
+ * valid until the next change. */
+typedef struct TRVchanges {
+    int structure;
+    int objconstant, sense; /* flags */
+    int64_t nbounds, ncosts, nsides, ncoefs;
+    const int32_t *bounds, *costs, *sides;
+    const int32_t *coefrows, *coefvars; /* positions; the values are read with TRVgetcoefs by id */
+} TRVchanges;
+TRV_API int TRVgetchanges(TRVmodel *model, TRVchanges *changes);
+TRV_API void TRVclearchanges(TRVmodel *model);
+
+/* ---- the solution -------------------------------------------------------------------------------------------------- */
+/* Arrays by position for an engine to write into, then TRVcommitsolution. x has nvars, rc nvars, pi nrows entries. They are the store's
+ * own, made anew by each call; the last solution stays readable until the commit. */
+TRV_API int TRVopensolution(TRVmodel *model, double **x, double **rc, double **pi);
+typedef struct TRVresult {
+    int status;
+    int has_x, has_duals;
+    double objval; /* in the model's own sense, constant included; NaN where there is none */
+    double bound;  /* NaN where there is none */
+    double gap;    /* NaN: computed from the two above, |bound - objval| / max(|objval|, 1e-10), 0 when both agree */
+    double runtime, itercount, nodecount;
+    const char *engine; /* "HiGHS 1.15.1" */
+} TRVresult;
+TRV_API int TRVcommitsolution(TRVmodel *model, const TRVresult *result);
+
+/* How well the arrays of the open (or, if none is open, the committed) solution hold, in one pass. Violations are absolute; the worst
+ * element's position, -1 where nothing is violated. Dual figures only with duals (has_duals): dual infeasibility is the reduced
+ * gradient c - A'pi - rc and the wrong-signed rc or pi; complementarity is the largest |multiplier| * distance to
+ * its bound. */
+typedef struct TRVresiduals {
+    double row, bound, integral, dual, complementarity;
+    int32_t worstrow, worstbound, worstintegral, worstdual, worstcomplementarity; /* the last two: variable positions, or
+                                                                                     nvars + row position */
+    double rowscale, boundscale, dualscale; /* what the violation may be measured against: 1 + largest term involved */
+} TRVresiduals;
+TRV_API int TRVcheck(TRVmodel *model, int has_duals, TRVresiduals *residuals);
+/* The objective at x (by position), constant included. */
+TRV_API int TRVevalobjective(TRVmodel *model, const double *x, double *value);
+
+/* ---- files --------------------------------------------------------------------------------------------------------- */
+/* By ending: .mps (free or fixed form, told apart by its lines), each also with .gz. TRVreadmodel wants an empty model. */
+TRV_API int TRVreadmodel(TRVmodel *model, const char *path);
+TRV_API int TRVwritemodel(TRVmodel *model, const char *path);
+/* .sol: one "name value" a line, # begins a comment. Written from X; read into Start. */
+TRV_API int TRVwritesolution(TRVmodel *model, const char *path);
+TRV_API int TRVreadsolution(TRVmodel *model, const char *path);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
