@@ -1,0 +1,110 @@
+// What the siblings know of tarvopy._core: the native layouts of the scalar objects and the functions behind them.
+//
+// _core exports one CoreApi in a capsule named "tarvopy._core._C_API" (attribute `_C_API` of the module); CoreApi::import() fetches it and
+// refuses a version or a layout other than this header's. All functions follow the C-API's habits: NULL or -1 with the error
+// indicator set, results are new references, arguments are borrowed.
+#pragma once
+
+#include "pysupport/error.h"
+#include "tarvo.h"
+
+namespace tarvopy {
+
+// The model handle: owner of the store. Everything of one model holds a reference to the same handle; identity of handles is identity of
+// models. `store` is NULL once the model was closed.
+struct ModelObject {
+    PyObject_HEAD
+    TRVmodel *store;
+    // Tables of borrowed pointers to the living scalar objects, by id (core/'s own business).
+    void *tables;
+    // Set while an engine runs on this model: other threads and a second Ctrl-C may come in, and are refused.
+    int solving;
+    PyObject *weakrefs;
+};
+
+// Var, Constr, QConstr, GenConstr, NLConstr: one object per id while it lives; no __dict__, no collector.
+struct ScalarObject {
+    PyObject_HEAD
+    ModelObject *cmodel; // owned
+    int32_t id;
+};
+using VarObject = ScalarObject;
+
+// coeffs and vars have equal length; coeffs holds exact Python floats, vars holds VarObjects. Nobody hands these lists to Python code, so
+// they stay outside the collector.
+struct LinExprObject {
+    PyObject_HEAD
+    double constant;
+    PyObject *coeffs; // list of float
+    PyObject *vars;   // list of Var
+};
+
+// A quadratic expression: three term lists and its own linear part.
+struct QuadExprObject {
+    PyObject_HEAD
+    PyObject *linear; // LinExpr
+    PyObject *coeffs; // list of float
+    PyObject *vars1;  // list of Var
+    PyObject *vars2;  // list of Var
+};
+
+struct TempConstrObject {
+    PyObject_HEAD
+    PyObject *lhs;
+    PyObject *sense; // one of the TRV senses, as given
+    PyObject *rhs;
+};
+
+struct CoreApi {
+    int version;
+    Py_ssize_t linexpr_size, quadexpr_size;
+
+    PyTypeObject *Model, *Var, *Constr, *QConstr, *GenConstr, *NLConstr;
+    PyTypeObject *LinExpr, *QuadExpr, *TempConstr, *NLExpr, *GenExpr, *ExprTree;
+    PyObject *TarvoError;
+
+    // ---- the model handle
+    // The store of a handle, or TarvoError (CLOSED) / TypeError for another object / the refusal while an engine runs.
+    TRVmodel *(*store)(PyObject *handle);
+    // Raises what a failed store call left: TarvoError(code, text), NoDataError for NO_DATA, AttributeError for unknown attributes,
+    // MemoryError. Always returns -1.
+    int (*raise)(TRVmodel *store, int code);
+    // TarvoError(code, message); message is UTF-8. Always returns -1.
+    int (*raise_error)(int code, const char *message);
+
+    // ---- scalar handles by id
+    // kind: TRV_VAR, TRV_CONSTR, ...
+    PyObject *(*scalar)(ModelObject *model, int kind, int32_t id);
+    // out receives n new references; on failure none. ids has a step in elements.
+    int (*scalars)(ModelObject *model, int kind, int64_t n, const int32_t *ids, int64_t step, PyObject **out);
+
+    // ---- LinExpr in bulk
+    PyObject *(*linexpr_new)(double constant);
+    // One LinExpr per row: terms coef[ptr[i] - ptr[0] ...] (coef NULL: `scale` each), constants[i] (NULL: 0). Float and Var objects are shared
+    // where values repeat. out receives nrows new references; on failure none.
+    int (*linexprs)(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef, double scale,
+                    const double *constants, PyObject **out);
+    // self += mult * other (Var, LinExpr or number); self may be other. Refuses non-finite mult and numbers.
+    int (*linexpr_add)(PyObject *self, PyObject *other, double mult);
+    int (*linexpr_scale)(PyObject *self, double factor); // self *= factor
+    PyObject *(*linexpr_copy)(PyObject *self);
+    int (*linexpr_clear)(PyObject *self);
+    int (*linexpr_normalize)(PyObject *self);
+    int (*linexpr_assign)(PyObject *self, PyObject *other); // self takes over the contents of a copy of other
+
+    // ---- others
+    PyObject *(*tempconstr)(PyObject *lhs, PyObject *sense, PyObject *rhs);
+
+    static const CoreApi *import() {
+        auto *api = static_cast<const CoreApi *>(PyCapsule_Import("tarvopy._core._C_API", 0));
+        if (api && (api->version != current_version || api->linexpr_size != sizeof(LinExprObject) ||
+                    api->quadexpr_size != sizeof(QuadExprObject))) {
+            PyErr_SetString(PyExc_ValueError, "tarvopy._core has a layout other than the one this module was built against");
+            return nullptr;
+        }
+        return api;
+    }
+    static constexpr int current_version = 1;
+};
+
+} // namespace tarvopy
