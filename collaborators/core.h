@@ -1,6 +1,6 @@
 // What the siblings know of tarvopy._core: the native layouts of the scalar objects and the functions behind them.
 //
-// _core exports one CoreApi in a capsule named "tarvopy._core._C_API" (attribute `_C_API` of the module); CoreApi::import() fetches it and
+// _core exports one CoreApi in a capsule named "tarvopy._core._C_API" (attribute `_C_API` of the module); CoreApi::load() fetches it and
 // refuses a version or a layout other than this header's. All functions follow the C-API's habits: NULL or -1 with the error
 // indicator set, results are new references, arguments are borrowed.
 #pragma once
@@ -95,7 +95,7 @@ struct CoreApi {
     // ---- others
     PyObject *(*tempconstr)(PyObject *lhs, PyObject *sense, PyObject *rhs);
 
-    static const CoreApi *import() {
+    static const CoreApi *load() {
         auto *api = static_cast<const CoreApi *>(PyCapsule_Import("tarvopy._core._C_API", 0));
         if (api && (api->version != current_version || api->linexpr_size != sizeof(LinExprObject) ||
                     api->quadexpr_size != sizeof(QuadExprObject))) {

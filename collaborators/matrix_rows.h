@@ -48,7 +48,7 @@ struct MatrixApi {
     // (borrowed, NULL when empty). TarvoError NOT_IN_MODEL where elements are of different models, TypeError for foreign elements.
     PyObject *(*ids)(PyObject *handle, ModelObject **model);
 
-    static const MatrixApi *import() {
+    static const MatrixApi *load() {
         auto *api = static_cast<const MatrixApi *>(PyCapsule_Import("tarvopy._matrixapi._C_API", 0));
         if (api && api->version != current_version) {
             PyErr_SetString(PyExc_ValueError, "tarvopy._matrixapi has another version of its interface");
