@@ -1,4 +1,7 @@
-"""Links the package's Python sources into a build folder, beside the compiled modules: link_sources.py SOURCE TARGET."""
+"""Links the package's Python sources into a build folder, beside the compiled modules.
+
+Usage: link_sources.py SOURCE TARGET
+"""
 
 import sys
 from pathlib import Path

@@ -1,0 +1,72 @@
+# Everything a user or developer runs. The first target that needs it makes .venv (packages from pip, the project built in place);
+# later ones only rebuild what changed. Nothing has to be installed by hand but a C++20 compiler, zlib's header and CPython 3.13.
+
+VENV := .venv
+RUN := $(VENV)/bin/python
+NATIVE_FOLDERS := solver pysupport collaborators core util attrutil matrixapi modelapi highs
+NATIVE := $(shell find $(NATIVE_FOLDERS) -name '*.cpp' -o -name '*.h' -o -name '*.inc' 2>/dev/null | sort)
+PYTHON_SOURCES := $(shell find python -name '*.py' -o -name '*.pyi' -o -name py.typed | sort)
+FORMATTED := $(filter %.cpp %.h,$(NATIVE))
+
+.DELETE_ON_ERROR:
+.PHONY: help demo test bench format lint wheel clean FORCE
+
+help:
+	@echo 'make demo    solve the unit commitment example, picture in out/'
+	@echo 'make test    run the tests'
+	@echo 'make bench   measure against arrays by hand, linopy and cvxpy; table in docs/benchmarks.md'
+	@echo 'make format  format C++ and Python in place'
+	@echo 'make lint    check formatting and style, change nothing'
+	@echo 'make wheel   build a wheel into dist/ and check what it holds'
+	@echo 'make clean   remove everything that make made'
+
+demo: $(VENV)/installed
+	$(RUN) -m examples.unit_commitment
+
+test: $(VENV)/installed
+	$(RUN) -m pytest
+
+bench: $(VENV)/bench
+	$(RUN) benchmarks/run.py --table docs/benchmarks.md
+
+format: $(VENV)/packages
+	$(VENV)/bin/ruff format .
+	$(VENV)/bin/ruff check --fix .
+	$(if $(FORMATTED),$(VENV)/bin/clang-format -i $(FORMATTED))
+
+lint: $(VENV)/packages
+	$(VENV)/bin/ruff format --check .
+	$(VENV)/bin/ruff check .
+	$(if $(FORMATTED),$(VENV)/bin/clang-format --dry-run --Werror $(FORMATTED))
+
+wheel: $(VENV)/packages
+	rm -rf build/wheel dist
+	$(RUN) -m pip wheel --quiet --no-deps --wheel-dir dist .
+	$(RUN) tools/check_wheel.py dist/*.whl
+
+clean:
+	rm -rf $(VENV) build dist out .pytest_cache .ruff_cache .hypothesis
+
+# --- the environment, in three steps, each with a stamp ---------------------------------------------------------------
+
+# Build requirements, runtime dependencies and tools: everything but the project. Made anew when pyproject.toml changes.
+$(VENV)/packages: pyproject.toml tools/requirements.py
+	@python=$$(tools/check_prerequisites) || exit 1; \
+	test -x $(RUN) || { echo "making $(VENV) with $$python"; "$$python" -m venv --clear $(VENV); }
+	$(RUN) tools/requirements.py build test demo > $(VENV)/requirements.txt
+	$(RUN) -m pip install --quiet --requirement $(VENV)/requirements.txt
+	@touch $@
+
+# The project, in place: Python files are read from python/, the compiled ones are built in build/editable and copied. A changed native
+# file or a changed list of files installs again (seconds: only what changed is compiled); an edited Python file needs nothing.
+$(VENV)/installed: $(VENV)/packages $(VENV)/sources CMakeLists.txt $(NATIVE)
+	$(RUN) -m pip install --quiet --no-deps --no-build-isolation --editable .
+	@touch $@
+
+$(VENV)/sources: $(VENV)/packages FORCE
+	@printf '%s\n' $(NATIVE) $(PYTHON_SOURCES) | cmp -s - $@ || printf '%s\n' $(NATIVE) $(PYTHON_SOURCES) > $@
+
+$(VENV)/bench: $(VENV)/installed
+	$(RUN) tools/requirements.py bench > $(VENV)/requirements-bench.txt
+	$(RUN) -m pip install --quiet --requirement $(VENV)/requirements-bench.txt
+	@touch $@

@@ -1,0 +1,25 @@
+"""Fixtures that tests of several folders share."""
+
+import os
+from pathlib import Path
+
+import pytest
+
+
+@pytest.fixture(params=["flat", "eager"])
+def mode(request):
+    """Runs a test twice: objects made on demand, and all objects made at once. Nothing may tell the difference."""
+    import tarvopy._debug as debug
+
+    debug.eager(request.param == "eager")
+    yield request.param
+    debug.eager(False)
+
+
+@pytest.fixture(scope="session")
+def instances() -> Path:
+    """The folder of model files with known answers that TARVOPY_INSTANCES names; without it the test is skipped."""
+    folder = os.environ.get("TARVOPY_INSTANCES")
+    if not folder:
+        pytest.skip("TARVOPY_INSTANCES names no folder of model files")
+    return Path(folder)
