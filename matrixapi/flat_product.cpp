@@ -1,0 +1,172 @@
+#include "flat_product.h"
+
+namespace flat {
+
+Csr transposed(const Csr &matrix) {
+    Csr result{matrix.cols, matrix.rows, Buffer<int64_t>(matrix.cols + 1), Buffer<int32_t>(matrix.nnz()),
+               Buffer<double>(matrix.nnz())};
+    int64_t *ptr = result.ptr.write();
+    std::fill_n(ptr, matrix.cols + 1, 0);
+    for (int64_t k = 0; k < matrix.nnz(); ++k)
+        ++ptr[matrix.index[k] + 1];
+    for (int64_t j = 0; j < matrix.cols; ++j)
+        ptr[j + 1] += ptr[j];
+    std::vector<int64_t> place(ptr, ptr + matrix.cols);
+    for (int64_t i = 0; i < matrix.rows; ++i)
+        for (int64_t k = matrix.ptr[i]; k < matrix.ptr[i + 1]; ++k) {
+            int64_t to = place[static_cast<size_t>(matrix.index[k])]++;
+            result.index.write()[to] = static_cast<int32_t>(i);
+            result.value.write()[to] = matrix.value[k];
+        }
+    return result;
+}
+
+Csr nonzeros(const Dense &matrix) {
+    Csr result{matrix.rows, matrix.cols, Buffer<int64_t>(matrix.rows + 1), {}, {}};
+    int64_t *ptr = result.ptr.write();
+    ptr[0] = 0;
+    for (int64_t i = 0; i < matrix.rows; ++i) {
+        int64_t count = 0;
+        for (int64_t j = 0; j < matrix.cols; ++j)
+            count += matrix.at(i, j) != 0.0;
+        ptr[i + 1] = ptr[i] + count;
+    }
+    result.index = Buffer<int32_t>(ptr[matrix.rows]);
+    result.value = Buffer<double>(ptr[matrix.rows]);
+    int32_t *index = result.index.write();
+    double *value = result.value.write();
+    for (int64_t i = 0; i < matrix.rows; ++i)
+        for (int64_t j = 0; j < matrix.cols; ++j)
+            if (double entry = matrix.at(i, j); entry != 0.0) {
+                *index++ = static_cast<int32_t>(j);
+                *value++ = entry;
+            }
+    return result;
+}
+
+RowBuilder::RowBuilder(int64_t nrows, int64_t width) {
+    summand_.nrows = nrows;
+    summand_.width = width;
+    summand_.cols = Buffer<int32_t>(nrows * width);
+    summand_.coef = Buffer<double>(nrows * width);
+    ids_ = summand_.cols.write();
+    coef_ = summand_.coef.write();
+}
+
+RowBuilder::RowBuilder(int64_t nrows, int64_t nnz, bool) {
+    summand_.nrows = nrows;
+    summand_.ptr = Buffer<int64_t>(nrows + 1);
+    summand_.cols = Buffer<int32_t>(nnz);
+    summand_.coef = Buffer<double>(nnz);
+    ptr_ = summand_.ptr.write();
+    ptr_[0] = 0;
+    ids_ = summand_.cols.write();
+    coef_ = summand_.coef.write();
+}
+
+void RowBuilder::end_row() {
+    ++row_;
+    if (ptr_)
+        ptr_[row_] = k_;
+}
+
+void RowBuilder::dense_right(const Dense &matrix, const Ids &vars) {
+    for (int64_t i = 0; i < matrix.rows; ++i)
+        for (int64_t j = 0; j < vars.cols; ++j, end_row())
+            for (int64_t l = 0; l < matrix.cols; ++l, ++k_) {
+                ids_[k_] = vars.at(l, j);
+                coef_[k_] = matrix.at(i, l);
+            }
+}
+
+void RowBuilder::dense_left(const Ids &vars, const Dense &matrix) {
+    for (int64_t i = 0; i < vars.rows; ++i)
+        for (int64_t j = 0; j < matrix.cols; ++j, end_row())
+            for (int64_t l = 0; l < matrix.rows; ++l, ++k_) {
+                ids_[k_] = vars.at(i, l);
+                coef_[k_] = matrix.at(l, j);
+            }
+}
+
+void RowBuilder::sparse_right(const Csr &matrix, const Ids &vars) {
+    for (int64_t i = 0; i < matrix.rows; ++i)
+        for (int64_t j = 0; j < vars.cols; ++j, end_row())
+            for (int64_t p = matrix.ptr[i]; p < matrix.ptr[i + 1]; ++p, ++k_) {
+                ids_[k_] = vars.at(matrix.index[p], j);
+                coef_[k_] = matrix.value[p];
+            }
+}
+
+void RowBuilder::sparse_left(const Ids &vars, const Csr &columns) {
+    for (int64_t i = 0; i < vars.rows; ++i)
+        for (int64_t j = 0; j < columns.rows; ++j, end_row())
+            for (int64_t p = columns.ptr[j]; p < columns.ptr[j + 1]; ++p, ++k_) {
+                ids_[k_] = vars.at(i, columns.index[p]);
+                coef_[k_] = columns.value[p];
+            }
+}
+
+Summand RowBuilder::finish() { return std::move(summand_); }
+
+Summand combined(const Summand &summand, int64_t nrows, const int64_t *start, const int64_t *source,
+                 const double *factors) {
+    Summand result;
+    result.nrows = nrows;
+    result.ptr = Buffer<int64_t>(nrows + 1);
+    int64_t *ptr = result.ptr.write();
+    ptr[0] = 0;
+    for (int64_t i = 0; i < nrows; ++i) {
+        ptr[i + 1] = ptr[i];
+        for (int64_t t = start[i]; t < start[i + 1]; ++t)
+            ptr[i + 1] += summand.end(source[t]) - summand.begin(source[t]);
+    }
+    result.cols = Buffer<int32_t>(ptr[nrows]);
+    result.coef = Buffer<double>(ptr[nrows]);
+    int32_t *ids = result.cols.write();
+    double *coef = result.coef.write();
+    for (int64_t t = start[0]; t < start[nrows]; ++t)
+        for (int64_t k = summand.begin(source[t]), end = summand.end(source[t]); k < end; ++k) {
+            *ids++ = summand.id(k);
+            *coef++ = summand.coefficient(k) * factors[t];
+        }
+    return result;
+}
+
+Summand normalized(const Summand &summand, int32_t id_count) {
+    // seen[id]: where in the result the variable stands, if that is within the present row.
+    std::vector<int64_t> seen(static_cast<size_t>(id_count), -1);
+    Summand result;
+    result.nrows = summand.nrows;
+    result.ptr = Buffer<int64_t>(summand.nrows + 1);
+    result.cols = Buffer<int32_t>(summand.nnz());
+    result.coef = Buffer<double>(summand.nnz());
+    int64_t *ptr = result.ptr.write();
+    int32_t *ids = result.cols.write();
+    double *coef = result.coef.write();
+    int64_t end = 0;
+    for (int64_t row = 0; row < summand.nrows; ++row) {
+        int64_t first = ptr[row] = end;
+        for (int64_t k = summand.begin(row), last = summand.end(row); k < last; ++k) {
+            int32_t id = summand.id(k);
+            int64_t &place = seen[static_cast<size_t>(id)];
+            if (place >= first && place < end && ids[place] == id) {
+                coef[place] += summand.coefficient(k);
+            } else {
+                place = end;
+                ids[end] = id;
+                coef[end++] = summand.coefficient(k);
+            }
+        }
+        int64_t kept = first;
+        for (int64_t k = first; k < end; ++k)
+            if (coef[k] != 0.0) {
+                ids[kept] = ids[k];
+                coef[kept++] = coef[k];
+            }
+        end = kept;
+    }
+    ptr[summand.nrows] = end;
+    return result;
+}
+
+} // namespace flat
