@@ -1,0 +1,146 @@
+// MLinExpr, n-dimensional arrays of linear expressions: the state, and what the other files of this module may ask of one.
+//
+// An expression is in one of two documented states, and each of them has a native form that stands for it until somebody looks:
+//
+//   CompactNative   `_const` in the dictionary, parts (row pointers, columns, values, ids) in LinearNative::parts
+//   CompactMade     `_const` and the list `_matmulparts` of (csr_matrix, MVar) pairs in the dictionary; the list rules
+//   Flat            full, LinearNative::form, no LinExpr exists
+//   Objects         full, `_learr` in the dictionary; the array rules
+//
+//   A @ x           CompactNative, one part       e._matmulparts   -> CompactMade
+//   x + y (2-d)     Flat, two summands            e._learr         -> Objects
+//
+// State only moves towards Objects. The functions that say "makes" run Python code (a collection may call back), so what was read
+// before is read again after them. All of them throw PythonError; arguments are borrowed.
+#pragma once
+
+#include "matrixapi/base.h"
+#include "matrixapi/flat.h"
+
+#include "pysupport/classes.h"
+
+#include <memory>
+#include <span>
+#include <vector>
+
+namespace tarvopy {
+
+// The variables of one or several parts. Parts that share it share one MVar, which is made when the first of them is shown.
+struct VarVector {
+    flat::Buffer<int32_t> ids;
+    Ref mvar; // empty until made, or the very MVar that the part was given
+};
+using SharedVector = std::shared_ptr<VarVector>;
+
+// One documented pair (A, x): summand.vars are the ids of `vector`, and row i of A has the columns summand.column(k).
+//   identity:        flat::single(ids, scale)             (width 1, no cols: n rows, n columns)
+//   column of ones:  width 1, cols all 0, one id          (n rows, 1 column)
+//   A @ x:           ptr, cols, coef of A
+// A dense row or block without cols has `width` terms of columns 0 ... only when nrows is 1; otherwise give cols.
+struct Part {
+    flat::Summand summand;
+    SharedVector vector;
+    int64_t columns() const { return vector->ids.size(); }
+};
+
+// A part over a fresh vector; summand.vars is filled in from ids.
+Part make_part(flat::Summand summand, flat::Buffer<int32_t> ids);
+// A part over the vector of another part (or one that keeps its MVar).
+Part make_part(flat::Summand summand, SharedVector vector);
+
+struct LinearNative final : Native {
+    bool compact = false;
+    Ref model; // the handle all ids belong to; empty while no variable occurs
+    std::vector<Part> parts; // compact; the constant and the shape are those of the array `_const` in the dictionary
+    flat::Form form;         // full
+    LinearNative() : Native(Linear) {}
+    int traverse(visitproc visit, void *arg) override;
+};
+
+enum class State { CompactNative, CompactMade, Flat, Objects };
+
+extern PyObject *mlinexpr_class; // borrowed from the module; set by build_mlinexpr_class
+inline bool is_mlinexpr(PyObject *object) {
+    return PyObject_TypeCheck(object, reinterpret_cast<PyTypeObject *>(mlinexpr_class));
+}
+
+// AttributeError where an attribute of the state was deleted.
+State state_of(PyObject *expr);
+inline bool is_compact(State state) { return state == State::CompactNative || state == State::CompactMade; }
+inline bool is_compact(PyObject *expr) { return is_compact(state_of(expr)); }
+flat::Shape shape_of(PyObject *expr);
+
+// `_keep_compact == 1` as the class says it now.
+bool keep_compact(PyObject *cls);
+// Fewer than three dimensions and at most one extent above 1.
+bool allows_compact(const flat::Shape &shape);
+Ref shape_tuple(const flat::Shape &shape);
+
+// ---- making expressions (no __init__ is run) ----------------------------------------------------------------------------
+// model: the handle, or empty where no variable occurs. In eager mode the objects are made at once.
+Ref make_flat(PyObject *cls, flat::Form form, Ref model);
+// const_array: an exact, writeable float64 ndarray which the expression owns from now on. An array of size 0 drops the parts.
+Ref make_compact(PyObject *cls, std::vector<Part> parts, Ref const_array, Ref model);
+// Full, over an object array as it is.
+Ref make_objects(PyObject *cls, Ref learr);
+// zeros(shape): compact where the switch and the shape allow it.
+Ref make_zeros(PyObject *cls, const flat::Shape &shape);
+// 1.0 * x: compact where allowed and not forced; an MVar whose elements are foreign or of several models goes element by element.
+Ref from_mvar(PyObject *cls, PyObject *mvar, bool force_full = false);
+Ref from_var(PyObject *cls, PyObject *var);         // 0-dimensional, full
+Ref from_linexpr(PyObject *cls, PyObject *linexpr); // 0-dimensional, full, a copy
+
+// A new float64 ndarray of the shape; values may be NULL for zeros.
+Ref float_array(const flat::Shape &shape, const double *values = nullptr);
+
+// ---- reading without changing -------------------------------------------------------------------------------------------
+// The full value. False where only the element-wise path applies (foreign elements, several models); `form` and `model` are then
+// unspecified. Buffers are shared where the state is native. ValueError for a CSR matrix that does not hold what it says.
+bool flat_value(PyObject *expr, flat::Form &form, Ref &model);
+// The documented parts of a compact expression, one by one; false as above.
+bool native_parts(PyObject *expr, std::vector<Part> &parts, Ref &model);
+// Of a compact expression: `_const` (borrowed), checked to be an ndarray.
+PyObject *const_array(PyObject *expr);
+// True when both models may stand in one form; `model` then holds the one that is there.
+bool merge_models(Ref &model, const Ref &other);
+// A LinExpr (or Var) as a form of shape (); false for removed layouts or several models.
+bool flat_linexpr(PyObject *linexpr, flat::Form &form, Ref &model);
+
+// ---- changing the state -------------------------------------------------------------------------------------------------
+// Compact native expressions get other parts (joined, appended, scaled); shape and constant stay. On a CompactMade expression the list
+// is replaced by native parts, so call it only where the text assigns a new `_matmulparts`.
+void set_parts(PyObject *expr, std::vector<Part> parts, Ref model);
+// At most one part afterwards, kept by the receiver (`_concat_matmulparts`).
+void join_parts(PyObject *expr);
+Part joined(const std::vector<Part> &parts); // at least one
+// In place, compact to full: native stays native. Does nothing to a full expression.
+void convert_to_full(PyObject *expr);
+// `_to_full()` of a compact expression: a new full one (joins the receiver's parts, as the text says).
+Ref to_full(PyObject *expr);
+// copy(), _copy_compact(), _copy_full().
+Ref copy_of(PyObject *expr);
+Ref copy_full(PyObject *expr);
+Ref copy_compact(PyObject *expr);
+// A full receiver gets another value of its own shape. Where its objects exist, the contents are written into them one by one; a
+// failure changes nothing.
+void take_over(PyObject *expr, flat::Form form, Ref model);
+// A receiver in any state becomes full with this value; objects that exist are let go (`_learr` is replaced).
+void become_flat(PyObject *expr, flat::Form form, Ref model);
+void become_objects(PyObject *expr, Ref learr);
+// Makes: the object array of a full expression (a compact one is converted in place first).
+Ref learr(PyObject *expr);
+// Makes: a new object array of LinExpr of the form's shape.
+Ref linexpr_array(const flat::Form &form, const Ref &model);
+// Writes `contents` (an array as linexpr_array gives it, private to the caller) into the LinExpr of `region` one by one.
+void exchange_contents(PyObject *region, PyObject *contents);
+
+// ---- members ------------------------------------------------------------------------------------------------------------
+Ref build_mlinexpr_class();
+std::span<pysupport::Member> matmul_members();         // mlinexpr_matmul.cpp
+std::span<pysupport::Member> addition_members();       // mlinexpr_add.cpp
+std::span<pysupport::Member> multiplication_members(); // mlinexpr_mul.cpp
+std::span<pysupport::Member> state_members();          // attributes, conversions, copies
+std::span<pysupport::Member> value_members();          // sum, values, clear, tidying
+std::span<pysupport::Member> assign_members();         // __setitem__
+
+} // namespace tarvopy
