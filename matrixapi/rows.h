@@ -1,0 +1,13 @@
+// What the model reads of expressions (collaborators/matrix_rows.h): the functions behind the exported table.
+#pragma once
+
+#include "collaborators/matrix_rows.h"
+
+namespace tarvopy {
+
+int degree_of(PyObject *object);
+int rows_open(PyObject *lhs, PyObject *rhs, RowBlock *block);
+int rows_write(RowBlock *block, int64_t *ptr, int32_t *var, double *coef, double *constants);
+void rows_close(RowBlock *block);
+
+} // namespace tarvopy
