@@ -1,0 +1,128 @@
+#include "solver.h"
+
+#include <chrono>
+#include <new>
+#include <thread>
+#include <utility>
+
+namespace tarvopy::highs {
+
+namespace {
+
+// The checks at which HiGHS looks whether it should stop. They also carry the figures of the progress line.
+constexpr HighsInt interrupting_callbacks[] = {kHighsCallbackSimplexInterrupt, kHighsCallbackIpmInterrupt,
+                                               kHighsCallbackMipInterrupt};
+
+} // namespace
+
+Solver::Solver() : highs_(library().create()) {
+    if (!highs_)
+        throw std::bad_alloc();
+    library().setBoolOptionValue(highs_, "output_flag", 0);
+    library().setCallback(highs_, &Solver::callback, this);
+    for (HighsInt type : interrupting_callbacks)
+        library().startCallback(highs_, type);
+}
+
+Solver::~Solver() {
+    library().destroy(highs_);
+}
+
+HighsInt Solver::load(const ModelArrays &m) {
+    if (m.integrality)
+        return library().passMip(highs_, m.ncols, m.nrows, m.nnz, m.format, m.sense, m.offset, m.cost, m.lb, m.ub,
+                                 m.lower, m.upper, m.start, m.index, m.value, m.integrality);
+    return library().passLp(highs_, m.ncols, m.nrows, m.nnz, m.format, m.sense, m.offset, m.cost, m.lb, m.ub, m.lower,
+                            m.upper, m.start, m.index, m.value);
+}
+
+void Solver::start(bool keep_log) {
+    keep_log_ = keep_log;
+    log_.clear();
+    failure_.clear();
+    progress_ = Progress{};
+    interrupt_ = false;
+    if (keep_log)
+        library().startCallback(highs_, kHighsCallbackLogging);
+    else
+        library().stopCallback(highs_, kHighsCallbackLogging);
+    running_.store(true, std::memory_order_release);
+    try {
+        std::thread([self = shared_from_this()] { self->work(); }).detach();
+    } catch (...) {
+        running_.store(false, std::memory_order_release);
+        throw;
+    }
+}
+
+void Solver::work() {
+    std::string failure;
+    HighsInt status = kHighsStatusError;
+    try {
+        library().zeroAllClocks(highs_); // HiGHS compares its time limit with a clock that adds up over runs
+        status = library().run(highs_);
+    } catch (const std::exception &error) {
+        failure = error.what();
+    } catch (...) {
+        failure = "an exception of unknown type";
+    }
+    library().resetGlobalScheduler(1); // joins the helper threads that this run made
+    std::lock_guard lock(mutex_);
+    return_status_ = status;
+    failure_ = std::move(failure);
+    running_.store(false, std::memory_order_release);
+    over_.notify_all();
+}
+
+bool Solver::wait(double seconds) {
+    std::unique_lock lock(mutex_);
+    return over_.wait_for(lock, std::chrono::duration<double>(seconds), [&] { return !running(); });
+}
+
+Progress Solver::progress() {
+    std::lock_guard lock(mutex_);
+    return progress_;
+}
+
+std::string Solver::take_log() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(log_, std::string());
+}
+
+void Solver::stop_logging() {
+    std::lock_guard lock(mutex_);
+    keep_log_ = false;
+    log_.clear();
+}
+
+void Solver::note(int type, const HighsCallbackDataOut &out) {
+    progress_.seconds = out.running_time;
+    if (type == kHighsCallbackMipInterrupt) {
+        progress_.nodes = static_cast<double>(out.mip_node_count);
+        progress_.iterations = static_cast<double>(out.mip_total_lp_iterations);
+        progress_.incumbent = out.mip_primal_bound;
+        progress_.bound = out.mip_dual_bound;
+    } else if (progress_.nodes < 0) { // within a tree search the relaxations' own counts mean nothing
+        progress_.iterations = static_cast<double>(out.simplex_iteration_count) + out.ipm_iteration_count;
+    }
+}
+
+// Comes in on the run's thread and on HiGHS' helpers.
+void Solver::callback(int type, const char *message, const HighsCallbackDataOut *out, HighsCallbackDataIn *in,
+                      void *user) {
+    auto &self = *static_cast<Solver *>(user);
+    if (type == kHighsCallbackLogging) {
+        std::lock_guard lock(self.mutex_);
+        if (self.keep_log_ && message)
+            self.log_ += message;
+        return;
+    }
+    if (in && self.interrupt_)
+        in->user_interrupt = 1;
+    if (!out)
+        return;
+    std::lock_guard lock(self.mutex_);
+    self.note(type, *out);
+}
+
+} // namespace tarvopy::highs

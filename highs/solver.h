@@ -1,0 +1,88 @@
+// solver.h: Solver, one HiGHS instance, and the thread it runs on. No Python in it.
+//
+//   auto solver = std::make_shared<Solver>();
+//   solver->load(model);                      the engine copies the arrays
+//   solver->start(true);                      HiGHS works on a thread of its own; only the calls marked (*) may come in
+//   meanwhile while (!solver->wait(0.05)) ...           progress(), take_log(), interrupt() solver->finished_status();
+//   HiGHS' model status
+//
+// The thread holds a reference to its solver: whoever lets go of a running solver need not wait for it, the thread
+// frees it at the end. A fresh thread for every run also gives every run its own task scheduler in HiGHS, which belongs
+// to the thread that starts it: so the number of threads may differ from run to run (a scheduler that lives refuses
+// another number).
+#pragma once
+
+#include "library.h"
+
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace tarvopy::highs {
+
+// Arrays of the caller, read during load() only. integrality is NULL for a pure LP: an array of zeros costs HiGHS its
+// size.
+struct ModelArrays {
+    HighsInt ncols = 0, nrows = 0, nnz = 0;
+    HighsInt sense = kHighsObjSenseMinimize;
+    double offset = 0;
+    const double *cost = nullptr, *lb = nullptr, *ub = nullptr;
+    const double *lower = nullptr, *upper = nullptr;
+    HighsInt format = kHighsMatrixFormatColwise;
+    const HighsInt *start = nullptr, *index = nullptr;
+    const double *value = nullptr;
+    const HighsInt *integrality = nullptr;
+};
+
+struct Progress {
+    double seconds = 0;
+    double iterations = 0;
+    double nodes = -1; // -1: no tree search
+    double incumbent = kNone, bound = kNone;
+    static constexpr double kNone = HUGE_VAL;
+};
+
+class Solver : public std::enable_shared_from_this<Solver> {
+  public:
+    Solver();
+    ~Solver();
+    Solver(const Solver &) = delete;
+    Solver &operator=(const Solver &) = delete;
+
+    void *highs() const { return highs_; }
+    bool running() const { return running_.load(std::memory_order_acquire); } // (*)
+    HighsInt load(const ModelArrays &model);
+
+    void start(bool keep_log);
+    bool wait(double seconds);              // (*) true once the run is over
+    Progress progress();                    // (*)
+    std::string take_log();                 // (*) what the engine said since the last call
+    void interrupt() { interrupt_ = true; } // (*) obeyed at the engine's next check
+    void stop_logging();                    // (*) nobody will read it
+
+    // Of the last run: HiGHS' return status, and what an exception said that got out of it ("" if none did).
+    HighsInt return_status() const { return return_status_; }
+    const std::string &failure() const { return failure_; }
+
+  private:
+    void work();
+    static void callback(int type, const char *message, const HighsCallbackDataOut *out, HighsCallbackDataIn *in,
+                         void *user);
+    void note(int type, const HighsCallbackDataOut &out);
+
+    void *highs_;
+    std::mutex mutex_;
+    std::condition_variable over_;
+    std::atomic<bool> running_ = false;
+    std::atomic<bool> interrupt_ = false;
+    bool keep_log_ = false;
+    Progress progress_;
+    std::string log_;
+    HighsInt return_status_ = kHighsStatusOk;
+    std::string failure_;
+};
+
+} // namespace tarvopy::highs
