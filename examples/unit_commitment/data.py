@@ -87,7 +87,7 @@ class System:
 
 
 def load(profile: np.ndarray = WINTER_WEEKDAY, rating: float = 0.7) -> System:
-    """The system with load `profile` (% of the case's load, one entry an hour), lines at `rating` times their ratings."""
+    """The system under load `profile` (hourly, % of the case's load), lines at `rating` times their ratings."""
     case = case24_ieee_rts()
     bus, branch, units = case["bus"], case["branch"], _units(case)
     branch = branch[branch[:, BR_STATUS] == 1]

@@ -1,0 +1,80 @@
+"""The benchmark families: sizes, input data, expected counts.
+
+Every measured package has a module of its own here with
+
+  FAMILIES : dict  family -> function(size)
+
+`function(size)` builds the family's model up to "loaded in the engine, engine not run" and returns a callable without
+arguments that keeps the model alive and gives the counts {"vars", "rows", "nz", "qnz"} as the engine sees them. Clock
+and memory reading stop when `function(size)` returns. MAX_SIZE, if there, is the largest size a module is asked for.
+Input arrays come from `data`, which is cached and called before the clock starts, so making random numbers counts for
+nobody.
+"""
+
+from functools import lru_cache
+
+import numpy as np
+import scipy.sparse as sp
+
+SIZES = {
+    "basic": (100, 300, 1000),  # two n x n arrays; x - y >= i, x + y >= 0; min sum(2 x + y)
+    "knapsack": (10**5, 10**6),  # max v.x, w.x <= 200, x binary
+    "sparserows": (10**5, 10**6),  # A x <= b with 5 entries a row, 0 <= x <= 1, min c.x
+    "fac": (25, 50),  # facility location on a grid: assignment, big-M rows, coordinate differences
+    "nqueens": (300, 800),  # rows and columns sum to 1, all diagonals to at most 1, binary
+    "network": (250, 5000),  # gen + K flow == demand over 24 hours, K a ring's incidence
+    "mxm": (100, 200),  # A X <= C, dense n x n, X >= 0, min sum X
+    "sum2d": (300, 1000),  # X.sum() <= n
+    "rowsum": (300, 1000),  # X.sum(axis=1) <= b
+    "broadcast": (150, 500),  # x[:, None] * C + y - z <= 0
+}
+WARM = {"knapsack": 50, "sparserows": 50}  # sizes of tiny models; 6 for the others
+M_FAC = 2 * 1.414
+
+
+@lru_cache
+def data(family, size):
+    """The input arrays of a family, the same on every machine."""
+    n, rng = size, np.random.default_rng(125)
+    if family == "knapsack":  # v, w
+        return rng.integers(1, 100, n).astype(float), rng.integers(1, 100, n).astype(float)
+    if family == "sparserows":  # A, b, c: 5 distinct sorted columns a row
+        k = n // 5
+        columns = rng.integers(0, k, (n, 5)) + np.arange(5) * k
+        A = sp.csr_array(
+            (
+                rng.uniform(0.5, 1.5, 5 * n),
+                columns.astype(np.int32).ravel(),
+                np.arange(n + 1, dtype=np.int32) * 5,
+            ),
+            shape=(n, n),
+        )
+        return A, rng.uniform(1, 2, n), -rng.uniform(1, 2, n)
+    if family == "network":  # K (bus, line), demand (bus, hour), cost (bus, hour)
+        i = np.arange(n)
+        K = sp.csr_array((np.r_[-np.ones(n), np.ones(n)], (np.r_[i, (i + 1) % n], np.r_[i, i])), shape=(n, n))
+        return K, rng.uniform(1, 2, (n, 24)), rng.uniform(1, 2, (n, 24))
+    if family == "mxm":  # A, C
+        return rng.uniform(0.5, 1.5, (n, n)), rng.uniform(50, 60, (n, n))
+    if family == "rowsum":
+        return rng.uniform(1, 2, n)
+    if family == "broadcast":
+        return rng.uniform(0.5, 1.5, (n, n))
+    return None
+
+
+def expected(family, n):
+    """(vars, rows, nz) by the definition."""
+    grid = (n + 1) ** 2
+    return {
+        "basic": (2 * n * n, 2 * n * n, 4 * n * n),
+        "knapsack": (n, 1, n),
+        "sparserows": (n, n, 5 * n),
+        "fac": (grid * n * 4 + 2 * n + 1, grid + 3 * grid * n, 8 * grid * n),
+        "nqueens": (n * n, 6 * n - 2, 4 * n * n),
+        "network": (48 * n, 24 * n, 72 * n),
+        "mxm": (n * n, n * n, n**3),
+        "sum2d": (n * n, 1, n * n),
+        "rowsum": (n * n, n, n * n),
+        "broadcast": (2 * n + n * n, n * n, 3 * n * n),
+    }[family]

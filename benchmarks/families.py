@@ -1,0 +1,153 @@
+"""Every family written with tarvopy as a user would write it. `python benchmarks/families.py --check` compares tiny
+models, entry by entry, with arrays made by hand.
+
+`common` may be another runner's module of that name, if its folder stands first on the path: the data then come from
+there.
+"""
+
+import sys
+
+import numpy as np
+import scipy.sparse as sp
+from common import M_FAC, WARM, data
+
+import tarvopy
+
+INF = np.inf
+
+
+def loaded(m):
+    """Loads the engine; the callable given back has the counts and keeps the model."""
+    counts = m.prepare()
+    return lambda: {**counts, "_model": m}
+
+
+def basic(n):
+    m = tarvopy.Model()
+    x = m.addMVar((n, n), lb=-INF, obj=2)
+    y = m.addMVar((n, n), lb=-INF, obj=1)
+    m.addConstr(x - y >= np.arange(float(n))[:, None])
+    m.addConstr(x + y >= 0)
+    return loaded(m)
+
+
+def knapsack(n):
+    v, w = data("knapsack", n)
+    m = tarvopy.Model()
+    x = m.addMVar(n, vtype="B", obj=v)
+    m.addConstr(w @ x <= 200)
+    m.ModelSense = tarvopy.TRV.MAXIMIZE
+    return loaded(m)
+
+
+def sparserows(n):
+    A, b, c = data("sparserows", n)
+    m = tarvopy.Model()
+    x = m.addMVar(n, ub=1, obj=c)
+    m.addConstr(A @ x <= b)
+    return loaded(m)
+
+
+def fac(g):
+    points, grid = (g + 1) ** 2, np.arange(g + 1) / g
+    place = np.stack([np.repeat(grid, g + 1), np.tile(grid, g + 1)], 1)
+    m = tarvopy.Model()
+    y = m.addMVar((g, 2), ub=1)
+    s = m.addMVar((points, g))
+    z = m.addMVar((points, g), vtype="B")
+    r = m.addMVar((points, g, 2), lb=-INF)
+    d = m.addMVar((), lb=-INF, obj=1)
+    m.addConstr(z.sum(axis=1) == 1)
+    m.addConstr(s == d + M_FAC * (1 - z))
+    m.addConstr(r + y == place[:, None, :])
+    return loaded(m)
+
+
+def nqueens(n):
+    m = tarvopy.Model()
+    x = m.addMVar((n, n), vtype="B")
+    m.addConstr(x.sum(axis=1) == 1)
+    m.addConstr(x.sum(axis=0) == 1)
+    for board in (x, x[:, ::-1]):
+        for k in range(-n + 1, n):
+            m.addConstr(board.diagonal(k).sum() <= 1)
+    return loaded(m)
+
+
+def network(n):
+    K, demand, cost = data("network", n)
+    m = tarvopy.Model()
+    gen = m.addMVar((n, 24), ub=9, obj=cost)
+    flow = m.addMVar((n, 24), lb=-9, ub=9)
+    m.addConstr(gen + K @ flow == demand)
+    return loaded(m)
+
+
+def mxm(n):
+    A, C = data("mxm", n)
+    m = tarvopy.Model()
+    X = m.addMVar((n, n), obj=1)
+    m.addConstr(A @ X <= C)
+    return loaded(m)
+
+
+def sum2d(n):
+    m = tarvopy.Model()
+    X = m.addMVar((n, n))
+    m.addConstr(X.sum() <= n)
+    return loaded(m)
+
+
+def rowsum(n):
+    m = tarvopy.Model()
+    X = m.addMVar((n, n))
+    m.addConstr(X.sum(axis=1) <= data("rowsum", n))
+    return loaded(m)
+
+
+def broadcast(n):
+    C = data("broadcast", n)
+    m = tarvopy.Model()
+    x = m.addMVar((n, 1))
+    y = m.addMVar((1, n))
+    z = m.addMVar((n, n))
+    m.addConstr(x * C + y - z <= 0)
+    return loaded(m)
+
+
+FAMILIES = {f.__name__: f for f in (basic, knapsack, sparserows, fac, nqueens, network, mxm, sum2d, rowsum, broadcast)}
+
+
+def differences(family, size):
+    """What a family's model and the arrays made by hand do not agree on; empty if they are the same model."""
+    from by_hand import ARRAYS
+
+    want, m = ARRAYS[family](size), FAMILIES[family](size)()["_model"]
+    columns, rows = m.getVars(), m.getConstrs()
+    integer = np.zeros(len(want.lb)) if want.integer is None else want.integer
+    wanted_rows = sp.csr_array((want.values, want.indices, want.indptr), shape=(len(want.lower), len(want.lb)))
+    pairs = {
+        "rows": (m.getA().toarray(), wanted_rows.toarray()),
+        "lower sides": ([c.Lower for c in rows], want.lower),
+        "upper sides": ([c.Upper for c in rows], want.upper),
+        "lower bounds": ([x.LB for x in columns], want.lb),
+        "upper bounds": ([x.UB for x in columns], want.ub),
+        "costs": ([x.Obj for x in columns], want.cost),
+        "integrality": ([x.VType != "C" for x in columns], integer),
+        "sense": (m.ModelSense, -1 if want.maximize else 1),
+    }
+    return [what for what, (got, by_hand) in pairs.items() if not np.array_equal(got, by_hand)]
+
+
+def check():
+    failed = 0
+    for family in FAMILIES:
+        found = differences(family, WARM.get(family, 6))
+        failed += bool(found)
+        print(f"{family}: {'differs in ' + ', '.join(found) if found else 'same'}")
+    print(f"{len(FAMILIES) - failed} passed, {failed} failed")
+    return failed
+
+
+if __name__ == "__main__":
+    sys.exit(bool(check()) if sys.argv[1:] == ["--check"] else "usage: families.py --check")
