@@ -1,0 +1,253 @@
+#include "operands.h"
+
+#include "base.h"
+#include "names.h"
+#include "pysupport/numbers.h"
+
+#include <string_view>
+
+namespace tarvopy {
+
+using namespace pysupport;
+
+// ---- kinds ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+Operand matrix_kind(PyObject *object) {
+    if (PyObject_TypeCheck(object, state.MVar))
+        return Operand::MVar;
+    if (PyObject_TypeCheck(object, state.MLinExpr))
+        return Operand::MLinExpr;
+    if (PyObject_TypeCheck(object, state.MQuadExpr))
+        return Operand::MQuadExpr;
+    return PyObject_TypeCheck(object, state.MNLExpr) ? Operand::MNLExpr : Operand::Other;
+}
+
+} // namespace
+
+Operand kind_of(PyObject *object) {
+    if (PyFloat_CheckExact(object) || PyLong_CheckExact(object))
+        return Operand::Scalar;
+    if (is_matrix(object))
+        return matrix_kind(object);
+    const CoreApi &core = *state.core;
+    if (PyObject_TypeCheck(object, core.Var))
+        return Operand::Var;
+    if (PyObject_TypeCheck(object, core.LinExpr))
+        return Operand::LinExpr;
+    if (PyObject_TypeCheck(object, core.QuadExpr))
+        return Operand::QuadExpr;
+    if (PyObject_TypeCheck(object, core.NLExpr))
+        return Operand::NLExpr;
+    if (is_array(object))
+        return Operand::Array;
+    if (is_sparse(object))
+        return Operand::Sparse;
+    return is_scalar(object) ? Operand::Scalar : Operand::Other;
+}
+
+bool is_sparse(PyObject *object) {
+    static PyObject *issparse = nullptr; // kept for the life of the process
+    if (!issparse) {
+        PyObject *module = PyDict_GetItemString(PyImport_GetModuleDict(), "scipy.sparse"); // borrowed
+        if (!module || !(issparse = PyObject_GetAttrString(module, "issparse"))) {
+            PyErr_Clear();
+            return false;
+        }
+    }
+    Ref answer = check(PyObject_CallOneArg(issparse, object));
+    return answer.is(Py_True);
+}
+
+bool is_scalar(PyObject *object) { return is_number(object); }
+
+double number(PyObject *scalar) {
+    double value;
+    if (!number_value(scalar, &value))
+        fail(PyExc_TypeError, "'%.200s' object is not a number", Py_TYPE(scalar)->tp_name);
+    return value;
+}
+
+// ---- arrays --------------------------------------------------------------------------------------------------------
+
+namespace {
+
+bool is_numpy_matrix(PyObject *array) {
+    return std::string_view(Py_TYPE(array)->tp_name) == "matrix";
+}
+
+// The number types whose every value (to rounding) is a double; longdouble is not among them.
+bool reads_as_double(int type) {
+    return PyTypeNum_ISBOOL(type) || PyTypeNum_ISINTEGER(type) || type == NPY_HALF || type == NPY_FLOAT || type == NPY_DOUBLE;
+}
+
+} // namespace
+
+Ref float_array(PyObject *array) {
+    PyArrayObject *given = as_array(array);
+    if (!reads_as_double(PyArray_TYPE(given)) || (!PyArray_CheckExact(array) && !is_numpy_matrix(array)))
+        return {};
+    return check(PyArray_FROMANY(array, NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST));
+}
+
+Ref plain_array(PyObject *array) { return check(PyArray_EnsureArray(Ref::borrow(array).release())); }
+
+Ref to_dense(PyObject *sparse) {
+    Ref dense = check(PyObject_CallMethodNoArgs(sparse, state.toarray));
+    need_numpy();
+    if (!PyArray_Check(dense.get()))
+        fail(PyExc_TypeError, "toarray() of %.200s gave no array", Py_TYPE(sparse)->tp_name);
+    return plain_array(dense.get());
+}
+
+Ref new_doubles(const flat::Shape &shape) {
+    need_numpy();
+    std::vector<npy_intp> dims(shape.begin(), shape.end());
+    return check(PyArray_SimpleNew(static_cast<int>(dims.size()), dims.data(), NPY_DOUBLE));
+}
+
+Ref scalar_array(double value) {
+    Ref array = new_doubles({});
+    *static_cast<double *>(PyArray_DATA(as_array(array))) = value;
+    return array;
+}
+
+flat::Dense dense_of(const Ref &float_matrix) {
+    PyArrayObject *array = as_array(float_matrix);
+    int64_t item = sizeof(double);
+    return {doubles(float_matrix), PyArray_DIM(array, 0), PyArray_DIM(array, 1), PyArray_STRIDE(array, 0) / item,
+            PyArray_STRIDE(array, 1) / item};
+}
+
+// ---- shapes --------------------------------------------------------------------------------------------------------
+
+flat::Shape shape_of_array(PyObject *array) {
+    PyArrayObject *given = as_array(array);
+    return {PyArray_DIMS(given), PyArray_DIMS(given) + PyArray_NDIM(given)};
+}
+
+Ref shape_tuple(const flat::Shape &shape) {
+    Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(shape.size())));
+    for (size_t d = 0; d < shape.size(); ++d)
+        PyTuple_SET_ITEM(tuple.get(), static_cast<Py_ssize_t>(d), check(PyLong_FromLongLong(shape[d])).release());
+    return tuple;
+}
+
+flat::Shape shape_of_tuple(PyObject *tuple) {
+    flat::Shape shape;
+    if (!PyTuple_Check(tuple))
+        fail(PyExc_TypeError, "a shape must be a tuple, not '%.200s'", Py_TYPE(tuple)->tp_name);
+    for (Py_ssize_t d = 0; d < PyTuple_GET_SIZE(tuple); ++d)
+        shape.push_back(check_value(PyLong_AsLongLong(PyTuple_GET_ITEM(tuple, d))));
+    return shape;
+}
+
+bool allows_compact(const flat::Shape &shape) {
+    return shape.size() < 3 && std::count_if(shape.begin(), shape.end(), [](int64_t n) { return n > 1; }) < 2;
+}
+
+// ---- sparse matrices -----------------------------------------------------------------------------------------------
+
+namespace {
+
+// An integer array of any width, as int64.
+Ref index_array(PyObject *given, const char *name) {
+    if (!PyArray_Check(given) || !PyTypeNum_ISINTEGER(PyArray_TYPE(as_array(given))) || PyArray_NDIM(as_array(given)) != 1)
+        fail(PyExc_ValueError, "%s of a sparse matrix must be a one-dimensional array of integers", name);
+    return check(PyArray_FROMANY(given, PyArray_ITEMSIZE(as_array(given)) <= 4 && PyArray_TYPE(as_array(given)) != NPY_UINT32
+                                            ? NPY_INT32 : NPY_INT64,
+                                 1, 1, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST));
+}
+
+Ref value_array(PyObject *given) {
+    Ref values = PyArray_Check(given) ? float_array(plain_array(given).get()) : Ref();
+    if (!values)
+        fail(PyExc_TypeError, "the entries of a sparse matrix must be real numbers, not %R", given);
+    return values;
+}
+
+// Calls use(pointer to the entries) with the array's own width.
+template <class Use> auto with_entries(const Ref &array, Use use) {
+    void *data = PyArray_DATA(as_array(array));
+    return PyArray_ITEMSIZE(as_array(array)) == 4 ? use(static_cast<const int32_t *>(data))
+                                                  : use(static_cast<const int64_t *>(data));
+}
+
+flat::Buffer<int64_t> checked_pointers(const Ref &indptr, int64_t rows, int64_t available) {
+    int64_t given = PyArray_SIZE(as_array(indptr));
+    if (given != rows + 1)
+        fail(PyExc_ValueError, "a sparse matrix with %lld rows needs %lld row pointers, not %lld", static_cast<long long>(rows),
+             static_cast<long long>(rows + 1), static_cast<long long>(given));
+    flat::Buffer<int64_t> result(rows + 1);
+    with_entries(indptr, [&](auto *from) {
+        int64_t *to = result.write(), last = 0;
+        for (int64_t i = 0; i <= rows; ++i) {
+            int64_t pointer = from[i];
+            if (pointer < last || (i == 0 && pointer != 0))
+                fail(PyExc_ValueError, "row pointers of a sparse matrix must not decrease from 0: entry %lld is %lld",
+                     static_cast<long long>(i), static_cast<long long>(pointer));
+            to[i] = last = pointer;
+        }
+        return 0;
+    });
+    if (result[rows] > available)
+        fail(PyExc_ValueError, "row pointers of a sparse matrix end at %lld, but it has %lld entries",
+             static_cast<long long>(result[rows]), static_cast<long long>(available));
+    return result;
+}
+
+flat::Buffer<int32_t> checked_columns(const Ref &indices, int64_t nnz, int64_t cols) {
+    flat::Buffer<int32_t> result(nnz);
+    with_entries(indices, [&](auto *from) {
+        int32_t *to = result.write();
+        uint64_t bound = static_cast<uint64_t>(cols), bad = 0;
+        // One test for both ends, kept out of the loop's way: the first bad entry is looked for only if there is one.
+        for (int64_t k = 0; k < nnz; ++k) {
+            to[k] = static_cast<int32_t>(from[k]);
+            bad |= static_cast<uint64_t>(static_cast<int64_t>(from[k])) >= bound;
+        }
+        for (int64_t k = 0; bad && k < nnz; ++k)
+            if (static_cast<uint64_t>(static_cast<int64_t>(from[k])) >= bound)
+                fail(PyExc_ValueError, "column index %lld of a sparse matrix is out of range for %lld columns",
+                     static_cast<long long>(from[k]), static_cast<long long>(cols));
+        return 0;
+    });
+    return result;
+}
+
+} // namespace
+
+flat::Csr csr_from_arrays(PyObject *indptr, PyObject *indices, PyObject *data, int64_t rows, int64_t cols) {
+    need_numpy();
+    if (cols > INT32_MAX || rows > INT32_MAX)
+        fail(PyExc_ValueError, "a sparse matrix of shape (%lld, %lld) is too large", static_cast<long long>(rows),
+             static_cast<long long>(cols));
+    Ref pointers = index_array(indptr, "indptr"), columns = index_array(indices, "indices"), values = value_array(data);
+    if (PyArray_NDIM(as_array(values)) != 1 || PyArray_SIZE(as_array(columns)) != PyArray_SIZE(as_array(values)))
+        fail(PyExc_ValueError, "a sparse matrix has %lld column indices but %lld entries",
+             static_cast<long long>(PyArray_SIZE(as_array(columns))), static_cast<long long>(PyArray_SIZE(as_array(values))));
+    flat::Csr csr{rows, cols, checked_pointers(pointers, rows, PyArray_SIZE(as_array(values))), {}, {}};
+    csr.index = checked_columns(columns, csr.nnz(), cols);
+    csr.value = flat::Buffer<double>::copy_of(doubles(values), csr.nnz());
+    return csr;
+}
+
+flat::Csr csr_of(PyObject *sparse) {
+    need_numpy();
+    Ref format = check(PyObject_GetAttr(sparse, state.format));
+    bool is_csr = PyUnicode_Check(format.get()) && PyUnicode_EqualToUTF8(format.get(), "csr");
+    Ref csr = is_csr ? Ref::borrow(sparse) : check(PyObject_CallMethodNoArgs(sparse, state.tocsr));
+    Ref tuple = check(PyObject_GetAttr(csr.get(), state.shape));
+    flat::Shape shape = shape_of_tuple(tuple.get());
+    if (shape.size() == 1) // a one-dimensional sparse array is one row
+        shape.insert(shape.begin(), 1);
+    if (shape.size() != 2)
+        fail(PyExc_ValueError, "a sparse matrix must have one or two dimensions, not %zd", static_cast<Py_ssize_t>(shape.size()));
+    Ref indptr = check(PyObject_GetAttr(csr.get(), state.indptr));
+    Ref indices = check(PyObject_GetAttr(csr.get(), state.indices));
+    Ref data = check(PyObject_GetAttr(csr.get(), state.data));
+    return csr_from_arrays(indptr.get(), indices.get(), data.get(), shape[0], shape[1]);
+}
+
+} // namespace tarvopy

@@ -1,0 +1,59 @@
+// What stands on the other side of an operator: kinds of operand, and numeric operands as plain arrays.
+//
+//   switch (kind_of(other)) { case Operand::Array: ...                one dispatch for every operator
+//   Ref a = float_array(other)       a C-contiguous float64 ndarray (never a subclass), or empty: take the element-wise path
+//   flat::Csr m = csr_of(sparse)     a checked copy of a SciPy matrix of any format
+#pragma once
+
+#include "flat_product.h"
+#include "pysupport/error.h"
+#include "pysupport/numpy.h"
+
+namespace tarvopy {
+
+using pysupport::Ref;
+
+enum class Operand {
+    MVar, MLinExpr, MQuadExpr, MNLExpr,
+    Var, LinExpr, QuadExpr, NLExpr,
+    Array, Sparse, Scalar,
+    Other,
+};
+
+// Arrays and SciPy's matrices are recognised only where NumPy and SciPy are loaded already: an operand cannot be one before.
+Operand kind_of(PyObject *object);
+bool is_sparse(PyObject *object);
+bool is_scalar(PyObject *object); // a plain number, as _util._isscalar says
+
+// The value of a number; throws for one that float() refuses (complex).
+double number(PyObject *scalar);
+
+// Bool, integer and float arrays of up to 8 bytes an element, exact ndarrays and numpy.matrix alike; empty for every other dtype and subclass.
+Ref float_array(PyObject *array);
+// The array itself, as an exact ndarray (a subclass is seen as its base): what the element-wise path works on.
+Ref plain_array(PyObject *array);
+Ref to_dense(PyObject *sparse); // sparse.toarray()
+// 0-dimensional float64 array of a number.
+Ref scalar_array(double value);
+
+flat::Shape shape_of_array(PyObject *array);
+Ref shape_tuple(const flat::Shape &shape);
+// Of a Python shape tuple.
+flat::Shape shape_of_tuple(PyObject *tuple);
+inline const double *doubles(const Ref &array) {
+    return static_cast<const double *>(PyArray_DATA(pysupport::as_array(array)));
+}
+// A new C-contiguous float64 array, not cleared.
+Ref new_doubles(const flat::Shape &shape);
+
+// NumPy's broadcast of two shapes; ValueError naming both.
+flat::Shape broadcast_shapes(const flat::Shape &a, const flat::Shape &b);
+bool allows_compact(const flat::Shape &shape);
+
+// Pointers, columns and lengths are checked (ValueError); int64, unsorted and doubled columns are fine and stay as they are.
+flat::Csr csr_of(PyObject *sparse);
+// The same from the three arrays of a compressed matrix, in the given dimensions.
+flat::Csr csr_from_arrays(PyObject *indptr, PyObject *indices, PyObject *data, int64_t rows, int64_t cols);
+flat::Dense dense_of(const Ref &float_matrix); // of a two-dimensional float64 array
+
+} // namespace tarvopy
