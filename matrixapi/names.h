@@ -58,6 +58,12 @@ using pysupport::Ref;
     X(hstack)                                                                                                                \
     X(vstack)                                                                                                                \
     X(axis)                                                                                                                  \
+    X(format)                                                                                                                \
+    X(tocsr)                                                                                                                 \
+    X(indptr)                                                                                                                \
+    X(indices)                                                                                                               \
+    X(data)                                                                                                                  \
+    X(T)                                                                                                                     \
     X(issparse)                                                                                                              \
     X(csr_matrix)                                                                                                            \
     X(partial)                                                                                                               \

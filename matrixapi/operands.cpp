@@ -1,6 +1,7 @@
 #include "operands.h"
 
 #include "base.h"
+#include "mlinexpr.h"
 #include "names.h"
 #include "pysupport/numbers.h"
 
@@ -14,14 +15,16 @@ using namespace pysupport;
 
 namespace {
 
+PyTypeObject *type(PyObject *cls) { return reinterpret_cast<PyTypeObject *>(cls); }
+
 Operand matrix_kind(PyObject *object) {
-    if (PyObject_TypeCheck(object, state.MVar))
+    if (PyObject_TypeCheck(object, type(mod.MVar)))
         return Operand::MVar;
-    if (PyObject_TypeCheck(object, state.MLinExpr))
+    if (PyObject_TypeCheck(object, type(mod.MLinExpr)))
         return Operand::MLinExpr;
-    if (PyObject_TypeCheck(object, state.MQuadExpr))
+    if (PyObject_TypeCheck(object, type(mod.MQuadExpr)))
         return Operand::MQuadExpr;
-    return PyObject_TypeCheck(object, state.MNLExpr) ? Operand::MNLExpr : Operand::Other;
+    return PyObject_TypeCheck(object, type(mod.MNLExpr)) ? Operand::MNLExpr : Operand::Other;
 }
 
 } // namespace
@@ -31,7 +34,7 @@ Operand kind_of(PyObject *object) {
         return Operand::Scalar;
     if (is_matrix(object))
         return matrix_kind(object);
-    const CoreApi &core = *state.core;
+    const CoreApi &core = *mod.core;
     if (PyObject_TypeCheck(object, core.Var))
         return Operand::Var;
     if (PyObject_TypeCheck(object, core.LinExpr))
@@ -84,7 +87,7 @@ bool reads_as_double(int type) {
 
 } // namespace
 
-Ref float_array(PyObject *array) {
+Ref as_doubles(PyObject *array) {
     PyArrayObject *given = as_array(array);
     if (!reads_as_double(PyArray_TYPE(given)) || (!PyArray_CheckExact(array) && !is_numpy_matrix(array)))
         return {};
@@ -94,23 +97,11 @@ Ref float_array(PyObject *array) {
 Ref plain_array(PyObject *array) { return check(PyArray_EnsureArray(Ref::borrow(array).release())); }
 
 Ref to_dense(PyObject *sparse) {
-    Ref dense = check(PyObject_CallMethodNoArgs(sparse, state.toarray));
+    Ref dense = check(PyObject_CallMethodNoArgs(sparse, names.toarray));
     need_numpy();
     if (!PyArray_Check(dense.get()))
         fail(PyExc_TypeError, "toarray() of %.200s gave no array", Py_TYPE(sparse)->tp_name);
     return plain_array(dense.get());
-}
-
-Ref new_doubles(const flat::Shape &shape) {
-    need_numpy();
-    std::vector<npy_intp> dims(shape.begin(), shape.end());
-    return check(PyArray_SimpleNew(static_cast<int>(dims.size()), dims.data(), NPY_DOUBLE));
-}
-
-Ref scalar_array(double value) {
-    Ref array = new_doubles({});
-    *static_cast<double *>(PyArray_DATA(as_array(array))) = value;
-    return array;
 }
 
 flat::Dense dense_of(const Ref &float_matrix) {
@@ -127,13 +118,6 @@ flat::Shape shape_of_array(PyObject *array) {
     return {PyArray_DIMS(given), PyArray_DIMS(given) + PyArray_NDIM(given)};
 }
 
-Ref shape_tuple(const flat::Shape &shape) {
-    Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(shape.size())));
-    for (size_t d = 0; d < shape.size(); ++d)
-        PyTuple_SET_ITEM(tuple.get(), static_cast<Py_ssize_t>(d), check(PyLong_FromLongLong(shape[d])).release());
-    return tuple;
-}
-
 flat::Shape shape_of_tuple(PyObject *tuple) {
     flat::Shape shape;
     if (!PyTuple_Check(tuple))
@@ -143,8 +127,22 @@ flat::Shape shape_of_tuple(PyObject *tuple) {
     return shape;
 }
 
-bool allows_compact(const flat::Shape &shape) {
-    return shape.size() < 3 && std::count_if(shape.begin(), shape.end(), [](int64_t n) { return n > 1; }) < 2;
+namespace {
+
+// Calls one of _util's shape functions, whose errors name both shapes.
+flat::Shape shape_by(PyObject *function, const flat::Shape &a, const flat::Shape &b, PyObject *more = nullptr) {
+    Ref left = shape_tuple(a), right = shape_tuple(b);
+    return shape_of_tuple(check(PyObject_CallFunctionObjArgs(function, left.get(), right.get(), more, nullptr)).get());
+}
+
+} // namespace
+
+flat::Shape broadcast_shapes(const flat::Shape &a, const flat::Shape &b) {
+    return a == b ? a : shape_by(mod.broadcast_shapes, a, b);
+}
+
+flat::Shape matmul_shape(const flat::Shape &a, const flat::Shape &b) {
+    return shape_by(mod.matmul_shape, a, b, Py_True);
 }
 
 // ---- sparse matrices -----------------------------------------------------------------------------------------------
@@ -161,7 +159,7 @@ Ref index_array(PyObject *given, const char *name) {
 }
 
 Ref value_array(PyObject *given) {
-    Ref values = PyArray_Check(given) ? float_array(plain_array(given).get()) : Ref();
+    Ref values = PyArray_Check(given) ? as_doubles(plain_array(given).get()) : Ref();
     if (!values)
         fail(PyExc_TypeError, "the entries of a sparse matrix must be real numbers, not %R", given);
     return values;
@@ -235,18 +233,18 @@ flat::Csr csr_from_arrays(PyObject *indptr, PyObject *indices, PyObject *data, i
 
 flat::Csr csr_of(PyObject *sparse) {
     need_numpy();
-    Ref format = check(PyObject_GetAttr(sparse, state.format));
+    Ref format = check(PyObject_GetAttr(sparse, names.format));
     bool is_csr = PyUnicode_Check(format.get()) && PyUnicode_EqualToUTF8(format.get(), "csr");
-    Ref csr = is_csr ? Ref::borrow(sparse) : check(PyObject_CallMethodNoArgs(sparse, state.tocsr));
-    Ref tuple = check(PyObject_GetAttr(csr.get(), state.shape));
+    Ref csr = is_csr ? Ref::borrow(sparse) : check(PyObject_CallMethodNoArgs(sparse, names.tocsr));
+    Ref tuple = check(PyObject_GetAttr(csr.get(), names.shape));
     flat::Shape shape = shape_of_tuple(tuple.get());
     if (shape.size() == 1) // a one-dimensional sparse array is one row
         shape.insert(shape.begin(), 1);
     if (shape.size() != 2)
         fail(PyExc_ValueError, "a sparse matrix must have one or two dimensions, not %zd", static_cast<Py_ssize_t>(shape.size()));
-    Ref indptr = check(PyObject_GetAttr(csr.get(), state.indptr));
-    Ref indices = check(PyObject_GetAttr(csr.get(), state.indices));
-    Ref data = check(PyObject_GetAttr(csr.get(), state.data));
+    Ref indptr = check(PyObject_GetAttr(csr.get(), names.indptr));
+    Ref indices = check(PyObject_GetAttr(csr.get(), names.indices));
+    Ref data = check(PyObject_GetAttr(csr.get(), names.data));
     return csr_from_arrays(indptr.get(), indices.get(), data.get(), shape[0], shape[1]);
 }
 

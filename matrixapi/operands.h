@@ -1,7 +1,7 @@
 // What stands on the other side of an operator: kinds of operand, and numeric operands as plain arrays.
 //
 //   switch (kind_of(other)) { case Operand::Array: ...                one dispatch for every operator
-//   Ref a = float_array(other)       a C-contiguous float64 ndarray (never a subclass), or empty: take the element-wise path
+//   Ref a = as_doubles(other)        a C-contiguous float64 ndarray (never a subclass), or empty: take the element-wise path
 //   flat::Csr m = csr_of(sparse)     a checked copy of a SciPy matrix of any format
 #pragma once
 
@@ -29,26 +29,22 @@ bool is_scalar(PyObject *object); // a plain number, as _util._isscalar says
 double number(PyObject *scalar);
 
 // Bool, integer and float arrays of up to 8 bytes an element, exact ndarrays and numpy.matrix alike; empty for every other dtype and subclass.
-Ref float_array(PyObject *array);
+Ref as_doubles(PyObject *array);
 // The array itself, as an exact ndarray (a subclass is seen as its base): what the element-wise path works on.
 Ref plain_array(PyObject *array);
 Ref to_dense(PyObject *sparse); // sparse.toarray()
-// 0-dimensional float64 array of a number.
-Ref scalar_array(double value);
 
 flat::Shape shape_of_array(PyObject *array);
-Ref shape_tuple(const flat::Shape &shape);
 // Of a Python shape tuple.
 flat::Shape shape_of_tuple(PyObject *tuple);
 inline const double *doubles(const Ref &array) {
     return static_cast<const double *>(PyArray_DATA(pysupport::as_array(array)));
 }
-// A new C-contiguous float64 array, not cleared.
-Ref new_doubles(const flat::Shape &shape);
 
 // NumPy's broadcast of two shapes; ValueError naming both.
 flat::Shape broadcast_shapes(const flat::Shape &a, const flat::Shape &b);
-bool allows_compact(const flat::Shape &shape);
+// Of a matrix product, by NumPy's rules; ValueError naming both.
+flat::Shape matmul_shape(const flat::Shape &a, const flat::Shape &b);
 
 // Pointers, columns and lengths are checked (ValueError); int64, unsorted and doubled columns are fine and stay as they are.
 flat::Csr csr_of(PyObject *sparse);
