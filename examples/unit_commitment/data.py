@@ -53,12 +53,10 @@ class Units:
 
     @property
     def names(self) -> list[str]:
-        """`23: 350 MW a`: bus, size, and a letter that tells equal units at one bus apart."""
-        names, seen = [], {}
-        for bus, size in zip(self.bus + 1, self.pmax, strict=True):
-            letter = seen[bus, size] = seen.get((bus, size), -1) + 1
-            names.append(f"bus {bus}, {size:.0f} MW {chr(ord('a') + letter)}")
-        return names
+        """`bus 7, 100 MW b`: bus, size, and a letter where equal units share a bus."""
+        kinds = [f"bus {bus}, {size:.0f} MW" for bus, size in zip(self.bus + 1, self.pmax, strict=True)]
+        letters = [f" {chr(ord('a') + kinds[:place].count(kind))}" for place, kind in enumerate(kinds)]
+        return [kind + letter * (kinds.count(kind) > 1) for kind, letter in zip(kinds, letters, strict=True)]
 
 
 @dataclass

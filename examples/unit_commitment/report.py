@@ -63,7 +63,8 @@ def picture(system: System, day: Schedule, path: Path) -> None:
     stack, running = left.subplots(2, 1, height_ratios=[1, 1.15], sharex=True)
     price, *flows = right.subplots(1 + TIGHTEST, 1, height_ratios=[1.5] + [1] * TIGHTEST, sharex=True)
     _draw_stack(stack, system, day)
-    _draw_running(running, system, day)
+    shades = _draw_running(running, system, day)
+    left.colorbar(shades, ax=(stack, running), label="output / capacity", shrink=0.5, anchor=(0, 0), pad=0.02)
     _draw_prices(price, day)
     order = np.argsort(-line_loading(system, day), kind="stable")
     _draw_flows(flows, system, day, order[:TIGHTEST])
@@ -92,18 +93,23 @@ def _draw_stack(axes, system: System, day: Schedule) -> None:
     edges = np.arange(system.load.shape[1] + 1)
     below = np.zeros(len(edges))
     for size, (label, colour) in FUELS.items():
-        above = below + _steps(day.output[system.units.pmax == size].sum(axis=0))
+        output = day.output[system.units.pmax == size].sum(axis=0)
+        if not output.any():
+            continue
+        above = below + _steps(output)
         axes.fill_between(edges, below, above, step="post", color=colour, label=label, linewidth=0)
         below = above
     axes.step(edges, _steps(system.load.sum(axis=0)), where="post", color="black", linewidth=1.5, label="load")
     axes.set_ylim(0, 1.08 * system.load.sum(axis=0).max())
     axes.set(title="Dispatch", ylabel="output (MW)")
     handles, labels = axes.get_legend_handles_labels()
-    axes.legend(handles[::-1], labels[::-1], loc="center left", bbox_to_anchor=(1.0, 0.5), frameon=False, fontsize=9)
+    axes.legend(
+        handles[::-1], labels[::-1], loc="upper center", bbox_to_anchor=(0.5, -0.04), ncol=4, frameon=False, fontsize=9
+    )
 
 
-def _draw_running(axes, system: System, day: Schedule) -> None:
-    """Units by fuel, from the bottom of the stack upwards; the shade says how far a running unit is loaded."""
+def _draw_running(axes, system: System, day: Schedule):
+    """Units by fuel as in the stack; shades say how far a running unit is loaded, and are returned for their scale."""
     units = system.units
     order = np.concatenate([np.flatnonzero(units.pmax == size) for size in FUELS])
     load = np.where(day.on > 0.5, day.output / units.pmax[:, None], np.nan)[order]
@@ -112,7 +118,7 @@ def _draw_running(axes, system: System, day: Schedule) -> None:
     axes.set_facecolor("#efefef")
     axes.set_yticks(np.arange(len(order)) + 0.5, [units.names[unit] for unit in order], fontsize=7)
     axes.set(title="Running units (grey: off)")
-    axes.figure.colorbar(image, ax=axes, label="output / capacity", pad=0.02)
+    return image
 
 
 def _draw_prices(axes, day: Schedule) -> None:
@@ -132,10 +138,11 @@ def _draw_flows(panels, system: System, day: Schedule, lines: np.ndarray) -> Non
         sign = np.sign(day.flow[line][np.abs(day.flow[line]).argmax()])  # drawn in the direction of the largest flow
         limit, flow = system.limit[line], sign * day.flow[line]
         first, second = system.line_names[line].split("-")[:: int(sign) or 1]
-        axes.axhline(limit, color="black", linestyle="--", linewidth=1, label=f"limit {limit:.0f} MW")
+        axes.axhline(limit, color="black", linestyle="--", linewidth=1, label=f"limit {limit:g} MW")
         axes.step(edges, _steps(flow), where="post", color="#2a6f97", label="flow")
         full = np.flatnonzero(np.abs(flow) > limit * (1 - 1e-6))
-        axes.plot(full + 0.5, flow[full], "o", color="#c8553d", markersize=4, label=f"at the limit ({len(full)} h)")
+        if full.size:
+            axes.plot(full + 0.5, flow[full], "o", color="#c8553d", markersize=4, label=f"at the limit, {len(full)} h")
         axes.set_ylim(min(0, 1.15 * flow.min()), 1.2 * limit)
         axes.set(title=f"Line from bus {first} to bus {second}", ylabel="flow (MW)")
         axes.title.set_fontsize(10)
