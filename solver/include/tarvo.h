@@ -204,8 +204,9 @@ TRV_API int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix);
 TRV_API void TRVfreematrix(TRVmatrix *matrix);
 
 /* What changed since TRVclearchanges, for an engine that keeps its model. structure != 0: elements were added or
- * removed, a vtype changed, or a list grew past a quarter of its kind: load anew. Positions of changed elements, each once; pointers
- * valid until the next change. */
+ * removed, a vtype changed, or more than a quarter of the coefficients (and more than a thousand): load anew. The lists of bounds, costs and sides may
+ * name every element: sending them keeps the engine's basis, loading anew loses it. Positions of changed elements, each
+ * once; pointers valid until the next change. */
 typedef struct TRVchanges {
     int structure;
     int objconstant, sense; /* flags */
@@ -231,8 +232,9 @@ typedef struct TRVresult {
 } TRVresult;
 TRV_API int TRVcommitsolution(TRVmodel *model, const TRVresult *result);
 
-/* How well the arrays of the open (or, if none is open, the committed) solution hold, in one pass. Violations are absolute; the worst
- * element's position, -1 where nothing is violated. Dual figures only with duals (has_duals): dual infeasibility is the reduced
+/* How well the arrays of the open (or, if none is open, the committed) solution hold, in one pass. The worst element is the one with the
+ * largest violation against its own scale; reported are its violation (absolute), its scale and its position, -1 where nothing
+ * is violated. So violation <= tolerance * scale holds for all elements where it holds for the worst. Dual figures only with duals (has_duals): dual infeasibility is the reduced
  * gradient c - A'pi - rc and the wrong-signed rc or pi; complementarity is the largest |multiplier| * distance to
  * its bound. */
 typedef struct TRVresiduals {
@@ -240,6 +242,7 @@ typedef struct TRVresiduals {
     int32_t worstrow, worstbound, worstintegral, worstdual, worstcomplementarity; /* the last two: variable positions, or
                                                                                      nvars + row position */
     double rowscale, boundscale, dualscale; /* what the violation may be measured against: 1 + largest term involved */
+    double complementarityscale;            /* 1 + the largest term of the objective */
 } TRVresiduals;
 TRV_API int TRVcheck(TRVmodel *model, int has_duals, TRVresiduals *residuals);
 /* The objective at x (by position), constant included. */

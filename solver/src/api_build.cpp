@@ -1,0 +1,148 @@
+// api_build.cpp: the functions of tarvo.h that make, fill and change a model.
+#include "border.h"
+
+using namespace store;
+
+int TRVnewmodel(const char *name, TRVmodel **out) {
+    if (!out)
+        return TRV_ERROR_INVALID_ARGUMENT;
+    *out = nullptr;
+    try {
+        TRVmodel *model = new TRVmodel;
+        *out = model;
+        model->name = name ? name : "";
+        return TRV_OK;
+    } catch (const std::exception &) {
+        delete *out;
+        *out = nullptr;
+        return TRV_ERROR_OUT_OF_MEMORY;
+    }
+}
+
+void TRVfreemodel(TRVmodel *model) {
+    delete model;
+}
+
+const char *TRVgeterrormsg(const TRVmodel *model) {
+    return model ? model->error.c_str() : "there is no model";
+}
+
+int TRVfail(TRVmodel *model, int code, const char *message) {
+    return model ? keepmessage(model, code, message ? message : "") : code;
+}
+
+void TRVfree(void *memory) {
+    std::free(memory);
+}
+
+int TRVaddvars(TRVmodel *model, int64_t n, const double *lb, int lbstep, const double *ub, int ubstep,
+               const double *obj, int objstep, const char *vtype, int vtypestep, const TRVnames *names,
+               int32_t *firstid) {
+    return border(model, [&] {
+        requirecount("variables", n);
+        requirepointer("LB", lb, n);
+        requirepointer("UB", ub, n);
+        requirepointer("Obj", obj, n);
+        requirepointer("VType", vtype, n);
+        const int32_t first = model->columns.add(n, lb, lbstep, ub, ubstep, obj, objstep, vtype, vtypestep, names);
+        if (firstid)
+            *firstid = first;
+    });
+}
+
+int TRVopenrows(TRVmodel *model, int64_t nrows, int64_t nnz, TRVrows *rows) {
+    return border(model, [&] {
+        requirepointer("rows", rows, 1);
+        requirecount("rows", nrows);
+        requirecount("terms", nnz);
+        *rows = model->rows.open(nrows, nnz);
+    });
+}
+
+int TRVcommitrows(TRVmodel *model, const double *lower, int lowerstep, const double *upper, int upperstep,
+                  const TRVnames *names, int32_t *firstid) {
+    return border(model, [&] {
+        const int32_t first = model->rows.commit(model->columns, lower, lowerstep, upper, upperstep, names);
+        if (firstid)
+            *firstid = first;
+    });
+}
+
+void TRVdroprows(TRVmodel *model) {
+    if (model)
+        model->rows.drop();
+}
+
+int TRVaddrows(TRVmodel *model, int64_t nrows, const int64_t *ptr, const int32_t *var, const double *coef,
+               const double *lower, int lowerstep, const double *upper, int upperstep, const TRVnames *names,
+               int32_t *firstid) {
+    return border(model, [&] {
+        requirecount("rows", nrows);
+        requirepointer("row pointers", ptr, 1);
+        const int64_t nnz = ptr[nrows];
+        requirecount("terms", nnz);
+        requirepointer("variables of terms", var, nnz);
+        requirepointer("coefficients", coef, nnz);
+        TRVrows open = model->rows.open(nrows, nnz);
+        std::memcpy(open.ptr, ptr, (nrows + 1) * sizeof *ptr);
+        if (nnz) {
+            std::memcpy(open.var, var, nnz * sizeof *var);
+            std::memcpy(open.coef, coef, nnz * sizeof *coef);
+        }
+        const int32_t first = model->rows.commit(model->columns, lower, lowerstep, upper, upperstep, names);
+        if (firstid)
+            *firstid = first;
+    });
+}
+
+int TRVsetobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, double constant, int sense) {
+    return border(model, [&] {
+        requirecount("terms", n);
+        requirepointer("variables of terms", var, n);
+        requirepointer("coefficients", coef, n);
+        model->setobjective(n, var, coef, constant, sense);
+    });
+}
+
+int TRVremove(TRVmodel *model, int kind, int64_t n, const int32_t *ids) {
+    return border(model, [&] {
+        requirecount("elements", n);
+        requirepointer("ids", ids, n);
+        model->remove(kind, n, ids);
+    });
+}
+
+int TRVupdatemodel(TRVmodel *model) {
+    return border(model, [&] { model->update(); });
+}
+
+int TRVgetrow(TRVmodel *model, int32_t row, int64_t *nnz, const int32_t **var, const double **coef) {
+    return border(model, [&] {
+        const int32_t slot = model->rows.ids.require(row, "row");
+        model->rows.purge(model->columns);
+        const Row terms = model->rows.row(slot);
+        *nnz = terms.n;
+        *var = terms.var;
+        *coef = terms.coef;
+    });
+}
+
+int TRVgetcoefs(TRVmodel *model, int64_t n, const int32_t *rows, const int32_t *vars, double *out) {
+    return border(model, [&] {
+        requirecount("coefficients", n);
+        requirepointer("rows", rows, n);
+        requirepointer("variables", vars, n);
+        requirepointer("coefficients", out, n);
+        model->getcoefficients(n, rows, vars, out);
+    });
+}
+
+int TRVsetcoefs(TRVmodel *model, int64_t n, const int32_t *rows, const int32_t *vars, const double *values) {
+    return border(model, [&] {
+        requirecount("coefficients", n);
+        requirepointer("rows", rows, n);
+        requirepointer("variables", vars, n);
+        requirepointer("coefficients", values, n);
+        model->setcoefficients(n, rows, vars, values);
+    });
+}

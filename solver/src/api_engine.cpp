@@ -1,0 +1,95 @@
+// api_engine.cpp: what an engine reads of the model and writes back.
+#include "border.h"
+#include "check.h"
+#include "elementattr.h"
+#include "matrix.h"
+
+using namespace store;
+
+int TRVgetdata(TRVmodel *model, TRVdata *data) {
+    return border(model, [&] {
+        requirepointer("data", data, 1);
+        const Columns &columns = model->columns;
+        const Rows &rows = model->rows;
+        TRVdata d{};
+        d.nvars = columns.ids.committed();
+        d.nrows = rows.ids.committed();
+        d.nnz = rows.nonzeros(columns);
+        d.lb = columns.lb.data();
+        d.ub = columns.ub.data();
+        d.obj = columns.obj.data();
+        d.vtype = columns.vtype.data();
+        d.lower = rows.lower.data();
+        d.upper = rows.upper.data();
+        d.objconstant = model->objconstant;
+        d.sense = model->sense;
+        d.nintegral = columns.integral();
+        d.start = model->solution.start(columns);
+        *data = d;
+    });
+}
+
+int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix) {
+    return border(model, [&] {
+        requirepointer("matrix", matrix, 1);
+        *matrix = csc ? matrixbycolumns(*model) : matrixbyrows(*model);
+    });
+}
+
+void TRVfreematrix(TRVmatrix *matrix) {
+    if (!matrix)
+        return;
+    std::free(matrix->start);
+    std::free(matrix->index);
+    std::free(matrix->value);
+    *matrix = TRVmatrix{};
+}
+
+int TRVgetchanges(TRVmodel *model, TRVchanges *changes) {
+    return border(model, [&] {
+        requirepointer("changes", changes, 1);
+        *changes = model->changes.list();
+    });
+}
+
+void TRVclearchanges(TRVmodel *model) {
+    if (model)
+        model->changes.clear();
+}
+
+int TRVopensolution(TRVmodel *model, double **x, double **rc, double **pi) {
+    return border(model, [&] {
+        Solution &solution = model->solution;
+        requirepointer("x, rc, pi", x && rc && pi ? x : nullptr, 1);
+        solution.open(model->columns.ids.committed(), model->rows.ids.committed());
+        *x = solution.openx().data();
+        *rc = solution.openrc().data();
+        *pi = solution.openpi().data();
+    });
+}
+
+int TRVcommitsolution(TRVmodel *model, const TRVresult *result) {
+    return border(model, [&] {
+        requirepointer("result", result, 1);
+        model->solution.commit(*result, model->columns.ids.committed(), model->rows.ids.committed());
+    });
+}
+
+int TRVcheck(TRVmodel *model, int has_duals, TRVresiduals *residuals) {
+    return border(model, [&] {
+        requirepointer("residuals", residuals, 1);
+        *residuals = checksolution(*model, has_duals != 0);
+    });
+}
+
+int TRVevalobjective(TRVmodel *model, const double *x, double *value) {
+    return border(model, [&] {
+        const int32_t n = model->columns.ids.committed();
+        requirepointer("x", x, n);
+        requirepointer("value", value, 1);
+        double sum = model->objconstant;
+        for (int32_t i = 0; i < n; i++)
+            sum += model->columns.obj[i] * x[i];
+        *value = sum;
+    });
+}

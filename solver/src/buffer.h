@@ -1,0 +1,118 @@
+// buffer.h: Buffer<T>, a growing array of plain values that never fills what it grows by.
+//
+//   Buffer<double> lb;
+//   double *end = lb.room(n);  write end[0..n);  lb.grow(n);      nothing is seen until grow, so a failure leaves no
+//   trace
+//
+// std::vector would write zeros over memory that is overwritten at once, which costs as much as the real writing (and
+// touches pages that nobody needs yet). Growing goes through realloc, which moves large blocks by remapping pages
+// instead of copying.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+namespace store {
+
+template <class T> class Buffer {
+    static_assert(std::is_trivially_copyable_v<T>);
+
+  public:
+    Buffer() = default;
+    Buffer(const Buffer &) = delete;
+    Buffer &operator=(const Buffer &) = delete;
+    Buffer(Buffer &&other) noexcept { swap(other); }
+    Buffer &operator=(Buffer &&other) noexcept {
+        Buffer taken(std::move(other));
+        swap(taken);
+        return *this;
+    }
+    ~Buffer() { std::free(data_); }
+
+    T *data() { return data_; }
+    const T *data() const { return data_; }
+    size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+    T &operator[](size_t i) { return data_[i]; }
+    const T &operator[](size_t i) const { return data_[i]; }
+    T *end() { return data_ + size_; }
+
+    // Capacity for n elements in all, no more.
+    void reserve(size_t n) {
+        if (n > capacity_)
+            reallocate(n);
+    }
+    // Where n more elements can be written; the size stays. The first block is taken exactly as large as asked for.
+    T *room(size_t n) {
+        size_t wanted = size_ + n;
+        if (wanted > capacity_) {
+            size_t generous = capacity_ + capacity_ / 2;
+            reallocate(wanted > generous ? wanted : generous);
+        }
+        return data_ + size_;
+    }
+    void grow(size_t n) noexcept { size_ += n; }
+    void cut(size_t n) noexcept { size_ = n; }
+    void resize(size_t n) {
+        if (n > size_)
+            room(n - size_);
+        size_ = n;
+    }
+    void push(T value) {
+        *room(1) = value;
+        size_++;
+    }
+    // Grows to n elements, the new ones having this value. Never shrinks.
+    void pad(size_t n, T value) {
+        if (n <= size_)
+            return;
+        T *p = room(n - size_);
+        for (size_t i = 0; i < n - size_; i++)
+            p[i] = value;
+        size_ = n;
+    }
+    // Gives back what is not used, where that is worth a call to the allocator; a failure to do so does not matter.
+    void shrink() noexcept {
+        if (capacity_ - size_ < 4096 || size_ == 0)
+            return;
+        if (void *p = std::realloc(static_cast<void *>(data_), size_ * sizeof(T))) {
+            data_ = static_cast<T *>(p);
+            capacity_ = size_;
+        }
+    }
+    void free() noexcept { Buffer().swap(*this); }
+    // The memory, which the taker gives back with std::free.
+    T *release() noexcept {
+        T *p = data_;
+        data_ = nullptr;
+        size_ = capacity_ = 0;
+        return p;
+    }
+    void swap(Buffer &other) noexcept {
+        std::swap(data_, other.data_);
+        std::swap(size_, other.size_);
+        std::swap(capacity_, other.capacity_);
+    }
+
+  private:
+    void reallocate(size_t n) {
+        if (n < 16)
+            n = 16;
+        if (n > SIZE_MAX / 2 / sizeof(T))
+            throw std::bad_alloc();
+        void *p = std::realloc(static_cast<void *>(data_), n * sizeof(T));
+        if (!p)
+            throw std::bad_alloc();
+        data_ = static_cast<T *>(p);
+        capacity_ = n;
+    }
+
+    T *data_ = nullptr;
+    size_t size_ = 0, capacity_ = 0;
+};
+
+} // namespace store

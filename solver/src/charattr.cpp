@@ -1,0 +1,84 @@
+// charattr.cpp: VType of variables and Sense of rows.
+#include "elementattr.h"
+
+#include <algorithm>
+#include <cinttypes>
+
+namespace store {
+
+namespace {
+
+// 'B' cuts the bounds to [0, 1]; going back to another type does not widen them again.
+void puttype(TRVmodel &model, int32_t s, char type) {
+    Columns &columns = model.columns;
+    if (columns.vtype[s] != type) {
+        columns.vtype[s] = type;
+        if (s < columns.ids.committed()) {
+            model.changed = true;
+            model.changes.loadanew();
+        }
+    }
+    if (type != 'B')
+        return;
+    model.write(columns.lb[s], std::max(columns.lb[s], 0.0), Changes::kBounds, s);
+    model.write(columns.ub[s], std::min(columns.ub[s], 1.0), Changes::kBounds, s);
+}
+
+void settypes(TRVmodel &model, const Selection &which, const char *values, int step) {
+    const Registry &ids = model.columns.ids;
+    eachslot(ids, "VType", which, [&](int64_t i, int32_t) { Columns::checkedtype(values[i * step], which.id(i)); });
+    for (int64_t i = 0; i < which.n; i++)
+        puttype(model, ids.slot(which.id(i)), values[i * step]);
+}
+
+void checksense(const Rows &rows, int64_t id, int32_t s, char sense) {
+    const char now = rows.sense[s];
+    if (sense != '<' && sense != '>' && sense != '=' && !(sense == 'R' && now == 'R'))
+        failf(TRV_ERROR_INVALID_ARGUMENT, "Sense of row %" PRId64 " is character %d, not one of < > =%s", id, sense,
+              sense == 'R' ? "; set Lower and Upper to make a row two-sided" : "");
+    const double rhs = now == '>' ? rows.lower[s] : rows.upper[s];
+    if (sense == '=' && std::isinf(rhs))
+        failf(TRV_ERROR_INVALID_ARGUMENT,
+              "Sense of row %" PRId64 ": a row without a right-hand side cannot become an equation", id);
+}
+
+// The right-hand side stays, the other side follows the sense. A free row stays free.
+void putsense(TRVmodel &model, int32_t s, char sense) {
+    Rows &rows = model.rows;
+    const double rhs = rows.sense[s] == '>' ? rows.lower[s] : rows.upper[s];
+    if (sense == 'R')
+        return;
+    const double lower = sense == '<' || std::isinf(rhs) ? -INFINITY : rhs;
+    const double upper = sense == '>' || std::isinf(rhs) ? INFINITY : rhs;
+    model.write(rows.lower[s], lower, Changes::kSides, s);
+    model.write(rows.upper[s], upper, Changes::kSides, s);
+    rows.sense[s] = sense;
+}
+
+void setsenses(TRVmodel &model, const Selection &which, const char *values, int step) {
+    const Rows &rows = model.rows;
+    eachslot(rows.ids, "Sense", which,
+             [&](int64_t i, int32_t s) { checksense(rows, which.id(i), s, values[i * step]); });
+    for (int64_t i = 0; i < which.n; i++)
+        putsense(model, rows.ids.slot(which.id(i)), values[i * step]);
+}
+
+} // namespace
+
+void getchars(TRVmodel &model, Attr attr, const Selection &which, char *out) {
+    if (attr == Attr::VType)
+        return gather(model.columns.ids, "VType", which, model.columns.vtype, out);
+    if (attr == Attr::Sense)
+        return gather(model.rows.ids, "Sense", which, model.rows.sense, out);
+    eachslot(model.registry(infoof(attr).kind), infoof(attr).name, which, [](int64_t, int32_t) {});
+}
+
+void setchars(TRVmodel &model, Attr attr, const Selection &which, const char *values, int step) {
+    if (attr == Attr::VType)
+        return settypes(model, which, values, step);
+    if (attr == Attr::Sense)
+        return setsenses(model, which, values, step);
+    eachslot(model.registry(infoof(attr).kind), infoof(attr).name, which, [](int64_t, int32_t) {});
+}
+
+} // namespace store

@@ -1,0 +1,82 @@
+// chunk.cpp: single coefficients of a chunk of rows set, added and taken away.
+#include "rows.h"
+
+namespace store {
+
+void Chunk::makeloose() {
+    if (loose() || nrows == 0)
+        return;
+    stop.room(nrows);
+    int64_t *bound = limit.room(nrows);
+    for (int32_t i = 0; i < nrows; i++)
+        stop.data()[i] = bound[i] = ptr[i + 1];
+    stop.grow(nrows);
+    limit.grow(nrows);
+}
+
+void Chunk::maketight() {
+    if (!loose())
+        return;
+    Buffer<int32_t> newvar;
+    Buffer<double> newcoef;
+    newvar.room(nnz);
+    newcoef.room(nnz);
+    int64_t at = 0;
+    for (int32_t i = 0; i < nrows; i++) {
+        Row r = row(i);
+        if (r.n) {
+            std::memcpy(newvar.data() + at, r.var, r.n * sizeof *r.var);
+            std::memcpy(newcoef.data() + at, r.coef, r.n * sizeof *r.coef);
+        }
+        ptr[i] = at; // only later rows are still read
+        at += r.n;
+    }
+    ptr[nrows] = at;
+    newvar.grow(nnz);
+    newcoef.grow(nnz);
+    var.swap(newvar);
+    coef.swap(newcoef);
+    stop.free();
+    limit.free();
+}
+
+// To the end of the chunk, with room for half as many terms more, so that filling rows one term at a time is linear in
+// all.
+void Chunk::moverow(int32_t i) {
+    const Row old = row(i);
+    const int64_t from = ptr[i], to = ptr[nrows], space = old.n + old.n / 2 + 4;
+    var.room(space);
+    coef.room(space);
+    std::memmove(var.data() + to, var.data() + from, old.n * sizeof *old.var);
+    std::memmove(coef.data() + to, coef.data() + from, old.n * sizeof *old.coef);
+    var.grow(space);
+    coef.grow(space);
+    ptr[i] = to;
+    stop[i] = to + old.n;
+    limit[i] = ptr[nrows] = to + space;
+}
+
+void Chunk::append(int32_t i, int32_t id, double value) {
+    makeloose();
+    if (stop[i] == limit[i])
+        moverow(i);
+    var[stop[i]] = id;
+    coef[stop[i]] = value;
+    stop[i]++;
+    nnz++;
+}
+
+void Chunk::set(int32_t i, int64_t k, double value) {
+    if (value != 0.0) {
+        coef[ptr[i] + k] = value;
+        return;
+    }
+    makeloose();
+    const int64_t at = ptr[i] + k, rest = stop[i] - at - 1;
+    std::memmove(var.data() + at, var.data() + at + 1, rest * sizeof(int32_t));
+    std::memmove(coef.data() + at, coef.data() + at + 1, rest * sizeof(double));
+    stop[i]--;
+    nnz--;
+}
+
+} // namespace store

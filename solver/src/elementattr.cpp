@@ -1,0 +1,232 @@
+// elementattr.cpp: double attributes of variables and rows, by id. Writers check every id and value first and change
+// afterwards.
+#include "elementattr.h"
+
+#include <algorithm>
+#include <cinttypes>
+
+namespace store {
+
+void failnodata(const TRVmodel &model, const char *what) {
+    const Solution &solution = model.solution;
+    if (solution.status() == TRV_NOT_SOLVED)
+        failf(TRV_ERROR_NO_DATA, "%s: %s (Status NOT_SOLVED); call optimize() first", what,
+              solution.outdated() ? "the model has changed since the last solve" : "the model has no solution yet");
+    failf(TRV_ERROR_NO_DATA, "%s: the last solve ended with Status %d and left no value", what, solution.status());
+}
+
+namespace {
+
+[[noreturn]] void failnoduals(const TRVmodel &model, const char *what) {
+    if (model.solution.status() == TRV_NOT_SOLVED || model.columns.integral() == 0)
+        failnodata(model, what);
+    failf(TRV_ERROR_NO_DATA,
+          "%s: there are no duals of a model with integer variables; fix those at their values, set their VType to 'C' "
+          "and solve again",
+          what);
+}
+
+void getsolution(const Registry &registry, Attr attr, const Selection &which, int32_t solved,
+                 const Buffer<double> &from, double *out) {
+    const char *what = infoof(attr).name;
+    eachslot(registry, what, which, [&](int64_t i, int32_t s) {
+        if (s >= solved)
+            failf(TRV_ERROR_NO_DATA,
+                  "%s: the %s with id %" PRId64 " was added after the last solve; call optimize() first", what,
+                  kindname(registry.kind()), which.id(i));
+        out[i] = from[s];
+    });
+}
+
+void getstart(const Columns &columns, const Selection &which, double *out) {
+    eachslot(columns.ids, "Start", which, [&](int64_t i, int32_t s) {
+        out[i] = static_cast<size_t>(s) < columns.start.size() ? columns.start[s] : NAN;
+    });
+}
+
+double rhsof(const Rows &rows, int32_t s) {
+    return rows.sense[s] == '>' ? rows.lower[s] : rows.upper[s];
+}
+
+void getslack(TRVmodel &model, const Selection &which, double *out) {
+    const Solution &solution = model.solution;
+    const Buffer<double> &activity = model.solution.activity(model.columns, model.rows);
+    getsolution(model.rows.ids, Attr::Slack, which, solution.nrows(), activity, out);
+    eachslot(model.rows.ids, "Slack", which, [&](int64_t i, int32_t s) { out[i] = rhsof(model.rows, s) - out[i]; });
+}
+
+void getvariables(TRVmodel &model, Attr attr, const Selection &which, double *out) {
+    const Columns &columns = model.columns;
+    const Solution &solution = model.solution;
+    const char *what = infoof(attr).name;
+    switch (attr) {
+    case Attr::LB:
+        return gather(columns.ids, what, which, columns.lb, out);
+    case Attr::UB:
+        return gather(columns.ids, what, which, columns.ub, out);
+    case Attr::Obj:
+        return gather(columns.ids, what, which, columns.obj, out);
+    case Attr::Start:
+        return getstart(columns, which, out);
+    case Attr::X:
+        if (!solution.hasx())
+            failnodata(model, what);
+        return getsolution(columns.ids, attr, which, solution.nvars(), solution.x(), out);
+    default:
+        if (!solution.hasduals())
+            failnoduals(model, what);
+        return getsolution(columns.ids, attr, which, solution.nvars(), solution.rc(), out);
+    }
+}
+
+void getrows(TRVmodel &model, Attr attr, const Selection &which, double *out) {
+    const Rows &rows = model.rows;
+    const Solution &solution = model.solution;
+    const char *what = infoof(attr).name;
+    switch (attr) {
+    case Attr::Lower:
+        return gather(rows.ids, what, which, rows.lower, out);
+    case Attr::Upper:
+        return gather(rows.ids, what, which, rows.upper, out);
+    case Attr::RHS:
+        return eachslot(rows.ids, what, which, [&](int64_t i, int32_t s) { out[i] = rhsof(rows, s); });
+    case Attr::Slack:
+        if (!solution.hasx())
+            failnodata(model, what);
+        return getslack(model, which, out);
+    default:
+        if (!solution.hasduals())
+            failnoduals(model, what);
+        return getsolution(rows.ids, attr, which, solution.nrows(), solution.pi(), out);
+    }
+}
+
+} // namespace
+
+void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out) {
+    switch (infoof(attr).kind) {
+    case TRV_VAR:
+        return getvariables(model, attr, which, out);
+    case TRV_CONSTR:
+        return getrows(model, attr, which, out);
+    default: // kinds without elements: every id is unknown
+        eachslot(model.registry(infoof(attr).kind), infoof(attr).name, which, [](int64_t, int32_t) {});
+    }
+}
+
+// ---- writing
+// --------------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// check(value, id) gives the value to store or fails; put(slot, value) stores it.
+template <class T, class Check, class Put>
+void checkthenset(const Registry &registry, const char *what, const Selection &which, const T *values, int step,
+                  Check check, Put put) {
+    eachslot(registry, what, which, [&](int64_t i, int32_t s) { check(values[i * step], which.id(i), s); });
+    for (int64_t i = 0; i < which.n; i++) {
+        const int32_t s = registry.slot(which.id(i));
+        put(s, check(values[i * step], which.id(i), s));
+    }
+}
+
+double checkedstart(double value, int64_t id) {
+    if (!std::isnan(value) && !isfinite(value))
+        failf(TRV_ERROR_INVALID_ARGUMENT, "Start of variable %" PRId64 " is %s", id, number(value).c_str());
+    return value;
+}
+
+void setvariables(TRVmodel &model, Attr attr, const Selection &which, const double *values, int step) {
+    Columns &columns = model.columns;
+    const char *what = infoof(attr).name;
+    switch (attr) {
+    case Attr::LB:
+        return checkthenset(
+            columns.ids, what, which, values, step,
+            [&](double v, int64_t id, int32_t) { return Columns::checkedlb(v, id); },
+            [&](int32_t s, double v) {
+                model.write(columns.lb[s], columns.vtype[s] == 'B' ? std::max(v, 0.0) : v, Changes::kBounds, s);
+            });
+    case Attr::UB:
+        return checkthenset(
+            columns.ids, what, which, values, step,
+            [&](double v, int64_t id, int32_t) { return Columns::checkedub(v, id); },
+            [&](int32_t s, double v) {
+                model.write(columns.ub[s], columns.vtype[s] == 'B' ? std::min(v, 1.0) : v, Changes::kBounds, s);
+            });
+    case Attr::Obj:
+        return checkthenset(
+            columns.ids, what, which, values, step,
+            [&](double v, int64_t id, int32_t) { return Columns::checkedobj(v, id); },
+            [&](int32_t s, double v) { model.write(columns.obj[s], v, Changes::kCosts, s); });
+    default:
+        if (which.n)
+            columns.start.pad(columns.ids.slots(), NAN);
+        return checkthenset(
+            columns.ids, what, which, values, step, [&](double v, int64_t id, int32_t) { return checkedstart(v, id); },
+            [&](int32_t s, double v) { columns.start[s] = v; });
+    }
+}
+
+void putsides(TRVmodel &model, int32_t s, double lower, double upper) {
+    model.write(model.rows.lower[s], lower, Changes::kSides, s);
+    model.write(model.rows.upper[s], upper, Changes::kSides, s);
+}
+
+double checkedrhs(double value, int64_t id, char sense) {
+    if (std::isnan(value) || (sense == '=' && !isfinite(value)))
+        failf(TRV_ERROR_INVALID_ARGUMENT, "RHS of row %" PRId64 " is %s", id, number(value).c_str());
+    return sense == '>' ? Rows::checkedlower(value, id, "RHS") : Rows::checkedupper(value, id, "RHS");
+}
+
+// The sense stays; only a two-sided row that loses its upper side turns into '>'.
+void putrhs(TRVmodel &model, int32_t s, double value) {
+    Rows &rows = model.rows;
+    char &sense = rows.sense[s];
+    putsides(model, s, sense == '>' || sense == '=' ? value : rows.lower[s], sense == '>' ? rows.upper[s] : value);
+    if (sense == 'R' && std::isinf(value))
+        sense = '>';
+}
+
+void setrows(TRVmodel &model, Attr attr, const Selection &which, const double *values, int step) {
+    Rows &rows = model.rows;
+    const char *what = infoof(attr).name;
+    switch (attr) {
+    case Attr::RHS:
+        return checkthenset(
+            rows.ids, what, which, values, step,
+            [&](double v, int64_t id, int32_t s) { return checkedrhs(v, id, rows.sense[s]); },
+            [&](int32_t s, double v) { putrhs(model, s, normalized(v)); });
+    case Attr::Lower:
+        return checkthenset(
+            rows.ids, what, which, values, step,
+            [&](double v, int64_t id, int32_t) { return Rows::checkedlower(v, id, what); },
+            [&](int32_t s, double v) {
+                putsides(model, s, v, rows.upper[s]);
+                rows.sense[s] = Rows::senseof(v, rows.upper[s]);
+            });
+    default:
+        return checkthenset(
+            rows.ids, what, which, values, step,
+            [&](double v, int64_t id, int32_t) { return Rows::checkedupper(v, id, what); },
+            [&](int32_t s, double v) {
+                putsides(model, s, rows.lower[s], v);
+                rows.sense[s] = Rows::senseof(rows.lower[s], v);
+            });
+    }
+}
+
+} // namespace
+
+void setdoubles(TRVmodel &model, Attr attr, const Selection &which, const double *values, int step) {
+    switch (infoof(attr).kind) {
+    case TRV_VAR:
+        return setvariables(model, attr, which, values, step);
+    case TRV_CONSTR:
+        return setrows(model, attr, which, values, step);
+    default:
+        eachslot(model.registry(infoof(attr).kind), infoof(attr).name, which, [](int64_t, int32_t) {});
+    }
+}
+
+} // namespace store

@@ -1,0 +1,44 @@
+// elementattr.h: helpers to read and write attributes of elements in bulk.
+#pragma once
+
+#include "attributes.h"
+#include "failure.h"
+#include "model.h"
+
+namespace store {
+
+// The elements of a call: ids, or first, first+1, ... where ids is NULL.
+struct Selection {
+    int64_t n;
+    const int32_t *ids;
+    int32_t first;
+
+    int64_t id(int64_t i) const { return ids ? ids[i] : static_cast<int64_t>(first) + i; }
+};
+
+// f(i, slot) for each; an error where one is not in the model.
+template <class F> void eachslot(const Registry &registry, const char *what, const Selection &which, F f) {
+    for (int64_t i = 0; i < which.n; i++)
+        f(i, registry.require(which.id(i), what));
+}
+
+template <class T>
+void gather(const Registry &registry, const char *what, const Selection &which, const Buffer<T> &from, T *out) {
+    const bool range = !which.ids && registry.identity() && which.first >= 0;
+    if (range && static_cast<int64_t>(which.first) + which.n <= registry.count()) {
+        if (which.n)
+            std::memcpy(out, from.data() + which.first, which.n * sizeof(T));
+        return;
+    }
+    eachslot(registry, what, which, [&](int64_t i, int32_t s) { out[i] = from[s]; });
+}
+
+void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out);
+void setdoubles(TRVmodel &model, Attr attr, const Selection &which, const double *values, int step);
+void getchars(TRVmodel &model, Attr attr, const Selection &which, char *out);
+void setchars(TRVmodel &model, Attr attr, const Selection &which, const char *values, int step);
+
+// The solve has left no such figure: says what to do.
+[[noreturn]] void failnodata(const TRVmodel &model, const char *what);
+
+} // namespace store

@@ -1,0 +1,45 @@
+// failure.h: how the store fails inside. Failure carries one of the codes of tarvo.h and the text; the border
+// (border.h) turns it into a return code. Here stand also the texts that recur, and what the store takes for infinite.
+#pragma once
+
+#include "tarvo.h"
+
+#include <cmath>
+#include <cstdint>
+#include <string>
+
+namespace store {
+
+struct Failure {
+    int code;
+    std::string text;
+};
+
+[[noreturn]] void fail(int code, std::string text);
+// printf's formats, since the messages are mostly numbers.
+[[noreturn]] void failf(int code, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+// "variable", "row", ... and their plural.
+const char *kindname(int kind);
+const char *kindsname(int kind);
+
+// The element cannot be used: it was removed, or never was.
+[[noreturn]] void failnotinmodel(const char *what, int kind, int64_t id, bool removed);
+
+// "1e+20" instead of 20 digits, "nan", "inf".
+std::string number(double value);
+
+inline bool isfinite(double v) {
+    return std::fabs(v) < TRV_INFINITY;
+} // false for NaN as well
+inline double normalized(double v) {
+    if (v >= TRV_INFINITY)
+        return INFINITY;
+    return v <= -TRV_INFINITY ? -INFINITY : v;
+}
+
+// A count handed over by the caller.
+void requirecount(const char *what, int64_t n);
+void requirepointer(const char *what, const void *p, int64_t n);
+
+} // namespace store

@@ -1,0 +1,143 @@
+// model.cpp: the steps that concern several parts of a model: removal, update, objective, coefficients.
+#include "model.h"
+
+#include "failure.h"
+
+#include <cinttypes>
+
+using namespace store;
+
+Registry &TRVmodel::registry(int kind) {
+    switch (kind) {
+    case TRV_VAR:
+        return columns.ids;
+    case TRV_CONSTR:
+        return rows.ids;
+    case TRV_QCONSTR:
+        return qconstrs;
+    case TRV_GENCONSTR:
+        return genconstrs;
+    case TRV_NLCONSTR:
+        return nlconstrs;
+    }
+    failf(TRV_ERROR_INVALID_ARGUMENT, "%d is not a kind of element", kind);
+}
+
+const Registry &TRVmodel::registry(int kind) const {
+    return const_cast<TRVmodel *>(this)->registry(kind);
+}
+
+Names &TRVmodel::names(int kind) {
+    switch (kind) {
+    case TRV_VAR:
+        return columns.names;
+    case TRV_CONSTR:
+        return rows.names;
+    case TRV_QCONSTR:
+        return qnames;
+    case TRV_GENCONSTR:
+        return gennames;
+    case TRV_NLCONSTR:
+        return nlnames;
+    }
+    failf(TRV_ERROR_INVALID_ARGUMENT, "%d is not a kind of element", kind);
+}
+
+void TRVmodel::remove(int kind, int64_t n, const int32_t *ids) {
+    registry(kind).remove(n, ids);
+    if (kind == TRV_VAR && n)
+        rows.variablesremoved();
+}
+
+void TRVmodel::update() {
+    const bool structure = columns.ids.changes() || rows.ids.changes();
+    if (structure) {
+        changes.loadanew();
+        changed = true;
+    }
+    if (changed)
+        solution.outdate();
+    changed = false;
+    solution.compact(columns.ids);
+    rows.update(columns);
+    columns.update();
+}
+
+void TRVmodel::touched(Changes::Kind kind, int32_t slot) {
+    const Registry &ids = kind == Changes::kSides ? rows.ids : columns.ids;
+    if (slot >= ids.committed())
+        return;
+    changed = true;
+    changes.element(kind, slot);
+}
+
+void TRVmodel::setobjconstant(double value) {
+    if (value == objconstant)
+        return;
+    objconstant = value;
+    changed = true;
+    changes.objconstant();
+}
+
+void TRVmodel::setsense(int value) {
+    if (value == sense)
+        return;
+    sense = value;
+    changed = true;
+    changes.sense();
+}
+
+void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, double constant, int newsense) {
+    if (newsense != TRV_MINIMIZE && newsense != TRV_MAXIMIZE && newsense != 0)
+        failf(TRV_ERROR_INVALID_ARGUMENT, "sense %d is not 1 (minimize), -1 (maximize) or 0 (as it is)", newsense);
+    if (!isfinite(constant))
+        failf(TRV_ERROR_INVALID_ARGUMENT, "the constant of the objective is %s", number(constant).c_str());
+    Buffer<double> costs;
+    costs.pad(columns.ids.slots(), 0.0);
+    for (int64_t k = 0; k < n; k++) {
+        columns.ids.requireusable(var[k], "objective");
+        double &cost = costs[columns.ids.slot(var[k])];
+        cost += coef[k];
+        if (!isfinite(coef[k]) || !isfinite(cost))
+            failf(TRV_ERROR_INVALID_ARGUMENT, "objective: the coefficient of the variable with id %d is %s", var[k],
+                  number(isfinite(coef[k]) ? cost : coef[k]).c_str());
+    }
+    for (int32_t s = 0; s < columns.ids.slots(); s++)
+        write(columns.obj[s], costs[s], Changes::kCosts, s);
+    setobjconstant(constant);
+    if (newsense)
+        setsense(newsense);
+}
+
+void TRVmodel::getcoefficients(int64_t n, const int32_t *rowids, const int32_t *vars, double *out) {
+    rows.purge(columns);
+    for (int64_t i = 0; i < n; i++) {
+        const Row row = rows.row(rows.ids.require(rowids[i], "coefficient"));
+        columns.ids.require(vars[i], "coefficient");
+        const int64_t k = Rows::find(row, vars[i]);
+        out[i] = k < 0 ? 0.0 : row.coef[k];
+    }
+}
+
+void TRVmodel::setcoefficients(int64_t n, const int32_t *rowids, const int32_t *vars, const double *values) {
+    for (int64_t i = 0; i < n; i++) {
+        rows.ids.require(rowids[i], "coefficient");
+        columns.ids.requireusable(vars[i], "coefficient");
+        if (!isfinite(values[i]))
+            failf(TRV_ERROR_INVALID_ARGUMENT, "the coefficient of the variable with id %d in the row with id %d is %s",
+                  vars[i], rowids[i], number(values[i]).c_str());
+    }
+    if (n)
+        rows.purge(columns);
+    const bool list = !changes.structure();
+    const int64_t nonzeros = list ? rows.nonzeros(columns) : 0;
+    for (int64_t i = 0; i < n; i++) {
+        const int32_t r = rows.ids.slot(rowids[i]), c = columns.ids.slot(vars[i]);
+        if (!rows.set(r, columns, vars[i], values[i]) || r >= rows.ids.committed())
+            continue;
+        changed = true;
+        solution.coefficientschanged();
+        if (c < columns.ids.committed())
+            changes.coefficient(r, c, nonzeros);
+    }
+}

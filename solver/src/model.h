@@ -1,0 +1,47 @@
+// model.h: TRVmodel, all parts of one model together, and the few steps that concern several of them.
+#pragma once
+
+#include "changes.h"
+#include "columns.h"
+#include "rows.h"
+#include "solution.h"
+#include "tarvo.h"
+
+#include <string>
+
+struct TRVmodel {
+    std::string name;
+    store::Columns columns;
+    store::Rows rows;
+    store::Registry qconstrs{TRV_QCONSTR}, genconstrs{TRV_GENCONSTR}, nlconstrs{TRV_NLCONSTR};
+    store::Names qnames{'Q'}, gennames{'G'}, nlnames{'N'};
+    double objconstant = 0.0;
+    int sense = TRV_MINIMIZE;
+    store::Changes changes;
+    store::Solution solution;
+    bool changed = false; // since the last solution
+    std::string error;    // of the last failed call
+    std::string text;     // what TRVgetstrattr returned last
+
+    store::Registry &registry(int kind);
+    const store::Registry &registry(int kind) const;
+    store::Names &names(int kind);
+
+    void remove(int kind, int64_t n, const int32_t *ids);
+    void update();
+    void setobjective(int64_t n, const int32_t *var, const double *coef, double constant, int newsense);
+    void getcoefficients(int64_t n, const int32_t *rowids, const int32_t *vars, double *out);
+    void setcoefficients(int64_t n, const int32_t *rowids, const int32_t *vars, const double *values);
+
+    // One value changes: written down for the engine, and the solution is no longer the model's. Equal values change
+    // nothing.
+    template <class T> void write(T &place, T value, store::Changes::Kind kind, int32_t slot) {
+        if (place == value)
+            return;
+        place = value;
+        touched(kind, slot);
+    }
+    void touched(store::Changes::Kind kind, int32_t slot);
+    void setobjconstant(double value);
+    void setsense(int value);
+};

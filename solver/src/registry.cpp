@@ -1,0 +1,98 @@
+// registry.cpp: ids, slots and positions of one kind of element.
+#include "registry.h"
+
+#include "failure.h"
+
+#include <cinttypes>
+
+namespace store {
+
+int32_t Registry::require(int64_t id, const char *what) const {
+    int32_t s = slot(id);
+    if (s < 0)
+        failnotinmodel(what, kind_, id, id >= 0 && id < count_);
+    return s;
+}
+
+void Registry::requireusable(int64_t id, const char *what) const {
+    if (gone(require(id, what)))
+        failnotinmodel(what, kind_, id, true);
+}
+
+void Registry::reserve(int64_t n) {
+    if (n > INT32_MAX - static_cast<int64_t>(count_))
+        failf(TRV_ERROR_SIZE_LIMIT, "%" PRId64 " more %s on top of %d exceed the limit of 2147483647", n,
+              kindsname(kind_), count_);
+    if (!identity_) {
+        slotof_.room(n);
+        idat_.room(n);
+    }
+}
+
+int32_t Registry::add(int64_t n) noexcept {
+    int32_t first = count_;
+    if (!identity_) {
+        for (int64_t i = 0; i < n; i++) {
+            slotof_.end()[i] = static_cast<int32_t>(slots_ + i);
+            idat_.end()[i] = static_cast<int32_t>(first + i);
+        }
+        slotof_.grow(n);
+        idat_.grow(n);
+    }
+    count_ += static_cast<int32_t>(n);
+    slots_ += static_cast<int32_t>(n);
+    return first;
+}
+
+void Registry::makemaps() {
+    if (!identity_)
+        return;
+    slotof_.resize(count_);
+    idat_.resize(slots_);
+    for (int32_t i = 0; i < count_; i++)
+        slotof_[i] = idat_[i] = i;
+    identity_ = false;
+}
+
+void Registry::remove(int64_t n, const int32_t *ids) {
+    for (int64_t i = 0; i < n; i++)
+        if (ids[i] < 0 || ids[i] >= count_)
+            failnotinmodel("remove", kind_, ids[i], false);
+    if (n == 0)
+        return;
+    gone_.pad(slots_, 0);
+    makemaps();
+    for (int64_t i = 0; i < n; i++) {
+        int32_t s = slotof_[ids[i]];
+        if (s < 0 || gone_[s])
+            continue;
+        gone_[s] = 1;
+        gonecount_++;
+        if (s >= committed_) {
+            gonepending_++;
+            slotof_[ids[i]] = kRemoved;
+        }
+    }
+}
+
+void Registry::commit() noexcept {
+    if (gonecount_) {
+        int32_t kept = 0;
+        for (int32_t s = 0; s < slots_; s++) {
+            int32_t id = idat_[s];
+            if (gone(s)) {
+                slotof_[id] = kRemoved;
+                continue;
+            }
+            slotof_[id] = kept;
+            idat_[kept++] = id;
+        }
+        idat_.cut(kept);
+        slots_ = kept;
+        gone_.free();
+        gonecount_ = gonepending_ = 0;
+    }
+    committed_ = slots_;
+}
+
+} // namespace store

@@ -1,0 +1,293 @@
+// rows.cpp: blocks of rows come in, and rows are found, filtered and taken out.
+#include "rows.h"
+
+#include "failure.h"
+
+#include <algorithm>
+#include <cinttypes>
+
+namespace store {
+
+namespace {
+
+constexpr int64_t kSmall = 8192; // terms and rows of a block that is copied to a shared chunk: 100 KB at most
+constexpr int64_t kSharedFull =
+    1 << 20; // a shared chunk takes no more then, so that growing it never doubles the store
+
+} // namespace
+
+// ---- sides
+// ----------------------------------------------------------------------------------------------------------------
+
+char Rows::senseof(double lower, double upper) {
+    if (lower == upper)
+        return '=';
+    if (std::isinf(lower))
+        return '<';
+    return std::isinf(upper) ? '>' : 'R';
+}
+
+double Rows::checkedlower(double value, int64_t row, const char *what) {
+    if (std::isnan(value) || value >= TRV_INFINITY)
+        failf(TRV_ERROR_INVALID_ARGUMENT, "%s of row %" PRId64 " is %s", what, row, number(value).c_str());
+    return normalized(value);
+}
+
+double Rows::checkedupper(double value, int64_t row, const char *what) {
+    if (std::isnan(value) || value <= -TRV_INFINITY)
+        failf(TRV_ERROR_INVALID_ARGUMENT, "%s of row %" PRId64 " is %s", what, row, number(value).c_str());
+    return normalized(value);
+}
+
+// ---- adding
+// ---------------------------------------------------------------------------------------------------------------
+
+TRVrows Rows::open(int64_t nrows, int64_t nnz) {
+    drop();
+    small_ = nnz <= kSmall && nrows <= kSmall;
+    Chunk &to = small_ ? staging_ : block_;
+    to.ptr.room(nrows + 1);
+    to.var.room(nnz);
+    to.coef.room(nnz);
+    isopen_ = true;
+    opennrows_ = nrows;
+    opennnz_ = nnz;
+    return {to.ptr.data(), to.var.data(), to.coef.data()};
+}
+
+void Rows::drop() noexcept {
+    isopen_ = false;
+    if (!small_)
+        block_ = Chunk();
+}
+
+int32_t Rows::commit(const Columns &columns, const double *low, int lowstep, const double *up, int upstep,
+                     const TRVnames *newnames) {
+    if (!isopen_)
+        fail(TRV_ERROR_INVALID_ARGUMENT, "no block of rows is open");
+    struct Closing {
+        Rows &rows;
+        ~Closing() { rows.drop(); }
+    } closing{*this};
+
+    const int64_t n = opennrows_, first = ids.count();
+    ids.reserve(n);
+    double *l = lower.room(n), *u = upper.room(n);
+    char *s = sense.room(n);
+    for (int64_t i = 0; i < n; i++) {
+        l[i] = checkedlower(low[i * lowstep], first + i, "Lower");
+        u[i] = checkedupper(up[i * upstep], first + i, "Upper");
+        s[i] = senseof(l[i], u[i]);
+    }
+    Chunk &from = small_ ? staging_ : block_;
+    const int64_t nnz =
+        tidyterms(columns.ids, marker_, n, opennnz_, from.ptr.data(), from.var.data(), from.coef.data());
+    preparechunk(nnz);
+    names.add(static_cast<int32_t>(first), n, newnames); // the last step that can fail
+    finishchunk(nnz);
+    lower.grow(n);
+    upper.grow(n);
+    sense.grow(n);
+    return ids.add(n);
+}
+
+// Makes room; an empty chunk that a failure leaves behind does no harm.
+void Rows::preparechunk(int64_t nnz) {
+    const bool fits = small_ && !chunks_.empty() && chunks_.back().shared;
+    if (!fits || static_cast<int64_t>(chunks_.back().var.size()) > kSharedFull) {
+        if (chunks_.size() == chunks_.capacity())
+            chunks_.reserve(2 * chunks_.size() + 4);
+        if (!small_)
+            return;
+        Chunk fresh;
+        fresh.ptr.push(0);
+        fresh.first = ids.slots();
+        fresh.shared = true;
+        chunks_.push_back(std::move(fresh));
+    }
+    if (!small_)
+        return;
+    Chunk &to = chunks_.back();
+    to.ptr.room(opennrows_);
+    to.var.room(nnz);
+    to.coef.room(nnz);
+    if (to.loose()) {
+        to.stop.room(opennrows_);
+        to.limit.room(opennrows_);
+    }
+}
+
+void Rows::finishchunk(int64_t nnz) noexcept {
+    if (small_)
+        return finishshared(chunks_.back(), nnz);
+    block_.first = ids.slots();
+    block_.nrows = static_cast<int32_t>(opennrows_);
+    block_.nnz = nnz;
+    block_.ptr.grow(opennrows_ + 1);
+    block_.var.grow(nnz);
+    block_.coef.grow(nnz);
+    block_.var.shrink();
+    block_.coef.shrink();
+    chunks_.push_back(std::move(block_));
+}
+
+void Rows::finishshared(Chunk &to, int64_t nnz) noexcept {
+    const int64_t base = to.var.size();
+    for (int64_t i = 0; i < opennrows_; i++)
+        to.ptr.end()[i] = base + staging_.ptr[i + 1];
+    if (to.loose()) {
+        for (int64_t i = 0; i < opennrows_; i++)
+            to.stop.end()[i] = to.limit.end()[i] = to.ptr.end()[i];
+        to.stop.grow(opennrows_);
+        to.limit.grow(opennrows_);
+    }
+    if (nnz) {
+        std::memcpy(to.var.end(), staging_.var.data(), nnz * sizeof(int32_t));
+        std::memcpy(to.coef.end(), staging_.coef.data(), nnz * sizeof(double));
+    }
+    to.ptr.grow(opennrows_);
+    to.var.grow(nnz);
+    to.coef.grow(nnz);
+    to.nnz += nnz;
+    to.nrows += static_cast<int32_t>(opennrows_);
+}
+
+// ---- looking and changing
+// -------------------------------------------------------------------------------------------------
+
+size_t Rows::chunkat(int32_t slot) const {
+    if (lastchunk_ < chunks_.size()) {
+        const Chunk &last = chunks_[lastchunk_];
+        if (slot >= last.first && slot - last.first < last.nrows)
+            return lastchunk_;
+    }
+    auto after =
+        std::upper_bound(chunks_.begin(), chunks_.end(), slot, [](int32_t s, const Chunk &c) { return s < c.first; });
+    return lastchunk_ = after - chunks_.begin() - 1;
+}
+
+Row Rows::row(int32_t slot) const {
+    const Chunk &chunk = chunks_[chunkat(slot)];
+    return chunk.row(slot - chunk.first);
+}
+
+int64_t Rows::find(const Row &row, int32_t id) {
+    const int32_t *end = row.var + row.n, *found = std::find(row.var, end, id);
+    return found == end ? -1 : found - row.var;
+}
+
+bool Rows::set(int32_t slot, const Columns &columns, int32_t id, double value) {
+    Chunk &chunk = chunks_[chunkat(slot)];
+    const int32_t i = slot - chunk.first;
+    const Row old = chunk.row(i);
+    const int64_t k = find(old, id);
+    if (value == (k < 0 ? 0.0 : old.coef[k]))
+        return false;
+    if (k >= 0) {
+        chunk.set(i, k, value);
+        return true;
+    }
+    chunk.append(i, id, value);
+    stray_ |= slot < ids.committed() && columns.ids.position(id) < 0;
+    return true;
+}
+
+int64_t Rows::nonzeros(const Columns &columns) const {
+    int64_t sum = 0;
+    if (stray_ || stale_) {
+        each([&](int32_t, const Row &row) {
+            for (int64_t k = 0; k < row.n; k++)
+                sum += columns.ids.position(row.var[k]) >= 0;
+        });
+        return sum;
+    }
+    for (const Chunk &chunk : chunks_) {
+        const int32_t rest = ids.committed() - chunk.first;
+        if (rest >= chunk.nrows)
+            sum += chunk.nnz;
+        else
+            for (int32_t i = 0; i < rest; i++)
+                sum += chunk.row(i).n;
+    }
+    return sum;
+}
+
+// ---- removal and update
+// ---------------------------------------------------------------------------------------------------
+
+// Takes out the terms of variables that are gone, or were removed while pending.
+void Rows::filterchunk(Chunk &chunk, const Registry &variables, bool pendingonly) {
+    chunk.maketight();
+    int64_t kept = 0, from = 0;
+    for (int32_t i = 0; i < chunk.nrows; i++) {
+        const int64_t to = chunk.ptr[i + 1];
+        for (int64_t k = from; k < to; k++) {
+            const int32_t s = variables.slot(chunk.var[k]);
+            if (s < 0 || (!pendingonly && variables.gone(s)))
+                continue;
+            chunk.var[kept] = chunk.var[k];
+            chunk.coef[kept++] = chunk.coef[k];
+        }
+        chunk.ptr[i + 1] = kept;
+        from = to;
+    }
+    chunk.nnz = kept;
+    chunk.var.cut(kept);
+    chunk.coef.cut(kept);
+}
+
+void Rows::filterrows(Chunk &chunk) {
+    chunk.maketight();
+    int64_t kept = 0, from = 0;
+    int32_t keptrows = 0;
+    for (int32_t i = 0; i < chunk.nrows; i++) {
+        const int64_t to = chunk.ptr[i + 1], n = to - from;
+        if (!ids.gone(chunk.first + i)) {
+            std::memmove(chunk.var.data() + kept, chunk.var.data() + from, n * sizeof(int32_t));
+            std::memmove(chunk.coef.data() + kept, chunk.coef.data() + from, n * sizeof(double));
+            kept += n;
+            chunk.ptr[++keptrows] = kept;
+        }
+        from = to;
+    }
+    chunk.nrows = keptrows;
+    chunk.nnz = kept;
+    chunk.ptr.cut(keptrows + 1);
+    chunk.var.cut(kept);
+    chunk.coef.cut(kept);
+}
+
+void Rows::purge(const Columns &columns) {
+    if (!stale_)
+        return;
+    for (Chunk &chunk : chunks_)
+        filterchunk(chunk, columns.ids, true);
+    stale_ = false;
+}
+
+void Rows::update(const Columns &columns) {
+    const bool terms = columns.ids.anygone(), whole = ids.anygone();
+    int32_t first = 0;
+    for (Chunk &chunk : chunks_) {
+        if (whole)
+            filterrows(chunk);
+        if (terms)
+            filterchunk(chunk, columns.ids, false);
+        if (static_cast<int64_t>(chunk.var.size()) > chunk.nnz + chunk.nnz / 2 + 1024)
+            chunk.maketight();
+        if ((terms || whole) && !chunk.shared) {
+            chunk.var.shrink();
+            chunk.coef.shrink();
+        }
+        chunk.first = first;
+        first += chunk.nrows;
+    }
+    std::erase_if(chunks_, [](const Chunk &chunk) { return chunk.nrows == 0; });
+    ids.compact(lower);
+    ids.compact(upper);
+    ids.compact(sense);
+    ids.commit();
+    stray_ = stale_ = false;
+}
+
+} // namespace store

@@ -1,0 +1,133 @@
+// rows.h: Rows, the linear rows: sides by slot (17 bytes a row), and terms in chunks of CSR form.
+//
+// A block that arrives with many terms becomes a chunk of its own, in the very memory that the caller wrote into. Small
+// blocks go to the end of a growing chunk which they share, so that ten thousand calls of one row cost ten thousand
+// appends. Terms hold ids, not positions: removing variables moves no number.
+//
+//   tight chunk    row i is var[ptr[i]] .. var[ptr[i+1]]
+//   loose chunk    row i is var[ptr[i]] .. var[stop[i]], with space to grow until limit[i]: made when single
+//   coefficients are
+//                  added or taken away; rows that outgrow their space move to the end. An update makes it tight again
+//                  where much space is wasted.
+#pragma once
+
+#include "buffer.h"
+#include "columns.h"
+#include "names.h"
+#include "registry.h"
+#include "tarvo.h"
+
+#include <vector>
+
+namespace store {
+
+struct Row {
+    int64_t n;
+    const int32_t *var;
+    const double *coef;
+};
+
+struct Chunk {
+    int32_t first = 0; // slot of its first row
+    int32_t nrows = 0;
+    int64_t nnz = 0;       // live terms
+    bool shared = false;   // small blocks may be appended
+    Buffer<int64_t> ptr;   // nrows + 1; the last entry is where the next row would begin
+    Buffer<int64_t> stop;  // loose chunks only
+    Buffer<int64_t> limit; // loose chunks only
+    Buffer<int32_t> var;
+    Buffer<double> coef;
+
+    bool loose() const { return !stop.empty(); }
+    Row row(int32_t i) const {
+        int64_t from = ptr[i], to = loose() ? stop[i] : ptr[i + 1];
+        return {to - from, var.data() + from, coef.data() + from};
+    }
+    void makeloose();
+    void maketight();
+    void set(int32_t i, int64_t k, double value); // 0 takes the k-th term away
+    void append(int32_t i, int32_t id, double value);
+
+  private:
+    void moverow(int32_t i);
+};
+
+// Finds duplicates within one row: where each variable was met last, counted over all rows since the array was cleared.
+class Marker {
+  public:
+    void prepare(int64_t variables, int64_t terms);
+    int32_t next() const { return next_; }
+    int32_t &met(int32_t id) { return met_[id]; }
+    void advance(int64_t n) { next_ += static_cast<int32_t>(n); }
+
+  private:
+    Buffer<int32_t> met_;
+    int32_t next_ = 1; // 0 is never
+};
+
+class Rows {
+  public:
+    Registry ids{TRV_CONSTR};
+    Names names{'R'};
+    Buffer<double> lower, upper;
+    Buffer<char> sense; // '<' '>' '=' 'R'; a free row says which side its next RHS will be
+
+    TRVrows open(int64_t nrows, int64_t nnz);
+    int32_t commit(const Columns &columns, const double *low, int lowstep, const double *up, int upstep,
+                   const TRVnames *newnames);
+    void drop() noexcept;
+
+    Row row(int32_t slot) const;
+    // Position of the term in its row, -1 where there is none.
+    static int64_t find(const Row &row, int32_t id);
+    // One coefficient; false if it already had this value.
+    bool set(int32_t slot, const Columns &columns, int32_t id, double value);
+    // Terms in the rows of the model.
+    int64_t nonzeros(const Columns &columns) const;
+    // A row of the model may hold a term of a pending variable, which has no position.
+    bool stray() const { return stray_; }
+
+    // After a removal of variables terms may stand that are to be gone; purge takes out those of pending variables,
+    // which are removed at once. Cheap where there are none.
+    void variablesremoved() { stale_ = true; }
+    void purge(const Columns &columns);
+    // Comes before the update of the columns, which forget who is gone.
+    void update(const Columns &columns);
+
+    const std::vector<Chunk> &chunks() const { return chunks_; }
+    // f(slot, Row) for the rows in the model, in order.
+    template <class F> void each(F f) const {
+        for (const Chunk &chunk : chunks_)
+            for (int32_t i = 0; i < chunk.nrows && chunk.first + i < ids.committed(); i++)
+                f(chunk.first + i, chunk.row(i));
+    }
+
+    static char senseof(double lower, double upper);
+    static double checkedlower(double value, int64_t row, const char *what);
+    static double checkedupper(double value, int64_t row, const char *what);
+
+  private:
+    void preparechunk(int64_t nnz);
+    void finishchunk(int64_t nnz) noexcept;
+    void finishshared(Chunk &to, int64_t nnz) noexcept;
+    void filterchunk(Chunk &chunk, const Registry &variables, bool pendingonly);
+    void filterrows(Chunk &chunk);
+    size_t chunkat(int32_t slot) const;
+
+    std::vector<Chunk> chunks_;
+    mutable size_t lastchunk_ = 0; // neighbouring rows are asked for one after the other
+    bool stray_ = false, stale_ = false;
+    Marker marker_;
+
+    // The open block: in fresh memory if it is large, else in the staging chunk, which is kept.
+    bool isopen_ = false, small_ = false;
+    int64_t opennrows_ = 0, opennnz_ = 0;
+    Chunk block_, staging_;
+};
+
+// Checks the terms of a block of rows and brings them to the stored form: duplicates summed, zeros dropped. Returns
+// what is left.
+int64_t tidyterms(const Registry &variables, Marker &marker, int64_t nrows, int64_t nnz, int64_t *ptr, int32_t *var,
+                  double *coef);
+
+} // namespace store

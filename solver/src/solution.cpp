@@ -1,0 +1,123 @@
+// solution.cpp: the life of a solution: written by an engine, committed, outdated by a change.
+#include "solution.h"
+
+#include "failure.h"
+
+#include <algorithm>
+
+namespace store {
+
+namespace {
+
+double gapof(double bound, double objval) {
+    if (bound == objval)
+        return 0.0;
+    return std::fabs(bound - objval) / std::max(std::fabs(objval), 1e-10);
+}
+
+} // namespace
+
+void Solution::open(int32_t nvars, int32_t nrows) {
+    isopen_ = false;
+    openx_.resize(nvars);
+    openrc_.resize(nvars);
+    openpi_.resize(nrows);
+    // Never NULL, so that an engine need not care for an empty model.
+    openx_.room(1);
+    openrc_.room(1);
+    openpi_.room(1);
+    opennvars_ = nvars;
+    opennrows_ = nrows;
+    isopen_ = true;
+}
+
+void Solution::commit(const TRVresult &result, int32_t nvars, int32_t nrows) {
+    if (result.status <= TRV_NOT_SOLVED || result.status > TRV_FAILED)
+        failf(TRV_ERROR_INVALID_ARGUMENT, "status %d is not the outcome of a solve", result.status);
+    if ((result.has_x || result.has_duals) && !isopen_)
+        fail(TRV_ERROR_INVALID_ARGUMENT, "no solution is open");
+    if (isopen_ && (opennvars_ != nvars || opennrows_ != nrows))
+        failf(TRV_ERROR_INVALID_ARGUMENT,
+              "the solution was opened for %d variables and %d rows; the model has %d and %d", opennvars_, opennrows_,
+              nvars, nrows);
+    std::string engine = result.engine ? result.engine : "";
+
+    engine_ = std::move(engine);
+    figures_ = result;
+    figures_.engine = nullptr;
+    if (std::isnan(figures_.gap))
+        figures_.gap = gapof(figures_.bound, figures_.objval);
+    if (hasx_ && !result.has_x)
+        fallback_.swap(x_);
+    status_ = result.status;
+    hasx_ = result.has_x;
+    hasduals_ = result.has_duals;
+    outdated_ = activityknown_ = false;
+    nvars_ = nvars;
+    nrows_ = nrows;
+    x_.free();
+    rc_.free();
+    pi_.free();
+    activity_.free();
+    if (hasx_) {
+        x_.swap(openx_);
+        fallback_.free();
+    }
+    if (hasduals_) {
+        rc_.swap(openrc_);
+        pi_.swap(openpi_);
+    }
+    openx_.free();
+    openrc_.free();
+    openpi_.free();
+    isopen_ = false;
+}
+
+void Solution::outdate() {
+    if (status_ == TRV_NOT_SOLVED)
+        return;
+    if (hasx_)
+        fallback_.swap(x_);
+    x_.free();
+    rc_.free();
+    pi_.free();
+    activity_.free();
+    status_ = TRV_NOT_SOLVED;
+    hasx_ = hasduals_ = activityknown_ = false;
+    outdated_ = true;
+}
+
+const double *Solution::start(const Columns &columns) {
+    const size_t n = columns.ids.committed();
+    const Buffer<double> &last = hasx_ ? x_ : fallback_, &set = columns.start;
+    if (set.empty() && last.empty())
+        return nullptr;
+    if (set.empty() && last.size() >= n)
+        return last.data();
+    merged_.resize(n);
+    for (size_t i = 0; i < n; i++) {
+        merged_[i] = i < set.size() ? set[i] : NAN;
+        if (std::isnan(merged_[i]) && i < last.size())
+            merged_[i] = last[i];
+    }
+    return merged_.data();
+}
+
+const Buffer<double> &Solution::activity(const Columns &columns, const Rows &rows) {
+    if (activityknown_)
+        return activity_;
+    activity_.resize(nrows_);
+    rows.each([&](int32_t r, const Row &row) {
+        double sum = 0.0;
+        for (int64_t k = 0; k < row.n; k++) {
+            const int32_t p = columns.ids.slot(row.var[k]);
+            if (p >= 0 && p < nvars_)
+                sum += row.coef[k] * x_[p];
+        }
+        activity_[r] = sum;
+    });
+    activityknown_ = true;
+    return activity_;
+}
+
+} // namespace store

@@ -1,0 +1,352 @@
+"""libtarvo140 through ctypes: class Store, one method for each function of tarvo.h that the tests use, with NumPy arrays for arrays.
+
+>>> m = Store()
+>>> x = m.addvars(2, ub=[4.0, INF])       # first id
+>>> r = m.addrows([{0: 1.0, 1: 2.0}], lower=-INF, upper=8.0)
+>>> m.update()
+>>> m.dbls("UB", [0, 1])
+array([ 4., inf])
+"""
+
+import ctypes as c
+import importlib.util
+import pathlib
+
+import numpy as np
+
+INF = float("inf")
+VAR, CONSTR, QCONSTR, GENCONSTR, NLCONSTR = 1, 2, 4, 5, 6
+OUT_OF_MEMORY, INVALID, UNKNOWN_ATTRIBUTE, ATTRIBUTE_KIND, NO_DATA, NOT_IN_MODEL, SIZE_LIMIT = range(1, 8)
+NOT_SOLVED, OPTIMAL, INFEASIBLE = 0, 1, 2
+
+i32p, i64p, f64p = c.POINTER(c.c_int32), c.POINTER(c.c_int64), c.POINTER(c.c_double)
+
+
+class Names(c.Structure):
+    _fields_ = [("form", c.c_int), ("prefix", c.c_char_p), ("ndim", c.c_int), ("shape", i64p), ("text", c.c_char_p), ("offset", i64p)]
+
+
+class OpenRows(c.Structure):
+    _fields_ = [("ptr", i64p), ("var", i32p), ("coef", f64p)]
+
+
+class Data(c.Structure):
+    _fields_ = [
+        ("nvars", c.c_int32), ("nrows", c.c_int32), ("nnz", c.c_int64), ("lb", f64p), ("ub", f64p), ("obj", f64p),
+        ("vtype", c.POINTER(c.c_char)), ("lower", f64p), ("upper", f64p), ("objconstant", c.c_double), ("sense", c.c_int),
+        ("nintegral", c.c_int), ("start", f64p),
+    ]  # fmt: skip
+
+
+class Matrix(c.Structure):
+    _fields_ = [("nmajor", c.c_int64), ("nnz", c.c_int64), ("start", i32p), ("index", i32p), ("value", f64p)]
+
+
+class Changes(c.Structure):
+    _fields_ = [
+        ("structure", c.c_int), ("objconstant", c.c_int), ("sense", c.c_int), ("nbounds", c.c_int64), ("ncosts", c.c_int64),
+        ("nsides", c.c_int64), ("ncoefs", c.c_int64), ("bounds", i32p), ("costs", i32p), ("sides", i32p), ("coefrows", i32p),
+        ("coefvars", i32p),
+    ]  # fmt: skip
+
+
+class Result(c.Structure):
+    _fields_ = [
+        ("status", c.c_int), ("has_x", c.c_int), ("has_duals", c.c_int), ("objval", c.c_double), ("bound", c.c_double),
+        ("gap", c.c_double), ("runtime", c.c_double), ("itercount", c.c_double), ("nodecount", c.c_double), ("engine", c.c_char_p),
+    ]  # fmt: skip
+
+
+class Residuals(c.Structure):
+    _fields_ = (
+        [(n, c.c_double) for n in ("row", "bound", "integral", "dual", "complementarity")]
+        + [(n, c.c_int32) for n in ("worstrow", "worstbound", "worstintegral", "worstdual", "worstcomplementarity")]
+        + [(n, c.c_double) for n in ("rowscale", "boundscale", "dualscale", "complementarityscale")]
+    )
+
+
+class AttrInfo(c.Structure):
+    _fields_ = [("name", c.c_char_p), ("kind", c.c_int), ("type", c.c_int), ("settable", c.c_int)]
+
+
+class StoreError(Exception):
+    def __init__(self, code, message):
+        super().__init__(message)
+        self.code = code
+
+
+def _load():
+    spec = importlib.util.find_spec("tarvopy")  # finds the folder without running the package
+    for folder in spec.submodule_search_locations:
+        path = pathlib.Path(folder) / "libtarvo140.so"
+        if path.exists():
+            return c.CDLL(str(path))
+    raise FileNotFoundError("libtarvo140.so is not beside the package tarvopy")
+
+
+lib = _load()
+lib.TRVgeterrormsg.restype = c.c_char_p
+lib.TRVfindattr.restype = c.POINTER(AttrInfo)
+lib.TRVattrat.restype = c.POINTER(AttrInfo)
+lib.TRVfree.argtypes = [c.c_void_p]
+lib.TRVfree.restype = lib.TRVfreemodel.restype = lib.TRVdroprows.restype = lib.TRVpositions.restype = None
+lib.TRVfreematrix.restype = lib.TRVclearchanges.restype = None
+
+
+def _f64(values):
+    return np.ascontiguousarray(np.atleast_1d(np.asarray(values, dtype=np.float64)))
+
+
+def _i32(values):
+    return np.ascontiguousarray(np.atleast_1d(np.asarray(values, dtype=np.int32)))
+
+
+def _ptr(array, type_):
+    return None if array is None else array.ctypes.data_as(type_)
+
+
+def _step(array, n):
+    return c.c_int(1 if len(array) > 1 or n == 1 else 0)
+
+
+def _view(pointer, n, dtype):
+    return np.ctypeslib.as_array(pointer, (n,)).copy() if n else np.empty(0, dtype)
+
+
+def textblock(names):
+    """One block of bytes and the offsets of the names in it."""
+    encoded = [name.encode() for name in names]
+    return b"".join(encoded), np.concatenate([[0], np.cumsum([len(e) for e in encoded])]).astype(np.int64)
+
+
+def makenames(names):
+    """None, a prefix and its shape, or a list of names, as the struct (its arrays must outlive the call)."""
+    if names is None:
+        return None, None
+    if isinstance(names, tuple):
+        prefix, shape = names
+        dims = np.array(shape, dtype=np.int64)
+        return Names(1, prefix.encode(), len(shape), _ptr(dims, i64p), None, None), dims
+    text, offset = textblock(names)
+    return Names(2, None, 0, None, text, _ptr(offset, i64p)), (text, offset)
+
+
+class Store:
+    def __init__(self, name="m"):
+        self.handle = c.c_void_p()
+        assert lib.TRVnewmodel(name.encode(), c.byref(self.handle)) == 0
+
+    def __del__(self):
+        lib.TRVfreemodel(self.handle)
+
+    def call(self, function, *arguments):
+        code = getattr(lib, function)(self.handle, *arguments)
+        if code:
+            raise StoreError(code, lib.TRVgeterrormsg(self.handle).decode())
+
+    # ---- building
+    def addvars(self, n, lb=0.0, ub=INF, obj=0.0, vtype="C", names=None):
+        lb, ub, obj = _f64(lb), _f64(ub), _f64(obj)
+        vtype = vtype.encode()
+        struct, keep = makenames(names)
+        first = c.c_int32(-7)
+        self.call(
+            "TRVaddvars", c.c_int64(n), _ptr(lb, f64p), _step(lb, n), _ptr(ub, f64p), _step(ub, n), _ptr(obj, f64p), _step(obj, n),
+            vtype, _step(vtype, n), struct and c.byref(struct), c.byref(first),
+        )  # fmt: skip
+        return first.value
+
+    def addrows(self, rows, lower=-INF, upper=INF, names=None):
+        """rows: dictionaries from id to coefficient, or lists of (id, coefficient)."""
+        rows = [list(row.items()) if isinstance(row, dict) else row for row in rows]
+        ptr = np.concatenate([[0], np.cumsum([len(row) for row in rows])]).astype(np.int64)
+        return self.addcsr(ptr, [v for row in rows for v, _ in row], [a for row in rows for _, a in row], lower, upper, names)
+
+    def addcsr(self, ptr, var, coef, lower=-INF, upper=INF, names=None):
+        ptr, n = np.asarray(ptr, dtype=np.int64), len(ptr) - 1
+        var, coef = np.asarray(var, dtype=np.int32), np.asarray(coef, dtype=np.float64)
+        lower, upper = _f64(lower), _f64(upper)
+        struct, keep = makenames(names)
+        first = c.c_int32(-7)
+        self.call(
+            "TRVaddrows", c.c_int64(n), _ptr(ptr, i64p), _ptr(var, i32p), _ptr(coef, f64p), _ptr(lower, f64p), _step(lower, n),
+            _ptr(upper, f64p), _step(upper, n), struct and c.byref(struct), c.byref(first),
+        )  # fmt: skip
+        return first.value
+
+    def openrows(self, nrows, nnz):
+        rows = OpenRows()
+        self.call("TRVopenrows", c.c_int64(nrows), c.c_int64(nnz), c.byref(rows))
+        return rows
+
+    def commitrows(self, lower=-INF, upper=INF):
+        first = c.c_int32(-7)
+        lower, upper = c.c_double(lower), c.c_double(upper)
+        self.call("TRVcommitrows", c.byref(lower), c.c_int(0), c.byref(upper), c.c_int(0), None, c.byref(first))
+        return first.value
+
+    def setobjective(self, terms, constant=0.0, sense=0):
+        var, coef = _i32([v for v, _ in terms]), _f64([a for _, a in terms])
+        self.call("TRVsetobjective", c.c_int64(len(terms)), _ptr(var, i32p), _ptr(coef, f64p), c.c_double(constant), c.c_int(sense))
+
+    def remove(self, kind, ids):
+        ids = _i32(ids)
+        self.call("TRVremove", c.c_int(kind), c.c_int64(len(ids)), _ptr(ids, i32p))
+
+    def update(self):
+        self.call("TRVupdatemodel")
+
+    # ---- identity
+    def idcount(self, kind):
+        return lib.TRVidcount(self.handle, c.c_int(kind))
+
+    def positions(self, kind, ids):
+        ids = _i32(ids)
+        out = np.empty(len(ids), np.int32)
+        lib.TRVpositions(self.handle, c.c_int(kind), c.c_int64(len(ids)), _ptr(ids, i32p), c.c_int32(0), _ptr(out, i32p))
+        return out.tolist()
+
+    def idsat(self, kind, positions):
+        positions = _i32(positions)
+        out = np.empty(len(positions), np.int32)
+        self.call("TRVidsat", c.c_int(kind), c.c_int64(len(positions)), _ptr(positions, i32p), _ptr(out, i32p))
+        return out.tolist()
+
+    def findname(self, kind, name):
+        out = c.c_int32(-7)
+        self.call("TRVfindname", c.c_int(kind), name.encode(), c.byref(out))
+        return out.value
+
+    # ---- attributes
+    def _selection(self, name, ids):
+        """Ids, or a range: handed over as first, first+1, ... without an array."""
+        if isinstance(ids, range):
+            return name.encode(), c.c_int64(len(ids)), None, c.c_int32(ids.start), len(ids)
+        ids = _i32(ids)
+        self._keep = ids
+        return name.encode(), c.c_int64(len(ids)), _ptr(ids, i32p), c.c_int32(0), len(ids)
+
+    def dbls(self, name, ids):
+        *head, n = self._selection(name, ids)
+        out = np.empty(n)
+        self.call("TRVgetdbls", *head, _ptr(out, f64p))
+        return out
+
+    def setdbls(self, name, ids, values):
+        *head, n = self._selection(name, ids)
+        values = _f64(values)
+        self.call("TRVsetdbls", *head, _ptr(values, f64p), _step(values, n))
+
+    def chars(self, name, ids):
+        *head, n = self._selection(name, ids)
+        out = c.create_string_buffer(n + 1)
+        self.call("TRVgetchars", *head, out)
+        return out.raw[:n].decode()
+
+    def setchars(self, name, ids, values):
+        *head, n = self._selection(name, ids)
+        self.call("TRVsetchars", *head, values.encode(), _step(values, n))
+
+    def strs(self, name, ids):
+        *head, n = self._selection(name, ids)
+        text, offset = c.c_void_p(), i64p()
+        self.call("TRVgetstrs", *head, c.byref(text), c.byref(offset))
+        raw = c.string_at(text, offset[n])
+        out = [raw[offset[i] : offset[i + 1]].decode() for i in range(n)]
+        lib.TRVfree(text)
+        lib.TRVfree(offset)
+        return out
+
+    def setstrs(self, name, ids, values):
+        *head, n = self._selection(name, ids)
+        text, offset = textblock(values)
+        self.call("TRVsetstrs", *head, text, _ptr(offset, i64p))
+
+    def int(self, name):
+        out = c.c_int(-7)
+        self.call("TRVgetintattr", name.encode(), c.byref(out))
+        return out.value
+
+    def dbl(self, name):
+        out = c.c_double()
+        self.call("TRVgetdblattr", name.encode(), c.byref(out))
+        return out.value
+
+    def str(self, name):
+        out = c.c_char_p()
+        self.call("TRVgetstrattr", name.encode(), c.byref(out))
+        return out.value.decode()
+
+    # ---- coefficients
+    def row(self, row):
+        """Terms in stored order: [(id, coefficient), ...]."""
+        nnz, var, coef = c.c_int64(), i32p(), f64p()
+        self.call("TRVgetrow", c.c_int32(row), c.byref(nnz), c.byref(var), c.byref(coef))
+        return [(var[k], coef[k]) for k in range(nnz.value)]
+
+    def coefs(self, rows, vars):
+        rows, vars = _i32(rows), _i32(vars)
+        out = np.empty(len(rows))
+        self.call("TRVgetcoefs", c.c_int64(len(rows)), _ptr(rows, i32p), _ptr(vars, i32p), _ptr(out, f64p))
+        return out.tolist()
+
+    def setcoefs(self, rows, vars, values):
+        rows, vars, values = _i32(rows), _i32(vars), _f64(values)
+        self.call("TRVsetcoefs", c.c_int64(len(rows)), _ptr(rows, i32p), _ptr(vars, i32p), _ptr(values, f64p))
+
+    # ---- the engine's side
+    def data(self):
+        data = Data()
+        self.call("TRVgetdata", c.byref(data))
+        n, m = data.nvars, data.nrows
+        return dict(
+            nvars=n, nrows=m, nnz=data.nnz, lb=_view(data.lb, n, float), ub=_view(data.ub, n, float), obj=_view(data.obj, n, float),
+            vtype=data.vtype[:n].decode() if n else "", lower=_view(data.lower, m, float), upper=_view(data.upper, m, float),
+            objconstant=data.objconstant, sense=data.sense, nintegral=data.nintegral,
+            start=_view(data.start, n, float) if data.start else None,
+        )  # fmt: skip
+
+    def matrix(self, csc):
+        """(start, index, value), by columns or by rows."""
+        matrix = Matrix()
+        self.call("TRVgetmatrix", c.c_int(csc), c.byref(matrix))
+        out = (
+            _view(matrix.start, matrix.nmajor + 1, np.int32), _view(matrix.index, matrix.nnz, np.int32),
+            _view(matrix.value, matrix.nnz, float),
+        )  # fmt: skip
+        lib.TRVfreematrix(c.byref(matrix))
+        return out
+
+    def changes(self):
+        ch = Changes()
+        self.call("TRVgetchanges", c.byref(ch))
+        pairs = zip(_view(ch.coefrows, ch.ncoefs, np.int32).tolist(), _view(ch.coefvars, ch.ncoefs, np.int32).tolist(), strict=True)
+        return dict(
+            structure=bool(ch.structure), objconstant=bool(ch.objconstant), sense=bool(ch.sense),
+            bounds=_view(ch.bounds, ch.nbounds, np.int32).tolist(), costs=_view(ch.costs, ch.ncosts, np.int32).tolist(),
+            sides=_view(ch.sides, ch.nsides, np.int32).tolist(), coefs=list(pairs),
+        )  # fmt: skip
+
+    def clearchanges(self):
+        lib.TRVclearchanges(self.handle)
+
+    def opensolution(self, x=None, rc=None, pi=None):
+        pointers = f64p(), f64p(), f64p()
+        self.call("TRVopensolution", *(c.byref(p) for p in pointers))
+        for pointer, values in zip(pointers, (x, rc, pi), strict=True):
+            for i, value in enumerate(values if values is not None else ()):
+                pointer[i] = value
+
+    def commitsolution(self, status=OPTIMAL, has_x=False, has_duals=False, objval=np.nan, bound=np.nan, gap=np.nan, engine="E 1"):
+        result = Result(status, has_x, has_duals, objval, bound, gap, 0.5, 3, 1, engine.encode())
+        self.call("TRVcommitsolution", c.byref(result))
+
+    def solved(self, x, rc=None, pi=None, **figures):
+        """As if an engine had found these values."""
+        self.opensolution(x, rc, pi)
+        self.commitsolution(has_x=True, has_duals=rc is not None, **figures)
+
+    def check(self, has_duals=False):
+        out = Residuals()
+        self.call("TRVcheck", c.c_int(has_duals), c.byref(out))
+        return out
