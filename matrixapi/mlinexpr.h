@@ -57,6 +57,9 @@ struct LinearNative final : Native {
     int traverse(visitproc visit, void *arg) override;
 };
 
+// The native form of an expression whose state is native, else NULL. The operators of mlinexpr_add.cpp change it in place.
+inline LinearNative *linear_of(PyObject *expr) { return static_cast<LinearNative *>(native_of(expr, Native::Linear)); }
+
 enum class State { CompactNative, CompactMade, Flat, Objects };
 
 extern PyObject *mlinexpr_class; // borrowed from the module; set by build_mlinexpr_class
@@ -113,6 +116,8 @@ void set_parts(PyObject *expr, std::vector<Part> parts, Ref model);
 // At most one part afterwards, kept by the receiver (`_concat_matmulparts`).
 void join_parts(PyObject *expr);
 Part joined(const std::vector<Part> &parts); // at least one
+// Makes: the documented pair (csr_matrix, MVar) of a part.
+Ref part_pair(const Part &part);
 // In place, compact to full: native stays native. Does nothing to a full expression.
 void convert_to_full(PyObject *expr);
 // `_to_full()` of a compact expression: a new full one (joins the receiver's parts, as the text says).
