@@ -18,10 +18,15 @@ constexpr HighsInt interrupting_callbacks[] = {kHighsCallbackSimplexInterrupt, k
 Solver::Solver() : highs_(library().create()) {
     if (!highs_)
         throw std::bad_alloc();
-    library().setBoolOptionValue(highs_, "output_flag", 0);
+    quieten();
     library().setCallback(highs_, &Solver::callback, this);
     for (HighsInt type : interrupting_callbacks)
         library().startCallback(highs_, type);
+}
+
+void Solver::quieten() {
+    library().setBoolOptionValue(highs_, "output_flag", 0);
+    library().setBoolOptionValue(highs_, "log_to_console", 0); // the callback gets the text whatever this says
 }
 
 Solver::~Solver() {
@@ -46,6 +51,7 @@ void Solver::start(bool keep_log) {
         library().startCallback(highs_, kHighsCallbackLogging);
     else
         library().stopCallback(highs_, kHighsCallbackLogging);
+    library().setBoolOptionValue(highs_, "output_flag", keep_log);
     running_.store(true, std::memory_order_release);
     try {
         std::thread([self = shared_from_this()] { self->work(); }).detach();
@@ -117,8 +123,8 @@ void Solver::callback(int type, const char *message, const HighsCallbackDataOut 
             self.log_ += message;
         return;
     }
-    if (in && self.interrupt_)
-        in->user_interrupt = 1;
+    if (in) // written every time: HiGHS keeps the flag, and an interrupted instance would stop every later run at once
+        in->user_interrupt = self.interrupt_;
     if (!out)
         return;
     std::lock_guard lock(self.mutex_);

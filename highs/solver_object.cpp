@@ -315,7 +315,7 @@ PyObject *solver_reset_options(PyObject *self, PyObject *) {
     return border([&] {
         Solver &solver = idle(self);
         accepted(library().resetOptions(solver.highs()), "to reset its options");
-        accepted(library().setBoolOptionValue(solver.highs(), "output_flag", 0), "to be silent");
+        solver.quieten();
         return Ref::none();
     });
 }
