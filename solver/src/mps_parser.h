@@ -1,0 +1,99 @@
+// One reading of an MPS file in one of its two forms: lines in, MpsModel out.
+//
+//     MpsParser parser(path, MpsForm::free);
+//     parser.run();                     throws FileError, LineError (at parser.line()), AmbiguousForm
+//     MpsModel model = parser.take();
+//
+// mps_parser.cpp drives lines and sections (the table of sections is there), mps_sections.cpp has what each section
+// does.
+#ifndef TARVO_MPS_PARSER_H
+#define TARVO_MPS_PARSER_H
+
+#include "file_stream.h"
+#include "mps_fields.h"
+#include "mps_model.h"
+
+namespace trv {
+
+// The line in hand reads differently in the other form (only with watch_forms).
+struct AmbiguousForm {};
+
+class MpsParser {
+  public:
+    MpsParser(const std::string &path, MpsForm form, bool watch_forms = false)
+        : lines_(path), form_(form), watch_forms_(watch_forms) {}
+    void run();
+    std::int64_t line() const { return lines_.number(); }
+    MpsModel take() { return std::move(model_); }
+
+  private:
+    struct Section {
+        std::string_view name;
+        void (MpsParser::*begin)(std::string_view rest);
+        void (MpsParser::*line)(std::string_view line);
+        std::string_view after; // the section that must have come before
+    };
+    static const Section kSections[];
+    static const Section *find_section(std::string_view word);
+
+    void header(std::string_view line);
+    void open(const Section &section, std::string_view rest);
+    bool was_open(std::string_view section) const;
+
+    // What stands behind the section's name.
+    void no_rest(std::string_view rest);
+    void begin_name(std::string_view rest);
+    void begin_sense(std::string_view rest);
+    void begin_objective(std::string_view rest);
+    void begin_columns(std::string_view rest);
+    void begin_set(std::string_view rest);
+    void unsupported(std::string_view rest);
+    void finish(std::string_view rest);
+
+    // The lines of a section.
+    void no_line(std::string_view line);
+    void sense_line(std::string_view line);
+    void objective_line(std::string_view line);
+    void row_line(std::string_view line);
+    void column_line(std::string_view line);
+    void rhs_line(std::string_view line);
+    void range_line(std::string_view line);
+    void bound_line(std::string_view line);
+
+    void choose_objective();
+    void marker(std::string_view word);
+    void enter_column(std::string_view name);
+    void add_entry(MpsPair pair);
+    bool in_first_set(std::string_view set);
+    std::int32_t known_row(std::string_view name) const;
+    std::int32_t known_column(MpsBoundLine &record) const;
+    struct BoundType;
+    static const BoundType kBoundTypes[];
+    void apply_bound(const BoundType &type, std::int32_t column, double value);
+    void set_side(std::vector<double> &side, unsigned char bit, std::int32_t column, double value);
+    void set_type(std::int32_t column, char vtype);
+    void close_rows();
+    void close_columns();
+
+    LineReader lines_;
+    MpsForm form_;
+    bool watch_forms_;
+    MpsModel model_;
+
+    const Section *section_ = nullptr;
+    std::vector<const Section *> opened_;
+    bool done_ = false;
+    bool sense_given_ = false;
+    std::string objective_name_;
+
+    bool integer_block_ = false;
+    std::vector<std::int32_t> last_column_; // of each row: the last column with an entry in it
+    std::vector<double> rhs_;
+    std::vector<char> has_rhs_;
+    std::vector<MpsRange> range_;      // of each row once there is one; NaN: none
+    std::string set_;                  // the first set that the section names
+    std::vector<unsigned char> given_; // of each column: bits of what BOUNDS and the markers said
+};
+
+} // namespace trv
+#endif

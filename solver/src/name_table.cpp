@@ -1,0 +1,100 @@
+// Names to numbers by open addressing (see name_table.h).
+#include "name_table.h"
+
+#include <cstring>
+#include <limits>
+
+#include "file_error.h"
+
+namespace trv {
+namespace {
+
+// Eight bytes a step: names are short, and a byte-wise hash would cost more than the rest of the look-up.
+std::uint32_t hashed(std::string_view name) {
+    std::uint64_t state = 0x9E3779B97F4A7C15u ^ name.size();
+    const char *at = name.data();
+    std::size_t left = name.size();
+    const auto mix = [&](std::uint64_t word) {
+        state = (state ^ word) * 0xD6E8FEB86659FD93u;
+        state ^= state >> 32;
+    };
+    for (; left >= 8; at += 8, left -= 8) {
+        std::uint64_t word;
+        std::memcpy(&word, at, 8);
+        mix(word);
+    }
+    std::uint64_t word = 0;
+    std::memcpy(&word, at, left);
+    mix(word);
+    mix(0);
+    return static_cast<std::uint32_t>(state);
+}
+
+} // namespace
+
+std::size_t NameTable::place(std::string_view name, std::uint32_t hash) const {
+    const std::size_t mask = slots_.size() - 1;
+    std::size_t i = hash & mask;
+    while (slots_[i].name >= 0 && !(slots_[i].hash == hash && (*this)[slots_[i].name] == name)) {
+        i = (i + 1) & mask;
+    }
+    return i;
+}
+
+std::int32_t NameTable::find(std::string_view name) const {
+    return slots_[place(name, hashed(name))].name;
+}
+
+std::int32_t NameTable::add(std::string_view name) {
+    const std::uint32_t hash = hashed(name);
+    const std::size_t i = place(name, hash);
+    if (slots_[i].name >= 0) {
+        return -1;
+    }
+    const std::int32_t number = size();
+    if (number == std::numeric_limits<std::int32_t>::max() - 1) {
+        throw FileError{TRV_ERROR_SIZE_LIMIT, "more than 2^31 names of one kind"};
+    }
+    text_.append(name);
+    offset_.push_back(static_cast<std::int64_t>(text_.size()));
+    slots_[i] = {hash, number};
+    if (static_cast<std::size_t>(number) * 2 >= slots_.size()) {
+        grow();
+    }
+    return number;
+}
+
+void NameTable::grow() {
+    std::vector<Slot> old(slots_.size() * 2, Slot{0, -1});
+    old.swap(slots_);
+    const std::size_t mask = slots_.size() - 1;
+    for (const Slot slot : old) {
+        if (slot.name >= 0) {
+            std::size_t i = slot.hash & mask;
+            while (slots_[i].name >= 0) {
+                i = (i + 1) & mask;
+            }
+            slots_[i] = slot;
+        }
+    }
+}
+
+void NameTable::erase(std::int32_t i) {
+    const std::int64_t length = offset_[i + 1] - offset_[i];
+    text_.erase(static_cast<std::size_t>(offset_[i]), static_cast<std::size_t>(length));
+    offset_.erase(offset_.begin() + i);
+    for (auto at = offset_.begin() + i; at != offset_.end(); ++at) {
+        *at -= length;
+    }
+    slots_.clear();
+}
+
+TRVnames NameTable::list() const {
+    TRVnames names{};
+    names.form = TRV_NAMES_LIST;
+    names.text = text_.data();
+    names.offset = offset_.data();
+    return names;
+}
+
+} // namespace trv
