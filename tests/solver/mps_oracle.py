@@ -28,6 +28,7 @@ def read(path: object) -> dict | None:
     handle = ctypes.c_void_p(highs.Highs_create())
     try:
         highs.Highs_setBoolOptionValue(handle, b"output_flag", 0)
+        highs.Highs_setDoubleOptionValue(handle, b"small_matrix_value", ctypes.c_double(1e-12))  # it drops what is smaller
         if highs.Highs_readModel(handle, str(path).encode()) == ERROR:
             return None
         return _data(highs, handle)

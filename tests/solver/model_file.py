@@ -1,0 +1,64 @@
+"""What the file tests share: a model as plain values that compare whole, and MPS text that differs from a sound file in one place.
+
+    snapshot(store)          {"vars": [...], "lb": [...], "matrix": {(row, column): value}, ...}, exact to the bit
+    read_text(text)          the Store read from a file with this text
+"""
+
+import os
+import tempfile
+from pathlib import Path
+
+import numpy as np
+from store import CONSTR, VAR, Store
+
+SYNTAX, FILE, UNSUPPORTED = 9, 8, 10
+
+SAME = ("vars", "rows", "lb", "ub", "obj", "vtype", "lower", "upper", "constant", "sense", "matrix")
+
+
+def snapshot(store: Store) -> dict:
+    """Positions and values; doubles by their representation, so that -0.0 is not 0.0."""
+    data = store.data()
+    start, index, value = store.matrix(csc=1)
+    columns = np.repeat(np.arange(data["nvars"]), np.diff(start))
+    return {
+        "name": store.str("ModelName"),
+        "vars": names(store, VAR, data["nvars"]),
+        "rows": names(store, CONSTR, data["nrows"]),
+        **{key: [repr(v) for v in data[key].tolist()] for key in ("lb", "ub", "obj")},
+        **{key: [repr(v + 0.0) for v in data[key].tolist()] for key in ("lower", "upper")},
+        "vtype": data["vtype"],
+        "constant": repr(data["objconstant"]),
+        "sense": data["sense"],
+        "matrix": {(int(i), int(j)): float(v) for i, j, v in zip(index, columns, value, strict=True)},
+    }
+
+
+def names(store: Store, kind: int, count: int) -> list[str]:
+    if count == 0:
+        return []
+    attribute = "VarName" if kind == VAR else "ConstrName"
+    return store.strs(attribute, store.idsat(kind, range(count)))
+
+
+def read(path: object) -> Store:
+    store = Store("")
+    store.call("TRVreadmodel", os.fsencode(path))
+    return store
+
+
+def write(store: Store, path: object) -> None:
+    store.call("TRVwritemodel", os.fsencode(path))
+
+
+def read_text(text: str | bytes) -> Store:
+    with tempfile.TemporaryDirectory() as folder:
+        path = Path(folder) / "m.mps"
+        path.write_bytes(text if isinstance(text, bytes) else text.encode())
+        return read(path)
+
+
+def instances(*folders: str) -> list[Path]:
+    """The *.mps files of these folders of TARVOPY_INSTANCES, none if it is unset."""
+    root = os.environ.get("TARVOPY_INSTANCES")
+    return [path for folder in folders for path in sorted(Path(root, folder).glob("*.mps"))] if root else []
