@@ -1,0 +1,126 @@
+// The functions that the siblings call (collaborators/core.h): each turns this module's exceptions into NULL or -1.
+#include "linexpr.h"
+#include "model_handle.h"
+#include "scalars.h"
+
+#include <cmath>
+
+namespace tarvopy::core {
+
+namespace {
+
+TRVmodel *api_store(PyObject *handle) {
+    TRVmodel *store = nullptr;
+    border_status([&] {
+        if (Py_TYPE(handle) != state.Model)
+            fail(PyExc_TypeError, "a model handle is needed, not '%.200s'", Py_TYPE(handle)->tp_name);
+        store = open_store(reinterpret_cast<ModelObject *>(handle));
+    });
+    return store;
+}
+
+PyObject *api_scalar(ModelObject *model, int kind, int32_t id) {
+    return border([&] { return scalar_of(model, kind, id); });
+}
+
+int api_scalars(ModelObject *model, int kind, int64_t n, const int32_t *ids, int64_t step, PyObject **out) {
+    return border_status([&] { scalars_of(model, kind, n, ids, step, out); });
+}
+
+PyObject *api_linexpr_new(double constant) {
+    return border([&] { return empty_linexpr(constant); });
+}
+
+int api_linexprs(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef, double scale,
+                 const double *constants, PyObject **out) {
+    return border_status([&] { make_linexprs(model, nrows, ptr, ids, coef, scale, constants, out); });
+}
+
+// Arguments of the wrong type come from arrays that Python code filled, so they are an error and no crash.
+LinExprObject *checked_linexpr(PyObject *object) {
+    if (!is_linexpr(object))
+        fail(PyExc_TypeError, "a LinExpr is needed, not '%.200s'", Py_TYPE(object)->tp_name);
+    return as_linexpr(object);
+}
+
+Operand checked_operand(PyObject *object) {
+    Operand operand = classify(object);
+    if (operand.kind != OperandKind::Number && !operand.is_expression())
+        fail(PyExc_TypeError, "a number, a Var or a LinExpr is needed, not '%.200s'", Py_TYPE(object)->tp_name);
+    return operand;
+}
+
+double checked_factor(double factor) {
+    if (!std::isfinite(factor))
+        fail_code(TRV_ERROR_INVALID_ARGUMENT, "Multiplier is infinite or NaN");
+    return factor;
+}
+
+int api_linexpr_add(PyObject *self, PyObject *other, double mult) {
+    return border_status([&] { add_to(checked_linexpr(self), checked_operand(other), checked_factor(mult)); });
+}
+
+int api_linexpr_scale(PyObject *self, double factor) {
+    return border_status([&] { core::scale(checked_linexpr(self), {checked_factor(factor), false}); });
+}
+
+PyObject *api_linexpr_copy(PyObject *self) {
+    return border([&] { return core::copy(checked_linexpr(self)); });
+}
+
+int api_linexpr_clear(PyObject *self) {
+    return border_status([&] { core::clear(checked_linexpr(self)); });
+}
+
+int api_linexpr_normalize(PyObject *self) {
+    return border_status([&] { normalize(checked_linexpr(self)); });
+}
+
+int api_linexpr_assign(PyObject *self, PyObject *other) {
+    return border_status([&] { assign(checked_linexpr(self), checked_operand(other)); });
+}
+
+PyObject *api_tempconstr(PyObject *lhs, PyObject *sense, PyObject *rhs) {
+    return border([&] { return new_tempconstr(lhs, sense, rhs); });
+}
+
+CoreApi api;
+
+} // namespace
+
+void add_api(PyObject *module) {
+    api = {.version = CoreApi::current_version,
+           .linexpr_size = sizeof(LinExprObject),
+           .quadexpr_size = sizeof(QuadExprObject),
+           .Model = state.Model,
+           .Var = state.Var,
+           .Constr = state.Constr,
+           .QConstr = state.QConstr,
+           .GenConstr = state.GenConstr,
+           .NLConstr = state.NLConstr,
+           .LinExpr = state.LinExpr,
+           .QuadExpr = state.QuadExpr,
+           .TempConstr = state.TempConstr,
+           .NLExpr = state.NLExpr,
+           .GenExpr = state.GenExpr,
+           .ExprTree = state.ExprTree,
+           .TarvoError = state.TarvoError,
+           .store = api_store,
+           .raise = raise_store,
+           .raise_error = raise_code,
+           .scalar = api_scalar,
+           .scalars = api_scalars,
+           .linexpr_new = api_linexpr_new,
+           .linexprs = api_linexprs,
+           .linexpr_add = api_linexpr_add,
+           .linexpr_scale = api_linexpr_scale,
+           .linexpr_copy = api_linexpr_copy,
+           .linexpr_clear = api_linexpr_clear,
+           .linexpr_normalize = api_linexpr_normalize,
+           .linexpr_assign = api_linexpr_assign,
+           .tempconstr = api_tempconstr};
+    Ref capsule = check(PyCapsule_New(&api, "tarvopy._core._C_API", nullptr));
+    check_status(PyModule_AddObjectRef(module, "_C_API", capsule.get()));
+}
+
+} // namespace tarvopy::core

@@ -1,0 +1,284 @@
+#include "linexpr.h"
+
+#include "model_handle.h"
+#include "pysupport/args.h"
+#include "pysupport/numbers.h"
+#include "scalars.h"
+
+#include <structmember.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+namespace tarvopy::core {
+
+using pysupport::Arguments;
+using pysupport::Signature;
+
+namespace {
+
+Operand linear_operand(PyObject *object, const char *function) {
+    Operand operand = classify(object);
+    if (operand.kind != OperandKind::Number && !operand.is_expression())
+        fail(PyExc_TypeError, "%.200s takes a number, a Var or a LinExpr, not '%.200s'", function, Py_TYPE(object)->tp_name);
+    return operand;
+}
+
+// ---- reading coefficient and variable lists ----------------------------------------------------------------------------
+
+// A private list of what an argument of addTerms holds: lists and tuples, arrays (NumPy's and MVar) in C order, other iterables.
+Ref flat_list(PyObject *object, const char *what) {
+    if (PyUnicode_Check(object) || PyBytes_Check(object))
+        fail(PyExc_TypeError, "%s cannot be given as a string", what);
+    Ref values;
+    if (!PyList_Check(object) && !PyTuple_Check(object) && PyObject_HasAttrString(object, "tolist")) {
+        Ref flat = Ref::borrow(object);
+        if (PyObject_HasAttrString(object, "reshape"))
+            flat = check(PyObject_CallMethod(object, "reshape", "i", -1));
+        values = check(PyObject_CallMethod(flat.get(), "tolist", nullptr));
+        object = values.get();
+    }
+    return check(PySequence_List(object));
+}
+
+// Exact floats, checked; every __float__ has run when this returns.
+Ref float_list(PyObject *numbers) {
+    Ref values = flat_list(numbers, "coefficients");
+    Ref floats = untracked_list(PyList_GET_SIZE(values.get()));
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(floats.get()); ++i) {
+        Ref item = Ref::borrow(PyList_GET_ITEM(values.get(), i));
+        double value = finite_number(item.get(), "Coefficient");
+        PyList_SET_ITEM(floats.get(), i,
+                        PyFloat_CheckExact(item.get()) ? item.release() : check(PyFloat_FromDouble(value)).release());
+    }
+    return floats;
+}
+
+Ref repeated(PyObject *number, Py_ssize_t n) {
+    Ref value = check(PyFloat_FromDouble(finite_number(number, "Coefficient")));
+    Ref floats = untracked_list(n);
+    for (Py_ssize_t i = 0; i < n; ++i)
+        PyList_SET_ITEM(floats.get(), i, Py_NewRef(value.get()));
+    return floats;
+}
+
+Ref var_list(PyObject *vars) {
+    if (is_var(vars)) {
+        Ref one = untracked_list(1);
+        PyList_SET_ITEM(one.get(), 0, Py_NewRef(vars));
+        return one;
+    }
+    Ref values = flat_list(vars, "variables");
+    PyObject_GC_UnTrack(values.get());
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(values.get()); ++i)
+        if (!is_var(PyList_GET_ITEM(values.get(), i)))
+            fail(PyExc_TypeError, "variables must be Var objects, not '%.200s'",
+                 Py_TYPE(PyList_GET_ITEM(values.get(), i))->tp_name);
+    return values;
+}
+
+// ---- methods -------------------------------------------------------------------------------------------------------------
+
+PyObject *linexpr_new(PyTypeObject *, PyObject *args, PyObject *kwargs) {
+    return border([&] {
+        static const char *keywords[] = {"arg", "vars", nullptr};
+        PyObject *arg = nullptr, *vars = nullptr;
+        if (!PyArg_ParseTupleAndKeywords(args, kwargs, "|OO:LinExpr", const_cast<char **>(keywords), &arg, &vars))
+            throw PythonError{};
+        if (!arg)
+            return empty_linexpr(0.0);
+        if (!vars)
+            return scaled(linear_operand(arg, "LinExpr()"), {1.0, false});
+        Ref self = empty_linexpr(0.0);
+        add_terms(as_linexpr(self), arg, vars);
+        return self;
+    });
+}
+
+void linexpr_dealloc(PyObject *object) {
+    LinExprObject *self = as_linexpr(object);
+    PyTypeObject *type = Py_TYPE(object);
+    PyObject *coeffs = self->coeffs, *vars = self->vars;
+    PyObject_Free(object);
+    --counts.linexprs;
+    Py_DECREF(coeffs);
+    Py_DECREF(vars);
+    Py_DECREF(type);
+}
+
+PyObject *get_terms(PyObject *object, PyObject *) {
+    return border([&] {
+        LinExprObject *self = as_linexpr(object);
+        Ref coeffs = check(PyList_AsTuple(self->coeffs)), vars = check(PyList_AsTuple(self->vars));
+        return check(PyObject_CallFunctionObjArgs(as_object(&PyZip_Type), coeffs.get(), vars.get(), nullptr));
+    });
+}
+
+PyObject *get_size(PyObject *self, PyObject *) { return PyLong_FromSsize_t(term_count(as_linexpr(self))); }
+PyObject *get_constant(PyObject *self, PyObject *) { return PyFloat_FromDouble(as_linexpr(self)->constant); }
+
+PyObject *get_value(PyObject *self, PyObject *) {
+    return border([&] { return check(PyFloat_FromDouble(value_of(as_linexpr(self)))); });
+}
+
+PyObject *add_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"add", {"expr", "mult"}, 1};
+        Arguments given(signature, 1, args, nargs, kwnames);
+        double mult = given[1] ? finite_number(given[1], "Multiplier") : 1.0;
+        add_to(as_linexpr(self), linear_operand(given[0], "add()"), mult);
+        return Ref::none();
+    });
+}
+
+PyObject *add_terms_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"addTerms", {"coeffs", "vars"}, 2};
+        Arguments given(signature, 1, args, nargs, kwnames);
+        add_terms(as_linexpr(self), given[0], given[1]);
+        return Ref::none();
+    });
+}
+
+PyObject *clear_method(PyObject *self, PyObject *) {
+    return border([&] {
+        clear(as_linexpr(self));
+        return Ref::none();
+    });
+}
+
+PyObject *copy_method(PyObject *self, PyObject *) {
+    return border([&] { return copy(as_linexpr(self)); });
+}
+
+PyObject *flatten_method(PyObject *, PyObject *) { Py_RETURN_NONE; } // terms stand in plain lists always
+
+PyObject *normalize_method(PyObject *self, PyObject *) {
+    return border([&] {
+        normalize(as_linexpr(self));
+        return Ref::none();
+    });
+}
+
+PyObject *mul_method(PyObject *self, PyObject *factor) {
+    return border([&] {
+        double value = finite_number(factor, "Multiplier");
+        scale(as_linexpr(self), {value, false});
+        return Ref::none();
+    });
+}
+
+PyObject *refuse_pickling(PyObject *, PyObject *) {
+    PyErr_SetString(PyExc_TypeError, "cannot pickle 'tarvopy.LinExpr' object: its variables belong to a model of this process");
+    return nullptr;
+}
+
+PyObject *linexpr_str(PyObject *self) {
+    return border([&] { return text_of(as_linexpr(self)); });
+}
+
+PyObject *linexpr_repr(PyObject *self) {
+    return border([&] {
+        Ref text = text_of(as_linexpr(self));
+        return check(PyUnicode_FromFormat("<LinExpr: %U>", text.get()));
+    });
+}
+
+PyMethodDef methods[] = {
+    {"terms", get_terms, METH_NOARGS, "terms()\n--\n\nAn iterator over (coefficient, Var) in stored order, as they are now."},
+    {"size", get_size, METH_NOARGS, "size()\n--\n\nThe number of stored terms, duplicates and zeros counted."},
+    {"getConstant", get_constant, METH_NOARGS, "getConstant()\n--\n\nThe constant term."},
+    {"getValue", get_value, METH_NOARGS, "getValue()\n--\n\nThe value at the last solution; NoDataError where there is none."},
+    {"add", method(add_method), METH_FASTCALL | METH_KEYWORDS,
+     "add(expr, mult=1.0)\n--\n\nAdds mult * expr (a number, Var or LinExpr) in place."},
+    {"addTerms", method(add_terms_method), METH_FASTCALL | METH_KEYWORDS,
+     "addTerms(coeffs, vars)\n--\n\nAppends terms in place: lists or arrays of equal length, or one coefficient for one or all "
+     "variables.\nOn an error nothing is appended."},
+    {"clear", clear_method, METH_NOARGS, "clear()\n--\n\nMakes the expression 0."},
+    {"copy", copy_method, METH_NOARGS, "copy()\n--\n\nA new expression with the same terms."},
+    {"_flatten", flatten_method, METH_NOARGS, "_flatten()\n--\n\nBrings the terms to plain lists, where they always are."},
+    {"_normalize", normalize_method, METH_NOARGS,
+     "_normalize()\n--\n\nMerges the terms of each variable at its first occurrence and drops zero coefficients."},
+    {"_mul", mul_method, METH_O, "_mul(factor)\n--\n\nScales in place."},
+    {"__copy__", copy_method, METH_NOARGS, nullptr},
+    {"__deepcopy__", copy_method, METH_O, nullptr},
+    {"__reduce_ex__", refuse_pickling, METH_O, nullptr},
+    {}};
+
+PyType_Slot slots[] = {
+    {Py_tp_doc, const_cast<char *>("LinExpr(arg=0.0, vars=None)\n--\n\nA linear expression of scalar variables: LinExpr(number), LinExpr(Var), "
+                                   "LinExpr(LinExpr) (a copy), LinExpr(coeffs, vars).")},
+    {Py_tp_new, slot(linexpr_new)},
+    {Py_tp_dealloc, slot(linexpr_dealloc)},
+    {Py_tp_methods, methods},
+    {Py_tp_str, slot(linexpr_str)},
+    {Py_tp_repr, slot(linexpr_repr)},
+    {Py_tp_hash, slot(PyObject_HashNotImplemented)}, // mutable, and == makes a constraint
+    {Py_nb_inplace_add, slot(operator_inplace_add)},
+    {Py_nb_inplace_subtract, slot(operator_inplace_subtract)},
+    {Py_nb_inplace_multiply, slot(operator_inplace_multiply)},
+    {Py_nb_inplace_true_divide, slot(operator_inplace_divide)},
+    TARVOPY_OPERATOR_SLOTS{}};
+
+PyType_Spec spec = {"tarvopy.LinExpr", sizeof(LinExprObject), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE, slots};
+
+// ---- text ----------------------------------------------------------------------------------------------------------------
+
+std::string number_text(double value) {
+    char *digits = PyOS_double_to_string(value, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);
+    if (!digits)
+        throw std::bad_alloc();
+    std::string text(digits);
+    PyMem_Free(digits);
+    return text;
+}
+
+void append_signed(std::string &text, double value) {
+    if (text.empty()) {
+        text += number_text(value);
+    } else {
+        text += std::signbit(value) ? " - " : " + ";
+        text += number_text(std::fabs(value));
+    }
+}
+
+} // namespace
+
+void add_terms(LinExprObject *self, PyObject *coeffs, PyObject *vars) {
+    Ref variables = var_list(vars);
+    Py_ssize_t n = PyList_GET_SIZE(variables.get());
+    Ref numbers = pysupport::is_number(coeffs) ? repeated(coeffs, n) : float_list(coeffs);
+    if (PyList_GET_SIZE(numbers.get()) != n)
+        fail(PyExc_ValueError, "%zd coefficients for %zd variables", PyList_GET_SIZE(numbers.get()), n);
+    Ref terms = make_linexpr(0.0, std::move(numbers), std::move(variables));
+    add_to(self, {OperandKind::LinExpr, terms.get()}, 1.0);
+}
+
+double value_of(const LinExprObject *self) {
+    double value = self->constant;
+    for (Py_ssize_t i = 0; i < term_count(self); ++i) {
+        auto *var = as_scalar(PyList_GET_ITEM(self->vars, i));
+        TRVmodel *store = open_store(var->cmodel);
+        double x;
+        check_store(store, TRVgetdbls(store, "X", 1, nullptr, var->id, &x));
+        value += PyFloat_AS_DOUBLE(PyList_GET_ITEM(self->coeffs, i)) * x;
+    }
+    return value;
+}
+
+Ref text_of(const LinExprObject *self) {
+    std::string text;
+    for (Py_ssize_t i = 0; i < term_count(self); ++i) {
+        append_signed(text, PyFloat_AS_DOUBLE(PyList_GET_ITEM(self->coeffs, i)));
+        text += ' ';
+        text += display_name(PyList_GET_ITEM(self->vars, i));
+    }
+    if (self->constant != 0.0 || text.empty())
+        append_signed(text, self->constant);
+    return check(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace"));
+}
+
+void add_linexpr_type(PyObject *module) { state.LinExpr = make_type(module, &spec, "LinExpr"); }
+
+} // namespace tarvopy::core

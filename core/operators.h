@@ -1,0 +1,50 @@
+// The operators of Var and LinExpr: one dispatch for both, since either may stand on either side.
+//
+// What meets a variable or an expression is one of
+//   Number          2.0, np.float64(2)       -> LinExpr
+//   Var, LinExpr                             -> LinExpr
+//   Array           ndarray, SciPy matrix    -> the scalar becomes a 0-dimensional MVar or MLinExpr, and the matrix classes go on
+//   Foreign         everything else          -> NotImplemented, so that the other object's reflected operator is asked (MVar, MLinExpr, ...)
+// Products and powers of variables and divisions by them raise NotImplementedError: those expressions have types, but no contents yet.
+#pragma once
+
+#include "state.h"
+
+namespace tarvopy::core {
+
+enum class OperandKind { Number, Var, LinExpr, Array, Foreign };
+
+struct Operand {
+    OperandKind kind;
+    PyObject *object; // borrowed
+
+    bool is_expression() const { return kind == OperandKind::Var || kind == OperandKind::LinExpr; }
+};
+
+Operand classify(PyObject *object);
+// The value of a Number; may run its __float__. what ("Constant", "Multiplier") names it in the refusal of infinity and NaN.
+double finite_number(PyObject *object, const char *what);
+
+PyObject *operator_add(PyObject *a, PyObject *b);
+PyObject *operator_subtract(PyObject *a, PyObject *b);
+PyObject *operator_multiply(PyObject *a, PyObject *b);
+PyObject *operator_divide(PyObject *a, PyObject *b);
+PyObject *operator_power(PyObject *a, PyObject *b, PyObject *modulus);
+PyObject *operator_negative(PyObject *a);
+PyObject *operator_positive(PyObject *a);
+PyObject *operator_compare(PyObject *a, PyObject *b, int comparison);
+
+// On LinExpr only.
+PyObject *operator_inplace_add(PyObject *a, PyObject *b);
+PyObject *operator_inplace_subtract(PyObject *a, PyObject *b);
+PyObject *operator_inplace_multiply(PyObject *a, PyObject *b);
+PyObject *operator_inplace_divide(PyObject *a, PyObject *b);
+
+// Slots of Var and LinExpr, for their type specifications.
+#define TARVOPY_OPERATOR_SLOTS                                                                                         \
+    {Py_nb_add, slot(operator_add)}, {Py_nb_subtract, slot(operator_subtract)},                                        \
+        {Py_nb_multiply, slot(operator_multiply)}, {Py_nb_true_divide, slot(operator_divide)},                         \
+        {Py_nb_power, slot(operator_power)}, {Py_nb_negative, slot(operator_negative)},                                \
+        {Py_nb_positive, slot(operator_positive)}, {Py_tp_richcompare, slot(operator_compare)},
+
+} // namespace tarvopy::core

@@ -1,0 +1,3 @@
+"""Mathematical optimisation on arrays."""
+
+__version__ = "0.1.0"

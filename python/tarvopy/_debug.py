@@ -1,0 +1,15 @@
+"""Switches and counters for tests; nothing here is needed for modelling."""
+
+from tarvopy import _core
+
+
+def counts() -> dict[str, int]:
+    """How many ``Var``, ``Constr`` and ``LinExpr`` objects are alive in this process."""
+    return _core._counts()
+
+
+def eager(flag: bool | None = None) -> bool:
+    """Whether matrix objects make their element objects at once instead of on demand; a flag sets it. Returns the old state."""
+    from tarvopy import _matrixapi
+
+    return _matrixapi._eager(flag)

@@ -1,0 +1,61 @@
+"""The constants of the package, as attributes of the class ``TRV``. The numbers are those of the store's C interface."""
+
+
+class _Error:
+    """Codes of ``TarvoError``."""
+
+    OUT_OF_MEMORY = 1
+    INVALID_ARGUMENT = 2
+    UNKNOWN_ATTRIBUTE = 3
+    ATTRIBUTE_KIND = 4
+    NO_DATA = 5
+    NOT_IN_MODEL = 6
+    SIZE_LIMIT = 7
+    FILE = 8
+    SYNTAX = 9
+    UNSUPPORTED = 10
+    CLOSED = 11
+
+
+class TRV:
+    """Senses, statuses and error codes."""
+
+    MINIMIZE = 1
+    MAXIMIZE = -1
+    INFINITY = 1e20
+    """Bounds and sides of this magnitude and more mean that there is none."""
+
+    LESS_EQUAL = "<"
+    GREATER_EQUAL = ">"
+    EQUAL = "="
+
+    CONTINUOUS = "C"
+    BINARY = "B"
+    INTEGER = "I"
+    SEMICONT = "S"
+
+    NOT_SOLVED = 0
+    OPTIMAL = 1
+    INFEASIBLE = 2
+    UNBOUNDED = 3
+    INFEASIBLE_OR_UNBOUNDED = 4
+    TIME_LIMIT = 5
+    ITERATION_LIMIT = 6
+    NODE_LIMIT = 7
+    SOLUTION_LIMIT = 8
+    INTERRUPTED = 9
+    IMPRECISE = 10
+    FAILED = 11
+
+    Error = _Error
+    ERROR_OUT_OF_MEMORY = _Error.OUT_OF_MEMORY
+    ERROR_INVALID_ARGUMENT = _Error.INVALID_ARGUMENT
+    ERROR_UNKNOWN_ATTRIBUTE = _Error.UNKNOWN_ATTRIBUTE
+    ERROR_ATTRIBUTE_KIND = _Error.ATTRIBUTE_KIND
+    ERROR_NO_DATA = _Error.NO_DATA
+    ERROR_NOT_IN_MODEL = _Error.NOT_IN_MODEL
+    ERROR_SIZE_LIMIT = _Error.SIZE_LIMIT
+    ERROR_FILE = _Error.FILE
+    ERROR_SYNTAX = _Error.SYNTAX
+    ERROR_UNSUPPORTED = _Error.UNSUPPORTED
+    ERROR_CLOSED = _Error.CLOSED
