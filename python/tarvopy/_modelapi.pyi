@@ -1,7 +1,7 @@
 """The native half of the Model: what moves arrays between Python and the store.
 
-The functions take the model handle (`model._cmodel`). Those for engines work also while the model is marked as solving, when
-everything else refuses; they raise TarvoError with code CLOSED for a closed model.
+The functions take the model handle (`model._cmodel`). Those for engines work also while the model is marked as solving,
+when everything else refuses; they raise TarvoError with code CLOSED for a closed model.
 """
 
 from typing import Any
@@ -21,7 +21,7 @@ def changes(handle: Any) -> dict[str, Any]:
 
 def clear_changes(handle: Any) -> None: ...
 def open_solution(handle: Any) -> tuple[NDArray[np.float64], NDArray[np.float64], NDArray[np.float64]]:
-    """Writable (x, rc, pi) by position, made anew by each call; the last solution stays readable until commit_solution."""
+    """Writable (x, rc, pi) by position, made anew by each call; the last solution stays until commit_solution."""
 
 def commit_solution(
     handle: Any,
@@ -37,7 +37,10 @@ def commit_solution(
     nodecount: float = 0.0,
     engine: str = "",
 ) -> None:
-    """Makes the open arrays the model's solution. Figures that are not there are NaN (their default); objval and bound in the model's sense."""
+    """Makes the open arrays the model's solution.
+
+    Figures that are not there are NaN (their default); objval and bound in the model's own sense.
+    """
 
 def residuals(handle: Any, has_duals: bool) -> dict[str, float | int]:
     """How well the open solution (else the last one) holds, by the field names of TRVresiduals in tarvo.h."""

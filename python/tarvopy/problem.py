@@ -3,8 +3,8 @@
     problem = Problem.of(model._cmodel)        after update(); NumPy views of the store, nothing is copied
     start, index, value = problem.csc()        the matrix by columns, made for the caller and freed with the arrays
 
-The views are read-only and show the store as it is: they hold until the model's next change (while an engine runs, changes are refused).
-Infinite bounds are +-inf. Positions, not ids, count everything here.
+The views are read-only and show the store as it is: they hold until the model's next change (while an engine runs,
+changes are refused). Infinite bounds are +-inf. Positions, not ids, count everything here.
 """
 
 from __future__ import annotations

@@ -1,0 +1,57 @@
+// Model files and solutions by path; the store reads and writes them.
+
+#include "modelapi.h"
+
+#include <string_view>
+
+namespace tarvopy::modelapi {
+
+namespace {
+
+bool is_solution(std::string_view path) {
+    return path.ends_with(".sol");
+}
+
+// The path in the file system's encoding.
+Ref path_bytes(PyObject *object) {
+    PyObject *bytes = nullptr;
+    if (!PyUnicode_FSConverter(object, &bytes))
+        throw PythonError{};
+    return Ref::steal(bytes);
+}
+
+} // namespace
+
+TARVOPY_METHOD(model_read) {
+    static const Signature signature{"read", {"path"}, 1};
+    return border([&] {
+        Arguments given(signature, 1, args, nargs, kwnames);
+        ModelObject *handle = handle_of(self);
+        Ref path = path_bytes(given[0]);
+        const char *text = PyBytes_AS_STRING(path.get());
+        TRVmodel *store = store_of(handle);
+        if (is_solution(text)) {
+            succeed(store, TRVreadsolution(store, text));
+            return Ref::none();
+        }
+        succeed(store, TRVreadmodel(store, text));
+        succeed(store, TRVupdatemodel(store));
+        return Ref::none();
+    });
+}
+
+TARVOPY_METHOD(model_write) {
+    static const Signature signature{"write", {"path"}, 1};
+    return border([&] {
+        Arguments given(signature, 1, args, nargs, kwnames);
+        ModelObject *handle = handle_of(self);
+        Ref path = path_bytes(given[0]);
+        const char *text = PyBytes_AS_STRING(path.get());
+        TRVmodel *store = store_of(handle);
+        succeed(store, TRVupdatemodel(store));
+        succeed(store, is_solution(text) ? TRVwritesolution(store, text) : TRVwritemodel(store, text));
+        return Ref::none();
+    });
+}
+
+} // namespace tarvopy::modelapi

@@ -1,0 +1,196 @@
+// ModelBase: the model handle in a Python object, and its table of methods.
+
+#include "modelapi.h"
+
+namespace tarvopy::modelapi {
+
+ModelObject *handle_of(PyObject *self) {
+    ModelObject *handle = reinterpret_cast<ModelBase *>(self)->handle;
+    if (!handle)
+        fail(PyExc_RuntimeError,
+             "this Model was never initialised: a class derived from Model must call Model.__init__");
+    return handle;
+}
+
+TRVmodel *store_of(ModelObject *handle) {
+    TRVmodel *store = core().store(reinterpret_cast<PyObject *>(handle));
+    if (!store)
+        throw PythonError{};
+    return store;
+}
+
+TRVmodel *engine_store(PyObject *handle) {
+    if (!PyObject_TypeCheck(handle, core().Model))
+        fail(PyExc_TypeError, "expected a model handle, not '%.200s'", Py_TYPE(handle)->tp_name);
+    TRVmodel *store = reinterpret_cast<ModelObject *>(handle)->store;
+    if (!store)
+        refuse(TRV_ERROR_CLOSED, "the model is closed");
+    return store;
+}
+
+void succeed(TRVmodel *store, int code) {
+    if (code == TRV_OK)
+        return;
+    core().raise(store, code);
+    throw PythonError{};
+}
+
+void refuse(int code, const char *message) {
+    core().raise_error(code, message);
+    throw PythonError{};
+}
+
+void require_model(const ModelObject *model, const ModelObject *handle, const char *what) {
+    if (!model || model == handle)
+        return;
+    char message[120];
+    PyOS_snprintf(message, sizeof message, "%.60s of another model: elements of two models never mix", what);
+    refuse(TRV_ERROR_NOT_IN_MODEL, message);
+}
+
+namespace {
+
+ModelBase *base(PyObject *self) {
+    return reinterpret_cast<ModelBase *>(self);
+}
+
+int model_init(PyObject *self, PyObject *args, PyObject *kwargs) {
+    return pysupport::border_status([&] {
+        static const char *keywords[] = {"name", nullptr};
+        PyObject *name = nullptr;
+        if (!PyArg_ParseTupleAndKeywords(args, kwargs, "|U:Model", const_cast<char **>(keywords), &name))
+            throw PythonError{};
+        if (base(self)->handle)
+            fail(PyExc_RuntimeError, "a Model is initialised once");
+        Ref text = name ? Ref::borrow(name) : check(PyUnicode_FromString(""));
+        Ref handle = check(PyObject_CallOneArg(reinterpret_cast<PyObject *>(core().Model), text.get()));
+        base(self)->handle = reinterpret_cast<ModelObject *>(handle.release());
+    });
+}
+
+void model_dealloc(PyObject *self) {
+    PyTypeObject *type = Py_TYPE(self);
+    Py_CLEAR(base(self)->handle);
+    type->tp_free(self);
+    Py_DECREF(type);
+}
+
+PyObject *get_cmodel(PyObject *self, void *) {
+    return border([&] { return Ref::borrow(reinterpret_cast<PyObject *>(handle_of(self))); });
+}
+
+PyMethodDef row(const char *name, Method function, const char *doc) {
+    return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)), METH_FASTCALL | METH_KEYWORDS,
+            doc};
+}
+
+PyMethodDef methods[] = {
+    row("addVar", model_addVar,
+        "addVar($self, /, lb=0.0, ub=inf, obj=0.0, vtype='C', name='')\n--\n\n"
+        "Add one variable, lb <= x <= ub, with objective coefficient obj; the Var is pending until update().\n\n"
+        "vtype: 'C' continuous, 'B' binary (bounds are cut to [0, 1]), 'I' integer, 'S' semi-continuous (0, or between "
+        "lb and a\n"
+        "finite ub). Magnitudes of 1e20 and more mean no bound. NaN is refused with TarvoError."),
+    row("addMVar", model_addMVar,
+        "addMVar($self, /, shape, lb=0.0, ub=inf, obj=0.0, vtype='C', name='')\n--\n\n"
+        "Add an array of variables and return its MVar.\n\n"
+        "shape: an int or a tuple of ints, () too. lb, ub, obj, vtype: single values or anything that broadcasts to "
+        "shape, see\n"
+        "addVar. name: one string gives name[i,j] for each element, an array of strings of this shape names each.\n"
+        "ValueError for shapes that do not broadcast and beyond 2**31 - 1 elements; then nothing was added."),
+    row("addConstr", model_addConstr,
+        "addConstr($self, /, tempconstr, name='')\n--\n\n"
+        "Add what a comparison with <=, >= or == gave, one row for each element of the broadcast shape of its "
+        "sides.\n\n"
+        "Returns a Constr when both sides are scalar objects or numbers, else (0-dimensional arrays too) an MConstr of "
+        "the\n"
+        "broadcast shape, pending until update(). An infinite right-hand side means no bound. name as for addMVar.\n"
+        "TypeError for anything but a comparison; ValueError for shapes that do not broadcast; TarvoError for NaN, "
+        "infinite\n"
+        "coefficients, bounds that can never hold and elements that are removed or of another model. On an error "
+        "nothing was added."),
+    row("addRange", model_addRange,
+        "addRange($self, /, expr, lb, ub, name='')\n--\n\n"
+        "Add lb <= expr <= ub as one two-sided row for each element; lb, ub and expr broadcast. See addConstr."),
+    row("setObjective", model_setObjective,
+        "setObjective($self, /, expr, sense=None)\n--\n\n"
+        "Replace the objective (every Obj, and ObjConstant) by expr: a number, a scalar expression or an array of one "
+        "element.\n\n"
+        "sense: TRV.MINIMIZE, TRV.MAXIMIZE or None, which keeps ModelSense."),
+    row("update", model_update,
+        "update($self, /)\n--\n\nApply what is pending: added elements get their positions, removed ones go."),
+    row("remove", model_remove,
+        "remove($self, what, /)\n--\n\n"
+        "Remove variables or constraints: a scalar or matrix handle, or a list of them. Elements in the model go at "
+        "the next\n"
+        "update, pending ones at once. TarvoError (NOT_IN_MODEL) for those of another model; then nothing was "
+        "removed."),
+    row("getVars", model_getVars,
+        "getVars($self, /)\n--\n\nThe variables in the model's order, as a list of Var; pending ones are not among "
+        "them."),
+    row("getConstrs", model_getConstrs,
+        "getConstrs($self, /)\n--\n\nThe linear rows in the model's order, as a list of Constr; pending ones are not "
+        "among them."),
+    row("getQConstrs", model_getQConstrs, "getQConstrs($self, /)\n--\n\nThe quadratic rows in the model's order."),
+    row("getGenConstrs", model_getGenConstrs,
+        "getGenConstrs($self, /)\n--\n\nThe general constraints in the model's order."),
+    row("getNLConstrs", model_getNLConstrs, "getNLConstrs($self, /)\n--\n\nThe nonlinear rows in the model's order."),
+    row("getVarByName", model_getVarByName,
+        "getVarByName($self, name, /)\n--\n\nThe first Var of this name, pending ones included, or None."),
+    row("getConstrByName", model_getConstrByName,
+        "getConstrByName($self, name, /)\n--\n\nThe first Constr of this name, pending ones included, or None."),
+    row("setCoeff", model_setCoeff,
+        "setCoeff($self, /, constr, var, value)\n--\n\n"
+        "Set the coefficient of var in constr, at once; 0 takes the term away.\n\n"
+        "constr: Constr or MConstr, var: Var or MVar, value: a number or an array; the three broadcast. Of repeated "
+        "pairs the\n"
+        "last one wins. On an error nothing has changed."),
+    row("getCoeff", model_getCoeff,
+        "getCoeff($self, /, constr, var)\n--\n\n"
+        "The coefficient of var in constr (0.0 where it does not occur): a float for a Constr and a Var, else a "
+        "float64 array\n"
+        "of the broadcast shape."),
+    row("getA", model_getA,
+        "getA($self, /)\n--\n\n"
+        "The matrix of the linear rows as a scipy.sparse.csr_matrix of shape (NumConstrs, NumVars), as of the last "
+        "update."),
+    row("getRow", model_getRow,
+        "getRow($self, constr, /)\n--\n\nThe terms of a linear row as a LinExpr; its constant is 0."),
+    row("getAttr", model_getAttr,
+        "getAttr($self, attrname, /)\n--\n\nThe value of a model attribute; applies what is pending first. m.NumVars "
+        "means m.getAttr('NumVars')."),
+    row("setAttr", model_setAttr,
+        "setAttr($self, attrname, value, /)\n--\n\nSet a model attribute, at once. m.ModelSense = -1 means "
+        "m.setAttr('ModelSense', -1)."),
+    row("_attributes", model_attributes, "_attributes($self, /)\n--\n\nThe names of the model attributes."),
+    row("_read", model_read,
+        "_read($self, path, /)\n--\n\nReads a model file into an empty model, or a .sol file into Start."),
+    row("_write", model_write, "_write($self, path, /)\n--\n\nWrites a model file, or the solution (.sol)."),
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyGetSetDef properties[] = {
+    {"_cmodel", get_cmodel, nullptr, "The model handle, shared by everything of this model.", nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyType_Slot slots[] = {
+    {Py_tp_doc, const_cast<char *>("The native half of Model.")},
+    {Py_tp_init, reinterpret_cast<void *>(model_init)},
+    {Py_tp_new, reinterpret_cast<void *>(PyType_GenericNew)},
+    {Py_tp_dealloc, reinterpret_cast<void *>(model_dealloc)},
+    {Py_tp_repr, reinterpret_cast<void *>(model_repr)},
+    {Py_tp_methods, methods},
+    {Py_tp_getset, properties},
+    {0, nullptr},
+};
+
+PyType_Spec spec{"tarvopy._modelapi.ModelBase", sizeof(ModelBase), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, slots};
+
+} // namespace
+
+Ref make_model_base(PyObject *module) {
+    return check(PyType_FromModuleAndSpec(module, &spec, nullptr));
+}
+
+} // namespace tarvopy::modelapi

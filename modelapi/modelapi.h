@@ -1,0 +1,98 @@
+// tarvopy._modelapi: the native half of the Model, everything that moves arrays between Python and the store.
+//
+// ModelBase is the base class of tarvopy.Model: it holds the model handle and has the methods that are called often or
+// move arrays (addVar, addMVar, addConstr, addRange, setObjective, remove, coefficients, attributes, files). What an
+// engine reads and writes are module functions over the handle (problem.cpp, solution.cpp).
+#pragma once
+
+#include "collaborators/core.h"
+#include "collaborators/matrix_rows.h"
+#include "pysupport/args.h"
+#include "pysupport/error.h"
+#include "pysupport/numpy.h"
+
+namespace tarvopy::modelapi {
+
+using pysupport::Arguments;
+using pysupport::border;
+using pysupport::check;
+using pysupport::check_status;
+using pysupport::fail;
+using pysupport::need_numpy;
+using pysupport::PythonError;
+using pysupport::Ref;
+using pysupport::Signature;
+
+struct ModelBase {
+    PyObject_HEAD ModelObject *handle; // owned; NULL until __init__ ran
+};
+
+// ---- the siblings
+const CoreApi &core();     // bound when the module is executed
+const MatrixApi &matrix(); // bound on first use
+
+// ---- the model behind an object
+ModelObject *handle_of(PyObject *self);
+// The store, or the refusal of a closed model and of one that an engine is running on. Python code may close a model,
+// so ask after everything that may run some.
+TRVmodel *store_of(ModelObject *handle);
+// The same for the calls of engines, which are made while the model is marked as solving.
+TRVmodel *engine_store(PyObject *handle);
+// Throws what a store call left.
+void succeed(TRVmodel *store, int code);
+[[noreturn]] void refuse(int code, const char *message);
+// An element or expression of `model` (NULL: of none) is used in the model `handle`.
+void require_model(const ModelObject *model, const ModelObject *handle, const char *what);
+
+using Method = PyObject *(*)(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames);
+#define TARVOPY_METHOD(name) PyObject *name(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames)
+
+// variables.cpp
+TARVOPY_METHOD(model_addVar);
+TARVOPY_METHOD(model_addMVar);
+// constraints.cpp
+TARVOPY_METHOD(model_addConstr);
+TARVOPY_METHOD(model_addRange);
+TARVOPY_METHOD(model_setObjective);
+// elements.cpp
+TARVOPY_METHOD(model_update);
+TARVOPY_METHOD(model_remove);
+TARVOPY_METHOD(model_getVars);
+TARVOPY_METHOD(model_getConstrs);
+TARVOPY_METHOD(model_getQConstrs);
+TARVOPY_METHOD(model_getGenConstrs);
+TARVOPY_METHOD(model_getNLConstrs);
+TARVOPY_METHOD(model_getVarByName);
+TARVOPY_METHOD(model_getConstrByName);
+// coefficients.cpp
+TARVOPY_METHOD(model_setCoeff);
+TARVOPY_METHOD(model_getCoeff);
+TARVOPY_METHOD(model_getA);
+TARVOPY_METHOD(model_getRow);
+// attributes.cpp
+TARVOPY_METHOD(model_getAttr);
+TARVOPY_METHOD(model_setAttr);
+TARVOPY_METHOD(model_attributes);
+PyObject *model_repr(PyObject *self);
+// files.cpp
+TARVOPY_METHOD(model_read);
+TARVOPY_METHOD(model_write);
+// problem.cpp, solution.cpp: functions over the handle
+TARVOPY_METHOD(function_problem);
+TARVOPY_METHOD(function_matrix);
+TARVOPY_METHOD(function_changes);
+TARVOPY_METHOD(function_clear_changes);
+TARVOPY_METHOD(function_open_solution);
+TARVOPY_METHOD(function_commit_solution);
+TARVOPY_METHOD(function_residuals);
+TARVOPY_METHOD(function_evaluate_objective);
+TARVOPY_METHOD(function_set_solving);
+TARVOPY_METHOD(function_is_solving);
+
+// The type ModelBase, made once (model.cpp).
+Ref make_model_base(PyObject *module);
+
+// The matrix by columns or rows as fresh arrays (start, index, value) that own the store's allocation (problem.cpp).
+Ref matrix_arrays(TRVmodel *store, bool csc);
+
+} // namespace tarvopy::modelapi

@@ -1,0 +1,99 @@
+// The module tarvopy._modelapi: its functions and the bindings of its siblings.
+
+#include "modelapi.h"
+
+namespace tarvopy::modelapi {
+
+namespace {
+
+const CoreApi *core_api;
+const MatrixApi *matrix_api;
+
+// A capsule's name is resolved by attributes, so the submodule is imported first.
+template <class Api> const Api *load(const char *module) {
+    check(PyImport_ImportModule(module));
+    const Api *api = Api::load();
+    if (!api)
+        throw PythonError{};
+    return api;
+}
+
+int execute(PyObject *module) {
+    return pysupport::border_status([&] {
+        core_api = load<CoreApi>("tarvopy._core");
+        Ref base = make_model_base(module);
+        check_status(PyModule_AddObjectRef(module, "ModelBase", base.get()));
+        check_status(PyModule_AddStringConstant(module, "__version__", TARVOPY_VERSION));
+    });
+}
+
+PyMethodDef function(const char *name, Method function, const char *doc) {
+    return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)), METH_FASTCALL | METH_KEYWORDS,
+            doc};
+}
+
+PyMethodDef functions[] = {
+    function("problem", function_problem,
+             "problem($module, handle, /)\n--\n\nRead-only views and numbers of the store by the field names of "
+             "problem.Problem."),
+    function("matrix", function_matrix,
+             "matrix($module, handle, csc, /)\n--\n\nThe matrix by columns or by rows, freshly made: (start, index, "
+             "value)."),
+    function(
+        "changes", function_changes,
+        "changes($module, handle, /)\n--\n\nWhat changed since clear_changes by the field names of problem.Changes."),
+    function("clear_changes", function_clear_changes,
+             "clear_changes($module, handle, /)\n--\n\nChanges count anew from here."),
+    function("open_solution", function_open_solution,
+             "open_solution($module, handle, /)\n--\n\nWritable (x, rc, pi) by position; the last solution stays until "
+             "commit_solution."),
+    function(
+        "commit_solution", function_commit_solution,
+        "commit_solution($module, handle, /, *, status, has_x=False, has_duals=False, objval=nan, bound=nan, gap=nan, "
+        "runtime=0.0, itercount=0.0, nodecount=0.0, engine='')\n--\n\nMakes the open arrays the model's solution."),
+    function("residuals", function_residuals,
+             "residuals($module, handle, has_duals, /)\n--\n\nHow well the open solution (else the last one) holds."),
+    function("evaluate_objective", function_evaluate_objective,
+             "evaluate_objective($module, handle, x, /)\n--\n\nThe objective at x (float64, by position), constant "
+             "included."),
+    function("set_solving", function_set_solving,
+             "set_solving($module, handle, flag, /)\n--\n\nMarks the model as being solved: other calls are refused "
+             "until it is unmarked."),
+    function("is_solving", function_is_solving,
+             "is_solving($module, handle, /)\n--\n\nWhether the model is marked as being solved."),
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyModuleDef_Slot module_slots[] = {
+    {Py_mod_exec, reinterpret_cast<void *>(execute)},
+    {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED},
+    {0, nullptr},
+};
+
+PyModuleDef definition{PyModuleDef_HEAD_INIT,
+                       "_modelapi",
+                       "The native half of tarvopy.Model: what moves arrays between Python and the model store.",
+                       0,
+                       functions,
+                       module_slots,
+                       nullptr,
+                       nullptr,
+                       nullptr};
+
+} // namespace
+
+const CoreApi &core() {
+    return *core_api;
+}
+
+const MatrixApi &matrix() {
+    if (!matrix_api)
+        matrix_api = load<MatrixApi>("tarvopy._matrixapi");
+    return *matrix_api;
+}
+
+} // namespace tarvopy::modelapi
+
+PyMODINIT_FUNC PyInit__modelapi() {
+    return PyModuleDef_Init(&tarvopy::modelapi::definition);
+}

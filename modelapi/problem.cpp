@@ -1,0 +1,171 @@
+// What an engine reads of a model: views of the store, the matrix, what changed.
+
+#include "modelapi.h"
+
+#include <memory>
+
+namespace tarvopy::modelapi {
+
+using pysupport::as_array;
+
+namespace {
+
+void put(PyObject *dict, const char *name, Ref value) {
+    check_status(PyDict_SetItemString(dict, name, value.get()));
+}
+
+Ref whole(int64_t value) {
+    return check(PyLong_FromLongLong(value));
+}
+Ref truth(bool value) {
+    return Ref::borrow(value ? Py_True : Py_False);
+}
+
+// A read-only view of memory that lives as long as `owner`.
+Ref view(PyObject *owner, PyArray_Descr *descr, npy_intp count, const void *data) {
+    static char nothing; // an empty vector's pointer may be NULL, for which NumPy would allocate
+    void *memory = data ? const_cast<void *>(data) : &nothing;
+    Ref array = check(PyArray_NewFromDescr(&PyArray_Type, descr, 1, &count, nullptr, memory, 0, nullptr));
+    check_status(PyArray_SetBaseObject(as_array(array), Py_NewRef(owner)));
+    return array;
+}
+
+Ref doubles(PyObject *owner, npy_intp count, const double *data) {
+    return view(owner, PyArray_DescrFromType(NPY_DOUBLE), count, data);
+}
+
+Ref letters(PyObject *owner, npy_intp count, const char *data) {
+    PyArray_Descr *descr = PyArray_DescrNewFromType(NPY_STRING);
+    if (!descr)
+        throw PythonError{};
+    PyDataType_SET_ELSIZE(descr, 1);
+    return view(owner, descr, count, data);
+}
+
+Ref copy_of(npy_intp count, const int32_t *data) {
+    Ref array = check(PyArray_SimpleNew(1, &count, NPY_INT32));
+    if (count)
+        std::copy(data, data + count, static_cast<int32_t *>(PyArray_DATA(as_array(array))));
+    return array;
+}
+
+constexpr const char *matrix_capsule = "tarvopy._modelapi.matrix";
+
+void free_matrix(PyObject *capsule) {
+    auto *matrix = static_cast<TRVmatrix *>(PyCapsule_GetPointer(capsule, matrix_capsule));
+    TRVfreematrix(matrix);
+    delete matrix;
+}
+
+} // namespace
+
+TARVOPY_METHOD(function_problem) {
+    static const Signature signature{"problem", {"handle"}, 1};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        need_numpy();
+        PyObject *handle = given[0];
+        TRVmodel *store = engine_store(handle);
+        TRVdata data;
+        succeed(store, TRVgetdata(store, &data));
+        Ref fields = check(PyDict_New());
+        PyObject *dict = fields.get();
+        put(dict, "nvars", whole(data.nvars));
+        put(dict, "nrows", whole(data.nrows));
+        put(dict, "nnz", whole(data.nnz));
+        put(dict, "lb", doubles(handle, data.nvars, data.lb));
+        put(dict, "ub", doubles(handle, data.nvars, data.ub));
+        put(dict, "obj", doubles(handle, data.nvars, data.obj));
+        put(dict, "vtype", letters(handle, data.nvars, data.vtype));
+        put(dict, "lower", doubles(handle, data.nrows, data.lower));
+        put(dict, "upper", doubles(handle, data.nrows, data.upper));
+        put(dict, "objconstant", check(PyFloat_FromDouble(data.objconstant)));
+        put(dict, "sense", whole(data.sense));
+        put(dict, "nintegral", whole(data.nintegral));
+        put(dict, "start", data.start ? doubles(handle, data.nvars, data.start) : Ref::none());
+        return fields;
+    });
+}
+
+Ref matrix_arrays(TRVmodel *store, bool csc) {
+    auto matrix = std::make_unique<TRVmatrix>();
+    succeed(store, TRVgetmatrix(store, csc, matrix.get()));
+    const TRVmatrix parts = *matrix;
+    PyObject *made = PyCapsule_New(matrix.get(), matrix_capsule, free_matrix);
+    if (!made) {
+        TRVfreematrix(matrix.get());
+        throw PythonError{};
+    }
+    Ref owner = Ref::steal(made);
+    (void)matrix.release(); // the capsule's
+    auto owned = [&](int type, npy_intp count, const void *data) {
+        Ref array = view(owner.get(), PyArray_DescrFromType(type), count, data);
+        PyArray_ENABLEFLAGS(as_array(array), NPY_ARRAY_WRITEABLE);
+        return array;
+    };
+    Ref start = owned(NPY_INT32, parts.nmajor + 1, parts.start), index = owned(NPY_INT32, parts.nnz, parts.index);
+    Ref value = owned(NPY_DOUBLE, parts.nnz, parts.value);
+    return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));
+}
+
+TARVOPY_METHOD(function_matrix) {
+    static const Signature signature{"matrix", {"handle", "csc"}, 2};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        need_numpy();
+        bool csc = check_status(PyObject_IsTrue(given[1]));
+        return matrix_arrays(engine_store(given[0]), csc);
+    });
+}
+
+TARVOPY_METHOD(function_changes) {
+    static const Signature signature{"changes", {"handle"}, 1};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        need_numpy();
+        TRVmodel *store = engine_store(given[0]);
+        TRVchanges changes;
+        succeed(store, TRVgetchanges(store, &changes));
+        Ref fields = check(PyDict_New());
+        PyObject *dict = fields.get();
+        put(dict, "structure", truth(changes.structure));
+        put(dict, "objconstant", truth(changes.objconstant));
+        put(dict, "sense", truth(changes.sense));
+        put(dict, "bounds", copy_of(changes.nbounds, changes.bounds));
+        put(dict, "costs", copy_of(changes.ncosts, changes.costs));
+        put(dict, "sides", copy_of(changes.nsides, changes.sides));
+        Ref rows = copy_of(changes.ncoefs, changes.coefrows), vars = copy_of(changes.ncoefs, changes.coefvars);
+        npy_intp count = changes.ncoefs;
+        Ref row_ids = copy_of(count, changes.coefrows), var_ids = copy_of(count, changes.coefvars);
+        Ref coefs = check(PyArray_SimpleNew(1, &count, NPY_DOUBLE));
+        auto *row = static_cast<int32_t *>(PyArray_DATA(as_array(row_ids)));
+        auto *var = static_cast<int32_t *>(PyArray_DATA(as_array(var_ids)));
+        auto *coef = static_cast<double *>(PyArray_DATA(as_array(coefs)));
+        if (count) {
+            const auto *row_position = static_cast<const int32_t *>(PyArray_DATA(as_array(rows)));
+            const auto *var_position = static_cast<const int32_t *>(PyArray_DATA(as_array(vars)));
+            succeed(store, TRVidsat(store, TRV_CONSTR, count, row_position, row));
+            succeed(store, TRVidsat(store, TRV_VAR, count, var_position, var));
+            succeed(store, TRVgetcoefs(store, count, row, var, coef));
+        }
+        put(dict, "coefrows", std::move(rows));
+        put(dict, "coefvars", std::move(vars));
+        put(dict, "coefs", std::move(coefs));
+        return fields;
+    });
+}
+
+TARVOPY_METHOD(function_clear_changes) {
+    static const Signature signature{"clear_changes", {"handle"}, 1};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        TRVclearchanges(engine_store(given[0]));
+        return Ref::none();
+    });
+}
+
+} // namespace tarvopy::modelapi

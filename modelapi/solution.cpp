@@ -1,0 +1,142 @@
+// What an engine writes back, and the marking of a model as being solved.
+
+#include "modelapi.h"
+
+#include <cmath>
+
+namespace tarvopy::modelapi {
+
+using pysupport::as_array;
+using pysupport::check_value;
+
+namespace {
+
+Ref writable(PyObject *owner, npy_intp count, double *data) {
+    static double nothing;
+    Ref array = check(PyArray_SimpleNewFromData(1, &count, NPY_DOUBLE, data ? data : &nothing));
+    check_status(PyArray_SetBaseObject(as_array(array), Py_NewRef(owner)));
+    return array;
+}
+
+double figure(PyObject *object, double otherwise) {
+    return object ? check_value(PyFloat_AsDouble(object)) : otherwise;
+}
+
+bool flag(PyObject *object) {
+    return object && check_status(PyObject_IsTrue(object));
+}
+
+} // namespace
+
+TARVOPY_METHOD(function_open_solution) {
+    static const Signature signature{"open_solution", {"handle"}, 1};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        need_numpy();
+        TRVmodel *store = engine_store(given[0]);
+        TRVdata data;
+        succeed(store, TRVgetdata(store, &data));
+        double *x, *rc, *pi;
+        succeed(store, TRVopensolution(store, &x, &rc, &pi));
+        Ref values = writable(given[0], data.nvars, x), reduced = writable(given[0], data.nvars, rc);
+        Ref duals = writable(given[0], data.nrows, pi);
+        return check(PyTuple_Pack(3, values.get(), reduced.get(), duals.get()));
+    });
+}
+
+// Ten keywords are more than pysupport's reader takes, and one call a solve needs no speed.
+TARVOPY_METHOD(function_commit_solution) {
+    (void)self;
+    return border([&] {
+        Ref positional = check(PyTuple_New(nargs)), named = check(PyDict_New());
+        for (Py_ssize_t i = 0; i < nargs; ++i)
+            PyTuple_SET_ITEM(positional.get(), i, Py_NewRef(args[i]));
+        for (Py_ssize_t k = 0; kwnames && k < PyTuple_GET_SIZE(kwnames); ++k)
+            check_status(PyDict_SetItem(named.get(), PyTuple_GET_ITEM(kwnames, k), args[nargs + k]));
+        static const char *keywords[] = {"handle", "status",  "has_x",     "has_duals", "objval", "bound",
+                                         "gap",    "runtime", "itercount", "nodecount", "engine", nullptr};
+        PyObject *handle, *has_x = nullptr, *has_duals = nullptr, *objval = nullptr, *bound = nullptr, *gap = nullptr;
+        PyObject *runtime = nullptr, *itercount = nullptr, *nodecount = nullptr;
+        const char *engine = "";
+        TRVresult result{};
+        if (!PyArg_ParseTupleAndKeywords(positional.get(), named.get(), "O$iOOOOOOOOs:commit_solution",
+                                         const_cast<char **>(keywords), &handle, &result.status, &has_x, &has_duals,
+                                         &objval, &bound, &gap, &runtime, &itercount, &nodecount, &engine))
+            throw PythonError{};
+        const double none = std::nan("");
+        result.has_x = flag(has_x);
+        result.has_duals = flag(has_duals);
+        result.objval = figure(objval, none);
+        result.bound = figure(bound, none);
+        result.gap = figure(gap, none);
+        result.runtime = figure(runtime, 0.0);
+        result.itercount = figure(itercount, 0.0);
+        result.nodecount = figure(nodecount, 0.0);
+        result.engine = engine;
+        TRVmodel *store = engine_store(handle);
+        succeed(store, TRVcommitsolution(store, &result));
+        return Ref::none();
+    });
+}
+
+TARVOPY_METHOD(function_residuals) {
+    static const Signature signature{"residuals", {"handle", "has_duals"}, 2};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        int has_duals = check_status(PyObject_IsTrue(given[1]));
+        TRVmodel *store = engine_store(given[0]);
+        TRVresiduals r;
+        succeed(store, TRVcheck(store, has_duals, &r));
+        return check(Py_BuildValue(
+            "{s:d,s:d,s:d,s:d,s:d,s:i,s:i,s:i,s:i,s:i,s:d,s:d,s:d}", "row", r.row, "bound", r.bound, "integral",
+            r.integral, "dual", r.dual, "complementarity", r.complementarity, "worstrow", r.worstrow, "worstbound",
+            r.worstbound, "worstintegral", r.worstintegral, "worstdual", r.worstdual, "worstcomplementarity",
+            r.worstcomplementarity, "rowscale", r.rowscale, "boundscale", r.boundscale, "dualscale", r.dualscale));
+    });
+}
+
+TARVOPY_METHOD(function_evaluate_objective) {
+    static const Signature signature{"evaluate_objective", {"handle", "x"}, 2};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        need_numpy();
+        Ref x = check(PyArray_FROMANY(given[1], NPY_DOUBLE, 1, 1, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
+        TRVmodel *store = engine_store(given[0]);
+        TRVdata data;
+        succeed(store, TRVgetdata(store, &data));
+        if (PyArray_SIZE(as_array(x)) != data.nvars)
+            fail(PyExc_ValueError, "x has %zd entries for %d variables",
+                 static_cast<Py_ssize_t>(PyArray_SIZE(as_array(x))), static_cast<int>(data.nvars));
+        double value;
+        succeed(store, TRVevalobjective(store, static_cast<const double *>(PyArray_DATA(as_array(x))), &value));
+        return check(PyFloat_FromDouble(value));
+    });
+}
+
+TARVOPY_METHOD(function_set_solving) {
+    static const Signature signature{"set_solving", {"handle", "flag"}, 2};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        int solving = check_status(PyObject_IsTrue(given[1]));
+        engine_store(given[0]);
+        reinterpret_cast<ModelObject *>(given[0])->solving = solving;
+        return Ref::none();
+    });
+}
+
+TARVOPY_METHOD(function_is_solving) {
+    static const Signature signature{"is_solving", {"handle"}, 1};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        if (!PyObject_TypeCheck(given[0], core().Model))
+            fail(PyExc_TypeError, "expected a model handle, not '%.200s'", Py_TYPE(given[0])->tp_name);
+        return Ref::borrow(reinterpret_cast<ModelObject *>(given[0])->solving ? Py_True : Py_False);
+    });
+}
+
+} // namespace tarvopy::modelapi

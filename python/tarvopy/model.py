@@ -1,0 +1,135 @@
+"""Model: what users hold. The work on arrays is native (ModelBase), solving is solve.py's; the rest stands here."""
+
+from __future__ import annotations
+
+import os
+from types import TracebackType
+from typing import Any, Self
+
+from tarvopy import _modelapi
+from tarvopy.parameters import Parameters
+
+
+class Model(_modelapi.ModelBase):
+    """An optimisation model: variables, linear rows, an objective, and the last solution.
+
+        with tarvopy.Model("diet") as m:
+            x = m.addMVar(10, ub=5.0, name="x")
+            m.addConstr(A @ x >= need)
+            m.setObjective(cost @ x)
+            m.optimize()
+            print(m.ObjVal, x.X)
+
+    What is added is pending until update(), which optimize(), prepare(), write() and reading an attribute of the model
+    call. Attributes (`m.NumVars`, `m.ModelSense = TRV.MAXIMIZE`, ...) read and write like those of any object; names
+    that begin with an underscore are ordinary instance attributes. As a context manager the model closes itself.
+    """
+
+    def __init__(self, name: str = "") -> None:
+        super().__init__(name)
+        # Names with an underscore go past __setattr__'s look-up of attributes of the store.
+        self._params = Parameters()
+        self._engine: Any = None
+        self._why_engine: str | None = None
+
+    # ---- solving
+
+    def optimize(self) -> None:
+        """Solve the model with the engine that fits it (or with params.Engine); then `m.Status` says how it went.
+
+        Ctrl-C stops the solve and keeps the best solution (status INTERRUPTED). TarvoError where the engine is not
+        installed or cannot take the model.
+        """
+        from tarvopy import solve
+
+        solve.optimize(self)
+
+    def prepare(self) -> dict[str, int]:
+        """Pick the engine and load the model into it without running it.
+
+        Returns what the engine then holds: {"vars", "rows", "nz", "qnz"}.
+        """
+        from tarvopy import solve
+
+        return solve.prepare(self)
+
+    @property
+    def params(self) -> Parameters:
+        """The parameters of the solve: `m.params.TimeLimit = 60`."""
+        return self._params
+
+    @property
+    def why_engine(self) -> str | None:
+        """Why the engine of the last optimize() or prepare() was picked; None before."""
+        return self._why_engine
+
+    # ---- files
+
+    def read(self, path: str | os.PathLike[str]) -> None:
+        """Read a model file (.mps, also .gz) into this model, which must be empty, or a .sol file into `Start`.
+
+        TarvoError for a file that cannot be read or does not parse (with the line); then nothing has changed.
+        """
+        self._read(path)
+
+    def write(self, path: str | os.PathLike[str]) -> None:
+        """Write the model (.mps, also .gz) or its solution (.sol), by the path's ending."""
+        self._write(path)
+
+    # ---- life
+
+    def close(self) -> None:
+        """Free the store and the engine. The model and its handles then raise TarvoError; closing again is fine."""
+        self._cmodel._close()
+        engine, self._engine = self._engine, None
+        close = getattr(engine, "close", None)
+        if close is not None:
+            close()
+
+    def __enter__(self) -> Self:
+        return self
+
+    def __exit__(
+        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
+    ) -> None:
+        self.close()
+
+    # ---- attributes of the store
+
+    def __getattr__(self, name: str) -> Any:
+        if name.startswith("_"):
+            raise AttributeError(f"'{type(self).__name__}' object has no attribute '{name}'")
+        return self.getAttr(name)
+
+    def __setattr__(self, name: str, value: Any) -> None:
+        if name.startswith("_"):
+            object.__setattr__(self, name, value)
+        elif name in ("params", "why_engine"):
+            raise AttributeError(f"Attribute '{name}' cannot be set")
+        else:
+            self.setAttr(name, value)
+
+    def __dir__(self) -> list[str]:
+        return sorted({*super().__dir__(), *self._attributes()})
+
+    def __copy__(self) -> Self:
+        raise TypeError("a Model cannot be copied; write it to a file and read that")
+
+    def __deepcopy__(self, memo: object) -> Self:
+        return self.__copy__()
+
+    def __reduce__(self) -> Any:
+        raise TypeError("a Model cannot be pickled; write it to a file and read that")
+
+
+def read(path: str | os.PathLike[str]) -> Model:
+    """A new model from a file (.mps, also .gz)."""
+    if os.fspath(path).endswith(".sol"):
+        raise ValueError(f"{os.fspath(path)!r} is a solution: read it into its model with Model.read")
+    model = Model()
+    try:
+        model.read(path)
+    except BaseException:
+        model.close()
+        raise
+    return model
