@@ -116,7 +116,7 @@ class MVar(_Operators, _Handles):
     def __iter__(self) -> Iterator[MVar]: ...
 
 class MLinExpr(_Operators):
-    """An array of linear expressions, from arithmetic on `MVar`. Mutable: in-place operators and assignment change it."""
+    """An array of linear expressions, from arithmetic on `MVar`. In-place operators and assignment change it."""
 
     @staticmethod
     def zeros(shape: int | _Shape) -> MLinExpr:
