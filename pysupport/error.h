@@ -1,7 +1,7 @@
 // Errors: one way in, one way out.
 //
 // Inside a method a failing C-API call throws PythonError, with Python's error indicator set; `border` at the method's edge turns that
-// back into NULL (or -1), and std::bad_alloc into MemoryError.
+// back into NULL (or -1), and std::bad_alloc into MemoryError, std::invalid_argument (from code without Python in it) into ValueError.
 //
 //   Ref shape = check(PyObject_GetAttr(a, names.shape));       Ref of a new reference, or throws
 //   check_status(PyList_Append(list, item));                   throws when the call returned below 0
@@ -54,6 +54,8 @@ inline void translate() noexcept {
         PyErr_NoMemory();
     } catch (const std::length_error &) {
         PyErr_NoMemory();
+    } catch (const std::invalid_argument &error) {
+        PyErr_SetString(PyExc_ValueError, error.what());
     } catch (const std::exception &error) {
         PyErr_SetString(PyExc_RuntimeError, error.what());
     }

@@ -1,0 +1,132 @@
+"""The native interfaces below the Python names, through ctypes: the store's C functions and the function table of ``tarvopy._core``.
+
+    model = NativeModel(3)          a model handle with three variables, x0, x1, x2, after its update
+    model.vars                      their Var objects
+"""
+
+import ctypes
+from ctypes import POINTER, PYFUNCTYPE, c_char_p, c_double, c_int, c_int32, c_int64, c_ssize_t, c_void_p, py_object
+from pathlib import Path
+
+import numpy as np
+
+from tarvopy import _core
+
+VAR, CONSTR = 1, 2
+
+
+class _CoreApi(ctypes.Structure):
+    _fields_ = (
+        ("version", c_int),
+        ("linexpr_size", c_ssize_t),
+        ("quadexpr_size", c_ssize_t),
+        ("types", py_object * 12),
+        ("TarvoError", py_object),
+        ("store", PYFUNCTYPE(c_void_p, py_object)),
+        ("raise_", c_void_p),
+        ("raise_error", c_void_p),
+        ("scalar", PYFUNCTYPE(py_object, py_object, c_int, c_int32)),
+        ("scalars", PYFUNCTYPE(c_int, py_object, c_int, c_int64, c_void_p, c_int64, c_void_p)),
+        ("linexpr_new", PYFUNCTYPE(py_object, c_double)),
+        (
+            "linexprs",
+            PYFUNCTYPE(c_int, py_object, c_int64, c_void_p, c_void_p, c_void_p, c_double, c_void_p, c_void_p),
+        ),
+        ("linexpr_add", PYFUNCTYPE(c_int, py_object, py_object, c_double)),
+        ("linexpr_scale", PYFUNCTYPE(c_int, py_object, c_double)),
+        ("linexpr_copy", PYFUNCTYPE(py_object, py_object)),
+        ("linexpr_clear", PYFUNCTYPE(c_int, py_object)),
+        ("linexpr_normalize", PYFUNCTYPE(c_int, py_object)),
+        ("linexpr_assign", PYFUNCTYPE(c_int, py_object, py_object)),
+        ("tempconstr", PYFUNCTYPE(py_object, py_object, py_object, py_object)),
+    )
+
+
+def _core_api() -> _CoreApi:
+    get = ctypes.pythonapi.PyCapsule_GetPointer
+    get.restype, get.argtypes = c_void_p, [py_object, c_char_p]
+    return _CoreApi.from_address(get(_core._C_API, b"tarvopy._core._C_API"))
+
+
+api = _core_api()
+store = ctypes.CDLL(str(Path(_core.__file__).with_name("libtarvo140.so")))
+store.TRVgeterrormsg.restype = c_char_p
+
+
+def _doubles(values) -> np.ndarray:
+    return np.ascontiguousarray(values, dtype=np.float64)
+
+
+class NativeModel:
+    """A model handle filled through the store's C functions, without the package's face."""
+
+    def __init__(self, nvars: int = 0, *, update: bool = True) -> None:
+        self.handle = _core._Model("native")
+        self.vars = self.add_vars(nvars) if nvars else []
+        if update:
+            self.update()
+
+    @property
+    def pointer(self) -> c_void_p:
+        return c_void_p(api.store(self.handle))
+
+    def call(self, name: str, *args) -> None:
+        code = getattr(store, name)(self.pointer, *args)
+        assert code == 0, (code, store.TRVgeterrormsg(self.pointer))
+
+    def add_ids(self, n: int) -> int:
+        lb, ub, obj = c_double(0), c_double(1e30), c_double(0)
+        first = c_int32()
+        step = c_int(0)
+        refs = [part for value in (lb, ub, obj) for part in (ctypes.byref(value), step)]
+        self.call("TRVaddvars", c_int64(n), *refs, ctypes.byref(ctypes.c_char(b"C")), step, None, ctypes.byref(first))
+        return first.value
+
+    def add_vars(self, n: int) -> list:
+        first = self.add_ids(n)
+        return [api.scalar(self.handle, VAR, i) for i in range(first, first + n)]
+
+    def add_row(self, coefs, ids, lower: float = 0.0, upper: float = 0.0):
+        ptr = np.array([0, len(ids)], dtype=np.int64)
+        ids, coefs = np.array(ids, dtype=np.int32), _doubles(coefs)
+        first, step = c_int32(), c_int(0)
+        arrays = [c_void_p(a.ctypes.data) for a in (ptr, ids, coefs)]
+        sides = [part for value in (lower, upper) for part in (ctypes.byref(c_double(value)), step)]
+        self.call("TRVaddrows", c_int64(1), *arrays, *sides, None, ctypes.byref(first))
+        return api.scalar(self.handle, CONSTR, first.value)
+
+    def remove(self, kind: int, element_id: int) -> None:
+        self.call("TRVremove", c_int(kind), c_int64(1), ctypes.byref(c_int32(element_id)))
+
+    def update(self) -> None:
+        self.call("TRVupdatemodel")
+
+    def solve_with(self, x) -> None:
+        """Commits x as an optimal solution."""
+
+        class Result(ctypes.Structure):
+            _fields_ = (
+                [(name, c_int) for name in ("status", "has_x", "has_duals")]
+                + [(name, c_double) for name in ("objval", "bound", "gap", "runtime", "itercount", "nodecount")]
+                + [("engine", c_char_p)]
+            )
+
+        arrays = [POINTER(c_double)() for _ in range(3)]
+        self.call("TRVopensolution", *[ctypes.byref(array) for array in arrays])
+        for i, value in enumerate(x):
+            arrays[0][i] = value
+        nan = float("nan")
+        self.call("TRVcommitsolution", ctypes.byref(Result(1, 1, 0, 0.0, 0.0, nan, 0.0, nan, nan, b"none")))
+
+    def linexprs(self, ptr, ids, coef=None, scale: float = 1.0, constants=None) -> list:
+        """One LinExpr a row of the CSR arrays."""
+        ptr, ids = np.asarray(ptr, np.int64), np.asarray(ids, np.int32)
+        optional = [None if a is None else _doubles(a) for a in (coef, constants)]
+        pointers = [None if a is None else a.ctypes.data for a in optional]
+        n = len(ptr) - 1
+        out = (py_object * n)()
+        api.linexprs(self.handle, n, ptr.ctypes.data, ids.ctypes.data, pointers[0], scale, pointers[1], ctypes.addressof(out))
+        result = list(out)
+        for item in result:  # the array held new references, which ctypes knows nothing of
+            ctypes.pythonapi.Py_DecRef(py_object(item))
+        return result

@@ -1,0 +1,19 @@
+// The functions of tarvopy._util, one file for each group.
+#pragma once
+
+#include "collaborators/core.h"
+#include "pysupport/shapes.h"
+
+namespace tarvopy::util {
+
+extern const CoreApi *core;
+
+using Function = PyObject *(PyObject *, PyObject *const *, Py_ssize_t, PyObject *);
+
+// ---- shape_functions.cpp
+Function broadcast_shapes, axis_to_axeslist, matmul_shape;
+
+// ---- same_model.cpp
+PyObject *all_refs_match(PyObject *, PyObject *const *args, Py_ssize_t nargs);
+
+} // namespace tarvopy::util
