@@ -19,7 +19,7 @@ struct AttrApi {
     int (*set)(ModelObject *model, int kind, const char *name, PyObject *ids, PyObject *values);
 
     static const AttrApi *load() {
-        auto *api = static_cast<const AttrApi *>(PyCapsule_Import("tarvopy._attrutil._C_API", 0));
+        auto *api = static_cast<const AttrApi *>(import_table("tarvopy._attrutil", "tarvopy._attrutil._C_API"));
         if (api && api->version != current_version) {
             PyErr_SetString(PyExc_ValueError, "tarvopy._attrutil has another version of its interface");
             return nullptr;

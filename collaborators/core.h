@@ -55,6 +55,14 @@ struct TempConstrObject {
     PyObject *rhs;
 };
 
+// The table that a sibling exports as its attribute `_C_API`; imports the sibling (PyCapsule_Import alone does not import submodules).
+inline void *import_table(const char *module_name, const char *capsule_name) {
+    using pysupport::Ref;
+    Ref module = Ref::steal(PyImport_ImportModule(module_name));
+    Ref capsule = module ? Ref::steal(PyObject_GetAttrString(module.get(), "_C_API")) : Ref();
+    return capsule ? PyCapsule_GetPointer(capsule.get(), capsule_name) : nullptr;
+}
+
 struct CoreApi {
     int version;
     Py_ssize_t linexpr_size, quadexpr_size;
@@ -96,7 +104,7 @@ struct CoreApi {
     PyObject *(*tempconstr)(PyObject *lhs, PyObject *sense, PyObject *rhs);
 
     static const CoreApi *load() {
-        auto *api = static_cast<const CoreApi *>(PyCapsule_Import("tarvopy._core._C_API", 0));
+        auto *api = static_cast<const CoreApi *>(import_table("tarvopy._core", "tarvopy._core._C_API"));
         if (api && (api->version != current_version || api->linexpr_size != sizeof(LinExprObject) ||
                     api->quadexpr_size != sizeof(QuadExprObject))) {
             PyErr_SetString(PyExc_ValueError, "tarvopy._core has a layout other than the one this module was built against");

@@ -49,7 +49,7 @@ struct MatrixApi {
     PyObject *(*ids)(PyObject *handle, ModelObject **model);
 
     static const MatrixApi *load() {
-        auto *api = static_cast<const MatrixApi *>(PyCapsule_Import("tarvopy._matrixapi._C_API", 0));
+        auto *api = static_cast<const MatrixApi *>(import_table("tarvopy._matrixapi", "tarvopy._matrixapi._C_API"));
         if (api && api->version != current_version) {
             PyErr_SetString(PyExc_ValueError, "tarvopy._matrixapi has another version of its interface");
             return nullptr;
