@@ -1,0 +1,87 @@
+"""What solve.py and the engines say to each other: the protocol of an engine, and the outcome of a solve.
+
+An engine object keeps its engine's model between solves: load() hands all of it over, change() only what changed. A run
+goes on beside the interpreter: start() returns at once, wait() says when it is over, and only running, wait, progress,
+take_log and interrupt may be used until then.
+"""
+
+from __future__ import annotations
+
+import math
+from dataclasses import dataclass
+from typing import TYPE_CHECKING, ClassVar, NamedTuple, Protocol
+
+if TYPE_CHECKING:
+    import numpy as np
+
+    from tarvopy.parameters import Parameters
+    from tarvopy.problem import Changes, Problem
+
+NAN = math.nan
+
+
+@dataclass(slots=True)
+class Outcome:
+    """How a solve ended, in the terms of the model: statuses of `TRV`, objective and bound in the model's sense, NaN
+    where there is none.
+    """
+
+    status: int
+    has_x: bool = False
+    has_duals: bool = False
+    objval: float = NAN
+    bound: float = NAN
+    runtime: float = 0.0
+    itercount: float = 0.0
+    nodecount: float = 0.0
+    message: str = ""
+    """What there is to say beyond the status, for instance why the engine failed."""
+
+
+class Progress(NamedTuple):
+    """Where a run stands; None where the engine does not say."""
+
+    seconds: float
+    iterations: float
+    nodes: float | None
+    incumbent: float | None
+    bound: float | None
+
+
+class Engine(Protocol):
+    """One engine with the model that it holds."""
+
+    name: ClassVar[str]
+    loads: int
+    """How often a whole model was handed over."""
+
+    @classmethod
+    def full_name(cls) -> str:
+        """Name and version; TarvoError naming the package to install where it is missing."""
+
+    @classmethod
+    def refusal(cls, problem: Problem) -> str | None:
+        """Why this engine cannot take the problem, None if it can."""
+
+    def load(self, problem: Problem) -> None: ...
+    def change(self, problem: Problem, changes: Changes) -> bool:
+        """Tells the engine what changed; False where it wants the whole model instead."""
+
+    def counts(self) -> dict[str, int]:
+        """{"vars", "rows", "nz", "qnz"} as the engine holds them."""
+
+    def start(self, problem: Problem, params: Parameters) -> None: ...
+    @property
+    def running(self) -> bool: ...
+    def wait(self, seconds: float) -> bool: ...
+    def progress(self) -> Progress: ...
+    def take_log(self) -> str: ...
+    def interrupt(self) -> None: ...
+    def again(self, problem: Problem) -> bool:
+        """Asked when a run is over: whether the answer needs another one, which is then under way."""
+
+    def outcome(self, problem: Problem) -> Outcome: ...
+    def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray) -> None:
+        """Fills x where outcome.has_x, rc and pi where outcome.has_duals."""
+
+    def close(self) -> None: ...

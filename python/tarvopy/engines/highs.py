@@ -1,0 +1,287 @@
+"""HiGHS: linear and mixed-integer linear problems, through tarvopy._highs.
+
+The matrix goes over by columns: HiGHS stores columns, and from rows it makes them itself, in more time and memory than
+our transposition. Parameters are mapped here, each solve from HiGHS' defaults; EngineOptions come last and may
+override.
+"""
+
+from __future__ import annotations
+
+import math
+from typing import TYPE_CHECKING, Any
+
+from tarvopy import _highs
+from tarvopy._exception import TarvoError
+from tarvopy._trv import TRV
+from tarvopy.engines.base import NAN, Outcome, Progress
+
+if TYPE_CHECKING:
+    import numpy as np
+
+    from tarvopy.parameters import Parameters
+    from tarvopy.problem import Changes, Problem
+
+_INT_MAX = 2**31 - 1
+
+# HiGHS' model statuses (HighsModelStatus).
+_OPTIMAL, _INFEASIBLE, _EITHER, _UNBOUNDED, _UNKNOWN, _INTERRUPT = 7, 8, 9, 10, 15, 17
+_STATUS = {
+    6: TRV.OPTIMAL,  # an empty model
+    _OPTIMAL: TRV.OPTIMAL,
+    _INFEASIBLE: TRV.INFEASIBLE,
+    _EITHER: TRV.INFEASIBLE_OR_UNBOUNDED,
+    _UNBOUNDED: TRV.UNBOUNDED,
+    11: TRV.SOLUTION_LIMIT,  # objective_bound and objective_target, which only EngineOptions set
+    12: TRV.SOLUTION_LIMIT,
+    13: TRV.TIME_LIMIT,
+    14: TRV.ITERATION_LIMIT,
+    16: TRV.SOLUTION_LIMIT,
+    _INTERRUPT: TRV.INTERRUPTED,
+}
+_WITHOUT_POINT = {TRV.INFEASIBLE, TRV.UNBOUNDED, TRV.INFEASIBLE_OR_UNBOUNDED, TRV.FAILED}
+_FEASIBLE = 2  # primal_solution_status
+
+# Beyond this upper bound of a semi-continuous variable HiGHS cuts it and then fails at the end of a solve that reaches
+# it.
+_LARGEST_SEMI_UB = 1e5
+
+
+def _open() -> None:
+    """Opens the library of the installed highsbox, once for the process."""
+    if _highs.version() is not None:
+        return
+    try:
+        import highsbox
+    except ImportError:
+        raise TarvoError(
+            TRV.ERROR_UNSUPPORTED, "The engine HiGHS is not installed: pip install 'highsbox==1.15.*'"
+        ) from None
+    path = highsbox.highs_lib_dir() + "/libhighs.so"
+    try:
+        _highs.open_library(path)
+    except _highs.HighsError as error:
+        raise TarvoError(
+            TRV.ERROR_UNSUPPORTED, f"The engine HiGHS cannot be opened ({error}): pip install 'highsbox==1.15.*'"
+        ) from None
+
+
+class HighsEngine:
+    """One HiGHS instance and the model it holds."""
+
+    name = "HiGHS"
+
+    def __init__(self) -> None:
+        _open()
+        self._solver = _highs.Solver()
+        self._first: dict[str, Any] | None = None  # result of the first run while a second look is under way
+        self._time_left = self._node_limit = math.inf
+        self._keep_log = False
+        self.loads = 0
+        self.changes_sent = 0
+
+    @classmethod
+    def full_name(cls) -> str:
+        _open()
+        return f"{cls.name} {_highs.version()}"
+
+    @classmethod
+    def refusal(cls, problem: Problem) -> str | None:
+        if not problem.nintegral:
+            return None
+        semi = problem.vtype == b"S"
+        if not semi.any():
+            return None
+        lb, ub = problem.lb[semi], problem.ub[semi]
+        if math.isinf(ub.max()):
+            return "a semi-continuous variable needs a finite upper bound"
+        if lb.min() < 0:
+            return f"a semi-continuous variable has the negative lower bound {lb.min():g}"
+        if ((ub > _LARGEST_SEMI_UB) & (lb > 0)).any():
+            return f"a semi-continuous variable has the upper bound {ub.max():g}, above {_LARGEST_SEMI_UB:g}"
+        return None
+
+    # ---- the model
+
+    def load(self, problem: Problem) -> None:
+        self.loads += 1
+        start, index, value = problem.csc()
+        self._refusing(
+            self._solver.load,
+            problem.sense,
+            problem.objconstant,
+            problem.obj,
+            problem.lb,
+            problem.ub,
+            problem.vtype if problem.nintegral else None,
+            problem.lower,
+            problem.upper,
+            start,
+            index,
+            value,
+        )
+
+    def change(self, problem: Problem, changes: Changes) -> bool:
+        import numpy as np
+
+        solver = self._solver
+        if changes.structure:
+            return False
+        if len(changes.bounds):
+            self._refusing(solver.change_bounds, np.sort(changes.bounds), problem.lb, problem.ub)
+        if len(changes.costs):
+            self._refusing(solver.change_costs, np.sort(changes.costs), problem.obj)
+        if len(changes.sides):
+            self._refusing(solver.change_sides, np.sort(changes.sides), problem.lower, problem.upper)
+        if len(changes.coefrows):
+            self._refusing(solver.change_coefs, changes.coefrows, changes.coefvars, changes.coefs)
+        if changes.sense or changes.objconstant:
+            self._refusing(solver.change_objective, problem.sense, problem.objconstant)
+        self.changes_sent += 1
+        return True
+
+    def counts(self) -> dict[str, int]:
+        return dict(zip(("vars", "rows", "nz", "qnz"), self._solver.counts(), strict=True))
+
+    @staticmethod
+    def _refusing(call: Any, *args: Any) -> None:
+        """Calls, with HiGHS' refusals as errors of this package."""
+        try:
+            call(*args)
+        except _highs.HighsError as error:
+            raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, str(error)) from None
+
+    # ---- the run
+
+    def start(self, problem: Problem, params: Parameters) -> None:
+        self._first = None
+        self._time_left = params.TimeLimit
+        self._node_limit = params.NodeLimit
+        self._keep_log = params.LogLevel >= 2
+        self._set_options(params)
+        if problem.nintegral and problem.start is not None:
+            self._solver.set_start(problem.start)
+        self._solver.start(self._keep_log)
+
+    def _set_options(self, params: Parameters) -> None:
+        options = {
+            "time_limit": params.TimeLimit,
+            "mip_rel_gap": params.RelGap,
+            "mip_abs_gap": params.AbsGap,
+            "primal_feasibility_tolerance": params.FeasibilityTol,
+            "dual_feasibility_tolerance": params.OptimalityTol,
+            "mip_feasibility_tolerance": params.IntegralityTol,
+            "threads": params.Threads,
+            "random_seed": params.Seed,
+            "mip_max_nodes": min(params.NodeLimit, _INT_MAX),
+            "mip_max_improving_sols": min(params.SolutionLimit, _INT_MAX),
+            "simplex_iteration_limit": min(params.IterationLimit, _INT_MAX),
+            "ipm_iteration_limit": min(params.IterationLimit, _INT_MAX),
+            "pdlp_iteration_limit": min(params.IterationLimit, _INT_MAX),
+        }
+        self._solver.reset_options()
+        for name, value in [*options.items(), *params.EngineOptions.items()]:
+            try:
+                self._solver.set_option(name, value)
+            except (ValueError, TypeError) as error:
+                raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, str(error)) from None
+
+    @property
+    def running(self) -> bool:
+        return self._solver.running
+
+    def wait(self, seconds: float) -> bool:
+        return self._solver.wait(seconds)
+
+    def progress(self) -> Progress:
+        return Progress(*self._solver.progress())
+
+    def take_log(self) -> str:
+        return self._solver.take_log()
+
+    def interrupt(self) -> None:
+        self._solver.interrupt()
+
+    # ---- the answer
+
+    def again(self, problem: Problem) -> bool:
+        """Infeasible or unbounded: without an objective any feasible point tells which, so that is asked for, within a
+        time of its own.
+        """
+        if self._first is not None:
+            return False
+        result = self._solver.result()
+        left = min(self._time_left - result["seconds"], 5.0 + 2.0 * result["seconds"])
+        if result["model_status"] != _EITHER or left <= 0:
+            return False
+        import numpy as np
+
+        self._first = result
+        self._set_costs(np.zeros(problem.nvars))
+        self._solver.set_option("time_limit", left)
+        self._solver.set_option("mip_max_improving_sols", 1)
+        self._solver.start(self._keep_log)
+        return True
+
+    def _set_costs(self, obj: np.ndarray) -> None:
+        import numpy as np
+
+        self._refusing(self._solver.change_costs, np.arange(len(obj), dtype=np.int32), obj)
+
+    def outcome(self, problem: Problem) -> Outcome:
+        try:
+            result = self._solver.result()
+        except _highs.HighsError as error:
+            return Outcome(TRV.FAILED, message=str(error))
+        if self._first is not None:
+            result = _combined(self._first, result)
+            self._set_costs(problem.obj)
+            self._first = None
+        outcome = Outcome(
+            self._status(result),
+            runtime=result["seconds"],
+            itercount=result["iterations"],
+            nodecount=result["nodes"],
+        )
+        if outcome.status in (TRV.FAILED, TRV.IMPRECISE):
+            outcome.message = f"HiGHS ended with its model status {result['model_status']}"
+        if outcome.status not in _WITHOUT_POINT and (result["primal"] == _FEASIBLE or outcome.status == TRV.IMPRECISE):
+            outcome.has_x = True
+            outcome.has_duals = not problem.nintegral and outcome.status in (TRV.OPTIMAL, TRV.IMPRECISE)
+            outcome.objval = result["objective"]
+        outcome.bound = _bound(problem, outcome, result["bound"])
+        return outcome
+
+    def _status(self, result: dict[str, Any]) -> int:
+        status = _STATUS.get(result["model_status"], TRV.FAILED)
+        if status == TRV.SOLUTION_LIMIT and result["nodes"] >= self._node_limit:
+            return TRV.NODE_LIMIT  # HiGHS has one status for both
+        if result["model_status"] == _UNKNOWN and result["primal"]:
+            return TRV.IMPRECISE
+        return status
+
+    def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray) -> None:
+        if outcome.has_x:
+            self._solver.solution(x, *((rc, pi) if outcome.has_duals else (None, None)))
+
+    def close(self) -> None:
+        """Frees HiGHS' memory; of a run that is still under way when that ends."""
+        del self._solver
+
+
+def _combined(first: dict[str, Any], second: dict[str, Any]) -> dict[str, Any]:
+    """What two runs together say of a problem that is infeasible or unbounded."""
+    answer = {_INFEASIBLE: _INFEASIBLE, _INTERRUPT: _INTERRUPT}.get(second["model_status"], _EITHER)
+    if second["primal"] == _FEASIBLE:
+        answer = _UNBOUNDED
+    together = {key: first[key] + second[key] for key in ("seconds", "iterations", "nodes")}
+    return {**first, **together, "model_status": answer, "primal": 0}
+
+
+def _bound(problem: Problem, outcome: Outcome, mip_bound: float) -> float:
+    if not problem.nintegral:
+        return outcome.objval if outcome.status == TRV.OPTIMAL else NAN
+    # Infinite where none was proven yet, and where there is no problem to bound.
+    return mip_bound if math.isfinite(mip_bound) and outcome.status not in _WITHOUT_POINT else NAN
+
+
+ENGINE = HighsEngine
