@@ -1,0 +1,390 @@
+// MLinExpr: addition and subtraction, in place and not.
+//
+//   A @ x + b          compact stays compact: the parts are joined, the constants added
+//   x + y  (2-d)       two flat summands that share the ids of x and y
+//   e += x[0]          compact: one more part, a column of ones; full: one more summand, or the LinExpr objects grow
+//
+// Subtraction adds the operand times -1: `factor` goes through all of it. Every function checks first and changes then.
+#include "mlinexpr_operators.h"
+
+#include "names.h"
+#include "pysupport/args.h"
+
+namespace tarvopy {
+
+using namespace pysupport;
+
+namespace {
+
+// ---- constants of the compact state --------------------------------------------------------------------------------
+
+// factor * operand as an array: the element-wise product of documents and tests, so that rounding is the same.
+Ref times(PyObject *array, double factor) {
+    if (factor == 1.0)
+        return Ref::borrow(array);
+    Ref number = check(PyFloat_FromDouble(factor));
+    return check(PyNumber_Multiply(number.get(), array));
+}
+
+Ref as_owned_doubles(Ref sum) {
+    need_numpy();
+    return check(PyArray_FROM_OTF(sum.get(), NPY_DOUBLE, NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_ENSURECOPY));
+}
+
+void add_to_const(PyObject *self, PyObject *operand) {
+    Ref constant = Ref::borrow(const_array(self));
+    check(PyNumber_InPlaceAdd(constant.get(), operand));
+}
+
+// ---- parts ---------------------------------------------------------------------------------------------------------
+
+Part scaled_part(const Part &part, double factor) {
+    return factor == 1.0 ? part : make_part(flat::scaled(part.summand, factor), part.vector);
+}
+
+// A part of one row, spread over n rows; any other part as it is.
+Part spread_part(const Part &part, int64_t n) {
+    if (part.summand.nrows == n)
+        return part;
+    std::vector<int64_t> first(static_cast<size_t>(n), 0);
+    return make_part(flat::gathered(part.summand, first.data(), n), part.vector);
+}
+
+// The parts of an expression, joined, which the expression keeps. False: the element-wise path.
+bool joined_parts(PyObject *expr, std::vector<Part> &parts, Ref &model) {
+    join_parts(expr);
+    return native_parts(expr, parts, model);
+}
+
+// One more part; the documented list, where it exists, grows in place.
+void append_part(PyObject *self, Part part, const Ref &model) {
+    if (LinearNative *native = linear_of(self)) {
+        native->parts.push_back(std::move(part));
+        if (!native->model)
+            native->model = model;
+        return;
+    }
+    Ref list = check(PyObject_GetAttr(self, names._matmulparts));
+    Ref pair = part_pair(part);
+    check_status(PyList_Check(list.get()) ? PyList_Append(list.get(), pair.get()) : -1);
+}
+
+// Parts may be appended if their variables are of the receiver's model.
+bool same_model(PyObject *self, const Ref &model) {
+    std::vector<Part> own;
+    Ref merged;
+    if (LinearNative *native = linear_of(self))
+        merged = native->model;
+    else if (!native_parts(self, own, merged))
+        return false;
+    return merge_models(merged, model);
+}
+
+// ---- compact + compact ---------------------------------------------------------------------------------------------
+
+// Both compact, and so is the result: one part with the columns of both.
+Ref add_compact_compact(PyObject *self, PyObject *other, const flat::Shape &shape, double factor) {
+    std::vector<Part> parts, more;
+    Ref model, other_model;
+    if (!joined_parts(self, parts, model) || !joined_parts(other, more, other_model) || !merge_models(model, other_model))
+        return {};
+    Ref right = times(const_array(other), factor);
+    Ref constant = as_owned_doubles(check(PyNumber_Add(const_array(self), right.get())));
+    for (const Part &part : more)
+        parts.push_back(scaled_part(part, factor));
+    int64_t n = flat::size_of(shape);
+    for (Part &part : parts)
+        part = spread_part(part, n);
+    if (parts.size() > 1)
+        parts = {joined(parts)};
+    return make_compact(mod.MLinExpr, std::move(parts), std::move(constant), std::move(model));
+}
+
+// ---- full ----------------------------------------------------------------------------------------------------------
+
+Ref add_elements(PyObject *self, PyObject *other, Operand kind, double factor) {
+    Ref left = elements_of(self), right = times(element_operand(other, kind).get(), factor);
+    return wrap_elements(check(PyNumber_Add(left.get(), right.get())));
+}
+
+Ref add_full(PyObject *self, PyObject *other, Operand kind, double factor) {
+    Value a, b;
+    if (!expr_value(self, a) || !value_of(other, kind, b) || !merge_models(a.model, b.model))
+        return add_elements(self, other, kind, factor);
+    flat::Shape shape = broadcast_shapes(a.form.shape, b.form.shape);
+    flat::Form sum = flat::broadcast(a.form, shape);
+    flat::add(sum, flat::broadcast(b.form, shape), factor);
+    need_finite(sum);
+    return make_flat(mod.MLinExpr, std::move(sum), std::move(a.model));
+}
+
+// A compact receiver plus any expression of the linear classes.
+Ref add_compact(PyObject *self, PyObject *other, double factor) {
+    flat::Shape shape = broadcast_shapes(shape_of(self), shape_of(other));
+    if (is_compact(other) && allows_compact(shape))
+        if (Ref sum = add_compact_compact(self, other, shape, factor))
+            return sum;
+    // The full value is read off the joined parts, which the operands keep.
+    join_parts(self);
+    if (is_compact(other))
+        join_parts(other);
+    return add_full(self, other, Operand::MLinExpr, factor);
+}
+
+// A compact receiver plus numbers: the constant alone changes.
+Ref add_compact_array(PyObject *self, PyObject *array, double factor) {
+    Ref numbers = as_doubles(array);
+    if (!numbers)
+        return add_full(self, array, Operand::Array, factor);
+    flat::Shape shape = broadcast_shapes(shape_of(self), shape_of_array(array));
+    if (!allows_compact(shape))
+        return add_full(self, array, Operand::Array, factor);
+    Ref constant = make_compact(mod.MLinExpr, {}, as_owned_doubles(std::move(numbers)), {});
+    return add_compact(self, constant.get(), factor);
+}
+
+Ref add_by_copy(PyObject *self, PyObject *other, double factor);
+
+Ref add_on_compact(PyObject *self, PyObject *other, Operand kind, double factor) {
+    switch (kind) {
+    case Operand::MLinExpr:
+        return add_compact(self, other, factor);
+    case Operand::MVar:
+        return add_compact(self, from_mvar(mod.MLinExpr, other).get(), factor);
+    case Operand::Array:
+        return add_compact_array(self, other, factor);
+    case Operand::Sparse:
+        return add_compact_array(self, to_dense(other).get(), factor);
+    default:
+        return add_by_copy(self, other, factor);
+    }
+}
+
+// ---- in place: compact ---------------------------------------------------------------------------------------------
+
+// The coefficients of a scalar expression, repeated for each of n rows, over its variables in their order.
+Part repeated_row(const flat::Form &form, int64_t n, double factor) {
+    flat::Summand row = flat::joined(form.summands, 1);
+    int64_t terms = row.nnz();
+    flat::Buffer<int32_t> ids(terms), cols(n * terms);
+    flat::Buffer<double> coef(n * terms);
+    for (int64_t k = 0; k < terms; ++k)
+        ids.write()[k] = row.id(k);
+    for (int64_t i = 0; i < n; ++i)
+        for (int64_t k = 0; k < terms; ++k) {
+            cols.write()[i * terms + k] = static_cast<int32_t>(k);
+            coef.write()[i * terms + k] = row.coefficient(k) * factor;
+        }
+    flat::Summand rows;
+    rows.nrows = n;
+    rows.width = terms;
+    rows.cols = std::move(cols);
+    rows.coef = std::move(coef);
+    return make_part(std::move(rows), std::move(ids));
+}
+
+// A variable or a scalar expression is added to every element. False: the element-wise path.
+bool iadd_compact_scalar_expr(PyObject *self, PyObject *other, double factor) {
+    Value value;
+    if (!flat_linexpr(other, value.form, value.model) || !same_model(self, value.model))
+        return false;
+    int64_t n = flat::size_of(shape_of(self));
+    Ref constant = check(PyFloat_FromDouble(factor * value.form.constant.uniform));
+    if (n > 0) // an empty expression never holds parts
+        append_part(self, repeated_row(value.form, n, factor), value.model);
+    add_to_const(self, constant.get());
+    return true;
+}
+
+bool iadd_compact_compact(PyObject *self, PyObject *other, double factor) {
+    std::vector<Part> more;
+    Ref model;
+    if (!joined_parts(other, more, model) || !same_model(self, model))
+        return false;
+    int64_t n = flat::size_of(shape_of(self));
+    Ref constant = times(const_array(other), factor);
+    for (Part &part : more)
+        part = spread_part(scaled_part(part, factor), n);
+    if (n > 0)
+        for (Part &part : more)
+            append_part(self, std::move(part), model);
+    add_to_const(self, constant.get());
+    return true;
+}
+
+// ---- in place: full ------------------------------------------------------------------------------------------------
+
+void iadd_elements(PyObject *self, PyObject *other, Operand kind, double factor) {
+    Ref right = times(element_operand(other, kind).get(), factor);
+    elements_in_place(learr(self).get(), right.get(), PyNumber_InPlaceAdd);
+}
+
+// Where no object exists the form grows by the operand's summands, which costs nothing per term.
+void iadd_flat(LinearNative &native, const flat::Form &operand, Ref model, double factor) {
+    flat::Form sum{native.form.shape, native.form.size, native.form.constant, {}};
+    flat::Form constants{operand.shape, operand.size, operand.constant, {}};
+    flat::add(sum, constants, factor);
+    need_finite(sum);
+    flat::add(native.form, operand, factor);
+    native.model = std::move(model);
+}
+
+void iadd_full(PyObject *self, PyObject *other, Operand kind, double factor) {
+    Value operand;
+    if (!value_of(other, kind, operand))
+        return iadd_elements(self, other, kind, factor);
+    flat::Shape shape = shape_of(self);
+    need_fit(shape, operand.form.shape);
+    flat::Form spread = flat::broadcast(operand.form, shape);
+    if (LinearNative *native = linear_of(self)) {
+        Ref model = native->model;
+        if (merge_models(model, operand.model))
+            return iadd_flat(*native, spread, std::move(model), factor);
+    }
+    // The objects themselves are increased, by a private copy of the operand.
+    Ref elements = linexpr_array(factor == 1.0 ? spread : flat::scaled(spread, factor), operand.model);
+    elements_in_place(learr(self).get(), elements.get(), PyNumber_InPlaceAdd);
+}
+
+// A compact receiver takes over the full sum.
+void iadd_compact_becomes_full(PyObject *self, PyObject *other, Operand kind, double factor) {
+    Ref full = to_full(self);
+    iadd_full(full.get(), other, kind, factor);
+    if (LinearNative *native = linear_of(full.get()))
+        become_flat(self, std::move(native->form), std::move(native->model));
+    else
+        become_objects(self, learr(full.get()));
+}
+
+void iadd_on_compact(PyObject *self, PyObject *other, Operand kind, double factor) {
+    bool done = false;
+    switch (kind) {
+    case Operand::Var:
+    case Operand::LinExpr:
+        done = iadd_compact_scalar_expr(self, other, factor);
+        break;
+    case Operand::MVar:
+        return iadd_on_compact(self, from_mvar(mod.MLinExpr, other).get(), Operand::MLinExpr, factor);
+    case Operand::MLinExpr:
+        need_fit(shape_of(self), shape_of(other));
+        done = is_compact(other) && iadd_compact_compact(self, other, factor);
+        break;
+    case Operand::Sparse:
+        return iadd_on_compact(self, to_dense(other).get(), Operand::Array, factor);
+    default: {
+        Ref operand = times(other, factor);
+        return add_to_const(self, operand.get());
+    }
+    }
+    if (!done)
+        iadd_compact_becomes_full(self, other, kind, factor);
+}
+
+bool is_linear_operand(Operand kind) {
+    return kind == Operand::MVar || kind == Operand::MLinExpr || kind == Operand::Var || kind == Operand::LinExpr ||
+           kind == Operand::Array || kind == Operand::Sparse || kind == Operand::Scalar;
+}
+
+bool is_quadratic_operand(Operand kind) { return kind == Operand::MQuadExpr || kind == Operand::QuadExpr; }
+bool is_nonlinear_operand(Operand kind) { return kind == Operand::MNLExpr || kind == Operand::NLExpr; }
+
+// self += factor * other; false where the operand is none of ours.
+bool iadd(PyObject *self, PyObject *other, double factor) {
+    Operand kind = kind_of(other);
+    if (!is_linear_operand(kind))
+        return false;
+    if (takes_compact_path(self)) {
+        iadd_on_compact(self, other, kind, factor);
+        return true;
+    }
+    convert_to_full(self);
+    iadd_full(self, other, kind, factor);
+    return true;
+}
+
+Ref add_by_copy(PyObject *self, PyObject *other, double factor) {
+    Ref sum = copy_of(self);
+    iadd(sum.get(), other, factor);
+    return sum;
+}
+
+} // namespace
+
+Ref add(PyObject *self, PyObject *other, double factor) {
+    Operand kind = kind_of(other);
+    if (is_nonlinear_operand(kind))
+        nonlinear_later();
+    if (is_quadratic_operand(kind))
+        quadratic_later();
+    if (!is_linear_operand(kind))
+        return Ref::borrow(Py_NotImplemented);
+    // A LinExpr stands outside the compact rules: it makes the receiver full, for good.
+    if (takes_compact_path(self) && kind != Operand::LinExpr)
+        return add_on_compact(self, other, kind, factor);
+    convert_to_full(self);
+    return add_full(self, other, kind, factor);
+}
+
+// ---- members -------------------------------------------------------------------------------------------------------
+
+namespace {
+
+PyObject *one_argument(const char *name, const char *parameter, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    Arguments given(Signature(name, {parameter}, 1), 1, args, nargs, kwnames);
+    return given[0];
+}
+
+PyObject *mlinexpr_add(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] { return add(self, one_argument("__add__", "other", args, nargs, kwnames), 1.0); });
+}
+
+PyObject *mlinexpr_radd(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] { return add(self, one_argument("__radd__", "other", args, nargs, kwnames), 1.0); });
+}
+
+PyObject *mlinexpr_sub(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] { return add(self, one_argument("__sub__", "other", args, nargs, kwnames), -1.0); });
+}
+
+PyObject *mlinexpr_rsub(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&]() -> Ref {
+        PyObject *other = one_argument("__rsub__", "other", args, nargs, kwnames);
+        if (kind_of(other) == Operand::Other)
+            return Ref::borrow(Py_NotImplemented);
+        Ref negative = scaled(self, -1.0);
+        return add(negative.get(), other, 1.0);
+    });
+}
+
+Ref in_place(PyObject *self, PyObject *other, double factor) {
+    Operand kind = kind_of(other);
+    if (is_nonlinear_operand(kind))
+        nonlinear_later();
+    if (is_quadratic_operand(kind))
+        quadratic_later();
+    return Ref::borrow(iadd(self, other, factor) ? self : Py_NotImplemented);
+}
+
+PyObject *mlinexpr_iadd(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] { return in_place(self, one_argument("__iadd__", "other", args, nargs, kwnames), 1.0); });
+}
+
+PyObject *mlinexpr_isub(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] { return in_place(self, one_argument("__isub__", "other", args, nargs, kwnames), -1.0); });
+}
+
+} // namespace
+
+std::span<Member> addition_members() {
+    static Member members[] = {
+        method("__add__", mlinexpr_add, "__add__($self, other)\n--\n\nSum with numbers, variables or expressions, by NumPy's broadcasting."),
+        method("__radd__", mlinexpr_radd, "__radd__($self, other)\n--\n\nAs __add__."),
+        method("__iadd__", mlinexpr_iadd, "__iadd__($self, other)\n--\n\nAdd in place; the shape stays. On failure nothing has changed."),
+        method("__sub__", mlinexpr_sub, "__sub__($self, other)\n--\n\nself + (-1.0 * other)"),
+        method("__rsub__", mlinexpr_rsub, "__rsub__($self, other)\n--\n\n(-1.0 * self) + other"),
+        method("__isub__", mlinexpr_isub, "__isub__($self, other)\n--\n\nself += -1.0 * other"),
+    };
+    return members;
+}
+
+} // namespace tarvopy

@@ -1,0 +1,167 @@
+#include "mlinexpr_operators.h"
+
+#include "names.h"
+
+#include <cmath>
+#include <string>
+
+namespace tarvopy {
+
+using namespace pysupport;
+
+// ---- values --------------------------------------------------------------------------------------------------------
+
+namespace {
+
+flat::Form constant_form(const Ref &doubles_array) {
+    flat::Form form;
+    form.shape = shape_of_array(doubles_array.get());
+    form.size = flat::size_of(form.shape);
+    if (form.size == 1)
+        form.constant.uniform = *doubles(doubles_array);
+    else
+        form.constant.values = flat::Buffer<double>::copy_of(doubles(doubles_array), form.size);
+    return form;
+}
+
+bool array_value(PyObject *array, Value &value) {
+    Ref numbers = as_doubles(array);
+    if (!numbers)
+        return false;
+    value.form = constant_form(numbers);
+    return true;
+}
+
+bool mvar_value(PyObject *mvar, Value &value) {
+    VarIds vars;
+    if (!mvar_ids(mvar, vars))
+        return false;
+    value.form.shape = vars.shape;
+    value.form.size = flat::size_of(vars.shape);
+    if (value.form.size > 0)
+        value.form.summands.push_back(flat::single(std::move(vars.ids)));
+    value.model = std::move(vars.model);
+    return true;
+}
+
+} // namespace
+
+bool expr_value(PyObject *expr, Value &value) { return flat_value(expr, value.form, value.model); }
+
+bool value_of(PyObject *operand, Operand kind, Value &value) {
+    switch (kind) {
+    case Operand::MLinExpr:
+        return expr_value(operand, value);
+    case Operand::MVar:
+        return mvar_value(operand, value);
+    case Operand::Var:
+    case Operand::LinExpr:
+        return flat_linexpr(operand, value.form, value.model);
+    case Operand::Array:
+        return array_value(operand, value);
+    case Operand::Sparse:
+        return array_value(to_dense(operand).get(), value);
+    case Operand::Scalar:
+        value.form.constant.uniform = number(operand);
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool takes_compact_path(PyObject *expr) { return is_compact(expr) && keep_compact(mod.MLinExpr); }
+
+// ---- element by element --------------------------------------------------------------------------------------------
+
+Ref object_scalar(PyObject *object) {
+    need_numpy();
+    Ref array = check(PyArray_SimpleNew(0, nullptr, NPY_OBJECT));
+    PyObject **slot = static_cast<PyObject **>(PyArray_DATA(as_array(array)));
+    Py_XSETREF(*slot, Py_NewRef(object));
+    return array;
+}
+
+Ref elements_of(PyObject *expr) {
+    if (!is_compact(expr))
+        return learr(expr);
+    Ref full = to_full(expr);
+    return learr(full.get());
+}
+
+Ref element_operand(PyObject *operand, Operand kind) {
+    switch (kind) {
+    case Operand::MLinExpr:
+        return elements_of(operand);
+    case Operand::MVar:
+        return learr(from_mvar(mod.MLinExpr, operand, true).get());
+    case Operand::Array:
+        return plain_array(operand);
+    case Operand::Sparse:
+        return to_dense(operand);
+    default:
+        return object_scalar(operand);
+    }
+}
+
+Ref wrap_elements(Ref result) {
+    return make_objects(mod.MLinExpr, PyArray_Check(result.get()) ? std::move(result) : object_scalar(result.get()));
+}
+
+void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction function) {
+    PyArrayObject *target = as_array(array);
+    // A copy: the operand may share its elements with the receiver, which change from here on.
+    Ref spread = check(PyArray_FROM_OTF(operand, NPY_OBJECT, NPY_ARRAY_ENSURECOPY | NPY_ARRAY_CARRAY));
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(spread)); ++i) {
+        PyObject **slot = static_cast<PyObject **>(PyArray_DATA(as_array(spread))) + i;
+        if (PyObject_TypeCheck(*slot, mod.core->LinExpr))
+            Py_SETREF(*slot, check(mod.core->linexpr_copy(*slot)).release());
+    }
+    Ref iterator = check(PyArray_MultiIterNew(2, array, spread.get()));
+    auto *multi = reinterpret_cast<PyArrayMultiIterObject *>(iterator.get());
+    need_fit(shape_of_array(array), flat::Shape(multi->dimensions, multi->dimensions + multi->nd));
+    while (PyArray_MultiIter_NOTDONE(multi)) {
+        auto *slot = static_cast<char *>(PyArray_MultiIter_DATA(multi, 0));
+        PyObject *value = *static_cast<PyObject **>(PyArray_MultiIter_DATA(multi, 1));
+        Ref element = check(PyArray_GETITEM(target, slot));
+        Ref changed = check(function(element.get(), value));
+        if (!changed.is(element.get()))
+            check_status(PyArray_SETITEM(target, slot, changed.get()));
+        PyArray_MultiIter_NEXT(multi);
+    }
+}
+
+// ---- checks --------------------------------------------------------------------------------------------------------
+
+void need_finite(const double *values, int64_t n, const char *what) {
+    bool finite = true;
+    for (int64_t i = 0; i < n; ++i)
+        finite &= std::isfinite(values[i]);
+    if (finite)
+        return;
+    std::string text = std::string(what) + " is infinite or NaN";
+    fail_tarvo(TRV_ERROR_INVALID_ARGUMENT, text.c_str());
+}
+
+void need_finite(double value, const char *what) { need_finite(&value, 1, what); }
+
+void need_finite(const flat::Form &form) {
+    if (form.constant.values.empty())
+        need_finite(form.constant.uniform, "Constant");
+    else
+        need_finite(form.constant.values.data(), form.size, "Constant");
+}
+
+void need_fit(const flat::Shape &receiver, const flat::Shape &operand) {
+    flat::Shape shape = broadcast_shapes(receiver, operand);
+    if (shape != receiver)
+        fail(PyExc_ValueError, "non-broadcastable output operand with shape %R doesn't match the broadcast shape %R",
+             shape_tuple(receiver).get(), shape_tuple(shape).get());
+}
+
+void quadratic_later() {
+    fail(PyExc_NotImplementedError, "products of variables and expressions (quadratic expressions) are not supported yet");
+}
+
+void nonlinear_later() { fail(PyExc_NotImplementedError, "nonlinear expressions are not supported yet"); }
+
+} // namespace tarvopy

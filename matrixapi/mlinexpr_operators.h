@@ -1,0 +1,50 @@
+// What the operator files of MLinExpr share: the value of any operand, the element-wise path, and the checks.
+#pragma once
+
+#include "mlinexpr.h"
+#include "mvar.h"
+#include "operands.h"
+
+namespace tarvopy {
+
+// The value of an operand in numbers: a snapshot, which later changes of the operand do not reach.
+struct Value {
+    flat::Form form;
+    Ref model;
+};
+// False where only the element-wise path applies (foreign elements, several models, object arrays).
+bool value_of(PyObject *operand, Operand kind, Value &value);
+bool expr_value(PyObject *expr, Value &value);
+
+// Where `_keep_compact` is on and the expression is compact, the compact rules hold; otherwise the receiver becomes full first.
+bool takes_compact_path(PyObject *expr);
+
+// ---- element by element, over object arrays: slow, and always right
+// The operand as NumPy sees it: an object array of LinExpr, or a numeric array.
+Ref element_operand(PyObject *operand, Operand kind);
+// A full expression over what NumPy's operator gave (a single element is wrapped).
+Ref wrap_elements(Ref result);
+// A 0-dimensional object array around one object.
+Ref object_scalar(PyObject *object);
+// A full copy of a compact expression's elements, or the elements of a full one.
+Ref elements_of(PyObject *expr);
+using BinaryFunction = PyObject *(*)(PyObject *, PyObject *);
+// Element i of the object array becomes function(element, operand element), for an in-place function; the operand is broadcast.
+void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction function);
+
+// ---- checks: TarvoError INVALID_ARGUMENT "<what> is infinite or NaN"
+void need_finite(double value, const char *what);
+void need_finite(const double *values, int64_t n, const char *what);
+void need_finite(const flat::Form &form);
+// In-place operators: the operand may not enlarge the receiver.
+void need_fit(const flat::Shape &receiver, const flat::Shape &operand);
+
+[[noreturn]] void quadratic_later();
+[[noreturn]] void nonlinear_later();
+
+// ---- arithmetic, shared by operators and their reflected forms
+Ref add(PyObject *self, PyObject *other, double factor);  // self + factor * other, or NotImplemented
+Ref scaled(PyObject *self, double factor);                // factor * self, a new expression
+Ref multiply(PyObject *self, PyObject *other);            // self * other, or NotImplemented
+
+} // namespace tarvopy
