@@ -182,7 +182,9 @@ void write_rows(std::span<const Summand> summands, int64_t nrows, int64_t *ptr, 
 
 namespace {
 
-bool has_explicit_ids(const Summand &summand) { return summand.vars.empty() && !summand.cols.empty(); }
+bool has_explicit_ids(const Summand &summand) {
+    return summand.vars.empty() && !summand.cols.empty();
+}
 
 } // namespace
 

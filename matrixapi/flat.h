@@ -4,11 +4,11 @@
 //   constant[i] + sum over the summands s, over the terms k of row i of s:  coefficient(s, k) * variable(s, k)
 // and the terms stand in that order, as if somebody had appended them one by one.
 //
-//   x + 2 * y   over a (1000, 1000) array:   two summands of width 1, ids shared with x and y, scale 1 and 2; no coefficient array
-//   A @ x       one summand: the row pointers, columns and values of A, and the ids of x as `vars`
+//   x + 2 * y   over a (1000, 1000) array:   two summands of width 1, ids shared with x and y, scale 1 and 2; no
+//   coefficient array A @ x       one summand: the row pointers, columns and values of A, and the ids of x as `vars`
 //
-// Buffers are immutable once shared: copies of a form, scaled forms and sums share them. A form belongs to variables of one model, whose
-// handle its holder keeps.
+// Buffers are immutable once shared: copies of a form, scaled forms and sums share them. A form belongs to variables of
+// one model, whose handle its holder keeps.
 #pragma once
 
 #include <algorithm>
@@ -21,8 +21,8 @@
 
 namespace flat {
 
-// A reference-counted block of plain values, not cleared when allocated. Counted without atomics: the interpreter's lock is held wherever
-// one is copied or freed.
+// A reference-counted block of plain values, not cleared when allocated. Counted without atomics: the interpreter's
+// lock is held wherever one is copied or freed.
 template <class T> class Buffer {
   public:
     Buffer() = default;
@@ -131,7 +131,8 @@ Summand joined(std::span<const Summand> summands, int64_t nrows);
 void write_rows(std::span<const Summand> summands, int64_t nrows, int64_t *ptr, int32_t *ids, double *coef);
 
 // ---- whole forms ---------------------------------------------------------------------------------------------------
-// Row map that spreads `from` over `to` (NumPy's broadcasting rule, checked before); empty when the rows stay as they are.
+// Row map that spreads `from` over `to` (NumPy's broadcasting rule, checked before); empty when the rows stay as they
+// are.
 std::vector<int64_t> broadcast_map(const Shape &from, const Shape &to);
 Form broadcast(const Form &form, const Shape &to);
 // Appends other's terms and constants (factor 1 or -1 or any number), both of one shape.

@@ -106,7 +106,9 @@ void RowBuilder::sparse_left(const Ids &vars, const Csr &columns) {
             }
 }
 
-Summand RowBuilder::finish() { return std::move(summand_); }
+Summand RowBuilder::finish() {
+    return std::move(summand_);
+}
 
 Summand combined(const Summand &summand, int64_t nrows, const int64_t *start, const int64_t *source,
                  const double *factors) {

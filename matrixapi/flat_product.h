@@ -1,7 +1,8 @@
 // Matrix products of numbers with arrays of variables and of expressions, as flat forms.
 //
-// Everything is a product of (m, k) with (k, n) matrices; stacks of matrices are the caller's loop. A dense matrix keeps a term for each of its
-// entries, zeros too; a sparse one a term for each stored entry, in stored order. Nothing is merged.
+// Everything is a product of (m, k) with (k, n) matrices; stacks of matrices are the caller's loop. A dense matrix
+// keeps a term for each of its entries, zeros too; a sparse one a term for each stored entry, in stored order. Nothing
+// is merged.
 #pragma once
 
 #include "flat.h"
@@ -58,7 +59,8 @@ class RowBuilder {
 };
 
 // Row i of the result is the sum of factors[t] * (row source[t] of the summand) for t in start[i] .. start[i + 1].
-Summand combined(const Summand &summand, int64_t nrows, const int64_t *start, const int64_t *source, const double *factors);
+Summand combined(const Summand &summand, int64_t nrows, const int64_t *start, const int64_t *source,
+                 const double *factors);
 
 // Merges equal variables within each row (the first one keeps its place) and drops zero coefficients.
 Summand normalized(const Summand &summand, int32_t id_count);

@@ -28,7 +28,8 @@ Ref times(PyObject *array, double factor) {
 
 Ref as_owned_doubles(Ref sum) {
     need_numpy();
-    return check(PyArray_FROM_OTF(sum.get(), NPY_DOUBLE, NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_ENSURECOPY));
+    return check(
+        PyArray_FROM_OTF(sum.get(), NPY_DOUBLE, NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_ENSURECOPY));
 }
 
 void add_to_const(PyObject *self, PyObject *operand) {
@@ -40,14 +41,6 @@ void add_to_const(PyObject *self, PyObject *operand) {
 
 Part scaled_part(const Part &part, double factor) {
     return factor == 1.0 ? part : make_part(flat::scaled(part.summand, factor), part.vector);
-}
-
-// A part of one row, spread over n rows; any other part as it is.
-Part spread_part(const Part &part, int64_t n) {
-    if (part.summand.nrows == n)
-        return part;
-    std::vector<int64_t> first(static_cast<size_t>(n), 0);
-    return make_part(flat::gathered(part.summand, first.data(), n), part.vector);
 }
 
 // The parts of an expression, joined, which the expression keeps. False: the element-wise path.
@@ -86,7 +79,8 @@ bool same_model(PyObject *self, const Ref &model) {
 Ref add_compact_compact(PyObject *self, PyObject *other, const flat::Shape &shape, double factor) {
     std::vector<Part> parts, more;
     Ref model, other_model;
-    if (!joined_parts(self, parts, model) || !joined_parts(other, more, other_model) || !merge_models(model, other_model))
+    if (!joined_parts(self, parts, model) || !joined_parts(other, more, other_model) ||
+        !merge_models(model, other_model))
         return {};
     Ref right = times(const_array(other), factor);
     Ref constant = as_owned_doubles(check(PyNumber_Add(const_array(self), right.get())));
@@ -285,8 +279,12 @@ bool is_linear_operand(Operand kind) {
            kind == Operand::Array || kind == Operand::Sparse || kind == Operand::Scalar;
 }
 
-bool is_quadratic_operand(Operand kind) { return kind == Operand::MQuadExpr || kind == Operand::QuadExpr; }
-bool is_nonlinear_operand(Operand kind) { return kind == Operand::MNLExpr || kind == Operand::NLExpr; }
+bool is_quadratic_operand(Operand kind) {
+    return kind == Operand::MQuadExpr || kind == Operand::QuadExpr;
+}
+bool is_nonlinear_operand(Operand kind) {
+    return kind == Operand::MNLExpr || kind == Operand::NLExpr;
+}
 
 // self += factor * other; false where the operand is none of ours.
 bool iadd(PyObject *self, PyObject *other, double factor) {
@@ -329,7 +327,10 @@ Ref add(PyObject *self, PyObject *other, double factor) {
 
 namespace {
 
-PyObject *one_argument(const char *name, const char *parameter, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+PyObject *one_argument(const char *name, const char *parameter, PyObject *const *args, Py_ssize_t nargs,
+                       PyObject *kwnames) {
+    if (nargs == 1 && !kwnames)
+        return args[0];
     Arguments given(Signature(name, {parameter}, 1), 1, args, nargs, kwnames);
     return given[0];
 }
@@ -377,9 +378,11 @@ PyObject *mlinexpr_isub(PyObject *self, PyObject *const *args, Py_ssize_t nargs,
 
 std::span<Member> addition_members() {
     static Member members[] = {
-        method("__add__", mlinexpr_add, "__add__($self, other)\n--\n\nSum with numbers, variables or expressions, by NumPy's broadcasting."),
+        method("__add__", mlinexpr_add,
+               "__add__($self, other)\n--\n\nSum with numbers, variables or expressions, by NumPy's broadcasting."),
         method("__radd__", mlinexpr_radd, "__radd__($self, other)\n--\n\nAs __add__."),
-        method("__iadd__", mlinexpr_iadd, "__iadd__($self, other)\n--\n\nAdd in place; the shape stays. On failure nothing has changed."),
+        method("__iadd__", mlinexpr_iadd,
+               "__iadd__($self, other)\n--\n\nAdd in place; the shape stays. On failure nothing has changed."),
         method("__sub__", mlinexpr_sub, "__sub__($self, other)\n--\n\nself + (-1.0 * other)"),
         method("__rsub__", mlinexpr_rsub, "__rsub__($self, other)\n--\n\n(-1.0 * self) + other"),
         method("__isub__", mlinexpr_isub, "__isub__($self, other)\n--\n\nself += -1.0 * other"),

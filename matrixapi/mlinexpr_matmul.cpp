@@ -19,7 +19,8 @@ enum class Side { Right, Left }; // where the variables stand: A @ x, x @ A
 
 // ---- the numeric matrix ---------------------------------------------------------------------------------------------
 
-// A matrix with its rows on the result's side: A itself for A @ x, its transpose for x @ A. A vector is one row (one column).
+// A matrix with its rows on the result's side: A itself for A @ x, its transpose for x @ A. A vector is one row (one
+// column).
 struct Matrix {
     bool sparse = false;
     flat::Csr csr;     // of a sparse one, and of a dense one where the compact state asks for it
@@ -54,10 +55,13 @@ flat::Dense as_rows(const Matrix &matrix, Side side) {
     if (matrix.shape.size() == 2)
         return dense_of(matrix.array);
     int64_t n = matrix.shape[0];
-    return side == Side::Right ? flat::Dense{doubles(matrix.array), 1, n, n, 1} : flat::Dense{doubles(matrix.array), n, 1, 1, 1};
+    return side == Side::Right ? flat::Dense{doubles(matrix.array), 1, n, n, 1}
+                               : flat::Dense{doubles(matrix.array), n, 1, 1, 1};
 }
 
-flat::Dense turned(const flat::Dense &m) { return {m.data, m.cols, m.rows, m.col_step, m.row_step}; }
+flat::Dense turned(const flat::Dense &m) {
+    return {m.data, m.cols, m.rows, m.col_step, m.row_step};
+}
 
 // The compressed rows that produce the result's elements.
 flat::Csr result_rows(const Matrix &matrix, Side side) {
@@ -78,7 +82,8 @@ flat::Summand summand_of(flat::Csr csr) {
     return summand;
 }
 
-// ---- compact ---------------------------------------------------------------------------------------------------------
+// ---- compact
+// ---------------------------------------------------------------------------------------------------------
 
 // The one entry of a (1, 1) matrix; a missing one is 0.
 double only_entry(const flat::Csr &csr) {
@@ -93,24 +98,18 @@ int64_t inner_extent(const flat::Shape &matrix, Side side) {
     return side == Side::Right ? matrix.back() : matrix[matrix.size() == 1 ? 0 : matrix.size() - 2];
 }
 
-// One entry against a row (a column) of variables, (1, 1) @ (1, n): a diagonal, since each result element has its own variable.
+// One entry against a row (a column) of variables, (1, 1) @ (1, n): a diagonal, since each result element has its own
+// variable.
 bool spreads_one_entry(const flat::Shape &matrix, int64_t variables, Side side) {
     return inner_extent(matrix, side) != variables;
-}
-
-// A constant may be larger than the product, which then stands in every row.
-flat::Summand spread_rows(flat::Summand summand, int64_t size) {
-    if (summand.nrows == size)
-        return summand;
-    std::vector<int64_t> first(static_cast<size_t>(size), 0);
-    return flat::gathered(summand, first.data(), size);
 }
 
 Part compact_part(const Matrix &matrix, VarIds vars, int64_t size, Side side) {
     flat::Csr rows = result_rows(matrix, side);
     if (spreads_one_entry(matrix.shape, vars.ids.size(), side))
         return make_part(flat::single(vars.ids, only_entry(rows)), std::move(vars.ids));
-    return make_part(spread_rows(summand_of(std::move(rows)), size), std::move(vars.ids));
+    // A constant may be larger than the product, which then stands in every row.
+    return spread_part(make_part(summand_of(std::move(rows)), std::move(vars.ids)), size);
 }
 
 // The documented pair itself, for variables that have no ids in common: one CSR matrix made by SciPy.
@@ -152,7 +151,8 @@ Ref compact_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side, c
     return construct_compact(cls, std::move(list), std::move(constant));
 }
 
-// ---- full --------------------------------------------------------------------------------------------------------------
+// ---- full
+// --------------------------------------------------------------------------------------------------------------
 
 // A stack of matrices over the leading axes: offsets of the k-th matrix, broadcast along the result's leading axes.
 struct Stack {
@@ -160,10 +160,6 @@ struct Stack {
     int64_t item;              // elements of one matrix
     int64_t offset(int64_t k) const { return (maps.empty() ? k : maps[static_cast<size_t>(k)]) * item; }
 };
-
-flat::Shape leading(const flat::Shape &shape) {
-    return shape.size() > 2 ? flat::Shape(shape.begin(), shape.end() - 2) : flat::Shape();
-}
 
 Stack stack_of(const flat::Shape &operand, const flat::Shape &lead) {
     flat::Shape own = leading(operand);
@@ -178,7 +174,9 @@ template <class View, class Item> View view_of(const Item *data, const flat::Sha
     return View{data, rows, cols, cols, 1};
 }
 
-flat::Shape product_lead(const flat::Shape &a, const flat::Shape &b) { return broadcast_shapes(leading(a), leading(b)); }
+flat::Shape product_lead(const flat::Shape &a, const flat::Shape &b) {
+    return broadcast_shapes(leading(a), leading(b));
+}
 
 flat::Summand dense_product(const Matrix &matrix, const VarIds &vars, Side side, int64_t size) {
     bool right = side == Side::Right;
@@ -233,7 +231,8 @@ Ref full_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side, cons
     return make_flat(cls, std::move(form), std::move(model));
 }
 
-// ---- dispatch ----------------------------------------------------------------------------------------------------------
+// ---- dispatch
+// ----------------------------------------------------------------------------------------------------------
 
 // ValueError "Cannot construct MLinExpr from <text>"; a pending exception gives its own text.
 [[noreturn]] void cannot_construct(PyObject *object) {
@@ -253,7 +252,9 @@ flat::Shape product_shape(PyObject *given, PyObject *mvar, Side side) {
     }
 }
 
-bool has_zero(const flat::Shape &shape) { return std::find(shape.begin(), shape.end(), 0) != shape.end(); }
+bool has_zero(const flat::Shape &shape) {
+    return std::find(shape.begin(), shape.end(), 0) != shape.end();
+}
 
 Ref from_matmul(PyObject *cls, PyObject *given, PyObject *mvar, Side side) {
     need_numpy();
@@ -270,7 +271,8 @@ Ref from_matmul(PyObject *cls, PyObject *given, PyObject *mvar, Side side) {
     return full_product(cls, given, mvar, side, shape);
 }
 
-// ---- _from_compact_affine_expr -----------------------------------------------------------------------------------------
+// ---- _from_compact_affine_expr
+// -----------------------------------------------------------------------------------------
 
 void need_compact(const flat::Shape &shape, const char *before, const char *after) {
     if (!allows_compact(shape))
@@ -320,7 +322,8 @@ Ref compact_affine(PyObject *cls, PyObject *left, PyObject *given, PyObject *rig
     return compact_product(cls, given, mvar, side, shape, std::move(constant));
 }
 
-// ---- parts ---------------------------------------------------------------------------------------------------------------
+// ---- parts
+// ---------------------------------------------------------------------------------------------------------------
 
 Ref first_pair(PyObject *self) {
     join_parts(self);
@@ -390,7 +393,8 @@ PyObject *extract_Axb(PyObject *self, PyObject *const *args, Py_ssize_t nargs, P
     });
 }
 
-// ---- class methods -------------------------------------------------------------------------------------------------------
+// ---- class methods
+// -------------------------------------------------------------------------------------------------------
 
 PyObject *from_matmul_right(PyObject *cls, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
@@ -435,7 +439,8 @@ Ref build_full(PyObject *cls, PyObject *given, PyObject *mvar, Side side, bool s
 template <Side side, bool sparse>
 PyObject *full_builder(PyObject *cls, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
-        static const Signature right(sparse ? "_from_matmul_right_spmatrix" : "_from_matmul_right_ndarray", {"A", "x"}, 2);
+        static const Signature right(sparse ? "_from_matmul_right_spmatrix" : "_from_matmul_right_ndarray", {"A", "x"},
+                                     2);
         static const Signature left(sparse ? "_from_matmul_left_spmatrix" : "_from_matmul_left_ndarray", {"x", "A"}, 2);
         constexpr bool is_right = side == Side::Right;
         Arguments given(is_right ? right : left, 1, args, nargs, kwnames);
@@ -448,17 +453,27 @@ PyObject *full_builder(PyObject *cls, PyObject *const *args, Py_ssize_t nargs, P
 std::span<Member> matmul_members() {
     static Member members[] = {
         class_method("_from_matmul_right", from_matmul_right,
-                     "_from_matmul_right($type, A, x)\n--\n\nA @ x for an ndarray or sparse matrix A and an MVar x. ValueError where shapes do not fit."),
-        class_method("_from_matmul_left", from_matmul_left, "_from_matmul_left($type, x, A)\n--\n\nx @ A, the mirror of A @ x."),
-        class_method("_from_matmul_right_ndarray", full_builder<Side::Right, false>, "_from_matmul_right_ndarray($type, A, x)\n--\n\nFull A @ x, A dense."),
-        class_method("_from_matmul_right_spmatrix", full_builder<Side::Right, true>, "_from_matmul_right_spmatrix($type, A, x)\n--\n\nFull A @ x, A sparse."),
-        class_method("_from_matmul_left_ndarray", full_builder<Side::Left, false>, "_from_matmul_left_ndarray($type, x, A)\n--\n\nFull x @ A, A dense."),
-        class_method("_from_matmul_left_spmatrix", full_builder<Side::Left, true>, "_from_matmul_left_spmatrix($type, x, A)\n--\n\nFull x @ A, A sparse."),
+                     "_from_matmul_right($type, A, x)\n--\n\nA @ x for an ndarray or sparse matrix A and an MVar x. "
+                     "ValueError where shapes do not fit."),
+        class_method("_from_matmul_left", from_matmul_left,
+                     "_from_matmul_left($type, x, A)\n--\n\nx @ A, the mirror of A @ x."),
+        class_method("_from_matmul_right_ndarray", full_builder<Side::Right, false>,
+                     "_from_matmul_right_ndarray($type, A, x)\n--\n\nFull A @ x, A dense."),
+        class_method("_from_matmul_right_spmatrix", full_builder<Side::Right, true>,
+                     "_from_matmul_right_spmatrix($type, A, x)\n--\n\nFull A @ x, A sparse."),
+        class_method("_from_matmul_left_ndarray", full_builder<Side::Left, false>,
+                     "_from_matmul_left_ndarray($type, x, A)\n--\n\nFull x @ A, A dense."),
+        class_method("_from_matmul_left_spmatrix", full_builder<Side::Left, true>,
+                     "_from_matmul_left_spmatrix($type, x, A)\n--\n\nFull x @ A, A sparse."),
         class_method("_from_compact_affine_expr", from_compact_affine_expr,
-                     "_from_compact_affine_expr($type, x_left=None, A=None, x_right=None, b=None)\n--\n\nCompact x_left @ A + b or A @ x_right + b."),
-        method("_add_matmul_part", add_matmul_part, "_add_matmul_part($self, A, x)\n--\n\nAppend one part to a compact expression."),
-        method("_concat_matmulparts", concat_matmulparts, "_concat_matmulparts($self)\n--\n\nAll parts joined into one pair (A, x), which the expression keeps."),
-        method("_extract_Axb", extract_Axb, "_extract_Axb($self)\n--\n\n(A, x, b) of a compact expression; A and x are None where it has no parts."),
+                     "_from_compact_affine_expr($type, x_left=None, A=None, x_right=None, b=None)\n--\n\nCompact "
+                     "x_left @ A + b or A @ x_right + b."),
+        method("_add_matmul_part", add_matmul_part,
+               "_add_matmul_part($self, A, x)\n--\n\nAppend one part to a compact expression."),
+        method("_concat_matmulparts", concat_matmulparts,
+               "_concat_matmulparts($self)\n--\n\nAll parts joined into one pair (A, x), which the expression keeps."),
+        method("_extract_Axb", extract_Axb,
+               "_extract_Axb($self)\n--\n\n(A, x, b) of a compact expression; A and x are None where it has no parts."),
     };
     return members;
 }

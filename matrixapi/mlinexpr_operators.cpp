@@ -46,7 +46,9 @@ bool mvar_value(PyObject *mvar, Value &value) {
 
 } // namespace
 
-bool expr_value(PyObject *expr, Value &value) { return flat_value(expr, value.form, value.model); }
+bool expr_value(PyObject *expr, Value &value) {
+    return flat_value(expr, value.form, value.model);
+}
 
 bool value_of(PyObject *operand, Operand kind, Value &value) {
     switch (kind) {
@@ -69,7 +71,16 @@ bool value_of(PyObject *operand, Operand kind, Value &value) {
     }
 }
 
-bool takes_compact_path(PyObject *expr) { return is_compact(expr) && keep_compact(mod.MLinExpr); }
+bool takes_compact_path(PyObject *expr) {
+    return is_compact(expr) && keep_compact(mod.MLinExpr);
+}
+
+Part spread_part(const Part &part, int64_t n) {
+    if (part.summand.nrows == n)
+        return part;
+    std::vector<int64_t> first(static_cast<size_t>(n), 0);
+    return make_part(flat::gathered(part.summand, first.data(), n), part.vector);
+}
 
 // ---- element by element --------------------------------------------------------------------------------------------
 
@@ -142,7 +153,9 @@ void need_finite(const double *values, int64_t n, const char *what) {
     fail_tarvo(TRV_ERROR_INVALID_ARGUMENT, text.c_str());
 }
 
-void need_finite(double value, const char *what) { need_finite(&value, 1, what); }
+void need_finite(double value, const char *what) {
+    need_finite(&value, 1, what);
+}
 
 void need_finite(const flat::Form &form) {
     if (form.constant.values.empty())
@@ -159,9 +172,12 @@ void need_fit(const flat::Shape &receiver, const flat::Shape &operand) {
 }
 
 void quadratic_later() {
-    fail(PyExc_NotImplementedError, "products of variables and expressions (quadratic expressions) are not supported yet");
+    fail(PyExc_NotImplementedError,
+         "products of variables and expressions (quadratic expressions) are not supported yet");
 }
 
-void nonlinear_later() { fail(PyExc_NotImplementedError, "nonlinear expressions are not supported yet"); }
+void nonlinear_later() {
+    fail(PyExc_NotImplementedError, "nonlinear expressions are not supported yet");
+}
 
 } // namespace tarvopy

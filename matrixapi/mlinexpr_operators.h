@@ -16,8 +16,12 @@ struct Value {
 bool value_of(PyObject *operand, Operand kind, Value &value);
 bool expr_value(PyObject *expr, Value &value);
 
-// Where `_keep_compact` is on and the expression is compact, the compact rules hold; otherwise the receiver becomes full first.
+// Where `_keep_compact` is on and the expression is compact, the compact rules hold; otherwise the receiver becomes
+// full first.
 bool takes_compact_path(PyObject *expr);
+
+// A part of one row, spread over n rows; any other part as it is.
+Part spread_part(const Part &part, int64_t n);
 
 // ---- element by element, over object arrays: slow, and always right
 // The operand as NumPy sees it: an object array of LinExpr, or a numeric array.
@@ -29,7 +33,8 @@ Ref object_scalar(PyObject *object);
 // A full copy of a compact expression's elements, or the elements of a full one.
 Ref elements_of(PyObject *expr);
 using BinaryFunction = PyObject *(*)(PyObject *, PyObject *);
-// Element i of the object array becomes function(element, operand element), for an in-place function; the operand is broadcast.
+// Element i of the object array becomes function(element, operand element), for an in-place function; the operand is
+// broadcast.
 void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction function);
 
 // ---- checks: TarvoError INVALID_ARGUMENT "<what> is infinite or NaN"
@@ -43,8 +48,8 @@ void need_fit(const flat::Shape &receiver, const flat::Shape &operand);
 [[noreturn]] void nonlinear_later();
 
 // ---- arithmetic, shared by operators and their reflected forms
-Ref add(PyObject *self, PyObject *other, double factor);  // self + factor * other, or NotImplemented
-Ref scaled(PyObject *self, double factor);                // factor * self, a new expression
-Ref multiply(PyObject *self, PyObject *other);            // self * other, or NotImplemented
+Ref add(PyObject *self, PyObject *other, double factor); // self + factor * other, or NotImplemented
+Ref scaled(PyObject *self, double factor);               // factor * self, a new expression
+Ref multiply(PyObject *self, PyObject *other);           // self * other, or NotImplemented
 
 } // namespace tarvopy

@@ -64,6 +64,7 @@ using pysupport::Ref;
     X(indices)                                                                                                               \
     X(data)                                                                                                                  \
     X(T)                                                                                                                     \
+    X(_normalize)                                                                                                            \
     X(issparse)                                                                                                              \
     X(csr_matrix)                                                                                                            \
     X(partial)                                                                                                               \

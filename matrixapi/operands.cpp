@@ -15,7 +15,9 @@ using namespace pysupport;
 
 namespace {
 
-PyTypeObject *type(PyObject *cls) { return reinterpret_cast<PyTypeObject *>(cls); }
+PyTypeObject *type(PyObject *cls) {
+    return reinterpret_cast<PyTypeObject *>(cls);
+}
 
 Operand matrix_kind(PyObject *object) {
     if (PyObject_TypeCheck(object, type(mod.MVar)))
@@ -63,7 +65,9 @@ bool is_sparse(PyObject *object) {
     return answer.is(Py_True);
 }
 
-bool is_scalar(PyObject *object) { return is_number(object); }
+bool is_scalar(PyObject *object) {
+    return is_number(object);
+}
 
 double number(PyObject *scalar) {
     double value;
@@ -82,7 +86,8 @@ bool is_numpy_matrix(PyObject *array) {
 
 // The number types whose every value (to rounding) is a double; longdouble is not among them.
 bool reads_as_double(int type) {
-    return PyTypeNum_ISBOOL(type) || PyTypeNum_ISINTEGER(type) || type == NPY_HALF || type == NPY_FLOAT || type == NPY_DOUBLE;
+    return PyTypeNum_ISBOOL(type) || PyTypeNum_ISINTEGER(type) || type == NPY_HALF || type == NPY_FLOAT ||
+           type == NPY_DOUBLE;
 }
 
 } // namespace
@@ -91,10 +96,13 @@ Ref as_doubles(PyObject *array) {
     PyArrayObject *given = as_array(array);
     if (!reads_as_double(PyArray_TYPE(given)) || (!PyArray_CheckExact(array) && !is_numpy_matrix(array)))
         return {};
-    return check(PyArray_FROMANY(array, NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST));
+    return check(
+        PyArray_FROMANY(array, NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST));
 }
 
-Ref plain_array(PyObject *array) { return check(PyArray_EnsureArray(Ref::borrow(array).release())); }
+Ref plain_array(PyObject *array) {
+    return check(PyArray_EnsureArray(Ref::borrow(array).release()));
+}
 
 Ref to_dense(PyObject *sparse) {
     Ref dense = check(PyObject_CallMethodNoArgs(sparse, names.toarray));
@@ -145,17 +153,23 @@ flat::Shape matmul_shape(const flat::Shape &a, const flat::Shape &b) {
     return shape_by(mod.matmul_shape, a, b, Py_True);
 }
 
+flat::Shape leading(const flat::Shape &shape) {
+    return shape.size() > 2 ? flat::Shape(shape.begin(), shape.end() - 2) : flat::Shape();
+}
+
 // ---- sparse matrices -----------------------------------------------------------------------------------------------
 
 namespace {
 
 // An integer array of any width, as int64.
 Ref index_array(PyObject *given, const char *name) {
-    if (!PyArray_Check(given) || !PyTypeNum_ISINTEGER(PyArray_TYPE(as_array(given))) || PyArray_NDIM(as_array(given)) != 1)
+    if (!PyArray_Check(given) || !PyTypeNum_ISINTEGER(PyArray_TYPE(as_array(given))) ||
+        PyArray_NDIM(as_array(given)) != 1)
         fail(PyExc_ValueError, "%s of a sparse matrix must be a one-dimensional array of integers", name);
-    return check(PyArray_FROMANY(given, PyArray_ITEMSIZE(as_array(given)) <= 4 && PyArray_TYPE(as_array(given)) != NPY_UINT32
-                                            ? NPY_INT32 : NPY_INT64,
-                                 1, 1, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST));
+    return check(PyArray_FROMANY(
+        given,
+        PyArray_ITEMSIZE(as_array(given)) <= 4 && PyArray_TYPE(as_array(given)) != NPY_UINT32 ? NPY_INT32 : NPY_INT64,
+        1, 1, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST));
 }
 
 Ref value_array(PyObject *given) {
@@ -175,8 +189,8 @@ template <class Use> auto with_entries(const Ref &array, Use use) {
 flat::Buffer<int64_t> checked_pointers(const Ref &indptr, int64_t rows, int64_t available) {
     int64_t given = PyArray_SIZE(as_array(indptr));
     if (given != rows + 1)
-        fail(PyExc_ValueError, "a sparse matrix with %lld rows needs %lld row pointers, not %lld", static_cast<long long>(rows),
-             static_cast<long long>(rows + 1), static_cast<long long>(given));
+        fail(PyExc_ValueError, "a sparse matrix with %lld rows needs %lld row pointers, not %lld",
+             static_cast<long long>(rows), static_cast<long long>(rows + 1), static_cast<long long>(given));
     flat::Buffer<int64_t> result(rows + 1);
     with_entries(indptr, [&](auto *from) {
         int64_t *to = result.write(), last = 0;
@@ -224,7 +238,8 @@ flat::Csr csr_from_arrays(PyObject *indptr, PyObject *indices, PyObject *data, i
     Ref pointers = index_array(indptr, "indptr"), columns = index_array(indices, "indices"), values = value_array(data);
     if (PyArray_NDIM(as_array(values)) != 1 || PyArray_SIZE(as_array(columns)) != PyArray_SIZE(as_array(values)))
         fail(PyExc_ValueError, "a sparse matrix has %lld column indices but %lld entries",
-             static_cast<long long>(PyArray_SIZE(as_array(columns))), static_cast<long long>(PyArray_SIZE(as_array(values))));
+             static_cast<long long>(PyArray_SIZE(as_array(columns))),
+             static_cast<long long>(PyArray_SIZE(as_array(values))));
     flat::Csr csr{rows, cols, checked_pointers(pointers, rows, PyArray_SIZE(as_array(values))), {}, {}};
     csr.index = checked_columns(columns, csr.nnz(), cols);
     csr.value = flat::Buffer<double>::copy_of(doubles(values), csr.nnz());
@@ -241,7 +256,8 @@ flat::Csr csr_of(PyObject *sparse) {
     if (shape.size() == 1) // a one-dimensional sparse array is one row
         shape.insert(shape.begin(), 1);
     if (shape.size() != 2)
-        fail(PyExc_ValueError, "a sparse matrix must have one or two dimensions, not %zd", static_cast<Py_ssize_t>(shape.size()));
+        fail(PyExc_ValueError, "a sparse matrix must have one or two dimensions, not %zd",
+             static_cast<Py_ssize_t>(shape.size()));
     Ref indptr = check(PyObject_GetAttr(csr.get(), names.indptr));
     Ref indices = check(PyObject_GetAttr(csr.get(), names.indices));
     Ref data = check(PyObject_GetAttr(csr.get(), names.data));

@@ -1,8 +1,8 @@
 // What stands on the other side of an operator: kinds of operand, and numeric operands as plain arrays.
 //
 //   switch (kind_of(other)) { case Operand::Array: ...                one dispatch for every operator
-//   Ref a = as_doubles(other)        a C-contiguous float64 ndarray (never a subclass), or empty: take the element-wise path
-//   flat::Csr m = csr_of(sparse)     a checked copy of a SciPy matrix of any format
+//   Ref a = as_doubles(other)        a C-contiguous float64 ndarray (never a subclass), or empty: take the element-wise
+//   path flat::Csr m = csr_of(sparse)     a checked copy of a SciPy matrix of any format
 #pragma once
 
 #include "flat_product.h"
@@ -14,13 +14,22 @@ namespace tarvopy {
 using pysupport::Ref;
 
 enum class Operand {
-    MVar, MLinExpr, MQuadExpr, MNLExpr,
-    Var, LinExpr, QuadExpr, NLExpr,
-    Array, Sparse, Scalar,
+    MVar,
+    MLinExpr,
+    MQuadExpr,
+    MNLExpr,
+    Var,
+    LinExpr,
+    QuadExpr,
+    NLExpr,
+    Array,
+    Sparse,
+    Scalar,
     Other,
 };
 
-// Arrays and SciPy's matrices are recognised only where NumPy and SciPy are loaded already: an operand cannot be one before.
+// Arrays and SciPy's matrices are recognised only where NumPy and SciPy are loaded already: an operand cannot be one
+// before.
 Operand kind_of(PyObject *object);
 bool is_sparse(PyObject *object);
 bool is_scalar(PyObject *object); // a plain number, as _util._isscalar says
@@ -28,7 +37,8 @@ bool is_scalar(PyObject *object); // a plain number, as _util._isscalar says
 // The value of a number; throws for one that float() refuses (complex).
 double number(PyObject *scalar);
 
-// Bool, integer and float arrays of up to 8 bytes an element, exact ndarrays and numpy.matrix alike; empty for every other dtype and subclass.
+// Bool, integer and float arrays of up to 8 bytes an element, exact ndarrays and numpy.matrix alike; empty for every
+// other dtype and subclass.
 Ref as_doubles(PyObject *array);
 // The array itself, as an exact ndarray (a subclass is seen as its base): what the element-wise path works on.
 Ref plain_array(PyObject *array);
@@ -46,7 +56,11 @@ flat::Shape broadcast_shapes(const flat::Shape &a, const flat::Shape &b);
 // Of a matrix product, by NumPy's rules; ValueError naming both.
 flat::Shape matmul_shape(const flat::Shape &a, const flat::Shape &b);
 
-// Pointers, columns and lengths are checked (ValueError); int64, unsorted and doubled columns are fine and stay as they are.
+// The axes of a stack of matrices, all but the last two.
+flat::Shape leading(const flat::Shape &shape);
+
+// Pointers, columns and lengths are checked (ValueError); int64, unsorted and doubled columns are fine and stay as they
+// are.
 flat::Csr csr_of(PyObject *sparse);
 // The same from the three arrays of a compressed matrix, in the given dimensions.
 flat::Csr csr_from_arrays(PyObject *indptr, PyObject *indices, PyObject *data, int64_t rows, int64_t cols);

@@ -1,0 +1,398 @@
+// MLinExpr: products with numbers, division, powers, signs and comparisons.
+//
+//   2.0 * e        compact stays compact: the coefficients of the joined part and the constant are scaled
+//   e * C          row i times C's element i, by NumPy's broadcasting
+//   e * x, e ** 2  quadratic; e / x, 2 ** e  nonlinear: handed over to those classes
+#include "mlinexpr_operators.h"
+
+#include "names.h"
+#include "pysupport/args.h"
+
+namespace tarvopy {
+
+using namespace pysupport;
+
+namespace {
+
+constexpr const char *multiplier = "Multiplier";
+
+// ---- multipliers
+// -----------------------------------------------------------------------------------------------------
+
+// One factor for each element of the shape; a single number spreads.
+flat::Buffer<double> spread_factors(const Ref &numbers, const flat::Shape &shape) {
+    flat::Shape own = shape_of_array(numbers.get());
+    int64_t size = flat::size_of(shape);
+    flat::Buffer<double> factors(size);
+    std::vector<int64_t> map = flat::broadcast_map(own, shape);
+    for (int64_t i = 0; i < size; ++i)
+        factors.write()[i] = doubles(numbers)[map.empty() ? i : map[static_cast<size_t>(i)]];
+    return factors;
+}
+
+void need_finite_array(const Ref &numbers) {
+    need_finite(doubles(numbers), PyArray_SIZE(as_array(numbers)), multiplier);
+}
+
+flat::Summand times_rows(const flat::Summand &summand, const Ref &numbers, const flat::Buffer<double> &factors) {
+    return PyArray_SIZE(as_array(numbers)) == 1 ? flat::scaled(summand, *doubles(numbers))
+                                                : flat::scaled_rows(summand, factors.data());
+}
+
+// ---- new results
+// -----------------------------------------------------------------------------------------------------
+
+Ref scaled_compact(PyObject *self, double factor) {
+    join_parts(self);
+    std::vector<Part> parts;
+    Ref model;
+    if (!native_parts(self, parts, model))
+        return {};
+    flat::Shape shape = shape_of(self);
+    Ref numbers = as_doubles(const_array(self));
+    Ref constant = float_array(shape, doubles(numbers));
+    double *values = static_cast<double *>(PyArray_DATA(as_array(constant)));
+    for (int64_t i = 0; i < flat::size_of(shape); ++i)
+        values[i] *= factor;
+    for (Part &part : parts)
+        part = make_part(flat::scaled(part.summand, factor), part.vector);
+    return make_compact(mod.MLinExpr, std::move(parts), std::move(constant), std::move(model));
+}
+
+Ref multiply_elements(PyObject *self, PyObject *operand) {
+    Ref elements = elements_of(self);
+    return wrap_elements(check(PyNumber_Multiply(elements.get(), operand)));
+}
+
+Ref multiply_full(PyObject *self, const Ref &numbers) {
+    Value value;
+    if (!expr_value(self, value))
+        return multiply_elements(self, numbers.get());
+    flat::Shape shape = broadcast_shapes(value.form.shape, shape_of_array(numbers.get()));
+    if (flat::size_of(shape) > 0)
+        need_finite_array(numbers);
+    flat::Form spread = flat::broadcast(value.form, shape);
+    flat::Form product = PyArray_SIZE(as_array(numbers)) == 1
+                             ? flat::scaled(spread, *doubles(numbers))
+                             : flat::scaled_rows(spread, spread_factors(numbers, shape).data());
+    return make_flat(mod.MLinExpr, std::move(product), std::move(value.model));
+}
+
+Ref multiply_compact(PyObject *self, const Ref &numbers) {
+    need_finite_array(numbers);
+    flat::Shape shape = broadcast_shapes(shape_of(self), shape_of_array(numbers.get()));
+    std::vector<Part> parts;
+    Ref model;
+    join_parts(self);
+    if (!allows_compact(shape) || !native_parts(self, parts, model))
+        return multiply_full(self, numbers);
+    Ref product = check(PyNumber_Multiply(const_array(self), numbers.get()));
+    Ref constant = check(
+        PyArray_FROM_OTF(product.get(), NPY_DOUBLE, NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_ENSURECOPY));
+    flat::Buffer<double> factors = spread_factors(numbers, shape);
+    for (Part &part : parts) {
+        Part spread = spread_part(part, flat::size_of(shape));
+        part = make_part(times_rows(spread.summand, numbers, factors), spread.vector);
+    }
+    return make_compact(mod.MLinExpr, std::move(parts), std::move(constant), std::move(model));
+}
+
+Ref multiply_array(PyObject *self, PyObject *array) {
+    Ref numbers = as_doubles(array);
+    if (!numbers)
+        return multiply_elements(self, plain_array(array).get());
+    return takes_compact_path(self) ? multiply_compact(self, numbers) : multiply_full(self, numbers);
+}
+
+// ---- in place
+// --------------------------------------------------------------------------------------------------------
+
+// The documented pair, where it exists, is scaled in its own arrays: whoever holds the matrix sees it.
+void scale_made_part(PyObject *self, const Ref &numbers, const flat::Buffer<double> &factors) {
+    Ref list = check(PyObject_GetAttr(self, names._matmulparts));
+    if (check_value(PyObject_Length(list.get())) == 0)
+        return;
+    Ref pair = check(PySequence_GetItem(list.get(), 0)), matrix = check(PySequence_GetItem(pair.get(), 0));
+    Ref data = check(PyObject_GetAttr(matrix.get(), names.data));
+    if (PyArray_SIZE(as_array(numbers)) == 1) {
+        check(PyNumber_InPlaceMultiply(data.get(), numbers.get()));
+        return;
+    }
+    flat::Csr csr = csr_of(matrix.get());
+    Ref entries = float_array({PyArray_SIZE(as_array(data))});
+    double *values = static_cast<double *>(PyArray_DATA(as_array(entries)));
+    std::fill_n(values, PyArray_SIZE(as_array(data)), 1.0);
+    for (int64_t row = 0; row < csr.rows; ++row)
+        std::fill(values + csr.ptr[row], values + csr.ptr[row + 1], factors[row]);
+    check(PyNumber_InPlaceMultiply(data.get(), entries.get()));
+}
+
+void imul_compact(PyObject *self, const Ref &numbers) {
+    need_finite_array(numbers);
+    flat::Shape shape = shape_of(self);
+    need_fit(shape, shape_of_array(numbers.get()));
+    flat::Buffer<double> factors = spread_factors(numbers, shape);
+    join_parts(self);
+    Ref constant = Ref::borrow(const_array(self));
+    if (LinearNative *native = linear_of(self)) {
+        std::vector<Part> parts;
+        for (const Part &part : native->parts)
+            parts.push_back(make_part(times_rows(part.summand, numbers, factors), part.vector));
+        Ref model = native->model;
+        check(PyNumber_InPlaceMultiply(constant.get(), numbers.get()));
+        return set_parts(self, std::move(parts), std::move(model));
+    }
+    check(PyNumber_InPlaceMultiply(constant.get(), numbers.get()));
+    scale_made_part(self, numbers, factors);
+}
+
+void imul_full(PyObject *self, const Ref &numbers) {
+    flat::Shape shape = shape_of(self);
+    need_fit(shape, shape_of_array(numbers.get()));
+    if (flat::size_of(shape) > 0)
+        need_finite_array(numbers);
+    if (LinearNative *native = linear_of(self)) {
+        native->form = PyArray_SIZE(as_array(numbers)) == 1
+                           ? flat::scaled(native->form, *doubles(numbers))
+                           : flat::scaled_rows(native->form, spread_factors(numbers, shape).data());
+        return;
+    }
+    elements_in_place(learr(self).get(), numbers.get(), PyNumber_InPlaceMultiply);
+}
+
+void imul_array(PyObject *self, PyObject *array) {
+    Ref numbers = as_doubles(array);
+    bool compact = takes_compact_path(self);
+    if (!compact || !numbers)
+        convert_to_full(self);
+    if (!numbers)
+        return elements_in_place(learr(self).get(), plain_array(array).get(), PyNumber_InPlaceMultiply);
+    compact ? imul_compact(self, numbers) : imul_full(self, numbers);
+}
+
+Ref number_array(double value) {
+    return float_array({}, &value);
+}
+
+// self *= other; NotImplemented where the operand is no number.
+Ref imul(PyObject *self, PyObject *other) {
+    switch (kind_of(other)) {
+    case Operand::Array:
+        imul_array(self, other);
+        break;
+    case Operand::Sparse:
+        imul_array(self, to_dense(other).get());
+        break;
+    case Operand::Scalar:
+        imul_array(self, number_array(number(other)).get());
+        break;
+    default:
+        return Ref::borrow(Py_NotImplemented);
+    }
+    return Ref::borrow(self);
+}
+
+// ---- division and powers
+// ---------------------------------------------------------------------------------------------
+
+// 1.0 / other for the three numeric kinds, with Python's and NumPy's own errors and warnings; empty for other operands.
+Ref inverse(PyObject *other, Operand kind) {
+    if (kind != Operand::Array && kind != Operand::Sparse && kind != Operand::Scalar)
+        return {};
+    Ref one = check(PyFloat_FromDouble(1.0));
+    Ref numbers = kind == Operand::Sparse ? to_dense(other) : Ref::borrow(other);
+    return check(PyNumber_TrueDivide(one.get(), numbers.get()));
+}
+
+Ref not_implemented() {
+    return Ref::borrow(Py_NotImplemented);
+}
+
+Ref divide(PyObject *self, PyObject *other) {
+    Operand kind = kind_of(other);
+    if (kind == Operand::Other)
+        return not_implemented();
+    Ref factor = inverse(other, kind);
+    if (!factor)
+        nonlinear_later();
+    return multiply(self, factor.get());
+}
+
+// The same expression in the broadcast shape.
+Ref broadcast_copy(PyObject *self, const flat::Shape &shape) {
+    if (shape_of(self) == shape)
+        return copy_of(self);
+    Ref ones = float_array(shape);
+    return add(self, ones.get(), 1.0);
+}
+
+Ref constant_one(const flat::Shape &shape) {
+    Ref ones = make_zeros(mod.MLinExpr, shape);
+    return add(ones.get(), number_array(1.0).get(), 1.0);
+}
+
+Ref numeric_power(PyObject *self, double exponent, const flat::Shape &shape) {
+    if (exponent == 0.0)
+        return constant_one(shape);
+    if (exponent == 1.0)
+        return broadcast_copy(self, shape);
+    if (exponent == 2.0)
+        quadratic_later();
+    nonlinear_later();
+}
+
+Ref power(PyObject *self, PyObject *other) {
+    Operand kind = kind_of(other);
+    if (kind == Operand::Other || kind == Operand::Sparse)
+        return not_implemented();
+    flat::Shape shape = shape_of(self);
+    if (kind == Operand::Scalar)
+        return numeric_power(self, number(other), shape);
+    if (kind != Operand::Array)
+        nonlinear_later();
+    shape = broadcast_shapes(shape, shape_of_array(other));
+    Ref numbers = as_doubles(other);
+    if (!numbers || PyArray_SIZE(as_array(numbers)) != 1)
+        nonlinear_later();
+    return numeric_power(self, *doubles(numbers), shape);
+}
+
+// ---- members
+// ---------------------------------------------------------------------------------------------------------
+
+using Operator = Ref (*)(PyObject *self, PyObject *other);
+
+PyObject *binary(Operator function, const char *name, PyObject *self, PyObject *const *args, Py_ssize_t nargs,
+                 PyObject *kwnames) {
+    return border([&] {
+        if (nargs == 1 && !kwnames)
+            return function(self, args[0]);
+        Arguments given(Signature(name, {"other"}, 1), 1, args, nargs, kwnames);
+        return function(self, given[0]);
+    });
+}
+
+Ref unary(const char *name, Py_ssize_t nargs, PyObject *kwnames) {
+    Arguments given(Signature(name, {}, 0), 1, nullptr, nargs, kwnames);
+    return {};
+}
+
+#define TARVOPY_BINARY(c_name, python_name, function)                                                                  \
+    PyObject *c_name(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {                     \
+        return binary(function, python_name, self, args, nargs, kwnames);                                              \
+    }
+
+Ref reflected_division(PyObject *, PyObject *other) {
+    if (kind_of(other) == Operand::Other)
+        return not_implemented();
+    nonlinear_later();
+}
+
+Ref reflected_power(PyObject *, PyObject *other) {
+    Operand kind = kind_of(other);
+    if (kind == Operand::Other || kind == Operand::Sparse)
+        return not_implemented();
+    nonlinear_later();
+}
+
+Ref idivide(PyObject *self, PyObject *other) {
+    Ref factor = inverse(other, kind_of(other));
+    return factor ? imul(self, factor.get()) : not_implemented();
+}
+
+Ref less_equal(PyObject *self, PyObject *rhs) {
+    return check(mod.core->tempconstr(self, mod.less_equal, rhs));
+}
+Ref greater_equal(PyObject *self, PyObject *rhs) {
+    return check(mod.core->tempconstr(self, mod.greater_equal, rhs));
+}
+Ref equal(PyObject *self, PyObject *rhs) {
+    return check(mod.core->tempconstr(self, mod.equal, rhs));
+}
+Ref not_equal(PyObject *, PyObject *) {
+    fail_tarvo(0, "Inequality constraints not supported");
+}
+
+TARVOPY_BINARY(mlinexpr_mul, "__mul__", multiply)
+TARVOPY_BINARY(mlinexpr_rmul, "__rmul__", multiply)
+TARVOPY_BINARY(mlinexpr_imul, "__imul__", imul)
+TARVOPY_BINARY(mlinexpr_truediv, "__truediv__", divide)
+TARVOPY_BINARY(mlinexpr_itruediv, "__itruediv__", idivide)
+TARVOPY_BINARY(mlinexpr_rtruediv, "__rtruediv__", reflected_division)
+TARVOPY_BINARY(mlinexpr_pow, "__pow__", power)
+TARVOPY_BINARY(mlinexpr_rpow, "__rpow__", reflected_power)
+TARVOPY_BINARY(mlinexpr_le, "__le__", less_equal)
+TARVOPY_BINARY(mlinexpr_ge, "__ge__", greater_equal)
+TARVOPY_BINARY(mlinexpr_eq, "__eq__", equal)
+TARVOPY_BINARY(mlinexpr_ne, "__ne__", not_equal)
+
+PyObject *mlinexpr_neg(PyObject *self, PyObject *const *, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        unary("__neg__", nargs, kwnames);
+        return scaled(self, -1.0);
+    });
+}
+
+PyObject *mlinexpr_pos(PyObject *self, PyObject *const *, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        unary("__pos__", nargs, kwnames);
+        return copy_of(self);
+    });
+}
+
+} // namespace
+
+Ref scaled(PyObject *self, double factor) {
+    need_finite(factor, multiplier);
+    if (takes_compact_path(self))
+        if (Ref compact = scaled_compact(self, factor))
+            return compact;
+    return multiply_full(self, number_array(factor));
+}
+
+Ref multiply(PyObject *self, PyObject *other) {
+    switch (kind_of(other)) {
+    case Operand::Array:
+        return multiply_array(self, other);
+    case Operand::Sparse:
+        return multiply_array(self, to_dense(other).get());
+    case Operand::Scalar:
+        return scaled(self, number(other));
+    case Operand::MVar:
+    case Operand::Var:
+    case Operand::MLinExpr:
+    case Operand::LinExpr:
+        quadratic_later();
+    case Operand::Other:
+        return not_implemented();
+    default:
+        nonlinear_later();
+    }
+}
+
+std::span<Member> multiplication_members() {
+    static Member members[] = {
+        method("__mul__", mlinexpr_mul, "__mul__($self, other)\n--\n\nElement-wise product, by NumPy's broadcasting."),
+        method("__rmul__", mlinexpr_rmul, "__rmul__($self, other)\n--\n\nAs __mul__."),
+        method("__imul__", mlinexpr_imul,
+               "__imul__($self, other)\n--\n\nMultiply by numbers in place; the shape stays. On failure nothing has "
+               "changed."),
+        method("__truediv__", mlinexpr_truediv,
+               "__truediv__($self, other)\n--\n\nself * (1.0 / other) for numbers and arrays."),
+        method("__itruediv__", mlinexpr_itruediv, "__itruediv__($self, other)\n--\n\nself *= 1.0 / other"),
+        method("__rtruediv__", mlinexpr_rtruediv,
+               "__rtruediv__($self, other)\n--\n\nDivision by an expression is nonlinear."),
+        method("__pow__", mlinexpr_pow,
+               "__pow__($self, other)\n--\n\nPower; the exponents 0 and 1 stay linear, 2 is quadratic."),
+        method("__rpow__", mlinexpr_rpow, "__rpow__($self, other)\n--\n\nNonlinear."),
+        method("__neg__", mlinexpr_neg, "__neg__($self)\n--\n\n-1.0 * self"),
+        method("__pos__", mlinexpr_pos, "__pos__($self)\n--\n\nA copy."),
+        method("__le__", mlinexpr_le, "__le__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
+        method("__ge__", mlinexpr_ge, "__ge__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
+        method("__eq__", mlinexpr_eq, "__eq__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
+        method("__ne__", mlinexpr_ne, "__ne__($self, rhs)\n--\n\nNot a constraint: raises TarvoError."),
+    };
+    return members;
+}
+
+} // namespace tarvopy
