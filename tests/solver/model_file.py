@@ -1,7 +1,7 @@
-"""What the file tests share: a model as plain values that compare whole, and MPS text that differs from a sound file in one place.
+"""What the file tests share: a model as plain values that compare whole, and MPS text with one section exchanged.
 
-    snapshot(store)          {"vars": [...], "lb": [...], "matrix": {(row, column): value}, ...}, exact to the bit
-    read_text(text)          the Store read from a file with this text
+snapshot(store)          {"vars": [...], "lb": [...], "matrix": {(row, column): value}, ...}, exact to the bit
+read_text(text)          the Store read from a file with this text
 """
 
 import os
@@ -9,9 +9,14 @@ import tempfile
 from pathlib import Path
 
 import numpy as np
-from store import CONSTR, VAR, Store
+
+from solver.store import CONSTR, VAR, Store
 
 SYNTAX, FILE, UNSUPPORTED = 9, 8, 10
+
+HEAD = "NAME t\n"
+ROWS = " N obj\n L c\n"
+COLUMNS = " x obj 1 c 2\n y c 3\n"
 
 SAME = ("vars", "rows", "lb", "ub", "obj", "vtype", "lower", "upper", "constant", "sense", "matrix")
 
@@ -32,6 +37,18 @@ def snapshot(store: Store) -> dict:
         "sense": data["sense"],
         "matrix": {(int(i), int(j)): float(v) for i, j, v in zip(index, columns, value, strict=True)},
     }
+
+
+def mps(head=HEAD, rows=ROWS, columns=COLUMNS, rhs=" r c 4\n", ranges="", bounds="", end="ENDATA\n"):
+    """A small model with one section exchanged; the exchanged section starts at a line that is easy to count."""
+    optional = [f"{title}\n{lines}" for title, lines in (("RANGES", ranges), ("BOUNDS", bounds)) if lines]
+    return "".join([head, "ROWS\n", rows, "COLUMNS\n", columns, "RHS\n", rhs, *optional, end])
+
+
+def floats(model):
+    """The doubles of a snapshot as numbers, and B as I: the form in which the oracle gives them."""
+    lists = {key: [float(v) + 0.0 for v in model[key]] for key in ("lb", "ub", "obj", "lower", "upper")}
+    return {**model, **lists, "constant": float(model["constant"]) + 0.0, "vtype": model["vtype"].replace("B", "I")}
 
 
 def names(store: Store, kind: int, count: int) -> list[str]:

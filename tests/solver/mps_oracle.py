@@ -1,7 +1,7 @@
 """HiGHS' own file reader, through its C interface, as the second opinion of the file tests.
 
-    oracle = read("afiro.mps")          None when HiGHS refuses the file
-    oracle["lb"], oracle["matrix"]      the keys of store.snapshot, so that two dictionaries can be compared entry by entry
+oracle = read("afiro.mps")          None when HiGHS refuses the file
+oracle["lb"], oracle["matrix"]      the keys of store.snapshot, so that two dictionaries can be compared entry by entry
 """
 
 import ctypes
@@ -28,7 +28,9 @@ def read(path: object) -> dict | None:
     handle = ctypes.c_void_p(highs.Highs_create())
     try:
         highs.Highs_setBoolOptionValue(handle, b"output_flag", 0)
-        highs.Highs_setDoubleOptionValue(handle, b"small_matrix_value", ctypes.c_double(1e-12))  # it drops what is smaller
+        highs.Highs_setDoubleOptionValue(
+            handle, b"small_matrix_value", ctypes.c_double(1e-12)
+        )  # it drops what is smaller
         if highs.Highs_readModel(handle, str(path).encode()) == ERROR:
             return None
         return _data(highs, handle)
