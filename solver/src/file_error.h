@@ -35,6 +35,11 @@ template <typename... Pieces> std::string joined(const Pieces &...pieces) {
 // The text in quotes as an error message can carry it: control bytes and broken UTF-8 escaped, long texts cut.
 std::string shown(std::string_view text);
 
+// A path in quotes, whole.
+inline std::string in_quotes(std::string_view path) {
+    return joined("'", path, "'");
+}
+
 // "path, line 7: what"
 std::string placed(std::string_view path, std::int64_t line, std::string_view what);
 

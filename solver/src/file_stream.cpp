@@ -43,7 +43,7 @@ LineReader::LineReader(std::string path) : path_(std::move(path)), file_(nullptr
     file_ = gzopen(path_.c_str(), "rb");
     if (file_ == nullptr) {
         const int error = errno != 0 ? errno : ENOMEM;
-        throw FileError{TRV_ERROR_FILE, joined("cannot open ", shown(path_), ": ", reason(error))};
+        throw FileError{TRV_ERROR_FILE, joined("cannot open ", in_quotes(path_), ": ", reason(error))};
     }
     gzbuffer(file_, kPiece / 4);
 }
@@ -75,7 +75,7 @@ bool LineReader::refill() {
     const int system_error = errno;
     const char *message = gzerror(file_, &status);
     if (got < 0 || (status != Z_OK && status != Z_STREAM_END)) {
-        throw FileError{TRV_ERROR_FILE, joined("cannot read ", shown(path_), ": ",
+        throw FileError{TRV_ERROR_FILE, joined("cannot read ", in_quotes(path_), ": ",
                                                status == Z_ERRNO ? reason(system_error) : without(path_, message))};
     }
     at_end_ = got < wanted;
@@ -171,7 +171,7 @@ FileWriter::~FileWriter() {
 }
 
 void FileWriter::refuse(int error) const {
-    throw FileError{TRV_ERROR_FILE, joined("cannot write ", shown(path_), ": ", reason(error))};
+    throw FileError{TRV_ERROR_FILE, joined("cannot write ", in_quotes(path_), ": ", reason(error))};
 }
 
 void FileWriter::put_slowly(std::string_view text) {

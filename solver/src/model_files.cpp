@@ -17,7 +17,7 @@ bool is_mps(std::string_view path) {
 
 void want_mps(const char *path) {
     if (!is_mps(path)) {
-        throw FileError{TRV_ERROR_UNSUPPORTED, joined("the ending of ", shown(path), " is none of .mps, .mps.gz")};
+        throw FileError{TRV_ERROR_UNSUPPORTED, joined("the ending of ", in_quotes(path), " is none of .mps, .mps.gz")};
     }
 }
 

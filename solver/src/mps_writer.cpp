@@ -246,11 +246,7 @@ class MpsWriter {
         for (std::int32_t j = 0; j < data_.nvars; ++j) {
             switch (data_.vtype[j]) {
             case 'B':
-                put_lower(j);
-                if (data_.ub[j] != 1) {
-                    bound("UP", j, data_.ub[j]);
-                }
-                bound("BV", j); // last: a reader that knows no order keeps the sides that came first
+                put_binary(j);
                 break;
             case 'S':
                 put_lower(j);
@@ -271,6 +267,15 @@ class MpsWriter {
         } else if (!is_default(data_.lb[j])) {
             bound("LO", j, data_.lb[j]);
         }
+    }
+
+    // BV comes last and both other sides before it: readers that know no order keep the sides that came first.
+    void put_binary(std::int32_t j) {
+        if (!is_default(data_.lb[j]) || data_.ub[j] != 1) {
+            put_lower(j);
+            bound("UP", j, data_.ub[j]);
+        }
+        bound("BV", j);
     }
 
     void put_both(std::int32_t j) {

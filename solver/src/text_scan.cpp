@@ -123,8 +123,9 @@ bool scan_extended(std::string_view text, long double &value) {
         return false;
     }
     value = nearest;
-    const auto digits =
-        std::count_if(text.begin(), text.begin() + std::min(text.find_first_of("eEdD"), text.size()), is_digit);
+    const std::string_view mantissa = text.substr(0, text.find_first_of("eEdD"));
+    const auto first = std::find_if(mantissa.begin(), mantissa.end(), [](char c) { return c >= '1' && c <= '9'; });
+    const auto digits = std::count_if(first, mantissa.end(), is_digit);
     return digits <= std::numeric_limits<double>::max_digits10 || scan_signed(text, value);
 }
 

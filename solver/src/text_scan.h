@@ -23,8 +23,8 @@ bool equal_ignoring_case(std::string_view a, std::string_view b);
 // Fortran's D is taken as an exponent letter. What is too large is infinite, what is too small is zero.
 bool scan_number(std::string_view text, double &value);
 
-// The same with all the digits that a long double holds, if the text has more digits than a double needs; else exactly
-// the double. See range_text in mps_rows.h for who needs them.
+// The same with all the digits that a long double holds, if the text has more significant digits than a double needs;
+// else exactly the double. See mps_sides.h for who needs them.
 bool scan_extended(std::string_view text, long double &value);
 
 constexpr int kNumberSize = 40;
