@@ -145,6 +145,7 @@ std::span<pysupport::Member> matmul_members();         // mlinexpr_matmul.cpp
 std::span<pysupport::Member> addition_members();       // mlinexpr_add.cpp
 std::span<pysupport::Member> multiplication_members(); // mlinexpr_mul.cpp
 std::span<pysupport::Member> product_members();        // mlinexpr_product.cpp
+std::span<pysupport::Member> worker_members();         // mlinexpr_workers.cpp
 std::span<pysupport::Member> state_members();          // attributes, conversions, copies
 std::span<pysupport::Member> value_members();          // sum, values, clear, tidying
 std::span<pysupport::Member> assign_members();         // __setitem__

@@ -286,7 +286,14 @@ bool is_nonlinear_operand(Operand kind) {
     return kind == Operand::MNLExpr || kind == Operand::NLExpr;
 }
 
-// self += factor * other; false where the operand is none of ours.
+Ref add_by_copy(PyObject *self, PyObject *other, double factor) {
+    Ref sum = copy_of(self);
+    iadd(sum.get(), other, factor);
+    return sum;
+}
+
+} // namespace
+
 bool iadd(PyObject *self, PyObject *other, double factor) {
     Operand kind = kind_of(other);
     if (!is_linear_operand(kind))
@@ -299,14 +306,6 @@ bool iadd(PyObject *self, PyObject *other, double factor) {
     iadd_full(self, other, kind, factor);
     return true;
 }
-
-Ref add_by_copy(PyObject *self, PyObject *other, double factor) {
-    Ref sum = copy_of(self);
-    iadd(sum.get(), other, factor);
-    return sum;
-}
-
-} // namespace
 
 Ref add(PyObject *self, PyObject *other, double factor) {
     Operand kind = kind_of(other);

@@ -249,6 +249,8 @@ flat::Shape product_shape(PyObject *given, PyObject *mvar, Side side) {
             throw; // an interrupt is no failure of the shapes
         Ref raised = Ref::steal(PyErr_GetRaisedException());
         cannot_construct(raised.get());
+    } catch (const std::invalid_argument &error) {
+        fail(PyExc_ValueError, "Cannot construct MLinExpr from %s", error.what());
     }
 }
 
@@ -329,18 +331,6 @@ Ref first_pair(PyObject *self) {
     join_parts(self);
     Ref list = check(PyObject_GetAttr(self, names._matmulparts));
     return check(PySequence_GetItem(list.get(), 0));
-}
-
-// A plain assertion, as a Python function would make it.
-void assert_that(bool holds) {
-    if (holds)
-        return;
-    PyObject *flags = PySys_GetObject("flags"); // borrowed
-    Ref optimize = flags ? check(PyObject_GetAttrString(flags, "optimize")) : Ref();
-    if (optimize && check_status(PyObject_IsTrue(optimize.get())))
-        return;
-    PyErr_SetNone(PyExc_AssertionError);
-    throw PythonError{};
 }
 
 Part checked_part(PyObject *self, PyObject *given, PyObject *mvar) {

@@ -174,24 +174,6 @@ Ref number_array(double value) {
     return float_array({}, &value);
 }
 
-// self *= other; NotImplemented where the operand is no number.
-Ref imul(PyObject *self, PyObject *other) {
-    switch (kind_of(other)) {
-    case Operand::Array:
-        imul_array(self, other);
-        break;
-    case Operand::Sparse:
-        imul_array(self, to_dense(other).get());
-        break;
-    case Operand::Scalar:
-        imul_array(self, number_array(number(other)).get());
-        break;
-    default:
-        return Ref::borrow(Py_NotImplemented);
-    }
-    return Ref::borrow(self);
-}
-
 // ---- division and powers
 // ---------------------------------------------------------------------------------------------
 
@@ -341,6 +323,23 @@ PyObject *mlinexpr_pos(PyObject *self, PyObject *const *, Py_ssize_t nargs, PyOb
 }
 
 } // namespace
+
+Ref imul(PyObject *self, PyObject *other) {
+    switch (kind_of(other)) {
+    case Operand::Array:
+        imul_array(self, other);
+        break;
+    case Operand::Sparse:
+        imul_array(self, to_dense(other).get());
+        break;
+    case Operand::Scalar:
+        imul_array(self, number_array(number(other)).get());
+        break;
+    default:
+        return Ref::borrow(Py_NotImplemented);
+    }
+    return Ref::borrow(self);
+}
 
 Ref scaled(PyObject *self, double factor) {
     need_finite(factor, multiplier);

@@ -171,6 +171,17 @@ void need_fit(const flat::Shape &receiver, const flat::Shape &operand) {
              shape_tuple(receiver).get(), shape_tuple(shape).get());
 }
 
+void assert_that(bool holds) {
+    if (holds)
+        return;
+    PyObject *flags = PySys_GetObject("flags"); // borrowed
+    Ref optimize = flags ? check(PyObject_GetAttrString(flags, "optimize")) : Ref();
+    if (optimize && check_status(PyObject_IsTrue(optimize.get())))
+        return;
+    PyErr_SetNone(PyExc_AssertionError);
+    throw PythonError{};
+}
+
 void quadratic_later() {
     fail(PyExc_NotImplementedError,
          "products of variables and expressions (quadratic expressions) are not supported yet");

@@ -44,6 +44,9 @@ void need_finite(const flat::Form &form);
 // In-place operators: the operand may not enlarge the receiver.
 void need_fit(const flat::Shape &receiver, const flat::Shape &operand);
 
+// A plain assertion, as a Python function would make it: AssertionError without a text, unless Python runs with -O.
+void assert_that(bool holds);
+
 [[noreturn]] void quadratic_later();
 [[noreturn]] void nonlinear_later();
 

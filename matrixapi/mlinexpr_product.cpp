@@ -214,6 +214,13 @@ PyObject *mlinexpr_product(PyObject *self, PyObject *const *args, Py_ssize_t nar
 
 } // namespace
 
+Ref matrix_product(PyObject *self, PyObject *matrix) {
+    return product(self, matrix, Side::Right);
+}
+Ref reflected_matrix_product(PyObject *self, PyObject *matrix) {
+    return product(self, matrix, Side::Left);
+}
+
 std::span<Member> product_members() {
     static Member members[] = {
         method("__matmul__", mlinexpr_product<Side::Right>,

@@ -4,6 +4,7 @@
 #include "mlinexpr.h"
 #include "names.h"
 #include "pysupport/numbers.h"
+#include "pysupport/shapes.h"
 
 #include <string_view>
 
@@ -135,22 +136,12 @@ flat::Shape shape_of_tuple(PyObject *tuple) {
     return shape;
 }
 
-namespace {
-
-// Calls one of _util's shape functions, whose errors name both shapes.
-flat::Shape shape_by(PyObject *function, const flat::Shape &a, const flat::Shape &b, PyObject *more = nullptr) {
-    Ref left = shape_tuple(a), right = shape_tuple(b);
-    return shape_of_tuple(check(PyObject_CallFunctionObjArgs(function, left.get(), right.get(), more, nullptr)).get());
-}
-
-} // namespace
-
 flat::Shape broadcast_shapes(const flat::Shape &a, const flat::Shape &b) {
-    return a == b ? a : shape_by(mod.broadcast_shapes, a, b);
+    return a == b ? a : shapes::broadcast(a, b);
 }
 
 flat::Shape matmul_shape(const flat::Shape &a, const flat::Shape &b) {
-    return shape_by(mod.matmul_shape, a, b, Py_True);
+    return shapes::matmul(a, b);
 }
 
 flat::Shape leading(const flat::Shape &shape) {
