@@ -259,7 +259,7 @@ def test_any_model_survives(tmp_path, store):
 
 
 def test_any_sides_survive(tmp_path):
-    """Sides of like size and unlike sign are where a range in double fails: here 8 in a hundred."""
+    """A range in double fails for 8 in a hundred of these pairs, those of like size and unlike sign above all."""
     rng = np.random.default_rng(3)
     scale = 10.0 ** (rng.integers(-12, 12, (20_000, 1)) + rng.integers(-2, 2, (20_000, 2)))
     pairs = np.sort(rng.normal(size=(20_000, 2)) * scale, axis=1)
