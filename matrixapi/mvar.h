@@ -19,9 +19,12 @@ struct VarIds {
 extern PyTypeObject *mvar_class; // the class MVar, borrowed from the module
 Ref build_mvar_class();
 
-inline bool is_mvar(PyObject *object) { return PyObject_TypeCheck(object, mvar_class); }
+inline bool is_mvar(PyObject *object) {
+    return PyObject_TypeCheck(object, mvar_class);
+}
 
-// The ids of an MVar (or of a child of it) in any state. False where elements are no Var or belong to several models; throws only what reading
+// The ids of an MVar (or of a child of it) in any state. False where elements are no Var or belong to several models;
+// throws only what reading
 // `_vararr` raises (someone deleted it).
 bool mvar_ids(PyObject *mvar, VarIds &out);
 flat::Shape mvar_shape(PyObject *mvar);

@@ -1,4 +1,5 @@
-// Interned attribute names and imported collaborators: filled once when the module is executed, kept for the life of the process.
+// Interned attribute names and imported collaborators: filled once when the module is executed, kept for the life of
+// the process.
 //
 //   PyObject_GetAttr(x, names._vararr)        an interned name costs a quarter of a C string at each lookup
 //   mod.core->linexpr_new(0.0)                collaborators
@@ -15,62 +16,62 @@ namespace tarvopy {
 using pysupport::Ref;
 
 // A name that a file looks up belongs here; spelled as in Python.
-#define TARVOPY_NAMES(X)                                                                                                     \
-    X(_vararr)                                                                                                               \
-    X(_constrarr)                                                                                                            \
-    X(_qconstrarr)                                                                                                           \
-    X(_cmodel)                                                                                                               \
-    X(_learr)                                                                                                                \
-    X(_matmulparts)                                                                                                          \
-    X(_const)                                                                                                                \
-    X(_keep_compact)                                                                                                         \
-    X(_attrtype)                                                                                                             \
-    X(_colno)                                                                                                                \
-    X(_rowno)                                                                                                                \
-    X(_qconstrno)                                                                                                            \
-    X(_genconstrno)                                                                                                          \
-    X(_nlconstrno)                                                                                                           \
-    X(_typeenum)                                                                                                             \
-    X(_typename)                                                                                                             \
-    X(_idxarr)                                                                                                               \
-    X(_from_mvar)                                                                                                            \
-    X(_from_mvar_times_mvar)                                                                                                 \
-    X(_from_matmul_left)                                                                                                     \
-    X(_from_matmul_right)                                                                                                    \
-    X(getAttr)                                                                                                               \
-    X(setAttr)                                                                                                               \
-    X(shape)                                                                                                                 \
-    X(ndim)                                                                                                                  \
-    X(size)                                                                                                                  \
-    X(dtype)                                                                                                                 \
-    X(flat)                                                                                                                  \
-    X(order)                                                                                                                 \
-    X(copy)                                                                                                                  \
-    X(item)                                                                                                                  \
-    X(tolist)                                                                                                                \
-    X(reshape)                                                                                                               \
-    X(transpose)                                                                                                             \
-    X(diagonal)                                                                                                              \
-    X(squeeze)                                                                                                               \
-    X(toarray)                                                                                                               \
-    X(array)                                                                                                                 \
-    X(concatenate)                                                                                                           \
-    X(hstack)                                                                                                                \
-    X(vstack)                                                                                                                \
-    X(axis)                                                                                                                  \
-    X(format)                                                                                                                \
-    X(tocsr)                                                                                                                 \
-    X(indptr)                                                                                                                \
-    X(indices)                                                                                                               \
-    X(data)                                                                                                                  \
-    X(T)                                                                                                                     \
-    X(_normalize)                                                                                                            \
-    X(issparse)                                                                                                              \
-    X(csr_matrix)                                                                                                            \
-    X(partial)                                                                                                               \
-    X(printoptions)                                                                                                          \
-    X(vectorize)                                                                                                             \
-    X(__name__)                                                                                                              \
+#define TARVOPY_NAMES(X)                                                                                               \
+    X(_vararr)                                                                                                         \
+    X(_constrarr)                                                                                                      \
+    X(_qconstrarr)                                                                                                     \
+    X(_cmodel)                                                                                                         \
+    X(_learr)                                                                                                          \
+    X(_matmulparts)                                                                                                    \
+    X(_const)                                                                                                          \
+    X(_keep_compact)                                                                                                   \
+    X(_attrtype)                                                                                                       \
+    X(_colno)                                                                                                          \
+    X(_rowno)                                                                                                          \
+    X(_qconstrno)                                                                                                      \
+    X(_genconstrno)                                                                                                    \
+    X(_nlconstrno)                                                                                                     \
+    X(_typeenum)                                                                                                       \
+    X(_typename)                                                                                                       \
+    X(_idxarr)                                                                                                         \
+    X(_from_mvar)                                                                                                      \
+    X(_from_mvar_times_mvar)                                                                                           \
+    X(_from_matmul_left)                                                                                               \
+    X(_from_matmul_right)                                                                                              \
+    X(getAttr)                                                                                                         \
+    X(setAttr)                                                                                                         \
+    X(shape)                                                                                                           \
+    X(ndim)                                                                                                            \
+    X(size)                                                                                                            \
+    X(dtype)                                                                                                           \
+    X(flat)                                                                                                            \
+    X(order)                                                                                                           \
+    X(copy)                                                                                                            \
+    X(item)                                                                                                            \
+    X(tolist)                                                                                                          \
+    X(reshape)                                                                                                         \
+    X(transpose)                                                                                                       \
+    X(diagonal)                                                                                                        \
+    X(squeeze)                                                                                                         \
+    X(toarray)                                                                                                         \
+    X(array)                                                                                                           \
+    X(concatenate)                                                                                                     \
+    X(hstack)                                                                                                          \
+    X(vstack)                                                                                                          \
+    X(axis)                                                                                                            \
+    X(format)                                                                                                          \
+    X(tocsr)                                                                                                           \
+    X(indptr)                                                                                                          \
+    X(indices)                                                                                                         \
+    X(data)                                                                                                            \
+    X(T)                                                                                                               \
+    X(_normalize)                                                                                                      \
+    X(issparse)                                                                                                        \
+    X(csr_matrix)                                                                                                      \
+    X(partial)                                                                                                         \
+    X(printoptions)                                                                                                    \
+    X(vectorize)                                                                                                       \
+    X(__name__)                                                                                                        \
     X(__dict__)
 
 struct Names {
@@ -106,6 +107,9 @@ PyObject *numpy_module();
 PyObject *scipy_sparse();
 // An attribute of the module numpy.
 Ref numpy_function(PyObject *name);
+
+// Whether `assert` statements would run (python without -O).
+bool assertions_enabled();
 
 // TarvoError(code, message).
 [[noreturn]] void fail_tarvo(int code, const char *message);

@@ -1,0 +1,106 @@
+// The native base type of the matrix classes: memory, dictionary and native form. It has no methods.
+#include "matrixapi/base.h"
+
+#include <cstddef>
+
+#include <structmember.h>
+
+namespace tarvopy {
+
+using namespace pysupport;
+
+PyTypeObject *matrix_base = nullptr;
+bool eager = false;
+
+namespace {
+
+int traverse(PyObject *self, visitproc visit, void *arg) {
+    Py_VISIT(Py_TYPE(self));
+    Py_VISIT(matrix(self)->dict);
+    return matrix(self)->native ? matrix(self)->native->traverse(visit, arg) : 0;
+}
+
+int clear(PyObject *self) {
+    Py_CLEAR(matrix(self)->dict);
+    drop_native(self);
+    return 0;
+}
+
+void deallocate(PyObject *self) {
+    PyTypeObject *type = Py_TYPE(self);
+    PyObject_GC_UnTrack(self);
+    if (matrix(self)->weakrefs)
+        PyObject_ClearWeakRefs(self);
+    clear(self);
+    type->tp_free(self);
+    Py_DECREF(type); // a heap type's instances hold their type
+}
+
+PyMemberDef members[] = {
+    {"__dictoffset__", Py_T_PYSSIZET, offsetof(MatrixObject, dict), Py_READONLY, nullptr},
+    {"__weaklistoffset__", Py_T_PYSSIZET, offsetof(MatrixObject, weakrefs), Py_READONLY, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+PyType_Slot slots[] = {
+    {Py_tp_traverse, reinterpret_cast<void *>(traverse)},
+    {Py_tp_clear, reinterpret_cast<void *>(clear)},
+    {Py_tp_dealloc, reinterpret_cast<void *>(deallocate)},
+    {Py_tp_members, members},
+    {0, nullptr},
+};
+
+PyType_Spec spec = {
+    "tarvopy._matrixapi._MatrixObject",
+    sizeof(MatrixObject),
+    0,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
+    slots,
+};
+
+} // namespace
+
+void make_matrix_base(PyObject *module) {
+    matrix_base = reinterpret_cast<PyTypeObject *>(check(PyType_FromModuleAndSpec(module, &spec, nullptr)).release());
+}
+
+Ref new_instance(PyObject *cls, std::unique_ptr<Native> native) {
+    auto *type = reinterpret_cast<PyTypeObject *>(cls);
+    if (!PyType_Check(cls) || !PyType_IsSubtype(type, matrix_base))
+        fail(PyExc_TypeError, "%R is no matrix class", cls);
+    Ref object = check(type->tp_alloc(type, 0));
+    matrix(object.get())->native = native.release();
+    return object;
+}
+
+Native *native_of(PyObject *object, Native::Kind kind) {
+    Native *native = is_matrix(object) ? matrix(object)->native : nullptr;
+    return native && native->kind == kind ? native : nullptr;
+}
+
+void drop_native(PyObject *object) {
+    delete std::exchange(matrix(object)->native, nullptr);
+}
+
+PyObject *instance_dict(PyObject *object) {
+    PyObject *&dict = matrix(object)->dict;
+    if (!dict)
+        dict = check(PyDict_New()).release();
+    return dict;
+}
+
+PyObject *stored(PyObject *object, PyObject *name) {
+    PyObject *dict = is_matrix(object) ? matrix(object)->dict : nullptr;
+    if (!dict)
+        return nullptr;
+    PyObject *value = PyDict_GetItemWithError(dict, name);
+    if (!value && PyErr_Occurred())
+        throw PythonError{};
+    return value;
+}
+
+void store(PyObject *object, PyObject *name, PyObject *value) {
+    check_status(PyDict_SetItem(instance_dict(object), name, value));
+}
+
+} // namespace tarvopy

@@ -1,0 +1,254 @@
+// concatenate, hstack and vstack: one result class for the whole sequence, NumPy's routine of the same name for the
+// joining.
+//
+//   vstack([x, y])                  MVar: ids are joined, no Var is made
+//   hstack([x, numpy.ones(3)])      MLinExpr: a copy, which shares no element with x
+#include "matrixapi/mfunctions.h"
+
+#include "matrixapi/handle.h"
+#include "matrixapi/mlinexpr.h"
+#include "matrixapi/mvar.h"
+#include "matrixapi/operands.h"
+
+#include "pysupport/args.h"
+
+#include <numeric>
+
+namespace tarvopy {
+
+using namespace pysupport;
+
+namespace {
+
+using Members = std::span<PyObject *const>;
+
+Ref call_routine(PyObject *routine, const Ref &arrays) {
+    return check(PyObject_CallOneArg(routine, arrays.get()));
+}
+
+template <class Convert> Ref list_of(Members members, Convert convert) {
+    Ref list = check(PyList_New(0));
+    for (PyObject *member : members)
+        check_status(PyList_Append(list.get(), convert(member).get()));
+    return list;
+}
+
+bool all_of_class(Members members, PyObject *cls) {
+    return std::all_of(members.begin(), members.end(), [&](PyObject *member) {
+        return PyObject_TypeCheck(member, reinterpret_cast<PyTypeObject *>(cls));
+    });
+}
+
+// ---- handles
+// -----------------------------------------------------------------------------------------------------------
+
+// True where all members are ids of one model, whose handle is then in `joined`.
+bool share_a_model(Members members, const HandleClass &of, Elements &joined) {
+    joined.flat = true;
+    for (PyObject *member : members) {
+        IdsNative *native = ids_of(member, of);
+        if (!native || (native->model && joined.model && !native->model.is(joined.model.get())))
+            return false;
+        if (native->model)
+            joined.model = native->model;
+    }
+    return !members.empty();
+}
+
+Ref join_handles(PyObject *routine, Members members, const HandleClass &of) {
+    Elements joined;
+    if (!share_a_model(members, of, joined)) {
+        Ref arrays = list_of(members, [&](PyObject *member) { return object_array(member, of); });
+        return wrap_objects(of, call_routine(routine, arrays).get());
+    }
+    Ref arrays = list_of(members, [&](PyObject *member) { return elements_of(member, of).array; });
+    return handle_from_copy(joined, of, call_routine(routine, arrays));
+}
+
+// ---- linear expressions
+// --------------------------------------------------------------------------------------------------
+
+bool is_linear_member(PyObject *member) {
+    return is_array(member) || is_mvar(member) || is_mlinexpr(member);
+}
+
+// A fresh full expression with the member's value.
+Ref full_copy(PyObject *member) {
+    if (is_mvar(member))
+        return from_mvar(mod.MLinExpr, member, true);
+    if (is_mlinexpr(member))
+        return is_compact(member) ? to_full(member) : copy_full(member);
+    if (!is_array(member)) {
+        PyErr_SetNone(PyExc_AssertionError);
+        throw PythonError{};
+    }
+    flat::Form zero;
+    zero.shape = shape_of_array(member);
+    zero.size = flat::size_of(zero.shape);
+    Ref full = make_flat(mod.MLinExpr, std::move(zero), Ref());
+    return check(PyNumber_InPlaceAdd(full.get(), member));
+}
+
+// A fresh object array of LinExpr.
+Ref copied_linexprs(PyObject *member) {
+    return learr(full_copy(member).get());
+}
+
+// All members as flat forms over one model; false where one has none.
+bool flat_members(const std::vector<Ref> &copies, std::vector<flat::Form> &forms, Ref &model) {
+    for (const Ref &copy : copies) {
+        flat::Form form;
+        Ref owner;
+        if (!flat_value(copy.get(), form, owner) || !merge_models(model, owner))
+            return false;
+        forms.push_back(std::move(form));
+    }
+    return !forms.empty();
+}
+
+// NumPy joins arrays of positions; the forms' rows are then picked by them.
+Ref join_forms(PyObject *routine, const std::vector<flat::Form> &forms, const Ref &model) {
+    need_numpy();
+    Ref arrays = check(PyList_New(0));
+    int64_t total = 0;
+    for (const flat::Form &form : forms) {
+        flat::Shape shape = form.shape;
+        Ref positions = check(PyArray_SimpleNew(static_cast<int>(shape.size()), shape.data(), NPY_INT64));
+        auto *at = static_cast<int64_t *>(PyArray_DATA(as_array(positions)));
+        std::iota(at, at + form.size, total);
+        total += form.size;
+        check_status(PyList_Append(arrays.get(), positions.get()));
+    }
+    Ref joined = call_routine(routine, arrays);
+    joined = check(PyArray_FromAny(joined.get(), PyArray_DescrFromType(NPY_INT64), 0, 0, NPY_ARRAY_CARRAY_RO, nullptr));
+    flat::Shape shape = shape_of_array(joined.get());
+    flat::Form all = flat::concatenated(forms, {total});
+    return make_flat(mod.MLinExpr,
+                     flat::gathered(all, static_cast<const int64_t *>(PyArray_DATA(as_array(joined))), shape), model);
+}
+
+Ref join_linear(PyObject *routine, Members members) {
+    std::vector<Ref> copies;
+    for (PyObject *member : members)
+        copies.push_back(full_copy(member));
+    std::vector<flat::Form> forms;
+    Ref model;
+    if (flat_members(copies, forms, model))
+        return join_forms(routine, forms, model);
+    Ref arrays = check(PyList_New(0));
+    for (const Ref &copy : copies)
+        check_status(PyList_Append(arrays.get(), learr(copy.get()).get()));
+    return make_objects(mod.MLinExpr, call_routine(routine, arrays));
+}
+
+// ---- the rule
+// ------------------------------------------------------------------------------------------------------------
+
+bool all_up_to(Members members, std::initializer_list<PyObject *> classes) {
+    return std::all_of(members.begin(), members.end(), [&](PyObject *member) {
+        return is_linear_member(member) || std::any_of(classes.begin(), classes.end(), [&](PyObject *cls) {
+                   return PyObject_TypeCheck(member, reinterpret_cast<PyTypeObject *>(cls));
+               });
+    });
+}
+
+// The first class that can hold every member decides.
+Ref join(PyObject *routine, Members members) {
+    for (const HandleClass *of : {&mvar_handle, &mconstr_handle, &mqconstr_handle, &mgenconstr_handle})
+        if (all_of_class(members, of->class_object()))
+            return join_handles(routine, members, *of);
+    if (all_up_to(members, {}))
+        return join_linear(routine, members);
+    if (all_up_to(members, {mod.MQuadExpr}))
+        fail(PyExc_NotImplementedError, "joining quadratic matrix expressions is not supported yet");
+    if (all_up_to(members, {mod.MQuadExpr, mod.MNLExpr}))
+        fail(PyExc_NotImplementedError, "joining nonlinear matrix expressions is not supported yet");
+    fail(PyExc_ValueError, "Invalid types for array manipulation routine");
+}
+
+Ref apply_routine(PyObject *routine, PyObject *sequence) {
+    need_numpy();
+    Ref tuple = check(PySequence_Tuple(sequence)); // nobody else holds it while Python code runs
+    return join(routine,
+                Members(tuple.as<PyTupleObject>()->ob_item, static_cast<size_t>(PyTuple_GET_SIZE(tuple.get()))));
+}
+
+PyObject *apply_manipulation(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"_apply_array_manipulation_routine", {"routine", "tup"}, 2};
+        Arguments given(signature, 0, args, nargs, kwnames);
+        return apply_routine(given[0], given[1]);
+    });
+}
+
+PyObject *vstack(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"vstack", {"tup"}, 1};
+        Arguments given(signature, 0, args, nargs, kwnames);
+        return apply_routine(numpy_function(names.vstack).get(), given[0]);
+    });
+}
+
+PyObject *hstack(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"hstack", {"tup"}, 1};
+        Arguments given(signature, 0, args, nargs, kwnames);
+        return apply_routine(numpy_function(names.hstack).get(), given[0]);
+    });
+}
+
+PyObject *concatenate(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"concatenate", {"tup", "axis"}, 1};
+        Arguments given(signature, 0, args, nargs, kwnames);
+        Ref functools = check(PyImport_ImportModule("functools"));
+        Ref partial = check(PyObject_GetAttr(functools.get(), names.partial));
+        Ref zero = check(PyLong_FromLong(0));
+        Ref function = numpy_function(names.concatenate);
+        PyObject *arguments[] = {function.get(), given.get(1, zero.get())};
+        Ref keywords = check(PyTuple_Pack(1, names.axis));
+        Ref routine = check(PyObject_Vectorcall(partial.get(), arguments, 1, keywords.get()));
+        return apply_routine(routine.get(), given[0]);
+    });
+}
+
+PyObject *copy_learr(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"_copy_learr", {"x"}, 1};
+        Arguments given(signature, 0, args, nargs, kwnames);
+        return copied_linexprs(given[0]);
+    });
+}
+
+PyObject *copy_learr_qearr(PyObject *, PyObject *const *, Py_ssize_t, PyObject *) {
+    PyErr_SetString(PyExc_NotImplementedError, "quadratic matrix expressions are not supported yet");
+    return nullptr;
+}
+
+template <MethodFunction function> constexpr PyMethodDef entry(const char *name, const char *doc) {
+    return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)), METH_FASTCALL | METH_KEYWORDS,
+            doc};
+}
+
+PyMethodDef functions[] = {
+    entry<vstack>(
+        "vstack",
+        "vstack(tup)\n--\n\nJoins along the first axis, as numpy.vstack; ValueError for shapes that do not fit."),
+    entry<hstack>("hstack", "hstack(tup)\n--\n\nJoins along the second axis (vectors: the first), as numpy.hstack."),
+    entry<concatenate>("concatenate", "concatenate(tup, axis=0)\n--\n\nJoins along an axis, as numpy.concatenate."),
+    entry<apply_manipulation>(
+        "_apply_array_manipulation_routine",
+        "_apply_array_manipulation_routine(routine, tup)\n--\n\nJoins by any routine over a list of arrays."),
+    entry<copy_learr>("_copy_learr", "_copy_learr(x)\n--\n\nA fresh object array of LinExpr with the value of x."),
+    entry<copy_learr_qearr>("_copy_learr_qearr",
+                            "_copy_learr_qearr(x)\n--\n\nA pair of fresh object arrays, of LinExpr and of QuadExpr."),
+    {nullptr, nullptr, 0, nullptr},
+};
+
+} // namespace
+
+void add_join_functions(PyObject *module) {
+    check_status(PyModule_AddFunctions(module, functions));
+}
+
+} // namespace tarvopy
