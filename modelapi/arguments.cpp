@@ -207,8 +207,10 @@ namespace {
     fail(PyExc_TypeError, "%s must be a letter or an array of letters, not '%.200s'", what, Py_TYPE(object)->tp_name);
 }
 
+bool is_letter(Py_UCS4 character) { return character == 'C' || character == 'B' || character == 'I' || character == 'S'; }
+
 char one_letter(const char *what, PyObject *text) {
-    if (PyUnicode_GET_LENGTH(text) != 1 || PyUnicode_READ_CHAR(text, 0) >= 128)
+    if (PyUnicode_GET_LENGTH(text) != 1 || !is_letter(PyUnicode_READ_CHAR(text, 0)))
         fail(PyExc_ValueError, "%s must be one of 'C', 'B', 'I', 'S', not %R", what, text);
     return static_cast<char>(PyUnicode_READ_CHAR(text, 0));
 }
@@ -222,14 +224,14 @@ Ref text_array(PyObject *object) {
     return check(PyObject_CallMethod(array.get(), "astype", "s", "U"));
 }
 
-// Letter k of every element: 0 means the text ends before it.
+// One letter of every element; what follows it in a wider dtype is zero.
 template <class Character> void read_letters(const char *what, PyArrayObject *array, std::vector<char> &out) {
     npy_intp width = PyArray_ITEMSIZE(array) / npy_intp(sizeof(Character));
     auto *text = static_cast<const Character *>(PyArray_DATA(array));
     npy_intp count = PyArray_SIZE(array);
     out.resize(count);
     for (npy_intp i = 0; i < count; ++i, text += width) {
-        if (width == 0 || text[0] == 0 || text[0] >= 128 || (width > 1 && text[1] != 0)) {
+        if (width == 0 || !is_letter(text[0]) || (width > 1 && text[1] != 0)) {
             Ref bad = check(PyArray_GETITEM(array, PyArray_BYTES(array) + i * PyArray_ITEMSIZE(array)));
             fail(PyExc_ValueError, "%s must be one of 'C', 'B', 'I', 'S', not %R", what, bad.get());
         }

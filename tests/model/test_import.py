@@ -1,0 +1,41 @@
+"""Importing the package is cheap: names bring in their modules when they are used."""
+
+import subprocess
+import sys
+
+import tarvopy
+
+
+def run(code):
+    done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done.stderr
+    return done.stdout
+
+
+def test_import_and_scalar_models_load_neither_numpy_nor_scipy():
+    out = run(
+        "import sys, tarvopy\n"
+        "m = tarvopy.Model(); x = m.addVar(name='x'); m.addConstr(2 * x <= 1); m.setObjective(x)\n"
+        "m.update(); print(m.NumConstrs, m.getRow(m.getConstrs()[0]))\n"
+        "print([name for name in ('numpy', 'scipy') if name in sys.modules])"
+    )
+    assert out.splitlines() == ["1 2.0 x", "[]"]
+
+
+def test_import_takes_less_than_half_of_numpys():
+    out = run(
+        "import time\n"
+        "a = time.perf_counter(); import tarvopy; tarvopy.Model\n"
+        "b = time.perf_counter(); import numpy\n"
+        "c = time.perf_counter(); print((b - a) / (c - b))"
+    )
+    assert float(out) < 0.5
+
+
+def test_every_public_name_is_there():
+    for name in tarvopy.__all__:
+        if name != "engines":
+            assert getattr(tarvopy, name) is not None, name
+    assert set(tarvopy.__all__) <= set(dir(tarvopy))
+    assert tarvopy.inf == float("inf")
+    assert not hasattr(tarvopy, "nothing")

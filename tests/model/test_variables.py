@@ -1,0 +1,194 @@
+"""addVar and addMVar: what arrives in the model, and what is refused."""
+
+import numpy as np
+import pytest
+from hypothesis import given
+from hypothesis import strategies as st
+from hypothesis.extra.numpy import broadcastable_shapes
+from model_arrays import arrays, shape_of
+
+import tarvopy
+from tarvopy import TRV, TarvoError
+
+inf = tarvopy.inf
+
+
+def test_addVar_has_the_documented_defaults():
+    m = tarvopy.Model()
+    x = m.addVar()
+    y = m.addVar(-1, 2.5, np.float32(3), "I", "y")
+    a = arrays(m)
+    assert (a.lb.tolist(), a.ub.tolist(), a.obj.tolist(), a.vtype) == ([0, -1], [inf, 2.5], [0, 3], "CI")
+    assert (str(x), str(y), x.index, y.index) == ("C0", "y", 0, 1)
+
+
+def test_bounds_of_binaries_are_cut_and_large_ones_mean_none():
+    m = tarvopy.Model()
+    m.addMVar(3, lb=[-5, 0.5, -inf], ub=[7, 0.75, inf], vtype="B")
+    m.addMVar(2, lb=-1e20, ub=1e25)
+    a = arrays(m)
+    assert a.lb.tolist() == [0, 0.5, 0, -inf, -inf]
+    assert a.ub.tolist() == [1, 0.75, 1, inf, inf]
+
+
+def test_crossed_bounds_are_stored_as_they_are():
+    m = tarvopy.Model()
+    m.addVar(lb=2, ub=1)
+    assert (arrays(m).lb[0], arrays(m).ub[0]) == (2, 1)
+
+
+@given(st.data())
+def test_addMVar_broadcasts_values_as_numpy_does(data):
+    shape = tuple(data.draw(st.lists(st.integers(0, 4), max_size=3)))
+    if 0 in shape:
+        shapes = [(), shape, (1,) * len(shape)]
+    else:
+        shapes = [s for s in data.draw(st.lists(broadcastable_shapes(shape, max_dims=len(shape)), min_size=2, max_size=2))]
+        shapes = [s if np.broadcast_shapes(s, shape) == shape else shape for s in shapes]
+    rng = np.random.default_rng(1)
+    lb, ub = rng.normal(size=shapes[0]), rng.normal(size=shapes[-1])[..., :]
+    vtype = np.array(list("CBIS"))[rng.integers(0, 4, shapes[-1])] if shape else "I"
+    m = tarvopy.Model()
+    x = m.addMVar(shape, lb=lb, ub=ub, obj=np.float32(2), vtype=np.where(vtype == "B", "I", vtype))
+    a = arrays(m)
+    assert x.shape == shape
+    np.testing.assert_array_equal(a.lb, np.broadcast_to(lb, shape).ravel())
+    np.testing.assert_array_equal(a.ub, np.broadcast_to(ub, shape).ravel())
+    np.testing.assert_array_equal(a.obj, np.full(int(np.prod(shape)), 2.0))
+    assert a.vtype == "".join(np.broadcast_to(np.where(vtype == "B", "I", vtype), shape).ravel())
+
+
+@pytest.mark.parametrize(
+    "values",
+    [
+        np.arange(6.0).reshape(2, 3),
+        np.arange(6).reshape(2, 3),
+        np.arange(6.0).reshape(3, 2).T.copy("F").reshape(2, 3, order="A"),
+        np.arange(12.0).reshape(2, 6)[:, ::2],
+        np.arange(6.0).reshape(2, 3).astype(">f8"),
+        np.arange(6).reshape(2, 3) > 2,
+        np.arange(6).reshape(2, 3).astype(object),
+        np.arange(6, dtype=np.float16).reshape(2, 3)[::-1],
+        [[1, 2, 3], [4, 5, 6]],
+        range(3),
+    ],
+    ids=lambda v: f"{type(v).__name__}-{getattr(v, 'dtype', '')}",
+)
+def test_values_come_in_every_layout_and_type(values):
+    m = tarvopy.Model()
+    m.addMVar((2, 3), obj=values)
+    np.testing.assert_array_equal(arrays(m).obj.reshape(2, 3), np.broadcast_to(np.array(values, float), (2, 3)))
+
+
+def test_the_model_keeps_its_own_copy_of_values():
+    m, lb = tarvopy.Model(), np.zeros(3)
+    m.addMVar(3, lb=lb)
+    lb[:] = 5
+    assert arrays(m).lb.tolist() == [0, 0, 0]
+
+
+def test_names_by_shape_by_list_and_by_default():
+    m = tarvopy.Model()
+    x = m.addMVar((2, 2), name="x")
+    y = m.addMVar(2, name=["first", "zweite Größe"])
+    m.addMVar((), name="z")
+    m.addMVar(1)
+    m.addMVar((0, 3), name="empty")
+    m.update()
+    names = [str(v) for v in m.getVars()]
+    assert names == ["x[0,0]", "x[0,1]", "x[1,0]", "x[1,1]", "first", "zweite Größe", "z", "C7"]
+    assert m.getVarByName("x[1,0]") is x[1, 0].item() if hasattr(x[1, 0], "item") else x[1, 0]
+    assert m.getVarByName("zweite Größe").index == 5
+    assert m.getVarByName("x") is None
+    assert m.getVarByName("first\0") is None
+    assert y.shape == (2,)
+
+
+@pytest.mark.parametrize("shape", [4, (4,), [2, 2], np.int64(4), (np.int32(2), 2), (), (0,), (2, 0, 3)], ids=str)
+def test_shapes_are_ints_or_sequences_of_ints(shape):
+    m = tarvopy.Model()
+    x = m.addMVar(shape)
+    expected = np.empty(shape).shape
+    assert (x.shape, m.NumVars) == (expected, int(np.prod(expected)))
+
+
+@pytest.mark.parametrize(
+    ("arguments", "error", "message"),
+    [
+        (dict(shape=-1), ValueError, r"negative dimensions are not allowed: shape \(-1,\)"),
+        (dict(shape=(2, 2.0)), TypeError, "a shape is an int or a tuple of ints, not 'float'"),
+        (dict(shape="23"), TypeError, "a shape is an int or a tuple of ints, not 'str'"),
+        (dict(shape=None), TypeError, "a shape is an int or a tuple of ints, not 'NoneType'"),
+        (dict(shape=2**31), ValueError, r"shape \(2147483648,\) has more than 2\*\*31 - 1 elements"),
+        (dict(shape=(2**40, 2**40)), ValueError, "is too large"),
+        (dict(shape=2**70), ValueError, "cannot fit"),
+        (dict(shape=(1,) * 65), ValueError, "at most 64 dimensions, not 65"),
+        (dict(shape=(2, 3), lb=[1, 2]), ValueError, r"lb of shape \(2,\) does not broadcast to shape \(2, 3\)"),
+        (dict(shape=3, ub=np.ones((1, 3))), ValueError, r"ub of shape \(1, 3\) does not broadcast to shape \(3,\)"),
+        (dict(shape=3, vtype=["C", "B"]), ValueError, r"vtype of shape \(2,\) does not broadcast to shape \(3,\)"),
+        (dict(shape=3, lb=[0, 0, np.nan]), TarvoError, "nan"),
+        (dict(shape=3, lb=float("nan")), TarvoError, "nan"),
+        (dict(shape=3, ub=np.nan), TarvoError, "nan"),
+        (dict(shape=3, obj=[0, inf, 0]), TarvoError, "inf"),
+        (dict(shape=3, lb="0"), TypeError, "lb must be a number or an array of numbers"),
+        (dict(shape=3, lb=None), TypeError, "lb must be a number or an array of numbers, not 'NoneType'"),
+        (dict(shape=3, lb=1j), TypeError, "lb must be a number or an array of numbers"),
+        (dict(shape=3, lb=["a", "b", "c"]), TypeError, "not an array of dtype <U1"),
+        (dict(shape=3, vtype="X"), ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not 'X'"),
+        (dict(shape=3, vtype="CBI"), ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not 'CBI'"),
+        (dict(shape=3, vtype=["C", "B", "BB"]), ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not 'BB'"),
+        (dict(shape=3, vtype=["C", "B", ""]), ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not ''"),
+        (dict(shape=3, vtype=7), TypeError, "vtype must be a letter or an array of letters, not 'int'"),
+        (dict(shape=3, name=["a", "b"]), ValueError, r"names of shape \(2,\) do not name elements of shape \(3,\)"),
+        (dict(shape=3, name=["a", "b", 3.0]), TypeError, None),
+        (dict(shape=3, name=5), TypeError, "name must be a string or an array of strings, not 'int'"),
+        (dict(shape=3, name="a\0b"), ValueError, "null character"),
+        (dict(shape=3, name="\ud800"), UnicodeEncodeError, None),
+    ],
+)
+def test_refused_arguments_add_nothing(arguments, error, message):
+    m = tarvopy.Model()
+    m.addVar()
+    with pytest.raises(error, match=message):
+        m.addMVar(**arguments)
+    assert shape_of(m) == (1, 0, 0)
+
+
+@pytest.mark.parametrize(
+    ("arguments", "error"),
+    [
+        (dict(lb=[1, 2]), TypeError),
+        (dict(lb=np.ones(1)), TypeError),
+        (dict(ub="1"), TypeError),
+        (dict(ub=float("nan")), TarvoError),
+        (dict(obj=inf), TarvoError),
+        (dict(vtype="c"), ValueError),
+        (dict(vtype=["C", "B"]), ValueError),
+        (dict(name=["a", "b"]), ValueError),
+        (dict(shape=3), TypeError),
+    ],
+)
+def test_addVar_refuses_what_is_not_single(arguments, error):
+    m = tarvopy.Model()
+    with pytest.raises(error):
+        m.addVar(**arguments)
+    assert m.NumVars == 0
+
+
+def test_pending_until_update_and_never_by_looking():
+    m = tarvopy.Model()
+    x = m.addVar(name="x")
+    X = m.addMVar(2)
+    assert x.index == -1
+    assert m.getVars() == []
+    repr(m), repr(x), repr(X)
+    assert x.index == -1
+    assert m.NumVars == 3
+    assert x.index == 0
+    assert [v.index for v in m.getVars()] == [0, 1, 2]
+
+
+def test_code_of_a_refused_value_is_invalid_argument():
+    with pytest.raises(TarvoError) as caught:
+        tarvopy.Model().addVar(lb=float("nan"))
+    assert caught.value.code == TRV.Error.INVALID_ARGUMENT
