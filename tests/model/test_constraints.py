@@ -5,9 +5,9 @@ import pytest
 import scipy.sparse as sp
 from hypothesis import given
 from hypothesis import strategies as st
-from model_arrays import arrays, shape_of
 
 import tarvopy
+from model_arrays import arrays, shape_of
 from tarvopy import TRV, LinExpr, TarvoError
 
 inf = tarvopy.inf
@@ -25,7 +25,7 @@ def test_scalar_rows_by_hand(m):
     first = m.addConstr(2 * x + 3 * y + 1 <= 5, name="first")
     m.addConstr(x >= 4 - y)
     m.addConstr(x - x + y == 0)
-    m.addConstr(7 >= y)
+    m.addConstr(y <= 7)
     a = arrays(m)
     assert a.A.tolist() == [[2, 3], [1, 1], [0, 1], [0, 1]]
     assert a.lower.tolist() == [-inf, 4, 0, -inf]
@@ -98,7 +98,7 @@ def test_infinite_sides_mean_none(mode, m):
     X = m.addMVar(3)
     m.addConstr(x <= inf)
     m.addConstr(2 * x + 1 >= -1e20)
-    m.addConstr(X <= [1, inf, 1e30])
+    m.addConstr([1, inf, 1e30] >= X)
     a = arrays(m)
     assert a.lower.tolist() == [-inf] * 5
     assert a.upper.tolist() == [inf, inf, 1, inf, inf]
@@ -111,10 +111,10 @@ def test_infinite_sides_mean_none(mode, m):
         lambda x, X: x >= inf,
         lambda x, X: x == inf,
         lambda x, X: x == -1e20,
-        lambda x, X: X <= [1, -inf, 2],
-        lambda x, X: X >= np.array([1, inf, 2]),
-        lambda x, X: X == np.array([1, inf, 2]),
-        lambda x, X: X <= np.array([1, np.nan, 2]),
+        lambda x, X: [1, -inf, 2] >= X,
+        lambda x, X: np.array([1, inf, 2]) <= X,
+        lambda x, X: np.array([1, inf, 2]) == X,
+        lambda x, X: np.array([1, np.nan, 2]) >= X,
         lambda x, X: x <= float("nan"),
     ],
 )

@@ -5,9 +5,9 @@ import pytest
 from hypothesis import given
 from hypothesis import strategies as st
 from hypothesis.extra.numpy import broadcastable_shapes
-from model_arrays import arrays, shape_of
 
 import tarvopy
+from model_arrays import arrays, shape_of
 from tarvopy import TRV, TarvoError
 
 inf = tarvopy.inf
@@ -43,7 +43,7 @@ def test_addMVar_broadcasts_values_as_numpy_does(data):
     if 0 in shape:
         shapes = [(), shape, (1,) * len(shape)]
     else:
-        shapes = [s for s in data.draw(st.lists(broadcastable_shapes(shape, max_dims=len(shape)), min_size=2, max_size=2))]
+        shapes = list(data.draw(st.lists(broadcastable_shapes(shape, max_dims=len(shape)), min_size=2, max_size=2)))
         shapes = [s if np.broadcast_shapes(s, shape) == shape else shape for s in shapes]
     rng = np.random.default_rng(1)
     lb, ub = rng.normal(size=shapes[0]), rng.normal(size=shapes[-1])[..., :]
@@ -115,35 +115,35 @@ def test_shapes_are_ints_or_sequences_of_ints(shape):
 @pytest.mark.parametrize(
     ("arguments", "error", "message"),
     [
-        (dict(shape=-1), ValueError, r"negative dimensions are not allowed: shape \(-1,\)"),
-        (dict(shape=(2, 2.0)), TypeError, "a shape is an int or a tuple of ints, not 'float'"),
-        (dict(shape="23"), TypeError, "a shape is an int or a tuple of ints, not 'str'"),
-        (dict(shape=None), TypeError, "a shape is an int or a tuple of ints, not 'NoneType'"),
-        (dict(shape=2**31), ValueError, r"shape \(2147483648,\) has more than 2\*\*31 - 1 elements"),
-        (dict(shape=(2**40, 2**40)), ValueError, "is too large"),
-        (dict(shape=2**70), ValueError, "cannot fit"),
-        (dict(shape=(1,) * 65), ValueError, "at most 64 dimensions, not 65"),
-        (dict(shape=(2, 3), lb=[1, 2]), ValueError, r"lb of shape \(2,\) does not broadcast to shape \(2, 3\)"),
-        (dict(shape=3, ub=np.ones((1, 3))), ValueError, r"ub of shape \(1, 3\) does not broadcast to shape \(3,\)"),
-        (dict(shape=3, vtype=["C", "B"]), ValueError, r"vtype of shape \(2,\) does not broadcast to shape \(3,\)"),
-        (dict(shape=3, lb=[0, 0, np.nan]), TarvoError, "nan"),
-        (dict(shape=3, lb=float("nan")), TarvoError, "nan"),
-        (dict(shape=3, ub=np.nan), TarvoError, "nan"),
-        (dict(shape=3, obj=[0, inf, 0]), TarvoError, "inf"),
-        (dict(shape=3, lb="0"), TypeError, "lb must be a number or an array of numbers"),
-        (dict(shape=3, lb=None), TypeError, "lb must be a number or an array of numbers, not 'NoneType'"),
-        (dict(shape=3, lb=1j), TypeError, "lb must be a number or an array of numbers"),
-        (dict(shape=3, lb=["a", "b", "c"]), TypeError, "not an array of dtype <U1"),
-        (dict(shape=3, vtype="X"), ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not 'X'"),
-        (dict(shape=3, vtype="CBI"), ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not 'CBI'"),
-        (dict(shape=3, vtype=["C", "B", "BB"]), ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not 'BB'"),
-        (dict(shape=3, vtype=["C", "B", ""]), ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not ''"),
-        (dict(shape=3, vtype=7), TypeError, "vtype must be a letter or an array of letters, not 'int'"),
-        (dict(shape=3, name=["a", "b"]), ValueError, r"names of shape \(2,\) do not name elements of shape \(3,\)"),
-        (dict(shape=3, name=["a", "b", 3.0]), TypeError, None),
-        (dict(shape=3, name=5), TypeError, "name must be a string or an array of strings, not 'int'"),
-        (dict(shape=3, name="a\0b"), ValueError, "null character"),
-        (dict(shape=3, name="\ud800"), UnicodeEncodeError, None),
+        ({"shape": -1}, ValueError, r"negative dimensions are not allowed: shape \(-1,\)"),
+        ({"shape": (2, 2.0)}, TypeError, "a shape is an int or a tuple of ints, not 'float'"),
+        ({"shape": "23"}, TypeError, "a shape is an int or a tuple of ints, not 'str'"),
+        ({"shape": None}, TypeError, "a shape is an int or a tuple of ints, not 'NoneType'"),
+        ({"shape": 2**31}, ValueError, r"shape \(2147483648,\) has more than 2\*\*31 - 1 elements"),
+        ({"shape": (2**40, 2**40)}, ValueError, "is too large"),
+        ({"shape": 2**70}, ValueError, "cannot fit"),
+        ({"shape": (1,) * 65}, ValueError, "at most 64 dimensions, not 65"),
+        ({"shape": (2, 3), "lb": [1, 2]}, ValueError, r"lb of shape \(2,\) does not broadcast to shape \(2, 3\)"),
+        ({"shape": 3, "ub": np.ones((1, 3))}, ValueError, r"ub of shape \(1, 3\) does not broadcast to shape \(3,\)"),
+        ({"shape": 3, "vtype": ["C", "B"]}, ValueError, r"vtype of shape \(2,\) does not broadcast to shape \(3,\)"),
+        ({"shape": 3, "lb": [0, 0, np.nan]}, TarvoError, "nan"),
+        ({"shape": 3, "lb": float("nan")}, TarvoError, "nan"),
+        ({"shape": 3, "ub": np.nan}, TarvoError, "nan"),
+        ({"shape": 3, "obj": [0, inf, 0]}, TarvoError, "inf"),
+        ({"shape": 3, "lb": "0"}, TypeError, "lb must be a number or an array of numbers"),
+        ({"shape": 3, "lb": None}, TypeError, "lb must be a number or an array of numbers, not 'NoneType'"),
+        ({"shape": 3, "lb": 1j}, TypeError, "lb must be a number or an array of numbers"),
+        ({"shape": 3, "lb": ["a", "b", "c"]}, TypeError, "not an array of dtype <U1"),
+        ({"shape": 3, "vtype": "X"}, ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not 'X'"),
+        ({"shape": 3, "vtype": "CBI"}, ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not 'CBI'"),
+        ({"shape": 3, "vtype": ["C", "B", "BB"]}, ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not 'BB'"),
+        ({"shape": 3, "vtype": ["C", "B", ""]}, ValueError, "vtype must be one of 'C', 'B', 'I', 'S', not ''"),
+        ({"shape": 3, "vtype": 7}, TypeError, "vtype must be a letter or an array of letters, not 'int'"),
+        ({"shape": 3, "name": ["a", "b"]}, ValueError, r"names of shape \(2,\) do not name elements of shape \(3,\)"),
+        ({"shape": 3, "name": ["a", "b", 3.0]}, TypeError, None),
+        ({"shape": 3, "name": 5}, TypeError, "name must be a string or an array of strings, not 'int'"),
+        ({"shape": 3, "name": "a\0b"}, ValueError, "null character"),
+        ({"shape": 3, "name": "\ud800"}, UnicodeEncodeError, None),
     ],
 )
 def test_refused_arguments_add_nothing(arguments, error, message):
@@ -157,15 +157,15 @@ def test_refused_arguments_add_nothing(arguments, error, message):
 @pytest.mark.parametrize(
     ("arguments", "error"),
     [
-        (dict(lb=[1, 2]), TypeError),
-        (dict(lb=np.ones(1)), TypeError),
-        (dict(ub="1"), TypeError),
-        (dict(ub=float("nan")), TarvoError),
-        (dict(obj=inf), TarvoError),
-        (dict(vtype="c"), ValueError),
-        (dict(vtype=["C", "B"]), ValueError),
-        (dict(name=["a", "b"]), ValueError),
-        (dict(shape=3), TypeError),
+        ({"lb": [1, 2]}, TypeError),
+        ({"lb": np.ones(1)}, TypeError),
+        ({"ub": "1"}, TypeError),
+        ({"ub": float("nan")}, TarvoError),
+        ({"obj": inf}, TarvoError),
+        ({"vtype": "c"}, ValueError),
+        ({"vtype": ["C", "B"]}, ValueError),
+        ({"name": ["a", "b"]}, ValueError),
+        ({"shape": 3}, TypeError),
     ],
 )
 def test_addVar_refuses_what_is_not_single(arguments, error):
