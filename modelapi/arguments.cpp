@@ -207,7 +207,9 @@ namespace {
     fail(PyExc_TypeError, "%s must be a letter or an array of letters, not '%.200s'", what, Py_TYPE(object)->tp_name);
 }
 
-bool is_letter(Py_UCS4 character) { return character == 'C' || character == 'B' || character == 'I' || character == 'S'; }
+bool is_letter(Py_UCS4 character) {
+    return character == 'C' || character == 'B' || character == 'I' || character == 'S';
+}
 
 char one_letter(const char *what, PyObject *text) {
     if (PyUnicode_GET_LENGTH(text) != 1 || !is_letter(PyUnicode_READ_CHAR(text, 0)))

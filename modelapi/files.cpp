@@ -3,6 +3,7 @@
 #include "modelapi.h"
 
 #include <string_view>
+#include <strings.h>
 
 namespace tarvopy::modelapi {
 

@@ -9,9 +9,7 @@ namespace {
 const CoreApi *core_api;
 const MatrixApi *matrix_api;
 
-// A capsule's name is resolved by attributes, so the submodule is imported first.
-template <class Api> const Api *load(const char *module) {
-    check(PyImport_ImportModule(module));
+template <class Api> const Api *load() {
     const Api *api = Api::load();
     if (!api)
         throw PythonError{};
@@ -20,7 +18,7 @@ template <class Api> const Api *load(const char *module) {
 
 int execute(PyObject *module) {
     return pysupport::border_status([&] {
-        core_api = load<CoreApi>("tarvopy._core");
+        core_api = load<CoreApi>();
         Ref base = make_model_base(module);
         check_status(PyModule_AddObjectRef(module, "ModelBase", base.get()));
         check_status(PyModule_AddStringConstant(module, "__version__", TARVOPY_VERSION));
@@ -88,7 +86,7 @@ const CoreApi &core() {
 
 const MatrixApi &matrix() {
     if (!matrix_api)
-        matrix_api = load<MatrixApi>("tarvopy._matrixapi");
+        matrix_api = load<MatrixApi>();
     return *matrix_api;
 }
 

@@ -92,7 +92,10 @@ class Model(_modelapi.ModelBase):
     def __exit__(
         self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
     ) -> None:
-        self.close()
+        # After a second Ctrl-C the engine may still run: the store then goes with its last holder, and the
+        # KeyboardInterrupt on its way is not replaced by a refusal.
+        if not _modelapi.is_solving(self._cmodel):
+            self.close()
 
     # ---- attributes of the store
 
@@ -124,8 +127,8 @@ class Model(_modelapi.ModelBase):
 
 def read(path: str | os.PathLike[str]) -> Model:
     """A new model from a file (.mps, also .gz)."""
-    if os.fspath(path).endswith(".sol"):
-        raise ValueError(f"{os.fspath(path)!r} is a solution: read it into its model with Model.read")
+    if os.fsdecode(path).lower().endswith((".sol", ".sol.gz")):
+        raise ValueError(f"{os.fsdecode(path)!r} is a solution: read it into its model with Model.read")
     model = Model()
     try:
         model.read(path)

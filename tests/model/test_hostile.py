@@ -31,7 +31,9 @@ PROGRAMS = {
     "closing while bounds are read": "fails(lambda: m.addMVar(4, lb=Evil(m.close, [0.0] * 4)))",
     "closing while a shape is read": "fails(lambda: m.addMVar((2, Evil(m.close, 2))))",
     "closing while a side is read": "fails(lambda: m.addConstr(TempConstr(X, '<', Evil(m.close, [0.0] * 4))))",
-    "closing while a coefficient is read": "c = m.addConstr(X <= 1); fails(lambda: m.setCoeff(c, X, Evil(m.close, [1.0] * 4)))",
+    "closing while a coefficient is read": (
+        "c = m.addConstr(X <= 1); fails(lambda: m.setCoeff(c, X, Evil(m.close, [1.0] * 4)))"
+    ),
     "closing while names are read": "fails(lambda: m.addMVar(4, name=Evil(m.close, list('abcd'))))",
     "a list that empties itself": (
         "shape = [2]; shape.append(Evil(shape.clear, 2)); m.addMVar(shape); assert m.NumVars == 9; print('fine')"
@@ -41,17 +43,20 @@ PROGRAMS = {
     ),
     "an array that raises": "fails(lambda: m.addMVar(4, lb=Evil(lambda: 1 / 0, [0.0] * 4)))",
     "a broken sparse matrix": (
-        "A = sp.csr_matrix(np.eye(4)); A.indices[:] = 99; fails(lambda: m.addConstr(A @ X <= 1)); assert m.NumConstrs == 0"
+        "A = sp.csr_matrix(np.eye(4)); A.indices[:] = 99\n"
+        "fails(lambda: m.addConstr(A @ X <= 1)); assert m.NumConstrs == 0"
     ),
     "a negative index in a sparse matrix": (
-        "A = sp.csr_matrix(np.eye(4)); A.indices[:] = -1; fails(lambda: m.addConstr(A @ X <= 1)); assert m.NumConstrs == 0"
+        "A = sp.csr_matrix(np.eye(4)); A.indices[:] = -1\n"
+        "fails(lambda: m.addConstr(A @ X <= 1)); assert m.NumConstrs == 0"
     ),
     "decreasing row pointers": (
         "A = sp.csr_matrix(np.eye(4)); A.indptr[2] = 0; A.indptr[1] = 4\n"
         "fails(lambda: m.addConstr(A @ X <= 1)); assert m.NumConstrs == 0"
     ),
     "arrays that disagree in length": (
-        "A = sp.csr_matrix(np.eye(4)); A.data = A.data[:2]; fails(lambda: m.addConstr(A @ X <= 1)); assert m.NumConstrs == 0"
+        "A = sp.csr_matrix(np.eye(4)); A.data = A.data[:2]\n"
+        "fails(lambda: m.addConstr(A @ X <= 1)); assert m.NumConstrs == 0"
     ),
     "a handle of a dead model": (
         "v = tarvopy.Model().addVar(); gc.collect(); fails(lambda: m.addConstr(v <= 1)); assert m.NumConstrs == 0"
@@ -60,7 +65,8 @@ PROGRAMS = {
         "A = (m.addConstr(X <= 1), m.update(), m.getA())[2]; m.close(); assert A.sum() == 4; print('fine')"
     ),
     "comparison that adds to its own model": (
-        "m.addConstr(TempConstr(X, '<', Evil(lambda: m.addConstr(X >= 0), [1.0] * 4))); assert m.NumConstrs == 8; print('fine')"
+        "m.addConstr(TempConstr(X, '<', Evil(lambda: m.addConstr(X >= 0), [1.0] * 4)))\n"
+        "assert m.NumConstrs == 8; print('fine')"
     ),
 }
 

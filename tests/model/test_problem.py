@@ -142,3 +142,10 @@ def test_engine_functions_want_a_handle(bad):
             getattr(_modelapi, name)(bad)
     with pytest.raises(TypeError, match="expected a model handle"):
         _modelapi.matrix(bad, True)
+
+
+def test_leaving_the_context_while_an_engine_runs_raises_nothing():
+    with tarvopy.Model() as m:
+        _modelapi.set_solving(m._cmodel, True)
+    _modelapi.set_solving(m._cmodel, False)
+    assert m.NumVars == 0
