@@ -8,6 +8,7 @@ the engine has stopped.
 
 from __future__ import annotations
 
+import atexit
 import signal
 import threading
 import time
@@ -25,6 +26,8 @@ STEP = 0.05
 #: How long a program that ends waits for an engine that was told to stop.
 PATIENCE_AT_EXIT = 10.0
 ACKNOWLEDGEMENT = "Ctrl-C: stopping at the engine's next check (press again to leave at once)"
+
+_in_flight: set[Engine] = set()
 
 
 class CtrlC:
@@ -62,10 +65,12 @@ class CtrlC:
 
 def fly(engine: Engine, reporter: Reporter, ctrl_c: CtrlC) -> bool:
     """Waits until the run is over. True if Ctrl-C was passed on to the engine, which need not have taken notice."""
+    _in_flight.add(engine)
     stopping = False
     while True:
         try:
             if engine.wait(STEP):
+                _in_flight.discard(engine)
                 return stopping
             reporter.show()
         except KeyboardInterrupt:
@@ -86,13 +91,26 @@ def abandon(engine: Engine, handle: Any) -> None:
 
 
 def _take_care(engine: Engine, handle: Any) -> None:
-    """Not a daemon thread: those are cut off at exit wherever they are. Instead it ends by itself when the program
-    waits to end.
+    """Waits for an abandoned run, and gives its model free.
+
+    Not a daemon thread: those are cut off at exit wherever they are. It ends by itself when the program waits to end.
     """
     deadline = None
     while not engine.wait(0.1):
         if deadline is None and not threading.main_thread().is_alive():
             deadline = time.monotonic() + PATIENCE_AT_EXIT
         if deadline is not None and time.monotonic() > deadline:
+            _in_flight.discard(engine)
             return
+    _in_flight.discard(engine)
     _modelapi.set_solving(handle, False)
+
+
+@atexit.register
+def _land() -> None:
+    """Runs of daemon threads and abandoned ones end before the interpreter does, as far as they come back in time."""
+    deadline = time.monotonic() + PATIENCE_AT_EXIT
+    for engine in list(_in_flight):
+        engine.interrupt()
+    for engine in list(_in_flight):
+        engine.wait(max(0.0, deadline - time.monotonic()))
