@@ -18,10 +18,6 @@
 
 namespace store {
 
-// Large blocks in large pages where the system grants them: first writing then costs a tenth, and random access to a matrix misses
-// fewer translations. A block that is filled needs no more memory by it, since only whole large pages inside it are taken.
-void adviselarge(void *memory, size_t bytes) noexcept;
-
 template <class T> class Buffer {
     static_assert(std::is_trivially_copyable_v<T>);
 
@@ -113,7 +109,6 @@ template <class T> class Buffer {
             throw std::bad_alloc();
         data_ = static_cast<T *>(p);
         capacity_ = n;
-        adviselarge(p, n * sizeof(T));
     }
 
     T *data_ = nullptr;
