@@ -1,0 +1,149 @@
+"""The store against a model of it in plain Python, under random sequences of adding, removing, changing and updating."""
+
+import numpy as np
+from hypothesis import HealthCheck, settings
+from hypothesis import strategies as st
+from hypothesis.stateful import RuleBasedStateMachine, invariant, precondition, rule
+from scipy.sparse import csc_matrix
+
+from solver.store import CONSTR, VAR, Store
+
+PENDING, PRESENT, MARKED, REMOVED = "pending", "present", "marked", "removed"
+values = st.integers(-3, 3).map(float)
+
+
+class Element:
+    def __init__(self, **fields):
+        self.state = PENDING
+        self.__dict__.update(fields)
+
+
+class StoreMachine(RuleBasedStateMachine):
+    def __init__(self):
+        super().__init__()
+        self.store, self.vars, self.rows = Store(), [], []
+
+    def ids(self, elements, *states):
+        return [i for i, e in enumerate(elements) if e.state in states]
+
+    def drawid(self, data, elements, *states):
+        return data.draw(st.sampled_from(self.ids(elements, *states)))
+
+    # ---- what is done to both
+    @rule(obj=st.lists(values, max_size=4))
+    def add_variables(self, obj):
+        first = self.store.addvars(len(obj), obj=obj or 0.0)
+        assert first == len(self.vars)
+        self.vars += [Element(obj=c, lb=0.0) for c in obj]
+
+    @rule(data=st.data(), n=st.integers(0, 3), upper=values)
+    def add_rows(self, data, n, upper):
+        usable = self.ids(self.vars, PENDING, PRESENT)
+        term = st.tuples(st.sampled_from(usable), values) if usable else st.nothing()
+        rows = [data.draw(st.lists(term, max_size=12 if usable else 0)) for _ in range(n)]
+        assert self.store.addrows(rows, upper=upper) == len(self.rows)
+        for row in rows:
+            terms = {}
+            for v, a in row:
+                terms[v] = terms.get(v, 0.0) + a
+            self.rows.append(Element(terms={v: a for v, a in terms.items() if a}, upper=upper))
+
+    def drop_terms(self, gone):
+        for row in self.rows:
+            row.terms = {v: a for v, a in row.terms.items() if v not in gone}
+
+    def remove(self, kind, elements, ids):
+        self.store.remove(kind, ids)
+        for e in (elements[i] for i in ids):
+            e.state = {PENDING: REMOVED, PRESENT: MARKED}.get(e.state, e.state)
+
+    @rule(data=st.data())
+    def remove_variables(self, data):
+        ids = data.draw(st.lists(st.integers(0, len(self.vars) - 1), max_size=3)) if self.vars else []
+        self.remove(VAR, self.vars, ids)
+        self.drop_terms(self.ids(self.vars, REMOVED))
+
+    @rule(data=st.data())
+    def remove_rows(self, data):
+        ids = data.draw(st.lists(st.integers(0, len(self.rows) - 1), max_size=3)) if self.rows else []
+        self.remove(CONSTR, self.rows, ids)
+
+    @precondition(lambda self: self.ids(self.vars, PENDING, PRESENT, MARKED))
+    @rule(data=st.data(), value=values)
+    def set_bound(self, data, value):
+        i = self.drawid(data, self.vars, PENDING, PRESENT, MARKED)
+        self.store.setdbls("LB", [i], value)
+        self.vars[i].lb = value
+
+    @precondition(lambda self: self.ids(self.vars, PENDING, PRESENT) and self.ids(self.rows, PENDING, PRESENT, MARKED))
+    @rule(data=st.data(), n=st.integers(1, 6))
+    def set_coefficients(self, data, n):
+        rows = [self.drawid(data, self.rows, PENDING, PRESENT, MARKED) for _ in range(n)]
+        vars = [self.drawid(data, self.vars, PENDING, PRESENT) for _ in range(n)]
+        coefs = data.draw(st.lists(values, min_size=n, max_size=n))
+        self.store.setcoefs(rows, vars, coefs)
+        for r, v, a in zip(rows, vars, coefs, strict=True):
+            if a:
+                self.rows[r].terms[v] = a
+            else:
+                self.rows[r].terms.pop(v, None)
+
+    @rule()
+    def update(self):
+        self.store.update()
+        for elements in (self.vars, self.rows):
+            for e in elements:
+                e.state = {PENDING: PRESENT, MARKED: REMOVED}.get(e.state, e.state)
+        self.drop_terms(self.ids(self.vars, REMOVED))
+
+    # ---- what must agree at all times
+    def expected_positions(self, elements):
+        present = self.ids(elements, PRESENT, MARKED)
+        return {i: present.index(i) if i in present else -1 if e.state == PENDING else -2 for i, e in enumerate(elements)}
+
+    @invariant()
+    def rows_agree(self):
+        for r in self.ids(self.rows, PENDING, PRESENT, MARKED):
+            assert self.store.row(r) == list(self.rows[r].terms.items())
+
+    @invariant()
+    def positions_agree(self):
+        for kind, elements in ((VAR, self.vars), (CONSTR, self.rows)):
+            expected = self.expected_positions(elements)
+            assert self.store.positions(kind, list(expected)) == list(expected.values())
+            present = self.ids(elements, PRESENT, MARKED)
+            assert self.store.idsat(kind, range(len(present))) == present
+
+    @invariant()
+    def matrices_agree(self):
+        column, data = self.expected_positions(self.vars), self.store.data()
+        present = self.ids(self.rows, PRESENT, MARKED)
+        dense = np.zeros((len(present), data["nvars"]))
+        for i, r in enumerate(present):
+            for v, a in self.rows[r].terms.items():
+                if column[v] >= 0:
+                    dense[i, column[v]] = a
+        start, index, value = self.store.matrix(csc=1)
+        expected = csc_matrix(dense)
+        assert [start.tolist(), index.tolist(), value.tolist()] == [
+            expected.indptr.tolist(), expected.indices.tolist(), expected.data.tolist(),
+        ]  # fmt: skip
+        start, index, value = self.store.matrix(csc=0)
+        byrow = np.zeros_like(dense)
+        byrow[np.repeat(np.arange(len(present)), np.diff(start)), index] = value
+        assert (byrow == dense).all()
+        assert data["nnz"] == self.store.int("NumNZs") == len(value) == np.count_nonzero(dense)
+
+    @invariant()
+    def arrays_agree(self):
+        data = self.store.data()
+        present = [self.vars[i] for i in self.ids(self.vars, PRESENT, MARKED)]
+        assert data["lb"].tolist() == [v.lb for v in present]
+        assert data["obj"].tolist() == [v.obj for v in present]
+        assert data["upper"].tolist() == [self.rows[i].upper for i in self.ids(self.rows, PRESENT, MARKED)]
+
+
+StoreMachine.TestCase.settings = settings(
+    max_examples=60, stateful_step_count=30, deadline=None, suppress_health_check=list(HealthCheck)
+)
+TestRandomModels = StoreMachine.TestCase
