@@ -117,7 +117,8 @@ TRV_API int TRVaddrows(TRVmodel *model, int64_t nrows, const int64_t *ptr, const
 /* Replaces all Obj and ObjConstant at once (duplicates are summed). sense: 1, -1, or 0 to keep it. */
 TRV_API int TRVsetobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, double constant, int sense);
 
-/* Pending elements are gone at once, those in the model at the next update. Removing what is removed or marked already is fine
+/* Pending elements are gone at once, those in the model at the next update: until then they can be read and set, but
+ * new terms over such variables are refused. Removing what is removed or marked already is fine
  * (NOT_IN_MODEL only for ids that never were). */
 TRV_API int TRVremove(TRVmodel *model, int kind, int64_t n, const int32_t *ids);
 /* Applies what is pending. If anything changed since the last solution (attributes and coefficients included), Status

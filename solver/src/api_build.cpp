@@ -118,6 +118,7 @@ int TRVupdatemodel(TRVmodel *model) {
 
 int TRVgetrow(TRVmodel *model, int32_t row, int64_t *nnz, const int32_t **var, const double **coef) {
     return border(model, [&] {
+        requirepointer("row", nnz && var && coef ? nnz : nullptr, 1);
         const int32_t slot = model->rows.ids.require(row, "row");
         model->rows.purge(model->columns);
         const Row terms = model->rows.row(slot);

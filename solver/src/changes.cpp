@@ -16,15 +16,17 @@ void Changes::element(Kind kind, int32_t position) {
     listed[position] = 1;
 }
 
-// Pairs have no flag each: repetitions are taken out whenever the list has doubled.
-void Changes::coefficient(int32_t row, int32_t column, int64_t nonzeros) {
+// Pairs have no flag each, so repetitions are taken out from time to time.
+bool Changes::coefficient(int32_t row, int32_t column) {
     if (structure_)
-        return;
+        return false;
     pairs_.push({row, column});
-    if (pairs_.size() < 2 * merged_ + 1024)
-        return;
+    return pairs_.size() >= 2 * merged_ + 1024;
+}
+
+void Changes::limitcoefficients(int64_t nonzeros) {
     mergepairs();
-    if (static_cast<int64_t>(pairs_.size()) > nonzeros / 4)
+    if (static_cast<int64_t>(merged_) > nonzeros / 4)
         loadanew();
 }
 

@@ -16,7 +16,10 @@ class Changes {
     bool structure() const { return structure_; }
     void loadanew() noexcept; // forgets the lists
     void element(Kind kind, int32_t position);
-    void coefficient(int32_t row, int32_t column, int64_t nonzeros);
+    // True when the list has doubled since repetitions were last taken out, and limitcoefficients is due.
+    bool coefficient(int32_t row, int32_t column);
+    // Takes repetitions out; beyond a quarter of the matrix all is loaded anew.
+    void limitcoefficients(int64_t nonzeros);
     void objconstant() { objconstant_ = true; }
     void sense() { sense_ = true; }
 

@@ -160,11 +160,12 @@ void setvariables(TRVmodel &model, Attr attr, const Selection &which, const doub
             [&](double v, int64_t id, int32_t) { return Columns::checkedobj(v, id); },
             [&](int32_t s, double v) { model.write(columns.obj[s], v, Changes::kCosts, s); });
     default:
-        if (which.n)
-            columns.start.pad(columns.ids.slots(), NAN);
         return checkthenset(
             columns.ids, what, which, values, step, [&](double v, int64_t id, int32_t) { return checkedstart(v, id); },
-            [&](int32_t s, double v) { columns.start[s] = v; });
+            [&](int32_t s, double v) {
+                columns.start.pad(columns.ids.slots(), NAN);
+                columns.start[s] = v;
+            });
     }
 }
 

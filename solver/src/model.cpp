@@ -87,23 +87,50 @@ void TRVmodel::setsense(int value) {
     changes.sense();
 }
 
+namespace {
+
+void requirecost(int32_t id, double cost) {
+    if (!isfinite(cost))
+        failf(TRV_ERROR_INVALID_ARGUMENT, "objective: the coefficient of the variable with id %d is %s", id,
+              number(cost).c_str());
+}
+
+} // namespace
+
+// Ascending ids have ascending slots: no array in between is needed.
+void TRVmodel::writecosts(int64_t n, const int32_t *var, const double *coef) {
+    int64_t k = 0;
+    for (int32_t s = 0; s < columns.ids.slots(); s++) {
+        const bool has = k < n && columns.ids.slot(var[k]) == s;
+        write(columns.obj[s], has ? coef[k] : 0.0, Changes::kCosts, s);
+        k += has;
+    }
+}
+
+void TRVmodel::sumcosts(int64_t n, const int32_t *var, const double *coef) {
+    Buffer<double> costs;
+    costs.pad(columns.ids.slots(), 0.0);
+    for (int64_t k = 0; k < n; k++) {
+        double &cost = costs[columns.ids.slot(var[k])];
+        cost += coef[k];
+        requirecost(var[k], cost);
+    }
+    for (int32_t s = 0; s < columns.ids.slots(); s++)
+        write(columns.obj[s], costs[s], Changes::kCosts, s);
+}
+
 void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, double constant, int newsense) {
     if (newsense != TRV_MINIMIZE && newsense != TRV_MAXIMIZE && newsense != 0)
         failf(TRV_ERROR_INVALID_ARGUMENT, "sense %d is not 1 (minimize), -1 (maximize) or 0 (as it is)", newsense);
     if (!isfinite(constant))
         failf(TRV_ERROR_INVALID_ARGUMENT, "the constant of the objective is %s", number(constant).c_str());
-    Buffer<double> costs;
-    costs.pad(columns.ids.slots(), 0.0);
+    bool ascending = true;
     for (int64_t k = 0; k < n; k++) {
         columns.ids.requireusable(var[k], "objective");
-        double &cost = costs[columns.ids.slot(var[k])];
-        cost += coef[k];
-        if (!isfinite(coef[k]) || !isfinite(cost))
-            failf(TRV_ERROR_INVALID_ARGUMENT, "objective: the coefficient of the variable with id %d is %s", var[k],
-                  number(isfinite(coef[k]) ? cost : coef[k]).c_str());
+        requirecost(var[k], coef[k]);
+        ascending &= k == 0 || var[k] > var[k - 1];
     }
-    for (int32_t s = 0; s < columns.ids.slots(); s++)
-        write(columns.obj[s], costs[s], Changes::kCosts, s);
+    ascending ? writecosts(n, var, coef) : sumcosts(n, var, coef);
     setobjconstant(constant);
     if (newsense)
         setsense(newsense);
@@ -129,15 +156,13 @@ void TRVmodel::setcoefficients(int64_t n, const int32_t *rowids, const int32_t *
     }
     if (n)
         rows.purge(columns);
-    const bool list = !changes.structure();
-    const int64_t nonzeros = list ? rows.nonzeros(columns) : 0;
     for (int64_t i = 0; i < n; i++) {
         const int32_t r = rows.ids.slot(rowids[i]), c = columns.ids.slot(vars[i]);
         if (!rows.set(r, columns, vars[i], values[i]) || r >= rows.ids.committed())
             continue;
         changed = true;
         solution.coefficientschanged();
-        if (c < columns.ids.committed())
-            changes.coefficient(r, c, nonzeros);
+        if (c < columns.ids.committed() && changes.coefficient(r, c))
+            changes.limitcoefficients(rows.nonzeros(columns));
     }
 }

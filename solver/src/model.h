@@ -44,4 +44,8 @@ struct TRVmodel {
     void touched(store::Changes::Kind kind, int32_t slot);
     void setobjconstant(double value);
     void setsense(int value);
+
+  private:
+    void writecosts(int64_t n, const int32_t *var, const double *coef);
+    void sumcosts(int64_t n, const int32_t *var, const double *coef);
 };

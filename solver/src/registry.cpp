@@ -19,10 +19,14 @@ void Registry::requireusable(int64_t id, const char *what) const {
         failnotinmodel(what, kind_, id, true);
 }
 
-void Registry::reserve(int64_t n) {
+void Registry::requireroom(int64_t n) const {
     if (n > INT32_MAX - static_cast<int64_t>(count_))
         failf(TRV_ERROR_SIZE_LIMIT, "%" PRId64 " more %s on top of %d exceed the limit of 2147483647", n,
               kindsname(kind_), count_);
+}
+
+void Registry::reserve(int64_t n) {
+    requireroom(n);
     if (!identity_) {
         slotof_.room(n);
         idat_.room(n);

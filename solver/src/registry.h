@@ -49,7 +49,9 @@ class Registry {
     int32_t require(int64_t id, const char *what) const;
     void requireusable(int64_t id, const char *what) const;
 
-    // Allocates for n more, checking the limit of 2^31-1 ids; add then cannot fail.
+    // An error if n more would exceed 2^31-1 ids.
+    void requireroom(int64_t n) const;
+    // Allocates for n more; add then cannot fail.
     void reserve(int64_t n);
     int32_t add(int64_t n) noexcept;
 

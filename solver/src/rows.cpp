@@ -43,6 +43,7 @@ double Rows::checkedupper(double value, int64_t row, const char *what) {
 // ---------------------------------------------------------------------------------------------------------------
 
 TRVrows Rows::open(int64_t nrows, int64_t nnz) {
+    ids.requireroom(nrows);
     drop();
     small_ = nnz <= kSmall && nrows <= kSmall;
     Chunk &to = small_ ? staging_ : block_;
@@ -71,6 +72,8 @@ int32_t Rows::commit(const Columns &columns, const double *low, int lowstep, con
     } closing{*this};
 
     const int64_t n = opennrows_, first = ids.count();
+    requirepointer("Lower", low, n);
+    requirepointer("Upper", up, n);
     ids.reserve(n);
     double *l = lower.room(n), *u = upper.room(n);
     char *s = sense.room(n);

@@ -1,4 +1,4 @@
-"""libtarvo140 through ctypes: class Store, one method for each function of tarvo.h that the tests use, with NumPy arrays for arrays.
+"""libtarvo140 through ctypes: class Store, one method for each function of tarvo.h that the tests use.
 
 >>> m = Store()
 >>> x = m.addvars(2, ub=[4.0, INF])       # first id
@@ -22,46 +22,64 @@ NOT_SOLVED, OPTIMAL, INFEASIBLE = 0, 1, 2
 i32p, i64p, f64p = c.POINTER(c.c_int32), c.POINTER(c.c_int64), c.POINTER(c.c_double)
 
 
+def layout(*groups):
+    """Fields of a struct from groups ("names of one type", type)."""
+    return [(name, type_) for names, type_ in groups for name in names.split()]
+
+
 class Names(c.Structure):
-    _fields_ = [("form", c.c_int), ("prefix", c.c_char_p), ("ndim", c.c_int), ("shape", i64p), ("text", c.c_char_p), ("offset", i64p)]
+    _fields_ = layout(
+        ("form", c.c_int),
+        ("prefix", c.c_char_p),
+        ("ndim", c.c_int),
+        ("shape", i64p),
+        ("text", c.c_char_p),
+        ("offset", i64p),
+    )
 
 
 class OpenRows(c.Structure):
-    _fields_ = [("ptr", i64p), ("var", i32p), ("coef", f64p)]
+    _fields_ = layout(("ptr", i64p), ("var", i32p), ("coef", f64p))
 
 
 class Data(c.Structure):
-    _fields_ = [
-        ("nvars", c.c_int32), ("nrows", c.c_int32), ("nnz", c.c_int64), ("lb", f64p), ("ub", f64p), ("obj", f64p),
-        ("vtype", c.POINTER(c.c_char)), ("lower", f64p), ("upper", f64p), ("objconstant", c.c_double), ("sense", c.c_int),
-        ("nintegral", c.c_int), ("start", f64p),
-    ]  # fmt: skip
+    _fields_ = layout(
+        ("nvars nrows", c.c_int32),
+        ("nnz", c.c_int64),
+        ("lb ub obj", f64p),
+        ("vtype", c.POINTER(c.c_char)),
+        ("lower upper", f64p),
+        ("objconstant", c.c_double),
+        ("sense nintegral", c.c_int),
+        ("start", f64p),
+    )
 
 
 class Matrix(c.Structure):
-    _fields_ = [("nmajor", c.c_int64), ("nnz", c.c_int64), ("start", i32p), ("index", i32p), ("value", f64p)]
+    _fields_ = layout(("nmajor nnz", c.c_int64), ("start index", i32p), ("value", f64p))
 
 
 class Changes(c.Structure):
-    _fields_ = [
-        ("structure", c.c_int), ("objconstant", c.c_int), ("sense", c.c_int), ("nbounds", c.c_int64), ("ncosts", c.c_int64),
-        ("nsides", c.c_int64), ("ncoefs", c.c_int64), ("bounds", i32p), ("costs", i32p), ("sides", i32p), ("coefrows", i32p),
-        ("coefvars", i32p),
-    ]  # fmt: skip
+    _fields_ = layout(
+        ("structure objconstant sense", c.c_int),
+        ("nbounds ncosts nsides ncoefs", c.c_int64),
+        ("bounds costs sides coefrows coefvars", i32p),
+    )
 
 
 class Result(c.Structure):
-    _fields_ = [
-        ("status", c.c_int), ("has_x", c.c_int), ("has_duals", c.c_int), ("objval", c.c_double), ("bound", c.c_double),
-        ("gap", c.c_double), ("runtime", c.c_double), ("itercount", c.c_double), ("nodecount", c.c_double), ("engine", c.c_char_p),
-    ]  # fmt: skip
+    _fields_ = layout(
+        ("status has_x has_duals", c.c_int),
+        ("objval bound gap runtime itercount nodecount", c.c_double),
+        ("engine", c.c_char_p),
+    )
 
 
 class Residuals(c.Structure):
-    _fields_ = (
-        [(n, c.c_double) for n in ("row", "bound", "integral", "dual", "complementarity")]
-        + [(n, c.c_int32) for n in ("worstrow", "worstbound", "worstintegral", "worstdual", "worstcomplementarity")]
-        + [(n, c.c_double) for n in ("rowscale", "boundscale", "dualscale", "complementarityscale")]
+    _fields_ = layout(
+        ("row bound integral dual complementarity", c.c_double),
+        ("worstrow worstbound worstintegral worstdual worstcomplementarity", c.c_int32),
+        ("rowscale boundscale dualscale complementarityscale", c.c_double),
     )
 
 
@@ -148,30 +166,51 @@ class Store:
     def addvars(self, n, lb=0.0, ub=INF, obj=0.0, vtype="C", names=None):
         lb, ub, obj = _f64(lb), _f64(ub), _f64(obj)
         vtype = vtype.encode()
-        struct, keep = makenames(names)
+        struct, _keep = makenames(names)
         first = c.c_int32(-7)
         self.call(
-            "TRVaddvars", c.c_int64(n), _ptr(lb, f64p), _step(lb, n), _ptr(ub, f64p), _step(ub, n), _ptr(obj, f64p), _step(obj, n),
-            vtype, _step(vtype, n), struct and c.byref(struct), c.byref(first),
-        )  # fmt: skip
+            "TRVaddvars",
+            c.c_int64(n),
+            _ptr(lb, f64p),
+            _step(lb, n),
+            _ptr(ub, f64p),
+            _step(ub, n),
+            _ptr(obj, f64p),
+            _step(obj, n),
+            vtype,
+            _step(vtype, n),
+            struct and c.byref(struct),
+            c.byref(first),
+        )
         return first.value
 
     def addrows(self, rows, lower=-INF, upper=INF, names=None):
         """rows: dictionaries from id to coefficient, or lists of (id, coefficient)."""
         rows = [list(row.items()) if isinstance(row, dict) else row for row in rows]
         ptr = np.concatenate([[0], np.cumsum([len(row) for row in rows])]).astype(np.int64)
-        return self.addcsr(ptr, [v for row in rows for v, _ in row], [a for row in rows for _, a in row], lower, upper, names)
+        return self.addcsr(
+            ptr, [v for row in rows for v, _ in row], [a for row in rows for _, a in row], lower, upper, names
+        )
 
     def addcsr(self, ptr, var, coef, lower=-INF, upper=INF, names=None):
         ptr, n = np.asarray(ptr, dtype=np.int64), len(ptr) - 1
         var, coef = np.asarray(var, dtype=np.int32), np.asarray(coef, dtype=np.float64)
         lower, upper = _f64(lower), _f64(upper)
-        struct, keep = makenames(names)
+        struct, _keep = makenames(names)
         first = c.c_int32(-7)
         self.call(
-            "TRVaddrows", c.c_int64(n), _ptr(ptr, i64p), _ptr(var, i32p), _ptr(coef, f64p), _ptr(lower, f64p), _step(lower, n),
-            _ptr(upper, f64p), _step(upper, n), struct and c.byref(struct), c.byref(first),
-        )  # fmt: skip
+            "TRVaddrows",
+            c.c_int64(n),
+            _ptr(ptr, i64p),
+            _ptr(var, i32p),
+            _ptr(coef, f64p),
+            _ptr(lower, f64p),
+            _step(lower, n),
+            _ptr(upper, f64p),
+            _step(upper, n),
+            struct and c.byref(struct),
+            c.byref(first),
+        )
         return first.value
 
     def openrows(self, nrows, nnz):
@@ -187,7 +226,14 @@ class Store:
 
     def setobjective(self, terms, constant=0.0, sense=0):
         var, coef = _i32([v for v, _ in terms]), _f64([a for _, a in terms])
-        self.call("TRVsetobjective", c.c_int64(len(terms)), _ptr(var, i32p), _ptr(coef, f64p), c.c_double(constant), c.c_int(sense))
+        self.call(
+            "TRVsetobjective",
+            c.c_int64(len(terms)),
+            _ptr(var, i32p),
+            _ptr(coef, f64p),
+            c.c_double(constant),
+            c.c_int(sense),
+        )
 
     def remove(self, kind, ids):
         ids = _i32(ids)
@@ -203,7 +249,9 @@ class Store:
     def positions(self, kind, ids):
         ids = _i32(ids)
         out = np.empty(len(ids), np.int32)
-        lib.TRVpositions(self.handle, c.c_int(kind), c.c_int64(len(ids)), _ptr(ids, i32p), c.c_int32(0), _ptr(out, i32p))
+        lib.TRVpositions(
+            self.handle, c.c_int(kind), c.c_int64(len(ids)), _ptr(ids, i32p), c.c_int32(0), _ptr(out, i32p)
+        )
         return out.tolist()
 
     def idsat(self, kind, positions):
@@ -258,7 +306,7 @@ class Store:
         return out
 
     def setstrs(self, name, ids, values):
-        *head, n = self._selection(name, ids)
+        *head, _n = self._selection(name, ids)
         text, offset = textblock(values)
         self.call("TRVsetstrs", *head, text, _ptr(offset, i64p))
 
@@ -299,33 +347,51 @@ class Store:
         data = Data()
         self.call("TRVgetdata", c.byref(data))
         n, m = data.nvars, data.nrows
-        return dict(
-            nvars=n, nrows=m, nnz=data.nnz, lb=_view(data.lb, n, float), ub=_view(data.ub, n, float), obj=_view(data.obj, n, float),
-            vtype=data.vtype[:n].decode() if n else "", lower=_view(data.lower, m, float), upper=_view(data.upper, m, float),
-            objconstant=data.objconstant, sense=data.sense, nintegral=data.nintegral,
-            start=_view(data.start, n, float) if data.start else None,
-        )  # fmt: skip
+        return {
+            "nvars": n,
+            "nrows": m,
+            "nnz": data.nnz,
+            "lb": _view(data.lb, n, float),
+            "ub": _view(data.ub, n, float),
+            "obj": _view(data.obj, n, float),
+            "vtype": data.vtype[:n].decode() if n else "",
+            "lower": _view(data.lower, m, float),
+            "upper": _view(data.upper, m, float),
+            "objconstant": data.objconstant,
+            "sense": data.sense,
+            "nintegral": data.nintegral,
+            "start": _view(data.start, n, float) if data.start else None,
+        }
 
     def matrix(self, csc):
         """(start, index, value), by columns or by rows."""
         matrix = Matrix()
         self.call("TRVgetmatrix", c.c_int(csc), c.byref(matrix))
         out = (
-            _view(matrix.start, matrix.nmajor + 1, np.int32), _view(matrix.index, matrix.nnz, np.int32),
+            _view(matrix.start, matrix.nmajor + 1, np.int32),
+            _view(matrix.index, matrix.nnz, np.int32),
             _view(matrix.value, matrix.nnz, float),
-        )  # fmt: skip
+        )
         lib.TRVfreematrix(c.byref(matrix))
         return out
 
     def changes(self):
         ch = Changes()
         self.call("TRVgetchanges", c.byref(ch))
-        pairs = zip(_view(ch.coefrows, ch.ncoefs, np.int32).tolist(), _view(ch.coefvars, ch.ncoefs, np.int32).tolist(), strict=True)
-        return dict(
-            structure=bool(ch.structure), objconstant=bool(ch.objconstant), sense=bool(ch.sense),
-            bounds=_view(ch.bounds, ch.nbounds, np.int32).tolist(), costs=_view(ch.costs, ch.ncosts, np.int32).tolist(),
-            sides=_view(ch.sides, ch.nsides, np.int32).tolist(), coefs=list(pairs),
-        )  # fmt: skip
+        pairs = zip(
+            _view(ch.coefrows, ch.ncoefs, np.int32).tolist(),
+            _view(ch.coefvars, ch.ncoefs, np.int32).tolist(),
+            strict=True,
+        )
+        return {
+            "structure": bool(ch.structure),
+            "objconstant": bool(ch.objconstant),
+            "sense": bool(ch.sense),
+            "bounds": _view(ch.bounds, ch.nbounds, np.int32).tolist(),
+            "costs": _view(ch.costs, ch.ncosts, np.int32).tolist(),
+            "sides": _view(ch.sides, ch.nsides, np.int32).tolist(),
+            "coefs": list(pairs),
+        }
 
     def clearchanges(self):
         lib.TRVclearchanges(self.handle)
@@ -337,7 +403,9 @@ class Store:
             for i, value in enumerate(values if values is not None else ()):
                 pointer[i] = value
 
-    def commitsolution(self, status=OPTIMAL, has_x=False, has_duals=False, objval=np.nan, bound=np.nan, gap=np.nan, engine="E 1"):
+    def commitsolution(
+        self, status=OPTIMAL, has_x=False, has_duals=False, objval=np.nan, bound=np.nan, gap=np.nan, engine="E 1"
+    ):
         result = Result(status, has_x, has_duals, objval, bound, gap, 0.5, 3, 1, engine.encode())
         self.call("TRVcommitsolution", c.byref(result))
 

@@ -25,7 +25,11 @@ NAN = float("nan")
 def store():
     m = Store()
     m.addvars(3, lb=[0.0, 1.0, 2.0], ub=9.0, vtype="CBI", names=("x", (3,)))
-    m.addrows([{0: 1.0}, {1: 1.0}, {2: 1.0}, {0: 1.0}, {1: 1.0}], lower=[-INF, 2.0, 3.0, 1.0, -INF], upper=[8.0, INF, 3.0, 5.0, INF])
+    m.addrows(
+        [{0: 1.0}, {1: 1.0}, {2: 1.0}, {0: 1.0}, {1: 1.0}],
+        lower=[-INF, 2.0, 3.0, 1.0, -INF],
+        upper=[8.0, INF, 3.0, 5.0, INF],
+    )
     m.update()
     return m
 
@@ -60,7 +64,11 @@ def test_every_attribute_is_found_by_its_name_alone():
         (NOT_IN_MODEL, "LB: the model has no variable with id 3", lambda m: m.dbls("LB", [0, 3])),
         (NOT_IN_MODEL, "UB: the model has no variable with id 3", lambda m: m.dbls("UB", range(2, 4))),
         (NOT_IN_MODEL, "VType: the model has no variable with id -1", lambda m: m.chars("VType", range(-1, 2))),
-        (NO_DATA, "ObjVal: the model has no solution yet (Status NOT_SOLVED); call optimize() first", lambda m: m.dbl("ObjVal")),
+        (
+            NO_DATA,
+            "ObjVal: the model has no solution yet (Status NOT_SOLVED); call optimize() first",
+            lambda m: m.dbl("ObjVal"),
+        ),
     ],
 )
 def test_wrong_requests_say_what_is_wrong(store, code, message, call):
@@ -125,7 +133,9 @@ def test_removed_elements_have_no_attributes(store):
     refused(NOT_IN_MODEL, "LB: the variable with id 3 was removed from the model", lambda: store.dbls("LB", [pending]))
     assert store.dbls("LB", [1]).tolist() == [1.0]  # until the update
     store.update()
-    refused(NOT_IN_MODEL, "LB: the variable with id 1 was removed from the model", lambda: store.setdbls("LB", [0, 1], 7.0))
+    refused(
+        NOT_IN_MODEL, "LB: the variable with id 1 was removed from the model", lambda: store.setdbls("LB", [0, 1], 7.0)
+    )
     assert store.dbls("LB", [0, 2]).tolist() == [0.0, 2.0]
     assert store.strs("VarName", [0, 2]) == ["x[0]", "x[2]"]
     store.remove(VAR, [1, pending])  # again is fine
@@ -212,7 +222,24 @@ def test_names_of_all_forms():
     for name in ("u", "v"):
         m.addvars(1, names=(name, ()))
     assert m.strs("VarName", range(16)) == [
-        *("x[0,0]", "x[0,1]", "x[0,2]", "x[1,0]", "x[1,1]", "x[1,2]", "y", "C7", "C8", "a", "C10", "ä b", "C12", "C13", "u", "v")
+        *(
+            "x[0,0]",
+            "x[0,1]",
+            "x[0,2]",
+            "x[1,0]",
+            "x[1,1]",
+            "x[1,2]",
+            "y",
+            "C7",
+            "C8",
+            "a",
+            "C10",
+            "ä b",
+            "C12",
+            "C13",
+            "u",
+            "v",
+        )
     ]
     m.addrows([{}, {}], names=("cap", (2, 1)))
     m.addrows([{}])

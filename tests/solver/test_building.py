@@ -63,13 +63,13 @@ def test_bounds_of_binaries_are_cut_and_crossed_bounds_kept():
 @pytest.mark.parametrize(
     ("arguments", "message"),
     [
-        (dict(lb=[0.0, NAN]), "LB of variable 4 is nan"),
-        (dict(lb=INF), "LB of variable 3 is inf"),
-        (dict(ub=[-1e30, 0.0]), "UB of variable 3 is -1e+30"),
-        (dict(obj=[1.0, -INF]), "Obj of variable 4 is -inf"),
-        (dict(obj=1e20), "Obj of variable 3 is 1e+20"),
-        (dict(vtype="CX"), "VType of variable 4 is character 88, not one of C B I S"),
-        (dict(names=("x", (3,))), "names: the shape has 3 elements where 2 are added"),
+        ({"lb": [0.0, NAN]}, "LB of variable 4 is nan"),
+        ({"lb": INF}, "LB of variable 3 is inf"),
+        ({"ub": [-1e30, 0.0]}, "UB of variable 3 is -1e+30"),
+        ({"obj": [1.0, -INF]}, "Obj of variable 4 is -inf"),
+        ({"obj": 1e20}, "Obj of variable 3 is 1e+20"),
+        ({"vtype": "CX"}, "VType of variable 4 is character 88, not one of C B I S"),
+        ({"names": ("x", (3,))}, "names: the shape has 3 elements where 2 are added"),
     ],
 )
 def test_bad_variables_are_refused_whole(store, arguments, message):
@@ -107,10 +107,13 @@ def test_duplicates_are_summed_in_place_and_zeros_dropped(store, given, stored):
 
 @pytest.mark.parametrize("nrows", [40, 4000])
 def test_large_blocks_are_tidied_like_small_ones(nrows):
-    """Long unordered rows with duplicates and zeros, in a block that is copied and in one that stays where it was written."""
+    """Long unordered rows with duplicates and zeros, in a block that is copied and in one that is adopted."""
     rng, m, n = np.random.default_rng(1), Store(), 50
     m.addvars(n)
-    rows = [[(int(v), float(a)) for v, a in zip(rng.integers(0, n, 12), rng.integers(-2, 3, 12))] for _ in range(nrows)]
+    rows = [
+        [(int(v), float(a)) for v, a in zip(rng.integers(0, n, 12), rng.integers(-2, 3, 12), strict=False)]
+        for _ in range(nrows)
+    ]
     m.addrows(rows)
     for i, row in enumerate(rows):
         terms = {}
@@ -126,7 +129,13 @@ def test_large_blocks_are_tidied_like_small_ones(nrows):
         ([0, 2], [0, -1], [1, 1], NOT_IN_MODEL, "row 0 of the block: the model has no variable with id -1"),
         ([0, 2], [0, 1], [1, NAN], INVALID, "row 0 of the block: the coefficient of the variable with id 1 is nan"),
         ([0, 2], [0, 1], [INF, 1], INVALID, "row 0 of the block: the coefficient of the variable with id 0 is inf"),
-        ([0, 2], [1, 1], [9e19, 9e19], INVALID, "row 0 of the block: the coefficient of the variable with id 1 is 1.8e+20"),
+        (
+            [0, 2],
+            [1, 1],
+            [9e19, 9e19],
+            INVALID,
+            "row 0 of the block: the coefficient of the variable with id 1 is 1.8e+20",
+        ),
         ([1, 2], [0, 1], [1, 1], INVALID, "row pointers begin with 1, not with 0"),
         ([0, 2, 1, 2], [0, 1], [1, 1], INVALID, "row pointers decrease from 2 to 1 at row 1"),
         ([0, 5, 2], [0, 1], [1, 1], INVALID, "row pointer 5 at row 0 is beyond the 2 terms"),
@@ -140,9 +149,9 @@ def test_bad_rows_are_refused_whole(store, ptr, var, coef, code, message):
 @pytest.mark.parametrize(
     ("sides", "message"),
     [
-        (dict(lower=NAN), "Lower of row 1 is nan"),
-        (dict(lower=[0.0, INF]), "Lower of row 2 is inf"),
-        (dict(upper=[-1e20, 0.0]), "Upper of row 1 is -1e+20"),
+        ({"lower": NAN}, "Lower of row 1 is nan"),
+        ({"lower": [0.0, INF]}, "Lower of row 2 is inf"),
+        ({"upper": [-1e20, 0.0]}, "Upper of row 1 is -1e+20"),
     ],
 )
 def test_bad_sides_are_refused_whole(store, sides, message):
@@ -194,7 +203,9 @@ def test_setobjective_replaces_and_sums(store):
 
 def test_bad_objectives_are_refused_whole(store):
     store.setobjective([(0, 1.0)], constant=2.0)
-    refused(store, NOT_IN_MODEL, "objective: the model has no variable with id 5", lambda: store.setobjective([(5, 1.0)]))
+    refused(
+        store, NOT_IN_MODEL, "objective: the model has no variable with id 5", lambda: store.setobjective([(5, 1.0)])
+    )
     message = "objective: the coefficient of the variable with id 1 is nan"
     refused(store, INVALID, message, lambda: store.setobjective([(0, 9.0), (1, NAN)]))
     message = "the constant of the objective is inf"
@@ -223,7 +234,7 @@ def test_filling_rows_term_by_term_keeps_every_term():
         m.setcoefs(range(n), [v] * n, np.arange(n) + 100.0 * v + 1)
     m.addrows([{5: 1.0}])
     m.update()
-    start, index, value = m.matrix(csc=1)
+    start, _index, value = m.matrix(csc=1)
     assert start.tolist() == [n * v + (v > 5) for v in range(n + 1)]
     expected = [r + 100.0 * v + 1 for v in range(n) for r in range(n)]
     expected.insert(6 * n, 1.0)

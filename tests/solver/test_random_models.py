@@ -1,4 +1,4 @@
-"""The store against a model of it in plain Python, under random sequences of adding, removing, changing and updating."""
+"""The store against a model of it in plain Python: random sequences of adding, removing, changing and updating."""
 
 import numpy as np
 from hypothesis import HealthCheck, settings
@@ -99,7 +99,9 @@ class StoreMachine(RuleBasedStateMachine):
     # ---- what must agree at all times
     def expected_positions(self, elements):
         present = self.ids(elements, PRESENT, MARKED)
-        return {i: present.index(i) if i in present else -1 if e.state == PENDING else -2 for i, e in enumerate(elements)}
+        return {
+            i: present.index(i) if i in present else -1 if e.state == PENDING else -2 for i, e in enumerate(elements)
+        }
 
     @invariant()
     def rows_agree(self):
@@ -126,8 +128,10 @@ class StoreMachine(RuleBasedStateMachine):
         start, index, value = self.store.matrix(csc=1)
         expected = csc_matrix(dense)
         assert [start.tolist(), index.tolist(), value.tolist()] == [
-            expected.indptr.tolist(), expected.indices.tolist(), expected.data.tolist(),
-        ]  # fmt: skip
+            expected.indptr.tolist(),
+            expected.indices.tolist(),
+            expected.data.tolist(),
+        ]
         start, index, value = self.store.matrix(csc=0)
         byrow = np.zeros_like(dense)
         byrow[np.repeat(np.arange(len(present)), np.diff(start)), index] = value

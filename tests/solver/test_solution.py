@@ -35,7 +35,14 @@ def test_a_committed_solution_is_read_by_id(store):
     solve(store)
     assert store.int("Status") == OPTIMAL
     assert [store.dbls(a, [1, 0]).tolist() for a in ("X", "RC", "Pi", "Slack")] == [[1, 3], [0, 1], [0, 2], [0, 0]]
-    assert [store.dbl(a) for a in ("ObjVal", "ObjBound", "Gap", "Runtime", "IterCount", "NodeCount")] == [11, 11, 0, 0.5, 3, 1]
+    assert [store.dbl(a) for a in ("ObjVal", "ObjBound", "Gap", "Runtime", "IterCount", "NodeCount")] == [
+        11,
+        11,
+        0,
+        0.5,
+        3,
+        1,
+    ]
     assert store.str("EngineName") == "E 1"
 
 
@@ -115,7 +122,9 @@ def test_elements_added_after_the_solve_have_no_values(store):
 def test_models_with_integers_have_no_duals(store):
     store.setchars("VType", [0], "I")
     store.update()
-    nodata("Pi: the model has no solution yet (Status NOT_SOLVED); call optimize() first", lambda: store.dbls("Pi", [0]))
+    nodata(
+        "Pi: the model has no solution yet (Status NOT_SOLVED); call optimize() first", lambda: store.dbls("Pi", [0])
+    )
     store.solved([3.0, 1.0], objval=11.0)
     nodata(
         "Pi: there are no duals of a model with integer variables; "
@@ -151,11 +160,11 @@ def test_an_open_solution_does_not_disturb_the_last_one(store):
 @pytest.mark.parametrize(
     ("before", "arguments", "message"),
     [
-        (lambda m: None, dict(has_x=True), "no solution is open"),
-        (lambda m: None, dict(status=0), "status 0 is not the outcome of a solve"),
+        (lambda m: None, {"has_x": True}, "no solution is open"),
+        (lambda m: None, {"status": 0}, "status 0 is not the outcome of a solve"),
         (
             lambda m: (m.opensolution(), m.addvars(1), m.update()),
-            dict(has_x=True),
+            {"has_x": True},
             "the solution was opened for 2 variables and 2 rows; the model has 3 and 2",
         ),
     ],
@@ -256,7 +265,11 @@ def test_signs_of_duals_in_a_minimisation():
     assert m.check(has_duals=True).dual == 0.0
     m.opensolution([1.5, 2.0], [0.0, -1.0], [2.0])
     r = m.check(has_duals=True)
-    assert (r.complementarity, r.worstcomplementarity, r.complementarityscale) == (1.0, 2, 4.0)  # 2 * 0.5; nvars + row 0
+    assert (r.complementarity, r.worstcomplementarity, r.complementarityscale) == (
+        1.0,
+        2,
+        4.0,
+    )  # 2 * 0.5; nvars + row 0
 
 
 def test_check_wants_a_solution(store):
