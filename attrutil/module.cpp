@@ -1,6 +1,7 @@
 // tarvopy._attrutil: bulk transfer of attributes.
 //
-// The Python functions speak of positions in the model and of lists; the capsule (collaborators/attrutil.h) speaks of ids and arrays.
+// The Python functions speak of positions in the model and of lists; the capsule (collaborators/attrutil.h) speaks of
+// ids and arrays.
 #include "transfer.h"
 
 #include "collaborators/attrutil.h"
@@ -91,7 +92,8 @@ void check_handle(PyObject *model) {
         open_store(model);
 }
 
-// ---- positions ---------------------------------------------------------------------------------------------------------
+// ---- positions
+// ---------------------------------------------------------------------------------------------------------
 
 std::vector<int32_t> read_positions(PyObject *indices) {
     Ref list = check(PySequence_List(indices)); // of its own: an __index__ may change the caller's
@@ -111,7 +113,9 @@ std::vector<int32_t> ids_at(TRVmodel *store, int kind, const std::vector<int32_t
     return ids;
 }
 
-Ids as_ids(const std::vector<int32_t> &ids) { return {ids.data(), static_cast<int64_t>(ids.size())}; }
+Ids as_ids(const std::vector<int32_t> &ids) {
+    return {ids.data(), static_cast<int64_t>(ids.size())};
+}
 
 // An attribute of elements, not of the model itself.
 const TRVattrinfo *element_attribute(PyObject *name) {
@@ -121,7 +125,8 @@ const TRVattrinfo *element_attribute(PyObject *name) {
     return info;
 }
 
-// ---- the listed functions ----------------------------------------------------------------------------------------------
+// ---- the listed functions
+// ----------------------------------------------------------------------------------------------
 
 PyObject *getattrinfo(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
@@ -187,7 +192,8 @@ PyObject *attrlist(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject
     });
 }
 
-// ---- the capsule -------------------------------------------------------------------------------------------------------
+// ---- the capsule
+// -------------------------------------------------------------------------------------------------------
 
 Ids ids_of_array(PyObject *ids) {
     return {static_cast<const int32_t *>(PyArray_DATA(as_array(ids))), PyArray_SIZE(as_array(ids))};
@@ -213,22 +219,28 @@ int api_set(ModelObject *model, int kind, const char *name, PyObject *ids, PyObj
 
 const AttrApi api = {AttrApi::current_version, api_get, api_set};
 
-// ---- module ------------------------------------------------------------------------------------------------------------
+// ---- module
+// ------------------------------------------------------------------------------------------------------------
 
 template <class F> PyMethodDef row(const char *name, F *function, const char *doc) {
-    return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)), METH_FASTCALL | METH_KEYWORDS, doc};
+    return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)), METH_FASTCALL | METH_KEYWORDS,
+            doc};
 }
 
 PyMethodDef methods[] = {
     row("_getattrinfo", getattrinfo,
-        "_getattrinfo(model, attrname)\n--\n\n(kind, type code, settable) of an attribute; AttributeError for an unknown name.\n\nType "
+        "_getattrinfo(model, attrname)\n--\n\n(kind, type code, settable) of an attribute; AttributeError for an "
+        "unknown name.\n\nType "
         "codes: 0 character, 1 integer, 2 double, 3 string."),
     row("_gettypedattrlist", gettypedattrlist,
-        "_gettypedattrlist(model, attrname, indices, typecode)\n--\n\nThe values at positions of the model, as a list; TarvoError "
+        "_gettypedattrlist(model, attrname, indices, typecode)\n--\n\nThe values at positions of the model, as a list; "
+        "TarvoError "
         "(NOT_IN_MODEL) for an index that is not there, -1 and below included."),
     row("_settypedattrlist", settypedattrlist,
-        "_settypedattrlist(model, attrname, indices, values)\n--\n\nSets one value for each position, or one for all, as a whole or not at all."),
-    row("_prefetchattr", prefetchattr, "_prefetchattr(model, attrname)\n--\n\nPrepares a later bulk read (nothing to do for a known attribute)."),
+        "_settypedattrlist(model, attrname, indices, values)\n--\n\nSets one value for each position, or one for all, "
+        "as a whole or not at all."),
+    row("_prefetchattr", prefetchattr,
+        "_prefetchattr(model, attrname)\n--\n\nPrepares a later bulk read (nothing to do for a known attribute)."),
     row("_attrlist", attrlist, "_attrlist(model, typeenum)\n--\n\nThe names of the attributes of a kind of object."),
     {}};
 
@@ -245,11 +257,17 @@ PyModuleDef_Slot slots[] = {{Py_mod_exec, reinterpret_cast<void *>(execute)},
                             {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED},
                             {}};
 
-PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT, .m_name = "tarvopy._attrutil",
-                          .m_doc = "Bulk transfer of attributes.", .m_size = 0, .m_methods = methods, .m_slots = slots};
+PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT,
+                          .m_name = "tarvopy._attrutil",
+                          .m_doc = "Bulk transfer of attributes.",
+                          .m_size = 0,
+                          .m_methods = methods,
+                          .m_slots = slots};
 
 } // namespace
 
 } // namespace tarvopy::attrutil
 
-PyMODINIT_FUNC PyInit__attrutil() { return PyModuleDef_Init(&tarvopy::attrutil::definition); }
+PyMODINIT_FUNC PyInit__attrutil() {
+    return PyModuleDef_Init(&tarvopy::attrutil::definition);
+}

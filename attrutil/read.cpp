@@ -40,7 +40,9 @@ template <class Make> Ref list_of(int64_t n, Make make) {
     return list;
 }
 
-Ref character(char c) { return check(PyUnicode_FromStringAndSize(&c, 1)); }
+Ref character(char c) {
+    return check(PyUnicode_FromStringAndSize(&c, 1));
+}
 
 PyArray_Descr *descr_of(int type) {
     if (type == TRV_INT || type == TRV_DOUBLE || type == TRV_STRING)
@@ -56,7 +58,8 @@ Ref empty_like(PyObject *shape_of, int type) {
     if (!descr)
         throw PythonError{};
     PyArrayObject *like = as_array(shape_of);
-    return check(PyArray_NewFromDescr(&PyArray_Type, descr, PyArray_NDIM(like), PyArray_DIMS(like), nullptr, nullptr, 0, nullptr));
+    return check(PyArray_NewFromDescr(&PyArray_Type, descr, PyArray_NDIM(like), PyArray_DIMS(like), nullptr, nullptr, 0,
+                                      nullptr));
 }
 
 } // namespace

@@ -1,7 +1,8 @@
-// Whole-array attribute transfer by id: values between Python (lists, NumPy arrays, single values) and the store's arrays.
+// Whole-array attribute transfer by id: values between Python (lists, NumPy arrays, single values) and the store's
+// arrays.
 //
-// Reading gives a list or an array; writing first turns everything into plain C++ arrays (Values), which may run Python code, and then
-// asks for the store and hands over in one call that acts as a whole or not at all.
+// Reading gives a list or an array; writing first turns everything into plain C++ arrays (Values), which may run Python
+// code, and then asks for the store and hands over in one call that acts as a whole or not at all.
 #pragma once
 
 #include "collaborators/core.h"

@@ -15,8 +15,9 @@ namespace {
 }
 
 bool is_double_array(PyObject *source) {
-    return is_array(source) && PyArray_TYPE(as_array(source)) == NPY_FLOAT64 && PyArray_IS_C_CONTIGUOUS(as_array(source)) &&
-           PyArray_ISALIGNED(as_array(source)) && PyArray_ISNOTSWAPPED(as_array(source));
+    return is_array(source) && PyArray_TYPE(as_array(source)) == NPY_FLOAT64 &&
+           PyArray_IS_C_CONTIGUOUS(as_array(source)) && PyArray_ISALIGNED(as_array(source)) &&
+           PyArray_ISNOTSWAPPED(as_array(source));
 }
 
 Ref list_of_array(PyObject *source) {

@@ -10,12 +10,12 @@ namespace tarvopy {
 struct AttrApi {
     int version;
 
-    // ids: a C-contiguous int32 ndarray of any shape (pending elements are fine). The result has its shape and the dtype of
-    // the attribute's type: "U1", int32, float64, object. Consecutive ids are read in one block.
+    // ids: a C-contiguous int32 ndarray of any shape (pending elements are fine). The result has its shape and the
+    // dtype of the attribute's type: "U1", int32, float64, object. Consecutive ids are read in one block.
     PyObject *(*get)(ModelObject *model, int kind, const char *name, PyObject *ids);
 
-    // values: a C-contiguous float64 ndarray with as many entries as ids or exactly one (double attributes), or a list of as many
-    // Python values, or a single str / number that is spread.
+    // values: a C-contiguous float64 ndarray with as many entries as ids or exactly one (double attributes), or a list
+    // of as many Python values, or a single str / number that is spread.
     int (*set)(ModelObject *model, int kind, const char *name, PyObject *ids, PyObject *values);
 
     static const AttrApi *load() {

@@ -1,8 +1,8 @@
 // What the siblings know of tarvopy._core: the native layouts of the scalar objects and the functions behind them.
 //
-// _core exports one CoreApi in a capsule named "tarvopy._core._C_API" (attribute `_C_API` of the module); CoreApi::load() fetches it and
-// refuses a version or a layout other than this header's. All functions follow the C-API's habits: NULL or -1 with the error
-// indicator set, results are new references, arguments are borrowed.
+// _core exports one CoreApi in a capsule named "tarvopy._core._C_API" (attribute `_C_API` of the module);
+// CoreApi::load() fetches it and refuses a version or a layout other than this header's. All functions follow the
+// C-API's habits: NULL or -1 with the error indicator set, results are new references, arguments are borrowed.
 #pragma once
 
 #include "pysupport/error.h"
@@ -10,11 +10,10 @@
 
 namespace tarvopy {
 
-// The model handle: owner of the store. Everything of one model holds a reference to the same handle; identity of handles is identity of
-// models. `store` is NULL once the model was closed.
+// The model handle: owner of the store. Everything of one model holds a reference to the same handle; identity of
+// handles is identity of models. `store` is NULL once the model was closed.
 struct ModelObject {
-    PyObject_HEAD
-    TRVmodel *store;
+    PyObject_HEAD TRVmodel *store;
     // Tables of borrowed pointers to the living scalar objects, by id (core/'s own business).
     void *tables;
     // Set while an engine runs on this model: other threads and a second Ctrl-C may come in, and are refused.
@@ -24,38 +23,35 @@ struct ModelObject {
 
 // Var, Constr, QConstr, GenConstr, NLConstr: one object per id while it lives; no __dict__, no collector.
 struct ScalarObject {
-    PyObject_HEAD
-    ModelObject *cmodel; // owned
+    PyObject_HEAD ModelObject *cmodel; // owned
     int32_t id;
 };
 using VarObject = ScalarObject;
 
-// coeffs and vars have equal length; coeffs holds exact Python floats, vars holds VarObjects. Nobody hands these lists to Python code, so
-// they stay outside the collector.
+// coeffs and vars have equal length; coeffs holds exact Python floats, vars holds VarObjects. Nobody hands these lists
+// to Python code, so they stay outside the collector.
 struct LinExprObject {
-    PyObject_HEAD
-    double constant;
+    PyObject_HEAD double constant;
     PyObject *coeffs; // list of float
     PyObject *vars;   // list of Var
 };
 
 // A quadratic expression: three term lists and its own linear part.
 struct QuadExprObject {
-    PyObject_HEAD
-    PyObject *linear; // LinExpr
-    PyObject *coeffs; // list of float
-    PyObject *vars1;  // list of Var
-    PyObject *vars2;  // list of Var
+    PyObject_HEAD PyObject *linear; // LinExpr
+    PyObject *coeffs;               // list of float
+    PyObject *vars1;                // list of Var
+    PyObject *vars2;                // list of Var
 };
 
 struct TempConstrObject {
-    PyObject_HEAD
-    PyObject *lhs;
+    PyObject_HEAD PyObject *lhs;
     PyObject *sense; // one of the TRV senses, as given
     PyObject *rhs;
 };
 
-// The table that a sibling exports as its attribute `_C_API`; imports the sibling (PyCapsule_Import alone does not import submodules).
+// The table that a sibling exports as its attribute `_C_API`; imports the sibling (PyCapsule_Import alone does not
+// import submodules).
 inline void *import_table(const char *module_name, const char *capsule_name) {
     using pysupport::Ref;
     Ref module = Ref::steal(PyImport_ImportModule(module_name));
@@ -74,8 +70,8 @@ struct CoreApi {
     // ---- the model handle
     // The store of a handle, or TarvoError (CLOSED) / TypeError for another object / the refusal while an engine runs.
     TRVmodel *(*store)(PyObject *handle);
-    // Raises what a failed store call left: TarvoError(code, text), NoDataError for NO_DATA, AttributeError for unknown attributes,
-    // MemoryError. Always returns -1.
+    // Raises what a failed store call left: TarvoError(code, text), NoDataError for NO_DATA, AttributeError for unknown
+    // attributes, MemoryError. Always returns -1.
     int (*raise)(TRVmodel *store, int code);
     // TarvoError(code, message); message is UTF-8. Always returns -1.
     int (*raise_error)(int code, const char *message);
@@ -88,10 +84,10 @@ struct CoreApi {
 
     // ---- LinExpr in bulk
     PyObject *(*linexpr_new)(double constant);
-    // One LinExpr per row: terms coef[ptr[i] - ptr[0] ...] (coef NULL: `scale` each), constants[i] (NULL: 0). Float and Var objects are shared
-    // where values repeat. out receives nrows new references; on failure none.
-    int (*linexprs)(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef, double scale,
-                    const double *constants, PyObject **out);
+    // One LinExpr per row: terms coef[ptr[i] - ptr[0] ...] (coef NULL: `scale` each), constants[i] (NULL: 0). Float and
+    // Var objects are shared where values repeat. out receives nrows new references; on failure none.
+    int (*linexprs)(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef,
+                    double scale, const double *constants, PyObject **out);
     // self += mult * other (Var, LinExpr or number); self may be other. Refuses non-finite mult and numbers.
     int (*linexpr_add)(PyObject *self, PyObject *other, double mult);
     int (*linexpr_scale)(PyObject *self, double factor); // self *= factor
@@ -107,7 +103,8 @@ struct CoreApi {
         auto *api = static_cast<const CoreApi *>(import_table("tarvopy._core", "tarvopy._core._C_API"));
         if (api && (api->version != current_version || api->linexpr_size != sizeof(LinExprObject) ||
                     api->quadexpr_size != sizeof(QuadExprObject))) {
-            PyErr_SetString(PyExc_ValueError, "tarvopy._core has a layout other than the one this module was built against");
+            PyErr_SetString(PyExc_ValueError,
+                            "tarvopy._core has a layout other than the one this module was built against");
             return nullptr;
         }
         return api;

@@ -1,12 +1,13 @@
-// How the model reads the matrix classes: every form of a linear expression (variables, compact, flat, made objects, scalar
-// objects, numbers and arrays) arrives as rows over ids, written straight where the store keeps them.
+// How the model reads the matrix classes: every form of a linear expression (variables, compact, flat, made objects,
+// scalar objects, numbers and arrays) arrives as rows over ids, written straight where the store keeps them.
 //
-// _matrixapi exports one MatrixApi in a capsule "tarvopy._matrixapi._C_API". NULL or -1 with the error indicator set on failure.
+// _matrixapi exports one MatrixApi in a capsule "tarvopy._matrixapi._C_API". NULL or -1 with the error indicator set on
+// failure.
 //
 //   RowBlock block;
 //   api->rows_open(lhs, rhs, &block)          lhs - rhs, broadcast; rhs may be NULL; nothing is changed in either
-//   TRVopenrows(store, block.nrows, block.nnz, &rows);  api->rows_write(&block, rows.ptr, rows.var, rows.coef, constants);
-//   api->rows_close(&block);
+//   TRVopenrows(store, block.nrows, block.nnz, &rows);  api->rows_write(&block, rows.ptr, rows.var, rows.coef,
+//   constants); api->rows_close(&block);
 #pragma once
 
 #include "collaborators/core.h"
@@ -29,11 +30,12 @@ struct MatrixApi {
     int version;
     PyTypeObject *MVar, *MLinExpr, *MQuadExpr, *MConstr, *MQConstr, *MGenConstr, *MNLExpr, *MNLConstr;
 
-    // 1 linear (Var, LinExpr, MVar, MLinExpr), 0 numeric (numbers, arrays, sparse matrices), 2 quadratic, 3 nonlinear; -2 none of these.
+    // 1 linear (Var, LinExpr, MVar, MLinExpr), 0 numeric (numbers, arrays, sparse matrices), 2 quadratic, 3 nonlinear;
+    // -2 none of these.
     int (*degree)(PyObject *object);
 
-    // lhs - rhs as rows; each side linear or numeric. Two models in one block: TarvoError NOT_IN_MODEL. Shapes that do not broadcast: ValueError
-    // that names both shapes. More than 2**31 elements: ValueError that names both shapes.
+    // lhs - rhs as rows; each side linear or numeric. Two models in one block: TarvoError NOT_IN_MODEL. Shapes that do
+    // not broadcast: ValueError that names both shapes. More than 2**31 elements: ValueError that names both shapes.
     int (*rows_open)(PyObject *lhs, PyObject *rhs, RowBlock *block);
     // ptr: nrows + 1, ptr[0] = 0; constants: nrows (row i means terms + constants[i]).
     int (*rows_write)(RowBlock *block, int64_t *ptr, int32_t *var, double *coef, double *constants);
@@ -44,8 +46,9 @@ struct MatrixApi {
     // type: MConstr, MQConstr, MGenConstr or MNLConstr.
     PyObject *(*mconstr)(PyTypeObject *type, ModelObject *model, int32_t first, int ndim, const npy_intp *shape);
 
-    // The ids of a matrix handle (MVar, MConstr, ...) of any form as a C-contiguous int32 array (new reference) and its model handle
-    // (borrowed, NULL when empty). TarvoError NOT_IN_MODEL where elements are of different models, TypeError for foreign elements.
+    // The ids of a matrix handle (MVar, MConstr, ...) of any form as a C-contiguous int32 array (new reference) and its
+    // model handle (borrowed, NULL when empty). TarvoError NOT_IN_MODEL where elements are of different models,
+    // TypeError for foreign elements.
     PyObject *(*ids)(PyObject *handle, ModelObject **model);
 
     static const MatrixApi *load() {

@@ -1,5 +1,5 @@
-// What the siblings know of tarvopy._util: its native functions stand in the module dictionary `__capi__`, from name to a capsule whose name is
-// the signature.
+// What the siblings know of tarvopy._util: its native functions stand in the module dictionary `__capi__`, from name to
+// a capsule whose name is the signature.
 #pragma once
 
 #include "pysupport/error.h"
@@ -21,8 +21,8 @@ inline void *import_c_function(PyObject *module, const char *module_name, const 
     }
     if (!PyCapsule_IsValid(capsule, signature)) {
         const char *got = PyCapsule_CheckExact(capsule) ? PyCapsule_GetName(capsule) : "no capsule";
-        fail(PyExc_TypeError, "C %.8s %.200s.%.200s has wrong signature (expected %.500s, got %.500s)", "function", module_name,
-             name, signature, got ? got : "no name");
+        fail(PyExc_TypeError, "C %.8s %.200s.%.200s has wrong signature (expected %.500s, got %.500s)", "function",
+             module_name, name, signature, got ? got : "no name");
     }
     return PyCapsule_GetPointer(capsule, signature);
 }

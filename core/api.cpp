@@ -31,8 +31,8 @@ PyObject *api_linexpr_new(double constant) {
     return border([&] { return empty_linexpr(constant); });
 }
 
-int api_linexprs(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef, double scale,
-                 const double *constants, PyObject **out) {
+int api_linexprs(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef,
+                 double scale, const double *constants, PyObject **out) {
     return border_status([&] { make_linexprs(model, nrows, ptr, ids, coef, scale, constants, out); });
 }
 

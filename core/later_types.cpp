@@ -1,4 +1,5 @@
-// Types of quadratic and nonlinear models. They exist so that type tests and layouts are settled; nothing makes instances yet.
+// Types of quadratic and nonlinear models. They exist so that type tests and layouts are settled; nothing makes
+// instances yet.
 #include "state.h"
 
 namespace tarvopy::core {

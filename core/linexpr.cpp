@@ -21,13 +21,16 @@ namespace {
 Operand linear_operand(PyObject *object, const char *function) {
     Operand operand = classify(object);
     if (operand.kind != OperandKind::Number && !operand.is_expression())
-        fail(PyExc_TypeError, "%.200s takes a number, a Var or a LinExpr, not '%.200s'", function, Py_TYPE(object)->tp_name);
+        fail(PyExc_TypeError, "%.200s takes a number, a Var or a LinExpr, not '%.200s'", function,
+             Py_TYPE(object)->tp_name);
     return operand;
 }
 
-// ---- reading coefficient and variable lists ----------------------------------------------------------------------------
+// ---- reading coefficient and variable lists
+// ----------------------------------------------------------------------------
 
-// A private list of what an argument of addTerms holds: lists and tuples, arrays (NumPy's and MVar) in C order, other iterables.
+// A private list of what an argument of addTerms holds: lists and tuples, arrays (NumPy's and MVar) in C order, other
+// iterables.
 Ref flat_list(PyObject *object, const char *what) {
     if (PyUnicode_Check(object) || PyBytes_Check(object))
         fail(PyExc_TypeError, "%s cannot be given as a string", what);
@@ -78,7 +81,8 @@ Ref var_list(PyObject *vars) {
     return values;
 }
 
-// ---- methods -------------------------------------------------------------------------------------------------------------
+// ---- methods
+// -------------------------------------------------------------------------------------------------------------
 
 PyObject *linexpr_new(PyTypeObject *, PyObject *args, PyObject *kwargs) {
     return border([&] {
@@ -115,8 +119,12 @@ PyObject *get_terms(PyObject *object, PyObject *) {
     });
 }
 
-PyObject *get_size(PyObject *self, PyObject *) { return PyLong_FromSsize_t(term_count(as_linexpr(self))); }
-PyObject *get_constant(PyObject *self, PyObject *) { return PyFloat_FromDouble(as_linexpr(self)->constant); }
+PyObject *get_size(PyObject *self, PyObject *) {
+    return PyLong_FromSsize_t(term_count(as_linexpr(self)));
+}
+PyObject *get_constant(PyObject *self, PyObject *) {
+    return PyFloat_FromDouble(as_linexpr(self)->constant);
+}
 
 PyObject *get_value(PyObject *self, PyObject *) {
     return border([&] { return check(PyFloat_FromDouble(value_of(as_linexpr(self)))); });
@@ -152,7 +160,9 @@ PyObject *copy_method(PyObject *self, PyObject *) {
     return border([&] { return copy(as_linexpr(self)); });
 }
 
-PyObject *flatten_method(PyObject *, PyObject *) { Py_RETURN_NONE; } // terms stand in plain lists always
+PyObject *flatten_method(PyObject *, PyObject *) {
+    Py_RETURN_NONE;
+} // terms stand in plain lists always
 
 PyObject *normalize_method(PyObject *self, PyObject *) {
     return border([&] {
@@ -170,7 +180,8 @@ PyObject *mul_method(PyObject *self, PyObject *factor) {
 }
 
 PyObject *refuse_pickling(PyObject *, PyObject *) {
-    PyErr_SetString(PyExc_TypeError, "cannot pickle 'tarvopy.LinExpr' object: its variables belong to a model of this process");
+    PyErr_SetString(PyExc_TypeError,
+                    "cannot pickle 'tarvopy.LinExpr' object: its variables belong to a model of this process");
     return nullptr;
 }
 
@@ -186,18 +197,22 @@ PyObject *linexpr_repr(PyObject *self) {
 }
 
 PyMethodDef methods[] = {
-    {"terms", get_terms, METH_NOARGS, "terms()\n--\n\nAn iterator over (coefficient, Var) in stored order, as they are now."},
+    {"terms", get_terms, METH_NOARGS,
+     "terms()\n--\n\nAn iterator over (coefficient, Var) in stored order, as they are now."},
     {"size", get_size, METH_NOARGS, "size()\n--\n\nThe number of stored terms, duplicates and zeros counted."},
     {"getConstant", get_constant, METH_NOARGS, "getConstant()\n--\n\nThe constant term."},
-    {"getValue", get_value, METH_NOARGS, "getValue()\n--\n\nThe value at the last solution; NoDataError where there is none."},
+    {"getValue", get_value, METH_NOARGS,
+     "getValue()\n--\n\nThe value at the last solution; NoDataError where there is none."},
     {"add", method(add_method), METH_FASTCALL | METH_KEYWORDS,
      "add(expr, mult=1.0)\n--\n\nAdds mult * expr (a number, Var or LinExpr) in place."},
     {"addTerms", method(add_terms_method), METH_FASTCALL | METH_KEYWORDS,
-     "addTerms(coeffs, vars)\n--\n\nAppends terms in place: lists or arrays of equal length, or one coefficient for one or all "
+     "addTerms(coeffs, vars)\n--\n\nAppends terms in place: lists or arrays of equal length, or one coefficient for "
+     "one or all "
      "variables.\nOn an error nothing is appended."},
     {"clear", clear_method, METH_NOARGS, "clear()\n--\n\nMakes the expression 0."},
     {"copy", copy_method, METH_NOARGS, "copy()\n--\n\nA new expression with the same terms."},
-    {"_flatten", flatten_method, METH_NOARGS, "_flatten()\n--\n\nBrings the terms to plain lists, where they always are."},
+    {"_flatten", flatten_method, METH_NOARGS,
+     "_flatten()\n--\n\nBrings the terms to plain lists, where they always are."},
     {"_normalize", normalize_method, METH_NOARGS,
      "_normalize()\n--\n\nMerges the terms of each variable at its first occurrence and drops zero coefficients."},
     {"_mul", mul_method, METH_O, "_mul(factor)\n--\n\nScales in place."},
@@ -207,8 +222,10 @@ PyMethodDef methods[] = {
     {}};
 
 PyType_Slot slots[] = {
-    {Py_tp_doc, const_cast<char *>("LinExpr(arg=0.0, vars=None)\n--\n\nA linear expression of scalar variables: LinExpr(number), LinExpr(Var), "
-                                   "LinExpr(LinExpr) (a copy), LinExpr(coeffs, vars).")},
+    {Py_tp_doc,
+     const_cast<char *>(
+         "LinExpr(arg=0.0, vars=None)\n--\n\nA linear expression of scalar variables: LinExpr(number), LinExpr(Var), "
+         "LinExpr(LinExpr) (a copy), LinExpr(coeffs, vars).")},
     {Py_tp_new, slot(linexpr_new)},
     {Py_tp_dealloc, slot(linexpr_dealloc)},
     {Py_tp_methods, methods},
@@ -223,7 +240,8 @@ PyType_Slot slots[] = {
 
 PyType_Spec spec = {"tarvopy.LinExpr", sizeof(LinExprObject), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE, slots};
 
-// ---- text ----------------------------------------------------------------------------------------------------------------
+// ---- text
+// ----------------------------------------------------------------------------------------------------------------
 
 std::string number_text(double value) {
     char *digits = PyOS_double_to_string(value, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);
@@ -272,13 +290,15 @@ Ref text_of(const LinExprObject *self) {
     for (Py_ssize_t i = 0; i < term_count(self); ++i) {
         append_signed(text, PyFloat_AS_DOUBLE(PyList_GET_ITEM(self->coeffs, i)));
         text += ' ';
-        text += display_name(PyList_GET_ITEM(self->vars, i));
+        text += label_of(PyList_GET_ITEM(self->vars, i)).text;
     }
     if (self->constant != 0.0 || text.empty())
         append_signed(text, self->constant);
     return check(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace"));
 }
 
-void add_linexpr_type(PyObject *module) { state.LinExpr = make_type(module, &spec, "LinExpr"); }
+void add_linexpr_type(PyObject *module) {
+    state.LinExpr = make_type(module, &spec, "LinExpr");
+}
 
 } // namespace tarvopy::core

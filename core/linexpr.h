@@ -2,24 +2,30 @@
 //
 //   2*x[0] + 3*y - 1     constant -1.0, coeffs [2.0, 3.0], vars [x[0], y]
 //
-// Terms stand in the order in which they were added, duplicates and zeros too: the store sums and drops them. Sums share float objects and
-// never fold with binary +.
+// Terms stand in the order in which they were added, duplicates and zeros too: the store sums and drops them. Sums
+// share float objects and never fold with binary +.
 //
-// Why the collector need not know these objects: the lists hold floats and variables only, a variable refers to its model handle, and
-// the handle to nothing. So no cycle can pass through, as long as nobody hands the lists to Python code, which is why terms() gives
-// copies. The lists are untracked where they are made.
+// Why the collector need not know these objects: the lists hold floats and variables only, a variable refers to its
+// model handle, and the handle to nothing. So no cycle can pass through, as long as nobody hands the lists to Python
+// code, which is why terms() gives copies. The lists are untracked where they are made.
 //
-// Dropping a variable may drop its model handle, and that may run Python code (callbacks of weak references). So contents are
-// exchanged first and dropped last.
+// Dropping a variable may drop its model handle, and that may run Python code (callbacks of weak references). So
+// contents are exchanged first and dropped last.
 #pragma once
 
 #include "operators.h"
 
 namespace tarvopy::core {
 
-inline LinExprObject *as_linexpr(PyObject *object) { return reinterpret_cast<LinExprObject *>(object); }
-inline LinExprObject *as_linexpr(const Ref &object) { return as_linexpr(object.get()); }
-inline Py_ssize_t term_count(const LinExprObject *self) { return PyList_GET_SIZE(self->coeffs); }
+inline LinExprObject *as_linexpr(PyObject *object) {
+    return reinterpret_cast<LinExprObject *>(object);
+}
+inline LinExprObject *as_linexpr(const Ref &object) {
+    return as_linexpr(object.get());
+}
+inline Py_ssize_t term_count(const LinExprObject *self) {
+    return PyList_GET_SIZE(self->coeffs);
+}
 
 // A list of n empty slots, outside the collector; fill all of them before anybody else sees it.
 Ref untracked_list(Py_ssize_t n);
@@ -56,7 +62,7 @@ double value_of(const LinExprObject *self);
 Ref text_of(const LinExprObject *self);
 
 // One expression a row, see CoreApi::linexprs.
-void make_linexprs(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef, double scale,
-                   const double *constants, PyObject **out);
+void make_linexprs(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef,
+                   double scale, const double *constants, PyObject **out);
 
 } // namespace tarvopy::core

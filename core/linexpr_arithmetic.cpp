@@ -168,7 +168,9 @@ Ref make_linexpr(double constant, Ref coeffs, Ref vars) {
     return Ref::steal(as_object(self));
 }
 
-Ref empty_linexpr(double constant) { return make_linexpr(constant, untracked_list(0), untracked_list(0)); }
+Ref empty_linexpr(double constant) {
+    return make_linexpr(constant, untracked_list(0), untracked_list(0));
+}
 
 Ref scaled(const Operand &operand, const Scaling &scaling) {
     double constant = finite_constant(scaling(constant_of(operand)));
@@ -228,7 +230,9 @@ void normalize(LinExprObject *self) {
     exchange(self, self->constant, std::move(coeffs), std::move(vars));
 }
 
-void clear(LinExprObject *self) { exchange(self, 0.0, untracked_list(0), untracked_list(0)); }
+void clear(LinExprObject *self) {
+    exchange(self, 0.0, untracked_list(0), untracked_list(0));
+}
 
 void assign(LinExprObject *self, const Operand &operand) {
     Ref contents = scaled(operand, {1.0, false});

@@ -1,7 +1,7 @@
 // Linear expressions in bulk: one object per row of CSR arrays.
 //
-// Costs: about 30 ns and 16 bytes a term for the list entries, and a float object (32 bytes) for each coefficient value that is not in the
-// cache; 190 bytes a row. Variables are made once per id and shared.
+// Costs: about 30 ns and 16 bytes a term for the list entries, and a float object (32 bytes) for each coefficient value
+// that is not in the cache; 190 bytes a row. Variables are made once per id and shared.
 #include "linexpr.h"
 
 #include "model_handle.h"
@@ -13,8 +13,8 @@ namespace tarvopy::core {
 
 namespace {
 
-// Float objects by bit pattern, direct mapped, so that repeated coefficients share one object. Pointers are borrowed from the lists that
-// are being built, which nobody can change during the call.
+// Float objects by bit pattern, direct mapped, so that repeated coefficients share one object. Pointers are borrowed
+// from the lists that are being built, which nobody can change during the call.
 class FloatCache {
   public:
     explicit FloatCache(int64_t terms) : slots_(terms >= 64 ? table_size : 1) {}
@@ -67,8 +67,8 @@ Ref variables(const Rows &rows, int64_t row) {
 
 } // namespace
 
-void make_linexprs(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef, double scale,
-                   const double *constants, PyObject **out) {
+void make_linexprs(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef,
+                   double scale, const double *constants, PyObject **out) {
     Rows rows{model, ptr, ids, coef, constants};
     FloatCache cache(coef ? ptr[nrows] - ptr[0] : 0);
     Ref shared = scale == 1.0 ? Ref::borrow(state.one) : check(PyFloat_FromDouble(scale));

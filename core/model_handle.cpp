@@ -42,7 +42,9 @@ int table_of(int kind) {
     }
 }
 
-ModelObject *as_model(PyObject *object) { return reinterpret_cast<ModelObject *>(object); }
+ModelObject *as_model(PyObject *object) {
+    return reinterpret_cast<ModelObject *>(object);
+}
 
 PyObject *model_new(PyTypeObject *type, PyObject *args, PyObject *kwargs) {
     return border([&] {
@@ -80,8 +82,12 @@ PyObject *model_close(PyObject *self, PyObject *) {
     });
 }
 
-PyObject *get_closed(PyObject *self, void *) { return PyBool_FromLong(as_model(self)->store == nullptr); }
-PyObject *get_solving(PyObject *self, void *) { return PyBool_FromLong(as_model(self)->solving); }
+PyObject *get_closed(PyObject *self, void *) {
+    return PyBool_FromLong(as_model(self)->store == nullptr);
+}
+PyObject *get_solving(PyObject *self, void *) {
+    return PyBool_FromLong(as_model(self)->solving);
+}
 
 int set_solving(PyObject *self, PyObject *value, void *) {
     return border_status([&] {
@@ -92,19 +98,24 @@ int set_solving(PyObject *self, PyObject *value, void *) {
 }
 
 PyMethodDef model_methods[] = {
-    {"_close", model_close, METH_NOARGS, "_close()\n--\n\nFrees the store. Everything that still refers to the model raises from here on."},
+    {"_close", model_close, METH_NOARGS,
+     "_close()\n--\n\nFrees the store. Everything that still refers to the model raises from here on."},
     {}};
 
 PyGetSetDef model_properties[] = {
     {"_closed", get_closed, nullptr, "Whether the store was freed."},
-    {"_solving", get_solving, set_solving, "Whether an engine runs on this model; until it stops, every use of the store is refused."},
+    {"_solving", get_solving, set_solving,
+     "Whether an engine runs on this model; until it stops, every use of the store is refused."},
     {}};
 
-PyMemberDef model_members[] = {{"__weaklistoffset__", T_PYSSIZET, offsetof(ModelObject, weakrefs), READONLY, nullptr}, {}};
+PyMemberDef model_members[] = {{"__weaklistoffset__", T_PYSSIZET, offsetof(ModelObject, weakrefs), READONLY, nullptr},
+                               {}};
 
 PyType_Slot model_slots[] = {
-    {Py_tp_doc, const_cast<char *>("_Model(name=\"\")\n--\n\nThe model handle: owner of the model store. Two objects belong to one model "
-                                   "exactly if their handles are the same object.")},
+    {Py_tp_doc,
+     const_cast<char *>(
+         "_Model(name=\"\")\n--\n\nThe model handle: owner of the model store. Two objects belong to one model "
+         "exactly if their handles are the same object.")},
     {Py_tp_new, slot(model_new)},
     {Py_tp_dealloc, slot(model_dealloc)},
     {Py_tp_methods, model_methods},
@@ -117,16 +128,21 @@ PyType_Spec model_spec = {"tarvopy._core._Model", sizeof(ModelObject), 0, Py_TPF
 
 } // namespace
 
-IdTable &id_table(ModelObject *model, int kind) { return static_cast<Tables *>(model->tables)->kinds[table_of(kind)]; }
+IdTable &id_table(ModelObject *model, int kind) {
+    return static_cast<Tables *>(model->tables)->kinds[table_of(kind)];
+}
 
 TRVmodel *open_store(ModelObject *model) {
     if (!model->store)
         fail_code(TRV_ERROR_CLOSED, "the model is closed");
     if (model->solving)
-        fail_code(TRV_ERROR_INVALID_ARGUMENT, "the model is being solved; it can be used again when the engine has stopped");
+        fail_code(TRV_ERROR_INVALID_ARGUMENT,
+                  "the model is being solved; it can be used again when the engine has stopped");
     return model->store;
 }
 
-void add_model_type(PyObject *module) { state.Model = make_type(module, &model_spec, "_Model"); }
+void add_model_type(PyObject *module) {
+    state.Model = make_type(module, &model_spec, "_Model");
+}
 
 } // namespace tarvopy::core

@@ -1,8 +1,8 @@
 // The model handle: owns the store, and knows which scalar objects are alive.
 //
-// An object stands in the handle's table under its id while it lives, as a borrowed pointer, and takes itself out when it dies; it holds the
-// handle, so the handle outlives all of its objects and no cycle exists. Tables are cut into chunks of 256 ids: one living object
-// of four million costs 130 KB, not 32 MB.
+// An object stands in the handle's table under its id while it lives, as a borrowed pointer, and takes itself out when
+// it dies; it holds the handle, so the handle outlives all of its objects and no cycle exists. Tables are cut into
+// chunks of 256 ids: one living object of four million costs 130 KB, not 32 MB.
 #pragma once
 
 #include "state.h"

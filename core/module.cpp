@@ -58,19 +58,25 @@ PyObject *module_counts(PyObject *, PyObject *) {
 
 PyMethodDef methods[] = {
     {"_counts", module_counts, METH_NOARGS, "_counts()\n--\n\nHow many objects of the bulk types are alive."},
-    {"_quicksum", quicksum, METH_O, "_quicksum(iterable)\n--\n\nThe sum of numbers, variables and expressions in one pass."},
+    {"_quicksum", quicksum, METH_O,
+     "_quicksum(iterable)\n--\n\nThe sum of numbers, variables and expressions in one pass."},
     {}};
 
-PyModuleDef_Slot slots[] = {{Py_mod_exec, slot(module_exec)},
-                            {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED},
-                            {}};
+PyModuleDef_Slot slots[] = {
+    {Py_mod_exec, slot(module_exec)}, {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED}, {}};
 
-PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT, .m_name = "tarvopy._core",
-                          .m_doc = "The scalar objects: model handle, variables, linear expressions, constraint handles.",
-                          .m_size = 0, .m_methods = methods, .m_slots = slots};
+PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT,
+                          .m_name = "tarvopy._core",
+                          .m_doc =
+                              "The scalar objects: model handle, variables, linear expressions, constraint handles.",
+                          .m_size = 0,
+                          .m_methods = methods,
+                          .m_slots = slots};
 
 } // namespace
 
 } // namespace tarvopy::core
 
-PyMODINIT_FUNC PyInit__core() { return PyModuleDef_Init(&tarvopy::core::definition); }
+PyMODINIT_FUNC PyInit__core() {
+    return PyModuleDef_Init(&tarvopy::core::definition);
+}

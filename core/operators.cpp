@@ -11,8 +11,9 @@ namespace tarvopy::core {
 namespace {
 
 bool is_sparse(PyObject *object) {
-    PyObject *modules = PyImport_GetModuleDict();                            // borrowed
-    PyObject *sparse = PyDict_GetItemString(modules, "scipy.sparse");       // borrowed; nobody has such a matrix before it is imported
+    PyObject *modules = PyImport_GetModuleDict(); // borrowed
+    PyObject *sparse =
+        PyDict_GetItemString(modules, "scipy.sparse"); // borrowed; nobody has such a matrix before it is imported
     if (!sparse)
         return false;
     Ref held = Ref::borrow(sparse);
@@ -25,7 +26,9 @@ bool is_sparse(PyObject *object) {
     return check_status(PyObject_IsTrue(answer.get())) == 1;
 }
 
-Ref not_implemented() { return Ref::borrow(Py_NotImplemented); }
+Ref not_implemented() {
+    return Ref::borrow(Py_NotImplemented);
+}
 
 // A 0-dimensional matrix object of the same value, for what involves arrays.
 Ref as_matrix(const Operand &operand) {
@@ -40,7 +43,8 @@ Ref as_matrix(const Operand &operand) {
 using Worker = Ref (*)(const Operand &a, const Operand &b);
 using General = PyObject *(*)(PyObject *, PyObject *);
 
-// The one dispatch: worker for scalars on both sides, general (the interpreter's own operator) once arrays are involved.
+// The one dispatch: worker for scalars on both sides, general (the interpreter's own operator) once arrays are
+// involved.
 PyObject *dispatch(PyObject *a, PyObject *b, Worker worker, General general) {
     return border([&] {
         Operand left = classify(a), right = classify(b);
@@ -55,11 +59,16 @@ PyObject *dispatch(PyObject *a, PyObject *b, Worker worker, General general) {
 }
 
 [[noreturn]] void fail_later(const char *what) {
-    fail(PyExc_NotImplementedError, "%s is not linear; such expressions of scalar variables are not available yet", what);
+    fail(PyExc_NotImplementedError, "%s is not linear; such expressions of scalar variables are not available yet",
+         what);
 }
 
-Ref add(const Operand &a, const Operand &b) { return sum_of(a, b, 1.0); }
-Ref subtract(const Operand &a, const Operand &b) { return sum_of(a, b, -1.0); }
+Ref add(const Operand &a, const Operand &b) {
+    return sum_of(a, b, 1.0);
+}
+Ref subtract(const Operand &a, const Operand &b) {
+    return sum_of(a, b, -1.0);
+}
 
 Ref multiply(const Operand &a, const Operand &b) {
     if (a.is_expression() && b.is_expression())
@@ -75,9 +84,13 @@ Ref divide(const Operand &a, const Operand &b) {
     return scaled(a, divisor(b.object));
 }
 
-Ref power(const Operand &, const Operand &) { fail_later("a power of an expression"); }
+Ref power(const Operand &, const Operand &) {
+    fail_later("a power of an expression");
+}
 
-PyObject *power_of_two_operands(PyObject *a, PyObject *b) { return PyNumber_Power(a, b, Py_None); }
+PyObject *power_of_two_operands(PyObject *a, PyObject *b) {
+    return PyNumber_Power(a, b, Py_None);
+}
 
 PyObject *sense_of(int comparison) {
     switch (comparison) {
@@ -148,10 +161,18 @@ double finite_number(PyObject *object, const char *what) {
     return value;
 }
 
-PyObject *operator_add(PyObject *a, PyObject *b) { return dispatch(a, b, add, PyNumber_Add); }
-PyObject *operator_subtract(PyObject *a, PyObject *b) { return dispatch(a, b, subtract, PyNumber_Subtract); }
-PyObject *operator_multiply(PyObject *a, PyObject *b) { return dispatch(a, b, multiply, PyNumber_Multiply); }
-PyObject *operator_divide(PyObject *a, PyObject *b) { return dispatch(a, b, divide, PyNumber_TrueDivide); }
+PyObject *operator_add(PyObject *a, PyObject *b) {
+    return dispatch(a, b, add, PyNumber_Add);
+}
+PyObject *operator_subtract(PyObject *a, PyObject *b) {
+    return dispatch(a, b, subtract, PyNumber_Subtract);
+}
+PyObject *operator_multiply(PyObject *a, PyObject *b) {
+    return dispatch(a, b, multiply, PyNumber_Multiply);
+}
+PyObject *operator_divide(PyObject *a, PyObject *b) {
+    return dispatch(a, b, divide, PyNumber_TrueDivide);
+}
 
 PyObject *operator_power(PyObject *a, PyObject *b, PyObject *modulus) {
     if (modulus != Py_None)
@@ -163,8 +184,9 @@ PyObject *operator_negative(PyObject *a) {
     return border([&] { return scaled(classify(a), Scaling{-1.0, false}); });
 }
 
+// A variable cannot change, an expression can.
 PyObject *operator_positive(PyObject *a) {
-    return border([&] { return scaled(classify(a), Scaling{1.0, false}); });
+    return border([&] { return is_var(a) ? Ref::borrow(a) : copy(as_linexpr(a)); });
 }
 
 PyObject *operator_compare(PyObject *a, PyObject *b, int comparison) {
@@ -186,8 +208,7 @@ PyObject *operator_inplace_multiply(PyObject *a, PyObject *b) {
 }
 
 PyObject *operator_inplace_divide(PyObject *a, PyObject *b) {
-    return in_place(a, b, true,
-                    [](LinExprObject *self, const Operand &other) { scale(self, divisor(other.object)); });
+    return in_place(a, b, true, [](LinExprObject *self, const Operand &other) { scale(self, divisor(other.object)); });
 }
 
 } // namespace tarvopy::core

@@ -3,9 +3,11 @@
 // What meets a variable or an expression is one of
 //   Number          2.0, np.float64(2)       -> LinExpr
 //   Var, LinExpr                             -> LinExpr
-//   Array           ndarray, SciPy matrix    -> the scalar becomes a 0-dimensional MVar or MLinExpr, and the matrix classes go on
-//   Foreign         everything else          -> NotImplemented, so that the other object's reflected operator is asked (MVar, MLinExpr, ...)
-// Products and powers of variables and divisions by them raise NotImplementedError: those expressions have types, but no contents yet.
+//   Array           ndarray, SciPy matrix    -> the scalar becomes a 0-dimensional MVar or MLinExpr, and the matrix
+//   classes go on Foreign         everything else          -> NotImplemented, so that the other object's reflected
+//   operator is asked (MVar, MLinExpr, ...)
+// Products and powers of variables and divisions by them raise NotImplementedError: those expressions have types, but
+// no contents yet.
 #pragma once
 
 #include "state.h"
@@ -22,7 +24,8 @@ struct Operand {
 };
 
 Operand classify(PyObject *object);
-// The value of a Number; may run its __float__. what ("Constant", "Multiplier") names it in the refusal of infinity and NaN.
+// The value of a Number; may run its __float__. what ("Constant", "Multiplier") names it in the refusal of infinity and
+// NaN.
 double finite_number(PyObject *object, const char *what);
 
 PyObject *operator_add(PyObject *a, PyObject *b);

@@ -16,8 +16,8 @@ bool same_shape(PyObject *a, PyObject *b) {
     return check_status(PyObject_RichCompareBool(left.get(), right.get(), Py_EQ)) == 1;
 }
 
-// Matrix objects and whatever else adds up. The total is nobody else's from its second term on, so it may be added to in place; in place
-// shapes do not grow, hence the test.
+// Matrix objects and whatever else adds up. The total is nobody else's from its second term on, so it may be added to
+// in place; in place shapes do not grow, hence the test.
 Ref add_general(const Ref &total, PyObject *item, bool own) {
     if (own && same_shape(total.get(), item))
         return check(PyNumber_InPlaceAdd(total.get(), item));

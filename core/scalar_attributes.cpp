@@ -1,6 +1,7 @@
 // Attributes of the store on scalar handles: x.LB, x.LB = 1.0, c.RHS, ...
 //
-// Every attribute of the store begins with a capital letter and no member of the Python types does, so the first letter tells where to look.
+// Every attribute of the store begins with a capital letter and no member of the Python types does, so the first letter
+// tells where to look.
 #include "scalars.h"
 
 #include "model_handle.h"

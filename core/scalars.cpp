@@ -62,7 +62,8 @@ void scalar_dealloc(PyObject *self) {
 // The model and the id mixed into 64 bits (the finaliser of splitmix64).
 Py_hash_t scalar_hash(PyObject *self) {
     auto *scalar = as_scalar(self);
-    uint64_t z = reinterpret_cast<uintptr_t>(scalar->cmodel) + 0x9e3779b97f4a7c15u * (static_cast<uint64_t>(scalar->id) + 1);
+    uint64_t z =
+        reinterpret_cast<uintptr_t>(scalar->cmodel) + 0x9e3779b97f4a7c15u * (static_cast<uint64_t>(scalar->id) + 1);
     z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9u;
     z = (z ^ (z >> 27)) * 0x94d049bb133111ebu;
     auto hash = static_cast<Py_hash_t>(z ^ (z >> 31));
@@ -78,7 +79,9 @@ PyObject *get_index(PyObject *self, void *) {
     return border([&] { return check(PyLong_FromLong(position(self))); });
 }
 
-PyObject *get_cmodel(PyObject *self, void *) { return Py_NewRef(as_object(as_scalar(self)->cmodel)); }
+PyObject *get_cmodel(PyObject *self, void *) {
+    return Py_NewRef(as_object(as_scalar(self)->cmodel));
+}
 
 const char *short_name(PyObject *self) {
     const char *name = Py_TYPE(self)->tp_name; // "tarvopy.Var"
@@ -92,8 +95,8 @@ Ref text(const std::string &utf8) {
 
 PyObject *scalar_str(PyObject *self) {
     return border([&] {
-        std::string name = display_name(self);
-        return text(name[0] == '(' ? std::string("<") + short_name(self) + " " + name + ">" : name);
+        Label label = label_of(self);
+        return text(label.is_name ? label.text : std::string("<") + short_name(self) + " " + label.text + ">");
     });
 }
 
@@ -104,28 +107,34 @@ PyObject *scalar_repr(PyObject *self) {
         if (!unavailable(scalar->cmodel) && TRVposition(scalar->cmodel->store, kind_of(self), scalar->id) == -1)
             inner = "*awaiting update*";
         else
-            inner = display_name(self);
+            inner = label_of(self).text;
         return text(std::string("<") + short_name(self) + " " + inner + ">");
     });
 }
 
-PyObject *return_self(PyObject *self, PyObject *) { return Py_NewRef(self); }
+PyObject *return_self(PyObject *self, PyObject *) {
+    return Py_NewRef(self);
+}
 
 PyObject *refuse_pickling(PyObject *self, PyObject *) {
-    PyErr_Format(PyExc_TypeError, "cannot pickle '%s' object: it is a handle into a model of this process", Py_TYPE(self)->tp_name);
+    PyErr_Format(PyExc_TypeError, "cannot pickle '%s' object: it is a handle into a model of this process",
+                 Py_TYPE(self)->tp_name);
     return nullptr;
 }
 
 PyMethodDef scalar_methods[] = {
-    {"getAttr", scalar_get_attr, METH_O, "getAttr(attrname)\n--\n\nThe value of an attribute of the model store, by name."},
-    {"setAttr", method(scalar_set_attr), METH_FASTCALL, "setAttr(attrname, value)\n--\n\nSets an attribute of the model store; it acts at once."},
+    {"getAttr", scalar_get_attr, METH_O,
+     "getAttr(attrname)\n--\n\nThe value of an attribute of the model store, by name."},
+    {"setAttr", method(scalar_set_attr), METH_FASTCALL,
+     "setAttr(attrname, value)\n--\n\nSets an attribute of the model store; it acts at once."},
     {"__copy__", return_self, METH_NOARGS, nullptr},
     {"__deepcopy__", return_self, METH_O, nullptr},
     {"__reduce_ex__", refuse_pickling, METH_O, nullptr},
     {"__dir__", scalar_dir, METH_NOARGS, nullptr},
     {}};
 
-constexpr const char *index_doc = "Position in the model; -1 while it awaits the model's update, -2 or less once removed.";
+constexpr const char *index_doc =
+    "Position in the model; -1 while it awaits the model's update, -2 or less once removed.";
 
 #define TARVOPY_SCALAR(Type, index_name, type_doc, ...)                                                                \
     PyGetSetDef Type##_properties[] = {                                                                                \
@@ -133,21 +142,18 @@ constexpr const char *index_doc = "Position in the model; -1 while it awaits the
         {index_name, get_index, nullptr, index_doc},                                                                   \
         {"_cmodel", get_cmodel, nullptr, "The model handle, the same object for everything of one model."},            \
         {}};                                                                                                           \
-    PyType_Slot Type##_slots[] = {{Py_tp_doc, const_cast<char *>(type_doc)},                                           \
-                                  {Py_tp_dealloc, slot(scalar_dealloc)},                                               \
-                                  {Py_tp_hash, slot(scalar_hash)},                                                     \
-                                  {Py_tp_str, slot(scalar_str)},                                                       \
-                                  {Py_tp_repr, slot(scalar_repr)},                                                     \
-                                  {Py_tp_getattro, slot(scalar_getattro)},                                             \
-                                  {Py_tp_setattro, slot(scalar_setattro)},                                             \
-                                  {Py_tp_methods, scalar_methods},                                                     \
-                                  {Py_tp_getset, Type##_properties},                                                   \
-                                  __VA_ARGS__{}};                                                                      \
+    PyType_Slot Type##_slots[] = {{Py_tp_doc, const_cast<char *>(type_doc)}, {Py_tp_dealloc, slot(scalar_dealloc)},    \
+                                  {Py_tp_hash, slot(scalar_hash)},           {Py_tp_str, slot(scalar_str)},            \
+                                  {Py_tp_repr, slot(scalar_repr)},           {Py_tp_getattro, slot(scalar_getattro)},  \
+                                  {Py_tp_setattro, slot(scalar_setattro)},   {Py_tp_methods, scalar_methods},          \
+                                  {Py_tp_getset, Type##_properties},         __VA_ARGS__{}};                           \
     PyType_Spec Type##_spec = {"tarvopy." #Type, sizeof(ScalarObject), 0,                                              \
-                               Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE, Type##_slots};
+                               Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,      \
+                               Type##_slots};
 
 TARVOPY_SCALAR(Var, "_colno",
-               "A decision variable. Made by Model.addVar and Model.addMVar; its attributes (LB, UB, Obj, VType, VarName, Start, X, RC) read "
+               "A decision variable. Made by Model.addVar and Model.addMVar; its attributes (LB, UB, Obj, VType, "
+               "VarName, Start, X, RC) read "
                "and write the model.",
                TARVOPY_OPERATOR_SLOTS)
 TARVOPY_SCALAR(Constr, "_rowno", "A linear constraint of a model.")
@@ -209,8 +215,10 @@ void scalars_of(ModelObject *model, int kind, int64_t n, const int32_t *ids, int
 }
 
 void check_ids(ModelObject *model, int kind, int64_t n, const int32_t *ids, int64_t step) {
-    // Ids are never used again, so objects may be made after closing too; using them then says that the model is closed.
-    uint32_t end = model->store ? static_cast<uint32_t>(TRVidcount(model->store, kind)) : static_cast<uint32_t>(INT32_MAX);
+    // Ids are never used again, so objects may be made after closing too; using them then says that the model is
+    // closed.
+    uint32_t end =
+        model->store ? static_cast<uint32_t>(TRVidcount(model->store, kind)) : static_cast<uint32_t>(INT32_MAX);
     uint32_t largest = 0; // negative ids come out above every count
     for (int64_t i = 0; i < n; ++i)
         largest = std::max(largest, static_cast<uint32_t>(ids[i * step]));
@@ -218,22 +226,22 @@ void check_ids(ModelObject *model, int kind, int64_t n, const int32_t *ids, int6
         fail_code(TRV_ERROR_NOT_IN_MODEL, "the model has no element with the id %d", static_cast<int>(largest));
 }
 
-std::string display_name(PyObject *scalar) {
+Label label_of(PyObject *scalar) {
     const ScalarObject *self = as_scalar(scalar);
     int kind = kind_of(scalar);
     if (const char *why = unavailable(self->cmodel))
-        return std::string("(") + why + ")";
+        return {std::string("(") + why + ")", false};
     TRVmodel *store = self->cmodel->store;
     if (TRVposition(store, kind, self->id) < -1)
-        return "(removed)";
+        return {"(removed)", false};
     char *text = nullptr;
     int64_t *offset = nullptr;
     if (TRVgetstrs(store, name_attribute(kind), 1, nullptr, self->id, &text, &offset) != TRV_OK)
-        return "(unnamed)";
-    std::string name(text + offset[0], text + offset[1]);
+        return {"(unnamed)", false};
+    Label label{std::string(text + offset[0], text + offset[1]), true};
     TRVfree(text);
     TRVfree(offset);
-    return name;
+    return label;
 }
 
 void add_scalar_types(PyObject *module) {

@@ -7,7 +7,9 @@
 
 namespace tarvopy::core {
 
-inline ScalarObject *as_scalar(PyObject *object) { return reinterpret_cast<ScalarObject *>(object); }
+inline ScalarObject *as_scalar(PyObject *object) {
+    return reinterpret_cast<ScalarObject *>(object);
+}
 
 // The object of an id, made if none is alive. The id must have been given by the model.
 Ref scalar_of(ModelObject *model, int kind, int32_t id);
@@ -18,8 +20,13 @@ void check_ids(ModelObject *model, int kind, int64_t n, const int32_t *ids, int6
 
 int kind_of(PyObject *scalar); // TRV_VAR, ...
 
-// The element's name; for one that cannot be asked now "(removed)", "(model closed)" or "(being solved)". Raises for lack of memory only.
-std::string display_name(PyObject *scalar);
+// What stands for the element in a text: its name, or "(removed)", "(model closed)" or "(being solved)" where it cannot
+// be asked now. Never raises but for lack of memory.
+struct Label {
+    std::string text;
+    bool is_name;
+};
+Label label_of(PyObject *scalar);
 
 // Attributes of the store as Python values (scalar_attributes.cpp).
 PyObject *scalar_getattro(PyObject *self, PyObject *name);

@@ -1,4 +1,5 @@
-// What every file of this module shares: the types, the exceptions and the few constant objects, filled once when the module is executed.
+// What every file of this module shares: the types, the exceptions and the few constant objects, filled once when the
+// module is executed.
 #pragma once
 
 #include "collaborators/core.h"
@@ -28,12 +29,20 @@ struct Counts {
 };
 extern Counts counts;
 
-inline PyObject *as_object(void *object) { return static_cast<PyObject *>(object); }
-inline bool is_var(PyObject *object) { return Py_TYPE(object) == state.Var; }
-inline bool is_linexpr(PyObject *object) { return Py_TYPE(object) == state.LinExpr; }
+inline PyObject *as_object(void *object) {
+    return static_cast<PyObject *>(object);
+}
+inline bool is_var(PyObject *object) {
+    return Py_TYPE(object) == state.Var;
+}
+inline bool is_linexpr(PyObject *object) {
+    return Py_TYPE(object) == state.LinExpr;
+}
 
 // The slots of a type specification hold void pointers for functions too.
-template <class Function> void *slot(Function *function) { return reinterpret_cast<void *>(function); }
+template <class Function> void *slot(Function *function) {
+    return reinterpret_cast<void *>(function);
+}
 
 // PyMethodDef has one field for functions of every calling convention.
 template <class Function> PyCFunction method(Function *function) {

@@ -1,4 +1,5 @@
-// TempConstr: what a comparison of expressions gives, (lhs, sense, rhs) as they stood. The model turns it into constraints.
+// TempConstr: what a comparison of expressions gives, (lhs, sense, rhs) as they stood. The model turns it into
+// constraints.
 //
 //   x + y <= 3        TempConstr(<LinExpr>, "<", 3)
 //   A @ x >= b        TempConstr(<MLinExpr>, ">", array)
@@ -10,13 +11,16 @@ namespace tarvopy::core {
 
 namespace {
 
-TempConstrObject *as_tempconstr(PyObject *object) { return reinterpret_cast<TempConstrObject *>(object); }
+TempConstrObject *as_tempconstr(PyObject *object) {
+    return reinterpret_cast<TempConstrObject *>(object);
+}
 
 PyObject *tempconstr_new(PyTypeObject *, PyObject *args, PyObject *kwargs) {
     return border([&] {
         static const char *keywords[] = {"lhs", "sense", "rhs", nullptr};
         PyObject *lhs, *sense, *rhs;
-        if (!PyArg_ParseTupleAndKeywords(args, kwargs, "OOO:TempConstr", const_cast<char **>(keywords), &lhs, &sense, &rhs))
+        if (!PyArg_ParseTupleAndKeywords(args, kwargs, "OOO:TempConstr", const_cast<char **>(keywords), &lhs, &sense,
+                                         &rhs))
             throw PythonError{};
         return new_tempconstr(lhs, sense, rhs);
     });
@@ -57,16 +61,20 @@ int tempconstr_bool(PyObject *object) {
     if (Py_TYPE(self->lhs) == state.Var && Py_TYPE(self->rhs) == state.Var && same_sense(self->sense, state.equal))
         return self->lhs == self->rhs;
     return border_status([&] {
-        fail_code(TRV_ERROR_INVALID_ARGUMENT,
-                  "A comparison of expressions is a constraint and has no truth value. For bounds on both sides use addRange(expr, "
-                  "lb, ub) or two constraints instead of lb <= expr <= ub; in an 'if' compare values (x.X, expr.getValue())");
+        fail_code(
+            TRV_ERROR_INVALID_ARGUMENT,
+            "A comparison of expressions is a constraint and has no truth value. For bounds on both sides use "
+            "addRange(expr, "
+            "lb, ub) or two constraints instead of lb <= expr <= ub; in an 'if' compare values (x.X, expr.getValue())");
     });
 }
 
 PyObject *tempconstr_repr(PyObject *object) {
     return border([&] {
         auto *self = as_tempconstr(object);
-        const char *sign = same_sense(self->sense, state.equal) ? "==" : same_sense(self->sense, state.less_equal) ? "<=" : ">=";
+        const char *sign = same_sense(self->sense, state.equal)        ? "=="
+                           : same_sense(self->sense, state.less_equal) ? "<="
+                                                                       : ">=";
         if (Py_ReprEnter(object) != 0) // a side may hold this object
             return check(PyUnicode_FromString("<TempConstr: ...>"));
         Ref text = Ref::steal(PyUnicode_FromFormat("<TempConstr: %S %s %S>", self->lhs, sign, self->rhs));
@@ -76,20 +84,24 @@ PyObject *tempconstr_repr(PyObject *object) {
 }
 
 PyMemberDef members[] = {{"lhs", T_OBJECT_EX, offsetof(TempConstrObject, lhs), READONLY, "The left side, as given."},
-                         {"sense", T_OBJECT_EX, offsetof(TempConstrObject, sense), READONLY, "TRV.LESS_EQUAL, TRV.GREATER_EQUAL or TRV.EQUAL."},
+                         {"sense", T_OBJECT_EX, offsetof(TempConstrObject, sense), READONLY,
+                          "TRV.LESS_EQUAL, TRV.GREATER_EQUAL or TRV.EQUAL."},
                          {"rhs", T_OBJECT_EX, offsetof(TempConstrObject, rhs), READONLY, "The right side, as given."},
                          {}};
 
-PyType_Slot slots[] = {{Py_tp_doc, const_cast<char *>("TempConstr(lhs, sense, rhs)\n--\n\nThe result of a comparison of expressions; Model.addConstr makes "
-                                                      "constraints of it.")},
-                       {Py_tp_new, slot(tempconstr_new)},
-                       {Py_tp_dealloc, slot(tempconstr_dealloc)},
-                       {Py_tp_traverse, slot(tempconstr_traverse)},
-                       {Py_tp_clear, slot(tempconstr_clear)},
-                       {Py_tp_repr, slot(tempconstr_repr)},
-                       {Py_tp_members, members},
-                       {Py_nb_bool, slot(tempconstr_bool)},
-                       {}};
+PyType_Slot slots[] = {
+    {Py_tp_doc,
+     const_cast<char *>(
+         "TempConstr(lhs, sense, rhs)\n--\n\nThe result of a comparison of expressions; Model.addConstr makes "
+         "constraints of it.")},
+    {Py_tp_new, slot(tempconstr_new)},
+    {Py_tp_dealloc, slot(tempconstr_dealloc)},
+    {Py_tp_traverse, slot(tempconstr_traverse)},
+    {Py_tp_clear, slot(tempconstr_clear)},
+    {Py_tp_repr, slot(tempconstr_repr)},
+    {Py_tp_members, members},
+    {Py_nb_bool, slot(tempconstr_bool)},
+    {}};
 
 PyType_Spec spec = {"tarvopy.TempConstr", sizeof(TempConstrObject), 0,
                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE, slots};
@@ -107,6 +119,8 @@ Ref new_tempconstr(PyObject *lhs, PyObject *sense, PyObject *rhs) {
     return Ref::steal(as_object(self));
 }
 
-void add_tempconstr_type(PyObject *module) { state.TempConstr = make_type(module, &spec, "TempConstr"); }
+void add_tempconstr_type(PyObject *module) {
+    state.TempConstr = make_type(module, &spec, "TempConstr");
+}
 
 } // namespace tarvopy::core

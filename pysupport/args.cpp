@@ -4,7 +4,8 @@
 
 namespace pysupport {
 
-Signature::Signature(const char *name, std::initializer_list<const char *> names, int required_count, int positional_count)
+Signature::Signature(const char *name, std::initializer_list<const char *> names, int required_count,
+                     int positional_count)
     : function(name), required(required_count) {
     for (const char *parameter : names)
         parameters[count++] = parameter;

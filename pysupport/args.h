@@ -23,7 +23,8 @@ struct Signature {
     int required = 0;
     int positional = 0; // the parameters from here on are keyword-only
 
-    Signature(const char *name, std::initializer_list<const char *> names, int required_count, int positional_count = -1);
+    Signature(const char *name, std::initializer_list<const char *> names, int required_count,
+              int positional_count = -1);
 };
 
 class Arguments {

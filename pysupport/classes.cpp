@@ -40,7 +40,9 @@ Member static_method(const char *name, MethodFunction function, const char *doc)
     return {Member::StaticMethod, definition(name, function, 0, doc), {}};
 }
 
-Member property(const char *name, PropertyGet get, const char *doc) { return property(name, get, nullptr, doc); }
+Member property(const char *name, PropertyGet get, const char *doc) {
+    return property(name, get, nullptr, doc);
+}
 
 Member property(const char *name, PropertyGet get, PropertySet set, const char *doc) {
     return {Member::Property, {}, {name, get, set, doc, nullptr}};
@@ -67,7 +69,8 @@ Ref new_namespace(const char *module, const char *qualname, const char *doc) {
 }
 
 Ref build_class(const char *name, PyTypeObject *base, PyObject *namespace_dict) {
-    return check(PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyType_Type), "s(O)O", name, base, namespace_dict));
+    return check(
+        PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyType_Type), "s(O)O", name, base, namespace_dict));
 }
 
 } // namespace pysupport

@@ -8,8 +8,8 @@
 //   Ref cls = build_class(base, "MVar", "tarvopy._matrixapi", doc, members);
 //   add_members(...) registers what several classes share.
 //
-// A method is a method descriptor over a vectorcall function, which Python also binds to the operator slots (`__add__`). The
-// rows must outlive the classes: keep them in static storage.
+// A method is a method descriptor over a vectorcall function, which Python also binds to the operator slots
+// (`__add__`). The rows must outlive the classes: keep them in static storage.
 #pragma once
 
 #include "pysupport/error.h"
@@ -29,7 +29,7 @@ struct Member {
 };
 
 Member method(const char *name, MethodFunction function, const char *doc);
-Member class_method(const char *name, MethodFunction function, const char *doc); // self is the class
+Member class_method(const char *name, MethodFunction function, const char *doc);  // self is the class
 Member static_method(const char *name, MethodFunction function, const char *doc); // self is NULL
 Member property(const char *name, PropertyGet get, const char *doc);
 Member property(const char *name, PropertyGet get, PropertySet set, const char *doc);

@@ -1,7 +1,8 @@
 // Errors: one way in, one way out.
 //
-// Inside a method a failing C-API call throws PythonError, with Python's error indicator set; `border` at the method's edge turns that
-// back into NULL (or -1), and std::bad_alloc into MemoryError, std::invalid_argument (from code without Python in it) into ValueError.
+// Inside a method a failing C-API call throws PythonError, with Python's error indicator set; `border` at the method's
+// edge turns that back into NULL (or -1), and std::bad_alloc into MemoryError, std::invalid_argument (from code without
+// Python in it) into ValueError.
 //
 //   Ref shape = check(PyObject_GetAttr(a, names.shape));       Ref of a new reference, or throws
 //   check_status(PyList_Append(list, item));                   throws when the call returned below 0

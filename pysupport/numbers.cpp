@@ -19,7 +19,9 @@ PyObject *real_types() {
     return types;
 }
 
-bool is_numpy_scalar(PyObject *object) { return numpy_loaded() && PyArray_IsScalar(object, Generic); }
+bool is_numpy_scalar(PyObject *object) {
+    return numpy_loaded() && PyArray_IsScalar(object, Generic);
+}
 
 bool is_real_numpy_scalar(PyObject *object) {
     if (PyArray_IsScalar(object, Bool))

@@ -3,9 +3,10 @@
 //   double value;
 //   if (number_value(object, &value)) ...       false: not a number, nothing raised
 //
-// Numbers are float, int and bool, NumPy's real scalars (np.float64, np.int32, np.bool_, ...), and what Python itself calls a real
-// number: instances of numbers.Real (Fraction) and decimal.Decimal. Not numbers: complex values, strings, dates and
-// durations, arrays of any kind (0-dimensional ones too), and other objects that merely have a __float__, such as a table column of length one.
+// Numbers are float, int and bool, NumPy's real scalars (np.float64, np.int32, np.bool_, ...), and what Python itself
+// calls a real number: instances of numbers.Real (Fraction) and decimal.Decimal. Not numbers: complex values, strings,
+// dates and durations, arrays of any kind (0-dimensional ones too), and other objects that merely have a __float__,
+// such as a table column of length one.
 #pragma once
 
 #include "pysupport/error.h"

@@ -32,7 +32,11 @@ inline bool is_array(PyObject *object) {
     return (PyArray_API || numpy_loaded()) && PyArray_Check(object);
 }
 
-inline PyArrayObject *as_array(PyObject *object) { return reinterpret_cast<PyArrayObject *>(object); }
-inline PyArrayObject *as_array(const Ref &object) { return as_array(object.get()); }
+inline PyArrayObject *as_array(PyObject *object) {
+    return reinterpret_cast<PyArrayObject *>(object);
+}
+inline PyArrayObject *as_array(const Ref &object) {
+    return as_array(object.get());
+}
 
 } // namespace pysupport

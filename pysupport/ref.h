@@ -4,8 +4,8 @@
 //   Ref type = Ref::borrow(object);           adds a reference of its own to one that somebody else holds
 //   return list.release();                    hands the reference to the caller
 //
-// Steal and borrow are spoken wherever a pointer enters, release wherever one leaves, so that no reference changes hands unsaid.
-// Ref::steal(NULL) is an empty Ref; `check(...)` in error.h turns a failed call into an exception first.
+// Steal and borrow are spoken wherever a pointer enters, release wherever one leaves, so that no reference changes
+// hands unsaid. Ref::steal(NULL) is an empty Ref; `check(...)` in error.h turns a failed call into an exception first.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN

@@ -31,7 +31,8 @@ std::string text(const Shape &shape) {
 
 void validate(const Shape &shape) {
     if (shape.size() > max_dimensions)
-        throw std::invalid_argument("maximum supported dimension for an array is 64, found " + std::to_string(shape.size()));
+        throw std::invalid_argument("maximum supported dimension for an array is 64, found " +
+                                    std::to_string(shape.size()));
     if (std::any_of(shape.begin(), shape.end(), [](std::int64_t extent) { return extent < 0; }))
         throw std::invalid_argument("negative dimensions are not allowed: " + text(shape));
     if (!product_fits(shape))
@@ -78,14 +79,16 @@ std::optional<Shape> try_matmul(const Shape &a, const Shape &b) {
 Shape matmul(const Shape &a, const Shape &b) {
     std::string both = text(a) + " " + text(b);
     if (a.empty() || b.empty())
-        throw std::invalid_argument("matrix product of shapes " + both + ": each operand needs at least one dimension (use *)");
+        throw std::invalid_argument("matrix product of shapes " + both +
+                                    ": each operand needs at least one dimension (use *)");
     std::int64_t inner = b.size() == 1 ? b[0] : b[b.size() - 2];
     if (a.back() != inner)
-        throw std::invalid_argument("matrix product of shapes " + both + ": the inner dimensions " + std::to_string(a.back()) +
-                                    " and " + std::to_string(inner) + " differ");
+        throw std::invalid_argument("matrix product of shapes " + both + ": the inner dimensions " +
+                                    std::to_string(a.back()) + " and " + std::to_string(inner) + " differ");
     std::optional<Shape> result = try_matmul(a, b);
     if (!result)
-        throw std::invalid_argument("matrix product of shapes " + both + ": the leading dimensions cannot be broadcast together");
+        throw std::invalid_argument("matrix product of shapes " + both +
+                                    ": the leading dimensions cannot be broadcast together");
     check_size(*result, a, b);
     return *result;
 }

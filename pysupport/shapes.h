@@ -3,8 +3,8 @@
 //   Shape s = broadcast({2, 3}, {3});        {2, 3}
 //   Shape p = matmul({5, 2, 3}, {3});        {5, 2}
 //
-// A shape has at most 64 extents, none negative, and a product that fits 63 bits (zero extents left out, as NumPy counts). Errors are
-// std::invalid_argument, which the border makes a ValueError; the text names both shapes.
+// A shape has at most 64 extents, none negative, and a product that fits 63 bits (zero extents left out, as NumPy
+// counts). Errors are std::invalid_argument, which the border makes a ValueError; the text names both shapes.
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,7 @@
-"""The native interfaces below the Python names, through ctypes: the store's C functions and the function table of ``tarvopy._core``.
+"""The native interfaces below the Python names, through ctypes: the store's C functions and the table of ``_core``.
 
-    model = NativeModel(3)          a model handle with three variables, x0, x1, x2, after its update
-    model.vars                      their Var objects
+model = NativeModel(3)          a model handle with three variables, x0, x1, x2, after its update
+model.vars                      their Var objects
 """
 
 import ctypes
@@ -125,7 +125,9 @@ class NativeModel:
         pointers = [None if a is None else a.ctypes.data for a in optional]
         n = len(ptr) - 1
         out = (py_object * n)()
-        api.linexprs(self.handle, n, ptr.ctypes.data, ids.ctypes.data, pointers[0], scale, pointers[1], ctypes.addressof(out))
+        api.linexprs(
+            self.handle, n, ptr.ctypes.data, ids.ctypes.data, pointers[0], scale, pointers[1], ctypes.addressof(out)
+        )
         result = list(out)
         for item in result:  # the array held new references, which ctypes knows nothing of
             ctypes.pythonapi.Py_DecRef(py_object(item))

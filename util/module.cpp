@@ -1,6 +1,7 @@
 // tarvopy._util: shapes, type questions, the kernels of nonlinear matrix products, and the accessor _ptr for C callers.
 //
-// C functions stand in the module dictionary `__capi__`, from name to a capsule named after the signature (collaborators/util.h).
+// C functions stand in the module dictionary `__capi__`, from name to a capsule named after the signature
+// (collaborators/util.h).
 #include "functions.h"
 
 #include "collaborators/util.h"
@@ -18,14 +19,18 @@ PyObject *isscalar(PyObject *, PyObject *object) {
     return border([&] { return Ref::borrow(is_number(object) ? Py_True : Py_False); });
 }
 
-PyObject *isstr(PyObject *, PyObject *object) { return PyBool_FromLong(PyUnicode_Check(object)); }
+PyObject *isstr(PyObject *, PyObject *object) {
+    return PyBool_FromLong(PyUnicode_Check(object));
+}
 
 PyObject *nonlinear_product(PyObject *, PyObject *, PyObject *) {
     PyErr_SetString(PyExc_NotImplementedError, "matrix products of nonlinear expressions are not available yet");
     return nullptr;
 }
 
-void *model_pointer(PyObject *handle) { return core->store(handle); }
+void *model_pointer(PyObject *handle) {
+    return core->store(handle);
+}
 
 // PyMethodDef has one field for functions of every calling convention.
 template <class F> PyCFunction as_method(F *function) {
@@ -36,17 +41,22 @@ constexpr int fast = METH_FASTCALL | METH_KEYWORDS;
 constexpr const char *kernel_doc = "A nonlinear matrix product as an array of expression trees; not available yet.";
 
 PyMethodDef methods[] = {
-    {"_isscalar", isscalar, METH_O, "_isscalar(x)\n--\n\nWhether x is a real number: Python's, NumPy's, Fraction or Decimal."},
+    {"_isscalar", isscalar, METH_O,
+     "_isscalar(x)\n--\n\nWhether x is a real number: Python's, NumPy's, Fraction or Decimal."},
     {"_isstr", isstr, METH_O, "_isstr(x)\n--\n\nWhether x is a string."},
     {"_broadcast_shapes", as_method(broadcast_shapes), fast,
-     "_broadcast_shapes(s1, s2)\n--\n\nNumPy's broadcast of one or two shapes (ints or tuples) as a tuple; ValueError naming both."},
+     "_broadcast_shapes(s1, s2)\n--\n\nNumPy's broadcast of one or two shapes (ints or tuples) as a tuple; ValueError "
+     "naming both."},
     {"_axis_to_axeslist", as_method(axis_to_axeslist), fast,
-     "_axis_to_axeslist(axis, ndim)\n--\n\nFor each axis its number in the result of a reduction, -1 where it is summed away.\n\naxis: None "
+     "_axis_to_axeslist(axis, ndim)\n--\n\nFor each axis its number in the result of a reduction, -1 where it is "
+     "summed away.\n\naxis: None "
      "(all), an int or a tuple of ints; IndexError out of range, ValueError for duplicates."},
     {"_matmul_shape", as_method(matmul_shape), fast,
-     "_matmul_shape(s1, s2, do_raise=True)\n--\n\nThe shape of a matrix product; ValueError naming both, or None without do_raise."},
+     "_matmul_shape(s1, s2, do_raise=True)\n--\n\nThe shape of a matrix product; ValueError naming both, or None "
+     "without do_raise."},
     {"_all_refs_match", as_method(all_refs_match), METH_FASTCALL,
-     "_all_refs_match(*arrays)\n--\n\nWhether all elements (Var, LinExpr, constraint handles) refer to the same model; constants fit any."},
+     "_all_refs_match(*arrays)\n--\n\nWhether all elements (Var, LinExpr, constraint handles) refer to the same model; "
+     "constants fit any."},
     {"_dense_matmul_kernel", as_method(nonlinear_product), METH_VARARGS | METH_KEYWORDS, kernel_doc},
     {"_sparse_right_matmul_kernel", as_method(nonlinear_product), METH_VARARGS | METH_KEYWORDS, kernel_doc},
     {"_sparse_left_matmul_kernel", as_method(nonlinear_product), METH_VARARGS | METH_KEYWORDS, kernel_doc},
@@ -68,11 +78,17 @@ PyModuleDef_Slot slots[] = {{Py_mod_exec, reinterpret_cast<void *>(execute)},
                             {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED},
                             {}};
 
-PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT, .m_name = "tarvopy._util",
-                          .m_doc = "Shape arithmetic and type questions.", .m_size = 0, .m_methods = methods, .m_slots = slots};
+PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT,
+                          .m_name = "tarvopy._util",
+                          .m_doc = "Shape arithmetic and type questions.",
+                          .m_size = 0,
+                          .m_methods = methods,
+                          .m_slots = slots};
 
 } // namespace
 
 } // namespace tarvopy::util
 
-PyMODINIT_FUNC PyInit__util() { return PyModuleDef_Init(&tarvopy::util::definition); }
+PyMODINIT_FUNC PyInit__util() {
+    return PyModuleDef_Init(&tarvopy::util::definition);
+}

@@ -10,7 +10,8 @@ using namespace pysupport;
 namespace {
 
 bool is_handle(PyTypeObject *type) {
-    return type == core->Var || type == core->Constr || type == core->QConstr || type == core->GenConstr || type == core->NLConstr;
+    return type == core->Var || type == core->Constr || type == core->QConstr || type == core->GenConstr ||
+           type == core->NLConstr;
 }
 
 // The one model met so far, and whether everything fitted it.

@@ -17,7 +17,9 @@ Ref shape_tuple(const Shape &shape) {
     return tuple;
 }
 
-int64_t read_extent(PyObject *object) { return check_value(PyNumber_AsSsize_t(object, PyExc_ValueError)); }
+int64_t read_extent(PyObject *object) {
+    return check_value(PyNumber_AsSsize_t(object, PyExc_ValueError));
+}
 
 // An int, or a tuple or list of ints.
 Shape read_shape(PyObject *object) {

@@ -9,7 +9,8 @@ def counts() -> dict[str, int]:
 
 
 def eager(flag: bool | None = None) -> bool:
-    """Whether matrix objects make their element objects at once instead of on demand; a flag sets it. Returns the old state."""
+    """Whether matrix objects make their element objects at once instead of on demand. A flag sets it; returns the old
+    state."""
     from tarvopy import _matrixapi
 
     return _matrixapi._eager(flag)

@@ -1,7 +1,7 @@
 """The exceptions of the package.
 
-``TarvoError`` is raised for refusals that concern a model or the rules of modelling; wrong Python types and shapes raise Python's own
-exceptions.
+``TarvoError`` is raised for refusals that concern a model or the rules of modelling. Wrong Python types and shapes
+raise Python's own exceptions.
 """
 
 
@@ -21,4 +21,7 @@ class TarvoError(Exception):
 
 
 class NoDataError(TarvoError, AttributeError):
-    """An attribute that is not there yet, for instance ``X`` before a solve (an ``AttributeError``, so that ``hasattr`` says no)."""
+    """An attribute that is not there yet, for instance ``X`` before a solve.
+
+    An ``AttributeError`` too, so that ``hasattr`` says no.
+    """

@@ -1,4 +1,4 @@
-"""The constants of the package, as attributes of the class ``TRV``. The numbers are those of the store's C interface."""
+"""The constants of the package, as attributes of the class ``TRV``; the numbers are those of the store's interface."""
 
 
 class _Error:
