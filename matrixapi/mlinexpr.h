@@ -16,6 +16,7 @@
 
 #include "matrixapi/base.h"
 #include "matrixapi/flat.h"
+#include "matrixapi/names.h"
 
 #include "pysupport/classes.h"
 
@@ -53,7 +54,12 @@ struct LinearNative final : Native {
     Ref model; // the handle all ids belong to; empty while no variable occurs
     std::vector<Part> parts; // compact; the constant and the shape are those of the array `_const` in the dictionary
     flat::Form form;         // full
-    LinearNative() : Native(Linear) {}
+    uint64_t stamp;          // another one after every change: whoever ran Python code compares it
+    LinearNative() : Native(Linear), stamp(next_stamp()) {}
+    static uint64_t next_stamp() {
+        static uint64_t last = 0;
+        return ++last;
+    }
     int traverse(visitproc visit, void *arg) override;
 };
 
@@ -62,9 +68,8 @@ inline LinearNative *linear_of(PyObject *expr) { return static_cast<LinearNative
 
 enum class State { CompactNative, CompactMade, Flat, Objects };
 
-extern PyObject *mlinexpr_class; // borrowed from the module; set by build_mlinexpr_class
 inline bool is_mlinexpr(PyObject *object) {
-    return PyObject_TypeCheck(object, reinterpret_cast<PyTypeObject *>(mlinexpr_class));
+    return PyObject_TypeCheck(object, reinterpret_cast<PyTypeObject *>(mod.MLinExpr));
 }
 
 // AttributeError where an attribute of the state was deleted.
@@ -84,6 +89,8 @@ Ref shape_tuple(const flat::Shape &shape);
 Ref make_flat(PyObject *cls, flat::Form form, Ref model);
 // const_array: an exact, writeable float64 ndarray which the expression owns from now on. An array of size 0 drops the parts.
 Ref make_compact(PyObject *cls, std::vector<Part> parts, Ref const_array, Ref model);
+// CompactMade, over a list of pairs as it is.
+Ref make_compact_pairs(PyObject *cls, const Ref &list, const Ref &const_array);
 // Full, over an object array as it is.
 Ref make_objects(PyObject *cls, Ref learr);
 // zeros(shape): compact where the switch and the shape allow it.
@@ -93,8 +100,10 @@ Ref from_mvar(PyObject *cls, PyObject *mvar, bool force_full = false);
 Ref from_var(PyObject *cls, PyObject *var);         // 0-dimensional, full
 Ref from_linexpr(PyObject *cls, PyObject *linexpr); // 0-dimensional, full, a copy
 
-// A new float64 ndarray of the shape; values may be NULL for zeros.
+// A new float64 ndarray of the shape; zeros where values is NULL.
 Ref float_array(const flat::Shape &shape, const double *values = nullptr);
+// The constants of a form in its shape.
+Ref constants_array(const flat::Form &form);
 
 // ---- reading without changing -------------------------------------------------------------------------------------------
 // The full value. False where only the element-wise path applies (foreign elements, several models); `form` and `model` are then
@@ -104,9 +113,15 @@ bool flat_value(PyObject *expr, flat::Form &form, Ref &model);
 bool native_parts(PyObject *expr, std::vector<Part> &parts, Ref &model);
 // Of a compact expression: `_const` (borrowed), checked to be an ndarray.
 PyObject *const_array(PyObject *expr);
+// LinExpr objects one after the other, as a form of the given shape; false where one is no LinExpr or two models meet.
+bool read_linexprs(PyObject *const *elements, const flat::Shape &shape, flat::Form &form, Ref &model);
+// The elements of an object array of any layout, in C order; false also for an array of another dtype.
+bool read_array(PyObject *learr, flat::Form &form, Ref &model);
+// A C-contiguous exact ndarray with the elements of `array`; NULL elements are possible.
+Ref contiguous_objects(PyObject *array);
 // True when both models may stand in one form; `model` then holds the one that is there.
 bool merge_models(Ref &model, const Ref &other);
-// A LinExpr (or Var) as a form of shape (); false for removed layouts or several models.
+// A LinExpr or Var as a form of shape (); false where it mixes models.
 bool flat_linexpr(PyObject *linexpr, flat::Form &form, Ref &model);
 
 // ---- changing the state -------------------------------------------------------------------------------------------------
@@ -117,7 +132,7 @@ void set_parts(PyObject *expr, std::vector<Part> parts, Ref model);
 void join_parts(PyObject *expr);
 Part joined(const std::vector<Part> &parts); // at least one
 // Makes: the documented pair (csr_matrix, MVar) of a part.
-Ref part_pair(const Part &part);
+Ref part_pair(const Part &part, const Ref &model);
 // In place, compact to full: native stays native. Does nothing to a full expression.
 void convert_to_full(PyObject *expr);
 // `_to_full()` of a compact expression: a new full one (joins the receiver's parts, as the text says).
@@ -132,6 +147,8 @@ void take_over(PyObject *expr, flat::Form form, Ref model);
 // A receiver in any state becomes full with this value; objects that exist are let go (`_learr` is replaced).
 void become_flat(PyObject *expr, flat::Form form, Ref model);
 void become_objects(PyObject *expr, Ref learr);
+// Makes: the pairs of a compact expression (a list, or the tuple that somebody gave); throws for a full one.
+Ref matmulparts(PyObject *expr);
 // Makes: the object array of a full expression (a compact one is converted in place first).
 Ref learr(PyObject *expr);
 // Makes: a new object array of LinExpr of the form's shape.

@@ -1,0 +1,312 @@
+// Sums over axes, values of a solution, constants, and tidying of MLinExpr.
+//
+//   e.sum(axis=0)      full, terms in the order of the elements; e is full afterwards
+//   e.getValue()       float64 array; one pass over the terms, the solution read from the store by ids
+//   e.clear()          all-zero, same shape, same state
+#include "matrixapi/mlinexpr.h"
+
+#include "matrixapi/flat_product.h"
+#include "matrixapi/mlinexpr_dict.h"
+#include "matrixapi/mvar.h"
+#include "matrixapi/operands.h"
+
+#include "pysupport/args.h"
+#include "pysupport/numpy.h"
+
+namespace tarvopy {
+
+using namespace pysupport;
+
+namespace {
+
+flat::Form zeros_like(const flat::Shape &shape) {
+    flat::Form form;
+    form.shape = shape;
+    form.size = flat::size_of(shape);
+    return form;
+}
+
+PyObject **elements_in(const Ref &contiguous) { return static_cast<PyObject **>(PyArray_DATA(as_array(contiguous))); }
+
+PyObject *element_or_none(PyObject *element) { return element ? element : Py_None; }
+
+// ---- sum ---------------------------------------------------------------------------------------------------------------
+
+[[noreturn]] void invalid_axes(PyObject *axis) {
+    PyErr_Clear();
+    Ref text = check(PyUnicode_FromFormat("Invalid axis specifications: %S", axis));
+    const char *message = PyUnicode_AsUTF8(text.get());
+    if (!message)
+        throw PythonError{};
+    fail_tarvo(-1, message);
+}
+
+bool is_rejection() {
+    return PyErr_ExceptionMatches(PyExc_IndexError) || PyErr_ExceptionMatches(PyExc_ValueError) ||
+           PyErr_ExceptionMatches(PyExc_TypeError);
+}
+
+// For each axis its place in the result, -1 where it is summed away.
+std::vector<int> result_axes(PyObject *axis, size_t ndim) {
+    Ref list = Ref::steal(PyObject_CallFunction(mod.axis_to_axeslist, "On", axis, static_cast<Py_ssize_t>(ndim)));
+    if (!list && is_rejection())
+        invalid_axes(axis);
+    if (!list)
+        throw PythonError{};
+    std::vector<int> axes;
+    Ref items = check(PySequence_Tuple(list.get()));
+    for (Py_ssize_t d = 0; d < PyTuple_GET_SIZE(items.get()); ++d)
+        axes.push_back(static_cast<int>(check_value(PyLong_AsLong(PyTuple_GET_ITEM(items.get(), d)))));
+    if (axes.size() != ndim)
+        invalid_axes(axis);
+    return axes;
+}
+
+flat::Shape kept_shape(const flat::Shape &shape, const std::vector<int> &axes) {
+    flat::Shape kept;
+    for (size_t d = 0; d < shape.size(); ++d)
+        if (axes[d] >= 0)
+            kept.push_back(shape[d]);
+    return kept;
+}
+
+// Elements of several models, or foreign ones: LinExpr decides what it takes.
+Ref elementwise_sum(PyObject *expr, const std::vector<int> &axes) {
+    Ref given = contiguous_objects(learr(expr).get());
+    flat::Shape shape = shape_of_array(given.get()), kept = kept_shape(shape, axes);
+    Ref result = linexpr_array(zeros_like(kept), {});
+    std::vector<int64_t> step(shape.size(), 0), place(shape.size(), 0);
+    int64_t stride = 1;
+    for (size_t d = shape.size(); d-- > 0;)
+        if (axes[d] >= 0) {
+            step[d] = stride;
+            stride *= shape[d];
+        }
+    int64_t target = 0;
+    for (int64_t i = 0; i < PyArray_SIZE(as_array(given)); ++i) {
+        check_status(mod.core->linexpr_add(elements_in(result)[target], element_or_none(elements_in(given)[i]), 1.0));
+        for (size_t d = shape.size(); d-- > 0;) {
+            target += step[d];
+            if (++place[d] < shape[d])
+                break;
+            target -= step[d] * place[d];
+            place[d] = 0;
+        }
+    }
+    return make_objects(mod.MLinExpr, std::move(result));
+}
+
+PyObject *sum(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"sum", {"axis"}, 0};
+        Arguments given(signature, 1, args, nargs, kwnames);
+        convert_to_full(self);
+        std::vector<int> axes = result_axes(given.get(0, Py_None), shape_of(self).size());
+        flat::Form form;
+        Ref model;
+        if (!flat_value(self, form, model) || form.shape.size() != axes.size())
+            return elementwise_sum(self, axes);
+        return make_flat(mod.MLinExpr, flat::summed(form, axes), std::move(model));
+    });
+}
+
+// ---- values ------------------------------------------------------------------------------------------------------------
+
+std::vector<double> solution(TRVmodel *store, const flat::Buffer<int32_t> &ids) {
+    std::vector<double> x(static_cast<size_t>(ids.size()));
+    if (int code = TRVgetdbls(store, "X", ids.size(), ids.data(), 0, x.data()))
+        check_status(mod.core->raise(store, code));
+    return x;
+}
+
+// Adds the value of every row.
+void add_values(TRVmodel *store, const flat::Summand &summand, double *values) {
+    bool local = !summand.vars.empty(); // the solution by column, or term by term
+    std::vector<double> x = solution(store, local ? summand.vars : summand.cols);
+    for (int64_t row = 0; row < summand.nrows; ++row) {
+        double total = 0.0;
+        for (int64_t k = summand.begin(row), end = summand.end(row); k < end; ++k)
+            total += summand.coefficient(k) * x[static_cast<size_t>(local ? summand.column(k) : k)];
+        values[row] += total;
+    }
+}
+
+Ref value_of_form(const flat::Form &form, const Ref &model) {
+    Ref values = constants_array(form);
+    if (form.nnz() == 0)
+        return values;
+    TRVmodel *store = mod.core->store(model.get());
+    if (!store)
+        throw PythonError{};
+    auto *to = static_cast<double *>(PyArray_DATA(as_array(values)));
+    for (const flat::Summand &summand : form.summands)
+        if (summand.nnz() > 0)
+            add_values(store, summand, to);
+    return values;
+}
+
+// A number for each element, from a method of the elements.
+Ref element_numbers(PyObject *expr, const char *method) {
+    Ref given = contiguous_objects(learr(expr).get());
+    Ref values = float_array(shape_of_array(given.get()));
+    auto *to = static_cast<double *>(PyArray_DATA(as_array(values)));
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(given)); ++i) {
+        Ref number = check(PyObject_CallMethod(element_or_none(elements_in(given)[i]), method, nullptr));
+        to[i] = check_value(PyFloat_AsDouble(number.get()));
+    }
+    return values;
+}
+
+// const + A @ x.X over the documented pair, for variables without common ids.
+Ref value_of_pair(PyObject *expr) {
+    Ref pair = check(PySequence_GetItem(matmulparts(expr).get(), 0));
+    Ref matrix = check(PySequence_GetItem(pair.get(), 0)), mvar = check(PySequence_GetItem(pair.get(), 1));
+    Ref x = check(PyObject_GetAttrString(mvar.get(), "X"));
+    Ref product = check(PyNumber_MatrixMultiply(matrix.get(), x.get()));
+    Ref shaped = check(PyObject_CallMethodOneArg(product.get(), names.reshape, shape_tuple(shape_of(expr)).get()));
+    return check(PyNumber_Add(const_array(expr), shaped.get()));
+}
+
+Ref value_of(PyObject *expr) {
+    if (is_compact(expr))
+        join_parts(expr);
+    flat::Form form;
+    Ref model;
+    if (flat_value(expr, form, model))
+        return value_of_form(form, model);
+    return is_compact(expr) ? value_of_pair(expr) : element_numbers(expr, "getValue");
+}
+
+Ref constant_of(PyObject *expr) {
+    if (is_compact(expr))
+        return check(PyArray_NewCopy(as_array(const_array(expr)), NPY_CORDER));
+    if (LinearNative *native = linear_of(expr))
+        return constants_array(native->form);
+    return element_numbers(expr, "getConstant");
+}
+
+// ---- clearing and tidying ------------------------------------------------------------------------------------------------
+
+void clear_compact(PyObject *expr) {
+    if (!is_compact(expr))
+        fail(PyExc_TypeError, "a full MLinExpr has no parts to clear");
+    check(PyObject_CallMethod(const_array(expr), "fill", "d", 0.0));
+    if (is_compact(expr))
+        set_parts(expr, {}, {});
+}
+
+// Calls the C function on every LinExpr, the method of that name on anything else.
+void each_element(PyObject *expr, int (*work)(PyObject *), const char *method) {
+    Ref given = contiguous_objects(learr(expr).get());
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(given)); ++i) {
+        PyObject *element = element_or_none(elements_in(given)[i]);
+        if (PyObject_TypeCheck(element, mod.core->LinExpr))
+            check_status(work(element));
+        else
+            check(PyObject_CallMethod(element, method, nullptr));
+    }
+}
+
+void clear_full(PyObject *expr) {
+    LinearNative *native = linear_of(expr);
+    if (native && !native->compact)
+        become_flat(expr, zeros_like(native->form.shape), {});
+    else
+        each_element(expr, mod.core->linexpr_clear, "clear");
+}
+
+void clear(PyObject *expr) { is_compact(expr) ? clear_compact(expr) : clear_full(expr); }
+
+void flatten(PyObject *) {} // LinExpr keeps its terms in plain lists at any time
+
+int32_t largest_id(const flat::Summand &summand) {
+    const int32_t *first = summand.cols.data();
+    return summand.cols.empty() ? -1 : *std::max_element(first, first + summand.cols.size());
+}
+
+void normalize(PyObject *expr) {
+    if (is_compact(expr))
+        return;
+    LinearNative *native = linear_of(expr);
+    if (!native)
+        return each_element(expr, mod.core->linexpr_normalize, "_normalize");
+    flat::Form form = native->form;
+    Ref model = native->model;
+    flat::Summand joined = flat::joined(form.summands, form.size);
+    form.summands.clear();
+    if (joined.nnz() > 0)
+        form.summands.push_back(flat::normalized(joined, largest_id(joined) + 1));
+    become_flat(expr, std::move(form), std::move(model));
+}
+
+// ---- members -----------------------------------------------------------------------------------------------------------
+
+template <class Work>
+PyObject *plain(const Signature &signature, Work work, PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        Arguments(signature, 1, args, nargs, kwnames);
+        if constexpr (std::is_void_v<decltype(work(self))>) {
+            work(self);
+            return Ref::none();
+        } else {
+            return work(self);
+        }
+    });
+}
+
+PyObject *get_value(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    static const Signature signature{"getValue", {}, 0};
+    return plain(signature, value_of, self, args, nargs, kwnames);
+}
+
+PyObject *get_constant(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    static const Signature signature{"getConstant", {}, 0};
+    return plain(signature, constant_of, self, args, nargs, kwnames);
+}
+
+PyObject *clear_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    static const Signature signature{"clear", {}, 0};
+    return plain(signature, clear, self, args, nargs, kwnames);
+}
+
+PyObject *clear_compact_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    static const Signature signature{"_clear_compact", {}, 0};
+    return plain(signature, clear_compact, self, args, nargs, kwnames);
+}
+
+PyObject *clear_full_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    static const Signature signature{"_clear_full", {}, 0};
+    return plain(signature, clear_full, self, args, nargs, kwnames);
+}
+
+PyObject *flatten_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    static const Signature signature{"_flatten", {}, 0};
+    return plain(signature, flatten, self, args, nargs, kwnames);
+}
+
+PyObject *normalize_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    static const Signature signature{"_normalize", {}, 0};
+    return plain(signature, normalize, self, args, nargs, kwnames);
+}
+
+} // namespace
+
+std::span<Member> value_members() {
+    static Member members[] = {
+        method("sum", sum,
+               "sum($self, axis=None)\n--\n\nThe sum over the given axes (None: all), a full expression. Brings this one to the full\n"
+               "state. TarvoError for an axis out of range."),
+        method("getValue", get_value,
+               "getValue($self)\n--\n\nThe value in the last solution, a float64 array of this shape. NoDataError without a solution."),
+        method("getConstant", get_constant, "getConstant($self)\n--\n\nThe constant terms, a new float64 array of this shape."),
+        method("clear", clear_method, "clear($self)\n--\n\nMakes every element zero."),
+        method("_clear_compact", clear_compact_method, "_clear_compact($self)\n--\n\nNo parts, and the constants zero in place."),
+        method("_clear_full", clear_full_method, "_clear_full($self)\n--\n\nMakes every LinExpr empty."),
+        method("_flatten", flatten_method, "_flatten($self)\n--\n\nBrings the terms of every LinExpr to its plain lists."),
+        method("_normalize", normalize_method,
+               "_normalize($self)\n--\n\nMerges equal variables in each element and drops zero coefficients."),
+    };
+    return members;
+}
+
+} // namespace tarvopy

@@ -1,0 +1,276 @@
+// How the model reads expressions: both sides of a constraint as rows over ids (collaborators/matrix_rows.h).
+//
+//   x + y <= b      lhs: two summands, rhs: an array; the block is lhs - rhs, one row an element of the broadcast shape
+//   rows_write      one pass from the native form straight into the store's arrays
+//
+// Nothing is changed in the operands: a compact side is read from its parts, a full one from its form or from its LinExpr.
+#include "matrixapi/rows.h"
+
+#include "matrixapi/mlinexpr.h"
+#include "matrixapi/mvar.h"
+#include "matrixapi/operands.h"
+
+#include "pysupport/numpy.h"
+
+#include <cmath>
+
+namespace tarvopy {
+
+using namespace pysupport;
+
+namespace {
+
+struct Side {
+    flat::Form form;
+    Ref model;
+    bool scalar = false; // a scalar object or a number
+};
+
+constexpr int64_t most_elements = int64_t{1} << 31;
+
+[[noreturn]] void fail_models() {
+    mod.core->raise_error(TRV_ERROR_NOT_IN_MODEL, "variables of two models meet in one constraint or expression");
+    throw PythonError{};
+}
+
+// ---- one side ------------------------------------------------------------------------------------------------------------
+
+Side number_side(double value) {
+    Side side;
+    side.form.constant.uniform = value;
+    side.scalar = true;
+    return side;
+}
+
+Side numeric_side(const Ref &array) {
+    Side side;
+    side.form.shape = shape_of_array(array.get());
+    side.form.size = flat::size_of(side.form.shape);
+    if (side.form.size == 1)
+        side.form.constant.uniform = *doubles(array);
+    else
+        side.form.constant.values = flat::Buffer<double>::copy_of(doubles(array), side.form.size);
+    return side;
+}
+
+// An element of an object array as a LinExpr; infinite numbers are bounds here.
+Ref element_linexpr(PyObject *element) {
+    if (PyObject_TypeCheck(element, mod.core->LinExpr))
+        return Ref::borrow(element);
+    if (is_scalar(element))
+        return check(mod.core->linexpr_new(number(element)));
+    if (!PyObject_TypeCheck(element, mod.core->Var))
+        fail(PyExc_TypeError, "an element of type '%.200s' is no linear expression", Py_TYPE(element)->tp_name);
+    Ref made = check(mod.core->linexpr_new(0.0));
+    check_status(mod.core->linexpr_add(made.get(), element, 1.0));
+    return made;
+}
+
+Side element_side(PyObject *array) {
+    Ref elements = contiguous_objects(array);
+    auto **from = static_cast<PyObject **>(PyArray_DATA(as_array(elements)));
+    std::vector<Ref> owned;
+    std::vector<PyObject *> linexprs;
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(elements)); ++i) {
+        owned.push_back(element_linexpr(from[i] ? from[i] : Py_None));
+        linexprs.push_back(owned.back().get());
+    }
+    Side side;
+    if (!read_linexprs(linexprs.data(), shape_of_array(elements.get()), side.form, side.model))
+        fail_models();
+    return side;
+}
+
+Side array_side(PyObject *given) {
+    Ref array = plain_array(given);
+    if (Ref numbers = as_doubles(array.get()))
+        return numeric_side(numbers);
+    if (PyArray_TYPE(as_array(array)) == NPY_OBJECT)
+        return element_side(array.get());
+    fail(PyExc_TypeError, "an array of dtype %R is no side of a linear constraint", PyArray_DESCR(as_array(array)));
+}
+
+Side mvar_side(PyObject *mvar) {
+    VarIds given;
+    if (!mvar_ids(mvar, given))
+        return element_side(vararr_of(mvar).get());
+    Side side;
+    side.form.shape = std::move(given.shape);
+    side.form.size = flat::size_of(side.form.shape);
+    if (side.form.size > 0)
+        side.form.summands.push_back(flat::single(std::move(given.ids)));
+    side.model = std::move(given.model);
+    return side;
+}
+
+Side expression_side(PyObject *expr) {
+    Side side;
+    if (flat_value(expr, side.form, side.model))
+        return side;
+    if (is_compact(expr))
+        fail_models();
+    return element_side(learr(expr).get());
+}
+
+Side scalar_side(PyObject *object) {
+    Side side;
+    side.scalar = true;
+    if (!flat_linexpr(object, side.form, side.model))
+        fail_models();
+    return side;
+}
+
+Side side_of(PyObject *object) {
+    switch (kind_of(object)) {
+    case Operand::Scalar:
+        return number_side(number(object));
+    case Operand::Var:
+    case Operand::LinExpr:
+        return scalar_side(object);
+    case Operand::MVar:
+        return mvar_side(object);
+    case Operand::MLinExpr:
+        return expression_side(object);
+    case Operand::Array:
+        return array_side(object);
+    case Operand::Sparse:
+        return array_side(to_dense(object).get());
+    default:
+        fail(PyExc_TypeError, "'%.200s' is no side of a linear constraint", Py_TYPE(object)->tp_name);
+    }
+}
+
+// ---- both sides ----------------------------------------------------------------------------------------------------------
+
+struct Block {
+    flat::Form form;
+    Ref model;
+};
+
+bool too_large(const flat::Shape &shape) {
+    int64_t size = 1;
+    if (std::find(shape.begin(), shape.end(), 0) != shape.end())
+        return false;
+    for (int64_t extent : shape)
+        if (__builtin_mul_overflow(size, extent, &size) || size > most_elements)
+            return true;
+    return false;
+}
+
+flat::Shape common_shape(const flat::Shape &a, const flat::Shape &b) {
+    flat::Shape shape = broadcast_shapes(a, b);
+    if (too_large(shape))
+        fail(PyExc_ValueError, "a constraint over shapes %S and %S has more than 2**31 elements", shape_tuple(a).get(),
+             shape_tuple(b).get());
+    return shape;
+}
+
+bool holds_nan(const flat::Constant &constant) {
+    const double *first = constant.values.data();
+    return std::isnan(constant.uniform) ||
+           std::any_of(first, first + constant.values.size(), [](double value) { return std::isnan(value); });
+}
+
+// lhs - rhs. Infinite numbers pass (they are bounds), but the difference of two equal ones is none.
+std::unique_ptr<Block> difference(PyObject *lhs, PyObject *rhs, bool *scalar) {
+    Side left = side_of(lhs);
+    *scalar = left.scalar;
+    flat::Shape none;
+    if (!rhs) {
+        common_shape(left.form.shape, none);
+    } else {
+        Side right = side_of(rhs);
+        *scalar = left.scalar && right.scalar;
+        flat::Shape shape = common_shape(left.form.shape, right.form.shape);
+        if (!merge_models(left.model, right.model))
+            fail_models();
+        left.form = flat::broadcast(left.form, shape);
+        flat::add(left.form, flat::broadcast(right.form, shape), -1.0);
+    }
+    if (holds_nan(left.form.constant))
+        fail(PyExc_ValueError, "NaN is no constant of a constraint");
+    return std::make_unique<Block>(Block{std::move(left.form), std::move(left.model)});
+}
+
+int degree_of_elements(PyObject *array) {
+    Ref elements = contiguous_objects(array);
+    auto **from = static_cast<PyObject **>(PyArray_DATA(as_array(elements)));
+    int highest = 0;
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(elements)); ++i) {
+        int degree = degree_of(from[i] ? from[i] : Py_None);
+        if (degree < 0)
+            return degree;
+        highest = std::max(highest, degree);
+    }
+    return highest;
+}
+
+int degree_of_array(PyObject *array) {
+    int type = PyArray_TYPE(as_array(array));
+    if (type == NPY_OBJECT)
+        return degree_of_elements(array);
+    return PyTypeNum_ISBOOL(type) || PyTypeNum_ISINTEGER(type) || PyTypeNum_ISFLOAT(type) ? 0 : -2;
+}
+
+} // namespace
+
+int degree_of(PyObject *object) {
+    int degree = -2;
+    int failed = border_status([&] {
+        switch (kind_of(object)) {
+        case Operand::Scalar:
+        case Operand::Sparse:
+            degree = 0;
+            break;
+        case Operand::Array:
+            degree = degree_of_array(object);
+            break;
+        case Operand::Var:
+        case Operand::LinExpr:
+        case Operand::MVar:
+        case Operand::MLinExpr:
+            degree = 1;
+            break;
+        case Operand::QuadExpr:
+        case Operand::MQuadExpr:
+            degree = 2;
+            break;
+        case Operand::NLExpr:
+        case Operand::MNLExpr:
+            degree = 3;
+            break;
+        case Operand::Other:
+            break;
+        }
+    });
+    return failed < 0 ? -1 : degree;
+}
+
+int rows_open(PyObject *lhs, PyObject *rhs, RowBlock *block) {
+    *block = {};
+    return border_status([&] {
+        need_numpy();
+        std::unique_ptr<Block> held = difference(lhs, rhs, &block->scalar);
+        block->model = held->model.as<ModelObject>();
+        block->ndim = static_cast<int>(held->form.shape.size());
+        std::copy(held->form.shape.begin(), held->form.shape.end(), block->shape);
+        block->nrows = held->form.size;
+        block->nnz = held->form.nnz();
+        block->held = held.release();
+    });
+}
+
+int rows_write(RowBlock *block, int64_t *ptr, int32_t *var, double *coef, double *constants) {
+    return border_status([&] {
+        const flat::Form &form = static_cast<Block *>(block->held)->form;
+        flat::write_rows(form.summands, form.size, ptr, var, coef);
+        if (form.constant.values.empty())
+            std::fill_n(constants, form.size, form.constant.uniform);
+        else
+            std::copy_n(form.constant.values.data(), form.size, constants);
+    });
+}
+
+void rows_close(RowBlock *block) { delete static_cast<Block *>(std::exchange(block->held, nullptr)); }
+
+} // namespace tarvopy
