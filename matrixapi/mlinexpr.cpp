@@ -519,7 +519,7 @@ constexpr const char *class_doc =
 Ref build_mlinexpr_class() {
     Ref dict = new_namespace("tarvopy._matrixapi", "MLinExpr", class_doc);
     for (auto members : {own_members(), state_members(), value_members(), assign_members(), matmul_members(), addition_members(),
-                         multiplication_members()})
+                         multiplication_members(), product_members(), worker_members()})
         add_members(dict.get(), matrix_base, members);
     Ref priority = check(PyLong_FromLong(100)), one = check(PyLong_FromLong(1));
     check_status(PyDict_SetItemString(dict.get(), "__array_priority__", priority.get()));

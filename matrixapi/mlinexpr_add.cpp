@@ -58,7 +58,7 @@ void append_part(PyObject *self, Part part, const Ref &model) {
         return;
     }
     Ref list = check(PyObject_GetAttr(self, names._matmulparts));
-    Ref pair = part_pair(part);
+    Ref pair = part_pair(part, model);
     check_status(PyList_Check(list.get()) ? PyList_Append(list.get(), pair.get()) : -1);
 }
 

@@ -345,7 +345,9 @@ Part checked_part(PyObject *self, PyObject *given, PyObject *mvar) {
     Matrix matrix = read_matrix(given, is_sparse(given));
     if (!matrix.sparse && !matrix.array)
         fail(PyExc_TypeError, "a part needs a matrix of real numbers");
-    return make_part(summand_of(result_rows(matrix, Side::Right)), std::move(vars.ids));
+    // The part shows the very MVar that was given.
+    auto vector = std::make_shared<VarVector>(VarVector{std::move(vars.ids), Ref::borrow(mvar)});
+    return make_part(summand_of(result_rows(matrix, Side::Right)), std::move(vector));
 }
 
 PyObject *add_matmul_part(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
@@ -355,7 +357,7 @@ PyObject *add_matmul_part(PyObject *self, PyObject *const *args, Py_ssize_t narg
         need_numpy();
         Part part = checked_part(self, given[0], given[1]);
         Ref list = check(PyObject_GetAttr(self, names._matmulparts));
-        check_status(PyList_Append(list.get(), part_pair(part).get()));
+        check_status(PyList_Append(list.get(), part_pair(part, {}).get()));
         return Ref::none();
     });
 }
