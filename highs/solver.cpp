@@ -19,6 +19,9 @@ Solver::Solver() : highs_(library().create()) {
     if (!highs_)
         throw std::bad_alloc();
     quieten();
+    // By default HiGHS drops coefficients up to 1e-9; a model is solved as it stands, down to the least that HiGHS
+    // allows here.
+    library().setDoubleOptionValue(highs_, "small_matrix_value", 1e-12);
     library().setCallback(highs_, &Solver::callback, this);
     for (HighsInt type : interrupting_callbacks)
         library().startCallback(highs_, type);

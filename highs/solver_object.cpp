@@ -84,42 +84,55 @@ std::vector<HighsInt> integrality_of(std::span<const char> vtype) {
     return types;
 }
 
-PyObject *solver_load(PyObject *self, PyObject *args, PyObject *kwargs) {
-    static const char *const names[] = {"sense", "offset", "obj",   "lb",    "ub",         "vtype", "lower",
-                                        "upper", "start",  "index", "value", "by_columns", nullptr};
-    return border([&] {
-        int sense = 1, by_columns = 1;
-        double offset = 0;
-        PyObject *obj, *lb, *ub, *vtype, *lower, *upper, *start, *index, *value;
+struct LoadArguments {
+    int sense = 1, by_columns = 1;
+    double offset = 0;
+    PyObject *obj, *lb, *ub, *vtype, *lower, *upper, *start, *index, *value;
+
+    LoadArguments(PyObject *args, PyObject *kwargs) {
+        static const char *const names[] = {"sense", "offset", "obj",   "lb",    "ub",         "vtype", "lower",
+                                            "upper", "start",  "index", "value", "by_columns", nullptr};
         if (!PyArg_ParseTupleAndKeywords(args, kwargs, "idOOOOOOOOO|p:load", const_cast<char **>(names), &sense,
                                          &offset, &obj, &lb, &ub, &vtype, &lower, &upper, &start, &index, &value,
                                          &by_columns))
             throw PythonError{};
-        Solver &solver = idle(self);
-        auto cost = doubles(obj, "obj");
-        auto row_lower = doubles(lower, "lower");
-        npy_intp ncols = static_cast<npy_intp>(cost.size()), nrows = static_cast<npy_intp>(row_lower.size());
-        auto starts = integers(start, "start", (by_columns ? ncols : nrows) + 1);
-        auto indices = integers(index, "index", starts.back());
-        std::vector<HighsInt> types;
-        if (vtype != Py_None)
-            types = integrality_of(characters(vtype, "vtype", ncols));
+    }
+};
 
-        ModelArrays model;
-        model.ncols = static_cast<HighsInt>(ncols);
-        model.nrows = static_cast<HighsInt>(nrows);
-        model.nnz = starts.back();
-        model.sense = sense;
-        model.offset = offset;
-        model.cost = data_or_null(cost);
-        model.lb = data_or_null(doubles(lb, "lb", ncols));
-        model.ub = data_or_null(doubles(ub, "ub", ncols));
-        model.lower = data_or_null(row_lower);
-        model.upper = data_or_null(doubles(upper, "upper", nrows));
-        model.format = by_columns ? kHighsMatrixFormatColwise : kHighsMatrixFormatRowwise;
-        model.start = starts.data();
-        model.index = data_or_null(indices);
-        model.value = data_or_null(doubles(value, "value", starts.back()));
+// Lengths and types are checked here; what the indices say is checked by HiGHS.
+ModelArrays arrays_of(const LoadArguments &given) {
+    ModelArrays model;
+    auto cost = doubles(given.obj, "obj");
+    auto lower = doubles(given.lower, "lower");
+    npy_intp ncols = static_cast<npy_intp>(cost.size()), nrows = static_cast<npy_intp>(lower.size());
+    auto start = integers(given.start, "start", (given.by_columns ? ncols : nrows) + 1);
+    model.nnz = start.back();
+    if (model.nnz < 0)
+        fail(PyExc_ValueError, "start ends with %d", model.nnz);
+    model.ncols = static_cast<HighsInt>(ncols);
+    model.nrows = static_cast<HighsInt>(nrows);
+    model.sense = given.sense;
+    model.offset = given.offset;
+    model.cost = data_or_null(cost);
+    model.lb = data_or_null(doubles(given.lb, "lb", ncols));
+    model.ub = data_or_null(doubles(given.ub, "ub", ncols));
+    model.lower = data_or_null(lower);
+    model.upper = data_or_null(doubles(given.upper, "upper", nrows));
+    model.format = given.by_columns ? kHighsMatrixFormatColwise : kHighsMatrixFormatRowwise;
+    model.start = start.data();
+    model.index = data_or_null(integers(given.index, "index", model.nnz));
+    model.value = data_or_null(doubles(given.value, "value", model.nnz));
+    return model;
+}
+
+PyObject *solver_load(PyObject *self, PyObject *args, PyObject *kwargs) {
+    return border([&] {
+        LoadArguments given(args, kwargs);
+        Solver &solver = idle(self);
+        ModelArrays model = arrays_of(given);
+        std::vector<HighsInt> types;
+        if (given.vtype != Py_None)
+            types = integrality_of(characters(given.vtype, "vtype", model.ncols));
         model.integrality = types.empty() ? nullptr : types.data();
         accepted(solver.load(model), "the model");
         return Ref::none();

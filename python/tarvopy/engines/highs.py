@@ -44,6 +44,7 @@ _FEASIBLE = 2  # primal_solution_status
 # Beyond this upper bound of a semi-continuous variable HiGHS cuts it and then fails at the end of a solve that reaches
 # it.
 _LARGEST_SEMI_UB = 1e5
+_LARGEST_COEFFICIENT = 1e15
 
 
 def _open() -> None:
@@ -105,20 +106,13 @@ class HighsEngine:
     def load(self, problem: Problem) -> None:
         self.loads += 1
         start, index, value = problem.csc()
-        self._refusing(
-            self._solver.load,
-            problem.sense,
-            problem.objconstant,
-            problem.obj,
-            problem.lb,
-            problem.ub,
-            problem.vtype if problem.nintegral else None,
-            problem.lower,
-            problem.upper,
-            start,
-            index,
-            value,
-        )
+        vtype = problem.vtype if problem.nintegral else None
+        columns = (problem.obj, problem.lb, problem.ub, vtype)
+        rows = (problem.lower, problem.upper)
+        try:
+            self._solver.load(problem.sense, problem.objconstant, *columns, *rows, start, index, value)
+        except _highs.HighsError as error:
+            raise TarvoError(TRV.ERROR_UNSUPPORTED, f"{error}{_reason(problem, value)}") from None
 
     def change(self, problem: Problem, changes: Changes) -> bool:
         import numpy as np
@@ -266,6 +260,17 @@ class HighsEngine:
     def close(self) -> None:
         """Frees HiGHS' memory; of a run that is still under way when that ends."""
         del self._solver
+
+
+def _reason(problem: Problem, value: np.ndarray) -> str:
+    """Why HiGHS may have refused a model, which itself it does not say."""
+    if len(value):
+        largest = max(value.max(), -value.min())
+        if largest >= _LARGEST_COEFFICIENT:
+            return f": a coefficient of {largest:g} is beyond its limit of {_LARGEST_COEFFICIENT:g}"
+    if problem.nvars and (problem.lb.max() == math.inf or problem.ub.min() == -math.inf):
+        return ": the bounds of a variable are both infinite on the same side"
+    return ""
 
 
 def _combined(first: dict[str, Any], second: dict[str, Any]) -> dict[str, Any]:
