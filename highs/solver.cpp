@@ -18,18 +18,18 @@ constexpr HighsInt interrupting_callbacks[] = {kHighsCallbackSimplexInterrupt, k
 Solver::Solver() : highs_(library().create()) {
     if (!highs_)
         throw std::bad_alloc();
-    quieten();
-    // By default HiGHS drops coefficients up to 1e-9; a model is solved as it stands, down to the least that HiGHS
-    // allows here.
-    library().setDoubleOptionValue(highs_, "small_matrix_value", 1e-12);
+    set_house_defaults();
     library().setCallback(highs_, &Solver::callback, this);
     for (HighsInt type : interrupting_callbacks)
         library().startCallback(highs_, type);
 }
 
-void Solver::quieten() {
+void Solver::set_house_defaults() {
     library().setBoolOptionValue(highs_, "output_flag", 0);
     library().setBoolOptionValue(highs_, "log_to_console", 0); // the callback gets the text whatever this says
+    // By default HiGHS drops coefficients up to 1e-9; a model is solved as it stands, down to the least that HiGHS
+    // allows here.
+    library().setDoubleOptionValue(highs_, "small_matrix_value", 1e-12);
 }
 
 Solver::~Solver() {

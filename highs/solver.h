@@ -54,7 +54,7 @@ class Solver : public std::enable_shared_from_this<Solver> {
 
     void *highs() const { return highs_; }
     bool running() const { return running_.load(std::memory_order_acquire); } // (*)
-    void quieten(); // HiGHS never writes to the process's standard output by itself; needed again after options were reset
+    void set_house_defaults(); // needed again whenever HiGHS' options were reset
     HighsInt load(const ModelArrays &model);
 
     void start(bool keep_log);

@@ -328,7 +328,7 @@ PyObject *solver_reset_options(PyObject *self, PyObject *) {
     return border([&] {
         Solver &solver = idle(self);
         accepted(library().resetOptions(solver.highs()), "to reset its options");
-        solver.quieten();
+        solver.set_house_defaults();
         return Ref::none();
     });
 }
@@ -486,7 +486,8 @@ PyMethodDef methods[] = {
     {"model", solver_model, METH_NOARGS, "The model as HiGHS holds it: a dictionary of arrays, the matrix by columns."},
     {"set_option", solver_set_option, METH_VARARGS, "set_option(name, value)"},
     {"get_option", solver_get_option, METH_O, "get_option(name)"},
-    {"reset_options", solver_reset_options, METH_NOARGS, "All options to HiGHS' defaults, but silent."},
+    {"reset_options", solver_reset_options, METH_NOARGS,
+     "All options to HiGHS' defaults, but silent and with all coefficients kept."},
     {"set_start", solver_set_start, METH_O,
      "set_start(values): where a tree search may begin; NaN where nothing is known. Returns how many are known."},
     {"start", solver_start, METH_VARARGS,
