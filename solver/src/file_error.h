@@ -35,13 +35,18 @@ template <typename... Pieces> std::string joined(const Pieces &...pieces) {
 // The text in quotes as an error message can carry it: control bytes and broken UTF-8 escaped, long texts cut.
 std::string shown(std::string_view text);
 
-// A path in quotes, whole.
-inline std::string in_quotes(std::string_view path) {
-    return joined("'", path, "'");
-}
+// The same, whole: for paths.
+std::string in_quotes(std::string_view path);
 
 // "path, line 7: what"
 std::string placed(std::string_view path, std::int64_t line, std::string_view what);
+
+// After a call of the store's own functions.
+inline void check(TRVmodel *model, int code) {
+    if (code != TRV_OK) {
+        throw FileError{code, TRVgeterrormsg(model)};
+    }
+}
 
 } // namespace trv
 #endif

@@ -20,6 +20,14 @@ namespace {
                            shown(trimmed(line)))};
 }
 
+void check_characters(std::string_view line, bool tabs) {
+    const auto bad = std::find_if(line.begin(), line.end(),
+                                  [&](char c) { return static_cast<unsigned char>(c) < ' ' && !(tabs && c == '\t'); });
+    if (bad != line.end()) {
+        bad_character(*bad);
+    }
+}
+
 // ---- free form ------------------------------------------------------------------------------------------------------
 
 // One more than any line may have, so that too many are noticed.
@@ -145,14 +153,6 @@ std::string_view piece(std::string_view line, Span span) {
     return trimmed(line.substr(span.begin, span.end - span.begin));
 }
 
-void check_characters(std::string_view line) {
-    for (const char c : line) {
-        if (static_cast<unsigned char>(c) < ' ') {
-            bad_character(c);
-        }
-    }
-}
-
 void check_gap(std::string_view line, std::size_t begin, std::size_t end) {
     const std::string_view gap = piece(line, {begin, end});
     if (!gap.empty()) {
@@ -172,7 +172,7 @@ std::string_view long_number(std::string_view line) {
 }
 
 Fields fixed_split(std::string_view line) {
-    check_characters(line);
+    check_characters(line, false);
     Fields fields;
     const std::string_view number = long_number(line);
     const int whole = number.empty() ? 6 : 3;
@@ -310,11 +310,7 @@ bool mps_ambiguous_column(std::string_view line) {
 }
 
 void mps_check_header(std::string_view line) {
-    for (const char c : line) {
-        if (static_cast<unsigned char>(c) < ' ' && c != '\t') {
-            bad_character(c);
-        }
-    }
+    check_characters(line, true);
 }
 
 } // namespace trv

@@ -8,8 +8,8 @@
 //   N              free
 //
 // Both sides of a row must survive writing and reading to the last bit, but upper - (upper - lower) is not always
-// lower, and of random pairs of like size one in twelve gets no double r that gives both. For those the range is written with 21 digits,
-// which read_range keeps: with 11 bits more in r, one rounding gives the side back.
+// lower: of random pairs of like size, one in twelve has no double r that gives both. For those the range is written
+// with 21 digits, which MpsRange keeps: with 11 bits more in r, one rounding gives the side back.
 #ifndef TARVO_MPS_SIDES_H
 #define TARVO_MPS_SIDES_H
 

@@ -8,12 +8,6 @@
 namespace trv {
 namespace {
 
-void check(TRVmodel *target, int code) {
-    if (code != TRV_OK) {
-        throw FileError{code, TRVgeterrormsg(target)};
-    }
-}
-
 // The objective is a row of the file, not of the model.
 void drop_objective(MpsModel &source) {
     const std::int32_t objective = source.objective;

@@ -20,12 +20,6 @@ namespace {
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr std::size_t kFixedName = 8;
 
-void check(TRVmodel *model, int code) {
-    if (code != TRV_OK) {
-        throw FileError{code, TRVgeterrormsg(model)};
-    }
-}
-
 [[noreturn]] void refuse(const std::string &what) {
     throw FileError{TRV_ERROR_UNSUPPORTED, "MPS: " + what};
 }
@@ -80,9 +74,7 @@ class MpsWriter {
     // ---- what fits
 
     void check_model_name() const {
-        const bool control =
-            std::any_of(name_.begin(), name_.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; });
-        if (control || trimmed(name_).size() != name_.size()) {
+        if (has_control(name_) || trimmed(name_).size() != name_.size()) {
             refuse("the model's name " + shown(name_) + " has control characters, or blanks at an end");
         }
     }
@@ -94,13 +86,10 @@ class MpsWriter {
             if (name.empty()) {
                 refuse(joined("the ", kind, " ", std::to_string(i), " has an empty name"));
             }
-            const char lowest = *std::min_element(name.begin(), name.end(), [](char a, char b) {
-                return static_cast<unsigned char>(a) < static_cast<unsigned char>(b);
-            });
-            if (static_cast<unsigned char>(lowest) < ' ') {
+            if (has_control(name)) {
                 refuse(joined("the name ", shown(name), " of a ", kind, " has control characters"));
             }
-            if (lowest == ' ') {
+            if (name.find(' ') != std::string_view::npos) {
                 check_blanks(name, kind);
             }
             longest_ = name.size() > longest_.size() ? name : longest_;

@@ -24,7 +24,9 @@ std::uint32_t hashed(std::string_view name) {
         mix(word);
     }
     std::uint64_t word = 0;
-    std::memcpy(&word, at, left);
+    if (left > 0) { // an empty view may point nowhere
+        std::memcpy(&word, at, left);
+    }
     mix(word);
     mix(0);
     return static_cast<std::uint32_t>(state);

@@ -14,20 +14,10 @@
 namespace trv {
 namespace {
 
-void check(TRVmodel *model, int code) {
-    if (code != TRV_OK) {
-        throw FileError{code, TRVgeterrormsg(model)};
-    }
-}
-
 void check_writable(const ModelNames &names) {
     for (std::int32_t i = 0; i < names.size(); ++i) {
         const std::string_view name = names[i];
-        bool control = false;
-        for (const char c : name) {
-            control |= static_cast<unsigned char>(c) < ' ';
-        }
-        if (name.empty() || control || name.front() == '#' || trimmed(name).size() != name.size()) {
+        if (name.empty() || has_control(name) || name.front() == '#' || trimmed(name).size() != name.size()) {
             throw FileError{TRV_ERROR_UNSUPPORTED,
                             joined("solution file: the name ", shown(name),
                                    " is empty, begins with #, or has control characters or blanks at "

@@ -97,6 +97,23 @@ std::size_t sequence_length(std::string_view text) {
     return overlong || beyond ? 0 : length;
 }
 
+// With the closing quote, and dots behind it if the text was cut.
+std::string escaped(std::string_view text, std::size_t most) {
+    constexpr char hex[] = "0123456789abcdef";
+    std::string out;
+    while (!text.empty() && out.size() < most) {
+        const std::size_t length = sequence_length(text);
+        const auto byte = static_cast<unsigned char>(text.front());
+        if (length == 0 || byte < 0x20 || byte == 0x7F) {
+            out.append({'\\', 'x', hex[byte >> 4], hex[byte & 15]});
+        } else {
+            out.append(text.substr(0, length));
+        }
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
+    return out.append(text.empty() ? "'" : "'...");
+}
+
 } // namespace
 
 std::string_view trimmed(std::string_view text) {
@@ -153,25 +170,21 @@ bool valid_utf8(std::string_view text) {
     return true;
 }
 
+bool has_control(std::string_view text) {
+    return std::any_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; });
+}
+
 std::string shown(std::string_view text) {
-    constexpr std::size_t most = 60;
-    constexpr char hex[] = "0123456789abcdef";
-    std::string out = "'";
-    while (!text.empty() && out.size() <= most) {
-        const std::size_t length = sequence_length(text);
-        const auto byte = static_cast<unsigned char>(text.front());
-        if (length == 0 || byte < 0x20 || byte == 0x7F) {
-            out.append({'\\', 'x', hex[byte >> 4], hex[byte & 15]});
-        } else {
-            out.append(text.substr(0, length));
-        }
-        text.remove_prefix(std::max<std::size_t>(length, 1));
-    }
-    return out.append(text.empty() ? "'" : "'...");
+    return joined("'", escaped(text, 60));
+}
+
+std::string in_quotes(std::string_view path) {
+    return joined("'", escaped(path, std::string::npos));
 }
 
 std::string placed(std::string_view path, std::int64_t line, std::string_view what) {
-    return joined(path, ", line ", std::to_string(line), ": ", what);
+    const std::string whole = escaped(path, std::string::npos);
+    return joined(whole.substr(0, whole.size() - 1), ", line ", std::to_string(line), ": ", what);
 }
 
 } // namespace trv

@@ -31,6 +31,7 @@ constexpr int kNumberSize = 40;
 std::string_view number_text(double value, char (&buffer)[kNumberSize]);
 
 bool valid_utf8(std::string_view text);
+bool has_control(std::string_view text); // bytes below the blank, tabs and line ends among them
 
 } // namespace trv
 #endif

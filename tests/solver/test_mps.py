@@ -284,11 +284,7 @@ def test_a_rule_that_is_followed(title):
     assert {key: found[key] for key in expected} == expected
 
 
-# HiGHS reads these otherwise, or not at all, by what looks like accident: only the expectation above stands for them.
-NOT_ASKED = {"comment behind a line", "sense in the same line", "names with a dollar"}
-
-
-@pytest.mark.parametrize("title", sorted(VALID.keys() - NOT_ASKED))
+@pytest.mark.parametrize("title", VALID)
 def test_highs_reads_the_same(title, tmp_path):
     path = tmp_path / "m.mps"
     path.write_text(VALID[title][0])

@@ -2,6 +2,7 @@
 
 import gzip
 import math
+import os
 
 import pytest
 
@@ -180,6 +181,14 @@ def test_files_that_cannot_be_read(name, code, said, tmp_path, monkeypatch):
         read(name)
     assert error.value.code == code
     assert said is None or str(error.value) == said.format(name)
+
+
+def test_a_path_that_is_no_text(tmp_path):
+    path = tmp_path / os.fsdecode(b"\xff\n.mps")
+    path.write_text(mps(end=""))
+    with pytest.raises(StoreError) as error:
+        read(path)
+    assert str(error.value) == rf"{tmp_path}/\xff\x0a.mps, line 9: the file ends without ENDATA"
 
 
 def test_compressed_files(tmp_path):
