@@ -275,12 +275,23 @@ void add_terms(LinExprObject *self, PyObject *coeffs, PyObject *vars) {
 
 double value_of(const LinExprObject *self) {
     double value = self->constant;
-    for (Py_ssize_t i = 0; i < term_count(self); ++i) {
-        auto *var = as_scalar(PyList_GET_ITEM(self->vars, i));
-        TRVmodel *store = open_store(var->cmodel);
-        double x;
-        check_store(store, TRVgetdbls(store, "X", 1, nullptr, var->id, &x));
-        value += PyFloat_AS_DOUBLE(PyList_GET_ITEM(self->coeffs, i)) * x;
+    std::vector<int32_t> ids;
+    std::vector<double> x;
+    // One call to the store for each run of variables of one model; nearly always there is one.
+    for (Py_ssize_t begin = 0, end; begin < term_count(self); begin = end) {
+        ModelObject *model = as_scalar(PyList_GET_ITEM(self->vars, begin))->cmodel;
+        ids.clear();
+        for (end = begin; end < term_count(self); ++end) {
+            auto *var = as_scalar(PyList_GET_ITEM(self->vars, end));
+            if (var->cmodel != model)
+                break;
+            ids.push_back(var->id);
+        }
+        x.resize(ids.size());
+        TRVmodel *store = open_store(model);
+        check_store(store, TRVgetdbls(store, "X", end - begin, ids.data(), 0, x.data()));
+        for (Py_ssize_t i = begin; i < end; ++i)
+            value += PyFloat_AS_DOUBLE(PyList_GET_ITEM(self->coeffs, i)) * x[static_cast<size_t>(i - begin)];
     }
     return value;
 }

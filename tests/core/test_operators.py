@@ -239,7 +239,7 @@ def test_arrays_make_matrix_expressions(operation):
     matrix = sparse.csr_array(np.array([[1.0, 0.0, 2.0]]))
     assert operation(X, matrix).shape == (1, 3)
     assert operation(matrix, X).shape == (1, 3)
-    assert type(numbers >= X) is TempConstr
+    assert operator.le(X, numbers).lhs is X
     assert type(numbers <= X) is TempConstr
 
 
