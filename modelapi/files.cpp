@@ -9,8 +9,12 @@ namespace tarvopy::modelapi {
 
 namespace {
 
+// x.sol, x.SOL.gz
 bool is_solution(std::string_view path) {
-    return path.ends_with(".sol");
+    auto ends = [&](std::string_view ending) {
+        return path.size() > ending.size() && strcasecmp(path.data() + path.size() - ending.size(), ending.data()) == 0;
+    };
+    return ends(".sol") || ends(".sol.gz");
 }
 
 // The path in the file system's encoding.

@@ -3,18 +3,18 @@
 from pathlib import Path
 
 import pytest
-from model_arrays import arrays, shape_of
 
 import tarvopy
+from model_arrays import arrays, shape_of
 from tarvopy import TRV, NoDataError, TarvoError
 
 
 def small():
     m = tarvopy.Model("small")
-    x = m.addMVar(3, ub=[1, 5, 2], obj=[1, 2, 3], vtype=["B", "I", "C"], name="x")
-    m.addConstr(x.sum() <= 4, name="cap")
+    x = [m.addVar(ub=ub, vtype=vtype, name=f"x[{i}]") for i, (ub, vtype) in enumerate([(1, "B"), (5, "I"), (2, "C")])]
+    m.addConstr(x[0] + x[1] + x[2] <= 4, name="cap")
     m.addRange(x[0] - x[2], -1, 1, name="range")
-    m.setObjective(x.sum() + 2, TRV.MAXIMIZE)
+    m.setObjective(x[0] + 2 * x[1] + 3 * x[2] + 2, TRV.MAXIMIZE)
     return m
 
 
