@@ -50,13 +50,13 @@ class Removals {
   public:
     explicit Removals(ModelObject *handle) : handle_(handle) {}
 
-    void collect(PyObject *what) {
+    void collect(PyObject *what, int depth = 0) {
         if (int kind = scalar_kind(what); kind >= 0) {
             auto *scalar = reinterpret_cast<ScalarObject *>(what);
             require_model(scalar->cmodel, handle_, "remove() was given an element");
             at(kind).ids.push_back(scalar->id);
         } else if (PyList_Check(what) || PyTuple_Check(what)) {
-            collect_sequence(what);
+            collect_sequence(what, depth);
         } else if (int kind = matrix_kind(what); kind >= 0) {
             collect_matrix(kind, what);
         } else {
@@ -72,18 +72,13 @@ class Removals {
     }
 
   private:
-    void collect_sequence(PyObject *sequence) {
-        check_status(Py_EnterRecursiveCall(" in remove()"));
-        try {
-            // By index into a tuple of its own: the elements of a list may be looked at by code that changes the list.
-            Ref elements = check(PySequence_Tuple(sequence));
-            for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(elements.get()); ++i)
-                collect(PyTuple_GET_ITEM(elements.get(), i));
-        } catch (...) {
-            Py_LeaveRecursiveCall();
-            throw;
-        }
-        Py_LeaveRecursiveCall();
+    void collect_sequence(PyObject *sequence, int depth) {
+        if (depth == deepest)
+            fail(PyExc_RecursionError, "remove() takes lists nested %d deep at most; does one hold itself?", deepest);
+        // A tuple of its own: reading a handle's elements may run code that changes the list.
+        Ref elements = check(PySequence_Tuple(sequence));
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(elements.get()); ++i)
+            collect(PyTuple_GET_ITEM(elements.get(), i), depth + 1);
     }
 
     void collect_matrix(int kind, PyObject *what) {
@@ -103,6 +98,7 @@ class Removals {
         return removals_.emplace_back(Removal{kind, {}});
     }
 
+    static constexpr int deepest = 64;
     ModelObject *handle_;
     std::vector<Removal> removals_;
 };
