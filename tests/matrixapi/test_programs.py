@@ -1,0 +1,219 @@
+"""Random programs over variables, expressions and numbers, with NumPy as the oracle.
+
+Every variable stands for a number. Whatever a program does to arrays of variables and expressions, the value of the result is what NumPy gives on
+the numbers; where NumPy refuses, the package refuses; operands keep their values. The same program is run with and without element
+objects, looked at and not.
+"""
+
+import operator
+
+import numpy as np
+import pytest
+import scipy.sparse as sp
+from hypothesis import given, settings
+from hypothesis import strategies as st
+
+import tarvopy
+from tarvopy import _debug
+
+SHAPES = [(), (1,), (3,), (1, 3), (3, 1), (1, 1), (2, 3), (3, 3), (2, 1, 3), (0,), (0, 3), (3, 0)]
+NUMBERS = st.sampled_from([-2.0, -1.0, 0.5, 1.0, 3.0])
+
+
+def value(expr, point):
+    """The numbers that an expression stands for, read off its own elements."""
+    result = np.empty(expr.shape)
+    for key, element in np.ndenumerate(expr._learr):
+        result[key] = element.getConstant() + sum(c * point[v.index] for c, v in element.terms())
+    return result
+
+
+class World:
+    """One model; `make` gives a pair (what the package holds, what NumPy holds)."""
+
+    def __init__(self):
+        self.model = tarvopy.Model()
+        self.point = []
+
+    def variables(self, shape):
+        x = self.model.addMVar(shape)
+        self.model.update()
+        first = len(self.point)
+        numbers = (np.arange(x.size) * 7 + first * 3) % 11 - 5.0
+        self.point.extend(numbers)
+        return x, numbers.reshape(x.shape)
+
+    def value(self, thing):
+        if isinstance(thing, tarvopy.MVar):
+            return np.array([self.point[i] for i in thing._idxarr().flat]).reshape(thing.shape)
+        if isinstance(thing, tarvopy.MLinExpr):
+            return value(thing.copy(), self.point)
+        return thing.toarray() if sp.issparse(thing) else np.asarray(thing)
+
+
+@st.composite
+def operand(draw, world, kinds=("variables", "expression", "array", "integers", "sparse", "scalar")):
+    kind = draw(st.sampled_from(kinds))
+    shape = draw(st.sampled_from(SHAPES))
+    if kind == "scalar":
+        number = draw(NUMBERS)
+        return draw(st.sampled_from([float, np.float64, np.array, lambda n: int(2 * n)]))(number), None
+    if kind == "sparse":
+        shape = draw(st.sampled_from([s for s in SHAPES if len(s) == 2 and 0 not in s]))
+        dense = np.arange(np.prod(shape)).reshape(shape) % 3 - 1.0
+        make = draw(st.sampled_from([sp.csr_matrix, sp.csc_matrix, sp.coo_matrix, sp.csr_array, sp.lil_matrix]))
+        return make(dense), dense
+    if kind in ("array", "integers"):
+        numbers = (np.arange(np.prod(shape, dtype=int)) * 5 % 7 - 3.0).reshape(shape)
+        numbers = numbers.astype(int) if kind == "integers" else numbers
+        if draw(st.booleans()) and numbers.ndim > 1:
+            numbers = np.asfortranarray(numbers)
+        return numbers, numbers
+    x, numbers = world.variables(shape)
+    if kind == "variables":
+        return x, numbers
+    scale, shift = draw(NUMBERS), draw(NUMBERS)
+    return x * scale + shift, numbers * scale + shift
+
+
+def plain(thing, numbers):
+    return np.asarray(thing) if numbers is None else numbers
+
+
+OPERATORS = [operator.add, operator.sub, operator.mul, operator.truediv, operator.matmul]
+IN_PLACE = [operator.iadd, operator.isub, operator.imul, operator.itruediv]
+
+
+def is_linear(thing):
+    return isinstance(thing, tarvopy.MVar | tarvopy.MLinExpr)
+
+
+def outcome(function):
+    """(result, None) or (None, the kind of refusal); quadratic and nonlinear results are out of reach here."""
+    try:
+        with np.errstate(all="ignore"):
+            return function(), None
+    except (ValueError, TypeError, IndexError, tarvopy.TarvoError) as refusal:
+        return None, refusal
+
+
+@pytest.mark.filterwarnings("ignore:Chained matrix:UserWarning", "ignore:divide by zero:RuntimeWarning")
+@settings(max_examples=400, deadline=None)
+@given(st.data(), st.booleans(), st.booleans())
+def test_binary_operators_give_what_numpy_gives(data, eager, look):
+    _debug.eager(eager)
+    try:
+        world = World()
+        a, a_numbers = data.draw(operand(world))
+        b, b_numbers = data.draw(operand(world))
+        op = data.draw(st.sampled_from(OPERATORS))
+        nonlinear = op is not operator.add and op is not operator.sub and is_linear(a) and is_linear(b)
+        if not (is_linear(a) or is_linear(b)) or nonlinear or (op is operator.truediv and is_linear(b)):
+            return
+        if look:
+            for thing in (a, b):
+                if isinstance(thing, tarvopy.MLinExpr):
+                    thing._learr  # noqa: B018  makes the objects
+        x, y = plain(a, a_numbers), plain(b, b_numbers)
+        expected, refusal = outcome(lambda: op(x, y))
+        if expected is not None and not np.isfinite(expected).all():
+            return
+        if refusal:
+            with pytest.raises((ValueError, TypeError, tarvopy.TarvoError)):
+                op(a, b)
+        else:
+            result = op(a, b)
+            assert isinstance(result, tarvopy.MLinExpr)
+            assert result.shape == np.shape(expected)
+            np.testing.assert_allclose(world.value(result), expected, atol=1e-9)
+        np.testing.assert_array_equal(world.value(a), x)
+        np.testing.assert_array_equal(world.value(b), y)
+    finally:
+        _debug.eager(False)
+
+
+@settings(max_examples=400, deadline=None)
+@given(st.data(), st.booleans(), st.booleans())
+def test_in_place_operators_give_what_numpy_gives(data, eager, look):
+    _debug.eager(eager)
+    try:
+        world = World()
+        a, x = data.draw(operand(world, kinds=("expression",)))
+        b, b_numbers = data.draw(operand(world))
+        y = plain(b, b_numbers)
+        op = data.draw(st.sampled_from(IN_PLACE))
+        if is_linear(b) and op not in (operator.iadd, operator.isub):
+            return
+        if data.draw(st.booleans()) and op in (operator.iadd, operator.isub):
+            b, y = a, x.copy()  # e += e
+        if look:
+            a._learr  # noqa: B018
+        expected, refusal = outcome(lambda: op(x.copy(), y))
+        if expected is not None and not np.isfinite(expected).all():
+            return
+        if refusal:
+            with pytest.raises((ValueError, TypeError, tarvopy.TarvoError)):
+                op(a, b)
+            np.testing.assert_array_equal(world.value(a), x)
+        else:
+            assert op(a, b) is a
+            np.testing.assert_allclose(world.value(a), expected, atol=1e-9)
+    finally:
+        _debug.eager(False)
+
+
+KEYS = [0, -1, slice(None), slice(1, None), slice(None, None, -1), Ellipsis, None, [0, 1], [1, 1, 0], (0, 0), (slice(None), 1)]
+
+
+@settings(max_examples=300, deadline=None)
+@given(st.data(), st.booleans())
+def test_indexing_assignment_and_sums_give_what_numpy_gives(data, eager):
+    _debug.eager(eager)
+    try:
+        world = World()
+        e, x = data.draw(operand(world, kinds=("expression",)))
+        x = x.copy()
+        for _ in range(data.draw(st.integers(1, 4))):
+            key = data.draw(st.sampled_from(KEYS))
+            step = data.draw(st.sampled_from(["read", "write", "shift", "sum", "own"]))
+            if step == "sum":
+                axis = data.draw(st.sampled_from([None, 0, -1, 1]))
+                expected, refusal = outcome(lambda: x.sum(axis=axis))
+                if refusal is None:
+                    np.testing.assert_allclose(world.value(e.sum(axis=axis)), expected, atol=1e-9)
+                else:
+                    with pytest.raises((ValueError, tarvopy.TarvoError)):
+                        e.sum(axis=axis)
+                continue
+            expected, refusal = outcome(lambda: x[key])
+            if refusal:
+                with pytest.raises(IndexError):
+                    e[key]
+                continue
+            if step == "read":
+                np.testing.assert_array_equal(world.value(e[key]), expected)
+                continue
+            if step == "shift":
+                b, y = e[key], x[key] * 1.0
+            elif step == "own":
+                b, y = e, x.copy()
+            else:
+                b, b_numbers = data.draw(operand(world))
+                y = plain(b, b_numbers)
+                if sp.issparse(b):
+                    continue
+
+            def assign():
+                x[key] = y
+
+            before = x.copy()
+            _, refusal = outcome(assign)
+            if refusal:
+                x[...] = before
+                with pytest.raises((ValueError, TypeError)):
+                    e[key] = b
+            else:
+                e[key] = b
+            np.testing.assert_array_equal(world.value(e), x)
+    finally:
+        _debug.eager(False)
