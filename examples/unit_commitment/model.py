@@ -49,7 +49,7 @@ def segments(units: Units) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
     return cost[0], width, np.diff(cost, axis=0) / width
 
 
-def add_network(m: tarvopy.Model, system: System, output) -> tuple[tarvopy.MVar, tarvopy.MConstr]:
+def add_network(m: tarvopy.Model, system: System, output: tarvopy.MVar) -> tuple[tarvopy.MVar, tarvopy.MConstr]:
     """DC power flow: units' output, loads and flows balance at every bus. Returns the flows and the balance rows."""
     buses, hours = system.load.shape
     limit = system.limit[:, None]
@@ -69,7 +69,7 @@ def started_within(hours: int, day: int) -> sp.csr_array:
     return sp.csr_array((np.ones(len(now)), (then, now)), shape=(day, day))
 
 
-def add_units(m: tarvopy.Model, units: Units, hours: int) -> tuple[tarvopy.MVar, tarvopy.MLinExpr]:
+def add_units(m: tarvopy.Model, units: Units, hours: int) -> tuple[tarvopy.MVar, tarvopy.MVar]:
     """On/off variables and outputs of all units with start-up costs, minimum up times and ramps, on a cyclic day."""
     minimum_cost, width, slope = segments(units)
     shape = len(units), hours
@@ -78,7 +78,8 @@ def add_units(m: tarvopy.Model, units: Units, hours: int) -> tuple[tarvopy.MVar,
         shape, ub=1, obj=units.startup[:, None], name="start"
     )  # integral by itself: it is as small as rows allow
     piece = m.addMVar((SEGMENTS, *shape), ub=width[:, None], obj=slope[:, :, None], name="piece")
-    output = units.pmin[:, None] * on + piece.sum(axis=0)
+    output = m.addMVar(shape, name="output")
+    m.addConstr(output == units.pmin[:, None] * on + piece.sum(axis=0), name="output")
 
     before = np.arange(hours) - 1  # the hour before the first one is the last one
     m.addConstr(start >= on - on[:, before], name="start")
@@ -112,7 +113,7 @@ def commit(system: System, log_level: int = 0, time_limit: float = 120.0) -> Sch
     on.UB = running
     m.params.LogLevel = 0
     m.optimize()
-    return Schedule(status, cost, gap, seconds, running, output.getValue(), flow.X, balance.Pi)
+    return Schedule(status, cost, gap, seconds, running, output.X, flow.X, balance.Pi)
 
 
 def dispatch(system: System) -> tuple[float, np.ndarray]:
@@ -123,6 +124,6 @@ def dispatch(system: System) -> tuple[float, np.ndarray]:
     output = m.addMVar(
         (len(units), hours), lb=units.pmin[:, None], ub=units.pmax[:, None], obj=units.linear[:, None], name="output"
     )
-    add_network(m, system, 1.0 * output)
+    add_network(m, system, output)
     m.optimize()
     return m.ObjVal + hours * units.fixed.sum(), output.X

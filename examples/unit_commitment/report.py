@@ -128,8 +128,8 @@ def _draw_prices(axes, day: Schedule) -> None:
         edges, low, high, step="post", color="#c8553d", alpha=0.3, label="lowest to highest bus", linewidth=0
     )
     axes.step(edges, middle, where="post", color="#c8553d", label="median bus")
-    axes.set(title="Nodal prices", ylabel="price ($/MWh)")
-    axes.legend(loc="best", fontsize=9)
+    axes.set(title="Nodal prices", ylabel="price ($/MWh)", ylim=(min(0, 1.1 * low.min()), 1.3 * high.max()))
+    axes.legend(loc="upper left", ncol=2, fontsize=9)
 
 
 def _draw_flows(panels, system: System, day: Schedule, lines: np.ndarray) -> None:
