@@ -84,11 +84,9 @@ int TRVaddrows(TRVmodel *model, int64_t nrows, const int64_t *ptr, const int32_t
         requirepointer("variables of terms", var, nnz);
         requirepointer("coefficients", coef, nnz);
         TRVrows open = model->rows.open(nrows, nnz);
-        std::memcpy(open.ptr, ptr, (nrows + 1) * sizeof *ptr);
-        if (nnz) {
-            std::memcpy(open.var, var, nnz * sizeof *var);
-            std::memcpy(open.coef, coef, nnz * sizeof *coef);
-        }
+        moveterms(open.ptr, ptr, nrows + 1);
+        moveterms(open.var, var, nnz);
+        moveterms(open.coef, coef, nnz);
         const int32_t first = model->rows.commit(model->columns, lower, lowerstep, upper, upperstep, names);
         if (firstid)
             *firstid = first;

@@ -21,6 +21,12 @@
 
 namespace store {
 
+// memmove by elements; nothing to move may be nowhere.
+template <class T> void moveterms(T *to, const T *from, size_t n) {
+    if (n)
+        std::memmove(to, from, n * sizeof(T));
+}
+
 template <class T> class Buffer {
     static_assert(std::is_trivially_copyable_v<T>);
 

@@ -24,10 +24,8 @@ void Chunk::maketight() {
     int64_t at = 0;
     for (int32_t i = 0; i < nrows; i++) {
         Row r = row(i);
-        if (r.n) {
-            std::memcpy(newvar.data() + at, r.var, r.n * sizeof *r.var);
-            std::memcpy(newcoef.data() + at, r.coef, r.n * sizeof *r.coef);
-        }
+        moveterms(newvar.data() + at, r.var, r.n);
+        moveterms(newcoef.data() + at, r.coef, r.n);
         ptr[i] = at; // only later rows are still read
         at += r.n;
     }
@@ -47,8 +45,8 @@ void Chunk::moverow(int32_t i) {
     const int64_t from = ptr[i], to = ptr[nrows], space = old.n + old.n / 2 + 4;
     var.room(space);
     coef.room(space);
-    std::memmove(var.data() + to, var.data() + from, old.n * sizeof *old.var);
-    std::memmove(coef.data() + to, coef.data() + from, old.n * sizeof *old.coef);
+    moveterms(var.data() + to, var.data() + from, old.n);
+    moveterms(coef.data() + to, coef.data() + from, old.n);
     var.grow(space);
     coef.grow(space);
     ptr[i] = to;
@@ -73,8 +71,8 @@ void Chunk::set(int32_t i, int64_t k, double value) {
     }
     makeloose();
     const int64_t at = ptr[i] + k, rest = stop[i] - at - 1;
-    std::memmove(var.data() + at, var.data() + at + 1, rest * sizeof(int32_t));
-    std::memmove(coef.data() + at, coef.data() + at + 1, rest * sizeof(double));
+    moveterms(var.data() + at, var.data() + at + 1, rest);
+    moveterms(coef.data() + at, coef.data() + at + 1, rest);
     stop[i]--;
     nnz--;
 }

@@ -26,8 +26,7 @@ template <class T>
 void gather(const Registry &registry, const char *what, const Selection &which, const Buffer<T> &from, T *out) {
     const bool range = !which.ids && registry.identity() && which.first >= 0;
     if (range && static_cast<int64_t>(which.first) + which.n <= registry.count()) {
-        if (which.n)
-            std::memcpy(out, from.data() + which.first, which.n * sizeof(T));
+        moveterms(out, from.data() + which.first, which.n);
         return;
     }
     eachslot(registry, what, which, [&](int64_t i, int32_t s) { out[i] = from[s]; });

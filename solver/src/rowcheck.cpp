@@ -130,8 +130,8 @@ int64_t tidyterms(const Registry &variables, Marker &marker, int64_t nrows, int6
             failf(TRV_ERROR_SIZE_LIMIT, "row %" PRId64 " of the block has %" PRId64 " terms", i, to - from);
         const int64_t n = tidyrow(variables, marker, i, to - from, var + from, coef + from);
         if (kept != from) {
-            std::memmove(var + kept, var + from, n * sizeof *var);
-            std::memmove(coef + kept, coef + from, n * sizeof *coef);
+            moveterms(var + kept, var + from, n);
+            moveterms(coef + kept, coef + from, n);
         }
         kept += n;
         ptr[i + 1] = kept;

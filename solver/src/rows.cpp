@@ -144,10 +144,8 @@ void Rows::finishshared(Chunk &to, int64_t nnz) noexcept {
         to.stop.grow(opennrows_);
         to.limit.grow(opennrows_);
     }
-    if (nnz) {
-        std::memcpy(to.var.end(), staging_.var.data(), nnz * sizeof(int32_t));
-        std::memcpy(to.coef.end(), staging_.coef.data(), nnz * sizeof(double));
-    }
+    moveterms(to.var.end(), staging_.var.data(), nnz);
+    moveterms(to.coef.end(), staging_.coef.data(), nnz);
     to.ptr.grow(opennrows_);
     to.var.grow(nnz);
     to.coef.grow(nnz);
@@ -246,8 +244,8 @@ void Rows::filterrows(Chunk &chunk) {
     for (int32_t i = 0; i < chunk.nrows; i++) {
         const int64_t to = chunk.ptr[i + 1], n = to - from;
         if (!ids.gone(chunk.first + i)) {
-            std::memmove(chunk.var.data() + kept, chunk.var.data() + from, n * sizeof(int32_t));
-            std::memmove(chunk.coef.data() + kept, chunk.coef.data() + from, n * sizeof(double));
+            moveterms(chunk.var.data() + kept, chunk.var.data() + from, n);
+            moveterms(chunk.coef.data() + kept, chunk.coef.data() + from, n);
             kept += n;
             chunk.ptr[++keptrows] = kept;
         }
