@@ -4,6 +4,7 @@
 #include "failure.h"
 
 #include <cinttypes>
+#include <unordered_map>
 
 using namespace store;
 
@@ -95,6 +96,25 @@ void requirecost(int32_t id, double cost) {
               number(cost).c_str());
 }
 
+// Coefficients of one row. Asking a long row for many is done by an index, so that reading whole rows is not quadratic.
+void readrow(const Row &row, int64_t n, const int32_t *vars, double *out) {
+    if (n < 8 || row.n < 64) {
+        for (int64_t i = 0; i < n; i++) {
+            const int64_t k = Rows::find(row, vars[i]);
+            out[i] = k < 0 ? 0.0 : row.coef[k];
+        }
+        return;
+    }
+    std::unordered_map<int32_t, double> coefs;
+    coefs.reserve(row.n);
+    for (int64_t k = 0; k < row.n; k++)
+        coefs.emplace(row.var[k], row.coef[k]);
+    for (int64_t i = 0; i < n; i++) {
+        const auto found = coefs.find(vars[i]);
+        out[i] = found == coefs.end() ? 0.0 : found->second;
+    }
+}
+
 } // namespace
 
 // Ascending ids have ascending slots: no array in between is needed.
@@ -138,11 +158,13 @@ void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, d
 
 void TRVmodel::getcoefficients(int64_t n, const int32_t *rowids, const int32_t *vars, double *out) {
     rows.purge(columns);
-    for (int64_t i = 0; i < n; i++) {
+    for (int64_t i = 0, end = 0; i < n; i = end) {
+        for (end = i + 1; end < n && rowids[end] == rowids[i];)
+            end++;
         const Row row = rows.row(rows.ids.require(rowids[i], "coefficient"));
-        columns.ids.require(vars[i], "coefficient");
-        const int64_t k = Rows::find(row, vars[i]);
-        out[i] = k < 0 ? 0.0 : row.coef[k];
+        for (int64_t j = i; j < end; j++)
+            columns.ids.require(vars[j], "coefficient");
+        readrow(row, end - i, vars + i, out + i);
     }
 }
 

@@ -195,7 +195,7 @@ bool Rows::set(int32_t slot, const Columns &columns, int32_t id, double value) {
 
 int64_t Rows::nonzeros(const Columns &columns) const {
     int64_t sum = 0;
-    if (stray_ || stale_) {
+    if (stray_) {
         each([&](int32_t, const Row &row) {
             for (int64_t k = 0; k < row.n; k++)
                 sum += columns.ids.position(row.var[k]) >= 0;

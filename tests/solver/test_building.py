@@ -239,3 +239,12 @@ def test_filling_rows_term_by_term_keeps_every_term():
     expected = [r + 100.0 * v + 1 for v in range(n) for r in range(n)]
     expected.insert(6 * n, 1.0)
     assert value.tolist() == expected
+
+
+def test_many_coefficients_of_long_rows_are_read_right():
+    m, n = Store(), 500
+    m.addvars(n)
+    m.addcsr([0, n // 2, n // 2 + 1], [*range(1, n, 2), 3], np.arange(n // 2 + 1) + 1.0)
+    rows, vars = [0] * n + [1, 0], [*range(n), 3, 3]
+    expected = [0.0 if v % 2 == 0 else (v + 1) / 2 for v in range(n)]
+    assert m.coefs(rows, vars) == [*expected, n // 2 + 1.0, 2.0]
