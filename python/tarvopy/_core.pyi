@@ -34,12 +34,22 @@ class _Model:
     """The native handle that owns a model's store; `Model._cmodel` and every object of the model refer to it."""
 
     def __init__(self, name: str = "") -> None: ...
+    def _close(self) -> None:
+        """Frees the store; what still refers to the model raises from here on. Refused while an engine runs."""
+
+    @property
+    def _closed(self) -> bool: ...
+    _solving: bool
+    """Whether an engine runs on the model. Until it is False again every use of the store is refused, so whoever runs
+    the engine clears it before reading the solution."""
 
 class _Handle(Protocol):
     @property
     def index(self) -> int:
         """Position in the model; -1 while the update is awaited, -2 or less once removed."""
 
+    @property
+    def _cmodel(self) -> _Model: ...
     def getAttr(self, attrname: str, /) -> Any:
         """An attribute by name. NoDataError where it is not there yet, TarvoError once the element is removed."""
 
@@ -73,7 +83,12 @@ class Var(_Operators, _Handle):
     def X(self) -> float: ...
     @property
     def RC(self) -> float: ...
+    @property
+    def _colno(self) -> int: ...
     def __pos__(self) -> Var: ...
+    def __ne__(self, other: Any) -> bool:  # type: ignore[override]
+        """Whether two variables differ; TarvoError for expressions and numbers."""
+
     def __hash__(self) -> int: ...
 
 class LinExpr(_Operators):
@@ -109,9 +124,18 @@ class LinExpr(_Operators):
 
     def clear(self) -> None: ...
     def copy(self) -> LinExpr: ...
+    def _flatten(self) -> None: ...
+    def _normalize(self) -> None:
+        """Merges the terms of each variable at its first occurrence and drops zero coefficients."""
+
+    def _mul(self, factor: _Number, /) -> None:
+        """Scales in place."""
 
 class Constr(_Handle):
     """One linear row of a model. A two-sided row has the sense "R" and its upper side as RHS."""
+
+    @property
+    def _rowno(self) -> int: ...
 
     RHS: _Double
     Sense: _Text
@@ -143,3 +167,9 @@ class GenExpr: ...
 class NLExpr: ...
 class NLConstr: ...
 class _ExprTree: ...
+
+def _quicksum(iterable: Iterable[Any], /) -> LinExpr | Any:
+    """The sum of numbers, variables and expressions in one pass; a matrix expression where matrix objects take part."""
+
+def _counts() -> dict[str, int]:
+    """Living objects by type name."""

@@ -276,3 +276,21 @@ def test_tempconstr_keeps_what_it_is_given_and_is_collected():
     assert "..." in repr(loop[0])
     with pytest.raises(TypeError):
         TempConstr(1, 2)
+
+
+def test_second_initialisation_is_refused():
+    import subprocess
+    import sys
+
+    code = """
+import sys, tarvopy._core
+x = sys.modules.pop("tarvopy._core")
+try:
+    import tarvopy._core
+except RuntimeError as error:
+    assert str(error) == "'_core' has already been imported. Re-initialisation is not supported.", error
+else:
+    raise SystemExit("imported twice")
+"""
+    result = subprocess.run([sys.executable, "-c", code], check=False, capture_output=True, text=True)
+    assert (result.returncode, result.stderr) == (0, "")
