@@ -1,7 +1,7 @@
 """Bulk transfer of attributes between Python lists and the store, for the package itself.
 
-Indices are positions in the model; one that is not there (-1 and below included) is a TarvoError, NOT_IN_MODEL. Arrays by
-id are reached through the function table `_C_API`. Type codes: 0 character, 1 integer, 2 double, 3 string.
+Indices are positions in the model; one that is not there (-1 and below included) is a TarvoError, NOT_IN_MODEL.
+Arrays by id are reached through the function table `_C_API`. Type codes: 0 character, 1 integer, 2 double, 3 string.
 """
 
 from collections.abc import Iterable
