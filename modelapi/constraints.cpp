@@ -50,6 +50,19 @@ void require_linear(const char *function, int degree, PyObject *side) {
     }
 }
 
+// Sides that are none of the package's operands but say what their numbers are: lists, tuples, objects with __array__.
+// Returns the degree of what `side` then is.
+int settle_degree(Ref &side) {
+    int degree = matrix().degree(side.get());
+    if (degree == -2 &&
+        (PyList_Check(side.get()) || PyTuple_Check(side.get()) || PyObject_HasAttrString(side.get(), "__array__"))) {
+        side = number_array("a side of a comparison", side.get());
+        degree = 0;
+    }
+    require_linear("addConstr", degree, side.get());
+    return degree;
+}
+
 Sense sense_of(PyObject *text) {
     if (PyUnicode_Check(text) && PyUnicode_GET_LENGTH(text) >= 1 && PyUnicode_GET_LENGTH(text) <= 2) {
         Py_UCS4 letter = PyUnicode_READ_CHAR(text, 0);
@@ -159,9 +172,7 @@ TARVOPY_METHOD(model_addConstr) {
         Ref lhs = Ref::borrow(comparison->lhs), rhs = Ref::borrow(comparison->rhs);
         Sense sense = sense_of(comparison->sense);
         Names names(given[1]);
-        int left = matrix().degree(lhs.get()), right = matrix().degree(rhs.get());
-        require_linear("addConstr", left, lhs.get());
-        require_linear("addConstr", right, rhs.get());
+        int left = settle_degree(lhs), right = settle_degree(rhs);
         if (left == 0 && right == 0)
             fail(PyExc_TypeError,
                  "addConstr() takes a comparison with a variable or an expression in it, not of two numbers");

@@ -60,10 +60,13 @@ TARVOPY_METHOD(function_commit_solution) {
         PyObject *runtime = nullptr, *itercount = nullptr, *nodecount = nullptr;
         const char *engine = "";
         TRVresult result{};
-        if (!PyArg_ParseTupleAndKeywords(positional.get(), named.get(), "O$iOOOOOOOOs:commit_solution",
+        result.status = -1;
+        if (!PyArg_ParseTupleAndKeywords(positional.get(), named.get(), "O|$iOOOOOOOOs:commit_solution",
                                          const_cast<char **>(keywords), &handle, &result.status, &has_x, &has_duals,
                                          &objval, &bound, &gap, &runtime, &itercount, &nodecount, &engine))
             throw PythonError{};
+        if (result.status < 0)
+            fail(PyExc_TypeError, "commit_solution() needs a status");
         const double none = std::nan("");
         result.has_x = flag(has_x);
         result.has_duals = flag(has_duals);

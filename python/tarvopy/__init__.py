@@ -26,7 +26,7 @@ _HOMES = {
         "tarvopy._exception": ("TarvoError", "NoDataError"),
         "tarvopy._core": (
             *("Var", "LinExpr", "QuadExpr", "NLExpr", "GenExpr", "TempConstr"),
-            *("Constr", "QConstr", "GenConstr", "NLConstr", "quicksum"),
+            *("Constr", "QConstr", "GenConstr", "NLConstr", "_quicksum"),
         ),
         "tarvopy._matrixapi": (
             *("MVar", "MLinExpr", "MQuadExpr", "MNLExpr", "MConstr", "MQConstr", "MGenConstr", "MNLConstr"),
@@ -36,6 +36,8 @@ _HOMES = {
     }.items()
     for name in names
 }
+
+_HOMES["quicksum"] = _HOMES.pop("_quicksum")  # native, and public under this name only
 
 __all__ = ["inf", *_HOMES]
 
@@ -47,7 +49,7 @@ def __getattr__(name: str) -> Any:
         raise AttributeError(f"module 'tarvopy' has no attribute {name!r}") from None
     from importlib import import_module
 
-    value = getattr(import_module(module), name)
+    value = getattr(import_module(module), "_quicksum" if name == "quicksum" else name)
     globals()[name] = value
     return value
 

@@ -12,14 +12,14 @@ def run(code):
     return done.stdout
 
 
-def test_import_and_scalar_models_load_neither_numpy_nor_scipy():
+def test_importing_and_adding_variables_load_neither_numpy_nor_scipy():
     out = run(
         "import sys, tarvopy\n"
-        "m = tarvopy.Model(); x = m.addVar(name='x'); m.addConstr(2 * x <= 1); m.setObjective(x)\n"
-        "m.update(); print(m.NumConstrs, m.getRow(m.getConstrs()[0]))\n"
+        "m = tarvopy.Model(); x = m.addVar(name='x'); c = 2 * x <= 1; tarvopy.MVar\n"
+        "m.update(); print(m.NumVars, m.getVars(), m)\n"
         "print([name for name in ('numpy', 'scipy') if name in sys.modules])"
     )
-    assert out.splitlines() == ["1 2.0 x", "[]"]
+    assert out.splitlines() == ["1 [<Var x>] <tarvopy.Model '': 1 variable, 0 constraints>", "[]"]
 
 
 def test_import_takes_less_than_half_of_numpys():
