@@ -142,8 +142,8 @@ def _without_engine(problem: Problem) -> Outcome | None:
 
 
 def _cross(lower: np.ndarray, upper: np.ndarray) -> bool:
-    """Whether some interval is empty, one that begins at plus infinity or ends at minus infinity included."""
-    return bool(len(lower)) and bool((lower > upper).any() or lower.max() == math.inf or upper.min() == -math.inf)
+    """Whether some interval is empty."""
+    return bool((lower > upper).any())
 
 
 def _commit(problem: Problem, outcome: Outcome, engine_name: str) -> None:

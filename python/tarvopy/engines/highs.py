@@ -78,7 +78,7 @@ class HighsEngine:
         self._time_left = self._node_limit = math.inf
         self._keep_log = False
         self.loads = 0
-        self.changes_sent = 0
+        self.changes_sent = 0  # calls, each of which may carry many
 
     @classmethod
     def full_name(cls) -> str:
@@ -117,32 +117,30 @@ class HighsEngine:
     def change(self, problem: Problem, changes: Changes) -> bool:
         import numpy as np
 
-        solver = self._solver
         if changes.structure:
             return False
+        solver = self._solver
         if len(changes.bounds):
-            self._refusing(solver.change_bounds, np.sort(changes.bounds), problem.lb, problem.ub)
+            self._send(solver.change_bounds, np.sort(changes.bounds), problem.lb, problem.ub)
         if len(changes.costs):
-            self._refusing(solver.change_costs, np.sort(changes.costs), problem.obj)
+            self._send(solver.change_costs, np.sort(changes.costs), problem.obj)
         if len(changes.sides):
-            self._refusing(solver.change_sides, np.sort(changes.sides), problem.lower, problem.upper)
+            self._send(solver.change_sides, np.sort(changes.sides), problem.lower, problem.upper)
         if len(changes.coefrows):
-            self._refusing(solver.change_coefs, changes.coefrows, changes.coefvars, changes.coefs)
+            self._send(solver.change_coefs, changes.coefrows, changes.coefvars, changes.coefs)
         if changes.sense or changes.objconstant:
-            self._refusing(solver.change_objective, problem.sense, problem.objconstant)
-        self.changes_sent += 1
+            self._send(solver.change_objective, problem.sense, problem.objconstant)
         return True
 
     def counts(self) -> dict[str, int]:
         return dict(zip(("vars", "rows", "nz", "qnz"), self._solver.counts(), strict=True))
 
-    @staticmethod
-    def _refusing(call: Any, *args: Any) -> None:
-        """Calls, with HiGHS' refusals as errors of this package."""
+    def _send(self, call: Any, *args: Any) -> None:
+        self.changes_sent += 1
         try:
             call(*args)
         except _highs.HighsError as error:
-            raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, str(error)) from None
+            raise TarvoError(TRV.ERROR_UNSUPPORTED, str(error)) from None
 
     # ---- the run
 
@@ -219,7 +217,7 @@ class HighsEngine:
     def _set_costs(self, obj: np.ndarray) -> None:
         import numpy as np
 
-        self._refusing(self._solver.change_costs, np.arange(len(obj), dtype=np.int32), obj)
+        self._solver.change_costs(np.arange(len(obj), dtype=np.int32), obj)
 
     def outcome(self, problem: Problem) -> Outcome:
         try:
@@ -268,8 +266,6 @@ def _reason(problem: Problem, value: np.ndarray) -> str:
         largest = max(value.max(), -value.min())
         if largest >= _LARGEST_COEFFICIENT:
             return f": a coefficient of {largest:g} is beyond its limit of {_LARGEST_COEFFICIENT:g}"
-    if problem.nvars and (problem.lb.max() == math.inf or problem.ub.min() == -math.inf):
-        return ": the bounds of a variable are both infinite on the same side"
     return ""
 
 
