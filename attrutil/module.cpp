@@ -93,14 +93,13 @@ void check_handle(PyObject *model) {
 }
 
 // ---- positions
-// ---------------------------------------------------------------------------------------------------------
 
 std::vector<int32_t> read_positions(PyObject *indices) {
-    Ref list = check(PySequence_List(indices)); // of its own: an __index__ may change the caller's
+    Ref items = check(PySequence_Tuple(indices)); // an __index__ may change the caller's list
     std::vector<int32_t> positions;
-    positions.reserve(static_cast<size_t>(PyList_GET_SIZE(list.get())));
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list.get()); ++i) {
-        Py_ssize_t position = check_value(PyNumber_AsSsize_t(PyList_GET_ITEM(list.get(), i), PyExc_IndexError));
+    positions.reserve(static_cast<size_t>(PyTuple_GET_SIZE(items.get())));
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i) {
+        Py_ssize_t position = check_value(PyNumber_AsSsize_t(PyTuple_GET_ITEM(items.get(), i), PyExc_IndexError));
         // What lies beyond 32 bits is in no model; the store says so for -1.
         positions.push_back(position == static_cast<int32_t>(position) ? static_cast<int32_t>(position) : -1);
     }
@@ -126,7 +125,6 @@ const TRVattrinfo *element_attribute(PyObject *name) {
 }
 
 // ---- the listed functions
-// ----------------------------------------------------------------------------------------------
 
 PyObject *getattrinfo(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
@@ -193,7 +191,6 @@ PyObject *attrlist(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject
 }
 
 // ---- the capsule
-// -------------------------------------------------------------------------------------------------------
 
 Ids ids_of_array(PyObject *ids) {
     return {static_cast<const int32_t *>(PyArray_DATA(as_array(ids))), PyArray_SIZE(as_array(ids))};
@@ -220,7 +217,6 @@ int api_set(ModelObject *model, int kind, const char *name, PyObject *ids, PyObj
 const AttrApi api = {AttrApi::current_version, api_get, api_set};
 
 // ---- module
-// ------------------------------------------------------------------------------------------------------------
 
 template <class F> PyMethodDef row(const char *name, F *function, const char *doc) {
     return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)), METH_FASTCALL | METH_KEYWORDS,

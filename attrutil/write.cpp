@@ -32,10 +32,11 @@ Values::Values(const TRVattrinfo *info, PyObject *source, int64_t count) : info_
         array_ = Ref::borrow(source);
         size_ = PyArray_SIZE(as_array(source));
     } else if (is_array(source) || PyList_Check(source) || PyTuple_Check(source)) {
-        // A list of our own: reading an item may run code that changes the caller's.
-        Ref list = is_array(source) ? list_of_array(source) : check(PySequence_List(source));
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list.get()); ++i)
-            read_item(PyList_GET_ITEM(list.get(), i));
+        // A tuple, since reading an item may run code that changes the caller's list.
+        Ref list = is_array(source) ? list_of_array(source) : Ref::borrow(source);
+        Ref items = check(PySequence_Tuple(list.get()));
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i)
+            read_item(PyTuple_GET_ITEM(items.get(), i));
     } else {
         read_item(source);
     }

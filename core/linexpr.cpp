@@ -3,6 +3,7 @@
 #include "model_handle.h"
 #include "pysupport/args.h"
 #include "pysupport/numbers.h"
+#include "pysupport/numpy.h"
 #include "scalars.h"
 
 #include <structmember.h>
@@ -27,33 +28,38 @@ Operand linear_operand(PyObject *object, const char *function) {
 }
 
 // ---- reading coefficient and variable lists
-// ----------------------------------------------------------------------------
 
-// A private list of what an argument of addTerms holds: lists and tuples, arrays (NumPy's and MVar) in C order, other
-// iterables.
-Ref flat_list(PyObject *object, const char *what) {
+// Arrays as lists, in C order: NumPy's, and MVar through its own reshape and tolist. Other objects as they are.
+Ref without_arrays(PyObject *object) {
+    if (PyList_Check(object) || PyTuple_Check(object))
+        return Ref::borrow(object);
+    if (pysupport::is_array(object)) {
+        Ref plain = check(PyArray_FROM_OF(object, NPY_ARRAY_ENSUREARRAY)); // a numpy.matrix stays two-dimensional
+        Ref flat = check(PyArray_Ravel(pysupport::as_array(plain), NPY_CORDER));
+        return check(PyArray_ToList(pysupport::as_array(flat)));
+    }
+    if (!PyObject_HasAttrString(object, "tolist") || !PyObject_HasAttrString(object, "reshape"))
+        return Ref::borrow(object);
+    Ref flat = check(PyObject_CallMethod(object, "reshape", "i", -1));
+    return check(PyObject_CallMethod(flat.get(), "tolist", nullptr));
+}
+
+// What an argument of addTerms holds, as a tuple: nothing that runs while its items are read can change it.
+Ref items_of(PyObject *object, const char *what) {
     if (PyUnicode_Check(object) || PyBytes_Check(object))
         fail(PyExc_TypeError, "%s cannot be given as a string", what);
-    Ref values;
-    if (!PyList_Check(object) && !PyTuple_Check(object) && PyObject_HasAttrString(object, "tolist")) {
-        Ref flat = Ref::borrow(object);
-        if (PyObject_HasAttrString(object, "reshape"))
-            flat = check(PyObject_CallMethod(object, "reshape", "i", -1));
-        values = check(PyObject_CallMethod(flat.get(), "tolist", nullptr));
-        object = values.get();
-    }
-    return check(PySequence_List(object));
+    return check(PySequence_Tuple(without_arrays(object).get()));
 }
 
 // Exact floats, checked; every __float__ has run when this returns.
 Ref float_list(PyObject *numbers) {
-    Ref values = flat_list(numbers, "coefficients");
-    Ref floats = untracked_list(PyList_GET_SIZE(values.get()));
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(floats.get()); ++i) {
-        Ref item = Ref::borrow(PyList_GET_ITEM(values.get(), i));
-        double value = finite_number(item.get(), "Coefficient");
+    Ref items = items_of(numbers, "coefficients");
+    Ref floats = untracked_list(PyTuple_GET_SIZE(items.get()));
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i) {
+        PyObject *item = PyTuple_GET_ITEM(items.get(), i);
+        double value = finite_number(item, "Coefficient");
         PyList_SET_ITEM(floats.get(), i,
-                        PyFloat_CheckExact(item.get()) ? item.release() : check(PyFloat_FromDouble(value)).release());
+                        PyFloat_CheckExact(item) ? Py_NewRef(item) : check(PyFloat_FromDouble(value)).release());
     }
     return floats;
 }
@@ -67,22 +73,18 @@ Ref repeated(PyObject *number, Py_ssize_t n) {
 }
 
 Ref var_list(PyObject *vars) {
-    if (is_var(vars)) {
-        Ref one = untracked_list(1);
-        PyList_SET_ITEM(one.get(), 0, Py_NewRef(vars));
-        return one;
+    Ref items = is_var(vars) ? check(PyTuple_Pack(1, vars)) : items_of(vars, "variables");
+    Ref list = untracked_list(PyTuple_GET_SIZE(items.get()));
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i) {
+        PyObject *item = PyTuple_GET_ITEM(items.get(), i);
+        if (!is_var(item))
+            fail(PyExc_TypeError, "variables must be Var objects, not '%.200s'", Py_TYPE(item)->tp_name);
+        PyList_SET_ITEM(list.get(), i, Py_NewRef(item));
     }
-    Ref values = flat_list(vars, "variables");
-    PyObject_GC_UnTrack(values.get());
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(values.get()); ++i)
-        if (!is_var(PyList_GET_ITEM(values.get(), i)))
-            fail(PyExc_TypeError, "variables must be Var objects, not '%.200s'",
-                 Py_TYPE(PyList_GET_ITEM(values.get(), i))->tp_name);
-    return values;
+    return list;
 }
 
 // ---- methods
-// -------------------------------------------------------------------------------------------------------------
 
 PyObject *linexpr_new(PyTypeObject *, PyObject *args, PyObject *kwargs) {
     return border([&] {
@@ -241,7 +243,6 @@ PyType_Slot slots[] = {
 PyType_Spec spec = {"tarvopy.LinExpr", sizeof(LinExprObject), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE, slots};
 
 // ---- text
-// ----------------------------------------------------------------------------------------------------------------
 
 std::string number_text(double value) {
     char *digits = PyOS_double_to_string(value, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);

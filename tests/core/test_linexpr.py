@@ -61,6 +61,14 @@ def test_add_terms_takes_single_ones_and_object_arrays(model):
     assert str(expr) == "2.0 C0 + 3.0 C1 + 4.0 C0 + 4.0 C1"
 
 
+def test_add_terms_takes_matrix_variables_in_c_order(model):
+    from tarvopy._matrixapi import MVar
+
+    expr = LinExpr()
+    expr.addTerms(np.matrix([[1, 2], [3, 4]]), MVar.fromlist(model.vars).reshape(2, 2))
+    assert str(expr) == "1.0 C0 + 2.0 C1 + 3.0 C2 + 4.0 C3"
+
+
 @pytest.mark.parametrize(
     ("coeffs", "variables", "error"),
     [
