@@ -24,7 +24,8 @@ def mps(A, sense, rhs, obj, *, integer=(), ub=None) -> str:
 
 
 def market_split(markets: int = 6, seed: int = 1) -> str:
-    """A tiny model that no tree search finishes within minutes, though any point is feasible: split 10 (markets - 1) retailers evenly.
+    """A tiny model that no tree search finishes within minutes, though any point is feasible: split 10 (markets - 1)
+    retailers evenly over the markets.
 
     G. Cornuejols, M. Dawande, "A class of hard small 0-1 programs", INFORMS Journal on Computing 11 (1999).
     """

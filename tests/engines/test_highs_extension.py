@@ -136,11 +136,11 @@ def test_positions_of_changes_are_checked(solver):
     for wrong in (positions(1, 0), positions(0, 0), positions(2), positions(-1)):
         with pytest.raises(ValueError, match="ascending positions"):
             solver.change_costs(wrong, doubles(1, 1))
-    with pytest.raises(ValueError, match="row 1 is outside 0 .. 0"):
+    with pytest.raises(ValueError, match=r"row 1 is outside 0 \.\. 0"):
         solver.change_coefs(positions(1), positions(0), doubles(1))
+    x = np.zeros(2)
+    x.flags.writeable = False
     with pytest.raises(ValueError, match="cannot be written to"):
-        x = np.zeros(2)
-        x.flags.writeable = False
         solver.solution(x, None, None)
     assert solver.model()["obj"].tolist() == [1, 2]
 
@@ -236,7 +236,8 @@ def child(code):
 
 
 def test_the_extension_needs_neither_the_engine_nor_numpy_to_be_imported():
-    code = "import sys; from tarvopy import _highs; print(_highs.version(), 'numpy' in sys.modules, 'highsbox' in sys.modules)"
+    asked = "_highs.version(), 'numpy' in sys.modules, 'highsbox' in sys.modules"
+    code = f"import sys; from tarvopy import _highs; print({asked})"
     assert child(code).stdout.split() == ["None", "False", "False"]
 
 

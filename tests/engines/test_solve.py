@@ -4,9 +4,9 @@ import threading
 
 import numpy as np
 import pytest
-from mps_text import market_split
 
 import tarvopy
+from mps_text import market_split
 from tarvopy import TRV, TarvoError
 
 INF = np.inf
@@ -98,7 +98,7 @@ def test_figures_of_an_lp_and_of_a_mip():
     m, x, rows = build([[1, 2]], 3, INF, [2, 3], vtype="I", sense=TRV.MINIMIZE)
     m.optimize()
     assert (m.Status, m.ObjVal, m.ObjBound, m.Gap) == (TRV.OPTIMAL, 5.0, 5.0, 0.0)
-    assert x.X == pytest.approx([1, 1])
+    assert pytest.approx([1, 1]) == x.X
     assert m.why_engine == "HiGHS: linear with 2 integer variables"
     for handle, attribute in ((rows, "Pi"), (x, "RC")):
         with pytest.raises(AttributeError):

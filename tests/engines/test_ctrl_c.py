@@ -1,0 +1,192 @@
+"""Ctrl-C during a solve, with real signals to child processes, on a model that needs minutes."""
+
+import signal
+import subprocess
+import sys
+import time
+
+import pytest
+
+from mps_text import market_split
+
+ACKNOWLEDGED = "Ctrl-C: stopping at the engine's next check"
+
+BEGIN = """
+import os, signal, sys, threading, time
+import tarvopy
+import tarvopy.flight
+from tarvopy.engines.highs import HighsEngine
+m = tarvopy.read(sys.argv[1])
+m.params.LogLevel = 0
+
+def say(*what):
+    print(*what, flush=True)
+
+def interrupt_after(*seconds):
+    for s in seconds:
+        threading.Timer(s, os.kill, (os.getpid(), signal.SIGINT)).start()
+"""
+
+
+@pytest.fixture(scope="module")
+def hard(tmp_path_factory):
+    path = tmp_path_factory.mktemp("hard") / "split.mps"
+    path.write_text(market_split())
+    return str(path)
+
+
+class Child:
+    """A Python process, its lines with the time since the last signal, and how it ended."""
+
+    def __init__(self, code, path):
+        self.process = subprocess.Popen(
+            [sys.executable, "-c", BEGIN + code, path],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+            start_new_session=True,
+        )
+        self.began = time.monotonic()
+
+    def line(self):
+        return self.process.stdout.readline().rstrip("\n")
+
+    def interrupt(self):
+        self.began = time.monotonic()
+        self.process.send_signal(signal.SIGINT)
+
+    def seconds(self):
+        return time.monotonic() - self.began
+
+    def finish(self, seconds=30):
+        try:
+            rest = self.process.communicate(timeout=seconds)[0]
+        finally:
+            self.process.kill()
+        return rest.splitlines(), self.process.returncode
+
+
+def test_ctrl_c_is_acknowledged_at_once_and_keeps_the_incumbent(hard):
+    child = Child(
+        """
+say("solving")
+m.optimize()
+say(m.Status, m.ObjVal, sum(v.X for v in m.getVars()[-12:]), m.ObjBound, m.Runtime)
+m.params.TimeLimit = 0.3
+m.optimize()
+say(m.Status, m.ObjVal)
+""",
+        hard,
+    )
+    assert child.line() == "solving"
+    time.sleep(1.5)
+    child.interrupt()
+    assert child.line().startswith(ACKNOWLEDGED)
+    assert child.seconds() < 0.5
+    (result, again), code = child.finish()
+    status, objective, at_x, bound, runtime = map(float, result.split())
+    assert (status, code) == (9, 0)  # INTERRUPTED
+    assert 0 < objective == pytest.approx(at_x, abs=1e-6)
+    assert 0 <= bound <= objective
+    assert 1 < runtime < 10
+    status, second = map(float, again.split())
+    assert status == 5  # the interrupt does not stick: TIME_LIMIT
+    assert second <= objective  # and the incumbent was the start
+
+
+def test_a_second_ctrl_c_leaves_and_the_model_is_free_when_the_engine_has_stopped(hard):
+    child = Child(
+        """
+HighsEngine.interrupt = lambda self: None       # an engine that is far from its next check
+m.params.TimeLimit = 2.0
+interrupt_after(0.4, 0.8)
+began = time.monotonic()
+try:
+    m.optimize()
+except KeyboardInterrupt:
+    say("left", time.monotonic() - began < 1.5)
+for use in (lambda: m.Status, m.addVar, m.optimize, m.close):
+    try:
+        use()
+    except tarvopy.TarvoError as error:
+        say(error)
+while True:
+    try:
+        m.update()
+        break
+    except tarvopy.TarvoError:
+        time.sleep(0.05)
+say(time.monotonic() - began > 1.5, m.Status)
+m.optimize()
+say(m.Status)
+""",
+        hard,
+    )
+    lines, code = child.finish()
+    refused = "the model is being solved; it can be used again when the engine has stopped"
+    assert lines[0].startswith(ACKNOWLEDGED)
+    assert lines[1:] == ["left True", *[refused] * 4, "True 0", "5"]
+    assert code == 0
+
+
+def test_other_handlers_and_other_threads(hard):
+    child = Child(
+        """
+def handler(*_):
+    raise KeyboardInterrupt                     # a handler of the program's own
+signal.signal(signal.SIGINT, handler)
+interrupt_after(0.4)
+m.optimize()
+say(m.Status, signal.getsignal(signal.SIGINT) is handler)
+
+signal.signal(signal.SIGINT, signal.default_int_handler)
+m.params.TimeLimit = 1.0
+solve = threading.Thread(target=m.optimize)
+solve.start()
+interrupt_after(0.4)
+try:
+    solve.join()
+except KeyboardInterrupt:                       # signals are the main thread's: its wait ends, the solve does not
+    say("main")
+solve.join()
+say(m.Status, signal.getsignal(signal.SIGINT) is signal.default_int_handler)
+""",
+        hard,
+    )
+    lines, code = child.finish()
+    assert lines[0].startswith(ACKNOWLEDGED)
+    assert lines[1:] == ["9 True", "main", "5 True"]
+    assert code == 0
+
+
+@pytest.mark.parametrize(
+    "code",
+    [
+        # the program ends while a daemon thread solves
+        "threading.Thread(target=m.optimize, daemon=True).start(); time.sleep(0.4); say('end')",
+        # ... with an engine that does not come back
+        """
+HighsEngine.interrupt = lambda self: None
+tarvopy.flight.PATIENCE_AT_EXIT = 0.5
+threading.Thread(target=m.optimize, daemon=True).start()
+time.sleep(0.4)
+say('end')
+""",
+        # ... that was left by a second Ctrl-C
+        """
+HighsEngine.interrupt = lambda self: None
+tarvopy.flight.PATIENCE_AT_EXIT = 0.5
+interrupt_after(0.3, 0.6)
+try:
+    m.optimize()
+except KeyboardInterrupt:
+    say('end')
+""",
+    ],
+)
+def test_the_interpreter_ends_while_a_solve_is_in_flight(hard, code):
+    child = Child(code, hard)
+    lines, returncode = child.finish(20)
+    assert lines[-1] == "end"
+    assert returncode == 0
+    assert child.seconds() < 10
