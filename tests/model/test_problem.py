@@ -26,6 +26,7 @@ def small(m):
     m.update()
     rows.Lower = [-np.inf, -2]
     m.ModelSense, m.ObjConstant = -1, 3
+    m.update()
     return m, x, rows
 
 
