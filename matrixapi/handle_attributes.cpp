@@ -16,6 +16,7 @@ bool is_model(PyObject *handle) {
     return PyObject_TypeCheck(handle, mod.core->Model);
 }
 
+// model: a handle, or None, for which names are known as well.
 AttributeInfo attribute_info(PyObject *model, PyObject *name) {
     PyObject *arguments[] = {model, name};
     Ref info = check(PyObject_Vectorcall(mod.getattrinfo, arguments, 2, nullptr));
@@ -25,19 +26,6 @@ AttributeInfo attribute_info(PyObject *model, PyObject *name) {
         throw PythonError{};
     result.settable = settable != 0;
     return result;
-}
-
-// The same without a model, for a handle that has none.
-AttributeInfo attribute_info(PyObject *name) {
-    const char *text = PyUnicode_Check(name) ? PyUnicode_AsUTF8(name) : nullptr;
-    if (!text && PyErr_Occurred())
-        throw PythonError{};
-    if (!text)
-        fail(PyExc_TypeError, "attribute name must be a string, not '%.200s'", Py_TYPE(name)->tp_name);
-    const TRVattrinfo *info = TRVfindattr(text);
-    if (!info)
-        fail(PyExc_AttributeError, "unknown attribute '%U'", name);
-    return {info->kind, info->type, info->settable != 0};
 }
 
 void check_kind(PyObject *self, const HandleClass &of, const AttributeInfo &info, const char *owner, PyObject *name) {
@@ -213,7 +201,7 @@ void set_attribute(PyObject *self, const HandleClass &of, PyObject *name, PyObje
     bool known = handle.is_none() || is_model(handle.get());
     AttributeInfo info{of.kind, -1, true};
     if (known) {
-        info = handle.is_none() ? attribute_info(name) : attribute_info(handle.get(), name);
+        info = attribute_info(handle.get(), name);
         check_kind(self, of, info, of.set_refusal, name);
         if (!info.settable)
             fail(PyExc_AttributeError, "Attribute '%U' cannot be set", name);
@@ -236,25 +224,13 @@ void set_attribute(PyObject *self, const HandleClass &of, PyObject *name, PyObje
 
 void prefetch_attribute(PyObject *self, const HandleClass &of, PyObject *name) {
     Ref handle = model_of_handle(self);
-    if (handle.is_none()) {
-        if (of.kind == TRV_VAR)
-            attribute_info(name);
+    if (handle.is_none() && of.kind != TRV_VAR)
         return;
-    }
     PyObject *arguments[] = {handle.get(), name};
     check(PyObject_Vectorcall(mod.prefetchattr, arguments, 2, nullptr));
 }
 
 namespace {
-
-// Names of the kind's attributes without a model to ask.
-Ref attribute_table(int kind) {
-    Ref list = check(PyList_New(0));
-    for (int i = 0; const TRVattrinfo *info = TRVattrat(i); ++i)
-        if (info->kind == kind)
-            check_status(PyList_Append(list.get(), check(PyUnicode_FromString(info->name)).get()));
-    return list;
-}
 
 // The keys of the instance dictionary that the class does not list already; nothing is made.
 void append_stored_names(PyObject *self, const HandleClass &of, const Ref &list) {
@@ -273,15 +249,12 @@ Ref attribute_names(PyObject *self, const HandleClass &of) {
     Ref list = check(PyObject_Dir(reinterpret_cast<PyObject *>(Py_TYPE(self))));
     append_stored_names(self, of, list);
     Ref handle = model_of_handle(self);
-    if (is_model(handle.get())) {
-        PyObject *number = type_number(self, of).release();
-        Ref kind = Ref::steal(number);
-        PyObject *arguments[] = {handle.get(), kind.get()};
-        Ref more = check(PyObject_Vectorcall(mod.attrlist, arguments, 2, nullptr));
-        check(PySequence_InPlaceConcat(list.get(), more.get()));
-    } else {
-        check(PySequence_InPlaceConcat(list.get(), attribute_table(of.kind).get()));
-    }
+    if (!is_model(handle.get()))
+        handle = Ref::none();
+    Ref kind = type_number(self, of);
+    PyObject *arguments[] = {handle.get(), kind.get()};
+    Ref more = check(PyObject_Vectorcall(mod.attrlist, arguments, 2, nullptr));
+    check(PySequence_InPlaceConcat(list.get(), more.get()));
     check_status(PyList_Sort(list.get()));
     return list;
 }

@@ -110,8 +110,26 @@ Ref basic_index(const IdsNative &native, PyObject *key) {
     return new_handle(native.of, cls, native.model, native.block, std::move(layout));
 }
 
+namespace {
+
+// The indices, or nothing where the model cannot be asked: a closed model's handles still print.
+Ref indices_for_text(PyObject *self, const HandleClass &of) {
+    try {
+        return index_array(self, of);
+    } catch (const PythonError &) {
+        if (!PyErr_ExceptionMatches(mod.TarvoError))
+            throw;
+        PyErr_Clear();
+        return Ref();
+    }
+}
+
+} // namespace
+
 IndexMarks index_marks(PyObject *self, const HandleClass &of) {
-    Ref indices = index_array(self, of);
+    Ref indices = indices_for_text(self, of);
+    if (!indices)
+        return {};
     indices = check(PyArray_FromAny(indices.get(), nullptr, 0, 0, NPY_ARRAY_CARRAY_RO, nullptr));
     IndexMarks marks;
     const auto *index = static_cast<const int32_t *>(PyArray_DATA(as_array(indices)));

@@ -22,9 +22,13 @@ namespace {
 
 using Members = std::span<PyObject *const>;
 
-Ref call_routine(PyObject *routine, const Ref &arrays) {
-    return check(PyObject_CallOneArg(routine, arrays.get()));
-}
+// What joins a list of arrays. NumPy's own routines are known to pick and order elements; a stranger may return
+// anything, and gets to see the elements themselves, not numbers that stand for them.
+struct Routine {
+    Ref function;
+    bool of_numpy;
+    Ref operator()(const Ref &arrays) const { return check(PyObject_CallOneArg(function.get(), arrays.get())); }
+};
 
 template <class Convert> Ref list_of(Members members, Convert convert) {
     Ref list = check(PyList_New(0));
@@ -55,14 +59,14 @@ bool share_a_model(Members members, const HandleClass &of, Elements &joined) {
     return !members.empty();
 }
 
-Ref join_handles(PyObject *routine, Members members, const HandleClass &of) {
+Ref join_handles(const Routine &routine, Members members, const HandleClass &of) {
     Elements joined;
-    if (!share_a_model(members, of, joined)) {
+    if (!routine.of_numpy || !share_a_model(members, of, joined)) {
         Ref arrays = list_of(members, [&](PyObject *member) { return object_array(member, of); });
-        return wrap_objects(of, call_routine(routine, arrays).get());
+        return wrap_objects(of, routine(arrays).get());
     }
     Ref arrays = list_of(members, [&](PyObject *member) { return elements_of(member, of).array; });
-    return handle_from_copy(joined, of, call_routine(routine, arrays));
+    return handle_from_copy(joined, of, routine(arrays));
 }
 
 // ---- linear expressions
@@ -107,7 +111,7 @@ bool flat_members(const std::vector<Ref> &copies, std::vector<flat::Form> &forms
 }
 
 // NumPy joins arrays of positions; the forms' rows are then picked by them.
-Ref join_forms(PyObject *routine, const std::vector<flat::Form> &forms, const Ref &model) {
+Ref join_forms(const Routine &routine, const std::vector<flat::Form> &forms, const Ref &model) {
     need_numpy();
     Ref arrays = check(PyList_New(0));
     int64_t total = 0;
@@ -119,7 +123,7 @@ Ref join_forms(PyObject *routine, const std::vector<flat::Form> &forms, const Re
         total += form.size;
         check_status(PyList_Append(arrays.get(), positions.get()));
     }
-    Ref joined = call_routine(routine, arrays);
+    Ref joined = routine(arrays);
     joined = check(PyArray_FromAny(joined.get(), PyArray_DescrFromType(NPY_INT64), 0, 0, NPY_ARRAY_CARRAY_RO, nullptr));
     flat::Shape shape = shape_of_array(joined.get());
     flat::Form all = flat::concatenated(forms, {total});
@@ -127,18 +131,18 @@ Ref join_forms(PyObject *routine, const std::vector<flat::Form> &forms, const Re
                      flat::gathered(all, static_cast<const int64_t *>(PyArray_DATA(as_array(joined))), shape), model);
 }
 
-Ref join_linear(PyObject *routine, Members members) {
+Ref join_linear(const Routine &routine, Members members) {
     std::vector<Ref> copies;
     for (PyObject *member : members)
         copies.push_back(full_copy(member));
     std::vector<flat::Form> forms;
     Ref model;
-    if (flat_members(copies, forms, model))
+    if (routine.of_numpy && flat_members(copies, forms, model))
         return join_forms(routine, forms, model);
     Ref arrays = check(PyList_New(0));
     for (const Ref &copy : copies)
         check_status(PyList_Append(arrays.get(), learr(copy.get()).get()));
-    return make_objects(mod.MLinExpr, call_routine(routine, arrays));
+    return check(PyObject_CallOneArg(mod.MLinExpr, routine(arrays).get()));
 }
 
 // ---- the rule
@@ -153,7 +157,7 @@ bool all_up_to(Members members, std::initializer_list<PyObject *> classes) {
 }
 
 // The first class that can hold every member decides.
-Ref join(PyObject *routine, Members members) {
+Ref join(const Routine &routine, Members members) {
     for (const HandleClass *of : {&mvar_handle, &mconstr_handle, &mqconstr_handle, &mgenconstr_handle})
         if (all_of_class(members, of->class_object()))
             return join_handles(routine, members, *of);
@@ -166,7 +170,7 @@ Ref join(PyObject *routine, Members members) {
     fail(PyExc_ValueError, "Invalid types for array manipulation routine");
 }
 
-Ref apply_routine(PyObject *routine, PyObject *sequence) {
+Ref apply_routine(const Routine &routine, PyObject *sequence) {
     need_numpy();
     Ref tuple = check(PySequence_Tuple(sequence)); // nobody else holds it while Python code runs
     return join(routine,
@@ -177,7 +181,7 @@ PyObject *apply_manipulation(PyObject *, PyObject *const *args, Py_ssize_t nargs
     return border([&] {
         static const Signature signature{"_apply_array_manipulation_routine", {"routine", "tup"}, 2};
         Arguments given(signature, 0, args, nargs, kwnames);
-        return apply_routine(given[0], given[1]);
+        return apply_routine({Ref::borrow(given[0]), false}, given[1]);
     });
 }
 
@@ -185,7 +189,7 @@ PyObject *vstack(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *
     return border([&] {
         static const Signature signature{"vstack", {"tup"}, 1};
         Arguments given(signature, 0, args, nargs, kwnames);
-        return apply_routine(numpy_function(names.vstack).get(), given[0]);
+        return apply_routine({numpy_function(names.vstack), true}, given[0]);
     });
 }
 
@@ -193,7 +197,7 @@ PyObject *hstack(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *
     return border([&] {
         static const Signature signature{"hstack", {"tup"}, 1};
         Arguments given(signature, 0, args, nargs, kwnames);
-        return apply_routine(numpy_function(names.hstack).get(), given[0]);
+        return apply_routine({numpy_function(names.hstack), true}, given[0]);
     });
 }
 
@@ -208,7 +212,7 @@ PyObject *concatenate(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObj
         PyObject *arguments[] = {function.get(), given.get(1, zero.get())};
         Ref keywords = check(PyTuple_Pack(1, names.axis));
         Ref routine = check(PyObject_Vectorcall(partial.get(), arguments, 1, keywords.get()));
-        return apply_routine(routine.get(), given[0]);
+        return apply_routine({std::move(routine), true}, given[0]);
     });
 }
 

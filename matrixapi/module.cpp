@@ -102,6 +102,8 @@ void export_api(PyObject *module) {
 // -------------------------------------------------------------------------------------------------------
 
 PyObject *set_eager(PyObject *, PyObject *flag) {
+    if (flag == Py_None)
+        return PyBool_FromLong(eager);
     int value = PyObject_IsTrue(flag);
     if (value < 0)
         return nullptr;
@@ -110,7 +112,9 @@ PyObject *set_eager(PyObject *, PyObject *flag) {
 
 PyMethodDef functions[] = {
     {"_eager", set_eager, METH_O,
-     "_eager(flag)\n--\n\nFor tests: whether every new array makes its objects at once. Returns the former setting."},
+     "_eager(flag)\n--\n\nFor tests: whether every new array makes its objects at once (None: as it is). Returns the "
+     "former "
+     "setting."},
     {nullptr, nullptr, 0, nullptr},
 };
 
