@@ -97,7 +97,12 @@ int set_solving(PyObject *self, PyObject *value, void *) {
     });
 }
 
+// One handle a model: a copy of what refers to it still belongs to the same model.
+PyObject *return_self(PyObject *self, PyObject *) { return Py_NewRef(self); }
+
 PyMethodDef model_methods[] = {
+    {"__copy__", return_self, METH_NOARGS, nullptr},
+    {"__deepcopy__", return_self, METH_O, nullptr},
     {"_close", model_close, METH_NOARGS,
      "_close()\n--\n\nFrees the store. Everything that still refers to the model raises from here on."},
     {}};
