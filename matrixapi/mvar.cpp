@@ -41,7 +41,10 @@ flat::Shape mvar_shape(PyObject *mvar) {
 }
 
 Ref vararr_of(PyObject *mvar) {
-    return object_array(mvar, mvar_handle);
+    Ref array = object_array(mvar, mvar_handle);
+    if (!PyArray_Check(array.get()))
+        fail(PyExc_TypeError, "_vararr is no array but a '%.200s'", Py_TYPE(array.get())->tp_name);
+    return array;
 }
 
 Ref new_mvar(PyObject *cls, PyObject *model, PyObject *int32_array) {

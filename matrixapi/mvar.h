@@ -24,11 +24,10 @@ inline bool is_mvar(PyObject *object) {
 }
 
 // The ids of an MVar (or of a child of it) in any state. False where elements are no Var or belong to several models;
-// throws only what reading
-// `_vararr` raises (someone deleted it).
+// throws only what reading `_vararr` raises (someone deleted it).
 bool mvar_ids(PyObject *mvar, VarIds &out);
 flat::Shape mvar_shape(PyObject *mvar);
-// Makes: the object array `_vararr`.
+// Makes: the array `_vararr`; TypeError where somebody stored what is none.
 Ref vararr_of(PyObject *mvar);
 
 // An MVar over ids. cls: the class MVar. model: the handle; NULL or None only where there is no element.

@@ -42,7 +42,7 @@ JOINS = [
 @pytest.mark.parametrize(("join", "oracle", "members"), JOINS)
 def test_variables_stay_variables_and_keep_their_identity(x, join, oracle, members, look):
     if look:
-        x._vararr  # noqa: B018 - makes the objects
+        x._vararr
     joined = join(members(x))
     expected = oracle(members(np.arange(6).reshape(2, 3)))
     assert type(joined) is MVar

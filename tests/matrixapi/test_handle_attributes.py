@@ -26,7 +26,7 @@ def handle(request, mode, model):
         return x[:, [0, 2, 4]]
     part = x[:, ::2]
     if request.param == "objects":
-        part._vararr  # noqa: B018 - makes the objects
+        part._vararr
     return part
 
 

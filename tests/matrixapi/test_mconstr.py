@@ -112,13 +112,13 @@ def test_attributes_of_rows(rows, model):
         rows.LB = 1
     assert str(error.value) == "'tarvopy.Constr' object has no attribute 'LB'"
     with pytest.raises(AttributeError, match="'tarvopy.MConstr' object has no attribute '_nothing'"):
-        rows._nothing  # noqa: B018
+        rows._nothing
     assert "RHS" in dir(rows)
     assert "LB" not in dir(rows)
     model.remove(rows[0, 0])
     model.update()
     with pytest.raises(TarvoError) as error:
-        rows.RHS  # noqa: B018
+        rows.RHS
     assert error.value.code == TRV.Error.NOT_IN_MODEL
 
 

@@ -48,7 +48,9 @@ OPERATIONS = st.one_of(
     st.sampled_from([(-1,), (2, -1)]).map(lambda s: lambda a: a.reshape(s, order="F")),
     st.sampled_from([(), (1, 0), ((1, 0),), (0, 2, 1)]).map(lambda axes: lambda a: a.transpose(*axes)),
     st.sampled_from([{}, {"offset": 1}, {"axis1": 1, "axis2": 0}]).map(lambda k: lambda a: a.diagonal(**k)),
-    st.sampled_from([lambda a: a.T, lambda a: a.copy(), lambda a: a._squeeze() if isinstance(a, MVar) else a.squeeze()]),
+    st.sampled_from(
+        [lambda a: a.T, lambda a: a.copy(), lambda a: a._squeeze() if isinstance(a, MVar) else a.squeeze()]
+    ),
 )
 
 
@@ -84,7 +86,7 @@ def test_structure_indexing_and_shared_memory_follow_numpy(shape, steps, eager):
             handles.append(got)
             numbers.append(wrapped(expected))
         if action:
-            handles[at]._vararr  # noqa: B018 - the look makes the objects
+            handles[at]._vararr
         if action == "write" and numbers[at].size:
             handles[at]._vararr.flat[0] = other._vararr[count]
             numbers[at].flat[0] = other._idxarr()[count]
