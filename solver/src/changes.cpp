@@ -5,22 +5,29 @@
 
 namespace store {
 
-void Changes::element(Kind kind, int32_t position) {
+void Changes::element(Kind kind, int32_t position) noexcept {
     if (structure_)
         return;
     Buffer<char> &listed = listed_[kind];
-    listed.pad(static_cast<size_t>(position) + 1, 0);
-    if (listed[position])
-        return;
-    lists_[kind].push(position);
-    listed[position] = 1;
+    try {
+        listed.pad(static_cast<size_t>(position) + 1, 0);
+        if (!listed[position])
+            lists_[kind].push(position);
+        listed[position] = 1;
+    } catch (const std::bad_alloc &) {
+        loadanew();
+    }
 }
 
 // Pairs have no flag each, so repetitions are taken out from time to time.
-bool Changes::coefficient(int32_t row, int32_t column) {
+bool Changes::coefficient(int32_t row, int32_t column) noexcept {
     if (structure_)
         return false;
-    pairs_.push({row, column});
+    try {
+        pairs_.push({row, column});
+    } catch (const std::bad_alloc &) {
+        loadanew();
+    }
     return pairs_.size() >= 2 * merged_ + 1024;
 }
 

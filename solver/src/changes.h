@@ -15,9 +15,10 @@ class Changes {
 
     bool structure() const { return structure_; }
     void loadanew() noexcept; // forgets the lists
-    void element(Kind kind, int32_t position);
+    // Short of memory for a list, all is to be loaded anew: a value that was written must never go unmentioned.
+    void element(Kind kind, int32_t position) noexcept;
     // True when the list has doubled since repetitions were last taken out, and limitcoefficients is due.
-    bool coefficient(int32_t row, int32_t column);
+    bool coefficient(int32_t row, int32_t column) noexcept;
     // Takes repetitions out; beyond a quarter of the matrix all is loaded anew.
     void limitcoefficients(int64_t nonzeros);
     void objconstant() { objconstant_ = true; }

@@ -64,7 +64,7 @@ int32_t Columns::integral() const {
     return ids.committed() - static_cast<int32_t>(std::count(vtype.data(), vtype.data() + ids.committed(), 'C'));
 }
 
-void Columns::update() {
+void Columns::update() noexcept {
     ids.compact(lb);
     ids.compact(ub);
     ids.compact(obj);

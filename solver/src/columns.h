@@ -21,7 +21,7 @@ struct Columns {
     // How many variables in the model are not continuous.
     int32_t integral() const;
     // Takes removed variables out and makes pending ones part of the model.
-    void update();
+    void update() noexcept;
 
     // What one value becomes when it is stored; an error names the id.
     static double checkedlb(double value, int64_t id);

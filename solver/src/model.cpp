@@ -51,6 +51,7 @@ void TRVmodel::remove(int kind, int64_t n, const int32_t *ids) {
 }
 
 void TRVmodel::update() {
+    rows.prepareupdate(columns);
     const bool structure = columns.ids.changes() || rows.ids.changes();
     if (structure) {
         changes.loadanew();

@@ -266,7 +266,14 @@ void Rows::purge(const Columns &columns) {
     stale_ = false;
 }
 
-void Rows::update(const Columns &columns) {
+void Rows::prepareupdate(const Columns &columns) {
+    const bool filter = columns.ids.anygone() || ids.anygone();
+    for (Chunk &chunk : chunks_)
+        if (filter || static_cast<int64_t>(chunk.var.size()) > chunk.nnz + chunk.nnz / 2 + 1024)
+            chunk.maketight();
+}
+
+void Rows::update(const Columns &columns) noexcept {
     const bool terms = columns.ids.anygone(), whole = ids.anygone();
     int32_t first = 0;
     for (Chunk &chunk : chunks_) {
@@ -274,8 +281,6 @@ void Rows::update(const Columns &columns) {
             filterrows(chunk);
         if (terms)
             filterchunk(chunk, columns.ids, false);
-        if (static_cast<int64_t>(chunk.var.size()) > chunk.nnz + chunk.nnz / 2 + 1024)
-            chunk.maketight();
         if ((terms || whole) && !chunk.shared) {
             chunk.var.shrink();
             chunk.coef.shrink();

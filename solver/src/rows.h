@@ -91,8 +91,10 @@ class Rows {
     // which are removed at once. Cheap where there are none.
     void variablesremoved() { stale_ = true; }
     void purge(const Columns &columns);
+    // The part of an update that needs memory; it changes nothing that shows.
+    void prepareupdate(const Columns &columns);
     // Comes before the update of the columns, which forget who is gone.
-    void update(const Columns &columns);
+    void update(const Columns &columns) noexcept;
 
     const std::vector<Chunk> &chunks() const { return chunks_; }
     // f(slot, Row) for the rows in the model, in order.

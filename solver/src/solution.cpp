@@ -73,7 +73,7 @@ void Solution::commit(const TRVresult &result, int32_t nvars, int32_t nrows) {
     isopen_ = false;
 }
 
-void Solution::outdate() {
+void Solution::outdate() noexcept {
     if (status_ == TRV_NOT_SOLVED)
         return;
     if (hasx_)

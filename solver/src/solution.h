@@ -35,7 +35,7 @@ class Solution {
     void open(int32_t nvars, int32_t nrows);
     void commit(const TRVresult &result, int32_t nvars, int32_t nrows);
     // The model has changed: what is known is over, but X stays as what may be started from.
-    void outdate();
+    void outdate() noexcept;
     // Takes gone columns out of the values to start from.
     void compact(const Registry &columns) { columns.compact(fallback_); }
     // User's Start, and where there is none the last X. By position; NULL where there is neither.
