@@ -132,8 +132,7 @@ bool is_plain_number(PyObject *object) {
     return PyFloat_Check(object) || PyLong_Check(object);
 }
 
-} // namespace
-
+// A float64 array of anything that NumPy takes for an array of real numbers.
 Ref number_array(const char *what, PyObject *object) {
     need_numpy();
     Ref array = check(PyArray_FromAny(object, nullptr, 0, 0, NPY_ARRAY_ENSUREARRAY, nullptr));
@@ -146,6 +145,8 @@ Ref number_array(const char *what, PyObject *object) {
     return check(PyArray_FromArray(as_array(array), PyArray_DescrFromType(NPY_DOUBLE),
                                    NPY_ARRAY_FORCECAST | NPY_ARRAY_ALIGNED | NPY_ARRAY_NOTSWAPPED));
 }
+
+} // namespace
 
 double number(const char *what, PyObject *object) {
     if (PyFloat_CheckExact(object))

@@ -40,9 +40,6 @@ Ref broadcast(PyArrayObject *array, const Shape &shape, int type);
 // A double from anything that says it is one number; TypeError "lb must be a number, not 'str'" otherwise.
 double number(const char *what, PyObject *object);
 
-// A float64 array of anything that NumPy takes for an array of real numbers.
-Ref number_array(const char *what, PyObject *object);
-
 class Doubles {
   public:
     // NULL: the default.

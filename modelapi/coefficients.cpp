@@ -122,15 +122,16 @@ TARVOPY_METHOD(model_getRow) {
     return border([&] {
         Arguments given(signature, 1, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
-        if (Py_TYPE(given[0]) != core().Constr)
-            fail(PyExc_TypeError, "getRow() takes a Constr, not '%.200s'", Py_TYPE(given[0])->tp_name);
-        auto *row = reinterpret_cast<ScalarObject *>(given[0]);
-        require_model(row->cmodel, handle, "a Constr");
+        need_numpy();
+        Ids rows = row_ids(handle, given[0]);
+        if (rows.shape().size != 1)
+            fail(PyExc_ValueError, "getRow() takes one row, not %s of them", rows.shape().text().c_str());
+        int32_t row = *rows.spread(rows.shape());
         TRVmodel *store = store_of(handle);
         int64_t count;
         const int32_t *var;
         const double *coef;
-        succeed(store, TRVgetrow(store, row->id, &count, &var, &coef));
+        succeed(store, TRVgetrow(store, row, &count, &var, &coef));
         // Copies, since making objects may set off a collection and with it any code.
         std::vector<int32_t> vars(var, var + count);
         std::vector<double> coefs(coef, coef + count);

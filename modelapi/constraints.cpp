@@ -50,14 +50,21 @@ void require_linear(const char *function, int degree, PyObject *side) {
     }
 }
 
-// Sides that are none of the package's operands but say what their numbers are: lists, tuples, objects with __array__.
-// Returns the degree of what `side` then is.
+bool says_its_elements(PyObject *object) {
+    return PyList_Check(object) || PyTuple_Check(object) ||
+           check_status(PyObject_HasAttrStringWithError(object, "__array__"));
+}
+
+// The degree of a side. What is no operand but says what its elements are (a list, an object with __array__) becomes an
+// array.
 int settle_degree(Ref &side) {
     int degree = matrix().degree(side.get());
-    if (degree == -2 &&
-        (PyList_Check(side.get()) || PyTuple_Check(side.get()) || PyObject_HasAttrString(side.get(), "__array__"))) {
-        side = number_array("a side of a comparison", side.get());
-        degree = 0;
+    if (degree == -2 && says_its_elements(side.get())) {
+        need_numpy();
+        Ref array = check(PyArray_FromAny(side.get(), nullptr, 0, 0, NPY_ARRAY_ENSUREARRAY, nullptr));
+        degree = matrix().degree(array.get());
+        if (degree >= 0)
+            side = array;
     }
     require_linear("addConstr", degree, side.get());
     return degree;

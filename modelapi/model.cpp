@@ -155,7 +155,8 @@ PyMethodDef methods[] = {
         "The matrix of the linear rows as a scipy.sparse.csr_matrix of shape (NumConstrs, NumVars), as of the last "
         "update."),
     row("getRow", model_getRow,
-        "getRow($self, constr, /)\n--\n\nThe terms of a linear row as a LinExpr; its constant is 0."),
+        "getRow($self, constr, /)\n--\n\nThe terms of a linear row (a Constr, or an MConstr of one element) as a "
+        "LinExpr; its constant is 0."),
     row("getAttr", model_getAttr,
         "getAttr($self, attrname, /)\n--\n\nThe value of a model attribute; applies what is pending first. m.NumVars "
         "means m.getAttr('NumVars')."),

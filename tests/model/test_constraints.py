@@ -9,6 +9,7 @@ from hypothesis import strategies as st
 import tarvopy
 from model_arrays import arrays, shape_of
 from tarvopy import TRV, LinExpr, TarvoError
+from tarvopy._debug import counts
 
 inf = tarvopy.inf
 
@@ -91,6 +92,36 @@ def test_sides_broadcast_against_each_other(mode, m):
     assert c.shape == (2, 3)
     np.testing.assert_array_equal(a.A, np.vstack([np.eye(3)] * 2))
     np.testing.assert_array_equal(a.lower, np.arange(6.0))
+
+
+def test_a_list_is_a_side(mode, m):
+    x, X = m.addVar(), m.addMVar(2)
+    m.addConstr([x, 2 * x + 1] >= X)
+    m.addConstr(tarvopy.TempConstr((1, 2), ">", X))
+    a = arrays(m)
+    assert a.A.tolist() == [[-1, 1, 0], [-2, 0, 1], [0, -1, 0], [0, 0, -1]]
+    assert (a.lower.tolist(), a.upper.tolist()) == ([-inf, -inf, -1, -2], [0, 1, inf, inf])
+
+
+def test_a_sparse_matrix_in_any_order_gives_the_same_rows(mode, m):
+    X = m.addMVar(3)
+    indptr, indices, data = np.array([0, 3, 4]), np.array([2, 0, 2, 1]), np.array([1.0, 2, 4, 8])
+    for index in (np.int32, np.int64):
+        A = sp.csr_matrix((data, indices.astype(index), indptr.astype(index)), shape=(2, 3))
+        A.indices, A.indptr = A.indices.astype(index), A.indptr.astype(index)
+        m.addConstr(A @ X <= 1)
+    assert arrays(m).A.tolist() == [[2, 0, 5], [0, 8, 0]] * 2
+
+
+def test_whole_arrays_make_no_object_per_element(m):
+    before = counts()
+    X = m.addMVar((50, 40), ub=np.ones(40), name="x")
+    m.addConstr(sp.eye_array(50).tocsr() @ X <= np.arange(40.0), name="rows")
+    m.addRange(X, 0, np.ones(40))
+    m.setObjective(X.sum())
+    m.update()
+    assert m.NumConstrs == 4000
+    assert counts() == before
 
 
 def test_infinite_sides_mean_none(mode, m):

@@ -114,6 +114,14 @@ def test_coefficients_change_at_once(mode, m):
     assert arrays(m).A.tolist() == [[0, 1, 1], [5, 0, 0], [7, -1, 0], [8, 0, -1]]
 
 
+def test_getRow_takes_one_row(mode, m):
+    X = m.addMVar(2)
+    assert str(m.getRow(m.addConstr(X.sum() + 3 <= 1))) == "1.0 C0 + 1.0 C1"
+    for bad, error in ((m.addConstr(X <= 1), ValueError), (X, TypeError), (None, TypeError)):
+        with pytest.raises(error):
+            m.getRow(bad)
+
+
 def test_getA_is_the_callers_own(m):
     X = m.addMVar(2)
     m.addConstr(X <= 1)
