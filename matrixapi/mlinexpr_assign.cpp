@@ -29,14 +29,19 @@ struct Contents {
     const flat::Shape &shape() const { return form.shape; }
 };
 
-// The elements that a key selects, as an object array.
-Ref region_of(PyObject *expr, PyObject *key) {
+struct Region {
+    Ref elements; // an object array
+    bool single;  // the key selects one element, not an array
+    flat::Shape shape() const { return shape_of_array(elements.get()); }
+};
+
+Region region_of(PyObject *expr, PyObject *key) {
     Ref selected = check(PyObject_GetItem(learr(expr).get(), key));
     if (PyArray_Check(selected.get()))
-        return selected;
+        return {std::move(selected), false};
     Ref array = check(PyArray_SimpleNew(0, nullptr, NPY_OBJECT));
     *static_cast<PyObject **>(PyArray_DATA(as_array(array))) = selected.release();
-    return array;
+    return {std::move(array), true};
 }
 
 [[noreturn]] void no_fit(const flat::Shape &from, const flat::Shape &to) {
@@ -75,15 +80,17 @@ Ref spread_objects(const Contents &contents, const flat::Shape &from, const flat
 }
 
 void write(PyObject *expr, PyObject *key, Contents contents) {
-    Ref region = region_of(expr, key);
-    flat::Shape to = shape_of_array(region.get()), from = fitting_shape(contents.shape(), to);
+    Region region = region_of(expr, key);
+    if (region.single && !contents.shape().empty())
+        fail(PyExc_ValueError, "setting an array element with a sequence.");
+    flat::Shape to = region.shape(), from = fitting_shape(contents.shape(), to);
     if (flat::size_of(to) == 0)
         return;
     if (contents.objects)
-        return exchange_contents(region.get(), spread_objects(contents, from, to).get());
+        return exchange_contents(region.elements.get(), spread_objects(contents, from, to).get());
     contents.form.shape = from;
     flat::Form spread = flat::broadcast(contents.form, to);
-    exchange_contents(region.get(), linexpr_array(spread, contents.model).get());
+    exchange_contents(region.elements.get(), linexpr_array(spread, contents.model).get());
 }
 
 // ---- values ------------------------------------------------------------------------------------------------------------
@@ -136,7 +143,7 @@ Contents contents_of_addable(PyObject *expr, PyObject *key, PyObject *value) {
     if (is_mvar(value))
         return contents_of_expression(from_mvar(mod.MLinExpr, value, true).get());
     flat::Form zero;
-    zero.shape = shape_of_array(region_of(expr, key).get());
+    zero.shape = region_of(expr, key).shape();
     zero.size = flat::size_of(zero.shape);
     Ref scratch = make_flat(mod.MLinExpr, std::move(zero), {});
     Ref sum = check(PyNumber_InPlaceAdd(scratch.get(), value));

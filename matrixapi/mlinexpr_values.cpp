@@ -112,9 +112,9 @@ PyObject *sum(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject 
 
 // ---- values ------------------------------------------------------------------------------------------------------------
 
-std::vector<double> solution(TRVmodel *store, const flat::Buffer<int32_t> &ids) {
-    std::vector<double> x(static_cast<size_t>(ids.size()));
-    if (int code = TRVgetdbls(store, "X", ids.size(), ids.data(), 0, x.data()))
+std::vector<double> solution(TRVmodel *store, const int32_t *ids, int64_t n) {
+    std::vector<double> x(static_cast<size_t>(n));
+    if (int code = TRVgetdbls(store, "X", n, ids, 0, x.data()))
         check_status(mod.core->raise(store, code));
     return x;
 }
@@ -122,7 +122,8 @@ std::vector<double> solution(TRVmodel *store, const flat::Buffer<int32_t> &ids) 
 // Adds the value of every row.
 void add_values(TRVmodel *store, const flat::Summand &summand, double *values) {
     bool local = !summand.vars.empty(); // the solution by column, or term by term
-    std::vector<double> x = solution(store, local ? summand.vars : summand.cols);
+    std::vector<double> x = local ? solution(store, summand.vars.data(), summand.vars.size())
+                                  : solution(store, summand.cols.data(), summand.nnz()); // the buffer may be longer
     for (int64_t row = 0; row < summand.nrows; ++row) {
         double total = 0.0;
         for (int64_t k = summand.begin(row), end = summand.end(row); k < end; ++k)
@@ -221,7 +222,7 @@ void flatten(PyObject *) {} // LinExpr keeps its terms in plain lists at any tim
 
 int32_t largest_id(const flat::Summand &summand) {
     const int32_t *first = summand.cols.data();
-    return summand.cols.empty() ? -1 : *std::max_element(first, first + summand.cols.size());
+    return summand.nnz() == 0 ? -1 : *std::max_element(first, first + summand.nnz());
 }
 
 void normalize(PyObject *expr) {

@@ -1,0 +1,36 @@
+"""Numbers for variables, and what expressions then stand for.
+
+point = Point(model)      every variable gets a number, and the numbers become the model's solution
+point.of(x)               those of an MVar, in its shape
+point.value(e)            what e stands for, summed up from its terms
+terms(e)                  [(constant, [(coefficient, variable index), ...]), ...] of the elements in C order
+"""
+
+import numpy as np
+
+from tarvopy import TRV, _modelapi
+from tarvopy._matrixapi import MLinExpr, MVar
+
+
+class Point:
+    def __init__(self, model):
+        model.update()
+        x, _, _ = _modelapi.open_solution(model._cmodel)
+        self.numbers = (np.arange(x.size) * 7) % 23 - 8.0
+        x[:] = self.numbers
+        figures = dict.fromkeys(("objval", "bound", "gap", "runtime", "itercount", "nodecount"), 0.0)
+        _modelapi.commit_solution(model._cmodel, status=TRV.OPTIMAL, has_x=True, has_duals=False, engine="", **figures)
+
+    def of(self, x: MVar) -> np.ndarray:
+        return self.numbers[x._idxarr()]
+
+    def value(self, expr: MLinExpr) -> np.ndarray:
+        values = [constant + sum(c * self.numbers[i] for c, i in row) for constant, row in terms(expr)]
+        return np.array(values).reshape(expr.shape)
+
+
+def terms(expr: MLinExpr) -> list:
+    """Read off a copy, so that the expression itself is not looked at."""
+    full = expr.copy()
+    full._convert_to_full()
+    return [(le.getConstant(), [(c, v.index) for c, v in le.terms()]) for le in full._learr.flat]

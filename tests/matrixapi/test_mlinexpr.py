@@ -1,0 +1,637 @@
+"""MLinExpr: states and attributes, constructors, elements and text, copies, hostile data. NumPy is the oracle for structure."""
+
+import copy
+import gc
+import subprocess
+import sys
+import textwrap
+import weakref
+
+import numpy as np
+import pytest
+import scipy.sparse as sp
+from linear_values import terms
+
+import tarvopy
+from tarvopy import _debug
+from tarvopy._core import LinExpr
+from tarvopy._matrixapi import MLinExpr, MVar
+
+
+@pytest.fixture
+def model():
+    return tarvopy.Model()
+
+
+def variables(model, shape, name="x"):
+    x = model.addMVar(shape, name=name)
+    model.update()
+    return x
+
+
+@pytest.fixture
+def switch():
+    """Sets the class switch for compact results, and puts it back."""
+    yield lambda value: setattr(MLinExpr, "_keep_compact", value)
+    MLinExpr._keep_compact = 1
+
+
+def state(expr):
+    """The documented attributes as an ordinary object would show them: which ones are not None."""
+    return {name for name, value in vars(expr).items() if value is not None}
+
+
+COMPACT, FULL = {"_matmulparts", "_const"}, {"_learr"}
+
+
+# ---- states ------------------------------------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("shape", [(), 3, (3,), (1, 4), (4, 1), (1, 1), 0, (0,), (1, 0)])
+def test_zeros_of_compact_shapes_have_no_parts(mode, shape):
+    e = MLinExpr.zeros(shape)
+    assert e._is_compact()
+    assert (e._matmulparts, e._learr) == ([], None)
+    assert e._const.dtype == np.float64
+    assert e.shape == e._const.shape == np.zeros(shape).shape
+    assert e._leading_adim() == e.size == np.zeros(shape).size
+
+
+@pytest.mark.parametrize("shape", [(2, 3), (1, 1, 1), (0, 2, 2), (2, 2)])
+def test_zeros_of_other_shapes_are_full_with_an_object_in_every_slot(mode, shape):
+    e = MLinExpr.zeros(shape)
+    assert not e._is_compact()
+    assert (e._matmulparts, e._const) == (None, None)
+    assert e._learr.dtype == object
+    assert e.shape == e._learr.shape == shape
+    assert len({id(le) for le in e._learr.flat}) == e.size
+    assert terms(e) == [(0.0, [])] * e.size
+
+
+@pytest.mark.parametrize("shape", [(-1,), (2, -3), (10**10, 10**10), (1,) * 65])
+def test_impossible_shapes_are_refused(mode, shape):
+    for constructor in (MLinExpr.zeros, MLinExpr._zeros_full):
+        with pytest.raises(ValueError, match=r"."):
+            constructor(shape)
+
+
+@pytest.mark.parametrize("off", [0, 2, False, "1"])
+def test_without_the_switch_everything_is_full(mode, model, switch, off):
+    switch(off)
+    x = variables(model, 3)
+    assert not MLinExpr.zeros(3)._is_compact()
+    assert not MLinExpr._from_mvar(x)._is_compact()
+
+
+@pytest.mark.parametrize("on", [1, True, 1.0, np.int64(1)])
+def test_the_switch_is_compared_with_the_number_one_and_looked_up_on_the_class_that_is_asked(mode, model, switch, on):
+    switch(on)
+    x = variables(model, 3)
+
+    class Child(MLinExpr):
+        _keep_compact = 0
+
+    assert MLinExpr.zeros(3)._is_compact()
+    assert type(Child._from_mvar(x)) is Child
+    assert not Child._from_mvar(x)._is_compact()
+
+
+def test_state_moves_from_compact_to_full_and_attributes_follow(mode, model):
+    x = variables(model, 4)
+    e = MLinExpr._from_mvar(x)
+    assert state(e) == COMPACT
+    assert list(vars(e)) == ["_learr", "_matmulparts", "_const"]
+    before = terms(e)
+    assert e._convert_to_full() is None
+    assert state(e) == FULL
+    assert list(vars(e)) == ["_learr", "_matmulparts", "_const"]
+    made = e._learr
+    e._convert_to_full()
+    assert e._learr is made
+    assert terms(e) == before
+
+
+def test_to_full_leaves_a_compact_receiver_as_it_is(mode, model):
+    x = variables(model, 4)
+    e = np.arange(4.0) @ np.diag([1.0, 2.0, 0.0, 4.0]) @ x + 1
+    full = e._to_full()
+    assert e._is_compact()
+    assert not full._is_compact()
+    full += 1
+    assert terms(e) != terms(full)
+
+
+def test_the_documented_attributes_are_made_once_and_then_rule(mode, model):
+    x = variables(model, 3)
+    e = sp.csr_matrix(np.eye(3)) @ x
+    parts, constant = e._matmulparts, e._const
+    assert e._matmulparts is parts
+    assert e._const is constant
+    parts[0][0].data[:] = [2.0, 3.0, 4.0]
+    constant[:] = [5.0, 6.0, 7.0]
+    assert terms(e) == [(5.0, [(2.0, 0)]), (6.0, [(3.0, 1)]), (7.0, [(4.0, 2)])]
+    parts.append((sp.csr_matrix(np.ones((3, 1))), x[2:]))
+    assert terms(e)[0] == (5.0, [(2.0, 0), (1.0, 2)])
+
+
+def test_constants_in_the_users_hands_rule_while_the_parts_are_native(mode, model):
+    e = variables(model, 3) + 0
+    e._const += [1.0, 2.0, 3.0]
+    assert e.getConstant().tolist() == [1.0, 2.0, 3.0]
+    e._const.resize((3, 1), refcheck=False)
+    assert e.shape == (3, 1)
+    assert e[2, 0].item().getConstant() == 3.0
+
+
+def test_attributes_are_set_and_deleted_as_on_any_object(mode, model):
+    x = variables(model, 2)
+    e = MLinExpr._from_mvar(x)
+    e.remark = "mine"
+    e._matmulparts = []
+    assert terms(e) == [(0.0, []), (0.0, [])]
+    e._const = np.array([1.0, 2.0])
+    assert e.getConstant().tolist() == [1.0, 2.0]
+    assert list(vars(e)) == ["_learr", "_matmulparts", "_const", "remark"]
+
+    f = MLinExpr._from_mvar_full(x)
+    learr = np.array([LinExpr(3.0), LinExpr(4.0)])
+    f._learr = learr
+    assert f._learr is learr
+    assert state(f) == FULL
+    del f._learr
+    for attribute in ("_learr", "shape", "size"):
+        with pytest.raises(AttributeError, match="'MLinExpr' object has no attribute '_learr'"):
+            getattr(f, attribute)
+    with pytest.raises(AttributeError):
+        del f._learr
+    del e._const
+    with pytest.raises(AttributeError, match="'MLinExpr' object has no attribute '_const'"):
+        e.getConstant()
+    with pytest.raises(AttributeError):
+        MLinExpr.__new__(MLinExpr).shape  # noqa: B018 - nothing was ever stored
+
+
+def test_setting_one_attribute_leaves_what_the_others_showed(mode, model):
+    x = variables(model, 2)
+    e = MLinExpr._from_mvar(x)
+    e._learr = None
+    assert state(e) == COMPACT
+    assert len(e._matmulparts) == 1
+    f = MLinExpr._from_mvar_full(x)
+    f._const = None
+    assert terms(f) == [(0.0, [(1.0, 0)]), (0.0, [(1.0, 1)])]
+
+
+def test_a_dictionary_that_somebody_holds_shows_later_states(mode, model):
+    e = MLinExpr._from_mvar(variables(model, 2))
+    shown = vars(e)
+    e._convert_to_full()
+    assert shown["_learr"] is e._learr
+    assert shown["_matmulparts"] is None
+    shown["_learr"] = np.array([LinExpr(1.0), LinExpr(2.0)])
+    assert e.getConstant().tolist() == [1.0, 2.0]
+
+
+def test_inconsistent_states_fail_the_assertions(mode):
+    e = MLinExpr.zeros(2)
+    e._learr = np.zeros(2, object)
+    with pytest.raises(AssertionError):
+        e._is_compact()
+    f = MLinExpr._zeros_full(2)
+    f._const = np.zeros(2)
+    with pytest.raises(AssertionError):
+        f._is_compact()
+
+
+# ---- the constructor -----------------------------------------------------------------------------------------------------------
+
+
+def test_the_constructor_wraps_without_copying(mode, model):
+    x = variables(model, 2)
+    matrix, constant, learr = sp.csr_matrix(np.eye(2)), np.ones(2), np.array([LinExpr(1.0), LinExpr(x[0].item())])
+    parts = [(matrix, x)]
+    e = MLinExpr(matmulparts=parts, b=constant)
+    assert (e._matmulparts is parts, e._const is constant, e._learr) == (True, True, None)
+    f = MLinExpr(learr)
+    assert f._learr is learr
+    f += 1
+    assert learr[0].getConstant() == 2.0
+    e.__init__(learr)
+    assert state(e) == FULL
+    assert MLinExpr(matmulparts=tuple(parts), b=constant)._is_compact()
+
+
+def hostile_parts(model):
+    x = model.addMVar(2)
+    model.update()
+    good = sp.csr_matrix(np.eye(2))
+    return {
+        "no csr_matrix": [(sp.csc_matrix(good), x)],
+        "sparse array": [(sp.csr_array(good), x)],
+        "integer data": [(good.astype(int), x)],
+        "no MVar": [(good, x._vararr)],
+        "two-dimensional": [(good, x.reshape(1, 2))],
+        "too many variables": [(good, model.addMVar(3))],
+    }
+
+
+@pytest.mark.parametrize("case", hostile_parts(tarvopy.Model()))
+def test_broken_parts_fail_the_constructors_assertions(mode, model, case):
+    with pytest.raises(AssertionError) as error:
+        MLinExpr(matmulparts=hostile_parts(model)[case], b=np.zeros(2))
+    assert str(error.value) == ""
+
+
+def test_broken_arguments_fail_the_constructors_assertions(mode, model):
+    x = variables(model, 2)
+    part = (sp.csr_matrix(np.eye(2)), x)
+    for arguments in (
+        {}, {"matmulparts": []}, {"b": np.zeros(2)}, {"matmulparts": [], "b": [0.0]}, {"wraponly": []},
+        {"wraponly": np.empty(0, object), "b": np.zeros(0)}, {"wraponly": np.empty(0, object), "matmulparts": []},
+        {"matmulparts": [part], "b": np.zeros(0)},
+    ):  # fmt: skip
+        with pytest.raises(AssertionError):
+            MLinExpr(**arguments)
+
+
+def test_a_part_must_unpack_into_two(mode, model):
+    x = variables(model, 2)
+    matrix = sp.csr_matrix(np.eye(2))
+    with pytest.raises(ValueError, match=r"^too many values to unpack \(expected 2\)$"):
+        MLinExpr(matmulparts=[(matrix, x, x)], b=np.zeros(2))
+    with pytest.raises(ValueError, match=r"^not enough values to unpack \(expected 2, got 1\)$"):
+        MLinExpr(matmulparts=[(matrix,)], b=np.zeros(2))
+    with pytest.raises(TypeError, match="cannot unpack non-iterable int object"):
+        MLinExpr(matmulparts=[3], b=np.zeros(2))
+
+
+def test_without_assertions_the_constructor_takes_what_it_is_given():
+    run_child("""
+        e = MLinExpr(matmulparts=[(sp.csc_matrix(np.eye(2)), x[:2])], b=np.zeros(2))
+        assert False, "assertions are off"
+        if str(e[0].item()) != "1.0 x[0]":
+            raise SystemExit(3)
+        MLinExpr([])._learr.append(1)
+    """, "-O")  # fmt: skip
+
+
+# ---- conversions ---------------------------------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("shape", [(), (4,), (1, 4), (4, 1), (0,)])
+def test_a_vector_of_variables_is_one_identity_part(mode, model, shape):
+    x = variables(model, shape)
+    e = MLinExpr._from_mvar(x)
+    assert e._is_compact()
+    assert e.shape == shape
+    if x.size:
+        ((matrix, vector),) = e._matmulparts
+        assert isinstance(matrix, sp.csr_matrix)
+        assert matrix.dtype == np.float64
+        assert np.array_equal(matrix.toarray(), np.eye(x.size))
+        assert vector._idxarr().tolist() == list(range(x.size))
+    assert terms(e) == terms(MLinExpr._from_mvar(x, force_full=True)) == terms(MLinExpr._from_mvar_full(x))
+
+
+def test_a_matrix_of_variables_is_full(mode, model):
+    x = variables(model, (2, 3))
+    e = MLinExpr._from_mvar(x)
+    assert not e._is_compact()
+    assert terms(e) == [(0.0, [(1.0, i)]) for i in range(6)]
+    assert terms(MLinExpr._from_mvar(x.T)) == [(0.0, [(1.0, i)]) for i in (0, 3, 1, 4, 2, 5)]
+    with pytest.raises(ValueError, match=r"^Compact state cannot have shape \(2, 3\)$"):
+        MLinExpr._from_mvar_compact(x)
+
+
+def test_scalars_become_zero_dimensional_copies(mode, model):
+    x = variables(model, 2)
+    var = x[1].item()
+    le = 2 * var + 3
+    for e, expected in ((MLinExpr._from_var(var), (0.0, [(1.0, 1)])), (MLinExpr._from_linexpr(le), (3.0, [(2.0, 1)]))):
+        assert not e._is_compact()
+        assert e.shape == ()
+        assert terms(e) == [expected]
+    e += 1
+    assert le.getConstant() == 3.0
+    for constructor in (MLinExpr._from_var, MLinExpr._from_linexpr):
+        with pytest.raises(Exception, match="^Wrong type$") as error:
+            constructor(3.0)
+        assert type(error.value) is Exception
+
+
+def test_array_likes_of_expressions_are_copied_element_by_element(mode, model):
+    x = variables(model, 3)
+    le = 2 * x[0].item()
+    nested = [[le, 1 + x[1].item()], [x[2] + 5, (x + 1)[0]]]
+    e = MLinExpr._from_linexprs(nested)
+    assert e.shape == (2, 2)
+    assert terms(e) == [(0.0, [(2.0, 0)]), (1.0, [(1.0, 1)]), (5.0, [(1.0, 2)]), (1.0, [(1.0, 0)])]
+    e += 1
+    assert le.getConstant() == 0.0
+    assert MLinExpr._from_linexprs([]).shape == (0,)
+    assert MLinExpr._from_linexprs(le).shape == ()
+    with pytest.raises((TypeError, tarvopy.TarvoError)):
+        MLinExpr._from_linexprs(["a"])
+
+
+# ---- elements ------------------------------------------------------------------------------------------------------------------
+
+KEYS = [
+    0, -1, (1, 2), (0, slice(None)), slice(1, None), (slice(None), [2, 0, 2]), np.array([[True, False, True], [False] * 3]), Ellipsis,
+    None, (slice(None, None, -1), slice(0, 0)), [0, 0], 5, (0, 0, 0), "a", 1.5, [3],
+]  # fmt: skip
+
+
+@pytest.mark.parametrize("key", KEYS, ids=str)
+def test_indexing_selects_as_numpy_does_and_shares_elements(mode, model, key):
+    e = variables(model, (2, 3)) + 0.0
+    try:
+        expected = e.copy()._learr[key]
+    except Exception as refused:  # noqa: BLE001 - whatever NumPy raises
+        with pytest.raises(type(refused)) as error:
+            e[key]
+        assert str(error.value) == str(refused)
+        return
+    got = e[key]
+    assert type(got) is MLinExpr
+    assert got.shape == np.shape(expected)
+    assert got._learr.base is None
+    chosen = e._learr[key]
+    assert all(a is b for a, b in zip(got._learr.flat, np.asarray(chosen, object).flat, strict=True))
+
+
+def test_indexing_brings_a_compact_receiver_to_the_full_state(mode, model):
+    e = variables(model, 3) + 1
+    part = e[1:]
+    assert not e._is_compact()
+    part += 5
+    assert e.getConstant().tolist() == [1.0, 6.0, 6.0]
+
+
+def test_item_is_a_copy_and_leaves_the_state(mode, model):
+    e = variables(model, 1) + 1
+    le = e.item()
+    le.add(1.0)
+    assert e._is_compact()
+    assert e.getConstant().tolist() == [1.0]
+    f = e._to_full()
+    assert f.item() is not f._learr[0]
+    for wrong in (MLinExpr.zeros(2), MLinExpr.zeros((2, 2)), MLinExpr._zeros_full(0)):
+        with pytest.raises(ValueError, match="can only convert an array of size 1 to a Python scalar"):
+            wrong.item()
+
+
+def test_iteration_runs_over_the_first_axis(mode, model):
+    x = variables(model, (3, 2))
+    e = x + 0.0
+    assert [terms(row) for row in e] == [[(0.0, [(1.0, 2 * i)]), (0.0, [(1.0, 2 * i + 1)])] for i in range(3)]
+    assert [row.shape for row in e] == [(2,)] * 3
+    with pytest.raises(TypeError, match="iteration over a 0-d array"):
+        iter(MLinExpr.zeros(()))
+    with pytest.raises(TypeError):
+        len(e)
+
+
+# ---- text ----------------------------------------------------------------------------------------------------------------------
+
+
+def test_text_marks_the_number_of_parts_and_does_not_look(mode, model):
+    x, y = variables(model, 2), variables(model, 2, "y")
+    e = MLinExpr.zeros(2)
+    assert repr(e) == "<MLinExpr (2,) >\narray([ 0.0,  0.0])"
+    e += x
+    assert repr(e) == "<MLinExpr (2,)  >\narray([ 1.0 x[0],  1.0 x[1]])"
+    e += 2 * y
+    body = "array([ 1.0 x[0] + 2.0 y[0],  1.0 x[1] + 2.0 y[1]])"
+    assert repr(e) == f"<MLinExpr (2,)   >\n{body}"
+    assert e._is_compact()
+    e._convert_to_full()
+    assert repr(e) == f"<MLinExpr (2,)>\n{body}"
+    assert repr(MLinExpr.zeros(())) == "<MLinExpr () >\narray( 0.0)"
+    assert repr(MLinExpr._zeros_full((0, 2))) == "<MLinExpr (0, 2)>\narray([], shape=(0, 2))"
+
+
+def test_printing_makes_no_objects_that_stay(model):
+    x = variables(model, (20, 20))
+    e = x + 1
+    gc.collect()
+    before = _debug.counts()["LinExpr"]
+    repr(e)
+    assert _debug.counts()["LinExpr"] == before
+
+
+# ---- copies and life -------------------------------------------------------------------------------------------------------------
+
+
+def test_copies_share_nothing_but_variables(mode, model):
+    x = variables(model, 3)
+    for e in (2 * x + 1, (2 * x + 1)._to_full()):
+        c = e.copy()
+        assert c._is_compact() == e._is_compact()
+        c += x[0].item()
+        c *= 5
+        assert terms(e) == [(1.0, [(2.0, i)]) for i in range(3)]
+        assert terms(c) == [(5.0, [(10.0, i), (5.0, 0)]) for i in range(3)]
+    compact = (2 * x + 1)._copy_compact()
+    assert compact._is_compact()
+    assert not np.shares_memory(compact._const, (2 * x + 1)._const)
+
+
+def test_a_compact_copy_keeps_the_variable_vector(mode, model):
+    e = variables(model, 3) + 0
+    e._matmulparts  # noqa: B018 - the look makes the pairs
+    c = e._copy_compact()
+    assert c._matmulparts[0][1] is e._matmulparts[0][1]
+    assert c._matmulparts[0][0] is not e._matmulparts[0][0]
+
+
+def test_copying_without_the_switch_makes_the_receiver_full(mode, model, switch):
+    e = variables(model, 3) + 0
+    switch(0)
+    assert not e.copy()._is_compact()
+    assert not e._is_compact()
+
+
+def test_the_copy_module_takes_over_the_attributes(mode, model):
+    x = variables(model, (2, 2))
+    e = x + 1
+    e.remark = ["mine"]
+    shallow, deep = copy.copy(e), copy.deepcopy(e)
+    assert shallow._learr is e._learr
+    assert shallow.remark is e.remark
+    assert deep._learr[0, 0] is not e._learr[0, 0]
+    assert deep.remark == ["mine"]
+    assert terms(deep) == terms(e)
+    assert next(deep._learr[0, 0].terms())[1] is x[0, 0].item()
+
+
+def test_subclasses_carry_attributes_and_die_with_their_cycles(mode, model):
+    class Named(MLinExpr):
+        def __init__(self, name, *arguments, **keywords):
+            super().__init__(*arguments, **keywords)
+            self.name = name
+
+    x = variables(model, 2)
+    e = Named("n", matmulparts=[(sp.csr_matrix(np.eye(2)), x)], b=np.zeros(2))
+    assert (e.name, e._is_compact()) == ("n", True)
+    z = Named.zeros(2)
+    z.myself = z
+    dies = weakref.ref(z)
+    del z
+    gc.collect()
+    assert dies() is None
+
+
+def test_models_never_mix_silently(mode, model):
+    x, y = variables(model, 2), variables(tarvopy.Model(), 2)
+    parts = [(sp.csr_matrix(np.eye(2)), x), (sp.csr_matrix(np.eye(2)), y)]
+    e = MLinExpr(matmulparts=parts, b=np.ones(2))
+    assert e._is_compact()
+    with pytest.raises(tarvopy.TarvoError) as error:
+        model.addConstr(e <= 1)
+    assert error.value.code == tarvopy.TRV.Error.NOT_IN_MODEL
+    assert e.getConstant().tolist() == [1.0, 1.0]
+
+
+# ---- data that others made -----------------------------------------------------------------------------------------------------
+
+
+def broken(matrix, **arrays):
+    for name, array in arrays.items():
+        setattr(matrix, name, array)
+    return matrix
+
+
+def csr():
+    return sp.csr_matrix(np.array([[1.0, 0.0, 2.0], [0.0, 3.0, 0.0]]))
+
+
+BROKEN = {
+    "column out of range": lambda: broken(csr(), indices=np.array([0, 3, 1])),
+    "negative column": lambda: broken(csr(), indices=np.array([0, -1, 1])),
+    "huge column": lambda: broken(csr(), indices=np.array([0, 2**32 + 1, 1])),
+    "decreasing pointers": lambda: broken(csr(), indptr=np.array([0, 3, 2])),
+    "negative pointer": lambda: broken(csr(), indptr=np.array([-1, 2, 3])),
+    "pointer past the end": lambda: broken(csr(), indptr=np.array([0, 2, 9])),
+    "too few pointers": lambda: broken(csr(), indptr=np.array([0, 3])),
+    "too few values": lambda: broken(csr(), data=np.array([1.0])),
+    "two-dimensional columns": lambda: broken(csr(), indices=np.zeros((3, 1), int)),
+}
+
+
+@pytest.mark.parametrize("case", BROKEN)
+@pytest.mark.parametrize("use", ["e[0]", "e.copy()", "repr(e)", "e.getValue()", "e + e", "model.addConstr(e <= 0)", "e.sum()"])
+def test_a_damaged_csr_matrix_is_an_error(mode, model, case, use):
+    x = variables(model, 3)
+    e = MLinExpr(matmulparts=[(csr(), x)], b=np.zeros(2))
+    e._matmulparts[0] = (BROKEN[case](), x)
+    with pytest.raises(ValueError, match="sparse matrix|index|indices"):
+        eval(use, {"e": e, "model": model})
+    model.update()
+    assert model.NumConstrs == 0
+    assert e._is_compact()
+
+
+def test_unusual_csr_matrices_give_right_answers(mode, model):
+    x = variables(model, 3)
+    wide = csr()
+    wide.indices, wide.indptr = wide.indices.astype(np.int64), wide.indptr.astype(np.int64)
+    unsorted = broken(csr(), indices=np.array([2, 0, 1], np.int32))
+    doubled = broken(csr(), indices=np.array([2, 2, 1], np.int32))
+    expected = [[(1.0, 0), (2.0, 2)], [(1.0, 2), (2.0, 0)], [(1.0, 2), (2.0, 2)]]
+    for matrix, row in zip((wide, unsorted, doubled), expected):
+        e = MLinExpr(matmulparts=[(matrix, x)], b=np.zeros(2))
+        assert terms(e) == [(0.0, row), (0.0, [(3.0, 1)])]
+
+
+def run_child(program, *options):
+    code = textwrap.dedent("""
+        import numpy as np, scipy.sparse as sp, tarvopy, gc
+        from tarvopy._core import LinExpr
+        from tarvopy._matrixapi import MLinExpr, MVar
+        model = tarvopy.Model()
+        x = model.addMVar(4, name="x")
+        model.update()
+        def refused(function):
+            try:
+                function()
+            except Exception:
+                return True
+            raise SystemExit("not refused")
+    """) + textwrap.dedent(program)
+    done = subprocess.run([sys.executable, *options, "-c", code], capture_output=True, text=True, timeout=60)
+    assert done.returncode == 0, done.stderr
+
+
+@pytest.mark.parametrize("learr", [
+    "np.empty(3, object)", "np.array([None, 1, 'a'], object)", "np.zeros(3)", "np.array(['a', 'b', 'c'])",
+    "np.array([x[0].item(), LinExpr(1.0), LinExpr(2.0)], object)", "np.ma.array([LinExpr(1.0)] * 3, mask=[1, 0, 0])",
+    "np.zeros(3, [('a', object)])", "np.empty((3, 2), object)[:, 0]",
+], ids=str)  # fmt: skip
+def test_foreign_elements_end_in_exceptions_not_in_crashes(learr):
+    run_child(f"""
+        def use(work):
+            e = MLinExpr({learr})
+            try:
+                work(e)
+            except (TypeError, ValueError, AttributeError, IndexError, tarvopy.TarvoError):
+                pass
+        for work in (
+            lambda e: e.sum(), lambda e: e + 1, lambda e: e.copy(), repr, lambda e: e.getValue(), lambda e: e.clear(),
+            lambda e: e._normalize(), lambda e: e.__setitem__(0, 1), lambda e: e.__setitem__(slice(None), x[:3]), lambda e: e * 2,
+            lambda e: MLinExpr.zeros(3).__setitem__(slice(None), e), lambda e: model.addConstr(e <= 1), lambda e: e[0].item(),
+            lambda e: e.__iadd__(x[:3]), lambda e: np.ones((2, 3)) @ e, lambda e: e.getConstant(), list,
+        ):
+            use(work)
+        model.update()
+    """)
+
+
+def test_evil_objects_end_in_exceptions_not_in_crashes():
+    run_child("""
+        class Evil(np.ndarray):
+            def __getitem__(self, key):
+                return np.ones(7)
+        e = MLinExpr(np.array([LinExpr(1.0)] * 3).view(Evil))
+        refused(lambda: e.__setitem__(0, 3))
+        e[0], e.sum(), e + 1
+        class Key:
+            def __index__(self):
+                target._learr = None
+                return 0
+        target = x + 1
+        refused(lambda: (target.__setitem__(Key(), 5), target.sum()))
+        class Swaps(sp.csr_matrix):
+            @property
+            def shape(self):
+                host._convert_to_full() if armed else None
+                return (4, 4)
+            @shape.setter
+            def shape(self, value):
+                pass
+        armed = False
+        host = MLinExpr(matmulparts=[(Swaps(np.eye(4)), x)], b=np.zeros(4))
+        armed = True
+        try:
+            host.sum()
+        except RecursionError:
+            pass
+        for method in (MLinExpr.sum, MLinExpr.copy, MLinExpr.getValue, MLinExpr._to_full, MLinExpr.clear, MLinExpr.__repr__):
+            refused(lambda: method(x))
+        refused(lambda: MLinExpr.sum(3))
+        refused(lambda: MLinExpr._from_mvar(3))
+        refused(lambda: MLinExpr._from_linexprs([object()]))
+        e = x + 1
+        e._const.resize(2, refcheck=False)
+        refused(lambda: e.sum())
+        refused(lambda: repr(e))
+        refused(lambda: model.addConstr(e <= 1))
+        e = x + 1
+        e._const = np.matrix(np.zeros((1, 4)))
+        refused(lambda: e.shape)
+        f = MLinExpr(np.array([LinExpr(1.0)]))
+        f.__dict__ = {"_learr": f, "_matmulparts": f, "_const": f}
+        refused(lambda: f.sum())
+        refused(lambda: setattr(f, "__dict__", 3))
+        gc.collect()
+    """)
