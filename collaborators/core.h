@@ -16,7 +16,9 @@ struct ModelObject {
     PyObject_HEAD TRVmodel *store;
     // Tables of borrowed pointers to the living scalar objects, by id (core/'s own business).
     void *tables;
-    // Set while an engine runs on this model: other threads and a second Ctrl-C may come in, and are refused.
+    // Set while an engine runs on this model: other threads and a second Ctrl-C may come in, and are refused by
+    // CoreApi::store, as is every attribute read. Whoever runs the engine works on the store pointer it took before,
+    // and clears the flag before it reads anything through Python objects.
     int solving;
     PyObject *weakrefs;
 };

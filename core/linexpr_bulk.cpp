@@ -7,6 +7,7 @@
 #include "model_handle.h"
 #include "scalars.h"
 
+#include <algorithm>
 #include <bit>
 
 namespace tarvopy::core {
@@ -57,26 +58,61 @@ Ref coefficients(const Rows &rows, int64_t row, FloatCache &cache, PyObject *sca
     return list;
 }
 
-Ref variables(const Rows &rows, int64_t row) {
-    int64_t begin = rows.ptr[row] - rows.ptr[0], size = rows.ptr[row + 1] - rows.ptr[row];
-    Ref list = untracked_list(size);
-    if (size > 0)
-        scalars_of(rows.model, TRV_VAR, size, rows.ids + begin, 1, PySequence_Fast_ITEMS(list.get()));
-    return list;
-}
+// The variables of all rows, one after the other, looked up in blocks: with thousands of look-ups at a time the tables'
+// memory can be asked for ahead.
+class Variables {
+  public:
+    Variables(const Rows &rows, int64_t terms) : rows_(rows), left_(terms) {}
+    Variables(const Variables &) = delete;
+    ~Variables() {
+        while (at_ < block_.size())
+            Py_DECREF(block_[at_++]);
+    }
+
+    Ref list(int64_t row) {
+        int64_t size = rows_.ptr[row + 1] - rows_.ptr[row];
+        Ref list = untracked_list(size);
+        for (int64_t i = 0; i < size; ++i) {
+            if (at_ == block_.size())
+                refill();
+            PyList_SET_ITEM(list.get(), i, block_[at_++]);
+        }
+        return list;
+    }
+
+  private:
+    static constexpr int64_t block_size = 4096;
+
+    void refill() {
+        auto size = std::min(block_size, left_);
+        std::vector<PyObject *> next(static_cast<size_t>(size));
+        scalars_of(rows_.model, TRV_VAR, size, rows_.ids + done_, 1, next.data());
+        block_ = std::move(next);
+        at_ = 0;
+        done_ += size;
+        left_ -= size;
+    }
+
+    const Rows &rows_;
+    int64_t done_ = 0, left_;
+    std::vector<PyObject *> block_; // references not handed out yet from at_ on
+    size_t at_ = 0;
+};
 
 } // namespace
 
 void make_linexprs(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids, const double *coef,
                    double scale, const double *constants, PyObject **out) {
     Rows rows{model, ptr, ids, coef, constants};
-    FloatCache cache(coef ? ptr[nrows] - ptr[0] : 0);
+    int64_t terms = ptr[nrows] - ptr[0];
+    FloatCache cache(coef ? terms : 0);
+    Variables variables(rows, terms);
     Ref shared = scale == 1.0 ? Ref::borrow(state.one) : check(PyFloat_FromDouble(scale));
     int64_t made = 0;
     try {
         for (; made < nrows; ++made) {
             Ref coeffs = coefficients(rows, made, cache, shared.get());
-            Ref vars = variables(rows, made);
+            Ref vars = variables.list(made);
             out[made] = make_linexpr(constants ? constants[made] : 0.0, std::move(coeffs), std::move(vars)).release();
         }
     } catch (...) {

@@ -18,6 +18,11 @@ class IdTable {
         size_t c = static_cast<size_t>(id) / chunk_size;
         return c < chunks_.size() && chunks_[c] ? chunks_[c]->objects[id % chunk_size] : nullptr;
     }
+    void prefetch_slot(int32_t id) const {
+        size_t c = static_cast<size_t>(id) / chunk_size;
+        if (c < chunks_.size() && chunks_[c])
+            __builtin_prefetch(&chunks_[c]->objects[id % chunk_size]);
+    }
     void insert(int32_t id, ScalarObject *object); // throws std::bad_alloc before anything has changed
     void remove(int32_t id) noexcept;
 

@@ -61,6 +61,7 @@ def test_add_terms_takes_single_ones_and_object_arrays(model):
     assert str(expr) == "2.0 C0 + 3.0 C1 + 4.0 C0 + 4.0 C1"
 
 
+@pytest.mark.filterwarnings("ignore:the matrix subclass:PendingDeprecationWarning")
 def test_add_terms_takes_matrix_variables_in_c_order(model):
     from tarvopy._matrixapi import MVar
 
