@@ -9,15 +9,17 @@
  *   TRVaddvars(m, 10, &lb, 0, &ub, 0, &cost, 0, &type, 0, NULL, &x);      ids x .. x+9, index -1 until TRVupdatemodel
  *
  * Identity. Every element has an id from the moment it is added; ids count up from 0 for each kind, are consecutive
- * for what one call adds, and are never used again. The index (position) of an element is -1 while it is pending, its place
- * in the model from the update on, and -2 once it is removed. All functions speak of ids, but those that say "position".
+ * for what one call adds, and are never used again. The index (position) of an element is -1 while it is pending, its
+ * place in the model from the update on, and -2 once it is removed. All functions speak of ids, but those that say
+ * "position".
  *
  * Arrays with a step. (const double *lb, int lbstep): element i is lb[i * lbstep], so a step of 0 spreads one value.
  *
- * Errors. Every function returns 0 or a code below, and TRVgeterrormsg then says what was wrong, with the offending values.
- * A call that fails changes nothing.
+ * Errors. Every function returns 0 or a code below, and TRVgeterrormsg then says what was wrong, with the offending
+ * values. A call that fails changes nothing.
  *
- * Infinity. Magnitudes of 1e20 and more mean "none" and are stored as +-INFINITY. NaN is refused everywhere, but in Start.
+ * Infinity. Magnitudes of 1e20 and more mean "none" and are stored as +-INFINITY. NaN is refused everywhere, but in
+ * Start.
  */
 #ifndef TARVO_H
 #define TARVO_H
@@ -31,7 +33,7 @@ extern "C" {
 
 #define TRV_API __attribute__((visibility("default")))
 
-/* ---- codes --------------------------------------------------------------------------------------------------------- */
+/* ---- codes ---------------------------------------------------------------------------------------------- */
 enum {
     TRV_OK = 0,
     TRV_ERROR_OUT_OF_MEMORY = 1,
@@ -53,9 +55,18 @@ enum { TRV_MODEL = 0, TRV_VAR = 1, TRV_CONSTR = 2, TRV_QCONSTR = 4, TRV_GENCONST
 enum { TRV_CHAR = 0, TRV_INT = 1, TRV_DOUBLE = 2, TRV_STRING = 3 };
 /* Status of the last solve (attribute "Status"). */
 enum {
-    TRV_NOT_SOLVED = 0, TRV_OPTIMAL = 1, TRV_INFEASIBLE = 2, TRV_UNBOUNDED = 3, TRV_INFEASIBLE_OR_UNBOUNDED = 4,
-    TRV_TIME_LIMIT = 5, TRV_ITERATION_LIMIT = 6, TRV_NODE_LIMIT = 7, TRV_SOLUTION_LIMIT = 8, TRV_INTERRUPTED = 9,
-    TRV_IMPRECISE = 10, TRV_FAILED = 11
+    TRV_NOT_SOLVED = 0,
+    TRV_OPTIMAL = 1,
+    TRV_INFEASIBLE = 2,
+    TRV_UNBOUNDED = 3,
+    TRV_INFEASIBLE_OR_UNBOUNDED = 4,
+    TRV_TIME_LIMIT = 5,
+    TRV_ITERATION_LIMIT = 6,
+    TRV_NODE_LIMIT = 7,
+    TRV_SOLUTION_LIMIT = 8,
+    TRV_INTERRUPTED = 9,
+    TRV_IMPRECISE = 10,
+    TRV_FAILED = 11
 };
 
 #define TRV_INFINITY 1e20 /* this and more means none */
@@ -64,15 +75,15 @@ enum {
 
 typedef struct TRVmodel TRVmodel;
 
-/* ---- life ---------------------------------------------------------------------------------------------------------- */
+/* ---- life ----------------------------------------------------------------------------------------------- */
 TRV_API int TRVnewmodel(const char *name, TRVmodel **out);
-TRV_API void TRVfreemodel(TRVmodel *model);               /* NULL is fine */
+TRV_API void TRVfreemodel(TRVmodel *model);                /* NULL is fine */
 TRV_API const char *TRVgeterrormsg(const TRVmodel *model); /* of the last failed call on this model; "" if none */
 /* A function beside the store (the file readers) leaves its text here. Returns code. */
 TRV_API int TRVfail(TRVmodel *model, int code, const char *message);
 TRV_API void TRVfree(void *memory); /* what the store allocated for its caller */
 
-/* ---- names --------------------------------------------------------------------------------------------------------- */
+/* ---- names ---------------------------------------------------------------------------------------------- */
 /* Names of the n elements that one call adds. A prefix with a shape is kept as such: element (i,j) is called
  * prefix[i,j] when somebody asks, and a 0-dimensional shape is called prefix. NULL (or TRV_NAMES_NONE) gives
  * the default names: C<id> for variables, R<id> linear rows, Q<id>, G<id>, N<id>.
@@ -82,12 +93,12 @@ typedef struct TRVnames {
     int form;
     const char *prefix; /* TRV_NAMES_SHAPE, UTF-8 */
     int ndim;
-    const int64_t *shape; /* its product is n */
-    const char *text;     /* TRV_NAMES_LIST */
+    const int64_t *shape;  /* its product is n */
+    const char *text;      /* TRV_NAMES_LIST */
     const int64_t *offset; /* n + 1 */
 } TRVnames;
 
-/* ---- adding -------------------------------------------------------------------------------------------------------- */
+/* ---- adding --------------------------------------------------------------------------------------------- */
 /* vtype: 'C' 'B' 'I' 'S'. Bounds of 'B' are cut to [0, 1]. lb > ub is stored as it is (infeasible at the solve). */
 TRV_API int TRVaddvars(TRVmodel *model, int64_t n, const double *lb, int lbstep, const double *ub, int ubstep,
                        const double *obj, int objstep, const char *vtype, int vtypestep, const TRVnames *names,
@@ -115,7 +126,8 @@ TRV_API int TRVaddrows(TRVmodel *model, int64_t nrows, const int64_t *ptr, const
                        int32_t *firstid);
 
 /* Replaces all Obj and ObjConstant at once (duplicates are summed). sense: 1, -1, or 0 to keep it. */
-TRV_API int TRVsetobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, double constant, int sense);
+TRV_API int TRVsetobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, double constant,
+                            int sense);
 
 /* Pending elements are gone at once, those in the model at the next update: until then they can be read and set, but
  * new terms over such variables are refused. Removing what is removed or marked already is fine
@@ -125,7 +137,7 @@ TRV_API int TRVremove(TRVmodel *model, int kind, int64_t n, const int32_t *ids);
  * becomes NOT_SOLVED and the old X becomes what the next solve may start from (where Start is not set). */
 TRV_API int TRVupdatemodel(TRVmodel *model);
 
-/* ---- identity ------------------------------------------------------------------------------------------------------ */
+/* ---- identity ------------------------------------------------------------------------------------------- */
 /* How many ids of the kind were ever given. */
 TRV_API int32_t TRVidcount(const TRVmodel *model, int kind);
 /* Position of each id: >= 0, -1 pending, -2 removed (also for ids never given). ids NULL means first, first+1, ... */
@@ -136,7 +148,7 @@ TRV_API int TRVidsat(TRVmodel *model, int kind, int64_t n, const int32_t *positi
 /* Id by name, pending ones included, removed ones not; -1 where there is none. Of equal names the first. */
 TRV_API int TRVfindname(TRVmodel *model, int kind, const char *name, int32_t *id);
 
-/* ---- attributes ---------------------------------------------------------------------------------------------------- */
+/* ---- attributes ----------------------------------------------------------------------------------------- */
 typedef struct TRVattrinfo {
     const char *name;
     int kind; /* TRV_MODEL, TRV_VAR, ... */
@@ -156,21 +168,29 @@ TRV_API int TRVsetdblattr(TRVmodel *model, const char *name, double value);
 TRV_API int TRVgetstrattr(TRVmodel *model, const char *name, const char **value); /* valid until the next call */
 TRV_API int TRVsetstrattr(TRVmodel *model, const char *name, const char *value);
 
-/* Of elements, by id; ids NULL means first, first+1, ..., first+n-1. Attribute writes act at once, all or none. */
+/* Of elements, by id; ids NULL means first, first+1, ..., first+n-1. Attribute writes act at once, all or none.
+ *
+ * Sides of rows. Lower and Upper are what is stored; Sense and RHS are another view of them. Sense is '<', '>', '=', or
+ * 'R' for two finite sides; a free row is '<' (or '>' if it was that) with an infinite RHS. RHS is the lower side of
+ * '>', both of '=', the upper of '<' and 'R'. Setting it keeps the Sense; setting the Sense ('<', '>', '=') keeps the
+ * RHS and drops the other side; setting Lower or Upper decides the Sense anew.
+ *
+ * Slack is RHS minus activity at X, with the coefficients and sides of now. Writing the value that is there changes
+ * nothing, and keeps the solution. */
 TRV_API int TRVgetdbls(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, double *out);
-TRV_API int TRVsetdbls(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, const double *values,
-                       int step);
+TRV_API int TRVsetdbls(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first,
+                       const double *values, int step);
 TRV_API int TRVgetints(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, int32_t *out);
 TRV_API int TRVgetchars(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, char *out);
-TRV_API int TRVsetchars(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, const char *values,
-                        int step);
+TRV_API int TRVsetchars(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first,
+                        const char *values, int step);
 /* Strings come as one block (text) with n+1 offsets, both freed by the caller with TRVfree. */
 TRV_API int TRVgetstrs(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, char **text,
                        int64_t **offset);
-TRV_API int TRVsetstrs(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, const char *text,
-                       const int64_t *offset);
+TRV_API int TRVsetstrs(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first,
+                       const char *text, const int64_t *offset);
 
-/* ---- coefficients -------------------------------------------------------------------------------------------------- */
+/* ---- coefficients --------------------------------------------------------------------------------------- */
 /* A row's terms in stored order. Pointers into the store, valid until the next change. Pending rows too. */
 TRV_API int TRVgetrow(TRVmodel *model, int32_t row, int64_t *nnz, const int32_t **var, const double **coef);
 /* One coefficient for each pair; a missing one reads 0. */
@@ -178,24 +198,24 @@ TRV_API int TRVgetcoefs(TRVmodel *model, int64_t n, const int32_t *rows, const i
 /* Acts at once, all or none; 0 takes the term away; of repeated pairs the last one wins. */
 TRV_API int TRVsetcoefs(TRVmodel *model, int64_t n, const int32_t *rows, const int32_t *vars, const double *values);
 
-/* ---- what an engine reads ------------------------------------------------------------------------------------------ */
-/* The model by position, pending elements left out (call TRVupdatemodel first). Pointers into the store, valid until its next change:
- * nothing is copied. */
+/* ---- what an engine reads ------------------------------------------------------------------------------- */
+/* The model by position, pending elements left out (call TRVupdatemodel first). Pointers into the store, valid until
+ * its next change: nothing is copied. */
 typedef struct TRVdata {
     int32_t nvars, nrows;
     int64_t nnz;
     const double *lb, *ub, *obj;
-    const char *vtype; /* 'C' 'B' 'I' 'S' */
+    const char *vtype;           /* 'C' 'B' 'I' 'S' */
     const double *lower, *upper; /* of rows, +-INFINITY for none */
     double objconstant;
-    int sense;       /* 1, -1 */
-    int nintegral;   /* how many of vtype are not 'C' */
+    int sense;           /* 1, -1 */
+    int nintegral;       /* how many of vtype are not 'C' */
     const double *start; /* NaN where none; NULL when nobody set one and no earlier solution is left */
 } TRVdata;
 TRV_API int TRVgetdata(TRVmodel *model, TRVdata *data);
 
-/* The matrix by position, by columns (csc != 0: start has nvars+1 entries, index holds rows, ascending in each column) or by rows
- * (start nrows+1, index holds columns, in stored order). Freshly allocated; give back with TRVfreematrix. */
+/* The matrix by position, by columns (csc != 0: start has nvars+1 entries, index holds rows, ascending in each column)
+ * or by rows (start nrows+1, index holds columns, in stored order). Freshly allocated; give back with TRVfreematrix. */
 typedef struct TRVmatrix {
     int64_t nmajor, nnz;
     int32_t *start, *index; /* nnz beyond 2^31-1 is TRV_ERROR_SIZE_LIMIT */
@@ -205,9 +225,9 @@ TRV_API int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix);
 TRV_API void TRVfreematrix(TRVmatrix *matrix);
 
 /* What changed since TRVclearchanges, for an engine that keeps its model. structure != 0: elements were added or
- * removed, a vtype changed, or more than a quarter of the coefficients (and more than a thousand): load anew. The lists of bounds, costs and sides may
- * name every element: sending them keeps the engine's basis, loading anew loses it. Positions of changed elements, each
- * once; pointers valid until the next change. */
+ * removed, a vtype changed, or more than a quarter of the coefficients (and more than a thousand): load anew. The lists
+ * of bounds, costs and sides may name every element: sending them keeps the engine's basis, loading anew loses it.
+ * Positions of changed elements, each once; pointers valid until the next change. */
 typedef struct TRVchanges {
     int structure;
     int objconstant, sense; /* flags */
@@ -218,9 +238,9 @@ typedef struct TRVchanges {
 TRV_API int TRVgetchanges(TRVmodel *model, TRVchanges *changes);
 TRV_API void TRVclearchanges(TRVmodel *model);
 
-/* ---- the solution -------------------------------------------------------------------------------------------------- */
-/* Arrays by position for an engine to write into, then TRVcommitsolution. x has nvars, rc nvars, pi nrows entries. They are the store's
- * own, made anew by each call; the last solution stays readable until the commit. */
+/* ---- the solution --------------------------------------------------------------------------------------- */
+/* Arrays by position for an engine to write into, then TRVcommitsolution. x has nvars, rc nvars, pi nrows entries. They
+ * are the store's own, made anew by each call; the last solution stays readable until the commit. */
 TRV_API int TRVopensolution(TRVmodel *model, double **x, double **rc, double **pi);
 typedef struct TRVresult {
     int status;
@@ -233,15 +253,15 @@ typedef struct TRVresult {
 } TRVresult;
 TRV_API int TRVcommitsolution(TRVmodel *model, const TRVresult *result);
 
-/* How well the arrays of the open (or, if none is open, the committed) solution hold, in one pass. The worst element is the one with the
- * largest violation against its own scale; reported are its violation (absolute), its scale and its position, -1 where nothing
- * is violated. So violation <= tolerance * scale holds for all elements where it holds for the worst. Dual figures only with duals (has_duals): dual infeasibility is the reduced
- * gradient c - A'pi - rc and the wrong-signed rc or pi; complementarity is the largest |multiplier| * distance to
- * its bound. */
+/* How well the arrays of the open (or, if none is open, the committed) solution hold, in one pass. The worst element is
+ * the one with the largest violation against its own scale; reported are its violation (absolute), its scale and its
+ * position, -1 where nothing is violated. So violation <= tolerance * scale holds for all elements where it holds for
+ * the worst. Dual figures only with duals (has_duals): dual infeasibility is the reduced gradient c - A'pi - rc and the
+ * wrong-signed rc or pi; complementarity is the largest |multiplier| * distance to its bound. */
 typedef struct TRVresiduals {
     double row, bound, integral, dual, complementarity;
-    int32_t worstrow, worstbound, worstintegral, worstdual, worstcomplementarity; /* the last two: variable positions, or
-                                                                                     nvars + row position */
+    int32_t worstrow, worstbound, worstintegral, worstdual, worstcomplementarity; /* the last two: variable positions,
+                                                                                     or nvars + row position */
     double rowscale, boundscale, dualscale; /* what the violation may be measured against: 1 + largest term involved */
     double complementarityscale;            /* 1 + the largest term of the objective */
 } TRVresiduals;
@@ -249,10 +269,10 @@ TRV_API int TRVcheck(TRVmodel *model, int has_duals, TRVresiduals *residuals);
 /* The objective at x (by position), constant included. */
 TRV_API int TRVevalobjective(TRVmodel *model, const double *x, double *value);
 
-/* ---- files --------------------------------------------------------------------------------------------------------- */
+/* ---- files ---------------------------------------------------------------------------------------------- */
 /* By ending: .mps (free or fixed form, told apart by its lines), each also with .gz. TRVreadmodel wants an empty model
- * and updates it; a file that is refused changes nothing. TRVwritemodel updates, refuses what the format cannot say before
- * a byte is written (UNSUPPORTED), and puts the whole file in the old one's place at once. */
+ * and updates it; a file that is refused changes nothing. TRVwritemodel updates, refuses what the format cannot say
+ * before a byte is written (UNSUPPORTED), and puts the whole file in the old one's place at once. */
 TRV_API int TRVreadmodel(TRVmodel *model, const char *path);
 TRV_API int TRVwritemodel(TRVmodel *model, const char *path);
 /* .sol: one "name value" a line, # begins a comment. Written from X; read into Start. */

@@ -41,24 +41,29 @@ void Solution::commit(const TRVresult &result, int32_t nvars, int32_t nrows) {
               "the solution was opened for %d variables and %d rows; the model has %d and %d", opennvars_, opennrows_,
               nvars, nrows);
     std::string engine = result.engine ? result.engine : "";
+    keepfigures(result, std::move(engine));
+    nvars_ = nvars;
+    nrows_ = nrows;
+    taketheopen(result.has_x, result.has_duals);
+}
 
+void Solution::keepfigures(const TRVresult &result, std::string engine) noexcept {
     engine_ = std::move(engine);
     figures_ = result;
     figures_.engine = nullptr;
     if (std::isnan(figures_.gap))
         figures_.gap = gapof(figures_.bound, figures_.objval);
-    if (hasx_ && !result.has_x)
-        fallback_.swap(x_);
     status_ = result.status;
-    hasx_ = result.has_x;
-    hasduals_ = result.has_duals;
-    outdated_ = activityknown_ = false;
-    nvars_ = nvars;
-    nrows_ = nrows;
-    x_.free();
-    rc_.free();
-    pi_.free();
-    activity_.free();
+    outdated_ = false;
+}
+
+// A solve that found no X leaves the last one as what may be started from.
+void Solution::taketheopen(bool withx, bool withduals) noexcept {
+    if (hasx_ && !withx)
+        fallback_.swap(x_);
+    droparrays();
+    hasx_ = withx;
+    hasduals_ = withduals;
     if (hasx_) {
         x_.swap(openx_);
         fallback_.free();
@@ -73,17 +78,21 @@ void Solution::commit(const TRVresult &result, int32_t nvars, int32_t nrows) {
     isopen_ = false;
 }
 
+void Solution::droparrays() noexcept {
+    x_.free();
+    rc_.free();
+    pi_.free();
+    activity_.free();
+    hasx_ = hasduals_ = activityknown_ = false;
+}
+
 void Solution::outdate() noexcept {
     if (status_ == TRV_NOT_SOLVED)
         return;
     if (hasx_)
         fallback_.swap(x_);
-    x_.free();
-    rc_.free();
-    pi_.free();
-    activity_.free();
+    droparrays();
     status_ = TRV_NOT_SOLVED;
-    hasx_ = hasduals_ = activityknown_ = false;
     outdated_ = true;
 }
 

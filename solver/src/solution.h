@@ -45,6 +45,10 @@ class Solution {
     void coefficientschanged() { activityknown_ = false; }
 
   private:
+    void keepfigures(const TRVresult &result, std::string engine) noexcept;
+    void taketheopen(bool withx, bool withduals) noexcept;
+    void droparrays() noexcept;
+
     int status_ = TRV_NOT_SOLVED;
     bool outdated_ = false, hasx_ = false, hasduals_ = false, isopen_ = false, activityknown_ = false;
     int32_t nvars_ = 0, nrows_ = 0, opennvars_ = 0, opennrows_ = 0;
