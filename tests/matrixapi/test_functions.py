@@ -99,7 +99,7 @@ def test_constraint_handles_join_among_themselves(mode, model):
     assert type(joined) is MConstr
     np.testing.assert_array_equal(joined._idxarr(), [[0, 1, 4, 5], [2, 3, 6, 7]])
     for wrong in ([a, x], [a, np.ones((2, 2))], [x, "text"], [x, [1, 2]], [x, None]):
-        with pytest.raises(ValueError) as error:
+        with pytest.raises(ValueError, match="Invalid") as error:
             vstack(wrong)
         assert str(error.value) == "Invalid types for array manipulation routine"
 

@@ -60,7 +60,7 @@ def test_construction_keeps_the_array_and_fromlist_checks_its_elements(rows, mod
     assert same._cmodel is rows._cmodel
     assert MConstr.fromlist(rows.tolist()).shape == (2, 3)
     assert MConstr.fromlist([])._cmodel is None
-    with pytest.raises(ValueError) as error:
+    with pytest.raises(ValueError, match="expects a list") as error:
         MConstr.fromlist([rows[0, 0], 2.5, None])
     assert str(error.value) == "MConstr.fromlist expects a list of Constrs, '2.5' is not valid input"
     with pytest.raises(AssertionError):
@@ -111,7 +111,7 @@ def test_attributes_of_rows(rows, model):
     with pytest.raises(AttributeError) as error:
         rows.LB = 1
     assert str(error.value) == "'tarvopy.Constr' object has no attribute 'LB'"
-    with pytest.raises(AttributeError, match="'tarvopy.MConstr' object has no attribute '_nothing'"):
+    with pytest.raises(AttributeError, match=r"'tarvopy\.MConstr' object has no attribute '_nothing'"):
         rows._nothing
     assert "RHS" in dir(rows)
     assert "LB" not in dir(rows)
@@ -128,7 +128,7 @@ def test_the_other_kinds_of_constraint_have_handles_of_the_same_make():
         assert (empty._typename, empty._typeenum, repr(empty)) == (cls.__name__, number, f"<{cls.__name__} (0,)>")
         assert empty.getAttr("whatever").shape == (0,)
         shown = "1" if cls is MQConstr else "{obj}"
-        with pytest.raises(ValueError) as error:
+        with pytest.raises(ValueError, match="expects a list") as error:
             cls.fromlist([1])
         assert str(error.value) == f"{cls.__name__}.fromlist expects a list of {text}s, '{shown}' is not valid input"
     assert MQConstr.fromlist([])._numqconstrs() is None

@@ -26,7 +26,7 @@ def updated(model, shape):
     return x
 
 
-# ---- structure: the same program on an array of numbers is the oracle --------------------------------------------------------
+# ---- structure: the same program on an array of numbers is the oracle ------------------------------------------------
 
 
 def wrapped(array):
@@ -37,9 +37,12 @@ def wrapped(array):
 
 
 INDICES = [
-    0, -1, (0, 0), (0, -1), (-1, slice(None)), slice(None, None, -1), slice(1, None), (slice(None), 0), (Ellipsis, 0), Ellipsis, None,
-    (slice(None), None), [0, 0], ([0], slice(None)), (0, [0, 0]), (slice(1, 1),), (Ellipsis, slice(None, None, 2)), np.int64(0), True,
-    (slice(-3, 2), slice(2, 0, -1)), 7, (0, 0, 0, 0, 0), slice(5, 2), (Ellipsis, Ellipsis), "a", 1.0, slice(None, None, 0),
+    0, -1, (0, 0), (0, -1), (-1, slice(None)), slice(None, None, -1), slice(1, None), (slice(None), 0),
+    (Ellipsis, 0), Ellipsis, None,
+    (slice(None), None), [0, 0], ([0], slice(None)), (0, [0, 0]), (slice(1, 1),), (Ellipsis, slice(None, None, 2)),
+    np.int64(0), True,
+    (slice(-3, 2), slice(2, 0, -1)), 7, (0, 0, 0, 0, 0), slice(5, 2), (Ellipsis, Ellipsis), "a", 1.0,
+    slice(None, None, 0),
 ]  # fmt: skip
 
 OPERATIONS = st.one_of(
@@ -90,7 +93,7 @@ def test_structure_indexing_and_shared_memory_follow_numpy(shape, steps, eager):
         if action == "write" and numbers[at].size:
             handles[at]._vararr.flat[0] = other._vararr[count]
             numbers[at].flat[0] = other._idxarr()[count]
-        for handle, number in zip(handles, numbers):
+        for handle, number in zip(handles, numbers, strict=True):
             assert type(handle) is MVar
             assert handle.shape == number.shape
             assert (handle.ndim, handle.size) == (number.ndim, number.size)
@@ -121,11 +124,11 @@ def test_views_share_elements_and_each_variable_is_one_object(mode, model):
 def test_reading_elements_of_a_small_part_makes_no_others(model):
     x = updated(model, 1000)
     before = _debug.counts()["Var"]
-    kept = x[10:12].tolist() + [x[5].item()]
+    kept = [*x[10:12].tolist(), x[5].item()]
     assert _debug.counts()["Var"] - before == len(kept) == 3
 
 
-# ---- construction ----------------------------------------------------------------------------------------------------------
+# ---- construction ----------------------------------------------------------------------------------------------------
 
 
 def test_constructors_wrap_what_numpy_makes_of_their_argument(mode, model):
@@ -147,7 +150,7 @@ def test_constructors_wrap_what_numpy_makes_of_their_argument(mode, model):
 
 def test_fromlist_names_the_element_that_is_no_variable(model):
     x = updated(model, 2)
-    with pytest.raises(ValueError) as error:
+    with pytest.raises(ValueError, match="expects a list") as error:
         MVar.fromlist([x[0].item(), 3.5, "z"])
     assert str(error.value) == "MVar.fromlist expects a list of Vars, '3.5' is not valid input"
 
@@ -170,7 +173,7 @@ def test_wrong_arguments_are_named(model, call, text):
     assert str(error.value) == text
 
 
-# ---- the instance's own attributes ---------------------------------------------------------------------------------------------
+# ---- the instance's own attributes -----------------------------------------------------------------------------------
 
 
 def test_instance_attributes_are_ordinary(mode, model):
@@ -183,7 +186,7 @@ def test_instance_attributes_are_ordinary(mode, model):
     del y._vararr
     assert list(vars(y)) == ["_cmodel"]
     for use in (lambda: y._vararr, lambda: y.transpose(), lambda: y + 1, lambda: y.sum()):
-        with pytest.raises(AttributeError, match="'tarvopy.MVar' object has no attribute '_vararr'"):
+        with pytest.raises(AttributeError, match=r"'tarvopy\.MVar' object has no attribute '_vararr'"):
             use()
     z = updated(model, 3)
     z._cmodel = None
@@ -200,7 +203,7 @@ def test_copies_share_variables_and_pickling_is_refused(mode, model):
     shallow, deep = copy.copy(x), copy.deepcopy(x)
     assert shallow._vararr is x._vararr
     assert deep._vararr is not x._vararr
-    assert all(a is b for a, b in zip(deep._vararr.flat, x._vararr.flat))
+    assert all(a is b for a, b in zip(deep._vararr.flat, x._vararr.flat, strict=True))
     assert deep._cmodel is x._cmodel
     with pytest.raises(TypeError, match="pickle"):
         pickle.dumps(x)
@@ -236,7 +239,7 @@ def test_iteration_has_numpys_meaning_and_there_is_no_length(mode, model):
         hash(x)
 
 
-# ---- text, sums, data ------------------------------------------------------------------------------------------------------
+# ---- text, sums, data ------------------------------------------------------------------------------------------------
 
 
 def test_repr_shows_shape_marks_and_variables(mode, model):
@@ -302,7 +305,7 @@ def test_indexed_data_picks_entries_of_a_vector_over_the_model(mode, model):
         x._indexed_data([1.0], float)
 
 
-# ---- elements that are no variables, or of several models ----------------------------------------------------------------------
+# ---- elements that are no variables, or of several models ------------------------------------------------------------
 
 
 class Foreign:
