@@ -45,6 +45,9 @@ void require_linear(const char *function, int degree, PyObject *side) {
     default:
         if (PyErr_Occurred())
             throw PythonError{};
+        if (pysupport::is_array(side))
+            fail(PyExc_TypeError, "%s() takes expressions, numbers and arrays of them, not of dtype %S", function,
+                 reinterpret_cast<PyObject *>(PyArray_DESCR(pysupport::as_array(side))));
         fail(PyExc_TypeError, "%s() takes expressions, numbers and arrays, not '%.200s'", function,
              Py_TYPE(side)->tp_name);
     }

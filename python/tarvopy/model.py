@@ -105,10 +105,9 @@ class Model(_modelapi.ModelBase):
         return self.getAttr(name)
 
     def __setattr__(self, name: str, value: Any) -> None:
-        if name.startswith("_"):
+        # A property, of this class or of one derived from it, is set as in any class (or refuses to be).
+        if name.startswith("_") or hasattr(getattr(type(self), name, None), "__set__"):
             object.__setattr__(self, name, value)
-        elif name in ("params", "why_engine"):
-            raise AttributeError(f"Attribute '{name}' cannot be set")
         else:
             self.setAttr(name, value)
 

@@ -127,11 +127,23 @@ def test_derived_models_work_and_a_forgotten_init_is_an_error():
             super().__init__("named")
             self._extra = []
 
+        @property
+        def extra(self):
+            return self._extra
+
+        @extra.setter
+        def extra(self, value):
+            self._extra = value
+
     class Forgetful(tarvopy.Model):
         def __init__(self):
             pass
 
-    assert Named().ModelName == "named"
+    named = Named()
+    named.extra = [1]
+    assert (named.ModelName, named.extra) == ("named", [1])
+    with pytest.raises(AttributeError):
+        named.addVar = None
     with pytest.raises(RuntimeError, match=r"must call Model.__init__"):
         Forgetful().addVar()
     with pytest.raises(RuntimeError, match="initialised once"):
