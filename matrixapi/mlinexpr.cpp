@@ -4,8 +4,8 @@
 //   x + 0                         compact for a vector x         _from_mvar(x, force_full=True)
 //   e[1:3]                        full, shares its LinExpr with e, which is full from then on
 //
-// The states stand in mlinexpr_state.cpp, sums and values in mlinexpr_values.cpp, assignment in mlinexpr_assign.cpp, the operators in the
-// mlinexpr_ files named after them.
+// The states stand in mlinexpr_state.cpp, sums and values in mlinexpr_values.cpp, assignment in mlinexpr_assign.cpp,
+// the operators in the mlinexpr_ files named after them.
 #include "matrixapi/mlinexpr.h"
 
 #include "matrixapi/mlinexpr_dict.h"
@@ -19,7 +19,8 @@ namespace tarvopy {
 
 using namespace pysupport;
 
-// ---- constructors ------------------------------------------------------------------------------------------------------
+// ---- constructors
+// ------------------------------------------------------------------------------------------------------
 
 flat::Shape asked_shape(PyObject *given) {
     Ref tuple = check(PyObject_CallOneArg(mod.broadcast_shapes, given));
@@ -67,7 +68,8 @@ Ref compact_from_foreign(PyObject *cls, PyObject *mvar) {
     Ref keywords = check(Py_BuildValue("{s:s}", "format", "csr"));
     Ref identity = check(PyObject_Call(eye.get(), arguments.get(), keywords.get()));
     // From any later version of SciPy too: a csr_matrix, not a sparse array.
-    identity = check(PyObject_CallOneArg(check(PyObject_GetAttr(scipy_sparse(), names.csr_matrix)).get(), identity.get()));
+    identity =
+        check(PyObject_CallOneArg(check(PyObject_GetAttr(scipy_sparse(), names.csr_matrix)).get(), identity.get()));
     Ref list = check(Py_BuildValue("[(OO)]", identity.get(), vector.get()));
     return make_compact_pairs(cls, list, float_array(shape));
 }
@@ -122,7 +124,8 @@ Ref as_linexpr(PyObject *object) {
 
 Ref from_linexprs(PyObject *cls, PyObject *les) {
     need_numpy();
-    Ref given = check(PyArray_FROMANY(les, NPY_OBJECT, 0, 0, NPY_ARRAY_CARRAY | NPY_ARRAY_ENSURECOPY | NPY_ARRAY_ENSUREARRAY));
+    Ref given =
+        check(PyArray_FROMANY(les, NPY_OBJECT, 0, 0, NPY_ARRAY_CARRAY | NPY_ARRAY_ENSURECOPY | NPY_ARRAY_ENSUREARRAY));
     auto **elements = static_cast<PyObject **>(PyArray_DATA(as_array(given)));
     for (npy_intp i = 0; i < PyArray_SIZE(as_array(given)); ++i) {
         Ref converted = as_linexpr(elements[i] ? elements[i] : Py_None);
@@ -174,9 +177,13 @@ void expect(bool holds) {
         fail_assertion();
 }
 
-bool is_instance(PyObject *object, PyObject *cls) { return check_status(PyObject_IsInstance(object, cls)) != 0; }
+bool is_instance(PyObject *object, PyObject *cls) {
+    return check_status(PyObject_IsInstance(object, cls)) != 0;
+}
 
-Ref attribute(const Ref &object, const char *name) { return check(PyObject_GetAttrString(object.get(), name)); }
+Ref attribute(const Ref &object, const char *name) {
+    return check(PyObject_GetAttrString(object.get(), name));
+}
 
 // `a, b = pair`, with its errors.
 std::pair<Ref, Ref> unpacked(PyObject *pair) {
@@ -247,15 +254,20 @@ PyObject *init(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject
 
 // A class method of one argument.
 template <Ref (*work)(PyObject *cls, PyObject *argument)>
-PyObject *construction(PyObject *cls, const Signature &signature, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+PyObject *construction(PyObject *cls, const Signature &signature, PyObject *const *args, Py_ssize_t nargs,
+                       PyObject *kwnames) {
     return border([&] {
         Arguments given(signature, 1, args, nargs, kwnames);
         return work(cls, given[0]);
     });
 }
 
-Ref zeros_of(PyObject *cls, PyObject *shape) { return make_zeros(cls, asked_shape(shape)); }
-Ref zeros_full_of(PyObject *cls, PyObject *shape) { return make_flat(cls, zero_form(asked_shape(shape)), {}); }
+Ref zeros_of(PyObject *cls, PyObject *shape) {
+    return make_zeros(cls, asked_shape(shape));
+}
+Ref zeros_full_of(PyObject *cls, PyObject *shape) {
+    return make_flat(cls, zero_form(asked_shape(shape)), {});
+}
 
 Ref from_mvar_compact(PyObject *cls, PyObject *mvar) {
     expect_mvar(mvar);
@@ -337,7 +349,8 @@ PyObject *allows_compact_method(PyObject *, PyObject *const *args, Py_ssize_t na
     });
 }
 
-// ---- structure ---------------------------------------------------------------------------------------------------------
+// ---- structure
+// ---------------------------------------------------------------------------------------------------------
 
 void expect_no_matrix(PyObject *constant) {
     if (!PyArray_CheckExact(constant)) {
@@ -365,11 +378,18 @@ PyObject *structure(PyObject *self, PyObject *name) {
     });
 }
 
-PyObject *get_shape(PyObject *self, void *) { return structure(self, names.shape); }
-PyObject *get_ndim(PyObject *self, void *) { return structure(self, names.ndim); }
-PyObject *get_size(PyObject *self, void *) { return structure(self, names.size); }
+PyObject *get_shape(PyObject *self, void *) {
+    return structure(self, names.shape);
+}
+PyObject *get_ndim(PyObject *self, void *) {
+    return structure(self, names.ndim);
+}
+PyObject *get_size(PyObject *self, void *) {
+    return structure(self, names.size);
+}
 
-// ---- elements ----------------------------------------------------------------------------------------------------------
+// ---- elements
+// ----------------------------------------------------------------------------------------------------------
 
 Ref item_of(PyObject *expr) {
     if (is_compact(expr))
@@ -416,7 +436,8 @@ PyObject *iter(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject
     });
 }
 
-// ---- printing ----------------------------------------------------------------------------------------------------------
+// ---- printing
+// ----------------------------------------------------------------------------------------------------------
 
 PyObject *element_text(PyObject *, PyObject *element) {
     return border([&] { return check(PyUnicode_FromFormat(" %S", element)); });
@@ -481,28 +502,34 @@ PyObject *repr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject
 
 std::span<Member> own_members() {
     static Member members[] = {
-        method("__init__", init, "__init__($self, wraponly=None, matmulparts=None, b=None)\n--\n\nWraps arrays without copying them."),
+        method("__init__", init,
+               "__init__($self, wraponly=None, matmulparts=None, b=None)\n--\n\nWraps arrays without copying them."),
         property("shape", get_shape, "The shape, a tuple."),
         property("ndim", get_ndim, "The number of dimensions."),
         property("size", get_size, "The number of elements."),
-        class_method("zeros", zeros, "zeros($type, shape)\n--\n\nThe all-zero expression of a shape (an int or a tuple)."),
+        class_method("zeros", zeros,
+                     "zeros($type, shape)\n--\n\nThe all-zero expression of a shape (an int or a tuple)."),
         class_method("_zeros_full", zeros_full, "_zeros_full($type, shape)\n--\n\nA full expression of empty LinExpr."),
         class_method("_from_mvar", from_mvar_method,
-                     "_from_mvar($type, fromobj, force_full=False)\n--\n\nThe variables of an MVar, each with the coefficient 1."),
+                     "_from_mvar($type, fromobj, force_full=False)\n--\n\nThe variables of an MVar, each with the "
+                     "coefficient 1."),
         class_method("_from_mvar_compact", from_mvar_compact_method,
                      "_from_mvar_compact($type, fromobj)\n--\n\nThe variables of an MVar in the compact state."),
         class_method("_from_mvar_full", from_mvar_full_method,
                      "_from_mvar_full($type, fromobj)\n--\n\nThe variables of an MVar in the full state."),
-        class_method("_from_var", from_var_method, "_from_var($type, fromobj)\n--\n\nA Var as a 0-dimensional expression."),
+        class_method("_from_var", from_var_method,
+                     "_from_var($type, fromobj)\n--\n\nA Var as a 0-dimensional expression."),
         class_method("_from_linexpr", from_linexpr_method,
                      "_from_linexpr($type, fromobj)\n--\n\nA copy of a LinExpr as a 0-dimensional expression."),
         class_method("_from_linexprs", from_linexprs_method,
                      "_from_linexprs($type, les)\n--\n\nCopies of an array-like of LinExpr or 0-dimensional MLinExpr."),
         static_method("_allows_compact", allows_compact_method,
                       "_allows_compact(shape)\n--\n\nFewer than three dimensions, at most one extent above 1."),
-        method("item", item, "item($self)\n--\n\nA copy of the single element, a LinExpr. ValueError for another size."),
+        method("item", item,
+               "item($self)\n--\n\nA copy of the single element, a LinExpr. ValueError for another size."),
         method("__getitem__", getitem,
-               "__getitem__($self, obj)\n--\n\nNumPy's indexing; the result shares its elements. Brings the expression to the full state."),
+               "__getitem__($self, obj)\n--\n\nNumPy's indexing; the result shares its elements. Brings the expression "
+               "to the full state."),
         method("__iter__", iter, "__iter__($self)\n--\n\nOver the first axis."),
         method("__repr__", repr, "__repr__($self)\n--\n\nShape, and every element as text."),
     };
@@ -518,8 +545,8 @@ constexpr const char *class_doc =
 
 Ref build_mlinexpr_class() {
     Ref dict = new_namespace("tarvopy._matrixapi", "MLinExpr", class_doc);
-    for (auto members : {own_members(), state_members(), value_members(), assign_members(), matmul_members(), addition_members(),
-                         multiplication_members(), product_members(), worker_members()})
+    for (auto members : {own_members(), state_members(), value_members(), assign_members(), matmul_members(),
+                         addition_members(), multiplication_members(), product_members(), worker_members()})
         add_members(dict.get(), matrix_base, members);
     Ref priority = check(PyLong_FromLong(100)), one = check(PyLong_FromLong(1));
     check_status(PyDict_SetItemString(dict.get(), "__array_priority__", priority.get()));

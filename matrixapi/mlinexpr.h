@@ -1,6 +1,8 @@
-// MLinExpr, n-dimensional arrays of linear expressions: the state, and what the other files of this module may ask of one.
+// MLinExpr, n-dimensional arrays of linear expressions: the state, and what the other files of this module may ask of
+// one.
 //
-// An expression is in one of two documented states, and each of them has a native form that stands for it until somebody looks:
+// An expression is in one of two documented states, and each of them has a native form that stands for it until
+// somebody looks:
 //
 //   CompactNative   `_const` in the dictionary, parts (row pointers, columns, values, ids) in LinearNative::parts
 //   CompactMade     `_const` and the list `_matmulparts` of (csr_matrix, MVar) pairs in the dictionary; the list rules
@@ -10,8 +12,8 @@
 //   A @ x           CompactNative, one part       e._matmulparts   -> CompactMade
 //   x + y (2-d)     Flat, two summands            e._learr         -> Objects
 //
-// State only moves towards Objects. The functions that say "makes" run Python code (a collection may call back), so what was read
-// before is read again after them. All of them throw PythonError; arguments are borrowed.
+// State only moves towards Objects. The functions that say "makes" run Python code (a collection may call back), so
+// what was read before is read again after them. All of them throw PythonError; arguments are borrowed.
 #pragma once
 
 #include "matrixapi/base.h"
@@ -26,7 +28,8 @@
 
 namespace tarvopy {
 
-// The variables of one or several parts. Parts that share it share one MVar, which is made when the first of them is shown.
+// The variables of one or several parts. Parts that share it share one MVar, which is made when the first of them is
+// shown.
 struct VarVector {
     flat::Buffer<int32_t> ids;
     Ref mvar; // empty until made, or the very MVar that the part was given
@@ -51,7 +54,7 @@ Part make_part(flat::Summand summand, SharedVector vector);
 
 struct LinearNative final : Native {
     bool compact = false;
-    Ref model; // the handle all ids belong to; empty while no variable occurs
+    Ref model;               // the handle all ids belong to; empty while no variable occurs
     std::vector<Part> parts; // compact; the constant and the shape are those of the array `_const` in the dictionary
     flat::Form form;         // full
     uint64_t stamp;          // another one after every change: whoever ran Python code compares it
@@ -63,8 +66,11 @@ struct LinearNative final : Native {
     int traverse(visitproc visit, void *arg) override;
 };
 
-// The native form of an expression whose state is native, else NULL. The operators of mlinexpr_add.cpp change it in place.
-inline LinearNative *linear_of(PyObject *expr) { return static_cast<LinearNative *>(native_of(expr, Native::Linear)); }
+// The native form of an expression whose state is native, else NULL. The operators of mlinexpr_add.cpp change it in
+// place.
+inline LinearNative *linear_of(PyObject *expr) {
+    return static_cast<LinearNative *>(native_of(expr, Native::Linear));
+}
 
 enum class State { CompactNative, CompactMade, Flat, Objects };
 
@@ -74,8 +80,12 @@ inline bool is_mlinexpr(PyObject *object) {
 
 // AttributeError where an attribute of the state was deleted.
 State state_of(PyObject *expr);
-inline bool is_compact(State state) { return state == State::CompactNative || state == State::CompactMade; }
-inline bool is_compact(PyObject *expr) { return is_compact(state_of(expr)); }
+inline bool is_compact(State state) {
+    return state == State::CompactNative || state == State::CompactMade;
+}
+inline bool is_compact(PyObject *expr) {
+    return is_compact(state_of(expr));
+}
 flat::Shape shape_of(PyObject *expr);
 
 // `_keep_compact == 1` as the class says it now.
@@ -84,10 +94,12 @@ bool keep_compact(PyObject *cls);
 bool allows_compact(const flat::Shape &shape);
 Ref shape_tuple(const flat::Shape &shape);
 
-// ---- making expressions (no __init__ is run) ----------------------------------------------------------------------------
-// model: the handle, or empty where no variable occurs. In eager mode the objects are made at once.
+// ---- making expressions (no __init__ is run)
+// ---------------------------------------------------------------------------- model: the handle, or empty where no
+// variable occurs. In eager mode the objects are made at once.
 Ref make_flat(PyObject *cls, flat::Form form, Ref model);
-// const_array: an exact, writeable float64 ndarray which the expression owns from now on. An array of size 0 drops the parts.
+// const_array: an exact, writeable float64 ndarray which the expression owns from now on. An array of size 0 drops the
+// parts.
 Ref make_compact(PyObject *cls, std::vector<Part> parts, Ref const_array, Ref model);
 // CompactMade, over a list of pairs as it is.
 Ref make_compact_pairs(PyObject *cls, const Ref &list, const Ref &const_array);
@@ -95,7 +107,8 @@ Ref make_compact_pairs(PyObject *cls, const Ref &list, const Ref &const_array);
 Ref make_objects(PyObject *cls, Ref learr);
 // zeros(shape): compact where the switch and the shape allow it.
 Ref make_zeros(PyObject *cls, const flat::Shape &shape);
-// 1.0 * x: compact where allowed and not forced; an MVar whose elements are foreign or of several models goes element by element.
+// 1.0 * x: compact where allowed and not forced; an MVar whose elements are foreign or of several models goes element
+// by element.
 Ref from_mvar(PyObject *cls, PyObject *mvar, bool force_full = false);
 Ref from_var(PyObject *cls, PyObject *var);         // 0-dimensional, full
 Ref from_linexpr(PyObject *cls, PyObject *linexpr); // 0-dimensional, full, a copy
@@ -105,9 +118,10 @@ Ref float_array(const flat::Shape &shape, const double *values = nullptr);
 // The constants of a form in its shape.
 Ref constants_array(const flat::Form &form);
 
-// ---- reading without changing -------------------------------------------------------------------------------------------
-// The full value. False where only the element-wise path applies (foreign elements, several models); `form` and `model` are then
-// unspecified. Buffers are shared where the state is native. ValueError for a CSR matrix that does not hold what it says.
+// ---- reading without changing
+// ------------------------------------------------------------------------------------------- The full value. False
+// where only the element-wise path applies (foreign elements, several models); `form` and `model` are then unspecified.
+// Buffers are shared where the state is native. ValueError for a CSR matrix that does not hold what it says.
 bool flat_value(PyObject *expr, flat::Form &form, Ref &model);
 // The documented parts of a compact expression, one by one; false as above.
 bool native_parts(PyObject *expr, std::vector<Part> &parts, Ref &model);
@@ -124,8 +138,9 @@ bool merge_models(Ref &model, const Ref &other);
 // A LinExpr or Var as a form of shape (); false where it mixes models.
 bool flat_linexpr(PyObject *linexpr, flat::Form &form, Ref &model);
 
-// ---- changing the state -------------------------------------------------------------------------------------------------
-// Compact native expressions get other parts (joined, appended, scaled); shape and constant stay. On a CompactMade expression the list
+// ---- changing the state
+// ------------------------------------------------------------------------------------------------- Compact native
+// expressions get other parts (joined, appended, scaled); shape and constant stay. On a CompactMade expression the list
 // is replaced by native parts, so call it only where the text assigns a new `_matmulparts`.
 void set_parts(PyObject *expr, std::vector<Part> parts, Ref model);
 // At most one part afterwards, kept by the receiver (`_concat_matmulparts`).
@@ -141,8 +156,8 @@ Ref to_full(PyObject *expr);
 Ref copy_of(PyObject *expr);
 Ref copy_full(PyObject *expr);
 Ref copy_compact(PyObject *expr);
-// A full receiver gets another value of its own shape. Where its objects exist, the contents are written into them one by one; a
-// failure changes nothing.
+// A full receiver gets another value of its own shape. Where its objects exist, the contents are written into them one
+// by one; a failure changes nothing.
 void take_over(PyObject *expr, flat::Form form, Ref model);
 // A receiver in any state becomes full with this value; objects that exist are let go (`_learr` is replaced).
 void become_flat(PyObject *expr, flat::Form form, Ref model);
@@ -153,10 +168,12 @@ Ref matmulparts(PyObject *expr);
 Ref learr(PyObject *expr);
 // Makes: a new object array of LinExpr of the form's shape.
 Ref linexpr_array(const flat::Form &form, const Ref &model);
-// Writes `contents` (an array as linexpr_array gives it, private to the caller) into the LinExpr of `region` one by one.
+// Writes `contents` (an array as linexpr_array gives it, private to the caller) into the LinExpr of `region` one by
+// one.
 void exchange_contents(PyObject *region, PyObject *contents);
 
-// ---- members ------------------------------------------------------------------------------------------------------------
+// ---- members
+// ------------------------------------------------------------------------------------------------------------
 Ref build_mlinexpr_class();
 std::span<pysupport::Member> matmul_members();         // mlinexpr_matmul.cpp
 std::span<pysupport::Member> addition_members();       // mlinexpr_add.cpp

@@ -93,7 +93,8 @@ void write(PyObject *expr, PyObject *key, Contents contents) {
     exchange_contents(region.elements.get(), linexpr_array(spread, contents.model).get());
 }
 
-// ---- values ------------------------------------------------------------------------------------------------------------
+// ---- values
+// ------------------------------------------------------------------------------------------------------------
 
 Contents contents_of_expression(PyObject *expr) {
     Contents contents;
@@ -172,12 +173,13 @@ void assign(PyObject *expr, PyObject *key, PyObject *value) {
     }
 }
 
-// ---- members -----------------------------------------------------------------------------------------------------------
+// ---- members
+// -----------------------------------------------------------------------------------------------------------
 
 using Assignment = void (*)(PyObject *expr, PyObject *key, PyObject *value);
 
-PyObject *assignment(Assignment work, const Signature &signature, PyObject *self, PyObject *const *args, Py_ssize_t nargs,
-                     PyObject *kwnames) {
+PyObject *assignment(Assignment work, const Signature &signature, PyObject *self, PyObject *const *args,
+                     Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         Arguments given(signature, 1, args, nargs, kwnames);
         need_numpy();
@@ -227,10 +229,13 @@ PyObject *setitem_iaddable(PyObject *self, PyObject *const *args, Py_ssize_t nar
 std::span<Member> assign_members() {
     static Member members[] = {
         method("__setitem__", setitem,
-               "__setitem__($self, key, value)\n--\n\nWrites a number, array, variable or expression, spread as NumPy does, into the selected\n"
+               "__setitem__($self, key, value)\n--\n\nWrites a number, array, variable or expression, spread as NumPy "
+               "does, into the selected\n"
                "elements; on an error nothing has changed. Brings the expression to the full state."),
-        method("_setitem_linexpr", setitem_linexpr, "_setitem_linexpr($self, key, le)\n--\n\nA copy of one LinExpr for each element."),
-        method("_setitem_mlinexpr", setitem_mlinexpr, "_setitem_mlinexpr($self, key, value)\n--\n\nCopies of another expression's elements."),
+        method("_setitem_linexpr", setitem_linexpr,
+               "_setitem_linexpr($self, key, le)\n--\n\nA copy of one LinExpr for each element."),
+        method("_setitem_mlinexpr", setitem_mlinexpr,
+               "_setitem_mlinexpr($self, key, value)\n--\n\nCopies of another expression's elements."),
         method("_setitem_iaddable", setitem_iaddable,
                "_setitem_iaddable($self, obj, value)\n--\n\nWhat zero elements become when the value is added."),
     };

@@ -3,7 +3,8 @@
 //   A @ x + y       two parts          join_parts          one part over both variable vectors
 //   A @ x           CompactNative      convert_to_full     Flat, over the same buffers
 //
-// Where parts are of several models or over foreign elements there is no native form: then the documented Python operations run.
+// Where parts are of several models or over foreign elements there is no native form: then the documented Python
+// operations run.
 #include "matrixapi/mlinexpr_dict.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
@@ -14,7 +15,8 @@ namespace tarvopy {
 
 using namespace pysupport;
 
-// ---- parts -------------------------------------------------------------------------------------------------------------
+// ---- parts
+// -------------------------------------------------------------------------------------------------------------
 
 void set_parts(PyObject *expr, std::vector<Part> parts, Ref model) {
     LinearNative *native = linear_of(expr);
@@ -118,7 +120,9 @@ void become_flat(PyObject *expr, flat::Form form, Ref model) {
         learr(expr);
 }
 
-void become_objects(PyObject *expr, Ref learr) { store_documented(expr, learr.get(), Py_None, Py_None); }
+void become_objects(PyObject *expr, Ref learr) {
+    store_documented(expr, learr.get(), Py_None, Py_None);
+}
 
 namespace {
 
@@ -130,7 +134,8 @@ Ref elementwise_full(PyObject *expr) {
     Ref model;
     form.shape = shape_of(expr);
     form.size = flat::size_of(form.shape);
-    Ref constant = check(PyArray_FROMANY(const_array(expr), NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
+    Ref constant =
+        check(PyArray_FROMANY(const_array(expr), NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
     form.constant.values = flat::Buffer<double>::copy_of(doubles(constant), form.size);
     Ref array = linexpr_array(form, model);
     auto **elements = static_cast<PyObject **>(PyArray_DATA(as_array(array)));
@@ -141,7 +146,8 @@ Ref elementwise_full(PyObject *expr) {
         flat::Csr csr = csr_of(PyTuple_GET_ITEM(pair.get(), 0));
         Ref vars = contiguous_objects(vararr_of(PyTuple_GET_ITEM(pair.get(), 1)).get());
         if (csr.rows != form.size || csr.cols != PyArray_SIZE(as_array(vars)))
-            fail(PyExc_ValueError, "a part has a matrix of %lld rows and %lld columns for %lld elements and %lld variables",
+            fail(PyExc_ValueError,
+                 "a part has a matrix of %lld rows and %lld columns for %lld elements and %lld variables",
                  static_cast<long long>(csr.rows), static_cast<long long>(csr.cols), static_cast<long long>(form.size),
                  static_cast<long long>(PyArray_SIZE(as_array(vars))));
         auto **columns = static_cast<PyObject **>(PyArray_DATA(as_array(vars)));

@@ -1,7 +1,7 @@
 // The instance dictionary of MLinExpr, for the files that change its state.
 //
-// While a native form stands, the dictionary holds `_const` (compact) or nothing (full) beside what users put there; without one it holds
-// all three documented attributes, in the order `_learr`, `_matmulparts`, `_const`.
+// While a native form stands, the dictionary holds `_const` (compact) or nothing (full) beside what users put there;
+// without one it holds all three documented attributes, in the order `_learr`, `_matmulparts`, `_const`.
 #pragma once
 
 #include "matrixapi/mlinexpr.h"

@@ -1,7 +1,8 @@
 // Between objects and numbers: LinExpr and CSR matrices read into forms, forms made into LinExpr.
 //
-// Costs, a term: 10 to 40 ns to read an object's lists, 50 to 100 ns and about 50 bytes to make them (of which the lists of _core have the larger
-// share). Reading changes nothing and runs no Python code, except for the attributes of SciPy's matrices.
+// Costs, a term: 10 to 40 ns to read an object's lists, 50 to 100 ns and about 50 bytes to make them (of which the
+// lists of _core have the larger share). Reading changes nothing and runs no Python code, except for the attributes of
+// SciPy's matrices.
 #include "matrixapi/mlinexpr.h"
 
 #include "matrixapi/mvar.h"
@@ -15,7 +16,8 @@ namespace tarvopy {
 
 using namespace pysupport;
 
-// ---- object arrays ---------------------------------------------------------------------------------------------------
+// ---- object arrays
+// ---------------------------------------------------------------------------------------------------
 
 Ref contiguous_objects(PyObject *array) {
     need_numpy();
@@ -25,8 +27,12 @@ Ref contiguous_objects(PyObject *array) {
 
 namespace {
 
-bool is_linexpr(PyObject *object) { return object && PyObject_TypeCheck(object, mod.core->LinExpr); }
-LinExprObject *linexpr(PyObject *object) { return reinterpret_cast<LinExprObject *>(object); }
+bool is_linexpr(PyObject *object) {
+    return object && PyObject_TypeCheck(object, mod.core->LinExpr);
+}
+LinExprObject *linexpr(PyObject *object) {
+    return reinterpret_cast<LinExprObject *>(object);
+}
 
 // Constants of rows; one number for all where they agree.
 flat::Constant constants_of(PyObject *const *elements, int64_t n) {
@@ -118,7 +124,8 @@ bool flat_linexpr(PyObject *object, flat::Form &form, Ref &model) {
     return true;
 }
 
-// ---- compact data ----------------------------------------------------------------------------------------------------
+// ---- compact data
+// ----------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -177,8 +184,8 @@ bool read_parts(PyObject *list, int64_t size, std::vector<Part> &parts, Ref &mod
         if (!vector)
             return false;
         if (csr.cols != vector->ids.size())
-            fail(PyExc_ValueError, "a part has a matrix of %lld columns for %lld variables", static_cast<long long>(csr.cols),
-                 static_cast<long long>(vector->ids.size()));
+            fail(PyExc_ValueError, "a part has a matrix of %lld columns for %lld variables",
+                 static_cast<long long>(csr.cols), static_cast<long long>(vector->ids.size()));
         parts.push_back(part_of(std::move(csr), std::move(vector)));
     }
     return true;
@@ -243,7 +250,8 @@ Ref constants_array(const flat::Form &form) {
     return array;
 }
 
-// ---- making and filling objects ----------------------------------------------------------------------------------------
+// ---- making and filling objects
+// ----------------------------------------------------------------------------------------
 
 namespace {
 
@@ -271,8 +279,8 @@ Ref linexpr_array(const flat::Form &form, const Ref &model) {
     if (form.size > 0) {
         Rows rows(form);
         auto **elements = static_cast<PyObject **>(PyArray_DATA(as_array(array)));
-        check_status(mod.core->linexprs(model.as<ModelObject>(), form.size, rows.ptr.data(), rows.ids.data(), rows.coef.data(),
-                                        1.0, rows.constants.data(), elements));
+        check_status(mod.core->linexprs(model.as<ModelObject>(), form.size, rows.ptr.data(), rows.ids.data(),
+                                        rows.coef.data(), 1.0, rows.constants.data(), elements));
     }
     return array;
 }

@@ -18,7 +18,8 @@ using namespace pysupport;
 
 int LinearNative::traverse(visitproc visit, void *arg) {
     Py_VISIT(model.get());
-    // A vector that several expressions share is one reference counted once: only its single owner may show it to the collector.
+    // A vector that several expressions share is one reference counted once: only its single owner may show it to the
+    // collector.
     for (const Part &part : parts)
         if (part.vector.use_count() == 1)
             Py_VISIT(part.vector->mvar.get());
@@ -43,7 +44,8 @@ bool merge_models(Ref &model, const Ref &other) {
     return true;
 }
 
-// ---- the dictionary --------------------------------------------------------------------------------------------------
+// ---- the dictionary
+// --------------------------------------------------------------------------------------------------
 
 PyObject *documented(PyObject *expr, PyObject *name) {
     PyObject *value = stored(expr, name);
@@ -87,7 +89,9 @@ void forget(PyObject *expr, PyObject *name) {
         check_status(PyDict_DelItem(instance_dict(expr), name));
 }
 
-bool is_watched(PyObject *expr) { return matrix(expr)->dict && Py_REFCNT(matrix(expr)->dict) > 1; }
+bool is_watched(PyObject *expr) {
+    return matrix(expr)->dict && Py_REFCNT(matrix(expr)->dict) > 1;
+}
 
 void install(PyObject *expr, std::unique_ptr<LinearNative> native) {
     drop_native(expr);
@@ -129,7 +133,8 @@ PyObject *const_array(PyObject *expr) {
     PyObject *array = documented(expr, names._const);
     need_numpy();
     if (!PyArray_Check(array))
-        fail(PyExc_TypeError, "_const of a compact MLinExpr must be a numpy.ndarray, not '%.200s'", Py_TYPE(array)->tp_name);
+        fail(PyExc_TypeError, "_const of a compact MLinExpr must be a numpy.ndarray, not '%.200s'",
+             Py_TYPE(array)->tp_name);
     return array;
 }
 
@@ -163,7 +168,8 @@ bool keep_compact(PyObject *cls) {
     return check_status(PyObject_RichCompareBool(value.get(), one, Py_EQ)) != 0;
 }
 
-// ---- making expressions ----------------------------------------------------------------------------------------------
+// ---- making expressions
+// ----------------------------------------------------------------------------------------------
 
 Ref make_flat(PyObject *cls, flat::Form form, Ref model) {
     auto native = std::make_unique<LinearNative>();
@@ -210,7 +216,8 @@ Ref make_zeros(PyObject *cls, const flat::Shape &shape) {
     return make_flat(cls, std::move(form), {});
 }
 
-// ---- the documented attributes, made -----------------------------------------------------------------------------------
+// ---- the documented attributes, made
+// -----------------------------------------------------------------------------------
 
 Ref learr(PyObject *expr) {
     convert_to_full(expr);
@@ -230,7 +237,8 @@ Ref learr(PyObject *expr) {
     Ref array = Ref::borrow(documented(expr, names._learr));
     need_numpy();
     if (!PyArray_Check(array.get()))
-        fail(PyExc_TypeError, "_learr of an MLinExpr must be a numpy.ndarray, not '%.200s'", Py_TYPE(array.get())->tp_name);
+        fail(PyExc_TypeError, "_learr of an MLinExpr must be a numpy.ndarray, not '%.200s'",
+             Py_TYPE(array.get())->tp_name);
     return array;
 }
 
@@ -327,7 +335,8 @@ Ref matmulparts(PyObject *expr) {
     return Ref::borrow(documented(expr, names._matmulparts));
 }
 
-// ---- members -----------------------------------------------------------------------------------------------------------
+// ---- members
+// -----------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -366,12 +375,24 @@ int set_documented(PyObject *self, PyObject *name, PyObject *value) {
     });
 }
 
-PyObject *get_learr(PyObject *self, void *) { return get_documented(self, names._learr); }
-PyObject *get_matmulparts(PyObject *self, void *) { return get_documented(self, names._matmulparts); }
-PyObject *get_const(PyObject *self, void *) { return get_documented(self, names._const); }
-int set_learr(PyObject *self, PyObject *value, void *) { return set_documented(self, names._learr, value); }
-int set_matmulparts(PyObject *self, PyObject *value, void *) { return set_documented(self, names._matmulparts, value); }
-int set_const(PyObject *self, PyObject *value, void *) { return set_documented(self, names._const, value); }
+PyObject *get_learr(PyObject *self, void *) {
+    return get_documented(self, names._learr);
+}
+PyObject *get_matmulparts(PyObject *self, void *) {
+    return get_documented(self, names._matmulparts);
+}
+PyObject *get_const(PyObject *self, void *) {
+    return get_documented(self, names._const);
+}
+int set_learr(PyObject *self, PyObject *value, void *) {
+    return set_documented(self, names._learr, value);
+}
+int set_matmulparts(PyObject *self, PyObject *value, void *) {
+    return set_documented(self, names._matmulparts, value);
+}
+int set_const(PyObject *self, PyObject *value, void *) {
+    return set_documented(self, names._const, value);
+}
 
 PyObject *get_dict(PyObject *self, void *) {
     return border([&] {
@@ -423,7 +444,8 @@ PyObject *is_compact_method(PyObject *self, PyObject *const *args, Py_ssize_t na
 
 // The methods without arguments.
 template <Ref (*work)(PyObject *)>
-PyObject *conversion(PyObject *self, const Signature &signature, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+PyObject *conversion(PyObject *self, const Signature &signature, PyObject *const *args, Py_ssize_t nargs,
+                     PyObject *kwnames) {
     return border([&] {
         Arguments(signature, 1, args, nargs, kwnames);
         return work(self);
@@ -478,12 +500,14 @@ std::span<Member> state_members() {
                  "The LinExpr objects, an object array of the expression's shape; None in the compact state.\n\n"
                  "They are made when this is first read; from then on the array is the expression."),
         property("_matmulparts", get_matmulparts, set_matmulparts,
-                 "The compact state's list of (csr_matrix, MVar) pairs, one row per element in C order; None in the full state."),
+                 "The compact state's list of (csr_matrix, MVar) pairs, one row per element in C order; None in the "
+                 "full state."),
         property("_const", get_const, set_const,
                  "The compact state's constants, a float64 array that carries the shape; None in the full state."),
         property("__dict__", get_dict, set_dict, "The documented attributes, all of them made."),
         method("__getstate__", getstate, "__getstate__($self)\n--\n\nWhat copying and pickling take over."),
-        method("_is_compact", is_compact_method, "_is_compact($self)\n--\n\nWhether the expression is in the compact state."),
+        method("_is_compact", is_compact_method,
+               "_is_compact($self)\n--\n\nWhether the expression is in the compact state."),
         method("_to_full", to_full_method, "_to_full($self)\n--\n\nA new full expression of the same value."),
         method("_convert_to_full", convert_method,
                "_convert_to_full($self)\n--\n\nBrings the expression itself to the full state, which it never leaves."),
@@ -491,8 +515,10 @@ std::span<Member> state_members() {
                "_leading_adim($self)\n--\n\nThe number of rows of every part's matrix: the number of elements."),
         method("copy", copy_method,
                "copy($self)\n--\n\nAn independent expression of the same shape and value, compact where this one is."),
-        method("_copy_full", copy_full_method, "_copy_full($self)\n--\n\nA full copy; a compact receiver is converted first."),
-        method("_copy_compact", copy_compact_method, "_copy_compact($self)\n--\n\nA compact copy with at most one part."),
+        method("_copy_full", copy_full_method,
+               "_copy_full($self)\n--\n\nA full copy; a compact receiver is converted first."),
+        method("_copy_compact", copy_compact_method,
+               "_copy_compact($self)\n--\n\nA compact copy with at most one part."),
     };
     return members;
 }

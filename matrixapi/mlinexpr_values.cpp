@@ -26,11 +26,16 @@ flat::Form zeros_like(const flat::Shape &shape) {
     return form;
 }
 
-PyObject **elements_in(const Ref &contiguous) { return static_cast<PyObject **>(PyArray_DATA(as_array(contiguous))); }
+PyObject **elements_in(const Ref &contiguous) {
+    return static_cast<PyObject **>(PyArray_DATA(as_array(contiguous)));
+}
 
-PyObject *element_or_none(PyObject *element) { return element ? element : Py_None; }
+PyObject *element_or_none(PyObject *element) {
+    return element ? element : Py_None;
+}
 
-// ---- sum ---------------------------------------------------------------------------------------------------------------
+// ---- sum
+// ---------------------------------------------------------------------------------------------------------------
 
 [[noreturn]] void invalid_axes(PyObject *axis) {
     PyErr_Clear();
@@ -110,7 +115,8 @@ PyObject *sum(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject 
     });
 }
 
-// ---- values ------------------------------------------------------------------------------------------------------------
+// ---- values
+// ------------------------------------------------------------------------------------------------------------
 
 std::vector<double> solution(TRVmodel *store, const int32_t *ids, int64_t n) {
     std::vector<double> x(static_cast<size_t>(n));
@@ -186,7 +192,8 @@ Ref constant_of(PyObject *expr) {
     return element_numbers(expr, "getConstant");
 }
 
-// ---- clearing and tidying ------------------------------------------------------------------------------------------------
+// ---- clearing and tidying
+// ------------------------------------------------------------------------------------------------
 
 void clear_compact(PyObject *expr) {
     if (!is_compact(expr))
@@ -216,7 +223,9 @@ void clear_full(PyObject *expr) {
         each_element(expr, mod.core->linexpr_clear, "clear");
 }
 
-void clear(PyObject *expr) { is_compact(expr) ? clear_compact(expr) : clear_full(expr); }
+void clear(PyObject *expr) {
+    is_compact(expr) ? clear_compact(expr) : clear_full(expr);
+}
 
 void flatten(PyObject *) {} // LinExpr keeps its terms in plain lists at any time
 
@@ -240,10 +249,12 @@ void normalize(PyObject *expr) {
     become_flat(expr, std::move(form), std::move(model));
 }
 
-// ---- members -----------------------------------------------------------------------------------------------------------
+// ---- members
+// -----------------------------------------------------------------------------------------------------------
 
 template <class Work>
-PyObject *plain(const Signature &signature, Work work, PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+PyObject *plain(const Signature &signature, Work work, PyObject *self, PyObject *const *args, Py_ssize_t nargs,
+                PyObject *kwnames) {
     return border([&] {
         Arguments(signature, 1, args, nargs, kwnames);
         if constexpr (std::is_void_v<decltype(work(self))>) {
@@ -295,15 +306,20 @@ PyObject *normalize_method(PyObject *self, PyObject *const *args, Py_ssize_t nar
 std::span<Member> value_members() {
     static Member members[] = {
         method("sum", sum,
-               "sum($self, axis=None)\n--\n\nThe sum over the given axes (None: all), a full expression. Brings this one to the full\n"
+               "sum($self, axis=None)\n--\n\nThe sum over the given axes (None: all), a full expression. Brings this "
+               "one to the full\n"
                "state. TarvoError for an axis out of range."),
         method("getValue", get_value,
-               "getValue($self)\n--\n\nThe value in the last solution, a float64 array of this shape. NoDataError without a solution."),
-        method("getConstant", get_constant, "getConstant($self)\n--\n\nThe constant terms, a new float64 array of this shape."),
+               "getValue($self)\n--\n\nThe value in the last solution, a float64 array of this shape. NoDataError "
+               "without a solution."),
+        method("getConstant", get_constant,
+               "getConstant($self)\n--\n\nThe constant terms, a new float64 array of this shape."),
         method("clear", clear_method, "clear($self)\n--\n\nMakes every element zero."),
-        method("_clear_compact", clear_compact_method, "_clear_compact($self)\n--\n\nNo parts, and the constants zero in place."),
+        method("_clear_compact", clear_compact_method,
+               "_clear_compact($self)\n--\n\nNo parts, and the constants zero in place."),
         method("_clear_full", clear_full_method, "_clear_full($self)\n--\n\nMakes every LinExpr empty."),
-        method("_flatten", flatten_method, "_flatten($self)\n--\n\nBrings the terms of every LinExpr to its plain lists."),
+        method("_flatten", flatten_method,
+               "_flatten($self)\n--\n\nBrings the terms of every LinExpr to its plain lists."),
         method("_normalize", normalize_method,
                "_normalize($self)\n--\n\nMerges equal variables in each element and drops zero coefficients."),
     };

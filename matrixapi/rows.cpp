@@ -3,7 +3,8 @@
 //   x + y <= b      lhs: two summands, rhs: an array; the block is lhs - rhs, one row an element of the broadcast shape
 //   rows_write      one pass from the native form straight into the store's arrays
 //
-// Nothing is changed in the operands: a compact side is read from its parts, a full one from its form or from its LinExpr.
+// Nothing is changed in the operands: a compact side is read from its parts, a full one from its form or from its
+// LinExpr.
 #include "matrixapi/rows.h"
 
 #include "matrixapi/mlinexpr.h"
@@ -33,7 +34,8 @@ constexpr int64_t most_elements = int64_t{1} << 31;
     throw PythonError{};
 }
 
-// ---- one side ------------------------------------------------------------------------------------------------------------
+// ---- one side
+// ------------------------------------------------------------------------------------------------------------
 
 Side number_side(double value) {
     Side side;
@@ -140,7 +142,8 @@ Side side_of(PyObject *object) {
     }
 }
 
-// ---- both sides ----------------------------------------------------------------------------------------------------------
+// ---- both sides
+// ----------------------------------------------------------------------------------------------------------
 
 struct Block {
     flat::Form form;
@@ -271,6 +274,8 @@ int rows_write(RowBlock *block, int64_t *ptr, int32_t *var, double *coef, double
     });
 }
 
-void rows_close(RowBlock *block) { delete static_cast<Block *>(std::exchange(block->held, nullptr)); }
+void rows_close(RowBlock *block) {
+    delete static_cast<Block *>(std::exchange(block->held, nullptr));
+}
 
 } // namespace tarvopy

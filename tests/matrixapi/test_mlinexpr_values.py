@@ -5,9 +5,9 @@ import pytest
 import scipy.sparse as sp
 from hypothesis import given, settings
 from hypothesis import strategies as st
-from linear_values import Point, terms
 
 import tarvopy
+from linear_values import Point, terms
 from tarvopy import TRV, _debug
 from tarvopy._core import LinExpr
 from tarvopy._exception import NoDataError, TarvoError
@@ -28,11 +28,11 @@ def variables(model, shape, name="x"):
 def looked(expr):
     """The same expression with its objects made."""
     expr = expr._to_full() if expr._is_compact() else expr
-    expr._learr  # noqa: B018 - the look makes them
+    expr._learr
     return expr
 
 
-# ---- sums ----------------------------------------------------------------------------------------------------------------------
+# ---- sums ----------------------------------------------------------------------------------------------------------
 
 SHAPES = [(), (1,), (4,), (1, 3), (2, 3), (2, 3, 4), (0,), (0, 3), (2, 0, 3)]
 
@@ -54,7 +54,9 @@ def test_sum_gives_what_numpy_gives_in_logical_order(mode, model, shape):
             assert total.shape == np.shape(expected)
             assert total.getConstant() == pytest.approx(expected)
             kept = [d for d in range(x.ndim) if axis is not None and d not in np.atleast_1d(axis) % x.ndim]
-            rows = indices.transpose([*kept, *(d for d in range(x.ndim) if d not in kept)]).reshape((*np.shape(expected), -1) if x.size else -1)
+            rows = indices.transpose([*kept, *(d for d in range(x.ndim) if d not in kept)]).reshape(
+                (*np.shape(expected), -1) if x.size else -1
+            )
             if x.size:
                 got = [[i for _, i in row] for _, row in terms(total)]
                 assert got == rows.reshape(len(got), -1).tolist()
@@ -81,7 +83,7 @@ def test_sum_over_two_models_goes_element_by_element(mode, model):
     assert e._learr[0].size() == 1
 
 
-# ---- values --------------------------------------------------------------------------------------------------------------------
+# ---- values --------------------------------------------------------------------------------------------------------
 
 
 def test_values_are_those_of_the_solution(mode, model):
@@ -135,7 +137,7 @@ def test_constants_are_copies(mode, model):
     assert MLinExpr._zeros_full(()).getConstant().shape == ()
 
 
-# ---- clearing and tidying ------------------------------------------------------------------------------------------------------
+# ---- clearing and tidying ------------------------------------------------------------------------------------------
 
 
 def test_clear_keeps_shape_state_and_elements(mode, model):
@@ -174,10 +176,11 @@ def test_normalize_merges_and_flatten_keeps(mode, model):
     MLinExpr._zeros_full((0, 2))._normalize()
 
 
-# ---- assignment ----------------------------------------------------------------------------------------------------------------
+# ---- assignment ----------------------------------------------------------------------------------------------------
 
 KEYS = [
-    0, -1, 5, slice(None), slice(1, None), slice(None, None, -1), (0, 1), (slice(None), 1), [0, 0], ([0, 1, 0], [2, 2, 2]), Ellipsis,
+    0, -1, 5, slice(None), slice(1, None), slice(None, None, -1), (0, 1), (slice(None), 1), [0, 0],
+    ([0, 1, 0], [2, 2, 2]), Ellipsis,
     None, (slice(0, 0),), np.array([[True, False, True], [False, True, False]]), "a", (0, 0, 0),
 ]  # fmt: skip
 VALUES = {
@@ -253,8 +256,13 @@ def test_assignment_reaches_everything_that_shares_the_element(mode, model):
     assert terms(e)[3] == (0.0, [(1.0, 0)])
 
 
-@pytest.mark.parametrize("value", ["a", None, [1.0], 1j, np.array(["a"] * 3), np.ones(3) * 1j, np.array([1.0, np.nan, 2.0]), np.nan,
-                                   np.inf, sp.csr_matrix(np.ones((1, 3))), np.array([object()] * 3), {}], ids=repr)  # fmt: skip
+MISFITS = [
+    "a", None, [1.0], 1j, {}, np.nan, np.inf, np.array(["a"] * 3), np.ones(3) * 1j, np.array([1.0, np.nan, 2.0]),
+    np.array([object()] * 3), sp.csr_matrix(np.ones((1, 3))),
+]  # fmt: skip
+
+
+@pytest.mark.parametrize("value", MISFITS, ids=repr)
 def test_values_that_do_not_fit_leave_everything_as_it_was(mode, model, value):
     e = looked(variables(model, 3) + 1)
     before, elements = terms(e), list(e._learr)
@@ -279,13 +287,18 @@ def test_assignment_between_models_is_refused_only_by_the_model(mode, model):
     assert error.value.code == TRV.Error.NOT_IN_MODEL
 
 
-# ---- programs --------------------------------------------------------------------------------------------------------------------
+# ---- programs ------------------------------------------------------------------------------------------------------
 
-STEPS = st.sampled_from(["copy", "slice", "assign", "shift", "add", "sum", "clear", "normalize", "full", "look", "print", "join"])
+STEPS = st.sampled_from(
+    ["copy", "slice", "assign", "shift", "add", "sum", "clear", "normalize", "full", "look", "print", "join"]
+)
 
 
 @settings(max_examples=150, deadline=None)
-@given(shape=st.sampled_from([(4,), (1, 4), (3, 2)]), steps=st.lists(st.tuples(STEPS, st.integers(0, 5), st.integers(0, 3)), max_size=12))
+@given(
+    shape=st.sampled_from([(4,), (1, 4), (3, 2)]),
+    steps=st.lists(st.tuples(STEPS, st.integers(0, 5), st.integers(0, 3)), max_size=12),
+)
 def test_programs_agree_whether_objects_exist_or_not(shape, steps):
     """Values, states, texts and which elements are the same object, in the two modes and against numbers."""
 
@@ -299,7 +312,7 @@ def test_programs_agree_whether_objects_exist_or_not(shape, steps):
             for step, at, argument in steps:
                 e, n = pool[at % len(pool)], numbers[at % len(pool)]
                 if looks:
-                    e._learr, e._matmulparts  # noqa: B018
+                    e._learr, e._matmulparts
                 if step == "copy":
                     pool.append(e.copy())
                     numbers.append(n.copy())
@@ -326,12 +339,12 @@ def test_programs_agree_whether_objects_exist_or_not(shape, steps):
                 elif step == "full":
                     e._convert_to_full()
                 elif step == "look":
-                    e._learr, e._matmulparts  # noqa: B018
+                    e._learr, e._matmulparts
                 elif step == "join" and e._is_compact():
                     e += x.reshape(e.shape) if e.size == x.size else 0
                     n += point.of(x).reshape(n.shape) if e.size == x.size else 0
                 texts.append((repr(e), e._is_compact()))
-            for e, n in zip(pool, numbers):
+            for e, n in zip(pool, numbers, strict=True):
                 np.testing.assert_allclose(point.value(e), n, atol=1e-9)
                 np.testing.assert_allclose(e.getValue(), n, atol=1e-9)
             flat = [le for e in pool for le in e[...]._learr.flat]
