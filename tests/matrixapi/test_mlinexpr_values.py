@@ -262,7 +262,7 @@ MISFITS = [
 ]  # fmt: skip
 
 
-@pytest.mark.parametrize("value", MISFITS, ids=repr)
+@pytest.mark.parametrize("value", MISFITS)
 def test_values_that_do_not_fit_leave_everything_as_it_was(mode, model, value):
     e = looked(variables(model, 3) + 1)
     before, elements = terms(e), list(e._learr)
