@@ -171,7 +171,7 @@ Doubles::Doubles(const char *what, PyObject *object, double otherwise) : what_(w
         return;
     }
     array_ = number_array(what, object);
-    was_array_ = is_array(object) || PySequence_Check(object);
+    was_array_ = is_array(object) || PyArray_NDIM(as_array(array_)) > 0;
     if (PyArray_NDIM(as_array(array_)) == 0) {
         single_ = *static_cast<double *>(PyArray_DATA(as_array(array_)));
         array_ = Ref();

@@ -48,6 +48,7 @@ class Doubles {
     const double *data() const;
     int step() const { return array_ ? 1 : 0; }
     double at(int64_t i) const { return data_[i * step()]; }
+    // An array or a sequence was given, of whatever shape; NumPy's scalars are single values.
     bool given_array() const { return was_array_; }
     Shape shape() const { return array_ ? shape_of(pysupport::as_array(array_)) : Shape(); }
 

@@ -259,7 +259,7 @@ def test_names_of_rows(mode, m):
 
 def test_ranges_by_hand(mode, m):
     x, X = m.addVar(), m.addMVar(2)
-    r = m.addRange(2 * x + 1, 0, 5, name="r")
+    r = m.addRange(2 * x + 1, np.float32(0), np.int64(5), name="r")
     R = m.addRange(X, [1, -inf], inf)
     m.addRange(x, 3, 2)
     a = arrays(m)
