@@ -80,6 +80,7 @@ TARVOPY_METHOD(model_write);
 // problem.cpp, solution.cpp: functions over the handle
 TARVOPY_METHOD(function_problem);
 TARVOPY_METHOD(function_matrix);
+TARVOPY_METHOD(function_rows_in_place);
 TARVOPY_METHOD(function_changes);
 TARVOPY_METHOD(function_clear_changes);
 TARVOPY_METHOD(function_open_solution);

@@ -74,6 +74,9 @@ def problem(handle: Any) -> dict[str, Any]:
 def matrix(handle: Any, csc: bool) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
     """The matrix by columns or by rows, freshly made: (start, index, value)."""
 
+def rows_in_place(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]] | None:
+    """The matrix by rows where the store holds it in one piece, else None: index and value are views of the store."""
+
 def changes(handle: Any) -> dict[str, Any]:
     """What changed since clear_changes by the field names of problem.Changes."""
 

@@ -60,6 +60,10 @@ class Problem:
         """A by rows: (start int32 of nrows + 1, column index int32, value float64), in stored order."""
         return _modelapi.matrix(self.handle, False)
 
+    def rows_in_place(self) -> tuple[np.ndarray, np.ndarray, np.ndarray] | None:
+        """What csr() gives, as read-only views of the store, where its rows lie in one piece; else None."""
+        return _modelapi.rows_in_place(self.handle)
+
 
 @dataclass(frozen=True, slots=True, eq=False)
 class Changes:

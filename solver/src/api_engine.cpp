@@ -36,6 +36,13 @@ int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix) {
     });
 }
 
+int TRVviewrows(TRVmodel *model, TRVmatrix *matrix) {
+    return border(model, [&] {
+        requirepointer("matrix", matrix, 1);
+        *matrix = rowsinplace(*model);
+    });
+}
+
 void TRVfreematrix(TRVmatrix *matrix) {
     if (!matrix)
         return;

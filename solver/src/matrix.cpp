@@ -98,6 +98,21 @@ TRVmatrix matrixbycolumns(TRVmodel &model) {
     return mapped(model) ? bycolumns(model, Mapped{model.columns.ids}) : bycolumns(model, Same{});
 }
 
+TRVmatrix rowsinplace(TRVmodel &model) {
+    const int32_t n = model.rows.ids.committed();
+    if (mapped(model) || model.rows.chunks().size() != 1)
+        return {};
+    const Chunk &chunk = model.rows.chunks().front();
+    const int64_t nnz = chunk.nrows == n ? chunk.ptr[n] : 0;
+    if (nnz == 0 || nnz > INT32_MAX || chunk.loose())
+        return {};
+    Buffer<int32_t> start;
+    start.room(n + 1);
+    std::copy(chunk.ptr.data(), chunk.ptr.data() + n + 1, start.data());
+    // The struct serves owned matrices too; callers of a view only read.
+    return {n, nnz, start.release(), const_cast<int32_t *>(chunk.var.data()), const_cast<double *>(chunk.coef.data())};
+}
+
 TRVmatrix matrixbyrows(TRVmodel &model) {
     return mapped(model) ? byrows(model, Mapped{model.columns.ids}) : byrows(model, Same{});
 }
