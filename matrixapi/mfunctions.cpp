@@ -66,7 +66,7 @@ Ref join_handles(const Routine &routine, Members members, const HandleClass &of)
         return wrap_objects(of, routine(arrays).get());
     }
     Ref arrays = list_of(members, [&](PyObject *member) { return elements_of(member, of).array; });
-    return handle_from_copy(joined, of, routine(arrays));
+    return handle_from_ids(joined, of, routine(arrays)); // NumPy has just made it
 }
 
 // ---- linear expressions

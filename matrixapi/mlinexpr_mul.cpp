@@ -79,8 +79,9 @@ Ref multiply_full(PyObject *self, const Ref &numbers) {
 }
 
 Ref multiply_compact(PyObject *self, const Ref &numbers) {
-    need_finite_array(numbers);
     flat::Shape shape = broadcast_shapes(shape_of(self), shape_of_array(numbers.get()));
+    if (flat::size_of(shape) > 0)
+        need_finite_array(numbers);
     std::vector<Part> parts;
     Ref model;
     join_parts(self);
@@ -104,8 +105,7 @@ Ref multiply_array(PyObject *self, PyObject *array) {
     return takes_compact_path(self) ? multiply_compact(self, numbers) : multiply_full(self, numbers);
 }
 
-// ---- in place
-// --------------------------------------------------------------------------------------------------------
+// ---- in place ------------------------------------------------------------------------------------------------------
 
 // The documented pair, where it exists, is scaled in its own arrays: whoever holds the matrix sees it.
 void scale_made_part(PyObject *self, const Ref &numbers, const flat::Buffer<double> &factors) {
@@ -115,7 +115,8 @@ void scale_made_part(PyObject *self, const Ref &numbers, const flat::Buffer<doub
     Ref pair = check(PySequence_GetItem(list.get(), 0)), matrix = check(PySequence_GetItem(pair.get(), 0));
     Ref data = check(PyObject_GetAttr(matrix.get(), names.data));
     if (PyArray_SIZE(as_array(numbers)) == 1) {
-        check(PyNumber_InPlaceMultiply(data.get(), numbers.get()));
+        // As a number: an array of more axes than the data would not fit in place.
+        check(PyNumber_InPlaceMultiply(data.get(), check(PyFloat_FromDouble(*doubles(numbers))).get()));
         return;
     }
     flat::Csr csr = csr_of(matrix.get());
@@ -127,10 +128,27 @@ void scale_made_part(PyObject *self, const Ref &numbers, const flat::Buffer<doub
     check(PyNumber_InPlaceMultiply(data.get(), entries.get()));
 }
 
+// constant *= numbers, in its own memory: in a loop where it can be, since NumPy's operator costs most of a microsecond
+// on one element.
+void scale_constant(const Ref &constant, const Ref &numbers) {
+    PyArrayObject *array = as_array(constant);
+    bool one = PyArray_SIZE(as_array(numbers)) == 1;
+    bool fits = one || PyArray_SAMESHAPE(array, as_array(numbers));
+    if (!fits || !PyArray_CheckExact(constant.get()) || PyArray_TYPE(array) != NPY_DOUBLE || !PyArray_ISCARRAY(array)) {
+        check(PyNumber_InPlaceMultiply(constant.get(), numbers.get()));
+        return;
+    }
+    auto *values = static_cast<double *>(PyArray_DATA(array));
+    const double *factors = doubles(numbers);
+    for (npy_intp i = 0; i < PyArray_SIZE(array); ++i)
+        values[i] *= factors[one ? 0 : i];
+}
+
 void imul_compact(PyObject *self, const Ref &numbers) {
-    need_finite_array(numbers);
     flat::Shape shape = shape_of(self);
     need_fit(shape, shape_of_array(numbers.get()));
+    if (flat::size_of(shape) > 0)
+        need_finite_array(numbers);
     flat::Buffer<double> factors = spread_factors(numbers, shape);
     join_parts(self);
     Ref constant = Ref::borrow(const_array(self));
@@ -139,10 +157,10 @@ void imul_compact(PyObject *self, const Ref &numbers) {
         for (const Part &part : native->parts)
             parts.push_back(make_part(times_rows(part.summand, numbers, factors), part.vector));
         Ref model = native->model;
-        check(PyNumber_InPlaceMultiply(constant.get(), numbers.get()));
+        scale_constant(constant, numbers);
         return set_parts(self, std::move(parts), std::move(model));
     }
-    check(PyNumber_InPlaceMultiply(constant.get(), numbers.get()));
+    scale_constant(constant, numbers);
     scale_made_part(self, numbers, factors);
 }
 
@@ -174,8 +192,7 @@ Ref number_array(double value) {
     return float_array({}, &value);
 }
 
-// ---- division and powers
-// ---------------------------------------------------------------------------------------------
+// ---- division and powers -------------------------------------------------------------------------------------------
 
 // 1.0 / other for the three numeric kinds, with Python's and NumPy's own errors and warnings; empty for other operands.
 Ref inverse(PyObject *other, Operand kind) {
