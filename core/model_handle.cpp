@@ -98,7 +98,9 @@ int set_solving(PyObject *self, PyObject *value, void *) {
 }
 
 // One handle a model: a copy of what refers to it still belongs to the same model.
-PyObject *return_self(PyObject *self, PyObject *) { return Py_NewRef(self); }
+PyObject *return_self(PyObject *self, PyObject *) {
+    return Py_NewRef(self);
+}
 
 PyMethodDef model_methods[] = {
     {"__copy__", return_self, METH_NOARGS, nullptr},

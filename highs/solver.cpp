@@ -1,6 +1,6 @@
 #include "solver.h"
 
-#include <chrono>
+#include <algorithm>
 #include <new>
 #include <thread>
 #include <utility>
@@ -49,6 +49,7 @@ void Solver::start(bool keep_log) {
     log_.clear();
     failure_.clear();
     progress_ = Progress{};
+    began_ = std::chrono::steady_clock::now();
     interrupt_ = false;
     if (keep_log)
         library().startCallback(highs_, kHighsCallbackLogging);
@@ -90,6 +91,8 @@ bool Solver::wait(double seconds) {
 
 Progress Solver::progress() {
     std::lock_guard lock(mutex_);
+    // Our own clock: HiGHS tells the time in some callbacks only, and this one goes on between them.
+    progress_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began_).count();
     return progress_;
 }
 
@@ -105,14 +108,14 @@ void Solver::stop_logging() {
 }
 
 void Solver::note(int type, const HighsCallbackDataOut &out) {
-    progress_.seconds = out.running_time;
     if (type == kHighsCallbackMipInterrupt) {
         progress_.nodes = static_cast<double>(out.mip_node_count);
         progress_.iterations = static_cast<double>(out.mip_total_lp_iterations);
         progress_.incumbent = out.mip_primal_bound;
         progress_.bound = out.mip_dual_bound;
     } else if (progress_.nodes < 0) { // within a tree search the relaxations' own counts mean nothing
-        progress_.iterations = static_cast<double>(out.simplex_iteration_count) + out.ipm_iteration_count;
+        // Each callback fills the count of its own method and leaves the other at -1.
+        progress_.iterations = std::max<HighsInt>({0, out.simplex_iteration_count, out.ipm_iteration_count});
     }
 }
 

@@ -15,6 +15,7 @@
 #include "library.h"
 
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <memory>
@@ -80,6 +81,7 @@ class Solver : public std::enable_shared_from_this<Solver> {
     std::atomic<bool> running_ = false;
     std::atomic<bool> interrupt_ = false;
     bool keep_log_ = false;
+    std::chrono::steady_clock::time_point began_;
     Progress progress_;
     std::string log_;
     HighsInt return_status_ = kHighsStatusOk;

@@ -50,15 +50,9 @@ def prepare(model: Model) -> dict[str, int]:
 
 def optimize(model: Model) -> None:
     """Solves the model; its solution attributes say how it went."""
-    handle = _claim(model)
     reporter = Reporter(model.params.LogLevel)
-    try:
-        with CtrlC() as ctrl_c:
-            outcome, offence = _solve(model, Problem.of(handle), reporter, ctrl_c)
-    except BaseException:
-        _give_up(model, handle)
-        raise
-    _modelapi.set_solving(handle, False)
+    with CtrlC() as ctrl_c:
+        outcome, offence = _solve_claimed(model, reporter, ctrl_c)
     if offence is not None:
         outcome.message = offence.text(model)
     reporter.finish(outcome)
@@ -66,6 +60,17 @@ def optimize(model: Model) -> None:
         warnings.warn(f"The solution is imprecise: {outcome.message}", RuntimeWarning, stacklevel=3)
     if ctrl_c.unanswered:
         raise KeyboardInterrupt  # it came when the run was over
+
+
+def _solve_claimed(model: Model, reporter: Reporter, ctrl_c: CtrlC) -> tuple[Outcome, Offence | None]:
+    handle = _claim(model)
+    try:
+        answer = _solve(model, Problem.of(handle), reporter, ctrl_c)
+    except BaseException:
+        _give_up(model, handle)
+        raise
+    _modelapi.set_solving(handle, False)
+    return answer
 
 
 def _claim(model: Model) -> Any:

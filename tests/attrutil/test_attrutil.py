@@ -5,10 +5,10 @@ from ctypes import PYFUNCTYPE, c_char_p, c_int, c_void_p, py_object
 
 import numpy as np
 import pytest
-from tarvopy._attrutil import _attrlist, _getattrinfo, _gettypedattrlist, _prefetchattr, _settypedattrlist
 
 from native import CONSTR, VAR, NativeModel
 from tarvopy import TRV, _attrutil
+from tarvopy._attrutil import _attrlist, _getattrinfo, _gettypedattrlist, _prefetchattr, _settypedattrlist
 from tarvopy._exception import NoDataError, TarvoError
 
 CHAR, INT, DOUBLE, STRING = range(4)

@@ -1,8 +1,8 @@
 """Random programs over variables, expressions and numbers, with NumPy as the oracle.
 
-Every variable stands for a number. Whatever a program does to arrays of variables and expressions, the value of the result is what NumPy gives on
-the numbers; where NumPy refuses, the package refuses; operands keep their values. The same program is run with and without element
-objects, looked at and not.
+Every variable stands for a number. Whatever a program does to arrays of variables and expressions, the value of the
+result is what NumPy gives on the numbers; where NumPy refuses, the package refuses; operands keep their values. The
+same program is run with and without element objects, looked at and not.
 """
 
 import operator

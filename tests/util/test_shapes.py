@@ -4,6 +4,7 @@ import numpy as np
 import pytest
 from hypothesis import given
 from hypothesis import strategies as st
+
 from tarvopy._util import _axis_to_axeslist, _broadcast_shapes, _matmul_shape
 
 shapes = st.lists(st.sampled_from([0, 1, 2, 3]), max_size=4).map(tuple)
