@@ -66,7 +66,7 @@ def outcome(operation, array):
 
 @settings(max_examples=250, deadline=None)
 @given(
-    shape=st.sampled_from([(), (1,), (4,), (2, 3), (3, 2, 2), (0, 3), (1, 4)]),
+    shape=st.sampled_from([(), (1,), (4,), (2, 3), (3, 2, 2), (0, 3), (1, 4), (1, 2, 1, 3, 1, 2)]),
     steps=st.lists(st.tuples(st.integers(0, 9), OPERATIONS, st.sampled_from(["", "", "look", "write"])), max_size=8),
     eager=st.booleans(),
 )
