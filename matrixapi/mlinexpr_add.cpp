@@ -32,9 +32,41 @@ Ref as_owned_doubles(Ref sum) {
         PyArray_FROM_OTF(sum.get(), NPY_DOUBLE, NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_ENSURECOPY));
 }
 
+// The numbers of an exact float64 array in C order, else NULL: NumPy's own addition costs ten times that of a small
+// array.
+double *plain_doubles(PyObject *array) {
+    bool plain = is_array(array) && PyArray_CheckExact(array) && PyArray_TYPE(as_array(array)) == NPY_DOUBLE &&
+                 PyArray_ISCARRAY_RO(as_array(array));
+    return plain ? static_cast<double *>(PyArray_DATA(as_array(array))) : nullptr;
+}
+
+bool same_shape(PyObject *a, PyObject *b) {
+    return PyArray_SAMESHAPE(as_array(a), as_array(b));
+}
+
+// a + factor * b, broadcast.
+Ref sum_of_constants(PyObject *a, PyObject *b, double factor) {
+    const double *left = plain_doubles(a), *right = plain_doubles(b);
+    if (!left || !right || !same_shape(a, b))
+        return as_owned_doubles(check(PyNumber_Add(a, times(b, factor).get())));
+    Ref sum = float_array(shape_of_array(a), left);
+    double *to = plain_doubles(sum.get());
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(sum)); ++i)
+        to[i] += factor * right[i];
+    return sum;
+}
+
 void add_to_const(PyObject *self, PyObject *operand) {
     Ref constant = Ref::borrow(const_array(self));
-    check(PyNumber_InPlaceAdd(constant.get(), operand));
+    double *to = plain_doubles(constant.get());
+    bool exact = PyFloat_CheckExact(operand) || PyLong_CheckExact(operand);
+    if (!to || !PyArray_ISWRITEABLE(as_array(constant)) || !exact) {
+        check(PyNumber_InPlaceAdd(constant.get(), operand));
+        return;
+    }
+    double value = check_value(PyFloat_AsDouble(operand));
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(constant)); ++i)
+        to[i] += value;
 }
 
 // ---- parts ---------------------------------------------------------------------------------------------------------
@@ -57,9 +89,12 @@ void append_part(PyObject *self, Part part, const Ref &model) {
             native->model = model;
         return;
     }
-    Ref list = check(PyObject_GetAttr(self, names._matmulparts));
-    Ref pair = part_pair(part, model);
-    check_status(PyList_Check(list.get()) ? PyList_Append(list.get(), pair.get()) : -1);
+    Ref list = check(PyObject_GetAttr(self, names._matmulparts)), pair = part_pair(part, model);
+    if (!PyList_Check(list.get())) { // a tuple was given
+        list = check(PySequence_List(list.get()));
+        check_status(PyObject_SetAttr(self, names._matmulparts, list.get()));
+    }
+    check_status(PyList_Append(list.get(), pair.get()));
 }
 
 // Parts may be appended if their variables are of the receiver's model.
@@ -82,8 +117,7 @@ Ref add_compact_compact(PyObject *self, PyObject *other, const flat::Shape &shap
     if (!joined_parts(self, parts, model) || !joined_parts(other, more, other_model) ||
         !merge_models(model, other_model))
         return {};
-    Ref right = times(const_array(other), factor);
-    Ref constant = as_owned_doubles(check(PyNumber_Add(const_array(self), right.get())));
+    Ref constant = sum_of_constants(const_array(self), const_array(other), factor);
     for (const Part &part : more)
         parts.push_back(scaled_part(part, factor));
     int64_t n = flat::size_of(shape);
@@ -184,9 +218,9 @@ bool iadd_compact_scalar_expr(PyObject *self, PyObject *other, double factor) {
         return false;
     int64_t n = flat::size_of(shape_of(self));
     Ref constant = check(PyFloat_FromDouble(factor * value.form.constant.uniform));
+    add_to_const(self, constant.get());
     if (n > 0) // an empty expression never holds parts
         append_part(self, repeated_row(value.form, n, factor), value.model);
-    add_to_const(self, constant.get());
     return true;
 }
 
@@ -199,10 +233,10 @@ bool iadd_compact_compact(PyObject *self, PyObject *other, double factor) {
     Ref constant = times(const_array(other), factor);
     for (Part &part : more)
         part = spread_part(scaled_part(part, factor), n);
+    add_to_const(self, constant.get());
     if (n > 0)
         for (Part &part : more)
             append_part(self, std::move(part), model);
-    add_to_const(self, constant.get());
     return true;
 }
 

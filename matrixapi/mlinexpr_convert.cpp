@@ -38,29 +38,79 @@ void set_parts(PyObject *expr, std::vector<Part> parts, Ref model) {
         matmulparts(expr);
 }
 
-Part joined(const std::vector<Part> &parts) {
-    if (parts.size() == 1)
-        return parts[0];
-    int64_t nrows = parts[0].summand.nrows, columns = 0;
-    std::vector<flat::Summand> shifted;
-    for (const Part &part : parts) {
-        flat::Summand local = part.summand;
-        int64_t n = local.nnz();
-        local.vars = {};
-        local.cols = flat::Buffer<int32_t>(n);
-        int32_t *cols = local.cols.write();
-        for (int64_t k = 0; k < n; ++k)
-            cols[k] = part.summand.column(k) + static_cast<int32_t>(columns);
-        columns += part.columns();
-        shifted.push_back(std::move(local));
+namespace {
+
+bool is_uniform(const std::vector<Part> &parts) {
+    return std::all_of(parts.begin(), parts.end(), [&](const Part &part) {
+        return part.summand.coef.empty() && part.summand.scale == parts[0].summand.scale;
+    });
+}
+
+// Where the rows of the joined matrix begin; equal lengths need no pointers.
+void measure(const std::vector<Part> &parts, flat::Summand &result) {
+    bool ragged = std::any_of(parts.begin(), parts.end(), [](const Part &part) { return !part.summand.ptr.empty(); });
+    if (!ragged) {
+        for (const Part &part : parts)
+            result.width += part.summand.width;
+        return;
     }
+    result.ptr = flat::Buffer<int64_t>(result.nrows + 1);
+    int64_t *ptr = result.ptr.write();
+    std::fill_n(ptr, result.nrows + 1, 0);
+    for (const Part &part : parts)
+        for (int64_t row = 0; row <= result.nrows; ++row)
+            ptr[row] += part.summand.begin(row);
+}
+
+// Row by row, so that every part is read and the result written as one stream.
+void fill(const std::vector<Part> &parts, flat::Summand &result) {
+    int32_t *cols = result.cols.write();
+    double *coef = result.coef.write();
+    for (int64_t row = 0; row < result.nrows; ++row) {
+        int32_t shift = 0;
+        for (const Part &part : parts) {
+            for (int64_t k = part.summand.begin(row), end = part.summand.end(row); k < end; ++k) {
+                *cols++ = part.summand.column(k) + shift;
+                if (coef)
+                    *coef++ = part.summand.coefficient(k);
+            }
+            shift += static_cast<int32_t>(part.columns());
+        }
+    }
+}
+
+flat::Buffer<int32_t> all_ids(const std::vector<Part> &parts) {
+    int64_t columns = 0;
+    for (const Part &part : parts)
+        columns += part.columns();
     if (columns > INT32_MAX)
         fail(PyExc_ValueError, "the parts have too many variables to be joined: %lld", static_cast<long long>(columns));
     flat::Buffer<int32_t> ids(columns);
     int32_t *to = ids.write();
     for (const Part &part : parts)
         to = std::copy_n(part.vector->ids.data(), part.columns(), to);
-    return make_part(flat::joined(shifted, nrows), std::move(ids));
+    return ids;
+}
+
+} // namespace
+
+Part joined(const std::vector<Part> &parts) {
+    if (parts.size() == 1)
+        return parts[0];
+    flat::Buffer<int32_t> ids = all_ids(parts);
+    int64_t total = 0;
+    for (const Part &part : parts)
+        total += part.summand.nnz();
+    flat::Summand result;
+    result.nrows = parts[0].summand.nrows;
+    measure(parts, result);
+    result.cols = flat::Buffer<int32_t>(total);
+    if (is_uniform(parts))
+        result.scale = parts[0].summand.scale;
+    else
+        result.coef = flat::Buffer<double>(total);
+    fill(parts, result);
+    return make_part(std::move(result), std::move(ids));
 }
 
 namespace {

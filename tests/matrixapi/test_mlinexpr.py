@@ -642,3 +642,11 @@ def test_evil_objects_end_in_exceptions_not_in_crashes():
         refused(lambda: setattr(f, "__dict__", 3))
         gc.collect()
     """)
+
+
+def test_a_tuple_of_parts_is_as_good_as_a_list(mode, model):
+    x = variables(model, 2)
+    e = MLinExpr(matmulparts=((sp.csr_matrix(np.eye(2)), x),), b=np.zeros(2))
+    e += x[::-1]
+    assert terms(e) == [(0.0, [(1.0, 0), (1.0, 1)]), (0.0, [(1.0, 1), (1.0, 0)])]
+    assert e._is_compact()
