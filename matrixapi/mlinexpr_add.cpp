@@ -159,6 +159,25 @@ Ref add_compact(PyObject *self, PyObject *other, double factor) {
     return add_full(self, other, Operand::MLinExpr, factor);
 }
 
+// A compact receiver plus variables of its own shape, without an expression in between: `x[i] + x[j]` in a loop. Empty:
+// the general way.
+Ref add_compact_mvar(PyObject *self, PyObject *mvar, double factor) {
+    VarIds given;
+    std::vector<Part> parts;
+    Ref model;
+    const double *constant = plain_doubles(const_array(self));
+    if (!constant || mvar_shape(mvar) != shape_of(self) || !mvar_ids(mvar, given) ||
+        !joined_parts(self, parts, model) || !merge_models(model, given.model))
+        return {};
+    flat::Summand variables;
+    variables.nrows = given.ids.size();
+    variables.width = 1;
+    variables.scale = factor;
+    parts.push_back(make_part(std::move(variables), std::move(given.ids)));
+    parts = {joined(parts)};
+    return make_compact(mod.MLinExpr, std::move(parts), float_array(given.shape, constant), std::move(model));
+}
+
 // A compact receiver plus numbers: the constant alone changes.
 Ref add_compact_array(PyObject *self, PyObject *array, double factor) {
     Ref numbers = as_doubles(array);
@@ -178,6 +197,8 @@ Ref add_on_compact(PyObject *self, PyObject *other, Operand kind, double factor)
     case Operand::MLinExpr:
         return add_compact(self, other, factor);
     case Operand::MVar:
+        if (Ref sum = add_compact_mvar(self, other, factor))
+            return sum;
         return add_compact(self, from_mvar(mod.MLinExpr, other).get(), factor);
     case Operand::Array:
         return add_compact_array(self, other, factor);

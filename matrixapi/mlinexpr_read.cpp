@@ -235,10 +235,12 @@ bool flat_value(PyObject *expr, flat::Form &form, Ref &model) {
 
 Ref float_array(const flat::Shape &shape, const double *values) {
     need_numpy();
-    std::vector<npy_intp> dims(shape.begin(), shape.end());
+    static_assert(sizeof(npy_intp) == sizeof(int64_t));
+    auto *dims = reinterpret_cast<npy_intp *>(const_cast<int64_t *>(shape.data())); // NumPy copies them
+    int ndim = static_cast<int>(shape.size());
     if (!values)
-        return check(PyArray_ZEROS(static_cast<int>(dims.size()), dims.data(), NPY_DOUBLE, 0));
-    Ref array = check(PyArray_SimpleNew(static_cast<int>(dims.size()), dims.data(), NPY_DOUBLE));
+        return check(PyArray_ZEROS(ndim, dims, NPY_DOUBLE, 0));
+    Ref array = check(PyArray_SimpleNew(ndim, dims, NPY_DOUBLE));
     std::copy_n(values, flat::size_of(shape), static_cast<double *>(PyArray_DATA(as_array(array))));
     return array;
 }
