@@ -266,7 +266,8 @@ Ref from_matmul(PyObject *cls, PyObject *given, PyObject *mvar, Side side) {
     if (has_zero(shape))
         return make_zeros(cls, shape);
     bool known = is_array(given) || is_sparse(given);
-    if (known && keep_compact(cls) && allows_compact(mvar_shape(mvar)) && allows_compact(shape))
+    bool stacked = known && operand_shape(given).size() > 2; // a stack of matrices is not one matrix of a part
+    if (known && !stacked && keep_compact(cls) && allows_compact(mvar_shape(mvar)) && allows_compact(shape))
         return compact_product(cls, given, mvar, side, shape, float_array(shape));
     if (!known)
         cannot_construct(given);
