@@ -30,9 +30,14 @@ from tarvopy._modelapi import __version__ as __version__
 from tarvopy._trv import TRV as TRV
 from tarvopy.model import Model as Model
 from tarvopy.model import read as read
-from tarvopy.solve import engines as engines
 
 inf: float
 
 def quicksum(iterable: Iterable[Any]) -> Any:
     """The sum of numbers, variables and expressions (scalar or matrix) in one pass; an empty LinExpr for none."""
+
+def engines() -> dict[str, str | None]:
+    """The engines that this release speaks to, by their value of `params.Engine`.
+
+    {"highs": "HiGHS 1.15.1"}: name and version, None where the engine's package is not installed.
+    """
