@@ -92,11 +92,12 @@ TARVOPY_METHOD(function_residuals) {
         TRVmodel *store = engine_store(given[0]);
         TRVresiduals r;
         succeed(store, TRVcheck(store, has_duals, &r));
-        return check(Py_BuildValue(
-            "{s:d,s:d,s:d,s:d,s:d,s:i,s:i,s:i,s:i,s:i,s:d,s:d,s:d}", "row", r.row, "bound", r.bound, "integral",
-            r.integral, "dual", r.dual, "complementarity", r.complementarity, "worstrow", r.worstrow, "worstbound",
-            r.worstbound, "worstintegral", r.worstintegral, "worstdual", r.worstdual, "worstcomplementarity",
-            r.worstcomplementarity, "rowscale", r.rowscale, "boundscale", r.boundscale, "dualscale", r.dualscale));
+        return check(Py_BuildValue("{s:d,s:d,s:d,s:d,s:d,s:i,s:i,s:i,s:i,s:i,s:d,s:d,s:d,s:d}", "row", r.row, "bound",
+                                   r.bound, "integral", r.integral, "dual", r.dual, "complementarity",
+                                   r.complementarity, "worstrow", r.worstrow, "worstbound", r.worstbound,
+                                   "worstintegral", r.worstintegral, "worstdual", r.worstdual, "worstcomplementarity",
+                                   r.worstcomplementarity, "rowscale", r.rowscale, "boundscale", r.boundscale,
+                                   "dualscale", r.dualscale, "complementarityscale", r.complementarityscale));
     });
 }
 

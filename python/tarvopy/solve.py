@@ -217,6 +217,10 @@ def offence(residuals: dict[str, Any], problem: Problem, params: Parameters) -> 
         ("violation of the bounds", r["bound"], r["worstbound"], False, tolerance * r["boundscale"]),
         ("fraction of the integer value", r["integral"], r["worstintegral"], False, params.IntegralityTol),
         ("dual infeasibility", r["dual"], r["worstdual"], None, params.OptimalityTol * r["dualscale"]),
+        (
+            *("price off its bound", r["complementarity"], r["worstcomplementarity"], None),
+            params.OptimalityTol * r["complementarityscale"],
+        ),
     ]
     worst, ratio = None, _SLACK
     for what, violation, position, of_row, limit in limits:

@@ -10,11 +10,12 @@ from tarvopy.engines.highs import HighsEngine
 
 @pytest.fixture
 def m():
-    """max x + y: x + 2 y <= 4 (row "cap"), x, y in [0, 3], y integral in the MIP."""
+    """max x + y: x + 2 y <= 4 (row "cap"), x <= 9 (row "loose"), x, y in [0, 3], y integral in the MIP."""
     model = tarvopy.Model()
     model.params.LogLevel = 0
     x, y = model.addVar(ub=3.0, obj=1.0, name="x"), model.addVar(ub=3.0, obj=1.0, name="y")
     model.addConstr(x + 2 * y <= 4, name="cap")
+    model.addConstr(1 * x <= 9, name="loose")
     model.update()
     model.ModelSense = TRV.MAXIMIZE
     return model
@@ -37,12 +38,19 @@ def add(position, value, which=0):
     return change
 
 
+def price_of_a_row_that_is_not_tight(x, rc, pi):
+    """Stationary and of the right sign, but the row "loose" (x <= 9) stands at 3."""
+    pi[1] += 1.0
+    rc[0] -= 1.0
+
+
 @pytest.mark.parametrize(
     ("vtype", "change", "text"),
     [
         ("C", add(1, 0.25), "violation of the sides of row cap by 0.5"),
         ("C", add(0, 1e-3), "violation of the bounds of variable x by 0.001"),
         ("C", add(0, 0.5, which=1), "dual infeasibility of variable x by 0.5"),
+        ("C", price_of_a_row_that_is_not_tight, "price off its bound of row loose by 6"),
         ("C", add(0, np.nan), "violation of the sides of row cap by inf"),
         ("I", add(1, -0.125), "fraction of the integer value of variable y by 0.125"),
     ],
@@ -71,16 +79,18 @@ def test_small_violations_are_in_the_tolerance(m, monkeypatch, vtype):
 def test_large_numbers_are_measured_on_their_scale(m, monkeypatch):
     x, y = m.getVars()
     x.UB, y.UB = 1e9, 1e9
-    m.getConstrs()[0].RHS = 1e9
+    for row in m.getConstrs():
+        row.RHS = 1e9
     spoil(monkeypatch, add(0, 1e-3))  # a part in 1e12
     m.optimize()
     assert m.Status == TRV.OPTIMAL
 
 
 def test_the_reported_objective_is_that_of_the_reported_point(m, monkeypatch):
+    m.getVars()[0].VType = "I"
     spoil(monkeypatch, add(0, -1.0))
-    m.params.TimeLimit = 60
     m.optimize()
+    assert m.Status == TRV.OPTIMAL  # feasible, and nothing here can tell that a better point exists
     assert m.ObjVal == sum(v.X for v in m.getVars())
 
 
