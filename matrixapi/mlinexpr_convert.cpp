@@ -141,14 +141,14 @@ void join_made(PyObject *expr, const Ref &given) {
 void join_parts(PyObject *expr) {
     if (!is_compact(expr))
         fail(PyExc_TypeError, "a full MLinExpr has no parts");
-    if (number_of_parts(expr) < 2)
+    if (!linear_of(expr) && number_of_parts(expr) < 2)
         return;
     std::vector<Part> parts;
     Ref model;
-    if (native_parts(expr, parts, model))
-        set_parts(expr, {joined(parts)}, model);
-    else
+    if (!native_parts(expr, parts, model)) // checks the rows of a single part too
         join_made(expr, matmulparts(expr));
+    else if (parts.size() > 1)
+        set_parts(expr, {joined(parts)}, model);
 }
 
 void become_flat(PyObject *expr, flat::Form form, Ref model) {

@@ -25,6 +25,7 @@ struct Side {
     flat::Form form;
     Ref model;
     bool scalar = false; // a scalar object or a number
+    Ref numbers;         // a float64 array in C order: the constants, instead of those of the form
 };
 
 constexpr int64_t most_elements = int64_t{1} << 31;
@@ -48,11 +49,19 @@ Side numeric_side(const Ref &array) {
     Side side;
     side.form.shape = shape_of_array(array.get());
     side.form.size = flat::size_of(side.form.shape);
-    if (side.form.size == 1)
-        side.form.constant.uniform = *doubles(array);
-    else
-        side.form.constant.values = flat::Buffer<double>::copy_of(doubles(array), side.form.size);
+    side.numbers = array;
     return side;
+}
+
+// The numbers as constants of the form, for who will spread or add them.
+void take_numbers(Side &side) {
+    if (!side.numbers)
+        return;
+    if (side.form.size == 1)
+        side.form.constant.uniform = *doubles(side.numbers);
+    else
+        side.form.constant.values = flat::Buffer<double>::copy_of(doubles(side.numbers), side.form.size);
+    side.numbers = {};
 }
 
 // An element of an object array as a LinExpr; infinite numbers are bounds here.
@@ -148,6 +157,8 @@ Side side_of(PyObject *object) {
 struct Block {
     flat::Form form;
     Ref model;
+    Ref subtracted; // an array of the block's shape, taken off the constants when they are written; often the caller's
+                    // own
 };
 
 bool too_large(const flat::Shape &shape) {
@@ -168,31 +179,51 @@ flat::Shape common_shape(const flat::Shape &a, const flat::Shape &b) {
     return shape;
 }
 
-bool holds_nan(const flat::Constant &constant) {
-    const double *first = constant.values.data();
-    return std::isnan(constant.uniform) ||
-           std::any_of(first, first + constant.values.size(), [](double value) { return std::isnan(value); });
+bool holds_nan(const double *values, int64_t size) {
+    return std::any_of(values, values + size, [](double value) { return std::isnan(value); });
 }
 
-// lhs - rhs. Infinite numbers pass (they are bounds), but the difference of two equal ones is none.
+double constant_at(const Block &block, int64_t i) {
+    return block.form.constant[i] - (block.subtracted ? doubles(block.subtracted)[i] : 0.0);
+}
+
+// Infinite numbers pass (they are bounds), but the difference of two equal ones is none.
+void refuse_nan(const Block &block) {
+    const flat::Constant &constant = block.form.constant;
+    bool nan = std::isnan(constant.uniform) || holds_nan(constant.values.data(), constant.values.size());
+    for (int64_t i = 0; block.subtracted && !nan && i < block.form.size; ++i)
+        nan = std::isnan(constant_at(block, i));
+    if (nan)
+        fail(PyExc_ValueError, "NaN is no constant of a constraint");
+}
+
+void subtract(Block &block, Side right) {
+    flat::Shape shape = common_shape(block.form.shape, right.form.shape);
+    if (!merge_models(block.model, right.model))
+        fail_models();
+    block.form = flat::broadcast(block.form, shape);
+    if (right.numbers && right.form.shape == shape) {
+        block.subtracted = right.numbers;
+        return;
+    }
+    take_numbers(right);
+    flat::add(block.form, flat::broadcast(right.form, shape), -1.0);
+}
+
+// lhs - rhs.
 std::unique_ptr<Block> difference(PyObject *lhs, PyObject *rhs, bool *scalar) {
     Side left = side_of(lhs);
     *scalar = left.scalar;
-    flat::Shape none;
-    if (!rhs) {
-        common_shape(left.form.shape, none);
-    } else {
+    take_numbers(left);
+    common_shape(left.form.shape, {});
+    auto block = std::make_unique<Block>(Block{std::move(left.form), std::move(left.model), {}});
+    if (rhs) {
         Side right = side_of(rhs);
-        *scalar = left.scalar && right.scalar;
-        flat::Shape shape = common_shape(left.form.shape, right.form.shape);
-        if (!merge_models(left.model, right.model))
-            fail_models();
-        left.form = flat::broadcast(left.form, shape);
-        flat::add(left.form, flat::broadcast(right.form, shape), -1.0);
+        *scalar = *scalar && right.scalar;
+        subtract(*block, std::move(right));
     }
-    if (holds_nan(left.form.constant))
-        fail(PyExc_ValueError, "NaN is no constant of a constraint");
-    return std::make_unique<Block>(Block{std::move(left.form), std::move(left.model)});
+    refuse_nan(*block);
+    return block;
 }
 
 int degree_of_elements(PyObject *array) {
@@ -265,12 +296,13 @@ int rows_open(PyObject *lhs, PyObject *rhs, RowBlock *block) {
 
 int rows_write(RowBlock *block, int64_t *ptr, int32_t *var, double *coef, double *constants) {
     return border_status([&] {
-        const flat::Form &form = static_cast<Block *>(block->held)->form;
+        const Block &held = *static_cast<Block *>(block->held);
+        const flat::Form &form = held.form;
+        if (held.subtracted && PyArray_SIZE(as_array(held.subtracted)) != form.size)
+            fail(PyExc_ValueError, "the array of a constraint's side was resized while its rows were added");
         flat::write_rows(form.summands, form.size, ptr, var, coef);
-        if (form.constant.values.empty())
-            std::fill_n(constants, form.size, form.constant.uniform);
-        else
-            std::copy_n(form.constant.values.data(), form.size, constants);
+        for (int64_t i = 0; i < form.size; ++i)
+            constants[i] = constant_at(held, i);
     });
 }
 

@@ -5,6 +5,7 @@ import gc
 import subprocess
 import sys
 import textwrap
+import tracemalloc
 import weakref
 
 import numpy as np
@@ -650,3 +651,45 @@ def test_a_tuple_of_parts_is_as_good_as_a_list(mode, model):
     e += x[::-1]
     assert terms(e) == [(0.0, [(1.0, 0), (1.0, 1)]), (0.0, [(1.0, 1), (1.0, 0)])]
     assert e._is_compact()
+
+
+def test_made_objects_cost_50_bytes_a_term_and_210_a_row(model):
+    """Coefficients that all differ, so that no float object is shared."""
+    rows, terms_each = 2000, 10
+    x = variables(model, 100)
+    x._vararr
+    columns = np.tile(np.arange(terms_each), rows) * 7 % 100
+    matrix = sp.csr_matrix((np.arange(rows * terms_each) + 0.5, columns, np.arange(rows + 1) * terms_each), (rows, 100))
+    e = (matrix @ x)._to_full()
+    tracemalloc.start()
+    try:
+        made = e._learr
+        used = tracemalloc.get_traced_memory()[0]
+    finally:
+        tracemalloc.stop()
+    assert made.shape == (rows,)
+    assert used <= 50 * rows * terms_each + 210 * rows
+
+
+def test_a_compact_product_makes_no_object_for_a_row_or_a_variable(model):
+    x = variables(model, 5000)
+    before = _debug.counts()
+    e = sp.random(3000, 5000, 0.01, "csr", random_state=0) @ x - 1.0
+    e._matmulparts
+    assert _debug.counts() == before
+
+
+def test_a_constant_resized_by_its_user_is_noticed_at_every_use():
+    run_child("""
+        uses = [
+            lambda e, n: e.__imul__(np.ones(n)), lambda e, n: e * np.ones(n), lambda e, n: e.__iadd__(1).sum(),
+            lambda e, n: e.copy(), lambda e, n: e + x[:2], lambda e, n: e._concat_matmulparts(), lambda e, n: repr(e),
+            lambda e, n: e.getValue(), lambda e, n: np.ones((2, n)) @ e, lambda e, n: e._convert_to_full(),
+            lambda e, n: model.addConstr(e <= 1),
+        ]
+        for n in (2, 6):
+            for use in uses:
+                e = x + 1
+                e._const.resize(n, refcheck=False)
+                refused(lambda: use(e, n))
+    """)
