@@ -223,8 +223,8 @@ typedef struct TRVmatrix {
 } TRVmatrix;
 TRV_API int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix);
 TRV_API void TRVfreematrix(TRVmatrix *matrix);
-/* The matrix by rows where the store holds it in one piece, as one large block of rows does: only start is made (give it back
- * with TRVfree), index and value point into the store, valid until its next change. Elsewhere start is NULL. */
+/* The matrix by rows where the store holds it in one piece, as one large block of rows does: only start is made (give
+ * it back with TRVfree), index and value point into the store, valid until its next change. Elsewhere start is NULL. */
 TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
 
 /* What changed since TRVclearchanges, for an engine that keeps its model. structure != 0: elements were added or
