@@ -19,8 +19,7 @@ namespace tarvopy {
 
 using namespace pysupport;
 
-// ---- constructors
-// ------------------------------------------------------------------------------------------------------
+// ---- constructors -------------------------------------------------------------------------------------------------
 
 flat::Shape asked_shape(PyObject *given) {
     Ref tuple = check(PyObject_CallOneArg(mod.broadcast_shapes, given));
@@ -84,12 +83,8 @@ Ref compact_from_mvar(PyObject *cls, PyObject *mvar) {
     if (!mvar_ids(mvar, given))
         return compact_from_foreign(cls, mvar);
     std::vector<Part> parts;
-    if (given.ids.size() > 0) {
-        flat::Summand identity;
-        identity.nrows = given.ids.size();
-        identity.width = 1;
-        parts.push_back(make_part(std::move(identity), std::move(given.ids)));
-    }
+    if (given.ids.size() > 0)
+        parts.push_back(identity_part(std::move(given.ids)));
     return make_compact(cls, std::move(parts), float_array(given.shape), std::move(given.model));
 }
 
@@ -349,8 +344,7 @@ PyObject *allows_compact_method(PyObject *, PyObject *const *args, Py_ssize_t na
     });
 }
 
-// ---- structure
-// ---------------------------------------------------------------------------------------------------------
+// ---- structure ----------------------------------------------------------------------------------------------------
 
 void expect_no_matrix(PyObject *constant) {
     if (!PyArray_CheckExact(constant)) {
@@ -388,8 +382,7 @@ PyObject *get_size(PyObject *self, void *) {
     return structure(self, names.size);
 }
 
-// ---- elements
-// ----------------------------------------------------------------------------------------------------------
+// ---- elements -----------------------------------------------------------------------------------------------------
 
 Ref item_of(PyObject *expr) {
     if (is_compact(expr))
@@ -436,8 +429,7 @@ PyObject *iter(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject
     });
 }
 
-// ---- printing
-// ----------------------------------------------------------------------------------------------------------
+// ---- printing -----------------------------------------------------------------------------------------------------
 
 PyObject *element_text(PyObject *, PyObject *element) {
     return border([&] { return check(PyUnicode_FromFormat(" %S", element)); });

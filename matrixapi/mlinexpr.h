@@ -37,10 +37,10 @@ struct VarVector {
 using SharedVector = std::shared_ptr<VarVector>;
 
 // One documented pair (A, x): summand.vars are the ids of `vector`, and row i of A has the columns summand.column(k).
-//   identity:        flat::single(ids, scale)             (width 1, no cols: n rows, n columns)
+//   identity:        width 1, no cols, `scale`            (n rows, n columns)
 //   column of ones:  width 1, cols all 0, one id          (n rows, 1 column)
 //   A @ x:           ptr, cols, coef of A
-// A dense row or block without cols has `width` terms of columns 0 ... only when nrows is 1; otherwise give cols.
+// Without cols, term k of the whole summand has column k: an identity, or a single dense row.
 struct Part {
     flat::Summand summand;
     SharedVector vector;
@@ -51,6 +51,9 @@ struct Part {
 Part make_part(flat::Summand summand, flat::Buffer<int32_t> ids);
 // A part over the vector of another part (or one that keeps its MVar).
 Part make_part(flat::Summand summand, SharedVector vector);
+
+// scale * I over the variables.
+Part identity_part(flat::Buffer<int32_t> ids, double scale = 1.0);
 
 struct LinearNative final : Native {
     bool compact = false;
@@ -94,8 +97,9 @@ bool keep_compact(PyObject *cls);
 bool allows_compact(const flat::Shape &shape);
 Ref shape_tuple(const flat::Shape &shape);
 
-// ---- making expressions (no __init__ is run)
-// ---------------------------------------------------------------------------- model: the handle, or empty where no
+// ---- making expressions (no __init__ is run) ----------------------------------------------------------------------
+
+// model: the handle, or empty where no
 // variable occurs. In eager mode the objects are made at once.
 Ref make_flat(PyObject *cls, flat::Form form, Ref model);
 // const_array: an exact, writeable float64 ndarray which the expression owns from now on. An array of size 0 drops the
@@ -118,8 +122,9 @@ Ref float_array(const flat::Shape &shape, const double *values = nullptr);
 // The constants of a form in its shape.
 Ref constants_array(const flat::Form &form);
 
-// ---- reading without changing
-// ------------------------------------------------------------------------------------------- The full value. False
+// ---- reading without changing -------------------------------------------------------------------------------------
+
+// The full value. False
 // where only the element-wise path applies (foreign elements, several models); `form` and `model` are then unspecified.
 // Buffers are shared where the state is native. ValueError for a CSR matrix that does not hold what it says.
 bool flat_value(PyObject *expr, flat::Form &form, Ref &model);
@@ -138,8 +143,9 @@ bool merge_models(Ref &model, const Ref &other);
 // A LinExpr or Var as a form of shape (); false where it mixes models.
 bool flat_linexpr(PyObject *linexpr, flat::Form &form, Ref &model);
 
-// ---- changing the state
-// ------------------------------------------------------------------------------------------------- Compact native
+// ---- changing the state -------------------------------------------------------------------------------------------
+
+// Compact native
 // expressions get other parts (joined, appended, scaled); shape and constant stay. On a CompactMade expression the list
 // is replaced by native parts, so call it only where the text assigns a new `_matmulparts`.
 void set_parts(PyObject *expr, std::vector<Part> parts, Ref model);
@@ -172,8 +178,7 @@ Ref linexpr_array(const flat::Form &form, const Ref &model);
 // one.
 void exchange_contents(PyObject *region, PyObject *contents);
 
-// ---- members
-// ------------------------------------------------------------------------------------------------------------
+// ---- members ------------------------------------------------------------------------------------------------------
 Ref build_mlinexpr_class();
 std::span<pysupport::Member> matmul_members();         // mlinexpr_matmul.cpp
 std::span<pysupport::Member> addition_members();       // mlinexpr_add.cpp

@@ -169,11 +169,7 @@ Ref add_compact_mvar(PyObject *self, PyObject *mvar, double factor) {
     if (!constant || mvar_shape(mvar) != shape_of(self) || !mvar_ids(mvar, given) ||
         !joined_parts(self, parts, model) || !merge_models(model, given.model))
         return {};
-    flat::Summand variables;
-    variables.nrows = given.ids.size();
-    variables.width = 1;
-    variables.scale = factor;
-    parts.push_back(make_part(std::move(variables), std::move(given.ids)));
+    parts.push_back(identity_part(std::move(given.ids), factor));
     parts = {joined(parts)};
     return make_compact(mod.MLinExpr, std::move(parts), float_array(given.shape, constant), std::move(model));
 }

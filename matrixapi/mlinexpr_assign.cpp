@@ -93,8 +93,7 @@ void write(PyObject *expr, PyObject *key, Contents contents) {
     exchange_contents(region.elements.get(), linexpr_array(spread, contents.model).get());
 }
 
-// ---- values
-// ------------------------------------------------------------------------------------------------------------
+// ---- values -------------------------------------------------------------------------------------------------------
 
 Contents contents_of_expression(PyObject *expr) {
     Contents contents;
@@ -173,8 +172,7 @@ void assign(PyObject *expr, PyObject *key, PyObject *value) {
     }
 }
 
-// ---- members
-// -----------------------------------------------------------------------------------------------------------
+// ---- members ------------------------------------------------------------------------------------------------------
 
 using Assignment = void (*)(PyObject *expr, PyObject *key, PyObject *value);
 

@@ -15,8 +15,7 @@ namespace tarvopy {
 
 using namespace pysupport;
 
-// ---- parts
-// -------------------------------------------------------------------------------------------------------------
+// ---- parts --------------------------------------------------------------------------------------------------------
 
 void set_parts(PyObject *expr, std::vector<Part> parts, Ref model) {
     LinearNative *native = linear_of(expr);

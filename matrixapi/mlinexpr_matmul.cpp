@@ -107,7 +107,7 @@ bool spreads_one_entry(const flat::Shape &matrix, int64_t variables, Side side) 
 Part compact_part(const Matrix &matrix, VarIds vars, int64_t size, Side side) {
     flat::Csr rows = result_rows(matrix, side);
     if (spreads_one_entry(matrix.shape, vars.ids.size(), side))
-        return make_part(flat::single(vars.ids, only_entry(rows)), std::move(vars.ids));
+        return identity_part(std::move(vars.ids), only_entry(rows));
     // A constant may be larger than the product, which then stands in every row.
     return spread_part(make_part(summand_of(std::move(rows)), std::move(vars.ids)), size);
 }

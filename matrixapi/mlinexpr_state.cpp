@@ -35,6 +35,14 @@ Part make_part(flat::Summand summand, SharedVector vector) {
     return {std::move(summand), std::move(vector)};
 }
 
+Part identity_part(flat::Buffer<int32_t> ids, double scale) {
+    flat::Summand summand;
+    summand.nrows = ids.size();
+    summand.width = 1;
+    summand.scale = scale;
+    return make_part(std::move(summand), std::move(ids));
+}
+
 bool merge_models(Ref &model, const Ref &other) {
     if (!other || model.is(other.get()))
         return true;
@@ -44,8 +52,7 @@ bool merge_models(Ref &model, const Ref &other) {
     return true;
 }
 
-// ---- the dictionary
-// --------------------------------------------------------------------------------------------------
+// ---- the dictionary -----------------------------------------------------------------------------------------------
 
 PyObject *documented(PyObject *expr, PyObject *name) {
     PyObject *value = stored(expr, name);
@@ -168,8 +175,7 @@ bool keep_compact(PyObject *cls) {
     return check_status(PyObject_RichCompareBool(value.get(), one, Py_EQ)) != 0;
 }
 
-// ---- making expressions
-// ----------------------------------------------------------------------------------------------
+// ---- making expressions -------------------------------------------------------------------------------------------
 
 Ref make_flat(PyObject *cls, flat::Form form, Ref model) {
     auto native = std::make_unique<LinearNative>();
@@ -216,8 +222,7 @@ Ref make_zeros(PyObject *cls, const flat::Shape &shape) {
     return make_flat(cls, std::move(form), {});
 }
 
-// ---- the documented attributes, made
-// -----------------------------------------------------------------------------------
+// ---- the documented attributes, made ------------------------------------------------------------------------------
 
 Ref learr(PyObject *expr) {
     convert_to_full(expr);
@@ -335,8 +340,7 @@ Ref matmulparts(PyObject *expr) {
     return Ref::borrow(documented(expr, names._matmulparts));
 }
 
-// ---- members
-// -----------------------------------------------------------------------------------------------------------
+// ---- members ------------------------------------------------------------------------------------------------------
 
 namespace {
 

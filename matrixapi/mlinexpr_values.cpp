@@ -34,8 +34,7 @@ PyObject *element_or_none(PyObject *element) {
     return element ? element : Py_None;
 }
 
-// ---- sum
-// ---------------------------------------------------------------------------------------------------------------
+// ---- sum ----------------------------------------------------------------------------------------------------------
 
 [[noreturn]] void invalid_axes(PyObject *axis) {
     PyErr_Clear();
@@ -115,8 +114,7 @@ PyObject *sum(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject 
     });
 }
 
-// ---- values
-// ------------------------------------------------------------------------------------------------------------
+// ---- values -------------------------------------------------------------------------------------------------------
 
 std::vector<double> solution(TRVmodel *store, const int32_t *ids, int64_t n) {
     std::vector<double> x(static_cast<size_t>(n));
@@ -192,8 +190,7 @@ Ref constant_of(PyObject *expr) {
     return element_numbers(expr, "getConstant");
 }
 
-// ---- clearing and tidying
-// ------------------------------------------------------------------------------------------------
+// ---- clearing and tidying -----------------------------------------------------------------------------------------
 
 void clear_compact(PyObject *expr) {
     if (!is_compact(expr))
@@ -249,8 +246,7 @@ void normalize(PyObject *expr) {
     become_flat(expr, std::move(form), std::move(model));
 }
 
-// ---- members
-// -----------------------------------------------------------------------------------------------------------
+// ---- members ------------------------------------------------------------------------------------------------------
 
 template <class Work>
 PyObject *plain(const Signature &signature, Work work, PyObject *self, PyObject *const *args, Py_ssize_t nargs,

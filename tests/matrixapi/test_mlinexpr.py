@@ -645,6 +645,19 @@ def test_evil_objects_end_in_exceptions_not_in_crashes():
     """)
 
 
+@pytest.mark.parametrize("side", ["left", "right"])
+def test_one_entry_times_a_row_or_column_of_variables_is_a_diagonal(mode, model, side):
+    variables(model, 7)
+    y = variables(model, (1, 3) if side == "right" else (3, 1), "y")
+    e = np.array([[2.0]]) @ y if side == "right" else y @ np.array([[2.0]])
+    assert e._is_compact()
+    assert e.shape == y.shape
+    assert terms(e) == [(0.0, [(2.0, i)]) for i in (7, 8, 9)]
+    ((matrix, vector),) = e._matmulparts
+    assert np.array_equal(matrix.toarray(), 2 * np.eye(3))
+    assert vector.shape == (3,)
+
+
 def test_a_tuple_of_parts_is_as_good_as_a_list(mode, model):
     x = variables(model, 2)
     e = MLinExpr(matmulparts=((sp.csr_matrix(np.eye(2)), x),), b=np.zeros(2))
