@@ -99,8 +99,7 @@ Ref shape_tuple(const flat::Shape &shape);
 
 // ---- making expressions (no __init__ is run) ----------------------------------------------------------------------
 
-// model: the handle, or empty where no
-// variable occurs. In eager mode the objects are made at once.
+// model: the handle, or empty where no variable occurs. In eager mode the objects are made at once.
 Ref make_flat(PyObject *cls, flat::Form form, Ref model);
 // const_array: an exact, writeable float64 ndarray which the expression owns from now on. An array of size 0 drops the
 // parts.
@@ -124,9 +123,9 @@ Ref constants_array(const flat::Form &form);
 
 // ---- reading without changing -------------------------------------------------------------------------------------
 
-// The full value. False
-// where only the element-wise path applies (foreign elements, several models); `form` and `model` are then unspecified.
-// Buffers are shared where the state is native. ValueError for a CSR matrix that does not hold what it says.
+// The full value. False where only the element-wise path applies (foreign elements, several models); `form` and `model`
+// are then unspecified. Buffers are shared where the state is native. ValueError for a CSR matrix that does not hold
+// what it says.
 bool flat_value(PyObject *expr, flat::Form &form, Ref &model);
 // The documented parts of a compact expression, one by one; false as above.
 bool native_parts(PyObject *expr, std::vector<Part> &parts, Ref &model);
@@ -145,9 +144,9 @@ bool flat_linexpr(PyObject *linexpr, flat::Form &form, Ref &model);
 
 // ---- changing the state -------------------------------------------------------------------------------------------
 
-// Compact native
-// expressions get other parts (joined, appended, scaled); shape and constant stay. On a CompactMade expression the list
-// is replaced by native parts, so call it only where the text assigns a new `_matmulparts`.
+// Compact native expressions get other parts (joined, appended, scaled); shape and constant stay. On a CompactMade
+// expression the list is replaced by native parts, so call it only where an ordinary object would assign a new
+// `_matmulparts`.
 void set_parts(PyObject *expr, std::vector<Part> parts, Ref model);
 // At most one part afterwards, kept by the receiver (`_concat_matmulparts`).
 void join_parts(PyObject *expr);
@@ -156,7 +155,7 @@ Part joined(const std::vector<Part> &parts); // at least one
 Ref part_pair(const Part &part, const Ref &model);
 // In place, compact to full: native stays native. Does nothing to a full expression.
 void convert_to_full(PyObject *expr);
-// `_to_full()` of a compact expression: a new full one (joins the receiver's parts, as the text says).
+// `_to_full()` of a compact expression: a new full one (joins the receiver's parts, which it keeps).
 Ref to_full(PyObject *expr);
 // copy(), _copy_compact(), _copy_full().
 Ref copy_of(PyObject *expr);
