@@ -29,30 +29,30 @@ PyObject *no_nonlinear(PyObject *, void *) {
     return refuse_nonlinear(nullptr, nullptr, 0, nullptr);
 }
 
-constexpr const char *quadratic_doc = "Raises NotImplementedError.";
+constexpr const char *refusal_doc = "Raises NotImplementedError.";
 
 Member quadratic_members[] = {
-    method("__init__", refuse_quadratic, quadratic_doc),
-    class_method("zeros", refuse_quadratic, quadratic_doc),
-    class_method("_zeros_full", refuse_quadratic, quadratic_doc),
-    class_method("_from_mvar", refuse_quadratic, quadratic_doc),
-    class_method("_from_mvar_times_mvar", refuse_quadratic, quadratic_doc),
-    class_method("_from_mlinexpr", refuse_quadratic, quadratic_doc),
-    class_method("_from_quadexpr", refuse_quadratic, quadratic_doc),
-    class_method("_from_quadexprs", refuse_quadratic, quadratic_doc),
-    property("shape", no_quadratic, quadratic_doc),
-    property("ndim", no_quadratic, quadratic_doc),
-    property("size", no_quadratic, quadratic_doc),
+    method("__init__", refuse_quadratic, refusal_doc),
+    class_method("zeros", refuse_quadratic, refusal_doc),
+    class_method("_zeros_full", refuse_quadratic, refusal_doc),
+    class_method("_from_mvar", refuse_quadratic, refusal_doc),
+    class_method("_from_mvar_times_mvar", refuse_quadratic, refusal_doc),
+    class_method("_from_mlinexpr", refuse_quadratic, refusal_doc),
+    class_method("_from_quadexpr", refuse_quadratic, refusal_doc),
+    class_method("_from_quadexprs", refuse_quadratic, refusal_doc),
+    property("shape", no_quadratic, refusal_doc),
+    property("ndim", no_quadratic, refusal_doc),
+    property("size", no_quadratic, refusal_doc),
 };
 
 Member nonlinear_members[] = {
-    method("__init__", refuse_nonlinear, quadratic_doc),
-    class_method("_from_mvar", refuse_nonlinear, quadratic_doc),
-    class_method("_from_mlinexpr", refuse_nonlinear, quadratic_doc),
-    class_method("_from_mquadexpr", refuse_nonlinear, quadratic_doc),
-    property("shape", no_nonlinear, quadratic_doc),
-    property("ndim", no_nonlinear, quadratic_doc),
-    property("size", no_nonlinear, quadratic_doc),
+    method("__init__", refuse_nonlinear, refusal_doc),
+    class_method("_from_mvar", refuse_nonlinear, refusal_doc),
+    class_method("_from_mlinexpr", refuse_nonlinear, refusal_doc),
+    class_method("_from_mquadexpr", refuse_nonlinear, refusal_doc),
+    property("shape", no_nonlinear, refusal_doc),
+    property("ndim", no_nonlinear, refusal_doc),
+    property("size", no_nonlinear, refusal_doc),
 };
 
 void put(PyObject *space, const char *name, long value) {
