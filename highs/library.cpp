@@ -34,9 +34,9 @@ void refuse_other_layouts(const Library &functions) {
     if (bytes != static_cast<HighsInt>(sizeof(HighsInt)))
         throw LibraryError("the HiGHS library counts with integers of " + std::to_string(bytes) + " bytes, expected " +
                            std::to_string(sizeof(HighsInt)));
-    if (functions.versionMajor() != HIGHS_VERSION_MAJOR)
+    if (functions.versionMajor() != HIGHS_VERSION_MAJOR || functions.versionMinor() != HIGHS_VERSION_MINOR)
         throw LibraryError(std::string("the HiGHS library is version ") + functions.version() + ", expected " +
-                           std::to_string(HIGHS_VERSION_MAJOR) + ".x");
+                           std::to_string(HIGHS_VERSION_MAJOR) + "." + std::to_string(HIGHS_VERSION_MINOR) + ".x");
 }
 
 } // namespace

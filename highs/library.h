@@ -23,6 +23,7 @@ struct LibraryError : std::runtime_error {
     F(destroy)                                                                                                         \
     F(version)                                                                                                         \
     F(versionMajor)                                                                                                    \
+    F(versionMinor)                                                                                                    \
     F(getSizeofHighsInt)                                                                                               \
     F(passLp)                                                                                                          \
     F(passMip)                                                                                                         \
