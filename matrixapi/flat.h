@@ -11,9 +11,10 @@
 // one model, whose handle its holder keeps.
 #pragma once
 
+#include "tarvo.h"
+
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <new>
 #include <span>
 #include <utility>
@@ -30,7 +31,7 @@ template <class T> class Buffer {
         if (size > 0) {
             if (static_cast<uint64_t>(size) > (SIZE_MAX - sizeof(Head)) / sizeof(T))
                 throw std::bad_alloc();
-            head_ = static_cast<Head *>(std::malloc(sizeof(Head) + sizeof(T) * static_cast<size_t>(size)));
+            head_ = static_cast<Head *>(TRVmalloc(sizeof(Head) + sizeof(T) * static_cast<size_t>(size)));
             if (!head_)
                 throw std::bad_alloc();
             head_->count = 1;
@@ -53,7 +54,7 @@ template <class T> class Buffer {
     }
     ~Buffer() {
         if (head_ && --head_->count == 0)
-            std::free(head_);
+            TRVfree(head_);
     }
     // An empty buffer means "none" in a summand: a block of size 0 is empty too.
     bool empty() const { return !head_; }

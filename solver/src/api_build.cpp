@@ -21,6 +21,11 @@ int TRVnewmodel(const char *name, TRVmodel **out) {
 
 void TRVfreemodel(TRVmodel *model) {
     delete model;
+    blocks::trim();
+}
+
+void *TRVmalloc(size_t bytes) {
+    return blocks::take(bytes);
 }
 
 const char *TRVgeterrormsg(const TRVmodel *model) {
@@ -32,7 +37,7 @@ int TRVfail(TRVmodel *model, int code, const char *message) {
 }
 
 void TRVfree(void *memory) {
-    std::free(memory);
+    blocks::give(memory);
 }
 
 int TRVaddvars(TRVmodel *model, int64_t n, const double *lb, int lbstep, const double *ub, int ubstep,

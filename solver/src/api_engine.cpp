@@ -33,6 +33,7 @@ int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix) {
     return border(model, [&] {
         requirepointer("matrix", matrix, 1);
         *matrix = csc ? matrixbycolumns(*model) : matrixbyrows(*model);
+        blocks::trim(); // the engine's own copy comes next, and wants the memory
     });
 }
 
@@ -46,9 +47,10 @@ int TRVviewrows(TRVmodel *model, TRVmatrix *matrix) {
 void TRVfreematrix(TRVmatrix *matrix) {
     if (!matrix)
         return;
-    std::free(matrix->start);
-    std::free(matrix->index);
-    std::free(matrix->value);
+    blocks::give(matrix->start);
+    blocks::give(matrix->index);
+    blocks::give(matrix->value);
+    blocks::trim();
     *matrix = TRVmatrix{};
 }
 

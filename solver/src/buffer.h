@@ -5,12 +5,14 @@
 //   trace
 //
 // std::vector would write zeros over memory that is overwritten at once, which costs as much as the real writing (and
-// touches pages that nobody needs yet). Growing goes through realloc, which moves large blocks by remapping pages
-// instead of copying.
+// touches pages that nobody needs yet). Growing goes through blocks::resize, which moves large blocks by remapping
+// pages instead of copying.
 //
 // Large pages (madvise) were measured and left out: writing is three times as fast where the system has them at hand,
 // and three times as slow in a virtual machine that has given its free memory back to the host.
 #pragma once
+
+#include "blocks.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -40,7 +42,7 @@ template <class T> class Buffer {
         swap(taken);
         return *this;
     }
-    ~Buffer() { std::free(data_); }
+    ~Buffer() { blocks::give(data_); }
 
     T *data() { return data_; }
     const T *data() const { return data_; }
@@ -88,13 +90,13 @@ template <class T> class Buffer {
     void shrink() noexcept {
         if (capacity_ - size_ < 4096 || size_ == 0)
             return;
-        if (void *p = std::realloc(static_cast<void *>(data_), size_ * sizeof(T))) {
+        if (void *p = blocks::resize(data_, size_ * sizeof(T))) {
             data_ = static_cast<T *>(p);
             capacity_ = size_;
         }
     }
     void free() noexcept { Buffer().swap(*this); }
-    // The memory, which the taker gives back with std::free.
+    // The memory, which the taker gives back with blocks::give.
     T *release() noexcept {
         T *p = data_;
         data_ = nullptr;
@@ -113,7 +115,7 @@ template <class T> class Buffer {
             n = 16;
         if (n > SIZE_MAX / 2 / sizeof(T))
             throw std::bad_alloc();
-        void *p = std::realloc(static_cast<void *>(data_), n * sizeof(T));
+        void *p = blocks::resize(data_, n * sizeof(T));
         if (!p)
             throw std::bad_alloc();
         data_ = static_cast<T *>(p);

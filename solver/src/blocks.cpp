@@ -1,0 +1,170 @@
+#include "blocks.h"
+
+#include "tarvo.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include <sys/mman.h>
+
+namespace blocks {
+
+namespace {
+
+// In front of every block.
+struct alignas(16) Head {
+    std::size_t mapped; // bytes of the mapping, this head included; 0 for a small block, which is of the C heap
+    std::size_t bytes;  // as asked for
+};
+
+constexpr std::size_t page = 4096;
+constexpr std::size_t large = 256 * 1024;
+constexpr std::size_t always_kept = 64 * 1024 * 1024;
+constexpr int places = 32;
+
+Head *head_of(void *block) {
+    return static_cast<Head *>(block) - 1;
+}
+
+std::size_t mapping_for(std::size_t bytes) {
+    return (bytes + sizeof(Head) + page - 1) / page * page;
+}
+
+void unmap(Head *head) noexcept {
+    munmap(static_cast<void *>(head), head->mapped);
+}
+
+// Blocks given back and not yet asked for again. A fixed number of places: giving a block back never allocates.
+class Shelf {
+  public:
+    // The smallest kept block that holds the mapping and wastes little of itself.
+    Head *find(std::size_t mapped) {
+        int best = -1;
+        for (int i = 0; i < count_; i++) {
+            const std::size_t size = kept_[i]->mapped;
+            if (size >= mapped && size - mapped <= mapped / 4 && (best < 0 || size < kept_[best]->mapped))
+                best = i;
+        }
+        return best < 0 ? nullptr : remove(best);
+    }
+    bool keep(Head *head) {
+        if (count_ == places || bytes_ + head->mapped > std::max(always_kept, in_use))
+            return false;
+        kept_[count_++] = head;
+        bytes_ += head->mapped;
+        return true;
+    }
+    void clear() {
+        while (count_ > 0)
+            unmap(remove(count_ - 1));
+    }
+    std::size_t in_use = 0;
+
+  private:
+    Head *remove(int i) {
+        Head *head = kept_[i];
+        bytes_ -= head->mapped;
+        kept_[i] = kept_[--count_];
+        return head;
+    }
+    Head *kept_[places] = {};
+    int count_ = 0;
+    std::size_t bytes_ = 0;
+};
+
+// Engines and their callers run on several threads.
+std::mutex mutex;
+Shelf shelf;
+
+Head *new_mapping(std::size_t mapped) {
+    void *memory = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        return nullptr;
+    Head *head = static_cast<Head *>(memory);
+    head->mapped = mapped;
+    return head;
+}
+
+void *take_large(std::size_t bytes) {
+    const std::size_t mapped = mapping_for(bytes);
+    std::lock_guard<std::mutex> lock(mutex);
+    Head *head = shelf.find(mapped);
+    if (!head && !(head = new_mapping(mapped))) {
+        shelf.clear(); // what is kept may be what is missing
+        if (!(head = new_mapping(mapped)))
+            return nullptr;
+    }
+    head->bytes = bytes;
+    shelf.in_use += head->mapped;
+    return head + 1;
+}
+
+// From the C heap; old is NULL or a small block.
+void *small_block(Head *old, std::size_t bytes) {
+    Head *head = static_cast<Head *>(std::realloc(static_cast<void *>(old), sizeof(Head) + bytes));
+    if (!head)
+        return nullptr;
+    *head = {0, bytes};
+    return head + 1;
+}
+
+// Large to large: the system moves pages, not bytes.
+void *remap(Head *head, std::size_t bytes) {
+    const std::size_t mapped = mapping_for(bytes), before = head->mapped;
+    void *moved = mremap(static_cast<void *>(head), before, mapped, MREMAP_MAYMOVE);
+    if (moved == MAP_FAILED)
+        return nullptr;
+    Head *now = static_cast<Head *>(moved);
+    *now = {mapped, bytes};
+    std::lock_guard<std::mutex> lock(mutex);
+    shelf.in_use += mapped - before;
+    return now + 1;
+}
+
+void *moved(Head *head, std::size_t bytes) {
+    void *place = take(bytes);
+    if (!place)
+        return nullptr;
+    std::memcpy(place, head + 1, std::min(bytes, head->bytes));
+    give(head + 1);
+    return place;
+}
+
+} // namespace
+
+void *take(std::size_t bytes) {
+    if (bytes > SIZE_MAX / 2)
+        return nullptr;
+    return bytes < large ? small_block(nullptr, bytes) : take_large(bytes);
+}
+
+void *resize(void *block, std::size_t bytes) {
+    if (!block || bytes > SIZE_MAX / 2)
+        return block ? nullptr : take(bytes);
+    Head *head = head_of(block);
+    if (head->mapped == 0 && bytes < large)
+        return small_block(head, bytes);
+    return head->mapped != 0 && bytes >= large ? remap(head, bytes) : moved(head, bytes);
+}
+
+void give(void *block) noexcept {
+    if (!block)
+        return;
+    Head *head = head_of(block);
+    if (head->mapped == 0)
+        return std::free(static_cast<void *>(head));
+    std::lock_guard<std::mutex> lock(mutex);
+    shelf.in_use -= head->mapped;
+    if (!shelf.keep(head))
+        unmap(head);
+}
+
+void trim() noexcept {
+    std::lock_guard<std::mutex> lock(mutex);
+    shelf.clear();
+}
+
+} // namespace blocks
