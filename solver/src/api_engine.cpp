@@ -26,6 +26,7 @@ int TRVgetdata(TRVmodel *model, TRVdata *data) {
         d.nintegral = columns.integral();
         d.start = model->solution.start(columns);
         *data = d;
+        blocks::trim(); // the engine's own copy comes next, and wants the memory
     });
 }
 
@@ -33,7 +34,6 @@ int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix) {
     return border(model, [&] {
         requirepointer("matrix", matrix, 1);
         *matrix = csc ? matrixbycolumns(*model) : matrixbyrows(*model);
-        blocks::trim(); // the engine's own copy comes next, and wants the memory
     });
 }
 
