@@ -50,7 +50,6 @@ Ref copy_of(npy_intp count, const int32_t *data) {
 }
 
 constexpr const char *matrix_capsule = "tarvopy._modelapi.matrix";
-constexpr const char *start_capsule = "tarvopy._modelapi.start";
 
 void free_matrix(PyObject *capsule) {
     auto *matrix = static_cast<TRVmatrix *>(PyCapsule_GetPointer(capsule, matrix_capsule));
@@ -110,10 +109,6 @@ Ref matrix_arrays(TRVmodel *store, bool csc) {
     return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));
 }
 
-void free_start(PyObject *capsule) {
-    TRVfree(PyCapsule_GetPointer(capsule, start_capsule));
-}
-
 TARVOPY_METHOD(function_rows_in_place) {
     static const Signature signature{"rows_in_place", {"handle"}, 1};
     (void)self;
@@ -126,13 +121,7 @@ TARVOPY_METHOD(function_rows_in_place) {
         succeed(store, TRVviewrows(store, &rows));
         if (!rows.start)
             return Ref::none();
-        PyObject *made = PyCapsule_New(rows.start, start_capsule, free_start);
-        if (!made) {
-            TRVfree(rows.start);
-            throw PythonError{};
-        }
-        Ref owner = Ref::steal(made);
-        Ref start = view(owner.get(), PyArray_DescrFromType(NPY_INT32), rows.nmajor + 1, rows.start);
+        Ref start = view(handle, PyArray_DescrFromType(NPY_INT32), rows.nmajor + 1, rows.start);
         Ref index = view(handle, PyArray_DescrFromType(NPY_INT32), rows.nnz, rows.index);
         Ref value = doubles(handle, rows.nnz, rows.value);
         return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));

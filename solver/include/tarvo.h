@@ -81,8 +81,9 @@ TRV_API void TRVfreemodel(TRVmodel *model);                /* NULL is fine */
 TRV_API const char *TRVgeterrormsg(const TRVmodel *model); /* of the last failed call on this model; "" if none */
 /* A function beside the store (the file readers) leaves its text here. Returns code. */
 TRV_API int TRVfail(TRVmodel *model, int code, const char *message);
-/* Memory for a large array that lives about as long as an expression: it is handed on to the next array of its size when it is freed
- * (touching fresh pages costs more than writing them), until a matrix is taken for an engine or a model is freed. NULL when there is none. */
+/* Memory for a large array that lives about as long as an expression: it is handed on to the next array of its size
+ * when it is freed (touching fresh pages costs more than writing them), until a matrix is taken for an engine or a
+ * model is freed. NULL when there is none. */
 TRV_API void *TRVmalloc(size_t bytes);
 TRV_API void TRVfree(void *memory); /* what the store allocated for its caller */
 
@@ -226,8 +227,8 @@ typedef struct TRVmatrix {
 } TRVmatrix;
 TRV_API int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix);
 TRV_API void TRVfreematrix(TRVmatrix *matrix);
-/* The matrix by rows where the store holds it in one piece, as one large block of rows does: only start is made (give
- * it back with TRVfree), index and value point into the store, valid until its next change. Elsewhere start is NULL. */
+/* The matrix by rows where the store holds it in one piece, as one large block of rows does: all three point into the
+ * store, valid until its next change. Elsewhere start is NULL. */
 TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
 
 /* What changed since TRVclearchanges, for an engine that keeps its model. structure != 0: elements were added or

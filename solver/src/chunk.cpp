@@ -1,13 +1,15 @@
 // chunk.cpp: single coefficients of a chunk of rows set, added and taken away.
 #include "rows.h"
 
+#include "failure.h"
+
 namespace store {
 
 void Chunk::makeloose() {
     if (loose() || nrows == 0)
         return;
     stop.room(nrows);
-    int64_t *bound = limit.room(nrows);
+    int32_t *bound = limit.room(nrows);
     for (int32_t i = 0; i < nrows; i++)
         stop.data()[i] = bound[i] = ptr[i + 1];
     stop.grow(nrows);
@@ -26,10 +28,10 @@ void Chunk::maketight() {
         Row r = row(i);
         moveterms(newvar.data() + at, r.var, r.n);
         moveterms(newcoef.data() + at, r.coef, r.n);
-        ptr[i] = at; // only later rows are still read
+        ptr[i] = static_cast<int32_t>(at); // only later rows are still read
         at += r.n;
     }
-    ptr[nrows] = at;
+    ptr[nrows] = static_cast<int32_t>(at);
     newvar.grow(nnz);
     newcoef.grow(nnz);
     var.swap(newvar);
@@ -43,15 +45,17 @@ void Chunk::maketight() {
 void Chunk::moverow(int32_t i) {
     const Row old = row(i);
     const int64_t from = ptr[i], to = ptr[nrows], space = old.n + old.n / 2 + 4;
+    if (to + space > INT32_MAX)
+        fail(TRV_ERROR_SIZE_LIMIT, "a block of rows with 2147483647 terms can take no more");
     var.room(space);
     coef.room(space);
     moveterms(var.data() + to, var.data() + from, old.n);
     moveterms(coef.data() + to, coef.data() + from, old.n);
     var.grow(space);
     coef.grow(space);
-    ptr[i] = to;
-    stop[i] = to + old.n;
-    limit[i] = ptr[nrows] = to + space;
+    ptr[i] = static_cast<int32_t>(to);
+    stop[i] = static_cast<int32_t>(to + old.n);
+    limit[i] = ptr[nrows] = static_cast<int32_t>(to + space);
 }
 
 void Chunk::append(int32_t i, int32_t id, double value) {

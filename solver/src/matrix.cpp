@@ -106,11 +106,9 @@ TRVmatrix rowsinplace(TRVmodel &model) {
     const int64_t nnz = chunk.nrows == n ? chunk.ptr[n] : 0;
     if (nnz == 0 || nnz > INT32_MAX || chunk.loose())
         return {};
-    Buffer<int32_t> start;
-    start.room(n + 1);
-    std::copy(chunk.ptr.data(), chunk.ptr.data() + n + 1, start.data());
     // The struct serves owned matrices too; callers of a view only read.
-    return {n, nnz, start.release(), const_cast<int32_t *>(chunk.var.data()), const_cast<double *>(chunk.coef.data())};
+    return {n, nnz, const_cast<int32_t *>(chunk.ptr.data()), const_cast<int32_t *>(chunk.var.data()),
+            const_cast<double *>(chunk.coef.data())};
 }
 
 TRVmatrix matrixbyrows(TRVmodel &model) {

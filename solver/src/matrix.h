@@ -7,7 +7,7 @@ namespace store {
 
 TRVmatrix matrixbycolumns(TRVmodel &model);
 TRVmatrix matrixbyrows(TRVmodel &model);
-// index and value are the store's own; without start where the rows do not lie in one piece.
+// The arrays are the store's own; without start where the rows do not lie in one piece.
 TRVmatrix rowsinplace(TRVmodel &model);
 
 } // namespace store

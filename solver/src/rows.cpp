@@ -44,22 +44,26 @@ double Rows::checkedupper(double value, int64_t row, const char *what) {
 
 TRVrows Rows::open(int64_t nrows, int64_t nnz) {
     ids.requireroom(nrows);
+    if (nnz > INT32_MAX)
+        failf(TRV_ERROR_SIZE_LIMIT, "%" PRId64 " terms exceed the limit of 2147483647 for one block of rows", nnz);
     drop();
     small_ = nnz <= kSmall && nrows <= kSmall;
     Chunk &to = small_ ? staging_ : block_;
-    to.ptr.room(nrows + 1);
+    openptr_.room(nrows + 1);
     to.var.room(nnz);
     to.coef.room(nnz);
     isopen_ = true;
     opennrows_ = nrows;
     opennnz_ = nnz;
-    return {to.ptr.data(), to.var.data(), to.coef.data()};
+    return {openptr_.data(), to.var.data(), to.coef.data()};
 }
 
 void Rows::drop() noexcept {
     isopen_ = false;
-    if (!small_)
-        block_ = Chunk();
+    if (small_)
+        return;
+    block_ = Chunk();
+    openptr_.free();
 }
 
 int32_t Rows::commit(const Columns &columns, const double *low, int lowstep, const double *up, int upstep,
@@ -84,7 +88,7 @@ int32_t Rows::commit(const Columns &columns, const double *low, int lowstep, con
     }
     Chunk &from = small_ ? staging_ : block_;
     const int64_t nnz =
-        tidyterms(columns.ids, marker_, n, opennnz_, from.ptr.data(), from.var.data(), from.coef.data());
+        tidyterms(columns.ids, marker_, n, opennnz_, openptr_.data(), from.var.data(), from.coef.data());
     preparechunk(nnz);
     names.add(static_cast<int32_t>(first), n, newnames); // the last step that can fail
     finishchunk(nnz);
@@ -100,8 +104,10 @@ void Rows::preparechunk(int64_t nnz) {
     if (!fits || static_cast<int64_t>(chunks_.back().var.size()) > kSharedFull) {
         if (chunks_.size() == chunks_.capacity())
             chunks_.reserve(2 * chunks_.size() + 4);
-        if (!small_)
+        if (!small_) {
+            block_.ptr.room(opennrows_ + 1);
             return;
+        }
         Chunk fresh;
         fresh.ptr.push(0);
         fresh.first = ids.slots();
@@ -126,6 +132,7 @@ void Rows::finishchunk(int64_t nnz) noexcept {
     block_.first = ids.slots();
     block_.nrows = static_cast<int32_t>(opennrows_);
     block_.nnz = nnz;
+    std::copy_n(openptr_.data(), opennrows_ + 1, block_.ptr.data());
     block_.ptr.grow(opennrows_ + 1);
     block_.var.grow(nnz);
     block_.coef.grow(nnz);
@@ -137,7 +144,7 @@ void Rows::finishchunk(int64_t nnz) noexcept {
 void Rows::finishshared(Chunk &to, int64_t nnz) noexcept {
     const int64_t base = to.var.size();
     for (int64_t i = 0; i < opennrows_; i++)
-        to.ptr.end()[i] = base + staging_.ptr[i + 1];
+        to.ptr.end()[i] = static_cast<int32_t>(base + openptr_[i + 1]);
     if (to.loose()) {
         for (int64_t i = 0; i < opennrows_; i++)
             to.stop.end()[i] = to.limit.end()[i] = to.ptr.end()[i];
@@ -229,7 +236,7 @@ void Rows::filterchunk(Chunk &chunk, const Registry &variables, bool pendingonly
             chunk.var[kept] = chunk.var[k];
             chunk.coef[kept++] = chunk.coef[k];
         }
-        chunk.ptr[i + 1] = kept;
+        chunk.ptr[i + 1] = static_cast<int32_t>(kept);
         from = to;
     }
     chunk.nnz = kept;
@@ -247,7 +254,7 @@ void Rows::filterrows(Chunk &chunk) {
             moveterms(chunk.var.data() + kept, chunk.var.data() + from, n);
             moveterms(chunk.coef.data() + kept, chunk.coef.data() + from, n);
             kept += n;
-            chunk.ptr[++keptrows] = kept;
+            chunk.ptr[++keptrows] = static_cast<int32_t>(kept);
         }
         from = to;
     }

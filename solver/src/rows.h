@@ -32,15 +32,15 @@ struct Chunk {
     int32_t nrows = 0;
     int64_t nnz = 0;       // live terms
     bool shared = false;   // small blocks may be appended
-    Buffer<int64_t> ptr;   // nrows + 1; the last entry is where the next row would begin
-    Buffer<int64_t> stop;  // loose chunks only
-    Buffer<int64_t> limit; // loose chunks only
+    Buffer<int32_t> ptr;   // nrows + 1; the last entry is where the next row would begin
+    Buffer<int32_t> stop;  // loose chunks only
+    Buffer<int32_t> limit; // loose chunks only
     Buffer<int32_t> var;
     Buffer<double> coef;
 
     bool loose() const { return !stop.empty(); }
     Row row(int32_t i) const {
-        int64_t from = ptr[i], to = loose() ? stop[i] : ptr[i + 1];
+        const int64_t from = ptr[i], to = loose() ? stop[i] : ptr[i + 1];
         return {to - from, var.data() + from, coef.data() + from};
     }
     void makeloose();
@@ -124,6 +124,7 @@ class Rows {
     // The open block: in fresh memory if it is large, else in the staging chunk, which is kept.
     bool isopen_ = false, small_ = false;
     int64_t opennrows_ = 0, opennnz_ = 0;
+    Buffer<int64_t> openptr_; // as wide as callers have them; chunks keep 32 bits, which is what engines read
     Chunk block_, staging_;
 };
 
