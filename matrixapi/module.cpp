@@ -90,6 +90,7 @@ void export_api(PyObject *module) {
            degree_of,
            rows_open,
            rows_write,
+           rows_share,
            rows_close,
            api_mvar,
            api_mconstr,

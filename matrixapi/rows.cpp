@@ -224,6 +224,13 @@ std::unique_ptr<Block> difference(PyObject *lhs, PyObject *rhs, bool *scalar) {
     return block;
 }
 
+void write_constants(const Block &held, double *constants) {
+    if (held.subtracted && PyArray_SIZE(as_array(held.subtracted)) != held.form.size)
+        fail(PyExc_ValueError, "the array of a constraint's side was resized while its rows were added");
+    for (int64_t i = 0; i < held.form.size; ++i)
+        constants[i] = constant_at(held, i);
+}
+
 int degree_of_elements(PyObject *array) {
     Ref elements = contiguous_objects(array);
     auto **from = static_cast<PyObject **>(PyArray_DATA(as_array(elements)));
@@ -296,12 +303,60 @@ int rows_write(RowBlock *block, int64_t *ptr, int32_t *var, double *coef, double
     return border_status([&] {
         const Block &held = *static_cast<Block *>(block->held);
         const flat::Form &form = held.form;
-        if (held.subtracted && PyArray_SIZE(as_array(held.subtracted)) != form.size)
-            fail(PyExc_ValueError, "the array of a constraint's side was resized while its rows were added");
         flat::write_rows(form.summands, form.size, ptr, var, coef);
-        for (int64_t i = 0; i < form.size; ++i)
-            constants[i] = constant_at(held, i);
+        write_constants(held, constants);
     });
+}
+
+namespace {
+
+// Variable j of the vector has the id j, as in a model whose first variables these are.
+bool counts_up(const flat::Buffer<int32_t> &ids) {
+    for (int64_t j = 0; j < ids.size(); ++j)
+        if (ids[j] != j)
+            return false;
+    return true;
+}
+
+// The same terms with their ids in `cols`: a new array only where columns are not ids already.
+flat::Summand with_ids(const flat::Summand &summand) {
+    flat::Summand result = summand;
+    result.vars = {};
+    if (summand.vars.empty() || counts_up(summand.vars))
+        return result;
+    int64_t nnz = summand.nnz();
+    result.cols = flat::Buffer<int32_t>(nnz);
+    int32_t *ids = result.cols.write();
+    for (int64_t k = 0; k < nnz; ++k)
+        ids[k] = summand.vars.data()[summand.cols.data()[k]];
+    return result;
+}
+
+void release_summand(void *keeper) {
+    delete static_cast<flat::Summand *>(keeper);
+}
+
+// Below this many terms a copy costs nothing that anybody would notice.
+constexpr int64_t worth_sharing = 10'000;
+
+} // namespace
+
+int rows_share(RowBlock *block, TRVsharedrows *rows, double *constants) {
+    bool shared = false;
+    int failed = border_status([&] {
+        const Block &held = *static_cast<Block *>(block->held);
+        if (held.form.summands.size() != 1 || block->nnz < worth_sharing)
+            return;
+        const flat::Summand &only = held.form.summands[0];
+        if (only.cols.empty() || only.coef.empty())
+            return;
+        auto keeper = std::make_unique<flat::Summand>(with_ids(only));
+        write_constants(held, constants);
+        *rows = {keeper->ptr.data(), keeper->width, keeper->cols.data(), keeper->coef.data(), nullptr, release_summand};
+        rows->keeper = keeper.release();
+        shared = true;
+    });
+    return failed < 0 ? -1 : shared;
 }
 
 void rows_close(RowBlock *block) {

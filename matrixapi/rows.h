@@ -8,6 +8,7 @@ namespace tarvopy {
 int degree_of(PyObject *object);
 int rows_open(PyObject *lhs, PyObject *rhs, RowBlock *block);
 int rows_write(RowBlock *block, int64_t *ptr, int32_t *var, double *coef, double *constants);
+int rows_share(RowBlock *block, TRVsharedrows *rows, double *constants);
 void rows_close(RowBlock *block);
 
 } // namespace tarvopy

@@ -95,8 +95,10 @@ class Rows {
     Rows &operator=(const Rows &) = delete;
     ~Rows() {
         matrix().rows_close(&block_);
-        if (store_)
+        if (store_ && !shared_.release)
             TRVdroprows(store_);
+        if (shared_.release)
+            shared_.release(shared_.keeper);
     }
     const RowBlock &block() const { return block_; }
     Shape shape() const { return Shape(block_.ndim, block_.shape); }
@@ -106,11 +108,16 @@ class Rows {
             throw PythonError{};
     }
 
-    // Writes the terms into a block of the store, which this object drops unless it is committed; returns the
-    // constants.
+    // Writes the terms into a block of the store, which this object drops unless it is committed, or holds them ready
+    // for the store where they stand; returns the constants.
     std::unique_ptr<double[]> write_into(TRVmodel *store) {
         // At least one entry, so that the pointer is one for zero rows too; not zeroed, since every entry is written.
         std::unique_ptr<double[]> constants(new double[block_.nrows + 1]);
+        int shared = check_status(matrix().rows_share(&block_, &shared_, constants.get()));
+        store_ = store;
+        if (shared)
+            return constants;
+        store_ = nullptr;
         TRVrows rows;
         succeed(store, TRVopenrows(store, block_.nrows, block_.nnz, &rows));
         store_ = store;
@@ -121,12 +128,19 @@ class Rows {
     int32_t commit(const double *lower, int lowerstep, const double *upper, int upperstep, const TRVnames *names) {
         TRVmodel *store = std::exchange(store_, nullptr); // a failed commit leaves nothing open
         int32_t first;
+        if (shared_.release) {
+            TRVsharedrows shared = std::exchange(shared_, {}); // the store's from here on
+            succeed(store,
+                    TRVsharerows(store, block_.nrows, &shared, lower, lowerstep, upper, upperstep, names, &first));
+            return first;
+        }
         succeed(store, TRVcommitrows(store, lower, lowerstep, upper, upperstep, names, &first));
         return first;
     }
 
   private:
     RowBlock block_{};
+    TRVsharedrows shared_{};
     TRVmodel *store_ = nullptr;
 };
 

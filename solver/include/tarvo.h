@@ -128,6 +128,20 @@ TRV_API void TRVdroprows(TRVmodel *model);
 TRV_API int TRVaddrows(TRVmodel *model, int64_t nrows, const int64_t *ptr, const int32_t *var, const double *coef,
                        const double *lower, int lowerstep, const double *upper, int upperstep, const TRVnames *names,
                        int32_t *firstid);
+/* Rows whose terms stand in memory that nobody changes any more (an expression's own): the store keeps the terms there,
+ * and copies them before it changes one itself. Terms that must be tidied (duplicates, zeros) are copied at once.
+ * release(keeper) is called exactly once, when the store has done with the memory, after a failure too. ptr NULL: every
+ * row has `width` terms. */
+typedef struct TRVsharedrows {
+    const int64_t *ptr;
+    int64_t width;
+    const int32_t *var;
+    const double *coef;
+    void *keeper;
+    void (*release)(void *keeper);
+} TRVsharedrows;
+TRV_API int TRVsharerows(TRVmodel *model, int64_t nrows, const TRVsharedrows *rows, const double *lower, int lowerstep,
+                         const double *upper, int upperstep, const TRVnames *names, int32_t *firstid);
 
 /* Replaces all Obj and ObjConstant at once (duplicates are summed). sense: 1, -1, or 0 to keep it. */
 TRV_API int TRVsetobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, double constant,

@@ -55,6 +55,17 @@ int TRVaddvars(TRVmodel *model, int64_t n, const double *lb, int lbstep, const d
     });
 }
 
+int TRVsharerows(TRVmodel *model, int64_t nrows, const TRVsharedrows *rows, const double *lower, int lowerstep,
+                 const double *upper, int upperstep, const TRVnames *names, int32_t *firstid) {
+    return border(model, [&] {
+        requirepointer("rows", rows, 1);
+        const int32_t first =
+            model->rows.share(model->columns, nrows, *rows, lower, lowerstep, upper, upperstep, names);
+        if (firstid)
+            *firstid = first;
+    });
+}
+
 int TRVopenrows(TRVmodel *model, int64_t nrows, int64_t nnz, TRVrows *rows) {
     return border(model, [&] {
         requirepointer("rows", rows, 1);

@@ -42,7 +42,18 @@ template <class T> class Buffer {
         swap(taken);
         return *this;
     }
-    ~Buffer() { blocks::give(data_); }
+    ~Buffer() {
+        if (capacity_)
+            blocks::give(data_);
+    }
+
+    // Memory of somebody else, only to be read. Growing copies it.
+    static Buffer borrow(const T *data, size_t n) {
+        Buffer buffer;
+        buffer.data_ = const_cast<T *>(data);
+        buffer.size_ = n;
+        return buffer;
+    }
 
     T *data() { return data_; }
     const T *data() const { return data_; }
@@ -88,7 +99,7 @@ template <class T> class Buffer {
     }
     // Gives back what is not used, where that is worth a call to the allocator; a failure to do so does not matter.
     void shrink() noexcept {
-        if (capacity_ - size_ < 4096 || size_ == 0)
+        if (capacity_ < size_ + 4096 || size_ == 0)
             return;
         if (void *p = blocks::resize(data_, size_ * sizeof(T))) {
             data_ = static_cast<T *>(p);
@@ -115,9 +126,12 @@ template <class T> class Buffer {
             n = 16;
         if (n > SIZE_MAX / 2 / sizeof(T))
             throw std::bad_alloc();
-        void *p = blocks::resize(data_, n * sizeof(T));
+        const bool borrowed = data_ && !capacity_;
+        void *p = borrowed ? blocks::take(n * sizeof(T)) : blocks::resize(data_, n * sizeof(T));
         if (!p)
             throw std::bad_alloc();
+        if (borrowed)
+            moveterms(static_cast<T *>(p), data_, size_);
         data_ = static_cast<T *>(p);
         capacity_ = n;
     }

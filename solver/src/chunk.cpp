@@ -5,6 +5,20 @@
 
 namespace store {
 
+void Chunk::own() {
+    if (!keeper)
+        return;
+    Buffer<int32_t> newvar;
+    Buffer<double> newcoef;
+    moveterms(newvar.room(var.size()), var.data(), var.size());
+    moveterms(newcoef.room(coef.size()), coef.data(), coef.size());
+    newvar.grow(var.size());
+    newcoef.grow(coef.size());
+    var.swap(newvar);
+    coef.swap(newcoef);
+    keeper = Keeper();
+}
+
 void Chunk::makeloose() {
     if (loose() || nrows == 0)
         return;
@@ -59,6 +73,7 @@ void Chunk::moverow(int32_t i) {
 }
 
 void Chunk::append(int32_t i, int32_t id, double value) {
+    own();
     makeloose();
     if (stop[i] == limit[i])
         moverow(i);
@@ -69,6 +84,7 @@ void Chunk::append(int32_t i, int32_t id, double value) {
 }
 
 void Chunk::set(int32_t i, int64_t k, double value) {
+    own();
     if (value != 0.0) {
         coef[ptr[i] + k] = value;
         return;

@@ -113,6 +113,21 @@ int64_t tidyrow(const Registry &variables, Marker &marker, int64_t row, int64_t 
 
 } // namespace
 
+bool tidyalready(const Registry &variables, int64_t nrows, int64_t nnz, const int64_t *ptr, const int32_t *var,
+                 const double *coef) {
+    if (!variables.identity() || variables.anygone())
+        return false;
+    for (int64_t i = 0; i < nrows; i++) {
+        const int64_t from = ptr[i], n = ptr[i + 1] - from;
+        if (n < 0 || from < 0 || ptr[i + 1] > nnz)
+            return false; // tidyterms says what is wrong
+        const Scan scan = scanrow(n, var + from, coef + from, variables.count());
+        if (!scan.inrange || !scan.finite || !scan.ascending || !scan.nonzero)
+            return false;
+    }
+    return ptr[0] == 0;
+}
+
 int64_t tidyterms(const Registry &variables, Marker &marker, int64_t nrows, int64_t nnz, int64_t *ptr, int32_t *var,
                   double *coef) {
     if (ptr[0] != 0)

@@ -75,6 +75,43 @@ int32_t Rows::commit(const Columns &columns, const double *low, int lowstep, con
         ~Closing() { rows.drop(); }
     } closing{*this};
 
+    Chunk &from = small_ ? staging_ : block_;
+    const int64_t nnz =
+        tidyterms(columns.ids, marker_, opennrows_, opennnz_, openptr_.data(), from.var.data(), from.coef.data());
+    return addopen(nnz, low, lowstep, up, upstep, newnames);
+}
+
+int32_t Rows::share(const Columns &columns, int64_t nrows, const TRVsharedrows &rows, const double *low, int lowstep,
+                    const double *up, int upstep, const TRVnames *newnames) {
+    Keeper keeper(rows.keeper, rows.release);
+    requirecount("rows", nrows);
+    const int64_t nnz = rows.ptr ? rows.ptr[nrows] : nrows * rows.width;
+    TRVrows place = open(nrows, 0);
+    for (int64_t i = 0; i <= nrows; i++)
+        place.ptr[i] = rows.ptr ? rows.ptr[i] : i * rows.width;
+    struct Closing {
+        Rows &rows;
+        ~Closing() { rows.drop(); }
+    } closing{*this};
+    if (nnz <= kSmall || !tidyalready(columns.ids, nrows, nnz, place.ptr, rows.var, rows.coef)) {
+        Buffer<int64_t> pointers;
+        pointers.swap(openptr_);
+        place = open(nrows, nnz);
+        moveterms(place.ptr, pointers.data(), nrows + 1);
+        moveterms(place.var, rows.var, nnz);
+        moveterms(place.coef, rows.coef, nnz);
+        return commit(columns, low, lowstep, up, upstep, newnames);
+    }
+    small_ = false;
+    block_.var = Buffer<int32_t>::borrow(rows.var, nnz);
+    block_.coef = Buffer<double>::borrow(rows.coef, nnz);
+    block_.keeper = std::move(keeper);
+    return addopen(nnz, low, lowstep, up, upstep, newnames);
+}
+
+// The terms of the open block are in the stored form.
+int32_t Rows::addopen(int64_t nnz, const double *low, int lowstep, const double *up, int upstep,
+                      const TRVnames *newnames) {
     const int64_t n = opennrows_, first = ids.count();
     requirepointer("Lower", low, n);
     requirepointer("Upper", up, n);
@@ -86,9 +123,6 @@ int32_t Rows::commit(const Columns &columns, const double *low, int lowstep, con
         u[i] = checkedupper(up[i * upstep], first + i, "Upper");
         s[i] = senseof(l[i], u[i]);
     }
-    Chunk &from = small_ ? staging_ : block_;
-    const int64_t nnz =
-        tidyterms(columns.ids, marker_, n, opennnz_, openptr_.data(), from.var.data(), from.coef.data());
     preparechunk(nnz);
     names.add(static_cast<int32_t>(first), n, newnames); // the last step that can fail
     finishchunk(nnz);
@@ -134,10 +168,12 @@ void Rows::finishchunk(int64_t nnz) noexcept {
     block_.nnz = nnz;
     std::copy_n(openptr_.data(), opennrows_ + 1, block_.ptr.data());
     block_.ptr.grow(opennrows_ + 1);
-    block_.var.grow(nnz);
-    block_.coef.grow(nnz);
-    block_.var.shrink();
-    block_.coef.shrink();
+    if (!block_.keeper) {
+        block_.var.grow(nnz);
+        block_.coef.grow(nnz);
+        block_.var.shrink();
+        block_.coef.shrink();
+    }
     chunks_.push_back(std::move(block_));
 }
 
@@ -268,16 +304,21 @@ void Rows::filterrows(Chunk &chunk) {
 void Rows::purge(const Columns &columns) {
     if (!stale_)
         return;
-    for (Chunk &chunk : chunks_)
+    for (Chunk &chunk : chunks_) {
+        chunk.own();
         filterchunk(chunk, columns.ids, true);
+    }
     stale_ = false;
 }
 
 void Rows::prepareupdate(const Columns &columns) {
     const bool filter = columns.ids.anygone() || ids.anygone();
-    for (Chunk &chunk : chunks_)
+    for (Chunk &chunk : chunks_) {
+        if (filter)
+            chunk.own();
         if (filter || static_cast<int64_t>(chunk.var.size()) > chunk.nnz + chunk.nnz / 2 + 1024)
             chunk.maketight();
+    }
 }
 
 void Rows::update(const Columns &columns) noexcept {

@@ -27,6 +27,29 @@ struct Row {
     const double *coef;
 };
 
+// Whose memory a chunk's terms stand in, where it is not the chunk's own.
+class Keeper {
+  public:
+    Keeper() = default;
+    Keeper(void *keeper, void (*release)(void *)) : keeper_(keeper), release_(release) {}
+    Keeper(Keeper &&other) noexcept
+        : keeper_(std::exchange(other.keeper_, nullptr)), release_(std::exchange(other.release_, nullptr)) {}
+    Keeper &operator=(Keeper &&other) noexcept {
+        std::swap(keeper_, other.keeper_);
+        std::swap(release_, other.release_);
+        return *this;
+    }
+    ~Keeper() {
+        if (release_)
+            release_(keeper_);
+    }
+    explicit operator bool() const { return release_; }
+
+  private:
+    void *keeper_ = nullptr;
+    void (*release_)(void *) = nullptr;
+};
+
 struct Chunk {
     int32_t first = 0; // slot of its first row
     int32_t nrows = 0;
@@ -37,12 +60,14 @@ struct Chunk {
     Buffer<int32_t> limit; // loose chunks only
     Buffer<int32_t> var;
     Buffer<double> coef;
+    Keeper keeper; // of var and coef, which are then only read
 
     bool loose() const { return !stop.empty(); }
     Row row(int32_t i) const {
         const int64_t from = ptr[i], to = loose() ? stop[i] : ptr[i + 1];
         return {to - from, var.data() + from, coef.data() + from};
     }
+    void own(); // before any term is changed
     void makeloose();
     void maketight();
     void set(int32_t i, int64_t k, double value); // 0 takes the k-th term away
@@ -76,6 +101,8 @@ class Rows {
     int32_t commit(const Columns &columns, const double *low, int lowstep, const double *up, int upstep,
                    const TRVnames *newnames);
     void drop() noexcept;
+    int32_t share(const Columns &columns, int64_t nrows, const TRVsharedrows &rows, const double *low, int lowstep,
+                  const double *up, int upstep, const TRVnames *newnames);
 
     Row row(int32_t slot) const;
     // Position of the term in its row, -1 where there is none.
@@ -109,6 +136,8 @@ class Rows {
     static double checkedupper(double value, int64_t row, const char *what);
 
   private:
+    int32_t addopen(int64_t nnz, const double *low, int lowstep, const double *up, int upstep,
+                    const TRVnames *newnames);
     void preparechunk(int64_t nnz);
     void finishchunk(int64_t nnz) noexcept;
     void finishshared(Chunk &to, int64_t nnz) noexcept;
@@ -128,6 +157,9 @@ class Rows {
     Chunk block_, staging_;
 };
 
+// Whether the terms are in the stored form as they are: valid, ascending in each row, without zeros.
+bool tidyalready(const Registry &variables, int64_t nrows, int64_t nnz, const int64_t *ptr, const int32_t *var,
+                 const double *coef);
 // Checks the terms of a block of rows and brings them to the stored form: duplicates summed, zeros dropped. Returns
 // what is left.
 int64_t tidyterms(const Registry &variables, Marker &marker, int64_t nrows, int64_t nnz, int64_t *ptr, int32_t *var,
