@@ -37,11 +37,14 @@ Summand scaled(const Summand &summand, double factor) {
 Summand scaled_rows(const Summand &summand, const double *factors) {
     Summand result = summand;
     result.coef = Buffer<double>(summand.nnz());
-    double *to = result.coef.write();
-    for (int64_t row = 0; row < summand.nrows; ++row)
-        for (int64_t k = summand.begin(row), end = summand.end(row); k < end; ++k)
-            to[k] = summand.coefficient(k) * factors[row];
     result.scale = 1.0;
+    double *to = result.coef.write();
+    const double *from = summand.coef.data();
+    for (int64_t row = 0; row < summand.nrows; ++row) {
+        const double factor = factors[row];
+        for (int64_t k = summand.begin(row), end = summand.end(row); k < end; ++k)
+            to[k] = (from ? from[k] : summand.scale) * factor;
+    }
     return result;
 }
 

@@ -136,6 +136,8 @@ void write_rows(std::span<const Summand> summands, int64_t nrows, int64_t *ptr, 
 // are.
 std::vector<int64_t> broadcast_map(const Shape &from, const Shape &to);
 Form broadcast(const Form &form, const Shape &to);
+// The same of plain numbers; out has one entry for each element of `to`.
+void broadcast_values(const double *values, const Shape &from, const Shape &to, double *out);
 // Appends other's terms and constants (factor 1 or -1 or any number), both of one shape.
 void add(Form &form, const Form &other, double factor = 1.0);
 void add_constant(Form &form, const double *values); // one per element

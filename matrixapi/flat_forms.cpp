@@ -76,7 +76,8 @@ Form scaled(const Form &form, double factor) {
 
 Form scaled_rows(const Form &form, const double *factors) {
     Form result{form.shape, form.size, {}, {}};
-    result.constant = filled(form.size, [&](int64_t i) { return form.constant[i] * factors[i]; });
+    if (!form.constant.values.empty() || form.constant.uniform != 0.0)
+        result.constant = filled(form.size, [&](int64_t i) { return form.constant[i] * factors[i]; });
     for (const Summand &summand : form.summands)
         result.summands.push_back(scaled_rows(summand, factors));
     return result;
@@ -86,17 +87,27 @@ Form scaled_rows(const Form &form, const double *factors) {
 
 namespace {
 
-// Walks a shape in C order and keeps an offset along: the odometer of every index map here.
-template <class Visit> void walk(const Shape &shape, const std::vector<int64_t> &steps, Visit visit) {
-    int64_t size = size_of(shape), offset = 0;
-    Shape at(shape.size(), 0);
-    for (int64_t i = 0; i < size; ++i) {
-        visit(i, offset);
-        for (size_t d = shape.size(); d-- > 0;) {
-            offset += steps[d];
-            if (++at[d] < shape[d])
+// Which old row each new row is, where that is a matter of steps: broadcasting and moving axes. No list of rows is made
+// for it.
+struct Steps {
+    Shape shape; // of the result
+    std::vector<int64_t> step;
+};
+
+// Calls visit(new row, old row) in C order of the result.
+template <class Visit> void walk(const Steps &steps, Visit visit) {
+    size_t outer = steps.shape.empty() ? 0 : steps.shape.size() - 1;
+    int64_t inner = steps.shape.empty() ? 1 : steps.shape.back(), step = steps.shape.empty() ? 0 : steps.step.back();
+    int64_t size = size_of(steps.shape), old = 0;
+    Shape at(outer, 0);
+    for (int64_t i = 0; i < size;) {
+        for (int64_t j = 0; j < inner; ++j, ++i)
+            visit(i, old + j * step);
+        for (size_t d = outer; d-- > 0;) {
+            old += steps.step[d];
+            if (++at[d] < steps.shape[d])
                 break;
-            offset -= steps[d] * shape[d];
+            old -= steps.step[d] * steps.shape[d];
             at[d] = 0;
         }
     }
@@ -112,19 +123,75 @@ std::vector<int64_t> c_steps(const Shape &shape) {
     return steps;
 }
 
+Steps broadcast_steps(const Shape &from, const Shape &to) {
+    Steps steps{to, std::vector<int64_t>(to.size(), 0)};
+    std::vector<int64_t> own = c_steps(from);
+    size_t ahead = to.size() - from.size();
+    for (size_t d = 0; d < from.size(); ++d)
+        if (from[d] != 1)
+            steps.step[ahead + d] = own[d];
+    return steps;
+}
+
+std::vector<int64_t> listed(const Steps &steps) {
+    std::vector<int64_t> map(static_cast<size_t>(size_of(steps.shape)));
+    walk(steps, [&](int64_t i, int64_t old) { map[static_cast<size_t>(i)] = old; });
+    return map;
+}
+
+Constant gathered(const Constant &constant, const Steps &steps) {
+    if (constant.values.empty())
+        return constant;
+    Constant result;
+    result.values = Buffer<double>(size_of(steps.shape));
+    walk(steps,
+         [to = result.values.write(), from = constant.values.data()](int64_t i, int64_t old) { to[i] = from[old]; });
+    return result;
+}
+
+// One term a row: what variables and their scaled arrays are.
+Summand gathered_single(const Summand &summand, const Steps &steps) {
+    Summand result = summand;
+    result.nrows = size_of(steps.shape);
+    result.cols = Buffer<int32_t>(result.nrows);
+    int32_t *cols = result.cols.write();
+    if (summand.cols.empty())
+        walk(steps, [&](int64_t i, int64_t old) { cols[i] = static_cast<int32_t>(old); });
+    else
+        walk(steps, [cols, from = summand.cols.data()](int64_t i, int64_t old) { cols[i] = from[old]; });
+    if (summand.coef.empty())
+        return result;
+    result.coef = Buffer<double>(result.nrows);
+    walk(steps, [to = result.coef.write(), from = summand.coef.data()](int64_t i, int64_t old) { to[i] = from[old]; });
+    return result;
+}
+
+Form gathered(const Form &form, const Steps &steps, const Shape &shape) {
+    Form result{shape, size_of(shape), {}, {}};
+    result.constant = gathered(form.constant, steps);
+    std::vector<int64_t> map; // made for the first summand that asks for it
+    for (const Summand &summand : form.summands) {
+        if (summand.ptr.empty() && summand.width == 1) {
+            result.summands.push_back(gathered_single(summand, steps));
+            continue;
+        }
+        if (map.empty())
+            map = listed(steps);
+        result.summands.push_back(gathered(summand, map.data(), result.size));
+    }
+    return result;
+}
+
 } // namespace
 
 std::vector<int64_t> broadcast_map(const Shape &from, const Shape &to) {
     if (size_of(from) == size_of(to))
         return {};
-    std::vector<int64_t> own = c_steps(from), steps(to.size(), 0);
-    size_t ahead = to.size() - from.size();
-    for (size_t d = 0; d < from.size(); ++d)
-        if (from[d] != 1)
-            steps[ahead + d] = own[d];
-    std::vector<int64_t> map(static_cast<size_t>(size_of(to)));
-    walk(to, steps, [&](int64_t i, int64_t offset) { map[static_cast<size_t>(i)] = offset; });
-    return map;
+    return listed(broadcast_steps(from, to));
+}
+
+void broadcast_values(const double *values, const Shape &from, const Shape &to, double *out) {
+    walk(broadcast_steps(from, to), [=](int64_t i, int64_t old) { out[i] = values[old]; });
 }
 
 Form gathered(const Form &form, const int64_t *map, const Shape &shape) {
@@ -136,9 +203,8 @@ Form gathered(const Form &form, const int64_t *map, const Shape &shape) {
 }
 
 Form broadcast(const Form &form, const Shape &to) {
-    std::vector<int64_t> map = broadcast_map(form.shape, to);
-    if (!map.empty() || size_of(to) != form.size)
-        return gathered(form, map.data(), to);
+    if (size_of(to) != form.size)
+        return gathered(form, broadcast_steps(form.shape, to), to);
     Form result = form;
     result.shape = to;
     return result;
@@ -181,11 +247,9 @@ Form summed(const Form &form, std::span<const int> axes) {
         return result;
     Form ordered = form;
     if (!trailing && form.size > 0) {
-        std::vector<int64_t> map(static_cast<size_t>(form.size));
         kept.insert(kept.end(), inner.begin(), inner.end());
         kept_steps.insert(kept_steps.end(), inner_steps.begin(), inner_steps.end());
-        walk(kept, kept_steps, [&](int64_t i, int64_t offset) { map[static_cast<size_t>(i)] = offset; });
-        ordered = gathered(form, map.data(), form.shape);
+        ordered = gathered(form, Steps{kept, kept_steps}, form.shape);
     }
     if (ordered.constant.values.empty() && ordered.constant.uniform == 0.0)
         result.constant.uniform = 0.0;

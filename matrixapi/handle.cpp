@@ -8,7 +8,6 @@ namespace tarvopy {
 using namespace pysupport;
 
 // ---- layouts
-// ---------------------------------------------------------------------------------------------------------
 
 Layout Layout::contiguous(int ndim, const npy_intp *shape) {
     Layout layout(ndim);
@@ -39,7 +38,6 @@ bool Layout::is_contiguous() const {
 }
 
 // ---- arrays over blocks
-// ----------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -150,7 +148,6 @@ Ref array_over(const flat::Buffer<int32_t> &ids, int ndim, const npy_intp *shape
 }
 
 // ---- handles
-// ---------------------------------------------------------------------------------------------------------
 
 IdsNative *ids_of(PyObject *self, const HandleClass &of) {
     IdsNative *native = native_handle(self, of);
@@ -221,7 +218,6 @@ Ref wrap_objects(const HandleClass &of, PyObject *array) {
 }
 
 // ---- structure
-// -------------------------------------------------------------------------------------------------------
 
 Elements elements_of(PyObject *self, const HandleClass &of) {
     need_numpy();
@@ -303,7 +299,6 @@ Ref handle_from_copy(const Elements &source, const HandleClass &of, const Ref &r
 }
 
 // ---- reading
-// ---------------------------------------------------------------------------------------------------------
 
 namespace {
 

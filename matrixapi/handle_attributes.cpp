@@ -124,7 +124,6 @@ Ref get_attribute(PyObject *self, const HandleClass &of, PyObject *name) {
 }
 
 // ---- writing
-// -----------------------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -17,7 +17,6 @@ Ref dimensions(const Layout &layout) {
 }
 
 // ---- the stored attributes as ordinary ones
-// ----------------------------------------------------------------------------
 
 Ref stored_or_error(PyObject *self, PyObject *name) {
     PyObject *value = stored(self, name);
@@ -162,7 +161,6 @@ PyObject *tolist(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObje
 }
 
 // ---- attributes of the model's elements
-// ------------------------------------------------------------------------------
 
 template <const HandleClass &of>
 PyObject *idxarr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {

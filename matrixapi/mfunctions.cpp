@@ -44,7 +44,6 @@ bool all_of_class(Members members, PyObject *cls) {
 }
 
 // ---- handles
-// -----------------------------------------------------------------------------------------------------------
 
 // True where all members are ids of one model, whose handle is then in `joined`.
 bool share_a_model(Members members, const HandleClass &of, Elements &joined) {
@@ -70,7 +69,6 @@ Ref join_handles(const Routine &routine, Members members, const HandleClass &of)
 }
 
 // ---- linear expressions
-// --------------------------------------------------------------------------------------------------
 
 bool is_linear_member(PyObject *member) {
     return is_array(member) || is_mvar(member) || is_mlinexpr(member);
@@ -146,7 +144,6 @@ Ref join_linear(const Routine &routine, Members members) {
 }
 
 // ---- the rule
-// ------------------------------------------------------------------------------------------------------------
 
 bool all_up_to(Members members, std::initializer_list<PyObject *> classes) {
     return std::all_of(members.begin(), members.end(), [&](PyObject *member) {

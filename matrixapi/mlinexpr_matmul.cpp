@@ -83,7 +83,6 @@ flat::Summand summand_of(flat::Csr csr) {
 }
 
 // ---- compact
-// ---------------------------------------------------------------------------------------------------------
 
 // The one entry of a (1, 1) matrix; a missing one is 0.
 double only_entry(const flat::Csr &csr) {
@@ -152,7 +151,6 @@ Ref compact_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side, c
 }
 
 // ---- full
-// --------------------------------------------------------------------------------------------------------------
 
 // A stack of matrices over the leading axes: offsets of the k-th matrix, broadcast along the result's leading axes.
 struct Stack {
@@ -232,7 +230,6 @@ Ref full_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side, cons
 }
 
 // ---- dispatch
-// ----------------------------------------------------------------------------------------------------------
 
 // ValueError "Cannot construct MLinExpr from <text>"; a pending exception gives its own text.
 [[noreturn]] void cannot_construct(PyObject *object) {
@@ -275,7 +272,6 @@ Ref from_matmul(PyObject *cls, PyObject *given, PyObject *mvar, Side side) {
 }
 
 // ---- _from_compact_affine_expr
-// -----------------------------------------------------------------------------------------
 
 void need_compact(const flat::Shape &shape, const char *before, const char *after) {
     if (!allows_compact(shape))
@@ -326,7 +322,6 @@ Ref compact_affine(PyObject *cls, PyObject *left, PyObject *given, PyObject *rig
 }
 
 // ---- parts
-// ---------------------------------------------------------------------------------------------------------------
 
 Ref first_pair(PyObject *self) {
     join_parts(self);
@@ -387,7 +382,6 @@ PyObject *extract_Axb(PyObject *self, PyObject *const *args, Py_ssize_t nargs, P
 }
 
 // ---- class methods
-// -------------------------------------------------------------------------------------------------------
 
 PyObject *from_matmul_right(PyObject *cls, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {

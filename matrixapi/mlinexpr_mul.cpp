@@ -17,30 +17,35 @@ namespace {
 constexpr const char *multiplier = "Multiplier";
 
 // ---- multipliers
-// -----------------------------------------------------------------------------------------------------
 
-// One factor for each element of the shape; a single number spreads.
-flat::Buffer<double> spread_factors(const Ref &numbers, const flat::Shape &shape) {
-    flat::Shape own = shape_of_array(numbers.get());
-    int64_t size = flat::size_of(shape);
-    flat::Buffer<double> factors(size);
-    std::vector<int64_t> map = flat::broadcast_map(own, shape);
-    for (int64_t i = 0; i < size; ++i)
-        factors.write()[i] = doubles(numbers)[map.empty() ? i : map[static_cast<size_t>(i)]];
-    return factors;
-}
+// One factor for each element of a shape: the array's own numbers where it has that shape already.
+class Factors {
+  public:
+    Factors(const Ref &numbers, const flat::Shape &shape) : numbers_(numbers) {
+        flat::Shape own = shape_of_array(numbers.get());
+        if (own == shape)
+            return;
+        spread_ = flat::Buffer<double>(flat::size_of(shape));
+        flat::broadcast_values(doubles(numbers), own, shape, spread_.write());
+    }
+    const double *data() const { return spread_.empty() ? doubles(numbers_) : spread_.data(); }
+    double operator[](int64_t i) const { return data()[i]; }
+
+  private:
+    Ref numbers_;
+    flat::Buffer<double> spread_;
+};
 
 void need_finite_array(const Ref &numbers) {
     need_finite(doubles(numbers), PyArray_SIZE(as_array(numbers)), multiplier);
 }
 
-flat::Summand times_rows(const flat::Summand &summand, const Ref &numbers, const flat::Buffer<double> &factors) {
+flat::Summand times_rows(const flat::Summand &summand, const Ref &numbers, const Factors &factors) {
     return PyArray_SIZE(as_array(numbers)) == 1 ? flat::scaled(summand, *doubles(numbers))
                                                 : flat::scaled_rows(summand, factors.data());
 }
 
 // ---- new results
-// -----------------------------------------------------------------------------------------------------
 
 Ref scaled_compact(PyObject *self, double factor) {
     join_parts(self);
@@ -74,7 +79,7 @@ Ref multiply_full(PyObject *self, const Ref &numbers) {
     flat::Form spread = flat::broadcast(value.form, shape);
     flat::Form product = PyArray_SIZE(as_array(numbers)) == 1
                              ? flat::scaled(spread, *doubles(numbers))
-                             : flat::scaled_rows(spread, spread_factors(numbers, shape).data());
+                             : flat::scaled_rows(spread, Factors(numbers, shape).data());
     return make_flat(mod.MLinExpr, std::move(product), std::move(value.model));
 }
 
@@ -90,7 +95,7 @@ Ref multiply_compact(PyObject *self, const Ref &numbers) {
     Ref product = check(PyNumber_Multiply(const_array(self), numbers.get()));
     Ref constant = check(
         PyArray_FROM_OTF(product.get(), NPY_DOUBLE, NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_ENSURECOPY));
-    flat::Buffer<double> factors = spread_factors(numbers, shape);
+    Factors factors(numbers, shape);
     for (Part &part : parts) {
         Part spread = spread_part(part, flat::size_of(shape));
         part = make_part(times_rows(spread.summand, numbers, factors), spread.vector);
@@ -108,7 +113,7 @@ Ref multiply_array(PyObject *self, PyObject *array) {
 // ---- in place ------------------------------------------------------------------------------------------------------
 
 // The documented pair, where it exists, is scaled in its own arrays: whoever holds the matrix sees it.
-void scale_made_part(PyObject *self, const Ref &numbers, const flat::Buffer<double> &factors) {
+void scale_made_part(PyObject *self, const Ref &numbers, const Factors &factors) {
     Ref list = check(PyObject_GetAttr(self, names._matmulparts));
     if (check_value(PyObject_Length(list.get())) == 0)
         return;
@@ -151,7 +156,7 @@ void imul_compact(PyObject *self, const Ref &numbers) {
     need_fit(shape, shape_of_array(numbers.get()));
     if (flat::size_of(shape) > 0)
         need_finite_array(numbers);
-    flat::Buffer<double> factors = spread_factors(numbers, shape);
+    Factors factors(numbers, shape);
     join_parts(self);
     Ref constant = Ref::borrow(const_array(self));
     if (LinearNative *native = linear_of(self)) {
@@ -174,7 +179,7 @@ void imul_full(PyObject *self, const Ref &numbers) {
     if (LinearNative *native = linear_of(self)) {
         native->form = PyArray_SIZE(as_array(numbers)) == 1
                            ? flat::scaled(native->form, *doubles(numbers))
-                           : flat::scaled_rows(native->form, spread_factors(numbers, shape).data());
+                           : flat::scaled_rows(native->form, Factors(numbers, shape).data());
         return;
     }
     elements_in_place(learr(self).get(), numbers.get(), PyNumber_InPlaceMultiply);
@@ -259,7 +264,6 @@ Ref power(PyObject *self, PyObject *other) {
 }
 
 // ---- members
-// ---------------------------------------------------------------------------------------------------------
 
 using Operator = Ref (*)(PyObject *self, PyObject *other);
 

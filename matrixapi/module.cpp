@@ -13,7 +13,6 @@ using namespace pysupport;
 namespace {
 
 // ---- handles for the model's native half
-// -----------------------------------------------------------------------------
 
 flat::Buffer<int32_t> consecutive(int32_t first, int64_t n) {
     flat::Buffer<int32_t> ids(n);
@@ -100,7 +99,6 @@ void export_api(PyObject *module) {
 }
 
 // ---- execution
-// -------------------------------------------------------------------------------------------------------
 
 PyObject *set_eager(PyObject *, PyObject *flag) {
     if (flag == Py_None)

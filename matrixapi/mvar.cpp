@@ -27,7 +27,6 @@ const HandleClass mvar_handle = {
 PyTypeObject *mvar_class = nullptr;
 
 // ---- what the other files ask
-// ----------------------------------------------------------------------------------------
 
 bool mvar_ids(PyObject *mvar, VarIds &out) {
     if (!handle_ids(mvar, mvar_handle, out.ids, out.model))
@@ -71,7 +70,6 @@ Ref wrap_mvar(PyObject *object) {
 }
 
 // ---- construction
-// ------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -130,7 +128,6 @@ PyObject *mvar_fromvar(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyOb
 }
 
 // ---- structure
-// ---------------------------------------------------------------------------------------------------------
 
 Ref wrap_structure(const Elements &source, const Ref &result) {
     return source.flat ? handle_from_ids(source, mvar_handle, result) : wrap_mvar(result.get());
@@ -200,7 +197,6 @@ PyObject *mvar_squeeze(PyObject *self, PyObject *const *args, Py_ssize_t nargs, 
 }
 
 // ---- indexing
-// ----------------------------------------------------------------------------------------------------------
 
 // An element found in an object array becomes a 0-dimensional array; a part of the array stays what it is.
 Ref wrap_indexed(const Ref &result) {
@@ -230,7 +226,6 @@ PyObject *mvar_getitem(PyObject *self, PyObject *const *args, Py_ssize_t nargs, 
 }
 
 // ---- text
-// --------------------------------------------------------------------------------------------------------------
 
 // NumPy's text of an object array without the dtype at its end.
 Ref array_text(PyObject *array) {
@@ -256,7 +251,6 @@ PyObject *mvar_repr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyO
 }
 
 // ---- sums and data
-// -------------------------------------------------------------------------------------------------------
 
 [[noreturn]] void fail_bad_axis(PyObject *axis) {
     Ref text = check(PyObject_Format(axis, nullptr));
@@ -381,7 +375,6 @@ PyObject *mvar_nl(PyObject *self, void *) {
 }
 
 // ---- the class
-// -------------------------------------------------------------------------------------------------------
 
 constexpr const char *mvar_doc = "\n    Matrix variable handle, acting as an array of Var objects.\n"
                                  "    You create such objects through Model.addMVar() or MVar.fromlist().\n\n"

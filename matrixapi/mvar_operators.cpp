@@ -33,7 +33,6 @@ Ref not_handled() {
 }
 
 // ---- multiplication
-// ----------------------------------------------------------------------------------------------------
 
 Ref times_array(PyObject *self, PyObject *array) {
     flat::Shape shape = broadcast_shapes(mvar_shape(self), shape_of_array(array));
@@ -60,7 +59,6 @@ Ref multiply(PyObject *self, PyObject *other) {
 }
 
 // ---- matrix multiplication
-// -----------------------------------------------------------------------------------------------
 
 Ref call_matmul(PyObject *method, const char *first, PyObject *one, const char *second, PyObject *two) {
     Ref function = check(PyObject_GetAttr(mod.MLinExpr, method));
@@ -96,7 +94,6 @@ Ref reflected_matmul(PyObject *self, PyObject *other) {
 }
 
 // ---- powers and division
-// -------------------------------------------------------------------------------------------------
 
 bool equals_two(PyObject *number) {
     Ref two = check(PyFloat_FromDouble(2.0));
@@ -166,7 +163,6 @@ Ref reflected_divide(PyObject *self, PyObject *other) {
 }
 
 // ---- the others
-// --------------------------------------------------------------------------------------------------------
 
 Ref add(PyObject *self, PyObject *other) {
     return check(PyNumber_Add(linear_form(self).get(), other));

@@ -115,7 +115,6 @@ void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out)
 }
 
 // ---- writing
-// --------------------------------------------------------------------------------------------------------------
 
 namespace {
 

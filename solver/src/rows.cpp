@@ -17,7 +17,6 @@ constexpr int64_t kSharedFull =
 } // namespace
 
 // ---- sides
-// ----------------------------------------------------------------------------------------------------------------
 
 char Rows::senseof(double lower, double upper) {
     if (lower == upper)
@@ -40,7 +39,6 @@ double Rows::checkedupper(double value, int64_t row, const char *what) {
 }
 
 // ---- adding
-// ---------------------------------------------------------------------------------------------------------------
 
 TRVrows Rows::open(int64_t nrows, int64_t nnz) {
     ids.requireroom(nrows);
@@ -197,7 +195,6 @@ void Rows::finishshared(Chunk &to, int64_t nnz) noexcept {
 }
 
 // ---- looking and changing
-// -------------------------------------------------------------------------------------------------
 
 size_t Rows::chunkat(int32_t slot) const {
     if (lastchunk_ < chunks_.size()) {
@@ -257,7 +254,6 @@ int64_t Rows::nonzeros(const Columns &columns) const {
 }
 
 // ---- removal and update
-// ---------------------------------------------------------------------------------------------------
 
 // Takes out the terms of variables that are gone, or were removed while pending.
 void Rows::filterchunk(Chunk &chunk, const Registry &variables, bool pendingonly) {
