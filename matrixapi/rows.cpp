@@ -155,8 +155,8 @@ Side side_of(PyObject *object) {
 struct Block {
     flat::Form form;
     Ref model;
-    Ref subtracted; // an array of the block's shape, taken off the constants when they are written; often the caller's
-                    // own
+    Ref subtracted; // numbers that broadcast to the block's shape, taken off the constants when they are written; often
+                    // the caller's own
 };
 
 bool too_large(const flat::Shape &shape) {
@@ -181,18 +181,16 @@ bool holds_nan(const double *values, int64_t size) {
     return std::any_of(values, values + size, [](double value) { return std::isnan(value); });
 }
 
-double constant_at(const Block &block, int64_t i) {
-    return block.form.constant[i] - (block.subtracted ? doubles(block.subtracted)[i] : 0.0);
+[[noreturn]] void fail_nan() {
+    fail(PyExc_ValueError, "NaN is no constant of a constraint");
 }
 
-// Infinite numbers pass (they are bounds), but the difference of two equal ones is none.
+// Infinite numbers pass: they are bounds.
 void refuse_nan(const Block &block) {
     const flat::Constant &constant = block.form.constant;
-    bool nan = std::isnan(constant.uniform) || holds_nan(constant.values.data(), constant.values.size());
-    for (int64_t i = 0; block.subtracted && !nan && i < block.form.size; ++i)
-        nan = std::isnan(constant_at(block, i));
-    if (nan)
-        fail(PyExc_ValueError, "NaN is no constant of a constraint");
+    if (std::isnan(constant.uniform) || holds_nan(constant.values.data(), constant.values.size()) ||
+        (block.subtracted && holds_nan(doubles(block.subtracted), PyArray_SIZE(as_array(block.subtracted)))))
+        fail_nan();
 }
 
 void subtract(Block &block, Side right) {
@@ -200,11 +198,10 @@ void subtract(Block &block, Side right) {
     if (!merge_models(block.model, right.model))
         fail_models();
     block.form = flat::broadcast(block.form, shape);
-    if (right.numbers && right.form.shape == shape) {
+    if (right.numbers) {
         block.subtracted = right.numbers;
         return;
     }
-    take_numbers(right);
     flat::add(block.form, flat::broadcast(right.form, shape), -1.0);
 }
 
@@ -224,11 +221,25 @@ std::unique_ptr<Block> difference(PyObject *lhs, PyObject *rhs, bool *scalar) {
     return block;
 }
 
+// The array was looked at when the block was opened, and whoever holds it may have changed it since.
 void write_constants(const Block &held, double *constants) {
-    if (held.subtracted && PyArray_SIZE(as_array(held.subtracted)) != held.form.size)
+    const flat::Form &form = held.form;
+    if (!held.subtracted) {
+        for (int64_t i = 0; i < form.size; ++i)
+            constants[i] = form.constant[i];
+        return;
+    }
+    flat::Shape own = shape_of_array(held.subtracted.get());
+    if (broadcast_shapes(own, form.shape) != form.shape)
         fail(PyExc_ValueError, "the array of a constraint's side was resized while its rows were added");
-    for (int64_t i = 0; i < held.form.size; ++i)
-        constants[i] = constant_at(held, i);
+    flat::broadcast_values(doubles(held.subtracted), own, form.shape, constants);
+    bool nan = false;
+    for (int64_t i = 0; i < form.size; ++i) {
+        constants[i] = form.constant[i] - constants[i];
+        nan |= std::isnan(constants[i]); // the difference of two infinite sides, too
+    }
+    if (nan)
+        fail_nan();
 }
 
 int degree_of_elements(PyObject *array) {

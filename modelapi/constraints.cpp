@@ -83,6 +83,19 @@ Sense sense_of(PyObject *text) {
     fail(PyExc_ValueError, "the sense of a comparison is '<', '>' or '=', not %R", text);
 }
 
+// Numbers on their way into the store, in memory that the next block of rows uses again; not cleared.
+struct Freed {
+    void operator()(double *memory) const { TRVfree(memory); }
+};
+using Scratch = std::unique_ptr<double[], Freed>;
+
+Scratch new_doubles(int64_t n) {
+    auto *memory = static_cast<double *>(TRVmalloc(sizeof(double) * static_cast<size_t>(n)));
+    if (!memory)
+        throw std::bad_alloc();
+    return Scratch(memory);
+}
+
 // ---- a block of rows between the expression and the store
 
 class Rows {
@@ -110,9 +123,9 @@ class Rows {
 
     // Writes the terms into a block of the store, which this object drops unless it is committed, or holds them ready
     // for the store where they stand; returns the constants.
-    std::unique_ptr<double[]> write_into(TRVmodel *store) {
+    Scratch write_into(TRVmodel *store) {
         // At least one entry, so that the pointer is one for zero rows too; not zeroed, since every entry is written.
-        std::unique_ptr<double[]> constants(new double[block_.nrows + 1]);
+        Scratch constants = new_doubles(block_.nrows + 1);
         int shared = check_status(matrix().rows_share(&block_, &shared_, constants.get()));
         store_ = store;
         if (shared)
@@ -206,7 +219,7 @@ TARVOPY_METHOD(model_addConstr) {
         Shape shape = rows.shape();
         const TRVnames *block = names.block(shape);
         TRVmodel *store = store_of(handle);
-        std::unique_ptr<double[]> bounds = rows.write_into(store);
+        Scratch bounds = rows.write_into(store);
         to_bounds(rows, bounds.get(), sense);
         static const double minus = -HUGE_VAL, plus = HUGE_VAL;
         const double *lower = sense == Sense::Less ? &minus : bounds.get();
@@ -251,8 +264,8 @@ TARVOPY_METHOD(model_addRange) {
         ub.spread(shape);
         const TRVnames *block = names.block(shape);
         TRVmodel *store = store_of(handle);
-        std::unique_ptr<double[]> lower = rows.write_into(store);
-        std::unique_ptr<double[]> upper(new double[shape.size + 1]);
+        Scratch lower = rows.write_into(store);
+        Scratch upper = new_doubles(shape.size + 1);
         for (int64_t i = 0; i < shape.size; ++i) {
             double constant = lower[i];
             lower[i] = lb.at(i) - constant;
@@ -293,7 +306,7 @@ TARVOPY_METHOD(model_setObjective) {
             fail(PyExc_ValueError, "an objective has one element, not shape %s: sum it", rows.shape().text().c_str());
         int64_t terms = rows.block().nnz;
         std::unique_ptr<int32_t[]> vars(new int32_t[terms + 1]);
-        std::unique_ptr<double[]> coefs(new double[terms + 1]);
+        Scratch coefs = new_doubles(terms + 1);
         int64_t ptr[2];
         double constant;
         rows.write(ptr, vars.get(), coefs.get(), &constant);
