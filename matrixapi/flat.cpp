@@ -169,14 +169,41 @@ void write_single(const Summand &summand, int32_t *ids, double *coef) {
 
 } // namespace
 
+namespace {
+
+// One term of this summand a row, at a fixed place within rows of `stride` terms.
+void write_column(const Summand &summand, int64_t first, int64_t last, int64_t stride, int32_t *ids, double *coef) {
+    const int32_t *cols = summand.cols.data(), *vars = summand.vars.data();
+    const double *from = summand.coef.data();
+    for (int64_t row = first; row < last; ++row, ids += stride) {
+        int32_t column = cols ? cols[row] : static_cast<int32_t>(row);
+        *ids = vars ? vars[column] : column;
+    }
+    for (int64_t row = first; row < last; ++row, coef += stride)
+        *coef = from ? from[row] : summand.scale;
+}
+
+bool all_single(std::span<const Summand> summands) {
+    return std::all_of(summands.begin(), summands.end(),
+                       [](const Summand &s) { return s.ptr.empty() && s.width == 1; });
+}
+
+} // namespace
+
 void write_rows(std::span<const Summand> summands, int64_t nrows, int64_t *ptr, int32_t *ids, double *coef) {
     write_pointers(summands, nrows, ptr);
     if (summands.size() == 1)
         return write_single(summands[0], ids, coef);
+    const bool single = all_single(summands);
+    const int64_t stride = static_cast<int64_t>(summands.size());
     // Blocks of rows keep the places and the written lines in the cache while one summand after the other is read.
     int64_t place[block_rows];
     for (int64_t first = 0; first < nrows; first += block_rows) {
         int64_t last = std::min(first + block_rows, nrows);
+        for (int64_t s = 0; single && s < stride; ++s)
+            write_column(summands[s], first, last, stride, ids + first * stride + s, coef + first * stride + s);
+        if (single)
+            continue;
         std::copy(ptr + first, ptr + last, place);
         for (const Summand &summand : summands)
             write_block(summand, first, last, place, ids, coef);

@@ -113,23 +113,54 @@ int64_t tidyrow(const Registry &variables, Marker &marker, int64_t row, int64_t 
 
 } // namespace
 
+namespace {
+
+bool pointershold(int64_t nrows, int64_t nnz, const int64_t *ptr) {
+    bool hold = ptr[0] == 0 && ptr[nrows] <= nnz;
+    for (int64_t i = 0; i < nrows; i++)
+        hold &= ptr[i] <= ptr[i + 1];
+    return hold;
+}
+
+// Where the ids do not ascend, one row must end and another begin: counted over all terms, and over the ends of rows.
+int64_t descents(int64_t n, const int32_t *var) {
+    int64_t count = 0;
+    for (int64_t k = 1; k < n; k++)
+        count += var[k] <= var[k - 1];
+    return count;
+}
+
+int64_t descentsatends(int64_t nrows, const int64_t *ptr, const int32_t *var) {
+    int64_t count = 0;
+    for (int64_t i = 1; i < nrows; i++) {
+        const int64_t begin = ptr[i];
+        if (begin > 0 && begin < ptr[i + 1])
+            count += var[begin] <= var[begin - 1];
+    }
+    return count;
+}
+
+} // namespace
+
+// A pass without a branch per row: rows of two terms are the common case.
 bool tidyalready(const Registry &variables, int64_t nrows, int64_t nnz, const int64_t *ptr, const int32_t *var,
                  const double *coef) {
-    if (!variables.identity() || variables.anygone())
+    if (!variables.identity() || variables.anygone() || !pointershold(nrows, nnz, ptr))
         return false;
-    for (int64_t i = 0; i < nrows; i++) {
-        const int64_t from = ptr[i], n = ptr[i + 1] - from;
-        if (n < 0 || from < 0 || ptr[i + 1] > nnz)
-            return false; // tidyterms says what is wrong
-        const Scan scan = scanrow(n, var + from, coef + from, variables.count());
-        if (!scan.inrange || !scan.finite || !scan.ascending || !scan.nonzero)
-            return false;
-    }
-    return ptr[0] == 0;
+    const int64_t n = ptr[nrows];
+    const uint32_t count = static_cast<uint32_t>(variables.count());
+    bool plain = true;
+    for (int64_t k = 0; k < n; k++)
+        plain &= static_cast<uint32_t>(var[k]) < count;
+    for (int64_t k = 0; k < n; k++)
+        plain &= isfinite(coef[k]) & (coef[k] != 0.0);
+    return plain && descents(n, var) == descentsatends(nrows, ptr, var);
 }
 
 int64_t tidyterms(const Registry &variables, Marker &marker, int64_t nrows, int64_t nnz, int64_t *ptr, int32_t *var,
                   double *coef) {
+    if (tidyalready(variables, nrows, nnz, ptr, var, coef))
+        return ptr[nrows];
     if (ptr[0] != 0)
         failf(TRV_ERROR_INVALID_ARGUMENT, "row pointers begin with %" PRId64 ", not with 0", ptr[0]);
     int64_t from = 0, kept = 0;

@@ -117,10 +117,19 @@ int32_t Rows::addopen(int64_t nnz, const double *low, int lowstep, const double 
     double *l = lower.room(n), *u = upper.room(n);
     char *s = sense.room(n);
     for (int64_t i = 0; i < n; i++) {
-        l[i] = checkedlower(low[i * lowstep], first + i, "Lower");
-        u[i] = checkedupper(up[i * upstep], first + i, "Upper");
-        s[i] = senseof(l[i], u[i]);
+        l[i] = low[i * lowstep];
+        u[i] = up[i * upstep];
     }
+    // Finite sides are the rule: only a block with others is gone through one by one.
+    bool finite = true;
+    for (int64_t i = 0; i < n; i++)
+        finite &= isfinite(l[i]) & isfinite(u[i]);
+    for (int64_t i = 0; !finite && i < n; i++) {
+        l[i] = checkedlower(l[i], first + i, "Lower");
+        u[i] = checkedupper(u[i], first + i, "Upper");
+    }
+    for (int64_t i = 0; i < n; i++)
+        s[i] = senseof(l[i], u[i]);
     preparechunk(nnz);
     names.add(static_cast<int32_t>(first), n, newnames); // the last step that can fail
     finishchunk(nnz);
