@@ -96,6 +96,9 @@ Ref object_view(const HandleClass &of, const Ref &model, BlockRef block, const L
         if (!block->objects) // making them may have run Python code that looked too
             block->objects = std::move(made);
     }
+    // NumPy lets resize(refcheck=False) take the memory away below a view.
+    if (PyArray_SIZE(as_array(block->objects)) != block->ids.size())
+        fail(PyExc_ValueError, "the array behind these elements was resized");
     return strided_array(NPY_OBJECT, layout, PyArray_BYTES(as_array(block->objects)), block->objects);
 }
 

@@ -46,7 +46,7 @@ Matrix read_matrix(PyObject *given, bool sparse) {
     Matrix matrix;
     matrix.sparse = true;
     matrix.shape = operand_shape(given);
-    matrix.csr = csr_of(given);
+    matrix.csr = csr_of(given, matrix.shape);
     return matrix;
 }
 
@@ -82,6 +82,14 @@ flat::Summand summand_of(flat::Csr csr) {
     return summand;
 }
 
+// Reading a matrix may run Python code, which may give the variables another array: what was read must still make the
+// product whose shape was computed before.
+void need_product(const Matrix &matrix, const VarIds &vars, Side side, const flat::Shape &product) {
+    bool right = side == Side::Right;
+    if ((right ? matmul_shape(matrix.shape, vars.shape) : matmul_shape(vars.shape, matrix.shape)) != product)
+        fail(PyExc_ValueError, "the operands of a matrix product changed their shapes while they were read");
+}
+
 // ---- compact
 
 // The one entry of a (1, 1) matrix; a missing one is 0.
@@ -111,18 +119,41 @@ Part compact_part(const Matrix &matrix, VarIds vars, int64_t size, Side side) {
     return spread_part(make_part(summand_of(std::move(rows)), std::move(vars.ids)), size);
 }
 
-// The documented pair itself, for variables that have no ids in common: one CSR matrix made by SciPy.
-Ref compact_pair(PyObject *given, PyObject *mvar, Side side) {
-    Ref csr_class = check(PyObject_GetAttr(scipy_sparse(), names.csr_matrix));
-    Ref matrix = side == Side::Right ? Ref::borrow(given) : check(PyObject_GetAttr(given, names.T));
-    Ref float_type = check(PyObject_GetAttrString(numpy_module(), "float64"));
-    Ref csr = check(PyObject_CallFunctionObjArgs(csr_class.get(), matrix.get(), float_type.get(), nullptr));
+// The numbers of an array that the kernels do not take as it is: a part's matrix is float64 whatever was given.
+Ref converted_doubles(PyObject *given) {
+    PyArrayObject *array = as_array(given);
+    if (PyTypeNum_ISOBJECT(PyArray_TYPE(array))) {
+        Ref list = check(PySequence_List(check(PyObject_GetAttr(given, names.flat)).get()));
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list.get()); ++i)
+            if (!is_scalar(PyList_GET_ITEM(list.get(), i)))
+                fail(PyExc_TypeError, "a matrix of numbers is needed, not one with a '%.200s'",
+                     Py_TYPE(PyList_GET_ITEM(list.get(), i))->tp_name);
+    } else if (!PyTypeNum_ISBOOL(PyArray_TYPE(array)) && !PyTypeNum_ISINTEGER(PyArray_TYPE(array)) &&
+               !PyTypeNum_ISFLOAT(PyArray_TYPE(array))) {
+        fail(PyExc_TypeError, "a matrix of real numbers is needed, not one of %R", PyArray_DESCR(array));
+    }
+    return check(
+        PyArray_FROMANY(given, NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST));
+}
+
+Matrix read_part_matrix(PyObject *given) {
+    Matrix matrix = read_matrix(given, is_sparse(given));
+    if (!matrix.sparse && !matrix.array)
+        matrix.array = converted_doubles(given);
+    return matrix;
+}
+
+// The documented pair itself, for variables that have no ids in common; the part is laid out with stand-ins for them.
+Ref compact_pair(const Matrix &matrix, PyObject *mvar, int64_t size, Side side, const flat::Shape &product) {
     Ref elements = vararr_of(mvar);
-    Ref flat_elements = check(PyArray_Ravel(as_array(elements), NPY_CORDER));
-    if (spreads_one_entry(operand_shape(given), PyArray_SIZE(as_array(elements)), side))
-        fail(PyExc_ValueError, "variables of several models cannot form one compact expression");
-    Ref vector = wrap_mvar(flat_elements.get());
-    return check(PyTuple_Pack(2, csr.get(), vector.get()));
+    Ref vector = wrap_mvar(check(PyArray_Ravel(as_array(elements), NPY_CORDER)).get());
+    flat::Buffer<int32_t> stand_ins(PyArray_SIZE(as_array(elements)));
+    std::fill_n(stand_ins.write(), stand_ins.size(), 0);
+    VarIds laid_out{stand_ins, shape_of_array(elements.get()), {}};
+    need_product(matrix, laid_out, side, product);
+    Part part = compact_part(matrix, std::move(laid_out), size, side);
+    part.vector = std::make_shared<VarVector>(VarVector{std::move(stand_ins), std::move(vector)});
+    return part_pair(part, {});
 }
 
 Ref construct_compact(PyObject *cls, Ref parts, Ref constant) {
@@ -133,20 +164,21 @@ Ref construct_compact(PyObject *cls, Ref parts, Ref constant) {
     return check(PyObject_Call(cls, none.get(), keywords.get()));
 }
 
-// `shape` is the result's; constant an owned float64 array of that shape.
-Ref compact_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side, const flat::Shape &shape, Ref constant) {
+// constant: an owned float64 array of the result's shape, which may be larger than the product's.
+Ref compact_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side, const flat::Shape &product,
+                    Ref constant) {
+    Matrix matrix = read_part_matrix(given);
+    const int64_t size = PyArray_SIZE(as_array(constant));
     VarIds vars;
     if (mvar_ids(mvar, vars)) {
+        need_product(matrix, vars, side, product);
         Ref model = vars.model;
-        Matrix matrix = read_matrix(given, is_sparse(given));
-        if (matrix.sparse || matrix.array) {
-            std::vector<Part> parts;
-            parts.push_back(compact_part(matrix, std::move(vars), flat::size_of(shape), side));
-            return make_compact(cls, std::move(parts), std::move(constant), std::move(model));
-        }
+        std::vector<Part> parts;
+        parts.push_back(compact_part(matrix, std::move(vars), size, side));
+        return make_compact(cls, std::move(parts), std::move(constant), std::move(model));
     }
     Ref list = check(PyList_New(0));
-    check_status(PyList_Append(list.get(), compact_pair(given, mvar, side).get()));
+    check_status(PyList_Append(list.get(), compact_pair(matrix, mvar, size, side, product).get()));
     return construct_compact(cls, std::move(list), std::move(constant));
 }
 
@@ -216,12 +248,11 @@ Ref element_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side) {
 
 // The result has no extent of zero, but the inner one may be: then rows are empty.
 Ref full_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side, const flat::Shape &shape) {
-    VarIds vars;
-    if (!mvar_ids(mvar, vars))
-        return element_product(cls, given, mvar, side);
     Matrix matrix = read_matrix(given, is_sparse(given));
-    if (!matrix.sparse && !matrix.array)
+    VarIds vars;
+    if ((!matrix.sparse && !matrix.array) || !mvar_ids(mvar, vars))
         return element_product(cls, given, mvar, side);
+    need_product(matrix, vars, side, shape);
     flat::Form form{shape, flat::size_of(shape), {}, {}};
     Ref model = vars.model;
     form.summands.push_back(matrix.sparse ? sparse_product(matrix, vars, side, form.size)
@@ -318,7 +349,7 @@ Ref compact_affine(PyObject *cls, PyObject *left, PyObject *given, PyObject *rig
     need_compact(shape, "Compact state cannot have shape ", "");
     need_compact(x, side == Side::Right ? "Right variable's shape " : "Left variable's shape ", " is not compact");
     constant = constant ? spread_constant(constant, shape) : float_array(shape);
-    return compact_product(cls, given, mvar, side, shape, std::move(constant));
+    return compact_product(cls, given, mvar, side, product, std::move(constant));
 }
 
 // ---- parts
@@ -332,15 +363,14 @@ Ref first_pair(PyObject *self) {
 Part checked_part(PyObject *self, PyObject *given, PyObject *mvar) {
     VarIds vars;
     assert_that(kind_of(mvar) == Operand::MVar && mvar_shape(mvar).size() == 1);
-    flat::Shape shape = operand_shape(given);
+    assert_that(operand_shape(given).size() == 2);
+    Matrix matrix = read_part_matrix(given); // first, since it may run Python code
+    flat::Shape shape = matrix.shape;
     assert_that(shape.size() == 2);
     assert_that(shape[0] == flat::size_of(shape_of(self)));
-    assert_that(shape[1] == mvar_shape(mvar)[0]);
-    if (!mvar_ids(mvar, vars))
-        fail(PyExc_ValueError, "a part needs variables of one model");
-    Matrix matrix = read_matrix(given, is_sparse(given));
-    if (!matrix.sparse && !matrix.array)
-        fail(PyExc_TypeError, "a part needs a matrix of real numbers");
+    assert_that(shape[1] == flat::size_of(mvar_shape(mvar)));
+    if (!mvar_ids(mvar, vars)) // stand-ins: only their number matters to the pair that is made of the part
+        std::fill_n((vars.ids = flat::Buffer<int32_t>(shape[1])).write(), shape[1], 0);
     // The part shows the very MVar that was given.
     auto vector = std::make_shared<VarVector>(VarVector{std::move(vars.ids), Ref::borrow(mvar)});
     return make_part(summand_of(result_rows(matrix, Side::Right)), std::move(vector));

@@ -125,7 +125,7 @@ void scale_made_part(PyObject *self, const Ref &numbers, const Factors &factors)
         return;
     }
     flat::Csr csr = csr_of(matrix.get());
-    if (!is_array(data.get()) || PyArray_SIZE(as_array(data)) < csr.nnz())
+    if (csr.rows != factors.size() || !is_array(data.get()) || PyArray_SIZE(as_array(data)) < csr.nnz())
         fail(PyExc_ValueError, "the entries of a sparse matrix changed while they were read");
     Ref entries = float_array({PyArray_SIZE(as_array(data))});
     double *values = static_cast<double *>(PyArray_DATA(as_array(entries)));

@@ -80,9 +80,9 @@ Plan plan_dense(const flat::Shape &expr, const Ref &numbers, Side side) {
     return plan;
 }
 
-Plan plan_sparse(const flat::Shape &expr, PyObject *matrix, bool one_dimensional, Side side) {
-    flat::Csr csr = csr_of(matrix);
-    flat::Csr rows = side == Side::Left || one_dimensional ? std::move(csr) : flat::transposed(csr);
+Plan plan_sparse(const flat::Shape &expr, PyObject *matrix, const flat::Shape &given, Side side) {
+    flat::Csr csr = csr_of(matrix, given);
+    flat::Csr rows = side == Side::Left || given.size() == 1 ? std::move(csr) : flat::transposed(csr);
     int64_t stack = flat::size_of(leading(expr)), item = flat::size_of(expr) / std::max<int64_t>(1, stack);
     Plan plan;
     for (int64_t k = 0; k < stack; ++k)
@@ -176,7 +176,9 @@ Ref numeric_product(PyObject *self, PyObject *matrix, bool sparse, Side side) {
     if (!countable)
         return element_product(self, matrix, side);
     need_finite_matrix(matrix, numbers);
-    Plan plan = sparse ? plan_sparse(expr, matrix, given.size() == 1, side) : plan_dense(expr, numbers, side);
+    Plan plan = sparse ? plan_sparse(expr, matrix, given, side) : plan_dense(expr, numbers, side);
+    if (compact ? shape_of(self) != expr : value.form.shape != expr) // the matrix may have run Python code
+        fail(PyExc_ValueError, "the expression changed its shape while it was multiplied");
     if (compact)
         if (Ref product = compact_product(self, plan, shape))
             return product;

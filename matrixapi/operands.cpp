@@ -164,10 +164,14 @@ Ref index_array(PyObject *given, const char *name) {
 }
 
 Ref value_array(PyObject *given) {
-    Ref values = PyArray_Check(given) ? as_doubles(plain_array(given).get()) : Ref();
-    if (!values)
-        fail(PyExc_TypeError, "the entries of a sparse matrix must be real numbers, not %R", given);
-    return values;
+    if (!PyArray_Check(given) ||
+        !(PyTypeNum_ISBOOL(PyArray_TYPE(as_array(given))) || PyTypeNum_ISINTEGER(PyArray_TYPE(as_array(given))) ||
+          PyTypeNum_ISFLOAT(PyArray_TYPE(as_array(given)))))
+        fail(PyExc_TypeError, "the entries of a sparse matrix must be an array of real numbers, not of %R",
+             PyArray_Check(given) ? reinterpret_cast<PyObject *>(PyArray_DESCR(as_array(given)))
+                                  : reinterpret_cast<PyObject *>(Py_TYPE(given)));
+    return check(
+        PyArray_FROMANY(given, NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST));
 }
 
 // Calls use(pointer to the entries) with the array's own width.
@@ -253,6 +257,15 @@ flat::Csr csr_of(PyObject *sparse) {
     Ref indices = check(PyObject_GetAttr(csr.get(), names.indices));
     Ref data = check(PyObject_GetAttr(csr.get(), names.data));
     return csr_from_arrays(indptr.get(), indices.get(), data.get(), shape[0], shape[1]);
+}
+
+flat::Csr csr_of(PyObject *sparse, const flat::Shape &expected) {
+    flat::Csr csr = csr_of(sparse);
+    bool vector = expected.size() == 1; // read as one row
+    if ((vector ? 1 : expected[0]) != csr.rows || expected.back() != csr.cols)
+        fail(PyExc_ValueError, "a sparse matrix of shape %R became one of shape (%lld, %lld) while it was read",
+             shape_tuple(expected).get(), static_cast<long long>(csr.rows), static_cast<long long>(csr.cols));
+    return csr;
 }
 
 } // namespace tarvopy

@@ -62,6 +62,9 @@ flat::Shape leading(const flat::Shape &shape);
 // Pointers, columns and lengths are checked (ValueError); int64, unsorted and doubled columns are fine and stay as they
 // are.
 flat::Csr csr_of(PyObject *sparse);
+// The same where the result's shape was computed before: reading may run Python code (a format's own tocsr), so a
+// matrix that is no longer of the expected shape is a ValueError.
+flat::Csr csr_of(PyObject *sparse, const flat::Shape &expected);
 // The same from the three arrays of a compressed matrix, in the given dimensions.
 flat::Csr csr_from_arrays(PyObject *indptr, PyObject *indices, PyObject *data, int64_t rows, int64_t cols);
 flat::Dense dense_of(const Ref &float_matrix); // of a two-dimensional float64 array
