@@ -30,6 +30,7 @@ class Factors {
     }
     const double *data() const { return spread_.empty() ? doubles(numbers_) : spread_.data(); }
     double operator[](int64_t i) const { return data()[i]; }
+    int64_t size() const { return spread_.empty() ? PyArray_SIZE(as_array(numbers_)) : spread_.size(); }
 
   private:
     Ref numbers_;
