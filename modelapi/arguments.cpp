@@ -48,7 +48,7 @@ Shape::Shape(PyObject *object) {
         dims[0] = extent(object);
     } else {
         // A tuple of its own: __index__ of an element may change the caller's list.
-        if (!PySequence_Check(object) || PyUnicode_Check(object))
+        if (!PySequence_Check(object) || PyUnicode_Check(object) || PyBytes_Check(object) || PyByteArray_Check(object))
             fail(PyExc_TypeError, "a shape is an int or a tuple of ints, not '%.200s'", Py_TYPE(object)->tp_name);
         Ref extents = check(PySequence_Tuple(object));
         Py_ssize_t count = PyTuple_GET_SIZE(extents.get());

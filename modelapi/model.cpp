@@ -86,13 +86,13 @@ PyMethodDef row(const char *name, Method function, const char *doc) {
 
 PyMethodDef methods[] = {
     row("addVar", model_addVar,
-        "addVar($self, /, lb=0.0, ub=inf, obj=0.0, vtype='C', name='')\n--\n\n"
+        "addVar($self, /, lb=0.0, ub=tarvopy.inf, obj=0.0, vtype='C', name='')\n--\n\n"
         "Add one variable, lb <= x <= ub, with objective coefficient obj; the Var is pending until update().\n\n"
         "vtype: 'C' continuous, 'B' binary (bounds are cut to [0, 1]), 'I' integer, 'S' semi-continuous (0, or between "
         "lb and a\n"
         "finite ub). Magnitudes of 1e20 and more mean no bound. NaN is refused with TarvoError."),
     row("addMVar", model_addMVar,
-        "addMVar($self, /, shape, lb=0.0, ub=inf, obj=0.0, vtype='C', name='')\n--\n\n"
+        "addMVar($self, /, shape, lb=0.0, ub=tarvopy.inf, obj=0.0, vtype='C', name='')\n--\n\n"
         "Add an array of variables and return its MVar.\n\n"
         "shape: an int or a tuple of ints, () too. lb, ub, obj, vtype: single values or anything that broadcasts to "
         "shape, see\n"

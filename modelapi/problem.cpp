@@ -49,6 +49,12 @@ Ref copy_of(npy_intp count, const int32_t *data) {
     return array;
 }
 
+constexpr const char *pin_capsule = "tarvopy._modelapi.pin";
+
+void unpin(PyObject *capsule) {
+    TRVunpin(static_cast<TRVpinned *>(PyCapsule_GetPointer(capsule, pin_capsule)));
+}
+
 constexpr const char *matrix_capsule = "tarvopy._modelapi.matrix";
 
 void free_matrix(PyObject *capsule) {
@@ -59,31 +65,43 @@ void free_matrix(PyObject *capsule) {
 
 } // namespace
 
+Ref pinned(TRVmodel *store) {
+    TRVpinned *pin;
+    succeed(store, TRVpin(store, &pin));
+    PyObject *made = PyCapsule_New(pin, pin_capsule, unpin);
+    if (!made) {
+        TRVunpin(pin);
+        throw PythonError{};
+    }
+    return Ref::steal(made);
+}
+
 TARVOPY_METHOD(function_problem) {
     static const Signature signature{"problem", {"handle"}, 1};
     (void)self;
     return border([&] {
         Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
-        PyObject *handle = given[0];
-        TRVmodel *store = engine_store(handle);
+        TRVmodel *store = engine_store(given[0]);
         TRVdata data;
         succeed(store, TRVgetdata(store, &data));
+        Ref pin = pinned(store);
+        PyObject *owner = pin.get();
         Ref fields = check(PyDict_New());
         PyObject *dict = fields.get();
         put(dict, "nvars", whole(data.nvars));
         put(dict, "nrows", whole(data.nrows));
         put(dict, "nnz", whole(data.nnz));
-        put(dict, "lb", doubles(handle, data.nvars, data.lb));
-        put(dict, "ub", doubles(handle, data.nvars, data.ub));
-        put(dict, "obj", doubles(handle, data.nvars, data.obj));
-        put(dict, "vtype", letters(handle, data.nvars, data.vtype));
-        put(dict, "lower", doubles(handle, data.nrows, data.lower));
-        put(dict, "upper", doubles(handle, data.nrows, data.upper));
+        put(dict, "lb", doubles(owner, data.nvars, data.lb));
+        put(dict, "ub", doubles(owner, data.nvars, data.ub));
+        put(dict, "obj", doubles(owner, data.nvars, data.obj));
+        put(dict, "vtype", letters(owner, data.nvars, data.vtype));
+        put(dict, "lower", doubles(owner, data.nrows, data.lower));
+        put(dict, "upper", doubles(owner, data.nrows, data.upper));
         put(dict, "objconstant", check(PyFloat_FromDouble(data.objconstant)));
         put(dict, "sense", whole(data.sense));
         put(dict, "nintegral", whole(data.nintegral));
-        put(dict, "start", data.start ? doubles(handle, data.nvars, data.start) : Ref::none());
+        put(dict, "start", data.start ? doubles(owner, data.nvars, data.start) : Ref::none());
         return fields;
     });
 }
@@ -115,15 +133,15 @@ TARVOPY_METHOD(function_rows_in_place) {
     return border([&] {
         Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
-        PyObject *handle = given[0];
-        TRVmodel *store = engine_store(handle);
+        TRVmodel *store = engine_store(given[0]);
+        Ref pin = pinned(store);
         TRVmatrix rows;
         succeed(store, TRVviewrows(store, &rows));
         if (!rows.start)
             return Ref::none();
-        Ref start = view(handle, PyArray_DescrFromType(NPY_INT32), rows.nmajor + 1, rows.start);
-        Ref index = view(handle, PyArray_DescrFromType(NPY_INT32), rows.nnz, rows.index);
-        Ref value = doubles(handle, rows.nnz, rows.value);
+        Ref start = view(pin.get(), PyArray_DescrFromType(NPY_INT32), rows.nmajor + 1, rows.start);
+        Ref index = view(pin.get(), PyArray_DescrFromType(NPY_INT32), rows.nnz, rows.index);
+        Ref value = doubles(pin.get(), rows.nnz, rows.value);
         return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));
     });
 }

@@ -39,8 +39,9 @@ TARVOPY_METHOD(function_open_solution) {
         succeed(store, TRVgetdata(store, &data));
         double *x, *rc, *pi;
         succeed(store, TRVopensolution(store, &x, &rc, &pi));
-        Ref values = writable(given[0], data.nvars, x), reduced = writable(given[0], data.nvars, rc);
-        Ref duals = writable(given[0], data.nrows, pi);
+        Ref pin = pinned(store);
+        Ref values = writable(pin.get(), data.nvars, x), reduced = writable(pin.get(), data.nvars, rc);
+        Ref duals = writable(pin.get(), data.nrows, pi);
         return check(PyTuple_Pack(3, values.get(), reduced.get(), duals.get()));
     });
 }

@@ -232,6 +232,12 @@ typedef struct TRVdata {
 } TRVdata;
 TRV_API int TRVgetdata(TRVmodel *model, TRVdata *data);
 
+/* Keeps the memory that the pointers of TRVgetdata, TRVviewrows and TRVopensolution lead to, as they stand at this
+ * call, readable until TRVunpin, whatever becomes of the model, its end included. Afterwards it may show old values. */
+typedef struct TRVpinned TRVpinned;
+TRV_API int TRVpin(TRVmodel *model, TRVpinned **pin);
+TRV_API void TRVunpin(TRVpinned *pin);
+
 /* The matrix by position, by columns (csc != 0: start has nvars+1 entries, index holds rows, ascending in each column)
  * or by rows (start nrows+1, index holds columns, in stored order). Freshly allocated; give back with TRVfreematrix. */
 typedef struct TRVmatrix {

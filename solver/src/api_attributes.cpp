@@ -35,8 +35,10 @@ void setstrings(TRVmodel &model, Attr attr, const Selection &which, const char *
             failf(TRV_ERROR_INVALID_ARGUMENT, "%s: offset %lld decreases", infoof(attr).name,
                   static_cast<long long>(i + 1));
     });
-    if (which.n)
+    if (which.n) {
         requirepointer(infoof(attr).name, text, offset[which.n]);
+        requirenonull(infoof(attr).name, text + offset[0], offset[which.n] - offset[0]);
+    }
     for (int64_t i = 0; i < which.n; i++)
         model.names(kind).rename(static_cast<int32_t>(which.id(i)),
                                  {text + offset[i], static_cast<size_t>(offset[i + 1] - offset[i])});

@@ -4,6 +4,8 @@
 #include "elementattr.h"
 #include "matrix.h"
 
+#include <memory>
+
 using namespace store;
 
 int TRVgetdata(TRVmodel *model, TRVdata *data) {
@@ -28,6 +30,30 @@ int TRVgetdata(TRVmodel *model, TRVdata *data) {
         *data = d;
         blocks::trim(); // the engine's own copy comes next, and wants the memory
     });
+}
+
+struct TRVpinned {
+    Yard *yard;
+};
+
+int TRVpin(TRVmodel *model, TRVpinned **pin) {
+    return border(model, [&] {
+        requirepointer("pin", pin, 1);
+        Yard *yard = model->yard.get();
+        auto made = std::make_unique<TRVpinned>(TRVpinned{yard});
+        model->columns.guard(yard);
+        model->rows.guard(yard);
+        model->solution.guard(yard);
+        yard->pin();
+        *pin = made.release();
+    });
+}
+
+void TRVunpin(TRVpinned *pin) {
+    if (!pin)
+        return;
+    pin->yard->unpin();
+    delete pin;
 }
 
 int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix) {

@@ -13,6 +13,7 @@
 #pragma once
 
 #include "blocks.h"
+#include "pins.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -42,10 +43,7 @@ template <class T> class Buffer {
         swap(taken);
         return *this;
     }
-    ~Buffer() {
-        if (capacity_)
-            blocks::give(data_);
-    }
+    ~Buffer() { giveback(); }
 
     // Memory of somebody else, only to be read. Growing copies it.
     static Buffer borrow(const T *data, size_t n) {
@@ -54,6 +52,8 @@ template <class T> class Buffer {
         buffer.size_ = n;
         return buffer;
     }
+    // From here on memory that views may point into goes to the yard while a pin is held.
+    void guard(Yard *yard) { yard_ = yard; }
 
     T *data() { return data_; }
     const T *data() const { return data_; }
@@ -99,7 +99,7 @@ template <class T> class Buffer {
     }
     // Gives back what is not used, where that is worth a call to the allocator; a failure to do so does not matter.
     void shrink() noexcept {
-        if (capacity_ < size_ + 4096 || size_ == 0)
+        if (capacity_ < size_ + 4096 || size_ == 0 || pinned())
             return;
         if (void *p = blocks::resize(data_, size_ * sizeof(T))) {
             data_ = static_cast<T *>(p);
@@ -118,26 +118,45 @@ template <class T> class Buffer {
         std::swap(data_, other.data_);
         std::swap(size_, other.size_);
         std::swap(capacity_, other.capacity_);
+        std::swap(yard_, other.yard_);
     }
 
   private:
+    bool pinned() const { return yard_ && yard_->pinned(); }
+    void giveback() noexcept {
+        if (!capacity_)
+            return;
+        if (pinned())
+            yard_->bury(data_, blocks::give);
+        else
+            blocks::give(data_);
+    }
+    // The elements in a larger block. What was borrowed stays where it is.
+    void *moved(size_t bytes) {
+        if (capacity_ ? !pinned() : !data_)
+            return blocks::resize(data_, bytes);
+        void *p = blocks::take(bytes);
+        if (p) {
+            moveterms(static_cast<T *>(p), data_, capacity_ ? capacity_ : size_); // all of it, as resize does
+            giveback();
+        }
+        return p;
+    }
     void reallocate(size_t n) {
         if (n < 16)
             n = 16;
         if (n > SIZE_MAX / 2 / sizeof(T))
             throw std::bad_alloc();
-        const bool borrowed = data_ && !capacity_;
-        void *p = borrowed ? blocks::take(n * sizeof(T)) : blocks::resize(data_, n * sizeof(T));
+        void *p = moved(n * sizeof(T));
         if (!p)
             throw std::bad_alloc();
-        if (borrowed)
-            moveterms(static_cast<T *>(p), data_, size_);
         data_ = static_cast<T *>(p);
         capacity_ = n;
     }
 
     T *data_ = nullptr;
     size_t size_ = 0, capacity_ = 0;
+    Yard *yard_ = nullptr;
 };
 
 } // namespace store

@@ -34,8 +34,8 @@ void settypes(TRVmodel &model, const Selection &which, const char *values, int s
 void checksense(const Rows &rows, int64_t id, int32_t s, char sense) {
     const char now = rows.sense[s];
     if (sense != '<' && sense != '>' && sense != '=' && !(sense == 'R' && now == 'R'))
-        failf(TRV_ERROR_INVALID_ARGUMENT, "Sense of row %" PRId64 " is character %d, not one of < > =%s", id, sense,
-              sense == 'R' ? "; set Lower and Upper to make a row two-sided" : "");
+        failf(TRV_ERROR_INVALID_ARGUMENT, "Sense of row %" PRId64 " is %s, not one of < > =%s", id,
+              character(sense).c_str(), sense == 'R' ? "; set Lower and Upper to make a row two-sided" : "");
     const double rhs = now == '>' ? rows.lower[s] : rows.upper[s];
     if (sense == '=' && std::isinf(rhs))
         failf(TRV_ERROR_INVALID_ARGUMENT,

@@ -28,8 +28,8 @@ double Columns::checkedobj(double value, int64_t id) {
 
 char Columns::checkedtype(char value, int64_t id) {
     if (value != 'C' && value != 'B' && value != 'I' && value != 'S')
-        failf(TRV_ERROR_INVALID_ARGUMENT, "VType of variable %" PRId64 " is character %d, not one of C B I S", id,
-              value);
+        failf(TRV_ERROR_INVALID_ARGUMENT, "VType of variable %" PRId64 " is %s, not one of C B I S", id,
+              character(value).c_str());
     return value;
 }
 

@@ -22,6 +22,12 @@ struct Columns {
     int32_t integral() const;
     // Takes removed variables out and makes pending ones part of the model.
     void update() noexcept;
+    // What TRVgetdata points into.
+    void guard(Yard *yard) {
+        for (Buffer<double> *buffer : {&lb, &ub, &obj, &start})
+            buffer->guard(yard);
+        vtype.guard(yard);
+    }
 
     // What one value becomes when it is stored; an error names the id.
     static double checkedlb(double value, int64_t id);

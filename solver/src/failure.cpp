@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 namespace store {
@@ -70,9 +71,20 @@ std::string number(double value) {
     return text;
 }
 
+std::string character(char value) {
+    if (value > ' ' && value <= '~')
+        return std::string("'") + value + "'";
+    return "character " + std::to_string(static_cast<unsigned char>(value));
+}
+
 void requirecount(const char *what, int64_t n) {
     if (n < 0)
         failf(TRV_ERROR_INVALID_ARGUMENT, "%s: a negative count, %" PRId64, what, n);
+}
+
+void requirenonull(const char *what, const char *text, int64_t length) {
+    if (length > 0 && std::memchr(text, 0, static_cast<size_t>(length)))
+        failf(TRV_ERROR_INVALID_ARGUMENT, "%s: a name holds a null character", what);
 }
 
 void requirepointer(const char *what, const void *p, int64_t n) {

@@ -28,6 +28,8 @@ const char *kindsname(int kind);
 
 // "1e+20" instead of 20 digits, "nan", "inf".
 std::string number(double value);
+// "'Z'", or "character 200" where it does not print.
+std::string character(char value);
 
 inline bool isfinite(double v) {
     return std::fabs(v) < TRV_INFINITY;
@@ -40,6 +42,8 @@ inline double normalized(double v) {
 
 // A count handed over by the caller.
 void requirecount(const char *what, int64_t n);
+// Names are C strings to some callers.
+void requirenonull(const char *what, const char *text, int64_t length);
 void requirepointer(const char *what, const void *p, int64_t n);
 
 } // namespace store

@@ -3,6 +3,7 @@
 
 #include "changes.h"
 #include "columns.h"
+#include "pins.h"
 #include "rows.h"
 #include "solution.h"
 #include "tarvo.h"
@@ -10,6 +11,7 @@
 #include <string>
 
 struct TRVmodel {
+    store::YardHolder yard; // first: its buffers give their memory back through it
     std::string name;
     store::Columns columns;
     store::Rows rows;

@@ -48,6 +48,7 @@ void checklist(int64_t n, const TRVnames &names) {
         if (names.offset[i] < 0 || names.offset[i + 1] < names.offset[i])
             failf(TRV_ERROR_INVALID_ARGUMENT, "names: offset %" PRId64 " decreases", i + 1);
     requirepointer("names", names.text, names.offset[n]);
+    requirenonull("names", names.text + names.offset[0], names.offset[n] - names.offset[0]);
 }
 
 } // namespace

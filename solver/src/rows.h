@@ -33,21 +33,27 @@ class Keeper {
     Keeper() = default;
     Keeper(void *keeper, void (*release)(void *)) : keeper_(keeper), release_(release) {}
     Keeper(Keeper &&other) noexcept
-        : keeper_(std::exchange(other.keeper_, nullptr)), release_(std::exchange(other.release_, nullptr)) {}
+        : keeper_(std::exchange(other.keeper_, nullptr)), release_(std::exchange(other.release_, nullptr)),
+          yard_(other.yard_) {}
     Keeper &operator=(Keeper &&other) noexcept {
         std::swap(keeper_, other.keeper_);
         std::swap(release_, other.release_);
+        std::swap(yard_, other.yard_);
         return *this;
     }
     ~Keeper() {
-        if (release_)
+        if (release_ && yard_ && yard_->pinned())
+            yard_->bury(keeper_, release_);
+        else if (release_)
             release_(keeper_);
     }
+    void guard(Yard *yard) { yard_ = yard; } // as Buffer::guard
     explicit operator bool() const { return release_; }
 
   private:
     void *keeper_ = nullptr;
     void (*release_)(void *) = nullptr;
+    Yard *yard_ = nullptr;
 };
 
 struct Chunk {
@@ -124,6 +130,18 @@ class Rows {
     void update(const Columns &columns) noexcept;
 
     const std::vector<Chunk> &chunks() const { return chunks_; }
+    // What TRVgetdata and TRVviewrows point into.
+    void guard(Yard *yard) {
+        lower.guard(yard);
+        upper.guard(yard);
+        if (chunks_.size() == 1) {
+            Chunk &chunk = chunks_.front();
+            chunk.ptr.guard(yard);
+            chunk.var.guard(yard);
+            chunk.coef.guard(yard);
+            chunk.keeper.guard(yard);
+        }
+    }
     // f(slot, Row) for the rows in the model, in order.
     template <class F> void each(F f) const {
         for (const Chunk &chunk : chunks_)

@@ -42,6 +42,11 @@ class Solution {
     const double *start(const Columns &columns);
     // Row activities at X, computed when first asked for.
     const Buffer<double> &activity(const Columns &columns, const Rows &rows);
+    // What TRVgetdata and TRVopensolution point into.
+    void guard(Yard *yard) {
+        for (Buffer<double> *buffer : {&x_, &rc_, &pi_, &openx_, &openrc_, &openpi_, &fallback_, &merged_})
+            buffer->guard(yard);
+    }
     void coefficientschanged() { activityknown_ = false; }
 
   private:

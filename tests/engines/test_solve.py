@@ -251,6 +251,26 @@ def test_complete_and_partial_starts_reach_the_engine():
         assert first_solution(m) == optimum
 
 
+def test_values_to_start_from_may_lie_beyond_the_bounds():
+    """As those of the last solution do when a bound was moved and a variable is new."""
+    for vtype, lb, start in [
+        (["I", "C"], 0, [5, np.nan]),
+        (["I", "S"], [0, 2], [np.nan, 0]),
+        (["I", "C"], 0, [1e19, np.nan]),
+        (["I", "C"], 0, [5, 9]),
+    ]:
+        m = tarvopy.Model()
+        m.params.LogLevel = 0
+        x = m.addMVar(2, lb=lb, ub=3, vtype=vtype, obj=-1)
+        x.Start = np.array(start)
+        m.optimize()
+        assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, -6)
+    x.UB = 2
+    m.addVar(ub=1.5, obj=-1.0)
+    m.optimize()
+    assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, -5.5)
+
+
 def test_parameters_reach_the_engine():
     m, _, _ = build([[1, 1]], 1, INF, [1, 1], vtype="I")
     wanted = {

@@ -150,3 +150,24 @@ def test_leaving_the_context_while_an_engine_runs_raises_nothing():
         _modelapi.set_solving(m._cmodel, True)
     _modelapi.set_solving(m._cmodel, False)
     assert m.NumVars == 0
+
+
+def test_views_outlive_the_memory_they_show():
+    """The store gives back what views still point into only when the last of them goes: no crash, and old values."""
+    m = tarvopy.Model()
+    x = m.addMVar(20_000, ub=np.arange(20_000.0))
+    m.addConstr(x[:-1] + x[1:] <= 1)
+    m.update()
+    p = Problem.of(m._cmodel)
+    shown = [p.lb, p.ub, p.obj, p.vtype, p.lower, p.upper, *p.rows_in_place()]
+    before = [a.copy() for a in shown]
+    opened = _modelapi.open_solution(m._cmodel)
+    del p
+    for step in (lambda: m.addMVar((30, 20_000)), m.update, lambda: _modelapi.open_solution(m._cmodel), m.close):
+        step()
+        junk = [bytearray(b"\xff" * a.nbytes) for a in shown]
+        for now, then in zip(shown, before, strict=True):
+            assert np.array_equal(now, then)
+        for a in opened:
+            a.fill(7.0)
+        assert all(set(block) <= {255} for block in junk)

@@ -1,5 +1,7 @@
 """addVar and addMVar: what arrives in the model, and what is refused."""
 
+import inspect
+
 import numpy as np
 import pytest
 from hypothesis import given
@@ -123,6 +125,7 @@ def test_shapes_are_ints_or_sequences_of_ints(shape):
         ({"shape": -1}, ValueError, r"negative dimensions are not allowed: shape \(-1,\)"),
         ({"shape": (2, 2.0)}, TypeError, "a shape is an int or a tuple of ints, not 'float'"),
         ({"shape": "23"}, TypeError, "a shape is an int or a tuple of ints, not 'str'"),
+        ({"shape": b"23"}, TypeError, "a shape is an int or a tuple of ints, not 'bytes'"),
         ({"shape": None}, TypeError, "a shape is an int or a tuple of ints, not 'NoneType'"),
         ({"shape": 2**31}, ValueError, r"shape \(2147483648,\) has more than 2\*\*31 - 1 elements"),
         ({"shape": (2**40, 2**40)}, ValueError, "is too large"),
@@ -197,3 +200,23 @@ def test_code_of_a_refused_value_is_invalid_argument():
     with pytest.raises(TarvoError) as caught:
         tarvopy.Model().addVar(lb=float("nan"))
     assert caught.value.code == TRV.Error.INVALID_ARGUMENT
+
+
+def test_signatures_can_be_read():
+    for method in (tarvopy.Model.addVar, tarvopy.Model.addMVar):
+        parameters = inspect.signature(method).parameters
+        assert (parameters["lb"].default, parameters["ub"].default, parameters["vtype"].default) == (0.0, inf, "C")
+
+
+def test_names_hold_no_null_character_however_they_are_given():
+    m = tarvopy.Model()
+    x = m.addMVar(2, name="x")
+    for name_them in (
+        lambda: m.addVar(name="a\0"),
+        lambda: m.addMVar(2, name=np.array(["a", "b\0c"], dtype=object)),
+        lambda: setattr(x, "VarName", np.array(["a", "b\0c"], dtype=object)),
+        lambda: setattr(x[0].item(), "VarName", "b\0c"),
+    ):
+        with pytest.raises((TarvoError, ValueError), match="null character"):
+            name_them()
+    assert (m.NumVars, x.VarName.tolist()) == (2, ["x[0]", "x[1]"])

@@ -101,11 +101,11 @@ def test_writes_act_at_once_also_on_pending_elements(store):
         (lambda m: m.setdbls("RHS", [0, 2], [5.0, INF]), "RHS of row 2 is inf"),
         (lambda m: m.setdbls("RHS", [0, 1], [5.0, 1e20]), "RHS of row 1 is 1e+20"),
         (lambda m: m.setdbls("Lower", [0, 2], [5.0, INF]), "Lower of row 2 is inf"),
-        (lambda m: m.setchars("VType", [0, 2], "IZ"), "VType of variable 2 is character 90, not one of C B I S"),
-        (lambda m: m.setchars("Sense", [0, 2], ">x"), "Sense of row 2 is character 120, not one of < > ="),
+        (lambda m: m.setchars("VType", [0, 2], "IZ"), "VType of variable 2 is 'Z', not one of C B I S"),
+        (lambda m: m.setchars("Sense", [0, 2], ">x"), "Sense of row 2 is 'x', not one of < > ="),
         (
             lambda m: m.setchars("Sense", [0], "R"),
-            "Sense of row 0 is character 82, not one of < > =; set Lower and Upper to make a row two-sided",
+            "Sense of row 0 is 'R', not one of < > =; set Lower and Upper to make a row two-sided",
         ),
         (
             lambda m: m.setchars("Sense", [0, 4], "=="),

@@ -68,7 +68,7 @@ def test_bounds_of_binaries_are_cut_and_crossed_bounds_kept():
         ({"ub": [-1e30, 0.0]}, "UB of variable 3 is -1e+30"),
         ({"obj": [1.0, -INF]}, "Obj of variable 4 is -inf"),
         ({"obj": 1e20}, "Obj of variable 3 is 1e+20"),
-        ({"vtype": "CX"}, "VType of variable 4 is character 88, not one of C B I S"),
+        ({"vtype": "CX"}, "VType of variable 4 is 'X', not one of C B I S"),
         ({"names": ("x", (3,))}, "names: the shape has 3 elements where 2 are added"),
     ],
 )

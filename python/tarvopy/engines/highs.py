@@ -49,6 +49,9 @@ _FEASIBLE = 2  # primal_solution_status
 _LARGEST_SEMI_UB = 1e5
 _LARGEST_COEFFICIENT = 1e15
 
+# By how much a value of a start may be beyond its bounds to be taken for the bound.
+_START_TOLERANCE = 1e-6
+
 
 def _open() -> None:
     """Opens the library of the installed highsbox, once for the process."""
@@ -157,7 +160,7 @@ class HighsEngine:
         self._keep_log = params.LogLevel >= 2
         self._set_options(params)
         if problem.nintegral and problem.start is not None:
-            self._solver.set_start(problem.start)
+            self._solver.set_start(_usable_start(problem))
         self._solver.start(self._keep_log)
 
     def _set_options(self, params: Parameters) -> None:
@@ -264,6 +267,19 @@ class HighsEngine:
     def close(self) -> None:
         """Frees HiGHS' memory; of a run that is still under way when that ends."""
         del self._solver
+
+
+def _usable_start(problem: Problem) -> np.ndarray:
+    """The start as HiGHS takes it: an incomplete one must lie within the bounds, which the last solution need not do
+    once a bound was moved. A complete one it repairs itself.
+    """
+    import numpy as np
+
+    start = problem.start
+    if not np.isnan(start).any():
+        return start
+    nearest = np.clip(start, problem.lb, problem.ub)
+    return np.where(np.abs(nearest - start) <= _START_TOLERANCE, nearest, np.nan)
 
 
 def _reason(problem: Problem, value: np.ndarray) -> str:
