@@ -231,15 +231,14 @@ void prefetch_attribute(PyObject *self, const HandleClass &of, PyObject *name) {
 
 namespace {
 
-// The keys of the instance dictionary that the class does not list already; nothing is made.
+// The keys that the instance dictionary shows; nothing is made.
 void append_stored_names(PyObject *self, const HandleClass &of, const Ref &list) {
-    PyObject *dict = matrix(self)->dict;
-    Ref keys = dict ? check(PyDict_Keys(dict)) : check(PyList_New(0));
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(keys.get()); ++i) {
-        PyObject *key = PyList_GET_ITEM(keys.get(), i);
-        if (key != of.array_name() && key != names._cmodel)
-            check_status(PyList_Append(list.get(), key));
+    if (ids_of(self, of)) {
+        check_status(PyList_Append(list.get(), of.array_name()));
+        check_status(PyList_Append(list.get(), names._cmodel));
     }
+    if (PyObject *dict = matrix(self)->dict)
+        check(PySequence_InPlaceConcat(list.get(), check(PyDict_Keys(dict)).get()));
 }
 
 } // namespace

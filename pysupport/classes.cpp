@@ -9,6 +9,18 @@ PyMethodDef definition(const char *name, MethodFunction function, int flags, con
             METH_FASTCALL | METH_KEYWORDS | flags, doc};
 }
 
+// Python's own property over the getter, as a class statement would make it: tools that look for properties find it.
+// A read costs a few ns more than with a native descriptor.
+Ref read_only(PyTypeObject *base, Member &member) {
+    // Getters ignore their second argument: NULL here, the closure of a native descriptor otherwise.
+    member.method = {member.property.name,
+                     reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(member.property.get)), METH_NOARGS,
+                     nullptr};
+    Ref getter = check(PyDescr_NewMethod(base, &member.method));
+    return check(PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyProperty_Type), "OOOs", getter.get(), Py_None,
+                                       Py_None, member.property.doc));
+}
+
 Ref descriptor(PyTypeObject *base, Member &member) {
     switch (member.kind) {
     case Member::Method:
@@ -20,7 +32,7 @@ Ref descriptor(PyTypeObject *base, Member &member) {
         return check(PyStaticMethod_New(function.get()));
     }
     case Member::Property:
-        return check(PyDescr_NewGetSet(base, &member.property));
+        return member.property.set ? check(PyDescr_NewGetSet(base, &member.property)) : read_only(base, member);
     }
     Py_UNREACHABLE();
 }

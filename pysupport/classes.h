@@ -3,7 +3,7 @@
 //   const Member members[] = {
 //       method("sum", mvar_sum, "sum(axis=None)\n--\n\nSum over the given axes ..."),
 //       class_method("zeros", ...), static_method("fromlist", ...), property("shape", get_shape, "..."),
-//       property("_vararr", get_vararr, set_vararr, "..."),             get, and set-or-delete (value NULL)
+//       property("_vararr", get_vararr, set_vararr, "..."),             get, and set-or-delete (value NULL); native
 //   };
 //   Ref cls = build_class(base, "MVar", "tarvopy._matrixapi", doc, members);
 //   add_members(...) registers what several classes share.
@@ -31,7 +31,7 @@ struct Member {
 Member method(const char *name, MethodFunction function, const char *doc);
 Member class_method(const char *name, MethodFunction function, const char *doc);  // self is the class
 Member static_method(const char *name, MethodFunction function, const char *doc); // self is NULL
-Member property(const char *name, PropertyGet get, const char *doc);
+Member property(const char *name, PropertyGet get, const char *doc); // read-only: a Python property
 Member property(const char *name, PropertyGet get, PropertySet set, const char *doc);
 
 // base: the native type whose instances the functions expect as self.
