@@ -172,15 +172,28 @@ void check_bound(const Rows &rows, int64_t row, double bound, bool minus_ok, boo
         bad_bound(rows, row, "can never hold: its lower bound is infinity");
 }
 
-// constants become bounds in place; 0.0 - c, so that no bound becomes -0.0.
-void to_bounds(const Rows &rows, double *constants, Sense sense) {
-    bool minus_ok = sense == Sense::Greater, plus_ok = sense == Sense::Less;
+// constants become bounds in place; 0.0 - c, so that no bound becomes -0.0. Returns whether some row has none.
+bool to_bounds(const Rows &rows, double *constants, Sense sense) {
+    bool minus_ok = sense == Sense::Greater, plus_ok = sense == Sense::Less, free = false;
     for (int64_t i = 0; i < rows.block().nrows; ++i) {
         double bound = 0.0 - constants[i];
-        if (!(std::fabs(bound) < TRV_INFINITY)) [[unlikely]]
+        if (!(std::fabs(bound) < TRV_INFINITY)) [[unlikely]] {
             check_bound(rows, i, bound, minus_ok, plus_ok);
+            free = true;
+        }
         constants[i] = bound;
     }
+    return free;
+}
+
+// Rows that were written as >= but have no bound: the store sees no side of theirs, and would take an RHS that is set
+// later for the right-hand side of <=.
+void free_rows_keep_their_sense(TRVmodel *store, int32_t first, int64_t nrows, const double *lower) {
+    std::vector<int32_t> ids;
+    for (int64_t i = 0; i < nrows; ++i)
+        if (lower[i] <= -TRV_INFINITY)
+            ids.push_back(first + static_cast<int32_t>(i));
+    succeed(store, TRVsetchars(store, "Sense", static_cast<int64_t>(ids.size()), ids.data(), 0, ">", 0));
 }
 
 Ref constraint_handle(ModelObject *handle, TRVmodel *store, const Shape &shape, int32_t first, bool scalar) {
@@ -220,11 +233,13 @@ TARVOPY_METHOD(model_addConstr) {
         const TRVnames *block = names.block(shape);
         TRVmodel *store = store_of(handle);
         Scratch bounds = rows.write_into(store);
-        to_bounds(rows, bounds.get(), sense);
+        bool free = to_bounds(rows, bounds.get(), sense);
         static const double minus = -HUGE_VAL, plus = HUGE_VAL;
         const double *lower = sense == Sense::Less ? &minus : bounds.get();
         const double *upper = sense == Sense::Greater ? &plus : bounds.get();
         int32_t first = rows.commit(lower, sense != Sense::Less, upper, sense != Sense::Greater, block);
+        if (free && sense == Sense::Greater)
+            free_rows_keep_their_sense(store, first, shape.size, lower);
         return constraint_handle(handle, store, shape, first, rows.block().scalar);
     });
 }

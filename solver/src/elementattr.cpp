@@ -4,15 +4,31 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <iterator>
 
 namespace store {
+
+namespace {
+
+// As TRV has them.
+const char *statusname(int status) {
+    static const char *const names[] = {
+        "NOT_SOLVED", "OPTIMAL",         "INFEASIBLE", "UNBOUNDED",      "INFEASIBLE_OR_UNBOUNDED",
+        "TIME_LIMIT", "ITERATION_LIMIT", "NODE_LIMIT", "SOLUTION_LIMIT", "INTERRUPTED",
+        "IMPRECISE",  "FAILED"};
+    const bool known = status >= 0 && status < static_cast<int>(std::size(names));
+    return known ? names[status] : "unknown";
+}
+
+} // namespace
 
 void failnodata(const TRVmodel &model, const char *what) {
     const Solution &solution = model.solution;
     if (solution.status() == TRV_NOT_SOLVED)
         failf(TRV_ERROR_NO_DATA, "%s: %s (Status NOT_SOLVED); call optimize() first", what,
               solution.outdated() ? "the model has changed since the last solve" : "the model has no solution yet");
-    failf(TRV_ERROR_NO_DATA, "%s: the last solve ended with Status %d and left no value", what, solution.status());
+    failf(TRV_ERROR_NO_DATA, "%s: the last solve ended with Status %s and left no value", what,
+          statusname(solution.status()));
 }
 
 namespace {

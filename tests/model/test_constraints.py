@@ -135,6 +135,18 @@ def test_infinite_sides_mean_none(mode, m):
     assert a.upper.tolist() == [inf, inf, 1, inf, inf]
 
 
+def test_rows_without_a_bound_keep_the_sense_they_were_written_with(m):
+    x = m.addMVar(3, ub=9)
+    below, above = m.addConstr(x <= [1, inf, 1e20]), m.addConstr(x >= [1, -inf, -1e20])
+    single = m.addConstr(x[0].item() >= -inf)
+    assert (below.Sense.tolist(), above.Sense.tolist(), single.Sense) == (["<"] * 3, [">"] * 3, ">")
+    assert above.RHS.tolist() == [1, -inf, -inf]
+    above.RHS = 2
+    single.RHS = 3
+    assert (above.Lower.tolist(), above.Upper.tolist()) == ([2] * 3, [inf] * 3)
+    assert (single.Lower, single.Upper) == (3, inf)
+
+
 @pytest.mark.parametrize(
     "make",
     [

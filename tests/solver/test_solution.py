@@ -52,7 +52,7 @@ def test_the_gap_is_relative_to_the_value(store):
     store.solved([0, 0], objval=-8.0, bound=-10.0, gap=0.5)
     assert store.dbl("Gap") == 0.5
     store.solved([0, 0], objval=3.0)
-    nodata("Gap: the last solve ended with Status 1 and left no value", lambda: store.dbl("Gap"))
+    nodata("Gap: the last solve ended with Status OPTIMAL and left no value", lambda: store.dbl("Gap"))
 
 
 def test_a_solution_stays_readable_until_an_update_applies_a_change(store):
@@ -145,7 +145,7 @@ def test_a_solve_without_values_leaves_its_status(store):
     solve(store)
     store.commitsolution(status=INFEASIBLE)
     assert store.int("Status") == INFEASIBLE
-    nodata("X: the last solve ended with Status 2 and left no value", lambda: store.dbls("X", [0]))
+    nodata("X: the last solve ended with Status INFEASIBLE and left no value", lambda: store.dbls("X", [0]))
     assert store.data()["start"].tolist() == [3, 1]
 
 
