@@ -4,8 +4,8 @@
 //   constant[i] + sum over the summands s, over the terms k of row i of s:  coefficient(s, k) * variable(s, k)
 // and the terms stand in that order, as if somebody had appended them one by one.
 //
-//   x + 2 * y   over a (1000, 1000) array:   two summands of width 1, ids shared with x and y, scale 1 and 2; no
-//   coefficient array A @ x       one summand: the row pointers, columns and values of A, and the ids of x as `vars`
+//   x + 2 * y   (1000, 1000)    two summands of width 1, ids shared with x and y, scale 1 and 2, no coefficients
+//   A @ x       one summand: the row pointers, columns and values of A, and the ids of x as `vars`
 //
 // Buffers are immutable once shared: copies of a form, scaled forms and sums share them. A form belongs to variables of
 // one model, whose handle its holder keeps.

@@ -89,12 +89,7 @@ void append_part(PyObject *self, Part part, const Ref &model) {
             native->model = model;
         return;
     }
-    Ref list = check(PyObject_GetAttr(self, names._matmulparts)), pair = part_pair(part, model);
-    if (!PyList_Check(list.get())) { // a tuple was given
-        list = check(PySequence_List(list.get()));
-        check_status(PyObject_SetAttr(self, names._matmulparts, list.get()));
-    }
-    check_status(PyList_Append(list.get(), pair.get()));
+    append_pair(self, part_pair(part, model));
 }
 
 // Parts may be appended if their variables are of the receiver's model.
@@ -344,6 +339,15 @@ Ref add_by_copy(PyObject *self, PyObject *other, double factor) {
 }
 
 } // namespace
+
+void append_pair(PyObject *self, const Ref &pair) {
+    Ref list = matmulparts(self);
+    if (!PyList_Check(list.get())) { // a tuple was given
+        list = check(PySequence_List(list.get()));
+        check_status(PyObject_SetAttr(self, names._matmulparts, list.get()));
+    }
+    check_status(PyList_Append(list.get(), pair.get()));
+}
 
 bool iadd(PyObject *self, PyObject *other, double factor) {
     Operand kind = kind_of(other);

@@ -291,9 +291,10 @@ Ref from_matmul(PyObject *cls, PyObject *given, PyObject *mvar, Side side) {
     if (kind_of(mvar) != Operand::MVar)
         cannot_construct(mvar);
     flat::Shape shape = product_shape(given, mvar, side);
-    if (has_zero(shape))
-        return make_zeros(cls, shape);
     bool known = is_array(given) || is_sparse(given);
+    // Without variables, (3, 0) @ (0,), there is nothing that a part could hold.
+    if (has_zero(shape) || (known && has_zero(mvar_shape(mvar))))
+        return make_zeros(cls, shape);
     bool stacked = known && operand_shape(given).size() > 2; // a stack of matrices is not one matrix of a part
     if (known && !stacked && keep_compact(cls) && allows_compact(mvar_shape(mvar)) && allows_compact(shape))
         return compact_product(cls, given, mvar, side, shape, float_array(shape));
@@ -382,8 +383,7 @@ PyObject *add_matmul_part(PyObject *self, PyObject *const *args, Py_ssize_t narg
         Arguments given(signature, 1, args, nargs, kwnames);
         need_numpy();
         Part part = checked_part(self, given[0], given[1]);
-        Ref list = check(PyObject_GetAttr(self, names._matmulparts));
-        check_status(PyList_Append(list.get(), part_pair(part, {}).get()));
+        append_pair(self, part_pair(part, {}));
         return Ref::none();
     });
 }

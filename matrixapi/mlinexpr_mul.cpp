@@ -154,9 +154,9 @@ void scale_constant(const Ref &constant, const Ref &numbers) {
 
 void imul_compact(PyObject *self, const Ref &numbers) {
     flat::Shape shape = shape_of(self);
-    need_fit(shape, shape_of_array(numbers.get()));
     if (flat::size_of(shape) > 0)
         need_finite_array(numbers);
+    need_fit(shape, shape_of_array(numbers.get()));
     Factors factors(numbers, shape);
     join_parts(self);
     Ref constant = Ref::borrow(const_array(self));
@@ -268,12 +268,12 @@ Ref power(PyObject *self, PyObject *other) {
 
 using Operator = Ref (*)(PyObject *self, PyObject *other);
 
-PyObject *binary(Operator function, const char *name, PyObject *self, PyObject *const *args, Py_ssize_t nargs,
-                 PyObject *kwnames) {
+PyObject *binary(Operator function, const char *name, const char *operand, PyObject *self, PyObject *const *args,
+                 Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         if (nargs == 1 && !kwnames)
             return function(self, args[0]);
-        Arguments given(Signature(name, {"other"}, 1), 1, args, nargs, kwnames);
+        Arguments given(Signature(name, {operand}, 1), 1, args, nargs, kwnames);
         return function(self, given[0]);
     });
 }
@@ -283,9 +283,9 @@ Ref unary(const char *name, Py_ssize_t nargs, PyObject *kwnames) {
     return {};
 }
 
-#define TARVOPY_BINARY(c_name, python_name, function)                                                                  \
+#define TARVOPY_BINARY(c_name, python_name, operand, function)                                                         \
     PyObject *c_name(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {                     \
-        return binary(function, python_name, self, args, nargs, kwnames);                                              \
+        return binary(function, python_name, operand, self, args, nargs, kwnames);                                     \
     }
 
 Ref reflected_division(PyObject *, PyObject *other) {
@@ -319,18 +319,18 @@ Ref not_equal(PyObject *, PyObject *) {
     fail_tarvo(0, "Inequality constraints not supported");
 }
 
-TARVOPY_BINARY(mlinexpr_mul, "__mul__", multiply)
-TARVOPY_BINARY(mlinexpr_rmul, "__rmul__", multiply)
-TARVOPY_BINARY(mlinexpr_imul, "__imul__", imul)
-TARVOPY_BINARY(mlinexpr_truediv, "__truediv__", divide)
-TARVOPY_BINARY(mlinexpr_itruediv, "__itruediv__", idivide)
-TARVOPY_BINARY(mlinexpr_rtruediv, "__rtruediv__", reflected_division)
-TARVOPY_BINARY(mlinexpr_pow, "__pow__", power)
-TARVOPY_BINARY(mlinexpr_rpow, "__rpow__", reflected_power)
-TARVOPY_BINARY(mlinexpr_le, "__le__", less_equal)
-TARVOPY_BINARY(mlinexpr_ge, "__ge__", greater_equal)
-TARVOPY_BINARY(mlinexpr_eq, "__eq__", equal)
-TARVOPY_BINARY(mlinexpr_ne, "__ne__", not_equal)
+TARVOPY_BINARY(mlinexpr_mul, "__mul__", "other", multiply)
+TARVOPY_BINARY(mlinexpr_rmul, "__rmul__", "other", multiply)
+TARVOPY_BINARY(mlinexpr_imul, "__imul__", "other", imul)
+TARVOPY_BINARY(mlinexpr_truediv, "__truediv__", "other", divide)
+TARVOPY_BINARY(mlinexpr_itruediv, "__itruediv__", "other", idivide)
+TARVOPY_BINARY(mlinexpr_rtruediv, "__rtruediv__", "other", reflected_division)
+TARVOPY_BINARY(mlinexpr_pow, "__pow__", "other", power)
+TARVOPY_BINARY(mlinexpr_rpow, "__rpow__", "other", reflected_power)
+TARVOPY_BINARY(mlinexpr_le, "__le__", "rhs", less_equal)
+TARVOPY_BINARY(mlinexpr_ge, "__ge__", "rhs", greater_equal)
+TARVOPY_BINARY(mlinexpr_eq, "__eq__", "rhs", equal)
+TARVOPY_BINARY(mlinexpr_ne, "__ne__", "rhs", not_equal)
 
 PyObject *mlinexpr_neg(PyObject *self, PyObject *const *, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {

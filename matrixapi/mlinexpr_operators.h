@@ -51,10 +51,12 @@ void assert_that(bool holds);
 [[noreturn]] void nonlinear_later();
 
 // ---- arithmetic, shared by operators and their reflected forms
-Ref add(PyObject *self, PyObject *other, double factor);        // self + factor * other, or NotImplemented
-Ref scaled(PyObject *self, double factor);                      // factor * self, a new expression
-Ref multiply(PyObject *self, PyObject *other);                  // self * other, or NotImplemented
-bool iadd(PyObject *self, PyObject *other, double factor);      // self += factor * other; false: no operand of ours
+Ref add(PyObject *self, PyObject *other, double factor);   // self + factor * other, or NotImplemented
+Ref scaled(PyObject *self, double factor);                 // factor * self, a new expression
+Ref multiply(PyObject *self, PyObject *other);             // self * other, or NotImplemented
+bool iadd(PyObject *self, PyObject *other, double factor); // self += factor * other; false: no operand of ours
+// One more (csr_matrix, MVar) pair of a compact expression: its list grows in place, a tuple becomes a list.
+void append_pair(PyObject *self, const Ref &pair);
 Ref imul(PyObject *self, PyObject *other);                      // self *= other, or NotImplemented
 Ref matrix_product(PyObject *self, PyObject *matrix);           // self @ matrix, or NotImplemented
 Ref reflected_matrix_product(PyObject *self, PyObject *matrix); // matrix @ self

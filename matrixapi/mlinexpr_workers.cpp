@@ -4,6 +4,8 @@
 
 #include "pysupport/args.h"
 
+#include <algorithm>
+
 namespace tarvopy {
 
 using namespace pysupport;
@@ -30,47 +32,56 @@ Ref scale(PyObject *self, PyObject *other) {
 
 using Worker = Ref (*)(PyObject *self, PyObject *operand);
 
-template <Receiver receiver, Worker work>
+// A literal as a template argument: each worker knows its own name and that of its operand, for keywords and messages.
+template <size_t n> struct Text {
+    char chars[n];
+    consteval Text(const char (&literal)[n]) { std::copy_n(literal, n, chars); }
+};
+
+template <Receiver receiver, Worker work, Text name, Text operand>
 PyObject *worker(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
-        static const Signature signature("worker", {"operand"}, 1);
+        static const Signature signature(name.chars, {operand.chars}, 1);
         Arguments given(signature, 1, args, nargs, kwnames);
         assert_that(is_compact(self) == (receiver == Receiver::Compact));
         return work(self, given[0]);
     });
 }
 
-template <Worker work> constexpr MethodFunction on_compact = worker<Receiver::Compact, work>;
-template <Worker work> constexpr MethodFunction on_full = worker<Receiver::Full, work>;
+template <Worker work, Text name, Text operand = "other"> Member on_compact(const char *doc) {
+    return method(name.chars, worker<Receiver::Compact, work, name, operand>, doc);
+}
+template <Worker work, Text name, Text operand = "other"> Member on_full(const char *doc) {
+    return method(name.chars, worker<Receiver::Full, work, name, operand>, doc);
+}
 
 } // namespace
 
 std::span<Member> worker_members() {
     static Member members[] = {
-        method("_add_compact_mlinexpr", on_compact<sum>, "Compact receiver plus any MLinExpr."),
-        method("_add_compact_mlinexpr_compact", on_compact<sum>, "Two compact operands."),
-        method("_add_full_mlinexpr", on_full<sum>, "Full receiver plus MLinExpr."),
-        method("_add_full_ndarray", on_full<sum>, "Full receiver plus numeric array."),
-        method("_iadd_compact_var", on_compact<increase>, "Adds a variable to every element."),
-        method("_iadd_compact_linexpr", on_compact<increase>, "Adds a scalar expression to every element."),
-        method("_iadd_compact_mlinexpr", on_compact<increase>, "Compact receiver increased by any MLinExpr."),
-        method("_iadd_compact_mlinexpr_compact", on_compact<increase>, "Compact receiver increased by a compact one."),
-        method("_iadd_full_scalar", on_full<increase>, "Adds a number to every element."),
-        method("_iadd_full_ndarray", on_full<increase>, "Adds numbers element by element."),
-        method("_iadd_full_mlinexpr", on_full<increase>, "Adds expressions element by element."),
-        method("_mul_compact_ndarray", on_compact<multiply>, "Compact receiver times a numeric array, a new result."),
-        method("_mul_ndarray_numpy", on_full<multiply>, "Full receiver times a numeric array, a new result."),
-        method("_imul_compact_scalar", on_compact<scale>, "Compact receiver scaled in place."),
-        method("_imul_compact_ndarray", on_compact<scale>, "Compact receiver scaled element by element in place."),
-        method("_imul_compact_spmatrix", on_compact<scale>, "The same by a sparse matrix, made dense."),
-        method("_imul_scalar", on_full<scale>, "Full receiver scaled in place."),
-        method("_imul_ndarray", on_full<scale>, "Full receiver scaled element by element in place."),
-        method("_imul_full_spmatrix", on_full<scale>, "The same by a sparse matrix, made dense."),
-        method("_matmul_compact_spmatrix_or_ndarray", on_compact<matrix_product>, "self @ M, compact receiver."),
-        method("_rmatmul_compact_spmatrix_or_ndarray", on_compact<reflected_matrix_product>,
-               "M @ self, compact receiver."),
-        method("_matmul_full_spmatrix_or_ndarray", on_full<matrix_product>, "self @ M, full receiver."),
-        method("_rmatmul_full_spmatrix_or_ndarray", on_full<reflected_matrix_product>, "M @ self, full receiver."),
+        on_compact<sum, "_add_compact_mlinexpr">("Compact receiver plus any MLinExpr."),
+        on_compact<sum, "_add_compact_mlinexpr_compact">("Two compact operands."),
+        on_full<sum, "_add_full_mlinexpr">("Full receiver plus MLinExpr."),
+        on_full<sum, "_add_full_ndarray">("Full receiver plus numeric array."),
+        on_compact<increase, "_iadd_compact_var", "var">("Adds a variable to every element."),
+        on_compact<increase, "_iadd_compact_linexpr", "le">("Adds a scalar expression to every element."),
+        on_compact<increase, "_iadd_compact_mlinexpr">("Compact receiver increased by any MLinExpr."),
+        on_compact<increase, "_iadd_compact_mlinexpr_compact">("Compact receiver increased by a compact one."),
+        on_full<increase, "_iadd_full_scalar", "c">("Adds a number to every element."),
+        on_full<increase, "_iadd_full_ndarray", "a">("Adds numbers element by element."),
+        on_full<increase, "_iadd_full_mlinexpr">("Adds expressions element by element."),
+        on_compact<multiply, "_mul_compact_ndarray">("Compact receiver times a numeric array, a new result."),
+        on_full<multiply, "_mul_ndarray_numpy">("Full receiver times a numeric array, a new result."),
+        on_compact<scale, "_imul_compact_scalar", "value">("Compact receiver scaled in place."),
+        on_compact<scale, "_imul_compact_ndarray">("Compact receiver scaled element by element in place."),
+        on_compact<scale, "_imul_compact_spmatrix", "spmat">("The same by a sparse matrix, made dense."),
+        on_full<scale, "_imul_scalar", "c">("Full receiver scaled in place."),
+        on_full<scale, "_imul_ndarray", "a">("Full receiver scaled element by element in place."),
+        on_full<scale, "_imul_full_spmatrix", "spmat">("The same by a sparse matrix, made dense."),
+        on_compact<matrix_product, "_matmul_compact_spmatrix_or_ndarray">("self @ M, compact receiver."),
+        on_compact<reflected_matrix_product, "_rmatmul_compact_spmatrix_or_ndarray">("M @ self, compact receiver."),
+        on_full<matrix_product, "_matmul_full_spmatrix_or_ndarray">("self @ M, full receiver."),
+        on_full<reflected_matrix_product, "_rmatmul_full_spmatrix_or_ndarray">("M @ self, full receiver."),
     };
     return members;
 }

@@ -1,8 +1,8 @@
 // What stands on the other side of an operator: kinds of operand, and numeric operands as plain arrays.
 //
 //   switch (kind_of(other)) { case Operand::Array: ...                one dispatch for every operator
-//   Ref a = as_doubles(other)        a C-contiguous float64 ndarray (never a subclass), or empty: take the element-wise
-//   path flat::Csr m = csr_of(sparse)     a checked copy of a SciPy matrix of any format
+//   Ref a = as_doubles(other)        a C-contiguous float64 ndarray (never a subclass), or empty: element by element
+//   flat::Csr m = csr_of(sparse)     a checked copy of a SciPy matrix of any format
 #pragma once
 
 #include "flat_product.h"

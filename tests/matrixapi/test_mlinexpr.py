@@ -666,6 +666,71 @@ def test_a_tuple_of_parts_is_as_good_as_a_list(mode, model):
     assert e._is_compact()
 
 
+def test_a_part_is_added_to_a_list_or_a_tuple_and_to_nothing_else(mode, model):
+    x, eye = variables(model, 2), sp.csr_matrix(np.eye(2))
+    shared = [(eye, x)]
+    e = MLinExpr(matmulparts=shared, b=np.zeros(2))
+    e._add_matmul_part(A=eye, x=x)
+    assert e._matmulparts is shared
+    assert len(shared) == 2
+    e = MLinExpr(matmulparts=((eye, x),), b=np.zeros(2))
+    e._add_matmul_part(eye, x)
+    assert terms(e) == [(0.0, [(1.0, 0), (1.0, 0)]), (0.0, [(1.0, 1), (1.0, 1)])]
+    with pytest.raises(TypeError, match="a full MLinExpr has no parts"):
+        (x + 1)._to_full()._add_matmul_part(eye, x)
+
+
+def test_a_product_over_no_variables_has_no_parts(mode, model):
+    none = variables(model, 2)[:0]
+    for product in (np.zeros((3, 0)) @ none, sp.csr_matrix((3, 0)) @ none, none @ np.zeros((0, 3))):
+        assert (product.shape, product._matmulparts) == ((3,), [])
+    assert (np.zeros(0) @ none)._matmulparts == []
+
+
+COMPACT_WORKERS = {
+    "_add_compact_mlinexpr": "other",
+    "_add_compact_mlinexpr_compact": "other",
+    "_iadd_compact_var": "var",
+    "_iadd_compact_linexpr": "le",
+    "_iadd_compact_mlinexpr": "other",
+    "_iadd_compact_mlinexpr_compact": "other",
+    "_imul_compact_scalar": "value",
+    "_imul_compact_ndarray": "other",
+    "_imul_compact_spmatrix": "spmat",
+    "_mul_compact_ndarray": "other",
+}
+FULL_WORKERS = {
+    "_add_full_mlinexpr": "other",
+    "_add_full_ndarray": "other",
+    "_iadd_full_scalar": "c",
+    "_iadd_full_ndarray": "a",
+    "_iadd_full_mlinexpr": "other",
+    "_mul_ndarray_numpy": "other",
+    "_imul_scalar": "c",
+    "_imul_ndarray": "a",
+    "_imul_full_spmatrix": "spmat",
+}
+
+
+@pytest.mark.parametrize(("name", "parameter"), [*COMPACT_WORKERS.items(), *FULL_WORKERS.items()])
+def test_workers_know_their_names_their_parameters_and_their_state(mode, model, name, parameter):
+    x = variables(model, (1, 2))
+    receiver, other = (x + 1, (x + 1)._to_full())[:: 1 if name in COMPACT_WORKERS else -1]
+    operands = {
+        "var": x[0, 0].item(),
+        "le": x[0, 0].item() + 1,
+        "spmat": sp.csr_matrix([[2.0, 3.0]]),
+        "other": x + 1 if name.endswith(("mlinexpr", "mlinexpr_compact")) else np.array([[2.0, 3.0]]),
+    }
+    operand = operands.get(parameter, 2.0 if parameter in ("c", "value") else np.array([[2.0, 3.0]]))
+    result = getattr(receiver, name)(**{parameter: operand})
+    assert (result is None) == name.startswith("_i")
+    with pytest.raises(TypeError, match=rf"{name}\(\) takes"):
+        getattr(receiver, name)(operand, operand)
+    with pytest.raises(AssertionError):
+        getattr(other, name)(operand)
+
+
 def test_made_objects_cost_50_bytes_a_term_and_210_a_row(model):
     """Coefficients that all differ, so that no float object is shared."""
     rows, terms_each = 2000, 10
