@@ -363,7 +363,8 @@ int rows_share(RowBlock *block, TRVsharedrows *rows, double *constants) {
             return;
         auto keeper = std::make_unique<flat::Summand>(with_ids(only));
         write_constants(held, constants);
-        *rows = {keeper->ptr.data(), keeper->width, keeper->cols.data(), keeper->coef.data(), nullptr, release_summand};
+        keeper->ptr = {}; // the store makes pointers of its own; until then those of the block serve
+        *rows = {only.ptr.data(), only.width, keeper->cols.data(), keeper->coef.data(), nullptr, release_summand};
         rows->keeper = keeper.release();
         shared = true;
     });
