@@ -131,6 +131,10 @@ bool flat_value(PyObject *expr, flat::Form &form, Ref &model);
 bool native_parts(PyObject *expr, std::vector<Part> &parts, Ref &model);
 // Of a compact expression: `_const` (borrowed), checked to be an ndarray.
 PyObject *const_array(PyObject *expr);
+// The same as float64 numbers in C order, whatever array the user put there: a safe cast, as the element-wise addition
+// of
+// `_const` would make it, and its TypeError otherwise.
+Ref constant_doubles(PyObject *expr);
 // LinExpr objects one after the other, as a form of the given shape; false where one is no LinExpr or two models meet.
 bool read_linexprs(PyObject *const *elements, const flat::Shape &shape, flat::Form &form, Ref &model);
 // The elements of an object array of any layout, in C order; false also for an array of another dtype.

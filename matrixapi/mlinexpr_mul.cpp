@@ -55,7 +55,7 @@ Ref scaled_compact(PyObject *self, double factor) {
     if (!native_parts(self, parts, model))
         return {};
     flat::Shape shape = shape_of(self);
-    Ref numbers = as_doubles(const_array(self));
+    Ref numbers = constant_doubles(self);
     Ref constant = float_array(shape, doubles(numbers));
     double *values = static_cast<double *>(PyArray_DATA(as_array(constant)));
     for (int64_t i = 0; i < flat::size_of(shape); ++i)

@@ -124,7 +124,7 @@ void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction functi
     Ref spread = check(PyArray_FROM_OTF(operand, NPY_OBJECT, NPY_ARRAY_ENSURECOPY | NPY_ARRAY_CARRAY));
     for (npy_intp i = 0; i < PyArray_SIZE(as_array(spread)); ++i) {
         PyObject **slot = static_cast<PyObject **>(PyArray_DATA(as_array(spread))) + i;
-        if (PyObject_TypeCheck(*slot, mod.core->LinExpr))
+        if (*slot && PyObject_TypeCheck(*slot, mod.core->LinExpr)) // NumPy allocates object arrays without elements
             Py_SETREF(*slot, check(mod.core->linexpr_copy(*slot)).release());
     }
     Ref iterator = check(PyArray_MultiIterNew(2, array, spread.get()));
@@ -134,7 +134,7 @@ void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction functi
         auto *slot = static_cast<char *>(PyArray_MultiIter_DATA(multi, 0));
         PyObject *value = *static_cast<PyObject **>(PyArray_MultiIter_DATA(multi, 1));
         Ref element = check(PyArray_GETITEM(target, slot));
-        Ref changed = check(function(element.get(), value));
+        Ref changed = check(function(element.get(), value ? value : Py_None));
         if (!changed.is(element.get()))
             check_status(PyArray_SETITEM(target, slot, changed.get()));
         PyArray_MultiIter_NEXT(multi);

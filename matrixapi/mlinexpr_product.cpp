@@ -112,7 +112,7 @@ Ref compact_product(PyObject *self, const Plan &plan, const flat::Shape &shape) 
     join_parts(self);
     if (!native_parts(self, parts, model))
         return {};
-    Ref numbers = as_doubles(const_array(self));
+    Ref numbers = constant_doubles(self);
     const double *old = doubles(numbers);
     Ref constant = float_array(shape);
     for (int64_t i = 0; i < plan.size; ++i)

@@ -125,12 +125,11 @@ bool flat_linexpr(PyObject *object, flat::Form &form, Ref &model) {
 
 // ---- compact data -------------------------------------------------------------------------------------------------
 
-namespace {
-
-// A safe cast, as the element-wise addition of `_const` would make it; its TypeError otherwise.
 Ref constant_doubles(PyObject *expr) {
     return check(PyArray_FROMANY(const_array(expr), NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
 }
+
+namespace {
 
 flat::Constant compact_constant(PyObject *expr, int64_t size) {
     Ref array = constant_doubles(expr);
