@@ -349,10 +349,12 @@ void append_pair(PyObject *self, const Ref &pair) {
     check_status(PyList_Append(list.get(), pair.get()));
 }
 
-bool iadd(PyObject *self, PyObject *other, double factor) {
-    Operand kind = kind_of(other);
+bool iadd(PyObject *self, PyObject *given, double factor) {
+    Operand kind = kind_of(given);
     if (!is_linear_operand(kind))
         return false;
+    Ref held = kind == Operand::Scalar ? plain_scalar(given) : Ref::borrow(given);
+    PyObject *other = held.get();
     if (takes_compact_path(self)) {
         iadd_on_compact(self, other, kind, factor);
         return true;
@@ -362,8 +364,10 @@ bool iadd(PyObject *self, PyObject *other, double factor) {
     return true;
 }
 
-Ref add(PyObject *self, PyObject *other, double factor) {
-    Operand kind = kind_of(other);
+Ref add(PyObject *self, PyObject *given, double factor) {
+    Operand kind = kind_of(given);
+    Ref held = kind == Operand::Scalar ? plain_scalar(given) : Ref::borrow(given);
+    PyObject *other = held.get();
     if (is_nonlinear_operand(kind))
         nonlinear_later();
     if (is_quadratic_operand(kind))

@@ -207,7 +207,9 @@ Ref inverse(PyObject *other, Operand kind) {
     if (kind != Operand::Array && kind != Operand::Sparse && kind != Operand::Scalar)
         return {};
     Ref one = check(PyFloat_FromDouble(1.0));
-    Ref numbers = kind == Operand::Sparse ? to_dense(other) : Ref::borrow(other);
+    Ref numbers = kind == Operand::Sparse   ? to_dense(other)
+                  : kind == Operand::Scalar ? plain_scalar(other)
+                                            : Ref::borrow(other);
     return check(PyNumber_TrueDivide(one.get(), numbers.get()));
 }
 

@@ -77,6 +77,11 @@ double number(PyObject *scalar) {
     return value;
 }
 
+Ref plain_scalar(PyObject *scalar) {
+    bool plain = PyFloat_Check(scalar) || PyLong_Check(scalar) || (numpy_loaded() && PyArray_IsScalar(scalar, Generic));
+    return plain ? Ref::borrow(scalar) : check(PyFloat_FromDouble(number(scalar)));
+}
+
 // ---- arrays --------------------------------------------------------------------------------------------------------
 
 namespace {

@@ -36,6 +36,8 @@ bool is_scalar(PyObject *object); // a plain number, as _util._isscalar says
 
 // The value of a number; throws for one that float() refuses (complex).
 double number(PyObject *scalar);
+// The number as Python or NumPy compute with it: a Fraction or a Decimal, which meet no float array, becomes a float.
+Ref plain_scalar(PyObject *scalar);
 
 // Bool, integer and float arrays of up to 8 bytes an element, exact ndarrays and numpy.matrix alike; empty for every
 // other dtype and subclass.

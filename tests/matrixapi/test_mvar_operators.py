@@ -1,6 +1,8 @@
 """Operators of MVar: which operand goes where, on either side, whether the variables exist or not."""
 
 import operator
+from decimal import Decimal
+from fractions import Fraction
 
 import numpy as np
 import pytest
@@ -194,3 +196,21 @@ def test_outcomes_do_not_depend_on_whether_the_variables_exist(op):
     by_state = [[outcome for state, outcome in outcomes if state == wanted] for wanted in ("flat", "looked", "eager")]
     assert by_state[0] == by_state[1]
     assert by_state[0] == by_state[2]
+
+
+@pytest.mark.parametrize("two", [Fraction(2), Decimal(2), np.longdouble(2), np.float16(2)], ids=repr)
+def test_every_kind_of_real_number_is_a_scalar(mode, model, two):
+    for x in (model.addMVar(2), model.addMVar((2, 1, 2))):  # compact and full results
+        for operand in (x, x + 1.0):
+            constant = 0.0 if operand is x else 1.0
+            forms = {
+                (1.0, constant + 2): [operand + two, two + operand],
+                (1.0, constant - 2): [operand - two],
+                (-1.0, 2 - constant): [two - operand],
+                (2.0, 2 * constant): [operand * two, two * operand],
+                (0.5, constant / 2): [operand / two],
+            }
+            for (coefficient, rest), results in forms.items():
+                for result in results:
+                    assert {e.getConstant() for e in result[...]._learr.ravel()} == {rest}
+                    assert {c for e in result[...]._learr.ravel() for c, _ in e.terms()} == {coefficient}
