@@ -256,7 +256,7 @@ bool iadd_compact_compact(PyObject *self, PyObject *other, double factor) {
 
 void iadd_elements(PyObject *self, PyObject *other, Operand kind, double factor) {
     Ref right = times(element_operand(other, kind).get(), factor);
-    elements_in_place(learr(self).get(), right.get(), PyNumber_InPlaceAdd);
+    elements_or_nothing(learr(self).get(), right.get(), PyNumber_InPlaceAdd);
 }
 
 // Where no object exists the form grows by the operand's summands, which costs nothing per term.

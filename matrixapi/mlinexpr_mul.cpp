@@ -192,7 +192,7 @@ void imul_array(PyObject *self, PyObject *array) {
     if (!compact || !numbers)
         convert_to_full(self);
     if (!numbers)
-        return elements_in_place(learr(self).get(), plain_array(array).get(), PyNumber_InPlaceMultiply);
+        return elements_or_nothing(learr(self).get(), plain_array(array).get(), PyNumber_InPlaceMultiply);
     compact ? imul_compact(self, numbers) : imul_full(self, numbers);
 }
 

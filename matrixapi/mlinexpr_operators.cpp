@@ -118,8 +118,9 @@ Ref wrap_elements(Ref result) {
     return make_objects(mod.MLinExpr, PyArray_Check(result.get()) ? std::move(result) : object_scalar(result.get()));
 }
 
-void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction function) {
-    PyArrayObject *target = as_array(array);
+namespace {
+
+Ref private_operands(PyObject *operand) {
     // A copy: the operand may share its elements with the receiver, which change from here on.
     Ref spread = check(PyArray_FROM_OTF(operand, NPY_OBJECT, NPY_ARRAY_ENSURECOPY | NPY_ARRAY_CARRAY));
     for (npy_intp i = 0; i < PyArray_SIZE(as_array(spread)); ++i) {
@@ -127,9 +128,29 @@ void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction functi
         if (*slot && PyObject_TypeCheck(*slot, mod.core->LinExpr)) // NumPy allocates object arrays without elements
             Py_SETREF(*slot, check(mod.core->linexpr_copy(*slot)).release());
     }
-    Ref iterator = check(PyArray_MultiIterNew(2, array, spread.get()));
+    return spread;
+}
+
+PyArrayMultiIterObject *over_both(const Ref &iterator, PyObject *array) {
     auto *multi = reinterpret_cast<PyArrayMultiIterObject *>(iterator.get());
     need_fit(shape_of_array(array), flat::Shape(multi->dimensions, multi->dimensions + multi->nd));
+    return multi;
+}
+
+bool all_linexprs(PyObject *array) {
+    Ref elements = contiguous_objects(array);
+    auto **first = static_cast<PyObject **>(PyArray_DATA(as_array(elements)));
+    return std::all_of(first, first + PyArray_SIZE(as_array(elements)),
+                       [](PyObject *element) { return element && PyObject_TypeCheck(element, mod.core->LinExpr); });
+}
+
+} // namespace
+
+void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction function) {
+    PyArrayObject *target = as_array(array);
+    Ref spread = private_operands(operand);
+    Ref iterator = check(PyArray_MultiIterNew(2, array, spread.get()));
+    PyArrayMultiIterObject *multi = over_both(iterator, array);
     while (PyArray_MultiIter_NOTDONE(multi)) {
         auto *slot = static_cast<char *>(PyArray_MultiIter_DATA(multi, 0));
         PyObject *value = *static_cast<PyObject **>(PyArray_MultiIter_DATA(multi, 1));
@@ -139,6 +160,26 @@ void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction functi
             check_status(PyArray_SETITEM(target, slot, changed.get()));
         PyArray_MultiIter_NEXT(multi);
     }
+}
+
+void elements_or_nothing(PyObject *array, PyObject *operand, BinaryFunction function) {
+    PyArrayObject *target = as_array(array);
+    Ref spread = private_operands(operand), iterator = check(PyArray_MultiIterNew(2, array, spread.get()));
+    PyArrayMultiIterObject *multi = over_both(iterator, array);
+    Ref results = check(PyArray_SimpleNew(PyArray_NDIM(target), PyArray_DIMS(target), NPY_OBJECT));
+    auto **result = static_cast<PyObject **>(PyArray_DATA(as_array(results)));
+    for (; PyArray_MultiIter_NOTDONE(multi); ++result) {
+        PyObject *value = *static_cast<PyObject **>(PyArray_MultiIter_DATA(multi, 1));
+        Ref element = check(PyArray_GETITEM(target, static_cast<char *>(PyArray_MultiIter_DATA(multi, 0))));
+        if (PyObject_TypeCheck(element.get(), mod.core->LinExpr))
+            element = check(mod.core->linexpr_copy(element.get()));
+        *result = check(function(element.get(), value ? value : Py_None)).release();
+        PyArray_MultiIter_NEXT(multi);
+    }
+    if (all_linexprs(array) && all_linexprs(results.get()))
+        exchange_contents(array, results.get());
+    else
+        check_status(PyArray_CopyInto(target, as_array(results)));
 }
 
 // ---- checks --------------------------------------------------------------------------------------------------------

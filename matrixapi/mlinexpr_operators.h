@@ -36,6 +36,9 @@ using BinaryFunction = PyObject *(*)(PyObject *, PyObject *);
 // Element i of the object array becomes function(element, operand element), for an in-place function; the operand is
 // broadcast.
 void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction function);
+// The same for operands that may be refused half way, such as object arrays: all elements are computed on copies first,
+// which costs a copy of every term.
+void elements_or_nothing(PyObject *array, PyObject *operand, BinaryFunction function);
 
 // ---- checks: TarvoError INVALID_ARGUMENT "<what> is infinite or NaN"
 void need_finite(double value, const char *what);

@@ -2,6 +2,7 @@
 
 import copy
 import gc
+import operator
 import subprocess
 import sys
 import textwrap
@@ -694,6 +695,16 @@ def test_a_product_over_no_variables_has_no_parts(mode, model):
     for product in (np.zeros((3, 0)) @ none, sp.csr_matrix((3, 0)) @ none, none @ np.zeros((0, 3))):
         assert (product.shape, product._matmulparts) == ((3,), [])
     assert (np.zeros(0) @ none)._matmulparts == []
+
+
+@pytest.mark.parametrize("op", [operator.iadd, operator.isub, operator.imul])
+@pytest.mark.parametrize("bad", [None, np.nan, "3"])
+def test_an_operand_refused_half_way_changes_nothing(mode, model, op, bad):
+    x = variables(model, 3)
+    for e in (x + 1, (x + 1)._to_full()):
+        with pytest.raises((TypeError, tarvopy.TarvoError)):
+            op(e, np.array([1.0, 2.0, bad], dtype=object))
+        assert terms(e) == [(1.0, [(1.0, i)]) for i in range(3)]
 
 
 COMPACT_WORKERS = {
