@@ -3,6 +3,7 @@
 //   e.sum(axis=0)      full, terms in the order of the elements; e is full afterwards
 //   e.getValue()       float64 array; one pass over the terms, the solution read from the store by ids
 //   e.clear()          all-zero, same shape, same state
+#include "matrixapi/axes.h"
 #include "matrixapi/mlinexpr.h"
 
 #include "matrixapi/flat_product.h"
@@ -35,44 +36,6 @@ PyObject *element_or_none(PyObject *element) {
 }
 
 // ---- sum ----------------------------------------------------------------------------------------------------------
-
-[[noreturn]] void invalid_axes(PyObject *axis) {
-    PyErr_Clear();
-    Ref text = check(PyUnicode_FromFormat("Invalid axis specifications: %S", axis));
-    const char *message = PyUnicode_AsUTF8(text.get());
-    if (!message)
-        throw PythonError{};
-    fail_tarvo(-1, message);
-}
-
-bool is_rejection() {
-    return PyErr_ExceptionMatches(PyExc_IndexError) || PyErr_ExceptionMatches(PyExc_ValueError) ||
-           PyErr_ExceptionMatches(PyExc_TypeError);
-}
-
-// For each axis its place in the result, -1 where it is summed away.
-std::vector<int> result_axes(PyObject *axis, size_t ndim) {
-    Ref list = Ref::steal(PyObject_CallFunction(mod.axis_to_axeslist, "On", axis, static_cast<Py_ssize_t>(ndim)));
-    if (!list && is_rejection())
-        invalid_axes(axis);
-    if (!list)
-        throw PythonError{};
-    std::vector<int> axes;
-    Ref items = check(PySequence_Tuple(list.get()));
-    for (Py_ssize_t d = 0; d < PyTuple_GET_SIZE(items.get()); ++d)
-        axes.push_back(static_cast<int>(check_value(PyLong_AsLong(PyTuple_GET_ITEM(items.get(), d)))));
-    if (axes.size() != ndim)
-        invalid_axes(axis);
-    return axes;
-}
-
-flat::Shape kept_shape(const flat::Shape &shape, const std::vector<int> &axes) {
-    flat::Shape kept;
-    for (size_t d = 0; d < shape.size(); ++d)
-        if (axes[d] >= 0)
-            kept.push_back(shape[d]);
-    return kept;
-}
 
 // Elements of several models, or foreign ones: LinExpr decides what it takes.
 Ref elementwise_sum(PyObject *expr, const std::vector<int> &axes) {

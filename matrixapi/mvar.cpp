@@ -6,6 +6,7 @@
 //   x[[0, 2]], x.copy()          ids of their own
 //   x[0, 1].item()               the Var
 #include "matrixapi/mvar.h"
+#include "matrixapi/axes.h"
 
 #include "matrixapi/handle.h"
 #include "matrixapi/handle_index.h"
@@ -252,43 +253,6 @@ PyObject *mvar_repr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyO
 
 // ---- sums and data
 
-[[noreturn]] void fail_bad_axis(PyObject *axis) {
-    Ref text = check(PyObject_Format(axis, nullptr));
-    Ref message = check(PyUnicode_FromFormat("Invalid axis specifications: %U", text.get()));
-    const char *utf8 = PyUnicode_AsUTF8(message.get());
-    if (!utf8)
-        throw PythonError{};
-    fail_tarvo(-1, utf8);
-}
-
-std::vector<int> axes_list(PyObject *axis, int ndim) {
-    Ref number = check(PyLong_FromLong(ndim));
-    PyObject *arguments[] = {axis, number.get()};
-    Ref list = Ref::steal(PyObject_Vectorcall(mod.axis_to_axeslist, arguments, 2, nullptr));
-    if (!list) {
-        if (!PyErr_ExceptionMatches(PyExc_IndexError))
-            throw PythonError{};
-        PyErr_Clear();
-        fail_bad_axis(axis);
-    }
-    Ref sequence = check(PySequence_Fast(list.get(), "axes are no sequence"));
-    std::vector<int> axes;
-    for (int d = 0; d < ndim; ++d) {
-        if (d >= PySequence_Fast_GET_SIZE(sequence.get()))
-            fail(PyExc_ValueError, "too few axes for %d dimensions", ndim);
-        axes.push_back(static_cast<int>(check_value(PyLong_AsLong(PySequence_Fast_GET_ITEM(sequence.get(), d)))));
-    }
-    return axes;
-}
-
-flat::Shape kept_shape(const flat::Shape &shape, const std::vector<int> &axes) {
-    flat::Shape kept;
-    for (size_t d = 0; d < shape.size(); ++d)
-        if (axes[d] >= 0)
-            kept.push_back(shape[d]);
-    return kept;
-}
-
 // Elements of several models: one LinExpr a cell, one term a variable, in C order.
 Ref sum_objects(PyObject *self, const flat::Shape &shape, const std::vector<int> &axes) {
     flat::Shape kept = kept_shape(shape, axes);
@@ -327,7 +291,7 @@ PyObject *mvar_sum(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyOb
         static const Signature signature{"sum", {"axis"}, 0};
         Arguments given(signature, 1, args, nargs, kwnames);
         int ndim = static_cast<int>(mvar_shape(self).size());
-        std::vector<int> axes = axes_list(given.get(0, Py_None), ndim);
+        std::vector<int> axes = result_axes(given.get(0, Py_None), ndim);
         VarIds vars;
         bool flat_ids = mvar_ids(self, vars);
         flat::Shape shape = flat_ids ? vars.shape : mvar_shape(self);
