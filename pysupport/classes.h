@@ -31,7 +31,7 @@ struct Member {
 Member method(const char *name, MethodFunction function, const char *doc);
 Member class_method(const char *name, MethodFunction function, const char *doc);  // self is the class
 Member static_method(const char *name, MethodFunction function, const char *doc); // self is NULL
-Member property(const char *name, PropertyGet get, const char *doc); // read-only: a Python property
+Member property(const char *name, PropertyGet get, const char *doc);              // read-only: a Python property
 Member property(const char *name, PropertyGet get, PropertySet set, const char *doc);
 
 // base: the native type whose instances the functions expect as self.
