@@ -1,9 +1,13 @@
 #include "solver.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <new>
 #include <thread>
 #include <utility>
+
+#include <unistd.h>
 
 namespace tarvopy::highs {
 
@@ -12,6 +16,31 @@ namespace {
 // The checks at which HiGHS looks whether it should stop. They also carry the figures of the progress line.
 constexpr HighsInt interrupting_callbacks[] = {kHighsCallbackSimplexInterrupt, kHighsCallbackIpmInterrupt,
                                                kHighsCallbackMipInterrupt};
+
+// Threads on which HiGHS may still be at work, counted to their very end.
+std::atomic<int> threads_at_work{0};
+
+struct AtWork {
+    AtWork() { ++threads_at_work; }
+    AtWork(const AtWork &) { ++threads_at_work; }
+    ~AtWork() { --threads_at_work; }
+};
+
+// The process ends while an engine does not come back: the C library would now destroy the static objects that it works
+// with, which is a crash. The interpreter has finished by then, so the process may go as it stands.
+void leave_without_destructors(int status, void *) {
+    if (threads_at_work.load() == 0)
+        return;
+    std::fflush(nullptr);
+    _exit(status);
+}
+
+// Handlers run in the reverse order of their registration, so this one comes before those of libraries loaded before
+// the first run.
+void guard_exit() {
+    static std::once_flag once;
+    std::call_once(once, [] { on_exit(leave_without_destructors, nullptr); });
+}
 
 } // namespace
 
@@ -58,7 +87,8 @@ void Solver::start(bool keep_log) {
     library().setBoolOptionValue(highs_, "output_flag", keep_log);
     running_.store(true, std::memory_order_release);
     try {
-        std::thread([self = shared_from_this()] { self->work(); }).detach();
+        guard_exit();
+        std::thread([at_work = AtWork(), self = shared_from_this()] { self->work(); }).detach();
     } catch (...) {
         running_.store(false, std::memory_order_release);
         throw;
