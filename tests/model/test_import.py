@@ -22,14 +22,15 @@ def test_importing_and_adding_variables_load_neither_numpy_nor_scipy():
     assert out.splitlines() == ["1 [<Var x>] <tarvopy.Model '': 1 variable, 0 constraints>", "[]"]
 
 
-def test_import_takes_less_than_half_of_numpys():
+def test_import_loads_a_fraction_of_the_modules_that_numpy_loads():
     out = run(
-        "import time\n"
-        "a = time.perf_counter(); import tarvopy; tarvopy.Model\n"
-        "b = time.perf_counter(); import numpy\n"
-        "c = time.perf_counter(); print((b - a) / (c - b))"
+        "import sys\n"
+        "a = len(sys.modules); import tarvopy; tarvopy.Model\n"
+        "b = len(sys.modules); import numpy\n"
+        "print(b - a, len(sys.modules) - b)"
     )
-    assert float(out) < 0.5
+    own, numpys = map(int, out.split())
+    assert own < numpys / 3  # counted, since times on a busy machine say nothing
 
 
 def test_every_public_name_is_there():
