@@ -3,6 +3,8 @@
 point = Point(model)      every variable gets a number, and the numbers become the model's solution
 point.of(x)               those of an MVar, in its shape
 point.value(e)            what e stands for, summed up from its terms
+variables(model, shape)   an MVar whose variables are in the model
+looked(e)                 the same expression, full and with its objects made
 terms(e)                  [(constant, [(coefficient, variable index), ...]), ...] of the elements in C order
 """
 
@@ -27,6 +29,18 @@ class Point:
     def value(self, expr: MLinExpr) -> np.ndarray:
         values = [constant + sum(c * self.numbers[i] for c, i in row) for constant, row in terms(expr)]
         return np.array(values).reshape(expr.shape)
+
+
+def variables(model, shape, name="x") -> MVar:
+    x = model.addMVar(shape, name=name)
+    model.update()
+    return x
+
+
+def looked(expr: MLinExpr) -> MLinExpr:
+    expr = expr._to_full() if expr._is_compact() else expr
+    expr._learr
+    return expr
 
 
 def terms(expr: MLinExpr) -> list:

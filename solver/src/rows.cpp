@@ -11,6 +11,12 @@ namespace store {
 namespace {
 
 constexpr int64_t kSmall = 8192; // terms and rows of a block that is copied to a shared chunk: 100 KB at most
+// Chunks count their terms with 32 bits, as engines do.
+void requireblock(int64_t nnz) {
+    if (nnz > INT32_MAX)
+        failf(TRV_ERROR_SIZE_LIMIT, "%" PRId64 " terms exceed the limit of 2147483647 for one block of rows", nnz);
+}
+
 constexpr int64_t kSharedFull =
     1 << 20; // a shared chunk takes no more then, so that growing it never doubles the store
 
@@ -42,8 +48,7 @@ double Rows::checkedupper(double value, int64_t row, const char *what) {
 
 TRVrows Rows::open(int64_t nrows, int64_t nnz) {
     ids.requireroom(nrows);
-    if (nnz > INT32_MAX)
-        failf(TRV_ERROR_SIZE_LIMIT, "%" PRId64 " terms exceed the limit of 2147483647 for one block of rows", nnz);
+    requireblock(nnz);
     drop();
     small_ = nnz <= kSmall && nrows <= kSmall;
     Chunk &to = small_ ? staging_ : block_;
@@ -83,7 +88,13 @@ int32_t Rows::share(const Columns &columns, int64_t nrows, const TRVsharedrows &
                     const double *up, int upstep, const TRVnames *newnames) {
     Keeper keeper(rows.keeper, rows.release);
     requirecount("rows", nrows);
-    const int64_t nnz = rows.ptr ? rows.ptr[nrows] : nrows * rows.width;
+    int64_t nnz;
+    if (rows.ptr)
+        nnz = rows.ptr[nrows];
+    else if (__builtin_mul_overflow(nrows, rows.width, &nnz))
+        nnz = INT64_MAX;
+    requirecount("terms", nnz);
+    requireblock(nnz);
     TRVrows place = open(nrows, 0);
     for (int64_t i = 0; i <= nrows; i++)
         place.ptr[i] = rows.ptr ? rows.ptr[i] : i * rows.width;

@@ -7,7 +7,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import tarvopy
-from linear_values import Point, terms
+from linear_values import Point, looked, terms, variables
 from tarvopy import TRV, _debug
 from tarvopy._core import LinExpr
 from tarvopy._exception import NoDataError, TarvoError
@@ -17,19 +17,6 @@ from tarvopy._matrixapi import MLinExpr
 @pytest.fixture
 def model():
     return tarvopy.Model()
-
-
-def variables(model, shape, name="x"):
-    x = model.addMVar(shape, name=name)
-    model.update()
-    return x
-
-
-def looked(expr):
-    """The same expression with its objects made."""
-    expr = expr._to_full() if expr._is_compact() else expr
-    expr._learr
-    return expr
 
 
 # ---- sums ----------------------------------------------------------------------------------------------------------

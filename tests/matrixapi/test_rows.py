@@ -7,7 +7,7 @@ import pytest
 import scipy.sparse as sp
 
 import tarvopy
-from linear_values import terms
+from linear_values import looked, terms, variables
 from tarvopy import TRV, _debug
 from tarvopy._core import LinExpr
 from tarvopy._matrixapi import MLinExpr
@@ -16,18 +16,6 @@ from tarvopy._matrixapi import MLinExpr
 @pytest.fixture
 def model():
     return tarvopy.Model()
-
-
-def variables(model, shape, name="x"):
-    x = model.addMVar(shape, name=name)
-    model.update()
-    return x
-
-
-def looked(expr):
-    expr = expr._to_full() if expr._is_compact() else expr
-    expr._learr
-    return expr
 
 
 def made(expr):
