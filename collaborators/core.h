@@ -38,9 +38,14 @@ struct LinExprObject {
     PyObject *vars;   // list of Var
 };
 
-// A quadratic expression: three term lists and its own linear part.
+// A quadratic expression: three term lists of equal length and its own linear part. The lists are as LinExpr's: exact
+// floats and Vars, outside the collector, never handed to Python code.
+//
+// Terms stand as they were appended. A product of sums appends left-major: (a + b) * (c + d) has the terms ac ad bc bd,
+// and its linear part first the left side's terms times the right constant, then the right side's times the left one; a
+// constant of zero appends nothing.
 struct QuadExprObject {
-    PyObject_HEAD PyObject *linear; // LinExpr
+    PyObject_HEAD PyObject *linear; // LinExpr, or NULL while it is zero and nobody has asked for it
     PyObject *coeffs;               // list of float
     PyObject *vars1;                // list of Var
     PyObject *vars2;                // list of Var
@@ -98,6 +103,23 @@ struct CoreApi {
     int (*linexpr_normalize)(PyObject *self);
     int (*linexpr_assign)(PyObject *self, PyObject *other); // self takes over the contents of a copy of other
 
+    // ---- QuadExpr in bulk
+    PyObject *(*quadexpr_new)(void); // zero
+    // One QuadExpr per row, without linear parts: terms ptr[i] - ptr[0] ... of ids1, ids2 and coef (NULL: `scale`
+    // each). Float and Var objects are shared where values repeat. out receives nrows new references; on failure none.
+    int (*quadexprs)(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids1, const int32_t *ids2,
+                     const double *coef, double scale, PyObject **out);
+    // The linear part by reference (borrowed; made if there is none yet).
+    PyObject *(*quadexpr_linear)(PyObject *self);
+    // self += mult * other (Var, LinExpr, QuadExpr or number); self may be other.
+    int (*quadexpr_add)(PyObject *self, PyObject *other, double mult);
+    int (*quadexpr_scale)(PyObject *self, double factor); // self *= factor
+    PyObject *(*quadexpr_copy)(PyObject *self);
+    int (*quadexpr_clear)(PyObject *self); // linear part included
+    int (*quadexpr_normalize)(
+        PyObject *self); // merges pairs (either order, first occurrence keeps its place and order)
+    int (*quadexpr_assign)(PyObject *self, PyObject *other); // self takes over the contents of a copy of other
+
     // ---- others
     PyObject *(*tempconstr)(PyObject *lhs, PyObject *sense, PyObject *rhs);
 
@@ -111,7 +133,7 @@ struct CoreApi {
         }
         return api;
     }
-    static constexpr int current_version = 1;
+    static constexpr int current_version = 2;
 };
 
 } // namespace tarvopy

@@ -26,12 +26,24 @@ struct RowBlock {
     void *held;         // the native form
 };
 
+// The same for sides of degree two: each row has linear and quadratic terms.
+struct QuadBlock {
+    ModelObject *model; // borrowed from `held`; NULL when no variable occurs
+    int ndim;
+    npy_intp shape[64];
+    int64_t nrows;
+    int64_t nnz;  // linear terms of all rows, duplicates and zeros counted
+    int64_t nqnz; // quadratic terms
+    bool scalar;
+    void *held;
+};
+
 struct MatrixApi {
     int version;
     PyTypeObject *MVar, *MLinExpr, *MQuadExpr, *MConstr, *MQConstr, *MGenConstr, *MNLExpr, *MNLConstr;
 
-    // 1 linear (Var, LinExpr, MVar, MLinExpr), 0 numeric (numbers, arrays, sparse matrices), 2 quadratic, 3 nonlinear;
-    // -2 none of these.
+    // 1 linear (Var, LinExpr, MVar, MLinExpr), 0 numeric (numbers, arrays, sparse matrices), 2 quadratic (QuadExpr,
+    // MQuadExpr), 3 nonlinear; -2 none of these.
     int (*degree)(PyObject *object);
 
     // lhs - rhs as rows; each side linear or numeric. Two models in one block: TarvoError NOT_IN_MODEL. Shapes that do
@@ -43,6 +55,13 @@ struct MatrixApi {
     // caller's to hand on) and constants, and returns 1; 0 where they do not.
     int (*rows_share)(RowBlock *block, TRVsharedrows *rows, double *constants);
     void (*rows_close)(RowBlock *block);
+
+    // lhs - rhs where a side is quadratic (the other may be anything up to that, rhs NULL too). Errors as rows_open.
+    int (*quad_open)(PyObject *lhs, PyObject *rhs, QuadBlock *block);
+    // ptr, qptr: nrows + 1 from 0; constants: nrows.
+    int (*quad_write)(QuadBlock *block, int64_t *ptr, int32_t *var, double *coef, double *constants, int64_t *qptr,
+                      int32_t *var1, int32_t *var2, double *qcoef);
+    void (*quad_close)(QuadBlock *block);
 
     // Handles over consecutive ids, C order; no element object is made.
     PyObject *(*mvar)(ModelObject *model, int32_t first, int ndim, const npy_intp *shape);
@@ -62,7 +81,7 @@ struct MatrixApi {
         }
         return api;
     }
-    static constexpr int current_version = 2;
+    static constexpr int current_version = 3;
 };
 
 } // namespace tarvopy

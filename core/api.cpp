@@ -80,6 +80,43 @@ int api_linexpr_assign(PyObject *self, PyObject *other) {
     return border_status([&] { assign(checked_linexpr(self), checked_operand(other)); });
 }
 
+int quadratic_later() {
+    PyErr_SetString(PyExc_NotImplementedError, "quadratic expressions are not supported yet");
+    return -1;
+}
+
+PyObject *api_quadexpr_new() {
+    quadratic_later();
+    return nullptr;
+}
+int api_quadexprs(ModelObject *, int64_t, const int64_t *, const int32_t *, const int32_t *, const double *, double,
+                  PyObject **) {
+    return quadratic_later();
+}
+PyObject *api_quadexpr_linear(PyObject *) {
+    quadratic_later();
+    return nullptr;
+}
+int api_quadexpr_add(PyObject *, PyObject *, double) {
+    return quadratic_later();
+}
+int api_quadexpr_scale(PyObject *, double) {
+    return quadratic_later();
+}
+PyObject *api_quadexpr_copy(PyObject *) {
+    quadratic_later();
+    return nullptr;
+}
+int api_quadexpr_clear(PyObject *) {
+    return quadratic_later();
+}
+int api_quadexpr_normalize(PyObject *) {
+    return quadratic_later();
+}
+int api_quadexpr_assign(PyObject *, PyObject *) {
+    return quadratic_later();
+}
+
 PyObject *api_tempconstr(PyObject *lhs, PyObject *sense, PyObject *rhs) {
     return border([&] { return new_tempconstr(lhs, sense, rhs); });
 }
@@ -118,6 +155,15 @@ void add_api(PyObject *module) {
            .linexpr_clear = api_linexpr_clear,
            .linexpr_normalize = api_linexpr_normalize,
            .linexpr_assign = api_linexpr_assign,
+           .quadexpr_new = api_quadexpr_new,
+           .quadexprs = api_quadexprs,
+           .quadexpr_linear = api_quadexpr_linear,
+           .quadexpr_add = api_quadexpr_add,
+           .quadexpr_scale = api_quadexpr_scale,
+           .quadexpr_copy = api_quadexpr_copy,
+           .quadexpr_clear = api_quadexpr_clear,
+           .quadexpr_normalize = api_quadexpr_normalize,
+           .quadexpr_assign = api_quadexpr_assign,
            .tempconstr = api_tempconstr};
     Ref capsule = check(PyCapsule_New(&api, "tarvopy._core._C_API", nullptr));
     check_status(PyModule_AddObjectRef(module, "_C_API", capsule.get()));

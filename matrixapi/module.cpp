@@ -91,6 +91,9 @@ void export_api(PyObject *module) {
            rows_write,
            rows_share,
            rows_close,
+           quad_open,
+           quad_write,
+           quad_close,
            api_mvar,
            api_mconstr,
            api_ids};

@@ -38,7 +38,7 @@ TARVOPY_METHOD(function_open_solution) {
         TRVdata data;
         succeed(store, TRVgetdata(store, &data));
         double *x, *rc, *pi;
-        succeed(store, TRVopensolution(store, &x, &rc, &pi));
+        succeed(store, TRVopensolution(store, &x, &rc, &pi, nullptr));
         Ref pin = pinned(store);
         Ref values = writable(pin.get(), data.nvars, x), reduced = writable(pin.get(), data.nvars, rc);
         Ref duals = writable(pin.get(), data.nrows, pi);

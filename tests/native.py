@@ -38,6 +38,7 @@ class _CoreApi(ctypes.Structure):
         ("linexpr_clear", PYFUNCTYPE(c_int, py_object)),
         ("linexpr_normalize", PYFUNCTYPE(c_int, py_object)),
         ("linexpr_assign", PYFUNCTYPE(c_int, py_object, py_object)),
+        ("quadexpr", c_void_p * 9),
         ("tempconstr", PYFUNCTYPE(py_object, py_object, py_object, py_object)),
     )
 
@@ -112,7 +113,7 @@ class NativeModel:
             )
 
         arrays = [POINTER(c_double)() for _ in range(3)]
-        self.call("TRVopensolution", *[ctypes.byref(array) for array in arrays])
+        self.call("TRVopensolution", *[ctypes.byref(array) for array in arrays], None)
         for i, value in enumerate(x):
             arrays[0][i] = value
         nan = float("nan")

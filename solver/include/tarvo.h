@@ -1,6 +1,7 @@
 /* tarvo.h: the model store, libtarvo140, behind a C interface.
  *
- * A TRVmodel keeps variables (columns), linear rows, the objective, what is pending, attributes and the last solution.
+ * A TRVmodel keeps variables (columns), linear and quadratic rows, the objective, what is pending, attributes and the
+ * last solution.
  * It knows nothing of Python and of any engine.
  *
  *   TRVmodel *m;  int32_t x;
@@ -143,9 +144,30 @@ typedef struct TRVsharedrows {
 TRV_API int TRVsharerows(TRVmodel *model, int64_t nrows, const TRVsharedrows *rows, const double *lower, int lowerstep,
                          const double *upper, int upperstep, const TRVnames *names, int32_t *firstid);
 
-/* Replaces all Obj and ObjConstant at once (duplicates are summed). sense: 1, -1, or 0 to keep it. */
+/* Replaces the whole objective at once: all Obj, ObjConstant and the quadratic terms (duplicates are summed). sense: 1,
+ * -1, or 0 to keep it. */
 TRV_API int TRVsetobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, double constant,
                             int sense);
+/* The same with nq quadratic terms qcoef[k] * var1[k] * var2[k]. Terms that name the same pair, in either order, are
+ * summed, and zeros are dropped. */
+TRV_API int TRVsetqobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, int64_t nq,
+                             const int32_t *var1, const int32_t *var2, const double *qcoef, double constant, int sense);
+
+/* Quadratic rows: row i is  sum coef[k] * var[k], k in ptr[i] .. ptr[i+1],
+ *                         + sum qcoef[k] * var1[k] * var2[k], k in qptr[i] .. qptr[i+1],   sense[i]  rhs[i]
+ * with sense '<', '>' or '='. Duplicate variables and pairs (in either order) are summed, the first keeps its place;
+ * zeros are dropped. A row whose quadratic terms cancel stays a quadratic row. Everything is copied. ptr or qptr NULL:
+ * no such terms. An rhs of 1e20 and more is none, as for linear rows. */
+typedef struct TRVqrows {
+    const int64_t *ptr;
+    const int32_t *var;
+    const double *coef;
+    const int64_t *qptr;
+    const int32_t *var1, *var2;
+    const double *qcoef;
+} TRVqrows;
+TRV_API int TRVaddqrows(TRVmodel *model, int64_t nrows, const TRVqrows *rows, const char *sense, int sensestep,
+                        const double *rhs, int rhsstep, const TRVnames *names, int32_t *firstid);
 
 /* Pending elements are gone at once, those in the model at the next update: until then they can be read and set, but
  * new terms over such variables are refused. Removing what is removed or marked already is fine
@@ -211,6 +233,12 @@ TRV_API int TRVsetstrs(TRVmodel *model, const char *name, int64_t n, const int32
 /* ---- coefficients --------------------------------------------------------------------------------------- */
 /* A row's terms in stored order. Pointers into the store, valid until the next change. Pending rows too. */
 TRV_API int TRVgetrow(TRVmodel *model, int32_t row, int64_t *nnz, const int32_t **var, const double **coef);
+/* A quadratic row's terms in stored order (all but nrows and the pointers' meaning as in TRVqrows: ptr and qptr point
+ * to the row's two bounds). Pointers into the store, valid until the next change. Pending rows too. */
+TRV_API int TRVgetqrow(TRVmodel *model, int32_t qrow, TRVqrows *row);
+/* The quadratic terms of the objective in stored order, var1 <= var2 in each; the linear ones are Obj. */
+TRV_API int TRVgetqobjective(TRVmodel *model, int64_t *nq, const int32_t **var1, const int32_t **var2,
+                             const double **qcoef);
 /* One coefficient for each pair; a missing one reads 0. */
 TRV_API int TRVgetcoefs(TRVmodel *model, int64_t n, const int32_t *rows, const int32_t *vars, double *out);
 /* Acts at once, all or none; 0 takes the term away; of repeated pairs the last one wins. */
@@ -229,8 +257,28 @@ typedef struct TRVdata {
     int sense;           /* 1, -1 */
     int nintegral;       /* how many of vtype are not 'C' */
     const double *start; /* NaN where none; NULL when nobody set one and no earlier solution is left */
+    int64_t nqobj;       /* quadratic terms of the objective */
+    int32_t nqrows;      /* quadratic rows */
+    int32_t nqlinear;    /* how many of them hold no quadratic term (any more): linear rows in all but name */
+    int64_t nqterms;     /* quadratic terms in rows */
+    int64_t nqlinterms;  /* linear terms in quadratic rows */
+    const char *qsense;  /* '<' '>' '=' */
+    const double *qrhs;  /* +-INFINITY for none */
 } TRVdata;
 TRV_API int TRVgetdata(TRVmodel *model, TRVdata *data);
+
+/* The quadratic rows by position of rows and variables, freshly allocated; give back with TRVfreeqmatrix. Linear terms
+ * of row i: index/value[start[i] .. start[i+1]]; quadratic ones: qvalue[k] * x[qvar1[k]] * x[qvar2[k]], each pair once,
+ * qvar1 <= qvar2, k in qstart[i] .. qstart[i+1], in stored order. */
+typedef struct TRVqmatrix {
+    int64_t nrows, nnz, nquad;
+    int32_t *start, *index;
+    double *value;
+    int32_t *qstart, *qvar1, *qvar2;
+    double *qvalue;
+} TRVqmatrix;
+TRV_API int TRVgetqmatrix(TRVmodel *model, TRVqmatrix *matrix);
+TRV_API void TRVfreeqmatrix(TRVqmatrix *matrix);
 
 /* Keeps the memory that the pointers of TRVgetdata, TRVviewrows and TRVopensolution lead to, as they stand at this
  * call, readable until TRVunpin, whatever becomes of the model, its end included. Afterwards it may show old values. */
@@ -247,9 +295,38 @@ typedef struct TRVmatrix {
 } TRVmatrix;
 TRV_API int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix);
 TRV_API void TRVfreematrix(TRVmatrix *matrix);
+/* The Hessian H of the objective by position: objective = Obj'x + x'Hx / 2 + ObjConstant. Its upper triangle by columns
+ * (row <= column, ascending in each; a term c*x*y with x != y is an entry c, a term c*x*x an entry 2c), zeros left out.
+ * Freshly allocated as the matrix is. */
+TRV_API int TRVgethessian(TRVmodel *model, TRVmatrix *upper);
 /* The matrix by rows where the store holds it in one piece, as one large block of rows does: all three point into the
  * store, valid until its next change. Elsewhere start is NULL. */
 TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
+
+/* ---- curvature ------------------------------------------------------------------------------------------ */
+/* Whether quadratic parts are convex, decided by a sparse factorisation with a small shift. Objective: in the model's
+ * own sense (a concave one that is maximised is CONVEX). Rows: the set that a row describes. CONE is a row that is no
+ * convex function but a second-order cone: squares on one side, the square of a variable (or the product of two) that
+ * bounds keep from being negative on the other. */
+enum { TRV_CURVE_LINEAR = 0, TRV_CURVE_CONVEX = 1, TRV_CURVE_CONE = 2, TRV_CURVE_NONCONVEX = 3 };
+/* rows: nqrows entries, or NULL. */
+TRV_API int TRVcurvature(TRVmodel *model, int *objective, char *rows);
+/* The quadratic rows as second-order cones, for an engine that wants them so: cone c has the rows cone[c] .. cone[c+1],
+ *   s_k = offset[k] - sum value[j] * x[index[j]], j in start[k] .. start[k+1],     s_first >= norm of the others,
+ * and stands for quadratic row qrow[c]. Rows without quadratic terms are no cones, nor are rows without an rhs.
+ * UNSUPPORTED, naming it, where one is NONCONVEX. Freshly allocated; give back with TRVfreecones. */
+typedef struct TRVcones {
+    int64_t ncones, nrows, nnz;
+    int32_t *qrow, *cone;
+    int32_t *start, *index;
+    double *value, *offset;
+} TRVcones;
+TRV_API int TRVgetcones(TRVmodel *model, TRVcones *cones);
+TRV_API void TRVfreecones(TRVcones *cones);
+/* The multipliers of the quadratic rows (nqrows entries, in the model's own sense, signs as QPi; rows that are no cones
+ * are left as they are) from the cones' slacks s and dual variables z (nrows entries each, z in the cone, of the
+ * minimisation). */
+TRV_API int TRVconeduals(TRVmodel *model, const TRVcones *cones, const double *s, const double *z, double *qpi);
 
 /* What changed since TRVclearchanges, for an engine that keeps its model. structure != 0: elements were added or
  * removed, a vtype changed, or more than a quarter of the coefficients (and more than a thousand): load anew. The lists
@@ -257,6 +334,7 @@ TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
  * Positions of changed elements, each once; pointers valid until the next change. */
 typedef struct TRVchanges {
     int structure;
+    int quadratic;          /* flag: quadratic terms of the objective, quadratic rows or their sides */
     int objconstant, sense; /* flags */
     int64_t nbounds, ncosts, nsides, ncoefs;
     const int32_t *bounds, *costs, *sides;
@@ -266,9 +344,10 @@ TRV_API int TRVgetchanges(TRVmodel *model, TRVchanges *changes);
 TRV_API void TRVclearchanges(TRVmodel *model);
 
 /* ---- the solution --------------------------------------------------------------------------------------- */
-/* Arrays by position for an engine to write into, then TRVcommitsolution. x has nvars, rc nvars, pi nrows entries. They
- * are the store's own, made anew by each call; the last solution stays readable until the commit. */
-TRV_API int TRVopensolution(TRVmodel *model, double **x, double **rc, double **pi);
+/* Arrays by position for an engine to write into, then TRVcommitsolution. x has nvars, rc nvars, pi nrows, qpi nqrows
+ * entries (qpi NULL: not wanted, all zero). They are the store's own, made anew by each call; the last solution stays
+ * readable until the commit. */
+TRV_API int TRVopensolution(TRVmodel *model, double **x, double **rc, double **pi, double **qpi);
 typedef struct TRVresult {
     int status;
     int has_x, has_duals;
@@ -283,8 +362,10 @@ TRV_API int TRVcommitsolution(TRVmodel *model, const TRVresult *result);
 /* How well the arrays of the open (or, if none is open, the committed) solution hold, in one pass. The worst element is
  * the one with the largest violation against its own scale; reported are its violation (absolute), its scale and its
  * position, -1 where nothing is violated. So violation <= tolerance * scale holds for all elements where it holds for
- * the worst. Dual figures only with duals (has_duals): dual infeasibility is the reduced gradient c - A'pi - rc and the
- * wrong-signed rc or pi; complementarity is the largest |multiplier| * distance to its bound. */
+ * the worst. Quadratic rows count on after the linear ones: row position nrows + q is quadratic row q. Dual figures
+ * only with duals (has_duals): dual infeasibility is the reduced gradient c + Hx - A'pi - (gradients of quadratic
+ * rows)'qpi - rc and the wrong-signed rc, pi or qpi; complementarity is the largest |multiplier| * distance to its
+ * bound. */
 typedef struct TRVresiduals {
     double row, bound, integral, dual, complementarity;
     int32_t worstrow, worstbound, worstintegral, worstdual, worstcomplementarity; /* the last two: variable positions,
@@ -293,6 +374,20 @@ typedef struct TRVresiduals {
     double complementarityscale;            /* 1 + the largest term of the objective */
 } TRVresiduals;
 TRV_API int TRVcheck(TRVmodel *model, int has_duals, TRVresiduals *residuals);
+/* The n elements that violate one of the five figures most (against their own scale), worst first; as many as are
+ * violated at all. */
+enum {
+    TRV_CHECK_ROW = 0,
+    TRV_CHECK_BOUND = 1,
+    TRV_CHECK_INTEGRAL = 2,
+    TRV_CHECK_DUAL = 3,
+    TRV_CHECK_COMPLEMENTARITY = 4
+};
+typedef struct TRVoffender {
+    double violation, scale;
+    int32_t element; /* as the worst... of TRVresiduals */
+} TRVoffender;
+TRV_API int TRVoffenders(TRVmodel *model, int has_duals, int figure, int n, TRVoffender *out, int *count);
 /* The objective at x (by position), constant included. */
 TRV_API int TRVevalobjective(TRVmodel *model, const double *x, double *value);
 

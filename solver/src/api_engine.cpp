@@ -92,7 +92,7 @@ void TRVclearchanges(TRVmodel *model) {
         model->changes.clear();
 }
 
-int TRVopensolution(TRVmodel *model, double **x, double **rc, double **pi) {
+int TRVopensolution(TRVmodel *model, double **x, double **rc, double **pi, double **) {
     return border(model, [&] {
         Solution &solution = model->solution;
         requirepointer("x, rc, pi", x && rc && pi ? x : nullptr, 1);

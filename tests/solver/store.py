@@ -52,6 +52,11 @@ class Data(c.Structure):
         ("objconstant", c.c_double),
         ("sense nintegral", c.c_int),
         ("start", f64p),
+        ("nqobj", c.c_int64),
+        ("nqrows nqlinear", c.c_int32),
+        ("nqterms nqlinterms", c.c_int64),
+        ("qsense", c.POINTER(c.c_char)),
+        ("qrhs", f64p),
     )
 
 
@@ -61,7 +66,7 @@ class Matrix(c.Structure):
 
 class Changes(c.Structure):
     _fields_ = layout(
-        ("structure objconstant sense", c.c_int),
+        ("structure quadratic objconstant sense", c.c_int),
         ("nbounds ncosts nsides ncoefs", c.c_int64),
         ("bounds costs sides coefrows coefvars", i32p),
     )
@@ -398,7 +403,7 @@ class Store:
 
     def opensolution(self, x=None, rc=None, pi=None):
         pointers = f64p(), f64p(), f64p()
-        self.call("TRVopensolution", *(c.byref(p) for p in pointers))
+        self.call("TRVopensolution", *(c.byref(p) for p in pointers), None)
         for pointer, values in zip(pointers, (x, rc, pi), strict=True):
             for i, value in enumerate(values if values is not None else ()):
                 pointer[i] = value
