@@ -51,6 +51,9 @@ QuadForm concatenated(std::span<const QuadForm> forms, const Shape &shape);
 QuadSummand joined(std::span<const QuadSummand> summands, int64_t nrows);
 void write_rows(std::span<const QuadSummand> summands, int64_t nrows, int64_t *ptr, int32_t *ids1, int32_t *ids2,
                 double *coef);
+// Merges equal pairs, in either order, within each row (the first one keeps its place and its order) and drops zero
+// coefficients.
+QuadSummand normalized(const QuadSummand &summand);
 
 // ---- products: the quadratic terms, and the linear terms and constants beside them
 struct Product {
@@ -63,7 +66,9 @@ Product multiply(const Form &a, const Form &b);
 // contracted index.
 Product matmul(const Form &a, const Form &b);
 
-// Products with plain matrices (`other` dense in C order, shape as NumPy has it; a @ other or other @ a).
-QuadForm matmul(const QuadForm &a, const double *other, const Shape &other_shape, bool other_left);
+// Row i of the result is the sum of factors[t] * (row source[t] of the form) for t in start[i] .. start[i + 1], as a
+// product with a matrix of numbers asks for it.
+QuadForm combined(const QuadForm &form, const Shape &shape, const int64_t *start, const int64_t *source,
+                  const double *factors);
 
 } // namespace flat
