@@ -40,14 +40,33 @@ PyMethodDef functions[] = {
     function("matrix", function_matrix,
              "matrix($module, handle, csc, /)\n--\n\nThe matrix by columns or by rows, freshly made: (start, index, "
              "value)."),
+    function("hessian", function_hessian,
+             "hessian($module, handle, /)\n--\n\nThe objective's Hessian, freshly made: (start, index, value) of its "
+             "upper triangle by columns."),
+    function(
+        "qmatrix", function_qmatrix,
+        "qmatrix($module, handle, /)\n--\n\nThe quadratic rows, freshly made: (start, index, value, qstart, qvar1, "
+        "qvar2, qvalue)."),
+    function(
+        "curvature", function_curvature,
+        "curvature($module, handle, /)\n--\n\nThe curvature of the objective (int) and of each quadratic row (int8), "
+        "by the numbers of tarvo.h."),
+    function("cones", function_cones,
+             "cones($module, handle, /)\n--\n\nThe quadratic rows as second-order cones by the field names of "
+             "problem.Cones."),
+    function(
+        "cone_duals", function_cone_duals,
+        "cone_duals($module, handle, native, s, z, qpi, /)\n--\n\nWrites the multipliers of the rows that are cones "
+        "into qpi, from the cones' slacks and duals."),
     function(
         "changes", function_changes,
         "changes($module, handle, /)\n--\n\nWhat changed since clear_changes by the field names of problem.Changes."),
     function("clear_changes", function_clear_changes,
              "clear_changes($module, handle, /)\n--\n\nChanges count anew from here."),
-    function("open_solution", function_open_solution,
-             "open_solution($module, handle, /)\n--\n\nWritable (x, rc, pi) by position; the last solution stays until "
-             "commit_solution."),
+    function(
+        "open_solution", function_open_solution,
+        "open_solution($module, handle, /)\n--\n\nWritable (x, rc, pi, qpi) by position; the last solution stays until "
+        "commit_solution."),
     function(
         "commit_solution", function_commit_solution,
         "commit_solution($module, handle, /, *, status, has_x=False, has_duals=False, objval=nan, bound=nan, gap=nan, "

@@ -1,8 +1,6 @@
 // What an engine reads of a model: views of the store, the matrix, what changed.
 
-#include "modelapi.h"
-
-#include <memory>
+#include "views.h"
 
 namespace tarvopy::modelapi {
 
@@ -21,25 +19,8 @@ Ref truth(bool value) {
     return Ref::borrow(value ? Py_True : Py_False);
 }
 
-// A read-only view of memory that lives as long as `owner`.
-Ref view(PyObject *owner, PyArray_Descr *descr, npy_intp count, const void *data) {
-    static char nothing; // an empty vector's pointer may be NULL, for which NumPy would allocate
-    void *memory = data ? const_cast<void *>(data) : &nothing;
-    Ref array = check(PyArray_NewFromDescr(&PyArray_Type, descr, 1, &count, nullptr, memory, 0, nullptr));
-    check_status(PyArray_SetBaseObject(as_array(array), Py_NewRef(owner)));
-    return array;
-}
-
 Ref doubles(PyObject *owner, npy_intp count, const double *data) {
-    return view(owner, PyArray_DescrFromType(NPY_DOUBLE), count, data);
-}
-
-Ref letters(PyObject *owner, npy_intp count, const char *data) {
-    PyArray_Descr *descr = PyArray_DescrNewFromType(NPY_STRING);
-    if (!descr)
-        throw PythonError{};
-    PyDataType_SET_ELSIZE(descr, 1);
-    return view(owner, descr, count, data);
+    return view(owner, NPY_DOUBLE, count, data);
 }
 
 Ref copy_of(npy_intp count, const int32_t *data) {
@@ -53,14 +34,6 @@ constexpr const char *pin_capsule = "tarvopy._modelapi.pin";
 
 void unpin(PyObject *capsule) {
     TRVunpin(static_cast<TRVpinned *>(PyCapsule_GetPointer(capsule, pin_capsule)));
-}
-
-constexpr const char *matrix_capsule = "tarvopy._modelapi.matrix";
-
-void free_matrix(PyObject *capsule) {
-    auto *matrix = static_cast<TRVmatrix *>(PyCapsule_GetPointer(capsule, matrix_capsule));
-    TRVfreematrix(matrix);
-    delete matrix;
 }
 
 } // namespace
@@ -95,35 +68,31 @@ TARVOPY_METHOD(function_problem) {
         put(dict, "lb", doubles(owner, data.nvars, data.lb));
         put(dict, "ub", doubles(owner, data.nvars, data.ub));
         put(dict, "obj", doubles(owner, data.nvars, data.obj));
-        put(dict, "vtype", letters(owner, data.nvars, data.vtype));
+        put(dict, "vtype", letters_view(owner, data.nvars, data.vtype));
         put(dict, "lower", doubles(owner, data.nrows, data.lower));
         put(dict, "upper", doubles(owner, data.nrows, data.upper));
         put(dict, "objconstant", check(PyFloat_FromDouble(data.objconstant)));
         put(dict, "sense", whole(data.sense));
         put(dict, "nintegral", whole(data.nintegral));
+        put(dict, "nqobj", whole(data.nqobj));
+        put(dict, "nqrows", whole(data.nqrows));
+        put(dict, "nqlinear", whole(data.nqlinear));
+        put(dict, "nqterms", whole(data.nqterms));
+        put(dict, "nqlinterms", whole(data.nqlinterms));
+        put(dict, "qsense", letters_view(owner, data.nqrows, data.qsense));
+        put(dict, "qrhs", doubles(owner, data.nqrows, data.qrhs));
         put(dict, "start", data.start ? doubles(owner, data.nvars, data.start) : Ref::none());
         return fields;
     });
 }
 
 Ref matrix_arrays(TRVmodel *store, bool csc) {
-    auto matrix = std::make_unique<TRVmatrix>();
-    succeed(store, TRVgetmatrix(store, csc, matrix.get()));
-    const TRVmatrix parts = *matrix;
-    PyObject *made = PyCapsule_New(matrix.get(), matrix_capsule, free_matrix);
-    if (!made) {
-        TRVfreematrix(matrix.get());
-        throw PythonError{};
-    }
-    Ref owner = Ref::steal(made);
-    (void)matrix.release(); // the capsule's
-    auto owned = [&](int type, npy_intp count, const void *data) {
-        Ref array = view(owner.get(), PyArray_DescrFromType(type), count, data);
-        PyArray_ENABLEFLAGS(as_array(array), NPY_ARRAY_WRITEABLE);
-        return array;
-    };
-    Ref start = owned(NPY_INT32, parts.nmajor + 1, parts.start), index = owned(NPY_INT32, parts.nnz, parts.index);
-    Ref value = owned(NPY_DOUBLE, parts.nnz, parts.value);
+    TRVmatrix matrix;
+    succeed(store, TRVgetmatrix(store, csc, &matrix));
+    Ref keeper = kept<TRVmatrix, TRVfreematrix>(matrix, "tarvopy._modelapi.matrix");
+    Ref start = owned(keeper.get(), NPY_INT32, matrix.nmajor + 1, matrix.start);
+    Ref index = owned(keeper.get(), NPY_INT32, matrix.nnz, matrix.index);
+    Ref value = owned(keeper.get(), NPY_DOUBLE, matrix.nnz, matrix.value);
     return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));
 }
 
@@ -139,8 +108,8 @@ TARVOPY_METHOD(function_rows_in_place) {
         succeed(store, TRVviewrows(store, &rows));
         if (!rows.start)
             return Ref::none();
-        Ref start = view(pin.get(), PyArray_DescrFromType(NPY_INT32), rows.nmajor + 1, rows.start);
-        Ref index = view(pin.get(), PyArray_DescrFromType(NPY_INT32), rows.nnz, rows.index);
+        Ref start = view(pin.get(), NPY_INT32, rows.nmajor + 1, rows.start);
+        Ref index = view(pin.get(), NPY_INT32, rows.nnz, rows.index);
         Ref value = doubles(pin.get(), rows.nnz, rows.value);
         return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));
     });
@@ -169,6 +138,7 @@ TARVOPY_METHOD(function_changes) {
         Ref fields = check(PyDict_New());
         PyObject *dict = fields.get();
         put(dict, "structure", truth(changes.structure));
+        put(dict, "quadratic", truth(changes.quadratic));
         put(dict, "objconstant", truth(changes.objconstant));
         put(dict, "sense", truth(changes.sense));
         put(dict, "bounds", copy_of(changes.nbounds, changes.bounds));

@@ -37,12 +37,12 @@ TARVOPY_METHOD(function_open_solution) {
         TRVmodel *store = engine_store(given[0]);
         TRVdata data;
         succeed(store, TRVgetdata(store, &data));
-        double *x, *rc, *pi;
-        succeed(store, TRVopensolution(store, &x, &rc, &pi, nullptr));
+        double *x, *rc, *pi, *qpi = nullptr;
+        succeed(store, TRVopensolution(store, &x, &rc, &pi, &qpi));
         Ref pin = pinned(store);
         Ref values = writable(pin.get(), data.nvars, x), reduced = writable(pin.get(), data.nvars, rc);
-        Ref duals = writable(pin.get(), data.nrows, pi);
-        return check(PyTuple_Pack(3, values.get(), reduced.get(), duals.get()));
+        Ref duals = writable(pin.get(), data.nrows, pi), qduals = writable(pin.get(), data.nqrows, qpi);
+        return check(PyTuple_Pack(4, values.get(), reduced.get(), duals.get(), qduals.get()));
     });
 }
 

@@ -17,7 +17,7 @@ from tarvopy._matrixapi import MLinExpr, MVar
 class Point:
     def __init__(self, model):
         model.update()
-        x, _, _ = _modelapi.open_solution(model._cmodel)
+        x, *_ = _modelapi.open_solution(model._cmodel)
         self.numbers = (np.arange(x.size) * 7) % 23 - 8.0
         x[:] = self.numbers
         figures = dict.fromkeys(("objval", "bound", "gap", "runtime", "itercount", "nodecount"), 0.0)

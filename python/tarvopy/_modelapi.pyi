@@ -77,12 +77,41 @@ def matrix(handle: Any, csc: bool) -> tuple[NDArray[np.int32], NDArray[np.int32]
 def rows_in_place(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]] | None:
     """The matrix by rows where the store holds it in one piece, else None: index and value are views of the store."""
 
+def hessian(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
+    """The objective's Hessian H (obj x + x'Hx/2), its upper triangle by columns: (start, index, value)."""
+
+def qmatrix(
+    handle: Any,
+) -> tuple[
+    NDArray[np.int32],
+    NDArray[np.int32],
+    NDArray[np.float64],
+    NDArray[np.int32],
+    NDArray[np.int32],
+    NDArray[np.int32],
+    NDArray[np.float64],
+]:
+    """The quadratic rows, freshly made: (start, index, value, qstart, qvar1, qvar2, qvalue)."""
+
+def curvature(handle: Any) -> tuple[int, NDArray[np.int8]]:
+    """The curvature of the objective and of each quadratic row, by the numbers of problem.LINEAR to NONCONVEX."""
+
+def cones(handle: Any) -> dict[str, Any]:
+    """The quadratic rows as second-order cones by the field names of problem.Cones (without `handle`)."""
+
+def cone_duals(
+    handle: Any, native: Any, s: NDArray[np.float64], z: NDArray[np.float64], qpi: NDArray[np.float64]
+) -> None:
+    """Writes the multipliers of the rows that are cones into qpi, from the cones' slacks s and duals z."""
+
 def changes(handle: Any) -> dict[str, Any]:
     """What changed since clear_changes by the field names of problem.Changes."""
 
 def clear_changes(handle: Any) -> None: ...
-def open_solution(handle: Any) -> tuple[NDArray[np.float64], NDArray[np.float64], NDArray[np.float64]]:
-    """Writable (x, rc, pi) by position, made anew by each call; the last solution stays until commit_solution."""
+def open_solution(
+    handle: Any,
+) -> tuple[NDArray[np.float64], NDArray[np.float64], NDArray[np.float64], NDArray[np.float64]]:
+    """Writable (x, rc, pi, qpi) by position, made anew by each call; the last solution stays until commit_solution."""
 
 def commit_solution(
     handle: Any,

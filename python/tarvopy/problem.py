@@ -2,6 +2,7 @@
 
     problem = Problem.of(model._cmodel)        after update(); NumPy views of the store, nothing is copied
     start, index, value = problem.csc()        the matrix by columns, made for the caller and freed with the arrays
+    problem.is_quadratic, problem.curvature()  whether quadratic terms are left, and how they are curved
 
 The views are read-only and show the store as it is: they hold until the model's next change (while an engine runs,
 changes are refused). Infinite bounds are +-inf. Positions, not ids, count everything here.
@@ -9,7 +10,7 @@ changes are refused). Infinite bounds are +-inf. Positions, not ids, count every
 
 from __future__ import annotations
 
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any
 
 from tarvopy import _modelapi
@@ -18,9 +19,15 @@ if TYPE_CHECKING:
     import numpy as np
 
 
+#: What curvature() says: see tarvo.h.
+LINEAR, CONVEX, CONE, NONCONVEX = 0, 1, 2, 3
+
+
 @dataclass(frozen=True, slots=True, eq=False)
 class Problem:
-    """minimise (or maximise) obj x + objconstant, lower <= A x <= upper, lb <= x <= ub, some x integral."""
+    """minimise (or maximise) obj x + x'Hx/2 + objconstant, lower <= A x <= upper, quadratic rows, lb <= x <= ub, some x
+    integral.
+    """
 
     handle: Any
     """The model handle the views belong to."""
@@ -40,8 +47,22 @@ class Problem:
     """1 minimise, -1 maximise."""
     nintegral: int
     """How many variables are not continuous (semi-continuous ones count)."""
+    nqobj: int
+    """Quadratic terms of the objective."""
+    nqrows: int
+    """Quadratic rows; they are no part of A, nrows, lower and upper."""
+    nqlinear: int
+    """How many of them hold no quadratic term (any more): linear rows in all but name."""
+    nqterms: int
+    """Quadratic terms in rows."""
+    nqlinterms: int
+    """Linear terms in quadratic rows."""
+    qsense: np.ndarray
+    """dtype "S1": b"<", b">", b"=" for each quadratic row."""
+    qrhs: np.ndarray
     start: np.ndarray | None
     """A value for each variable, NaN where there is none; None without any."""
+    _curvature: list[tuple[int, np.ndarray]] = field(default_factory=list, init=False, repr=False)
 
     @classmethod
     def of(cls, handle: Any) -> Problem:
@@ -51,6 +72,11 @@ class Problem:
     @property
     def is_mip(self) -> bool:
         return self.nintegral > 0
+
+    @property
+    def is_quadratic(self) -> bool:
+        """A quadratic term is left somewhere; without any the quadratic rows are further linear ones."""
+        return self.nqobj > 0 or self.nqrows > self.nqlinear
 
     def csc(self) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
         """A by columns: (start int32 of nvars + 1, row index int32, value float64), rows ascending in each column."""
@@ -64,6 +90,68 @@ class Problem:
         """What csr() gives, as read-only views of the store, where its rows lie in one piece; else None."""
         return _modelapi.rows_in_place(self.handle)
 
+    def hessian(self) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+        """H of the objective, its upper triangle by columns: (start of nvars + 1, row index, value).
+
+        A term c*x*y is an entry c, a term c*x*x an entry 2c.
+        """
+        return _modelapi.hessian(self.handle)
+
+    def qmatrix(self) -> tuple[np.ndarray, ...]:
+        """The quadratic rows: (start, index, value, qstart, qvar1, qvar2, qvalue).
+
+        Row i has the linear terms value[k] * x[index[k]], k in start[i] .. start[i+1], and the quadratic ones
+        qvalue[k] * x[qvar1[k]] * x[qvar2[k]], k in qstart[i] .. qstart[i+1], qvar1 <= qvar2, each pair once.
+        """
+        return _modelapi.qmatrix(self.handle)
+
+    def curvature(self) -> tuple[int, np.ndarray]:
+        """LINEAR, CONVEX, CONE or NONCONVEX for the objective and (int8) for each quadratic row; worked out once."""
+        if not self._curvature:
+            self._curvature.append(self._find_curvature())
+        return self._curvature[0]
+
+    def _find_curvature(self) -> tuple[int, np.ndarray]:
+        if self.is_quadratic:
+            return _modelapi.curvature(self.handle)
+        import numpy as np
+
+        return LINEAR, np.zeros(self.nqrows, np.int8)
+
+    @property
+    def is_convex(self) -> bool:
+        """No quadratic part is nonconvex (whatever the variables' types)."""
+        objective, rows = self.curvature()
+        return objective != NONCONVEX and not (rows == NONCONVEX).any()
+
+    def cones(self) -> Cones:
+        """The quadratic rows as second-order cones; TarvoError (UNSUPPORTED) naming a row that is nonconvex."""
+        return Cones(self.handle, **_modelapi.cones(self.handle))
+
+
+@dataclass(frozen=True, slots=True, eq=False)
+class Cones:
+    """Quadratic rows as second-order cones: cone c, of the rows cone[c] .. cone[c+1], stands for quadratic row qrow[c]:
+
+    s_k = offset[k] - sum value[j] * x[index[j]], j in start[k] .. start[k+1],  s_first >= norm of the others.
+    """
+
+    handle: Any
+    native: Any
+    """What the arrays are views of."""
+    qrow: np.ndarray
+    cone: np.ndarray
+    start: np.ndarray
+    index: np.ndarray
+    value: np.ndarray
+    offset: np.ndarray
+
+    def duals(self, s: np.ndarray, z: np.ndarray, qpi: np.ndarray) -> None:
+        """Writes the multipliers of the rows that are cones into qpi (nqrows entries): s the slacks and z the duals of
+        all rows of the cones, of the minimisation.
+        """
+        _modelapi.cone_duals(self.handle, self.native, s, z, qpi)
+
 
 @dataclass(frozen=True, slots=True, eq=False)
 class Changes:
@@ -74,6 +162,8 @@ class Changes:
 
     structure: bool
     """Something was added, removed or retyped, or too much changed: load the model anew."""
+    quadratic: bool
+    """Quadratic terms of the objective, quadratic rows or their sides."""
     objconstant: bool
     sense: bool
     bounds: np.ndarray

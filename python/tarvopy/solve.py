@@ -115,9 +115,8 @@ def _solve(model: Model, problem: Problem, reporter: Reporter, ctrl_c: CtrlC) ->
     outcome = _without_engine(problem)
     if outcome is not None:
         _, model._why_engine = engines.pick(problem, model.params.Engine)
-        x, rc, pi = _modelapi.open_solution(problem.handle)
-        rc.fill(0.0)
-        pi.fill(0.0)
+        for multipliers in _modelapi.open_solution(problem.handle)[1:]:
+            multipliers.fill(0.0)
         _commit(problem, outcome, "tarvopy")
         return outcome, None
     engine = _engine_with(model, problem)
@@ -127,8 +126,8 @@ def _solve(model: Model, problem: Problem, reporter: Reporter, ctrl_c: CtrlC) ->
     while not told and engine.again(problem):
         told = fly(engine, reporter, ctrl_c)
     outcome = engine.outcome(problem)
-    x, rc, pi = _modelapi.open_solution(problem.handle)
-    engine.write_solution(outcome, x, rc, pi)
+    x, rc, pi, qpi = _modelapi.open_solution(problem.handle)
+    engine.write_solution(outcome, x, rc, pi, qpi)
     offence = _judge(problem, outcome, x, model.params)
     _commit(problem, outcome, engine.full_name())
     return outcome, offence

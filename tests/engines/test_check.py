@@ -24,8 +24,8 @@ def m():
 def spoil(monkeypatch, change):
     honest = HighsEngine.write_solution
 
-    def write(self, outcome, x, rc, pi):
-        honest(self, outcome, x, rc, pi)
+    def write(self, outcome, x, rc, pi, qpi):
+        honest(self, outcome, x, rc, pi, qpi)
         change(x, rc, pi)
 
     monkeypatch.setattr(HighsEngine, "write_solution", write)

@@ -97,7 +97,7 @@ def test_changes_list_what_an_engine_must_be_told(small):
 
 def test_a_committed_solution_is_what_attributes_read(small):
     m, x, rows = small
-    values, reduced, duals = _modelapi.open_solution(m._cmodel)
+    values, reduced, duals, _ = _modelapi.open_solution(m._cmodel)
     values[:], reduced[:], duals[:] = [1, 3], [0, 0], [1.5, -0.5]
     assert _modelapi.evaluate_objective(m._cmodel, values) == 10.0
     residuals = _modelapi.residuals(m._cmodel, True)
@@ -116,7 +116,7 @@ def test_a_committed_solution_is_what_attributes_read(small):
 
 def test_residuals_name_the_worst_offender(small):
     m, _, _ = small
-    values, _, _ = _modelapi.open_solution(m._cmodel)
+    values, *_ = _modelapi.open_solution(m._cmodel)
     values[:] = [3.5, 3]
     r = _modelapi.residuals(m._cmodel, False)
     assert (r["row"], r["worstrow"], r["bound"], r["worstbound"]) == (2.5, 0, 0.5, 0)

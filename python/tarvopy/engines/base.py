@@ -61,7 +61,9 @@ class Engine(Protocol):
 
     @classmethod
     def refusal(cls, problem: Problem) -> str | None:
-        """Why this engine cannot take the problem, None if it can."""
+        """Why this engine cannot take the problem, None if it can: names the part that stands in the way, as in
+        "quadratic row q3 is not convex" or "3 integer variables".
+        """
 
     def load(self, problem: Problem) -> None: ...
     def change(self, problem: Problem, changes: Changes) -> bool:
@@ -80,8 +82,15 @@ class Engine(Protocol):
     def again(self, problem: Problem) -> bool:
         """Asked when a run is over: whether the answer needs another one, which is then under way."""
 
+    def refine(self, problem: Problem, params: Parameters) -> bool:
+        """Asked when an optimum does not hold: starts a run that goes for more precision (tighter tolerances, another
+        method) and returns True; False where there is nothing further to try. params.TimeLimit is what time is left.
+
+        Asked once for each start().
+        """
+
     def outcome(self, problem: Problem) -> Outcome: ...
-    def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray) -> None:
-        """Fills x where outcome.has_x, rc and pi where outcome.has_duals."""
+    def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray, qpi: np.ndarray) -> None:
+        """Fills x where outcome.has_x; rc, pi and qpi (one entry for each quadratic row) where outcome.has_duals."""
 
     def close(self) -> None: ...

@@ -5,6 +5,8 @@ HiGHS stores columns. Where the store's rows lie in one piece they go over as th
 20 ns, 12 bytes) with HiGHS' reading of columns (25 ns, 28 bytes) is cheaper than rows put together. Adding rows or
 columns to an empty model instead costs 45 ns and 54 bytes.
 
+Quadratic rows whose quadratic terms have all cancelled follow the linear rows.
+
 Parameters are mapped here, each solve from HiGHS' defaults; EngineOptions come last and may override.
 """
 
@@ -48,6 +50,8 @@ _FEASIBLE = 2  # primal_solution_status
 # it.
 _LARGEST_SEMI_UB = 1e5
 _LARGEST_COEFFICIENT = 1e15
+
+_SMALLEST_TOLERANCE = 1e-10
 
 # By how much a value of a start may be beyond its bounds to be taken for the bound.
 _START_TOLERANCE = 1e-6
@@ -93,6 +97,11 @@ class HighsEngine:
 
     @classmethod
     def refusal(cls, problem: Problem) -> str | None:
+        if problem.nqobj:
+            return "the objective is quadratic"
+        if problem.is_quadratic:
+            count = problem.nqrows - problem.nqlinear
+            return f"{count} quadratic row{'s' if count > 1 else ''}"
         if not problem.nintegral:
             return None
         semi = problem.vtype == b"S"
@@ -111,14 +120,12 @@ class HighsEngine:
 
     def load(self, problem: Problem) -> None:
         self.loads += 1
-        in_place = problem.rows_in_place()
-        start, index, value = in_place or problem.csc()
+        start, index, value, by_columns = _matrix(problem)
         vtype = problem.vtype if problem.nintegral else None
         columns = (problem.obj, problem.lb, problem.ub, vtype)
-        rows = (problem.lower, problem.upper)
         try:
             self._solver.load(
-                problem.sense, problem.objconstant, *columns, *rows, start, index, value, in_place is None
+                problem.sense, problem.objconstant, *columns, *_sides(problem), start, index, value, by_columns
             )
         except _highs.HighsError as error:
             raise TarvoError(TRV.ERROR_UNSUPPORTED, f"{error}{_reason(problem, value)}") from None
@@ -126,7 +133,7 @@ class HighsEngine:
     def change(self, problem: Problem, changes: Changes) -> bool:
         import numpy as np
 
-        if changes.structure:
+        if changes.structure or (changes.quadratic and problem.nqrows):
             return False
         solver = self._solver
         if len(changes.bounds):
@@ -134,7 +141,7 @@ class HighsEngine:
         if len(changes.costs):
             self._send(solver.change_costs, np.sort(changes.costs), problem.obj)
         if len(changes.sides):
-            self._send(solver.change_sides, np.sort(changes.sides), problem.lower, problem.upper)
+            self._send(solver.change_sides, np.sort(changes.sides), *_sides(problem))
         if len(changes.coefrows):
             self._send(solver.change_coefs, changes.coefrows, changes.coefvars, changes.coefs)
         if changes.sense or changes.objconstant:
@@ -223,6 +230,23 @@ class HighsEngine:
         self._solver.start(self._keep_log)
         return True
 
+    def refine(self, problem: Problem, params: Parameters) -> bool:
+        """A MIP with tolerances a tenth as large; an LP by the interior point method with crossover, from scratch."""
+        tolerances = {
+            "primal_feasibility_tolerance": max(_SMALLEST_TOLERANCE, 0.1 * params.FeasibilityTol),
+            "dual_feasibility_tolerance": max(_SMALLEST_TOLERANCE, 0.1 * params.OptimalityTol),
+            "mip_feasibility_tolerance": max(_SMALLEST_TOLERANCE, 0.1 * params.IntegralityTol),
+        }
+        self._first = None
+        self._time_left = params.TimeLimit
+        self._set_options(params)
+        if not problem.nintegral:
+            tolerances["solver"] = "simplex" if params.EngineOptions.get("solver") == "ipm" else "ipm"
+        for name, value in tolerances.items():
+            self._solver.set_option(name, value)
+        self._solver.start(self._keep_log)
+        return True
+
     def _set_costs(self, obj: np.ndarray) -> None:
         import numpy as np
 
@@ -260,13 +284,50 @@ class HighsEngine:
             return TRV.IMPRECISE
         return status
 
-    def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray) -> None:
-        if outcome.has_x:
-            self._solver.solution(x, *((rc, pi) if outcome.has_duals else (None, None)))
+    def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray, qpi: np.ndarray) -> None:
+        if not outcome.has_x:
+            return
+        if not outcome.has_duals:
+            self._solver.solution(x, None, None)
+        elif not len(qpi):
+            self._solver.solution(x, rc, pi)
+        else:
+            import numpy as np
+
+            duals = np.empty(len(pi) + len(qpi))
+            self._solver.solution(x, rc, duals)
+            pi[:], qpi[:] = duals[: len(pi)], duals[len(pi) :]
 
     def close(self) -> None:
         """Frees HiGHS' memory; of a run that is still under way when that ends."""
         del self._solver
+
+
+def _matrix(problem: Problem) -> tuple[np.ndarray, np.ndarray, np.ndarray, bool]:
+    """(start, index, value, by columns or not) of all rows."""
+    if not problem.nqrows:
+        in_place = problem.rows_in_place()
+        return (*in_place, False) if in_place else (*problem.csc(), True)
+    import numpy as np
+
+    start, index, value = problem.csr()
+    qstart, qindex, qvalue = problem.qmatrix()[:3]
+    return (
+        np.concatenate([start, start[-1] + qstart[1:]], dtype=np.int32),
+        *(np.concatenate([index, qindex]), np.concatenate([value, qvalue])),
+        False,
+    )
+
+
+def _sides(problem: Problem) -> tuple[np.ndarray, np.ndarray]:
+    """Lower and upper sides of all rows."""
+    if not problem.nqrows:
+        return problem.lower, problem.upper
+    import numpy as np
+
+    lower = np.where(problem.qsense == b"<", -np.inf, problem.qrhs)
+    upper = np.where(problem.qsense == b">", np.inf, problem.qrhs)
+    return np.concatenate([problem.lower, lower]), np.concatenate([problem.upper, upper])
 
 
 def _usable_start(problem: Problem) -> np.ndarray:

@@ -1,0 +1,59 @@
+// NumPy arrays over memory that is the store's, or that the store allocated for its caller.
+//
+//   Ref keeper = kept<TRVmatrix, TRVfreematrix>(matrix, "tarvopy._modelapi.matrix");   gives it back at its end
+//   Ref start = owned(keeper.get(), NPY_INT32, n + 1, matrix.start);                   writable, holds the keeper
+//   Ref lb = view(pin.get(), NPY_DOUBLE, n, data.lb);                                  read-only
+#pragma once
+
+#include "modelapi.h"
+
+#include <memory>
+
+namespace tarvopy::modelapi {
+
+// A read-only array of memory that lives as long as `owner`. Takes over descr.
+inline Ref view_of(PyObject *owner, PyArray_Descr *descr, npy_intp count, const void *data) {
+    static char nothing; // an empty vector's pointer may be NULL, for which NumPy would allocate
+    void *memory = data ? const_cast<void *>(data) : &nothing;
+    Ref array = check(PyArray_NewFromDescr(&PyArray_Type, descr, 1, &count, nullptr, memory, 0, nullptr));
+    check_status(PyArray_SetBaseObject(pysupport::as_array(array), Py_NewRef(owner)));
+    return array;
+}
+
+inline Ref view(PyObject *owner, int type, npy_intp count, const void *data) {
+    return view_of(owner, PyArray_DescrFromType(type), count, data);
+}
+
+// Single characters, dtype "S1".
+inline Ref letters_view(PyObject *owner, npy_intp count, const char *data) {
+    PyArray_Descr *descr = PyArray_DescrNewFromType(NPY_STRING);
+    if (!descr)
+        throw PythonError{};
+    PyDataType_SET_ELSIZE(descr, 1);
+    return view_of(owner, descr, count, data);
+}
+
+// The same as an array of the caller's own, to be written too.
+inline Ref owned(PyObject *owner, int type, npy_intp count, const void *data) {
+    Ref array = view(owner, type, count, data);
+    PyArray_ENABLEFLAGS(pysupport::as_array(array), NPY_ARRAY_WRITEABLE);
+    return array;
+}
+
+// Takes over what the store allocated; a capsule of this name that gives it back.
+template <class Arrays, void (*give_back)(Arrays *)> Ref kept(const Arrays &arrays, const char *name) {
+    auto taken = std::make_unique<Arrays>(arrays);
+    PyObject *capsule = PyCapsule_New(taken.get(), name, [](PyObject *self) {
+        auto *own = static_cast<Arrays *>(PyCapsule_GetPointer(self, PyCapsule_GetName(self)));
+        give_back(own);
+        delete own;
+    });
+    if (!capsule) {
+        give_back(taken.get());
+        throw PythonError{};
+    }
+    (void)taken.release(); // the capsule's
+    return Ref::steal(capsule);
+}
+
+} // namespace tarvopy::modelapi
