@@ -1,6 +1,6 @@
 // The functions that the siblings call (collaborators/core.h): each turns this module's exceptions into NULL or -1.
-#include "linexpr.h"
 #include "model_handle.h"
+#include "quadexpr.h"
 #include "scalars.h"
 
 #include <cmath>
@@ -43,10 +43,24 @@ LinExprObject *checked_linexpr(PyObject *object) {
     return as_linexpr(object);
 }
 
-Operand checked_operand(PyObject *object) {
+QuadExprObject *checked_quadexpr(PyObject *object) {
+    if (!is_quadexpr(object))
+        fail(PyExc_TypeError, "a QuadExpr is needed, not '%.200s'", Py_TYPE(object)->tp_name);
+    return as_quadexpr(object);
+}
+
+Operand checked_linear(PyObject *object) {
+    Operand operand = classify(object);
+    if (operand.kind != OperandKind::Number && !operand.is_linear())
+        fail(PyExc_TypeError, "a number, a Var or a LinExpr is needed, not '%.200s'", Py_TYPE(object)->tp_name);
+    return operand;
+}
+
+Operand checked_quadratic(PyObject *object) {
     Operand operand = classify(object);
     if (operand.kind != OperandKind::Number && !operand.is_expression())
-        fail(PyExc_TypeError, "a number, a Var or a LinExpr is needed, not '%.200s'", Py_TYPE(object)->tp_name);
+        fail(PyExc_TypeError, "a number, a Var, a LinExpr or a QuadExpr is needed, not '%.200s'",
+             Py_TYPE(object)->tp_name);
     return operand;
 }
 
@@ -57,7 +71,7 @@ double checked_factor(double factor) {
 }
 
 int api_linexpr_add(PyObject *self, PyObject *other, double mult) {
-    return border_status([&] { add_to(checked_linexpr(self), checked_operand(other), checked_factor(mult)); });
+    return border_status([&] { add_to(checked_linexpr(self), checked_linear(other), checked_factor(mult)); });
 }
 
 int api_linexpr_scale(PyObject *self, double factor) {
@@ -77,44 +91,46 @@ int api_linexpr_normalize(PyObject *self) {
 }
 
 int api_linexpr_assign(PyObject *self, PyObject *other) {
-    return border_status([&] { assign(checked_linexpr(self), checked_operand(other)); });
-}
-
-int quadratic_later() {
-    PyErr_SetString(PyExc_NotImplementedError, "quadratic expressions are not supported yet");
-    return -1;
+    return border_status([&] { assign(checked_linexpr(self), checked_linear(other)); });
 }
 
 PyObject *api_quadexpr_new() {
-    quadratic_later();
-    return nullptr;
+    return border([] { return empty_quadexpr(); });
 }
-int api_quadexprs(ModelObject *, int64_t, const int64_t *, const int32_t *, const int32_t *, const double *, double,
-                  PyObject **) {
-    return quadratic_later();
+
+int api_quadexprs(ModelObject *model, int64_t nrows, const int64_t *ptr, const int32_t *ids1, const int32_t *ids2,
+                  const double *coef, double scale, PyObject **out) {
+    return border_status([&] { make_quadexprs(model, nrows, ptr, ids1, ids2, coef, scale, out); });
 }
-PyObject *api_quadexpr_linear(PyObject *) {
-    quadratic_later();
-    return nullptr;
+
+PyObject *api_quadexpr_linear(PyObject *self) {
+    PyObject *linear = nullptr;
+    border_status([&] { linear = as_object(linear_of(checked_quadexpr(self))); });
+    return linear;
 }
-int api_quadexpr_add(PyObject *, PyObject *, double) {
-    return quadratic_later();
+
+int api_quadexpr_add(PyObject *self, PyObject *other, double mult) {
+    return border_status([&] { add_to(checked_quadexpr(self), checked_quadratic(other), checked_factor(mult)); });
 }
-int api_quadexpr_scale(PyObject *, double) {
-    return quadratic_later();
+
+int api_quadexpr_scale(PyObject *self, double factor) {
+    return border_status([&] { core::scale(checked_quadexpr(self), {checked_factor(factor), false}); });
 }
-PyObject *api_quadexpr_copy(PyObject *) {
-    quadratic_later();
-    return nullptr;
+
+PyObject *api_quadexpr_copy(PyObject *self) {
+    return border([&] { return core::copy(checked_quadexpr(self)); });
 }
-int api_quadexpr_clear(PyObject *) {
-    return quadratic_later();
+
+int api_quadexpr_clear(PyObject *self) {
+    return border_status([&] { core::clear(checked_quadexpr(self)); });
 }
-int api_quadexpr_normalize(PyObject *) {
-    return quadratic_later();
+
+int api_quadexpr_normalize(PyObject *self) {
+    return border_status([&] { normalize(checked_quadexpr(self)); });
 }
-int api_quadexpr_assign(PyObject *, PyObject *) {
-    return quadratic_later();
+
+int api_quadexpr_assign(PyObject *self, PyObject *other) {
+    return border_status([&] { assign(checked_quadexpr(self), checked_quadratic(other)); });
 }
 
 PyObject *api_tempconstr(PyObject *lhs, PyObject *sense, PyObject *rhs) {

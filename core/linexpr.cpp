@@ -1,16 +1,9 @@
 #include "linexpr.h"
 
-#include "model_handle.h"
 #include "pysupport/args.h"
-#include "pysupport/numbers.h"
-#include "pysupport/numpy.h"
 #include "scalars.h"
 
-#include <structmember.h>
-
-#include <cmath>
 #include <string>
-#include <vector>
 
 namespace tarvopy::core {
 
@@ -21,67 +14,10 @@ namespace {
 
 Operand linear_operand(PyObject *object, const char *function) {
     Operand operand = classify(object);
-    if (operand.kind != OperandKind::Number && !operand.is_expression())
+    if (operand.kind != OperandKind::Number && !operand.is_linear())
         fail(PyExc_TypeError, "%.200s takes a number, a Var or a LinExpr, not '%.200s'", function,
              Py_TYPE(object)->tp_name);
     return operand;
-}
-
-// ---- reading coefficient and variable lists
-
-// Arrays as lists, in C order: NumPy's, and MVar through its own reshape and tolist. Other objects as they are.
-Ref without_arrays(PyObject *object) {
-    if (PyList_Check(object) || PyTuple_Check(object))
-        return Ref::borrow(object);
-    if (pysupport::is_array(object)) {
-        Ref plain = check(PyArray_FROM_OF(object, NPY_ARRAY_ENSUREARRAY)); // a numpy.matrix stays two-dimensional
-        Ref flat = check(PyArray_Ravel(pysupport::as_array(plain), NPY_CORDER));
-        return check(PyArray_ToList(pysupport::as_array(flat)));
-    }
-    if (!PyObject_HasAttrString(object, "tolist") || !PyObject_HasAttrString(object, "reshape"))
-        return Ref::borrow(object);
-    Ref flat = check(PyObject_CallMethod(object, "reshape", "i", -1));
-    return check(PyObject_CallMethod(flat.get(), "tolist", nullptr));
-}
-
-// What an argument of addTerms holds, as a tuple: nothing that runs while its items are read can change it.
-Ref items_of(PyObject *object, const char *what) {
-    if (PyUnicode_Check(object) || PyBytes_Check(object))
-        fail(PyExc_TypeError, "%s cannot be given as a string", what);
-    return check(PySequence_Tuple(without_arrays(object).get()));
-}
-
-// Exact floats, checked; every __float__ has run when this returns.
-Ref float_list(PyObject *numbers) {
-    Ref items = items_of(numbers, "coefficients");
-    Ref floats = untracked_list(PyTuple_GET_SIZE(items.get()));
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i) {
-        PyObject *item = PyTuple_GET_ITEM(items.get(), i);
-        double value = finite_number(item, "Coefficient");
-        PyList_SET_ITEM(floats.get(), i,
-                        PyFloat_CheckExact(item) ? Py_NewRef(item) : check(PyFloat_FromDouble(value)).release());
-    }
-    return floats;
-}
-
-Ref repeated(PyObject *number, Py_ssize_t n) {
-    Ref value = check(PyFloat_FromDouble(finite_number(number, "Coefficient")));
-    Ref floats = untracked_list(n);
-    for (Py_ssize_t i = 0; i < n; ++i)
-        PyList_SET_ITEM(floats.get(), i, Py_NewRef(value.get()));
-    return floats;
-}
-
-Ref var_list(PyObject *vars) {
-    Ref items = is_var(vars) ? check(PyTuple_Pack(1, vars)) : items_of(vars, "variables");
-    Ref list = untracked_list(PyTuple_GET_SIZE(items.get()));
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i) {
-        PyObject *item = PyTuple_GET_ITEM(items.get(), i);
-        if (!is_var(item))
-            fail(PyExc_TypeError, "variables must be Var objects, not '%.200s'", Py_TYPE(item)->tp_name);
-        PyList_SET_ITEM(list.get(), i, Py_NewRef(item));
-    }
-    return list;
 }
 
 // ---- methods
@@ -242,32 +178,12 @@ PyType_Slot slots[] = {
 
 PyType_Spec spec = {"tarvopy.LinExpr", sizeof(LinExprObject), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_IMMUTABLETYPE, slots};
 
-// ---- text
-
-std::string number_text(double value) {
-    char *digits = PyOS_double_to_string(value, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);
-    if (!digits)
-        throw std::bad_alloc();
-    std::string text(digits);
-    PyMem_Free(digits);
-    return text;
-}
-
-void append_signed(std::string &text, double value) {
-    if (text.empty()) {
-        text += number_text(value);
-    } else {
-        text += std::signbit(value) ? " - " : " + ";
-        text += number_text(std::fabs(value));
-    }
-}
-
 } // namespace
 
 void add_terms(LinExprObject *self, PyObject *coeffs, PyObject *vars) {
-    Ref variables = var_list(vars);
+    Ref variables = variables_given(vars);
     Py_ssize_t n = PyList_GET_SIZE(variables.get());
-    Ref numbers = pysupport::is_number(coeffs) ? repeated(coeffs, n) : float_list(coeffs);
+    Ref numbers = coefficients_given(coeffs, n);
     if (PyList_GET_SIZE(numbers.get()) != n)
         fail(PyExc_ValueError, "%zd coefficients for %zd variables", PyList_GET_SIZE(numbers.get()), n);
     Ref terms = make_linexpr(0.0, std::move(numbers), std::move(variables));
@@ -275,38 +191,27 @@ void add_terms(LinExprObject *self, PyObject *coeffs, PyObject *vars) {
 }
 
 double value_of(const LinExprObject *self) {
+    std::vector<double> x = solution_of(self->vars);
     double value = self->constant;
-    std::vector<int32_t> ids;
-    std::vector<double> x;
-    // One call to the store for each run of variables of one model; nearly always there is one.
-    for (Py_ssize_t begin = 0, end; begin < term_count(self); begin = end) {
-        ModelObject *model = as_scalar(PyList_GET_ITEM(self->vars, begin))->cmodel;
-        ids.clear();
-        for (end = begin; end < term_count(self); ++end) {
-            auto *var = as_scalar(PyList_GET_ITEM(self->vars, end));
-            if (var->cmodel != model)
-                break;
-            ids.push_back(var->id);
-        }
-        x.resize(ids.size());
-        TRVmodel *store = open_store(model);
-        check_store(store, TRVgetdbls(store, "X", end - begin, ids.data(), 0, x.data()));
-        for (Py_ssize_t i = begin; i < end; ++i)
-            value += PyFloat_AS_DOUBLE(PyList_GET_ITEM(self->coeffs, i)) * x[static_cast<size_t>(i - begin)];
-    }
+    for (size_t i = 0; i < x.size(); ++i)
+        value += PyFloat_AS_DOUBLE(PyList_GET_ITEM(self->coeffs, static_cast<Py_ssize_t>(i))) * x[i];
     return value;
 }
 
-Ref text_of(const LinExprObject *self) {
-    std::string text;
+void append_text(const LinExprObject *self, std::string &text) {
     for (Py_ssize_t i = 0; i < term_count(self); ++i) {
         append_signed(text, PyFloat_AS_DOUBLE(PyList_GET_ITEM(self->coeffs, i)));
         text += ' ';
         text += label_of(PyList_GET_ITEM(self->vars, i)).text;
     }
-    if (self->constant != 0.0 || text.empty())
+    if (self->constant != 0.0)
         append_signed(text, self->constant);
-    return check(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace"));
+}
+
+Ref text_of(const LinExprObject *self) {
+    std::string text;
+    append_text(self, text);
+    return text_object(text.empty() ? "0.0" : text);
 }
 
 void add_linexpr_type(PyObject *module) {

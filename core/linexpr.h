@@ -14,6 +14,7 @@
 #pragma once
 
 #include "operators.h"
+#include "term_lists.h"
 
 namespace tarvopy::core {
 
@@ -27,17 +28,15 @@ inline Py_ssize_t term_count(const LinExprObject *self) {
     return PyList_GET_SIZE(self->coeffs);
 }
 
-// A list of n empty slots, outside the collector; fill all of them before anybody else sees it.
-Ref untracked_list(Py_ssize_t n);
-
-// What multiplies: a factor, or a divisor (x / 3 is not x * (1/3) in the last digit).
-struct Scaling {
-    double number;
-    bool divides;
-    double operator()(double value) const { return divides ? value / number : value * number; }
-    bool is_identity() const { return number == 1.0; }
+// The terms of a linear operand; none of a number.
+struct Terms {
+    Items coeffs, vars;
+    Py_ssize_t size() const { return static_cast<Py_ssize_t>(vars.size()); }
 };
-Scaling divisor(PyObject *number); // refuses 0, infinity and NaN
+Terms terms_of(const Operand &operand);
+// Runs the __float__ of unusual numbers, so it comes before anything looks at terms.
+double constant_of(const Operand &operand);
+double finite_constant(double value);
 
 // Takes over the lists.
 Ref make_linexpr(double constant, Ref coeffs, Ref vars);
@@ -59,6 +58,7 @@ void add_terms(LinExprObject *self, PyObject *coeffs, PyObject *vars);
 
 Ref copy(const LinExprObject *self);
 double value_of(const LinExprObject *self);
+void append_text(const LinExprObject *self, std::string &text); // nothing for 0
 Ref text_of(const LinExprObject *self);
 
 // One expression a row, see CoreApi::linexprs.

@@ -1,4 +1,5 @@
-// tarvopy._core: the scalar objects (model handle, variables, linear expressions, constraint handles, comparisons).
+// tarvopy._core: the scalar objects (model handle, variables, linear and quadratic expressions, constraint handles,
+// comparisons).
 #include "state.h"
 
 namespace tarvopy::core {
@@ -37,13 +38,16 @@ void execute(PyObject *module) {
     state.greater_equal = check(PyUnicode_InternFromString(">")).release();
     state.equal = check(PyUnicode_InternFromString("=")).release();
     state.one = check(PyFloat_FromDouble(1.0)).release();
+    state.zero = check(PyFloat_FromDouble(0.0)).release();
     add_model_type(module);
     add_scalar_types(module);
     add_linexpr_type(module);
+    add_quadexpr_type(module);
     add_tempconstr_type(module);
     add_later_types(module);
     add_array_priority(state.Var);
     add_array_priority(state.LinExpr);
+    add_array_priority(state.QuadExpr);
     add_api(module);
     initialised = true;
 }
@@ -53,7 +57,8 @@ int module_exec(PyObject *module) {
 }
 
 PyObject *module_counts(PyObject *, PyObject *) {
-    return Py_BuildValue("{s:n,s:n,s:n}", "Var", counts.vars, "Constr", counts.constrs, "LinExpr", counts.linexprs);
+    return Py_BuildValue("{s:n,s:n,s:n,s:n}", "Var", counts.vars, "Constr", counts.constrs, "LinExpr", counts.linexprs,
+                         "QuadExpr", counts.quadexprs);
 }
 
 PyMethodDef methods[] = {
@@ -67,8 +72,8 @@ PyModuleDef_Slot slots[] = {
 
 PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT,
                           .m_name = "tarvopy._core",
-                          .m_doc =
-                              "The scalar objects: model handle, variables, linear expressions, constraint handles.",
+                          .m_doc = "The scalar objects: model handle, variables, linear and quadratic expressions, "
+                                   "constraint handles.",
                           .m_size = 0,
                           .m_methods = methods,
                           .m_slots = slots};

@@ -1,8 +1,8 @@
 #include "operators.h"
 
-#include "linexpr.h"
 #include "pysupport/numbers.h"
 #include "pysupport/numpy.h"
+#include "quadexpr.h"
 
 #include <cmath>
 
@@ -35,9 +35,14 @@ Ref as_matrix(const Operand &operand) {
     if (!operand.is_expression())
         return Ref::borrow(operand.object);
     Ref module = check(PyImport_ImportModule("tarvopy._matrixapi"));
-    bool var = operand.kind == OperandKind::Var;
-    Ref cls = check(PyObject_GetAttrString(module.get(), var ? "MVar" : "MLinExpr"));
-    return check(PyObject_CallMethod(cls.get(), var ? "fromvar" : "_from_linexpr", "O", operand.object));
+    struct Names {
+        const char *cls, *maker;
+    };
+    auto [cls_name, maker] = operand.kind == OperandKind::Var       ? Names{"MVar", "fromvar"}
+                             : operand.kind == OperandKind::LinExpr ? Names{"MLinExpr", "_from_linexpr"}
+                                                                    : Names{"MQuadExpr", "_from_quad_expr"};
+    Ref cls = check(PyObject_GetAttrString(module.get(), cls_name));
+    return check(PyObject_CallMethod(cls.get(), maker, "O", operand.object));
 }
 
 using Worker = Ref (*)(const Operand &a, const Operand &b);
@@ -58,34 +63,63 @@ PyObject *dispatch(PyObject *a, PyObject *b, Worker worker, General general) {
     });
 }
 
-[[noreturn]] void fail_later(const char *what) {
-    fail(PyExc_NotImplementedError, "%s is not linear; such expressions of scalar variables are not available yet",
-         what);
+[[noreturn]] void fail_nonlinear() {
+    fail(PyExc_NotImplementedError, "the result is neither linear nor quadratic (a product of degree above two, a "
+                                    "division by an expression, a power other than 0, 1 and 2); nonlinear expressions "
+                                    "are not supported yet");
+}
+
+bool any_quadratic(const Operand &a, const Operand &b) {
+    return a.kind == OperandKind::QuadExpr || b.kind == OperandKind::QuadExpr;
+}
+
+Ref sum(const Operand &a, const Operand &b, double mult) {
+    return any_quadratic(a, b) ? quad_sum(a, b, mult) : sum_of(a, b, mult);
+}
+
+Ref scaled_any(const Operand &operand, const Scaling &scaling) {
+    return operand.kind == OperandKind::QuadExpr ? quad_scaled(operand, scaling) : scaled(operand, scaling);
+}
+
+// A variable cannot change, an expression can.
+Ref copied(const Operand &operand) {
+    return operand.kind == OperandKind::Var ? Ref::borrow(operand.object) : scaled_any(operand, {1.0, false});
 }
 
 Ref add(const Operand &a, const Operand &b) {
-    return sum_of(a, b, 1.0);
+    return sum(a, b, 1.0);
 }
 Ref subtract(const Operand &a, const Operand &b) {
-    return sum_of(a, b, -1.0);
+    return sum(a, b, -1.0);
 }
 
 Ref multiply(const Operand &a, const Operand &b) {
+    if (a.is_linear() && b.is_linear())
+        return product_of(a, b);
     if (a.is_expression() && b.is_expression())
-        fail_later("the product of two expressions");
+        fail_nonlinear();
     const Operand &expression = a.is_expression() ? a : b;
     double factor = finite_number((a.is_expression() ? b : a).object, "Multiplier");
-    return scaled(expression, Scaling{factor, false});
+    return scaled_any(expression, {factor, false});
 }
 
 Ref divide(const Operand &a, const Operand &b) {
     if (b.is_expression())
-        fail_later("division by an expression");
-    return scaled(a, divisor(b.object));
+        fail_nonlinear();
+    return scaled_any(a, divisor(b.object));
 }
 
-Ref power(const Operand &, const Operand &) {
-    fail_later("a power of an expression");
+Ref power(const Operand &a, const Operand &b) {
+    if (b.is_expression())
+        fail_nonlinear();
+    double exponent = finite_number(b.object, "Exponent");
+    if (exponent == 0.0)
+        return empty_linexpr(1.0);
+    if (exponent == 1.0)
+        return copied(a);
+    if (exponent == 2.0)
+        return multiply(a, a);
+    fail_nonlinear();
 }
 
 PyObject *power_of_two_operands(PyObject *a, PyObject *b) {
@@ -108,7 +142,7 @@ PyObject *sense_of(int comparison) {
 // Expression types of higher degree: a comparison with one is a constraint too.
 bool is_higher_expression(PyObject *object) {
     PyTypeObject *type = Py_TYPE(object);
-    return type == state.QuadExpr || type == state.NLExpr || type == state.GenExpr;
+    return type == state.NLExpr || type == state.GenExpr;
 }
 
 Ref unequal(PyObject *a, PyObject *b) {
@@ -126,13 +160,19 @@ Ref compare(PyObject *a, PyObject *b, int comparison) {
     return sense ? new_tempconstr(a, sense, b) : not_implemented();
 }
 
-// a is a LinExpr. An operand that cannot be taken in falls back to the operator that makes a new object.
+// a is a LinExpr or a QuadExpr. An operand that cannot be taken in (a QuadExpr in a LinExpr, a factor that is no
+// number) falls back to the operator that makes a new object.
 template <class Work> PyObject *in_place(PyObject *a, PyObject *b, bool numbers_only, Work work) {
     return border([&] {
         Operand other = classify(b);
-        if (other.kind != OperandKind::Number && (numbers_only || !other.is_expression()))
+        bool quadratic = is_quadexpr(a);
+        bool takes = !numbers_only && (quadratic ? other.is_expression() : other.is_linear());
+        if (other.kind != OperandKind::Number && !takes)
             return not_implemented();
-        work(reinterpret_cast<LinExprObject *>(a), other);
+        if (quadratic)
+            work(as_quadexpr(a), other);
+        else
+            work(as_linexpr(a), other);
         return Ref::borrow(a);
     });
 }
@@ -145,6 +185,8 @@ Operand classify(PyObject *object) {
         kind = OperandKind::Var;
     else if (is_linexpr(object))
         kind = OperandKind::LinExpr;
+    else if (is_quadexpr(object))
+        kind = OperandKind::QuadExpr;
     else if (pysupport::is_number(object))
         kind = OperandKind::Number;
     else if (pysupport::is_array(object) || is_sparse(object))
@@ -181,12 +223,11 @@ PyObject *operator_power(PyObject *a, PyObject *b, PyObject *modulus) {
 }
 
 PyObject *operator_negative(PyObject *a) {
-    return border([&] { return scaled(classify(a), Scaling{-1.0, false}); });
+    return border([&] { return scaled_any(classify(a), {-1.0, false}); });
 }
 
-// A variable cannot change, an expression can.
 PyObject *operator_positive(PyObject *a) {
-    return border([&] { return is_var(a) ? Ref::borrow(a) : copy(as_linexpr(a)); });
+    return border([&] { return copied(classify(a)); });
 }
 
 PyObject *operator_compare(PyObject *a, PyObject *b, int comparison) {
@@ -194,21 +235,21 @@ PyObject *operator_compare(PyObject *a, PyObject *b, int comparison) {
 }
 
 PyObject *operator_inplace_add(PyObject *a, PyObject *b) {
-    return in_place(a, b, false, [](LinExprObject *self, const Operand &other) { add_to(self, other, 1.0); });
+    return in_place(a, b, false, [](auto *self, const Operand &other) { add_to(self, other, 1.0); });
 }
 
 PyObject *operator_inplace_subtract(PyObject *a, PyObject *b) {
-    return in_place(a, b, false, [](LinExprObject *self, const Operand &other) { add_to(self, other, -1.0); });
+    return in_place(a, b, false, [](auto *self, const Operand &other) { add_to(self, other, -1.0); });
 }
 
 PyObject *operator_inplace_multiply(PyObject *a, PyObject *b) {
-    return in_place(a, b, true, [](LinExprObject *self, const Operand &other) {
+    return in_place(a, b, true, [](auto *self, const Operand &other) {
         scale(self, Scaling{finite_number(other.object, "Multiplier"), false});
     });
 }
 
 PyObject *operator_inplace_divide(PyObject *a, PyObject *b) {
-    return in_place(a, b, true, [](LinExprObject *self, const Operand &other) { scale(self, divisor(other.object)); });
+    return in_place(a, b, true, [](auto *self, const Operand &other) { scale(self, divisor(other.object)); });
 }
 
 } // namespace tarvopy::core

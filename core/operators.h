@@ -1,26 +1,30 @@
-// The operators of Var and LinExpr: one dispatch for both, since either may stand on either side.
+// The operators of Var, LinExpr and QuadExpr: one dispatch for all, since any may stand on either side.
 //
 // What meets a variable or an expression is one of
-//   Number          2.0, np.float64(2)       -> LinExpr
-//   Var, LinExpr                             -> LinExpr
-//   Array           ndarray, SciPy matrix    -> the scalar becomes a 0-dimensional MVar or MLinExpr, and the matrix
-//   classes go on Foreign         everything else          -> NotImplemented, so that the other object's reflected
-//   operator is asked (MVar, MLinExpr, ...)
-// Products and powers of variables and divisions by them raise NotImplementedError: those expressions have types, but
-// no contents yet.
+//   Number          2.0, np.float64(2)       -> the degree stays
+//   Var, LinExpr                             -> sums LinExpr, products QuadExpr
+//   QuadExpr                                 -> sums QuadExpr
+//   Array           ndarray, SciPy matrix    -> the scalar becomes a 0-dimensional MVar, MLinExpr or MQuadExpr, and the
+//                                               matrix classes go on
+//   Foreign         everything else          -> NotImplemented, so that the other object's reflected operator is asked
+//                                               (MVar, MLinExpr, ...)
+// The type alone gives the degree: a QuadExpr times a LinExpr is of degree three, whatever they hold. What is of a
+// degree above two, divisions by expressions and other powers raise NotImplementedError: those expressions have types,
+// but no contents yet.
 #pragma once
 
 #include "state.h"
 
 namespace tarvopy::core {
 
-enum class OperandKind { Number, Var, LinExpr, Array, Foreign };
+enum class OperandKind { Number, Var, LinExpr, QuadExpr, Array, Foreign };
 
 struct Operand {
     OperandKind kind;
     PyObject *object; // borrowed
 
-    bool is_expression() const { return kind == OperandKind::Var || kind == OperandKind::LinExpr; }
+    bool is_linear() const { return kind == OperandKind::Var || kind == OperandKind::LinExpr; }
+    bool is_expression() const { return is_linear() || kind == OperandKind::QuadExpr; }
 };
 
 Operand classify(PyObject *object);
@@ -37,13 +41,13 @@ PyObject *operator_negative(PyObject *a);
 PyObject *operator_positive(PyObject *a);
 PyObject *operator_compare(PyObject *a, PyObject *b, int comparison);
 
-// On LinExpr only.
+// On LinExpr and QuadExpr only.
 PyObject *operator_inplace_add(PyObject *a, PyObject *b);
 PyObject *operator_inplace_subtract(PyObject *a, PyObject *b);
 PyObject *operator_inplace_multiply(PyObject *a, PyObject *b);
 PyObject *operator_inplace_divide(PyObject *a, PyObject *b);
 
-// Slots of Var and LinExpr, for their type specifications.
+// Slots of Var, LinExpr and QuadExpr, for their type specifications.
 #define TARVOPY_OPERATOR_SLOTS                                                                                         \
     {Py_nb_add, slot(operator_add)}, {Py_nb_subtract, slot(operator_subtract)},                                        \
         {Py_nb_multiply, slot(operator_multiply)}, {Py_nb_true_divide, slot(operator_divide)},                         \

@@ -1,5 +1,5 @@
 // quicksum(iterable): a sum in one pass that accumulates in place.
-#include "linexpr.h"
+#include "quadexpr.h"
 
 namespace tarvopy::core {
 
@@ -24,20 +24,30 @@ Ref add_general(const Ref &total, PyObject *item, bool own) {
     return check(PyNumber_Add(total.get(), item));
 }
 
+// The total becomes quadratic with the first quadratic term, and keeps its linear part.
+void add_scalar(Ref &total, const Operand &operand) {
+    if (operand.kind == OperandKind::QuadExpr && is_linexpr(total.get()))
+        total = make_quadexpr(total, untracked_list(0), untracked_list(0), untracked_list(0));
+    if (is_quadexpr(total.get()))
+        add_to(as_quadexpr(total), operand, 1.0);
+    else
+        add_to(as_linexpr(total), operand, 1.0);
+}
+
 } // namespace
 
 PyObject *quicksum(PyObject *, PyObject *iterable) {
     return border([&] {
         Ref items = check(PyObject_GetIter(iterable));
         Ref total = empty_linexpr(0.0);
-        bool linear = true;
+        bool scalar = true;
         while (Ref item = Ref::steal(PyIter_Next(items.get()))) {
-            Operand operand = linear ? classify(item.get()) : Operand{OperandKind::Foreign, item.get()};
+            Operand operand = scalar ? classify(item.get()) : Operand{OperandKind::Foreign, item.get()};
             if (operand.kind == OperandKind::Number || operand.is_expression()) {
-                add_to(as_linexpr(total), operand, 1.0);
+                add_scalar(total, operand);
             } else {
-                total = add_general(total, item.get(), !linear);
-                linear = false;
+                total = add_general(total, item.get(), !scalar);
+                scalar = false;
             }
         }
         if (PyErr_Occurred())

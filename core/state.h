@@ -20,12 +20,13 @@ struct State {
     PyObject *TarvoError, *NoDataError;
     PyObject *less_equal, *greater_equal, *equal; // the senses, as in TRV
     PyObject *one;                                // the coefficient of a variable on its own
+    PyObject *zero;
 };
 extern State state;
 
 // Living objects, for tests that promise that none are made.
 struct Counts {
-    Py_ssize_t vars, constrs, linexprs;
+    Py_ssize_t vars, constrs, linexprs, quadexprs;
 };
 extern Counts counts;
 
@@ -37,6 +38,10 @@ inline bool is_var(PyObject *object) {
 }
 inline bool is_linexpr(PyObject *object) {
     return Py_TYPE(object) == state.LinExpr;
+}
+
+inline bool is_quadexpr(PyObject *object) {
+    return Py_TYPE(object) == state.QuadExpr;
 }
 
 // The slots of a type specification hold void pointers for functions too.
@@ -68,6 +73,7 @@ PyTypeObject *make_type(PyObject *module, PyType_Spec *spec, const char *name);
 void add_model_type(PyObject *module);
 void add_scalar_types(PyObject *module);
 void add_linexpr_type(PyObject *module);
+void add_quadexpr_type(PyObject *module);
 void add_tempconstr_type(PyObject *module);
 void add_later_types(PyObject *module);
 void add_api(PyObject *module);

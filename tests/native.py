@@ -38,7 +38,18 @@ class _CoreApi(ctypes.Structure):
         ("linexpr_clear", PYFUNCTYPE(c_int, py_object)),
         ("linexpr_normalize", PYFUNCTYPE(c_int, py_object)),
         ("linexpr_assign", PYFUNCTYPE(c_int, py_object, py_object)),
-        ("quadexpr", c_void_p * 9),
+        ("quadexpr_new", PYFUNCTYPE(py_object)),
+        (
+            "quadexprs",
+            PYFUNCTYPE(c_int, py_object, c_int64, c_void_p, c_void_p, c_void_p, c_void_p, c_double, c_void_p),
+        ),
+        ("quadexpr_linear", PYFUNCTYPE(c_void_p, py_object)),
+        ("quadexpr_add", PYFUNCTYPE(c_int, py_object, py_object, c_double)),
+        ("quadexpr_scale", PYFUNCTYPE(c_int, py_object, c_double)),
+        ("quadexpr_copy", PYFUNCTYPE(py_object, py_object)),
+        ("quadexpr_clear", PYFUNCTYPE(c_int, py_object)),
+        ("quadexpr_normalize", PYFUNCTYPE(c_int, py_object)),
+        ("quadexpr_assign", PYFUNCTYPE(c_int, py_object, py_object)),
         ("tempconstr", PYFUNCTYPE(py_object, py_object, py_object, py_object)),
     )
 

@@ -177,9 +177,23 @@ def test_constants_that_overflow_are_refused():
         X + 10**400
 
 
-def test_products_of_expressions_are_refused_until_they_exist():
-    for use in (lambda: X * Y, lambda: X * (X + 1), lambda: X**2, lambda: 1 / X, lambda: 2**X):
-        with pytest.raises(NotImplementedError):
+def test_what_is_beyond_degree_two_is_refused_until_it_exists():
+    product = X * Y
+    uses = [
+        lambda: product * X,
+        lambda: (X + 1) * product,
+        lambda: product**2,
+        lambda: X**3,
+        lambda: X**0.5,
+        lambda: X**-1,
+        lambda: X**Y,
+        lambda: 2**X,
+        lambda: 1 / X,
+        lambda: X / (Y + 1),
+        lambda: product / product,
+    ]
+    for use in uses:
+        with pytest.raises(NotImplementedError, match="neither linear nor quadratic"):
             use()
 
 
