@@ -44,8 +44,21 @@ class Ids {
     Ref ids_;
 };
 
-Ids row_ids(ModelObject *handle, PyObject *object) {
+bool is_quadratic_row(PyObject *object) {
+    return Py_TYPE(object) == core().QConstr || PyObject_TypeCheck(object, matrix().MQConstr);
+}
+
+Ids row_ids(const char *function, ModelObject *handle, PyObject *object) {
+    if (is_quadratic_row(object))
+        fail(PyExc_TypeError,
+             "%s() works on linear rows: getRow() shows a quadratic row's terms, and to change them "
+             "remove the row and add it anew",
+             function);
     return {handle, object, core().Constr, matrix().MConstr, "a Constr or MConstr"};
+}
+
+Ids quadratic_row_ids(ModelObject *handle, PyObject *object) {
+    return {handle, object, core().QConstr, matrix().MQConstr, "a QConstr or MQConstr"};
 }
 
 Ids var_ids(ModelObject *handle, PyObject *object) {
@@ -61,7 +74,7 @@ TARVOPY_METHOD(model_setCoeff) {
         need_numpy();
         ModelObject *handle = handle_of(self);
         Doubles values("value", given[2], 0.0);
-        Ids rows = row_ids(handle, given[0]), vars = var_ids(handle, given[1]);
+        Ids rows = row_ids("setCoeff", handle, given[0]), vars = var_ids(handle, given[1]);
         Shape shape = rows.shape().joined(vars.shape()).joined(values.shape());
         values.spread(shape);
         const int32_t *row = rows.spread(shape), *var = vars.spread(shape);
@@ -83,7 +96,7 @@ TARVOPY_METHOD(model_getCoeff) {
         Arguments given(signature, 1, args, nargs, kwnames);
         need_numpy();
         ModelObject *handle = handle_of(self);
-        Ids rows = row_ids(handle, given[0]), vars = var_ids(handle, given[1]);
+        Ids rows = row_ids("getCoeff", handle, given[0]), vars = var_ids(handle, given[1]);
         Shape shape = rows.shape().joined(vars.shape());
         bool single = !rows.is_array() && !vars.is_array();
         const int32_t *row = rows.spread(shape), *var = vars.spread(shape);
@@ -117,28 +130,60 @@ TARVOPY_METHOD(model_getA) {
     });
 }
 
+namespace {
+
+int32_t one_row(Ids &&rows) {
+    if (rows.shape().size != 1)
+        fail(PyExc_ValueError, "getRow() takes one row, not %s of them", rows.shape().text().c_str());
+    return *rows.spread(rows.shape());
+}
+
+// The terms are copied, since making objects may set off a collection and with it any code.
+Ref linear_expression(ModelObject *handle, int64_t count, const int32_t *var, const double *coef) {
+    std::vector<int32_t> vars(var, var + count);
+    std::vector<double> coefs(coef, coef + count);
+    int64_t ptr[2] = {0, count};
+    PyObject *expression = nullptr;
+    check_status(core().linexprs(handle, 1, ptr, vars.data(), coefs.data(), 1.0, nullptr, &expression));
+    return Ref::steal(expression);
+}
+
+Ref linear_row(ModelObject *handle, int32_t row) {
+    TRVmodel *store = store_of(handle);
+    int64_t count;
+    const int32_t *var;
+    const double *coef;
+    succeed(store, TRVgetrow(store, row, &count, &var, &coef));
+    return linear_expression(handle, count, var, coef);
+}
+
+Ref quadratic_row(ModelObject *handle, int32_t row) {
+    TRVmodel *store = store_of(handle);
+    TRVqrows terms;
+    succeed(store, TRVgetqrow(store, row, &terms));
+    const int64_t begin = terms.qptr[0], end = terms.qptr[1];
+    std::vector<int32_t> var1(terms.var1 + begin, terms.var1 + end), var2(terms.var2 + begin, terms.var2 + end);
+    std::vector<double> coefs(terms.qcoef + begin, terms.qcoef + end);
+    const int64_t first = terms.ptr[0], ptr[2] = {0, end - begin};
+    Ref linear = linear_expression(handle, terms.ptr[1] - first, terms.var + first, terms.coef + first);
+    PyObject *made = nullptr;
+    check_status(core().quadexprs(handle, 1, ptr, var1.data(), var2.data(), coefs.data(), 1.0, &made));
+    Ref expression = Ref::steal(made);
+    check_status(core().quadexpr_add(expression.get(), linear.get(), 1.0));
+    return expression;
+}
+
+} // namespace
+
 TARVOPY_METHOD(model_getRow) {
     static const Signature signature{"getRow", {"constr"}, 1};
     return border([&] {
         Arguments given(signature, 1, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         need_numpy();
-        Ids rows = row_ids(handle, given[0]);
-        if (rows.shape().size != 1)
-            fail(PyExc_ValueError, "getRow() takes one row, not %s of them", rows.shape().text().c_str());
-        int32_t row = *rows.spread(rows.shape());
-        TRVmodel *store = store_of(handle);
-        int64_t count;
-        const int32_t *var;
-        const double *coef;
-        succeed(store, TRVgetrow(store, row, &count, &var, &coef));
-        // Copies, since making objects may set off a collection and with it any code.
-        std::vector<int32_t> vars(var, var + count);
-        std::vector<double> coefs(coef, coef + count);
-        int64_t ptr[2] = {0, count};
-        PyObject *expression = nullptr;
-        check_status(core().linexprs(handle, 1, ptr, vars.data(), coefs.data(), 1.0, nullptr, &expression));
-        return Ref::steal(expression);
+        if (is_quadratic_row(given[0]))
+            return quadratic_row(handle, one_row(quadratic_row_ids(handle, given[0])));
+        return linear_row(handle, one_row(row_ids("getRow", handle, given[0])));
     });
 }
 

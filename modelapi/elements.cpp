@@ -200,6 +200,11 @@ TARVOPY_METHOD(model_getVarByName) {
     return by_name(signature, self, args, nargs, kwnames, TRV_VAR);
 }
 
+TARVOPY_METHOD(model_getQConstrByName) {
+    static const Signature signature{"getQConstrByName", {"name"}, 1};
+    return by_name(signature, self, args, nargs, kwnames, TRV_QCONSTR);
+}
+
 TARVOPY_METHOD(model_getConstrByName) {
     static const Signature signature{"getConstrByName", {"name"}, 1};
     return by_name(signature, self, args, nargs, kwnames, TRV_CONSTR);

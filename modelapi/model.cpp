@@ -102,21 +102,28 @@ PyMethodDef methods[] = {
         "addConstr($self, /, tempconstr, name='')\n--\n\n"
         "Add what a comparison with <=, >= or == gave, one row for each element of the broadcast shape of its "
         "sides.\n\n"
-        "Returns a Constr when both sides are scalar objects or numbers, else (0-dimensional arrays too) an MConstr of "
-        "the\n"
-        "broadcast shape, pending until update(). An infinite right-hand side means no bound. name as for addMVar.\n"
-        "TypeError for anything but a comparison; ValueError for shapes that do not broadcast; TarvoError for NaN, "
-        "infinite\n"
-        "coefficients, bounds that can never hold and elements that are removed or of another model. On an error "
-        "nothing was added."),
+        "Scalar objects and numbers on both sides give a Constr (QConstr where a side is quadratic), arrays "
+        "(0-dimensional ones\n"
+        "too) an MConstr (MQConstr) of the broadcast shape, pending until update(). An infinite right-hand side means "
+        "no "
+        "bound.\n"
+        "name as for addMVar. TypeError for anything but a comparison; ValueError for shapes that do not broadcast and "
+        "beyond\n"
+        "2**31 elements; TarvoError for NaN, infinite coefficients, bounds that can never hold and elements that are "
+        "removed or\n"
+        "of another model. On an error nothing was added."),
     row("addRange", model_addRange,
         "addRange($self, /, expr, lb, ub, name='')\n--\n\n"
-        "Add lb <= expr <= ub as one two-sided row for each element; lb, ub and expr broadcast. See addConstr."),
+        "Add lb <= expr <= ub as one two-sided row for each element; lb, ub and expr broadcast. See addConstr.\n\n"
+        "TypeError for a quadratic expression, since a quadratic row has one side."),
     row("setObjective", model_setObjective,
         "setObjective($self, /, expr, sense=None)\n--\n\n"
-        "Replace the objective (every Obj, and ObjConstant) by expr: a number, a scalar expression or an array of one "
-        "element.\n\n"
-        "sense: TRV.MINIMIZE, TRV.MAXIMIZE or None, which keeps ModelSense."),
+        "Replace the objective (every Obj, ObjConstant and the quadratic terms) by expr: a number, or a linear or "
+        "quadratic\n"
+        "expression, scalar or an array of one element.\n\n"
+        "Terms that name the same pair of variables, in either order, are summed. sense: TRV.MINIMIZE, TRV.MAXIMIZE or "
+        "None,\n"
+        "which keeps ModelSense. ValueError for an array of any other size; then the old objective stays."),
     row("update", model_update,
         "update($self, /)\n--\n\nApply what is pending: added elements get their positions, removed ones go."),
     row("remove", model_remove,
@@ -139,9 +146,11 @@ PyMethodDef methods[] = {
         "getVarByName($self, name, /)\n--\n\nThe first Var of this name, pending ones included, or None."),
     row("getConstrByName", model_getConstrByName,
         "getConstrByName($self, name, /)\n--\n\nThe first Constr of this name, pending ones included, or None."),
+    row("getQConstrByName", model_getQConstrByName,
+        "getQConstrByName($self, name, /)\n--\n\nThe first QConstr of this name, pending ones included, or None."),
     row("setCoeff", model_setCoeff,
         "setCoeff($self, /, constr, var, value)\n--\n\n"
-        "Set the coefficient of var in constr, at once; 0 takes the term away.\n\n"
+        "Set the coefficient of var in the linear row constr, at once; 0 takes the term away.\n\n"
         "constr: Constr or MConstr, var: Var or MVar, value: a number or an array; the three broadcast. Of repeated "
         "pairs the\n"
         "last one wins. On an error nothing has changed."),
@@ -155,8 +164,8 @@ PyMethodDef methods[] = {
         "The matrix of the linear rows as a scipy.sparse.csr_matrix of shape (NumConstrs, NumVars), as of the last "
         "update."),
     row("getRow", model_getRow,
-        "getRow($self, constr, /)\n--\n\nThe terms of a linear row (a Constr, or an MConstr of one element) as a "
-        "LinExpr; its constant is 0."),
+        "getRow($self, constr, /)\n--\n\nThe terms of a row as an expression whose constant is 0.\n\n"
+        "A Constr, or an MConstr of one element, gives a LinExpr; a QConstr, or such an MQConstr, a QuadExpr."),
     row("getAttr", model_getAttr,
         "getAttr($self, attrname, /)\n--\n\nThe value of a model attribute; applies what is pending first. m.NumVars "
         "means m.getAttr('NumVars')."),

@@ -53,6 +53,7 @@ TARVOPY_METHOD(model_addMVar);
 // constraints.cpp
 TARVOPY_METHOD(model_addConstr);
 TARVOPY_METHOD(model_addRange);
+// objective.cpp
 TARVOPY_METHOD(model_setObjective);
 // elements.cpp
 TARVOPY_METHOD(model_update);
@@ -64,6 +65,7 @@ TARVOPY_METHOD(model_getGenConstrs);
 TARVOPY_METHOD(model_getNLConstrs);
 TARVOPY_METHOD(model_getVarByName);
 TARVOPY_METHOD(model_getConstrByName);
+TARVOPY_METHOD(model_getQConstrByName);
 // coefficients.cpp
 TARVOPY_METHOD(model_setCoeff);
 TARVOPY_METHOD(model_getCoeff);

@@ -1,0 +1,132 @@
+#include "row_blocks.h"
+
+#include <cmath>
+
+namespace tarvopy::modelapi {
+
+// ---- linear rows
+
+Rows::Rows(PyObject *lhs, PyObject *rhs) {
+    if (matrix().rows_open(lhs, rhs, &block_) < 0)
+        throw PythonError{};
+}
+
+Rows::~Rows() {
+    matrix().rows_close(&block_);
+    if (store_ && !shared_.release)
+        TRVdroprows(store_);
+    if (shared_.release)
+        shared_.release(shared_.keeper);
+}
+
+void Rows::write(int64_t *ptr, int32_t *var, double *coef, double *constants) {
+    if (matrix().rows_write(&block_, ptr, var, coef, constants) < 0)
+        throw PythonError{};
+}
+
+Scratch<double> Rows::write_into(TRVmodel *store) {
+    Scratch<double> constants = scratch<double>(block_.nrows); // not zeroed, since every entry is written
+    int shared = check_status(matrix().rows_share(&block_, &shared_, constants.get()));
+    store_ = store;
+    if (shared)
+        return constants;
+    store_ = nullptr;
+    TRVrows rows;
+    succeed(store, TRVopenrows(store, block_.nrows, block_.nnz, &rows));
+    store_ = store;
+    write(rows.ptr, rows.var, rows.coef, constants.get());
+    return constants;
+}
+
+int32_t Rows::commit(const double *lower, int lowerstep, const double *upper, int upperstep, const TRVnames *names) {
+    TRVmodel *store = std::exchange(store_, nullptr); // a failed commit leaves nothing open
+    int32_t first;
+    if (shared_.release) {
+        TRVsharedrows shared = std::exchange(shared_, {}); // the store's from here on
+        succeed(store, TRVsharerows(store, block_.nrows, &shared, lower, lowerstep, upper, upperstep, names, &first));
+        return first;
+    }
+    succeed(store, TRVcommitrows(store, lower, lowerstep, upper, upperstep, names, &first));
+    return first;
+}
+
+// ---- quadratic rows
+
+QuadRows::QuadRows(PyObject *lhs, PyObject *rhs) {
+    if (matrix().quad_open(lhs, rhs, &block_) < 0)
+        throw PythonError{};
+}
+
+void QuadRows::write() {
+    ptr_ = scratch<int64_t>(block_.nrows);
+    qptr_ = scratch<int64_t>(block_.nrows);
+    var_ = scratch<int32_t>(block_.nnz);
+    coef_ = scratch<double>(block_.nnz);
+    var1_ = scratch<int32_t>(block_.nqnz);
+    var2_ = scratch<int32_t>(block_.nqnz);
+    qcoef_ = scratch<double>(block_.nqnz);
+    constants_ = scratch<double>(block_.nrows);
+    check_status(matrix().quad_write(&block_, ptr_.get(), var_.get(), coef_.get(), constants_.get(), qptr_.get(),
+                                     var1_.get(), var2_.get(), qcoef_.get()));
+}
+
+int32_t QuadRows::commit(TRVmodel *store, Sense sense, const TRVnames *names) const {
+    const TRVqrows rows{ptr_.get(), var_.get(), coef_.get(), qptr_.get(), var1_.get(), var2_.get(), qcoef_.get()};
+    const char letter = sense == Sense::Less ? '<' : sense == Sense::Greater ? '>' : '=';
+    int32_t first;
+    succeed(store, TRVaddqrows(store, block_.nrows, &rows, &letter, 0, constants_.get(), 1, names, &first));
+    return first;
+}
+
+void QuadRows::commit_objective(TRVmodel *store, int sense) const {
+    succeed(store, TRVsetqobjective(store, ptr_[1], var_.get(), coef_.get(), qptr_[1], var1_.get(), var2_.get(),
+                                    qcoef_.get(), constants_[0], sense));
+}
+
+// ---- bounds
+
+namespace {
+
+[[noreturn]] void bad_bound(bool scalar, int64_t row, const char *what) {
+    std::string place = scalar ? std::string("the row") : "row " + std::to_string(row) + " of the block";
+    refuse(TRV_ERROR_INVALID_ARGUMENT, (place + " " + what).c_str());
+}
+
+} // namespace
+
+void check_bound(bool scalar, int64_t row, double bound, bool minus_ok, bool plus_ok) {
+    if (std::isnan(bound))
+        bad_bound(scalar, row, "has NaN for its bound: a side is NaN, or both are infinite");
+    if (bound <= -TRV_INFINITY && !minus_ok)
+        bad_bound(scalar, row, "can never hold: its upper bound is minus infinity");
+    if (bound >= TRV_INFINITY && !plus_ok)
+        bad_bound(scalar, row, "can never hold: its lower bound is infinity");
+}
+
+bool to_bounds(bool scalar, int64_t nrows, double *constants, Sense sense) {
+    bool minus_ok = sense == Sense::Greater, plus_ok = sense == Sense::Less, free = false;
+    for (int64_t i = 0; i < nrows; ++i) {
+        double bound = 0.0 - constants[i]; // so that no bound becomes -0.0
+        if (!(std::fabs(bound) < TRV_INFINITY)) [[unlikely]] {
+            check_bound(scalar, i, bound, minus_ok, plus_ok);
+            free = true;
+        }
+        constants[i] = bound;
+    }
+    return free;
+}
+
+Ref constraint_handle(ModelObject *handle, TRVmodel *store, int kind, const Shape &shape, int32_t first, bool scalar) {
+    PyTypeObject *type = kind == TRV_QCONSTR ? matrix().MQConstr : matrix().MConstr;
+    PyObject *made =
+        scalar ? core().scalar(handle, kind, first) : matrix().mconstr(type, handle, first, shape.ndim, shape.dims);
+    if (made)
+        return Ref::steal(made);
+    std::vector<int32_t> ids(shape.size);
+    for (int64_t i = 0; i < shape.size; ++i)
+        ids[i] = first + static_cast<int32_t>(i);
+    TRVremove(store, kind, shape.size, ids.data());
+    throw PythonError{};
+}
+
+} // namespace tarvopy::modelapi

@@ -1,0 +1,86 @@
+// Blocks of rows on their way from an expression into the store.
+//
+//   Rows rows(lhs, rhs);                               lhs - rhs, broadcast: terms + constant for each row
+//   Scratch<double> bounds = rows.write_into(store);   the constants
+//   int32_t first = rows.commit(...);                  ids first, first + 1, ...
+//   QuadRows quad(lhs, rhs);                           the same where a side is quadratic: written beside the store,
+//   quad.write();  quad.commit(store, ...);            which copies once
+#pragma once
+
+#include "arguments.h"
+#include "sides.h"
+
+#include <memory>
+
+namespace tarvopy::modelapi {
+
+// Arrays on their way into the store, in memory that the next block of rows uses again; not cleared.
+struct Freed {
+    void operator()(void *memory) const { TRVfree(memory); }
+};
+template <class T> using Scratch = std::unique_ptr<T[], Freed>;
+
+// At least one entry, so that the pointer is one for zero rows too.
+template <class T> Scratch<T> scratch(int64_t n) {
+    auto *memory = static_cast<T *>(TRVmalloc(sizeof(T) * (static_cast<size_t>(n) + 1)));
+    if (!memory)
+        throw std::bad_alloc();
+    return Scratch<T>(memory);
+}
+
+class Rows {
+  public:
+    Rows(PyObject *lhs, PyObject *rhs);
+    Rows(const Rows &) = delete;
+    Rows &operator=(const Rows &) = delete;
+    ~Rows();
+    const RowBlock &block() const { return block_; }
+    Shape shape() const { return Shape(block_.ndim, block_.shape); }
+
+    void write(int64_t *ptr, int32_t *var, double *coef, double *constants);
+
+    // Writes the terms into a block of the store, which this object drops unless it is committed, or holds them ready
+    // for the store where they stand; returns the constants.
+    Scratch<double> write_into(TRVmodel *store);
+    int32_t commit(const double *lower, int lowerstep, const double *upper, int upperstep, const TRVnames *names);
+
+  private:
+    RowBlock block_{};
+    TRVsharedrows shared_{};
+    TRVmodel *store_ = nullptr;
+};
+
+class QuadRows {
+  public:
+    QuadRows(PyObject *lhs, PyObject *rhs);
+    QuadRows(const QuadRows &) = delete;
+    QuadRows &operator=(const QuadRows &) = delete;
+    ~QuadRows() { matrix().quad_close(&block_); }
+    const QuadBlock &block() const { return block_; }
+    Shape shape() const { return Shape(block_.ndim, block_.shape); }
+
+    void write();
+    // After write(): constants[i] belongs to row i, and may be turned into its right-hand side in place.
+    double *constants() const { return constants_.get(); }
+    int32_t commit(TRVmodel *store, Sense sense, const TRVnames *names) const;
+    void commit_objective(TRVmodel *store, int sense) const;
+
+  private:
+    QuadBlock block_{};
+    Scratch<int64_t> ptr_, qptr_;
+    Scratch<int32_t> var_, var1_, var2_;
+    Scratch<double> coef_, qcoef_, constants_;
+};
+
+// A bound that is NaN, or "none" on the wrong side, which can never hold: TarvoError (INVALID_ARGUMENT) that names the
+// row of the block.
+void check_bound(bool scalar, int64_t row, double bound, bool minus_ok, bool plus_ok);
+
+// The constants of a block become bounds in place. Returns whether some row has none.
+bool to_bounds(bool scalar, int64_t nrows, double *constants, Sense sense);
+
+// The handle of new rows: scalar ones give an element, others the matrix handle of their shape. Takes the rows back
+// where it cannot be made.
+Ref constraint_handle(ModelObject *handle, TRVmodel *store, int kind, const Shape &shape, int32_t first, bool scalar);
+
+} // namespace tarvopy::modelapi
