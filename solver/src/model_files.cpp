@@ -8,17 +8,31 @@
 namespace trv {
 namespace {
 
-bool is_mps(std::string_view path) {
-    if (ends_with_gz(path)) {
-        path.remove_suffix(3);
-    }
-    return path.size() > 4 && equal_ignoring_case(path.substr(path.size() - 4), ".mps");
-}
+struct Format {
+    std::string_view ending;
+    FileModel (*read)(const std::string &path);
+    void (*write)(TRVmodel *model, const std::string &path);
+};
 
-void want_mps(const char *path) {
-    if (!is_mps(path)) {
-        throw FileError{TRV_ERROR_UNSUPPORTED, joined("the ending of ", in_quotes(path), " is none of .mps, .mps.gz")};
+constexpr Format kFormats[] = {
+    {".mps", read_mps, write_mps},
+    {".qps", read_mps, write_mps},
+    {".sif", read_mps, write_mps},
+};
+
+const Format &format_of(std::string_view path) {
+    std::string_view name = path;
+    if (ends_with_gz(name)) {
+        name.remove_suffix(3);
     }
+    for (const Format &format : kFormats) {
+        const std::size_t length = format.ending.size();
+        if (name.size() > length && equal_ignoring_case(name.substr(name.size() - length), format.ending)) {
+            return format;
+        }
+    }
+    throw FileError{TRV_ERROR_UNSUPPORTED,
+                    joined("the ending of ", in_quotes(path), " is none of .mps, .qps, .sif, each also with .gz")};
 }
 
 void want_empty(TRVmodel *model) {
@@ -36,15 +50,12 @@ void want_empty(TRVmodel *model) {
 
 extern "C" int TRVreadmodel(TRVmodel *model, const char *path) {
     return trv::guarded(model, path, [&] {
-        trv::want_mps(path);
+        const trv::Format &format = trv::format_of(path);
         trv::want_empty(model);
-        trv::store_mps(model, trv::read_mps(path));
+        trv::store_model(model, format.read(path));
     });
 }
 
 extern "C" int TRVwritemodel(TRVmodel *model, const char *path) {
-    return trv::guarded(model, path, [&] {
-        trv::want_mps(path);
-        trv::write_mps(model, path);
-    });
+    return trv::guarded(model, path, [&] { trv::format_of(path).write(model, path); });
 }

@@ -19,10 +19,10 @@ const MpsParser::Section MpsParser::kSections[] = {
     {"RANGES", &MpsParser::begin_set, &MpsParser::range_line, "COLUMNS"},
     {"BOUNDS", &MpsParser::begin_set, &MpsParser::bound_line, "COLUMNS"},
     {"ENDATA", &MpsParser::finish, nullptr, "COLUMNS"},
-    {"QUADOBJ", &MpsParser::unsupported, nullptr, ""},
-    {"QMATRIX", &MpsParser::unsupported, nullptr, ""},
+    {"QUADOBJ", &MpsParser::begin_quadratic, &MpsParser::quadratic_line, "COLUMNS"},
+    {"QMATRIX", &MpsParser::begin_quadratic, &MpsParser::quadratic_line, "COLUMNS"},
+    {"QCMATRIX", &MpsParser::begin_quadratic_row, &MpsParser::quadratic_line, "COLUMNS", true},
     {"QSECTION", &MpsParser::unsupported, nullptr, ""},
-    {"QCMATRIX", &MpsParser::unsupported, nullptr, ""},
     {"CSECTION", &MpsParser::unsupported, nullptr, ""},
     {"SOS", &MpsParser::unsupported, nullptr, ""},
     {"SOS1", &MpsParser::unsupported, nullptr, ""},
@@ -84,14 +84,17 @@ void MpsParser::header(std::string_view line) {
 }
 
 void MpsParser::open(const Section &section, std::string_view rest) {
-    if (was_open(section.name)) {
+    if (was_open(section.name) && !section.repeats) {
         throw LineError{joined("a second section ", section.name)};
     }
+    close_quadratic();
     if (!section.after.empty() && !was_open(section.after)) {
         throw LineError{joined(section.name, " without ", section.after, " before it")};
     }
     section_ = &section;
-    opened_.push_back(&section);
+    if (!was_open(section.name)) {
+        opened_.push_back(&section);
+    }
     (this->*section.begin)(rest);
 }
 
@@ -114,7 +117,7 @@ void MpsParser::no_line(std::string_view line) {
 namespace {
 
 struct Attempt {
-    MpsModel model;
+    FileModel model;
     bool read = false, ambiguous = false;
     std::int64_t line = 0;
     LineError error;
@@ -141,7 +144,7 @@ Attempt attempt(const std::string &path, MpsForm form, bool watch_forms) {
 // Free form first: a file in fixed form whose names have no blanks means the same in it. Names with blanks break it (a
 // row of three words, a line of four fields), at their first line, and then the fixed columns are tried. If neither
 // form reads the file, the one that came further had the right idea, and its complaint is the one to hear.
-MpsModel read_mps(const std::string &path) {
+FileModel read_mps(const std::string &path) {
     Attempt free = attempt(path, MpsForm::free, true);
     if (free.read) {
         return std::move(free.model);

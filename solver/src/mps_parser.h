@@ -1,17 +1,18 @@
-// One reading of an MPS file in one of its two forms: lines in, MpsModel out.
+// One reading of an MPS file in one of its two forms: lines in, FileModel out.
 //
 //     MpsParser parser(path, MpsForm::free);
 //     parser.run();                     throws FileError, LineError (at parser.line()), AmbiguousForm
-//     MpsModel model = parser.take();
+//     FileModel model = parser.take();
 //
-// mps_parser.cpp drives lines and sections (the table of sections is there), mps_sections.cpp has what each section
-// does.
+// mps_parser.cpp drives lines and sections (the table of sections is there), mps_sections.cpp has what each linear
+// section does, mps_quadratic.cpp what the quadratic ones do.
 #ifndef TARVO_MPS_PARSER_H
 #define TARVO_MPS_PARSER_H
 
 #include "file_stream.h"
 #include "mps_fields.h"
 #include "mps_model.h"
+#include "pair_table.h"
 
 namespace trv {
 
@@ -24,7 +25,7 @@ class MpsParser {
         : lines_(path), form_(form), watch_forms_(watch_forms) {}
     void run();
     std::int64_t line() const { return lines_.number(); }
-    MpsModel take() { return std::move(model_); }
+    FileModel take() { return std::move(model_); }
 
   private:
     struct Section {
@@ -32,6 +33,7 @@ class MpsParser {
         void (MpsParser::*begin)(std::string_view rest);
         void (MpsParser::*line)(std::string_view line);
         std::string_view after; // the section that must have come before
+        bool repeats = false;
     };
     static const Section kSections[];
     static const Section *find_section(std::string_view word);
@@ -47,6 +49,8 @@ class MpsParser {
     void begin_objective(std::string_view rest);
     void begin_columns(std::string_view rest);
     void begin_set(std::string_view rest);
+    void begin_quadratic(std::string_view rest);
+    void begin_quadratic_row(std::string_view rest);
     void unsupported(std::string_view rest);
     void finish(std::string_view rest);
 
@@ -59,6 +63,7 @@ class MpsParser {
     void rhs_line(std::string_view line);
     void range_line(std::string_view line);
     void bound_line(std::string_view line);
+    void quadratic_line(std::string_view line);
 
     void choose_objective();
     void marker(std::string_view word);
@@ -72,13 +77,19 @@ class MpsParser {
     void apply_bound(const BoundType &type, std::int32_t column, double value);
     void set_side(std::vector<double> &side, unsigned char bit, std::int32_t column, double value);
     void set_type(std::int32_t column, char vtype);
+    enum class QuadForm { triangle, half_square, square }; // QUADOBJ, QMATRIX, QCMATRIX
+    void open_quadratic(QuadTerms &terms, QuadForm form);
+    std::int32_t quadratic_column(std::string_view name) const;
+    void add_quadratic(std::int32_t one, std::int32_t other, double value);
+    std::string quadratic_pair(std::int32_t one, std::int32_t other) const;
+    void close_quadratic();
     void close_rows();
     void close_columns();
 
     LineReader lines_;
     MpsForm form_;
     bool watch_forms_;
-    MpsModel model_;
+    FileModel model_;
 
     const Section *section_ = nullptr;
     std::vector<const Section *> opened_;
@@ -93,6 +104,14 @@ class MpsParser {
     std::vector<MpsRange> range_;      // of each row once there is one; NaN: none
     std::string set_;                  // the first set that the section names
     std::vector<unsigned char> given_; // of each column: bits of what BOUNDS and the markers said
+
+    QuadTerms *quad_ = nullptr; // the quadratic section's terms, which begin at quad_first_
+    QuadForm quad_form_ = QuadForm::triangle;
+    std::string_view quad_section_;
+    std::size_t quad_first_ = 0;
+    PairTable pairs_;
+    std::vector<char> half_;
+    std::vector<char> is_quadratic_; // of each row, once there is a QCMATRIX
 };
 
 } // namespace trv

@@ -191,7 +191,7 @@ void MpsParser::enter_column(std::string_view name) {
     model_.lb.push_back(0);
     model_.ub.push_back(kInfinity);
     model_.vtype.push_back(integer_block_ ? 'I' : 'C');
-    model_.start.push_back(static_cast<std::int64_t>(model_.entry_row.size()));
+    model_.start.push_back(static_cast<std::int64_t>(model_.entry.size()));
     given_.push_back(integer_block_ ? kMarked : 0);
 }
 
@@ -208,7 +208,7 @@ void MpsParser::add_entry(MpsPair pair) {
     if (row == model_.objective) {
         model_.cost.back() = value;
     } else if (value != 0) {
-        model_.entry_row.push_back(row);
+        model_.entry.push_back(row);
         model_.entry_value.push_back(value);
     }
 }
@@ -271,6 +271,10 @@ void MpsParser::close_rows() {
     }
     for (std::size_t i = 0; i < rhs_.size(); ++i) {
         const bool ranged = !range_.empty() && !std::isnan(range_[i].value);
+        if (ranged && !is_quadratic_.empty() && is_quadratic_[i]) {
+            throw LineError{joined("the row ", shown(model_.rows[static_cast<std::int32_t>(i)]),
+                                   " has quadratic terms and a range: a quadratic row has one side")};
+        }
         const Sides sides =
             ranged ? mps_sides(model_.row_type[i], rhs_[i], range_[i]) : mps_sides(model_.row_type[i], rhs_[i]);
         if (side(sides.lower) == kInfinity || side(sides.upper) == -kInfinity) {

@@ -141,9 +141,6 @@ OTHERWISE = {
 PAIRS = "(column, row, number, row, number)"
 SEMI = "semi-integer columns are not supported"
 UNSUPPORTED_SECTIONS = [
-    "QUADOBJ",
-    "QMATRIX",
-    "QCMATRIX c",
     "SOS",
     "SOS1",
     "SOS2",

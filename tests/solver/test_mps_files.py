@@ -111,7 +111,7 @@ def fixed_with(old, new):
             "'RHS 1     LIM 1                    MY EQN    7'",
         ),
         (" E  MY EQN", " E        MY EQN", 5, "'E' at column 14 stands outside of the fixed fields: 'E        MY EQN'"),
-        ("ENDATA", "QUADOBJ", 19, "section QUADOBJ is not supported yet"),
+        ("ENDATA", "QSECTION", 19, "section QSECTION is not supported yet"),
     ],
 )
 def test_damaged_fixed_form(old, new, line, said):
@@ -170,7 +170,7 @@ def test_a_damaged_file_changes_nothing(tmp_path):
     [
         ("none.mps", FILE, "cannot open '{}': No such file or directory"),
         ("folder.mps", FILE, "cannot read '{}': Is a directory"),
-        ("m.xyz", UNSUPPORTED, "the ending of '{}' is none of .mps, .mps.gz"),
+        ("m.xyz", UNSUPPORTED, "the ending of '{}' is none of .mps, .qps, .sif, each also with .gz"),
         (".mps", UNSUPPORTED, None),
     ],
 )
