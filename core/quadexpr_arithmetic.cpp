@@ -187,11 +187,11 @@ Ref copy(const QuadExprObject *self) {
 
 namespace {
 
-// n * m, or MemoryError beyond what lists can count.
+// A slip (the sum of everything squared) would otherwise fill the memory before anybody can stop it.
 Py_ssize_t product_size(Py_ssize_t n, Py_ssize_t m) {
     Py_ssize_t size;
-    if (__builtin_mul_overflow(n, m, &size))
-        throw std::bad_alloc();
+    if (__builtin_mul_overflow(n, m, &size) || size > INT32_MAX)
+        fail(PyExc_ValueError, "a product of %zd by %zd terms is too large", n, m);
     return size;
 }
 

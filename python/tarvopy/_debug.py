@@ -4,7 +4,7 @@ from tarvopy import _core
 
 
 def counts() -> dict[str, int]:
-    """How many ``Var``, ``Constr`` and ``LinExpr`` objects are alive in this process."""
+    """How many ``Var``, ``Constr``, ``LinExpr`` and ``QuadExpr`` objects are alive in this process."""
     return _core._counts()
 
 
