@@ -69,6 +69,14 @@ def _doubles(values) -> np.ndarray:
     return np.ascontiguousarray(values, dtype=np.float64)
 
 
+def _taken(out) -> list:
+    """The objects of an array of new references, which ctypes knows nothing of."""
+    result = list(out)
+    for item in result:
+        ctypes.pythonapi.Py_DecRef(py_object(item))
+    return result
+
+
 class NativeModel:
     """A model handle filled through the store's C functions, without the package's face."""
 
@@ -140,7 +148,15 @@ class NativeModel:
         api.linexprs(
             self.handle, n, ptr.ctypes.data, ids.ctypes.data, pointers[0], scale, pointers[1], ctypes.addressof(out)
         )
-        result = list(out)
-        for item in result:  # the array held new references, which ctypes knows nothing of
-            ctypes.pythonapi.Py_DecRef(py_object(item))
-        return result
+        return _taken(out)
+
+    def quadexprs(self, ptr, ids1, ids2, coef=None, scale: float = 1.0) -> list:
+        """One QuadExpr a row of the arrays."""
+        ptr, ids1, ids2 = np.asarray(ptr, np.int64), np.asarray(ids1, np.int32), np.asarray(ids2, np.int32)
+        ids1, ids2 = np.ascontiguousarray(ids1), np.ascontiguousarray(ids2)
+        coef = None if coef is None else _doubles(coef)
+        pointers = [None if a is None else a.ctypes.data for a in (ptr, ids1, ids2, coef)]
+        n = len(ptr) - 1
+        out = (py_object * n)()
+        api.quadexprs(self.handle, n, *pointers, scale, ctypes.addressof(out))
+        return _taken(out)

@@ -11,6 +11,7 @@ MODULES = sorted(path.stem for path in PACKAGE.glob("*.pyi"))
 # Attributes that a handle looks up in the model store, not in its class.
 STORED = {"LB", "UB", "Obj", "VType", "VarName", "Start", "X", "RC"}
 STORED |= {"RHS", "Sense", "Lower", "Upper", "ConstrName", "Pi", "Slack"}
+STORED |= {"QRHS", "QSense", "QName", "QPi", "QSlack"}
 
 
 def public(names):
@@ -48,7 +49,7 @@ def test_stub_names_what_the_module_has(name):
 @pytest.mark.parametrize("name", ["_core", "_matrixapi"])
 def test_stub_names_the_members_of_each_class(name):
     module = importlib.import_module(f"tarvopy.{name}")
-    finished = {"Var", "LinExpr", "Constr", "TempConstr", "MVar", "MLinExpr", "MConstr"}
+    finished = {"Var", "LinExpr", "QuadExpr", "Constr", "QConstr", "TempConstr", "MVar", "MLinExpr", "MConstr"}
     for kind, names in classes(ast.parse((PACKAGE / f"{name}.pyi").read_text())).items():
         if kind in finished:
             assert public(names) - STORED == public(dir(getattr(module, kind))) - STORED, kind
