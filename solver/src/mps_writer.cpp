@@ -4,15 +4,13 @@
 // may run on to the right of its twelve columns (readers take the rest of the line), and every double is written
 // exactly.
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <limits>
-#include <memory>
 
 #include "file_stream.h"
-#include "model_names.h"
 #include "mps_sides.h"
 #include "text_scan.h"
+#include "written_model.h"
 
 namespace trv {
 namespace {
@@ -24,31 +22,20 @@ constexpr std::size_t kFixedName = 8;
     throw FileError{TRV_ERROR_UNSUPPORTED, "MPS: " + what};
 }
 
-struct Matrix : TRVmatrix {
-    explicit Matrix(TRVmodel *model) : TRVmatrix{} { check(model, TRVgetmatrix(model, 1, this)); }
-    ~Matrix() { TRVfreematrix(this); }
-    Matrix(const Matrix &) = delete;
-    Matrix &operator=(const Matrix &) = delete;
-};
-
-// -0.0 is not nothing: it is written, and comes back.
-bool is_default(double value) {
-    return value == 0 && !std::signbit(value);
-}
-
 class MpsWriter {
   public:
     explicit MpsWriter(TRVmodel *model)
-        : data_(data_of(model)), columns_(model, TRV_VAR, data_.nvars), rows_(model, TRV_CONSTR, data_.nrows),
-          matrix_(model) {
-        const char *name;
-        check(model, TRVgetstrattr(model, "ModelName", &name));
-        name_ = name;
+        : model_(model, 1), data_(model_.data), columns_(model_.columns), rows_(model_.rows), qrows_(model_.qrows),
+          matrix_(model_.matrix), qmatrix_(model_.qmatrix) {
         check_model_name();
+        model_.refuse_doubled("MPS: ");
         check_names(columns_, "variable");
         check_names(rows_, "row");
+        check_names(qrows_, "row");
         choose_objective_name();
         make_row_forms();
+        check_quadratic_rows();
+        transpose_quadratic_rows();
     }
 
     void write(const std::string &path) {
@@ -59,28 +46,22 @@ class MpsWriter {
         put_columns();
         put_sides();
         put_bounds();
+        put_quadratic_objective();
+        put_quadratic_rows();
         file.put("ENDATA\n");
         file.commit();
     }
 
   private:
-    static TRVdata data_of(TRVmodel *model) {
-        TRVdata data;
-        check(model, TRVupdatemodel(model));
-        check(model, TRVgetdata(model, &data));
-        return data;
-    }
-
     // ---- what fits
 
     void check_model_name() const {
-        if (has_control(name_) || trimmed(name_).size() != name_.size()) {
-            refuse("the model's name " + shown(name_) + " has control characters, or blanks at an end");
+        if (has_control(model_.name) || trimmed(model_.name).size() != model_.name.size()) {
+            refuse("the model's name " + shown(model_.name) + " has control characters, or blanks at an end");
         }
     }
 
-    void check_names(ModelNames &names, const std::string &kind) {
-        names.refuse_doubled("MPS: ", kind);
+    void check_names(const ModelNames &names, const std::string &kind) {
         for (std::int32_t i = 0; i < names.size(); ++i) {
             const std::string_view name = names[i];
             if (name.empty()) {
@@ -109,10 +90,7 @@ class MpsWriter {
             refuse(joined("the name ", shown(with_blanks_), " has blanks, which only the fixed form can say, and ",
                           shown(longest_), " has more than its 8 bytes"));
         }
-        objective_ = "OBJ";
-        for (int i = 1; rows_.find(objective_) >= 0; ++i) {
-            objective_ = "OBJ" + std::to_string(i);
-        }
+        objective_ = model_.objective_name("OBJ");
     }
 
     void make_row_forms() {
@@ -123,6 +101,42 @@ class MpsWriter {
                 char lower[kNumberSize], upper[kNumberSize];
                 refuse(joined("the row ", shown(rows_[i]), " has its lower side ", number_text(sides.lower, lower),
                               " above its upper side ", number_text(sides.upper, upper)));
+            }
+        }
+    }
+
+    void check_quadratic_rows() const {
+        for (std::int32_t i = 0; i < data_.nqrows; ++i) {
+            const double rhs = data_.qrhs[i];
+            if (std::isinf(rhs) && (data_.qsense[i] == '=' || (data_.qsense[i] == '<') != (rhs > 0))) {
+                refuse(joined("the quadratic row ", shown(qrows_[i]), " has an infinite right-hand side"));
+            }
+            for (std::int32_t k = qmatrix_.qstart[i]; k < qmatrix_.qstart[i + 1]; ++k) {
+                const double value = qmatrix_.qvalue[k];
+                if (qmatrix_.qvar1[k] != qmatrix_.qvar2[k] && value / 2 * 2 != value) {
+                    char buffer[kNumberSize];
+                    refuse(joined("the quadratic row ", shown(qrows_[i]), " has the coefficient ",
+                                  number_text(value, buffer), ", which has no half"));
+                }
+            }
+        }
+    }
+
+    // The linear terms of quadratic rows stand with the columns, too.
+    void transpose_quadratic_rows() {
+        by_column_.resize(static_cast<std::size_t>(data_.nvars) + 1);
+        entries_.resize(static_cast<std::size_t>(qmatrix_.nnz));
+        for (std::int64_t k = 0; k < qmatrix_.nnz; ++k) {
+            ++by_column_[static_cast<std::size_t>(qmatrix_.index[k]) + 1];
+        }
+        for (std::size_t j = 1; j < by_column_.size(); ++j) {
+            by_column_[j] += by_column_[j - 1];
+        }
+        std::vector<std::int64_t> next(by_column_.begin(), by_column_.end() - 1);
+        for (std::int32_t i = 0; i < data_.nqrows; ++i) {
+            for (std::int32_t k = qmatrix_.start[i]; k < qmatrix_.start[i + 1]; ++k) {
+                entries_[static_cast<std::size_t>(next[static_cast<std::size_t>(qmatrix_.index[k])]++)] = {
+                    i, qmatrix_.value[k]};
             }
         }
     }
@@ -166,9 +180,9 @@ class MpsWriter {
 
     void put_head() {
         file_->put("NAME");
-        if (!name_.empty()) {
+        if (!model_.name.empty()) {
             file_->put("          ");
-            file_->put(name_);
+            file_->put(model_.name);
         }
         file_->put(data_.sense == TRV_MAXIMIZE ? "\nOBJSENSE\n    MAX\n" : "\n");
     }
@@ -178,6 +192,10 @@ class MpsWriter {
         put_line("N", objective_, {}, std::string_view());
         for (std::int32_t i = 0; i < data_.nrows; ++i) {
             put_line({&forms_[static_cast<std::size_t>(i)].type, 1}, rows_[i], {}, std::string_view());
+        }
+        for (std::int32_t i = 0; i < data_.nqrows; ++i) {
+            const char sense = data_.qsense[i];
+            put_line(sense == '<' ? "L" : sense == '>' ? "G" : "E", qrows_[i], {}, std::string_view());
         }
     }
 
@@ -196,11 +214,17 @@ class MpsWriter {
                 integer_block = integer;
             }
             const std::int32_t begin = matrix_.start[j], end = matrix_.start[j + 1];
-            if (!is_default(data_.obj[j]) || begin == end) { // a column without entries must stand somewhere
+            const auto qbegin = static_cast<std::size_t>(by_column_[static_cast<std::size_t>(j)]),
+                       qend = static_cast<std::size_t>(by_column_[static_cast<std::size_t>(j) + 1]);
+            // A column without entries must stand somewhere.
+            if (!is_default(data_.obj[j]) || (begin == end && qbegin == qend)) {
                 put_line({}, columns_[j], objective_, data_.obj[j]);
             }
             for (std::int32_t k = begin; k < end; ++k) {
                 put_line({}, columns_[j], rows_[matrix_.index[k]], matrix_.value[k]);
+            }
+            for (std::size_t k = qbegin; k < qend; ++k) {
+                put_line({}, columns_[j], qrows_[entries_[k].row], entries_[k].value);
             }
         }
         if (integer_block) {
@@ -217,6 +241,11 @@ class MpsWriter {
             const MpsRowForm &form = forms_[static_cast<std::size_t>(i)];
             if (!is_default(form.rhs)) {
                 put_line({}, "RHS", rows_[i], form.rhs);
+            }
+        }
+        for (std::int32_t i = 0; i < data_.nqrows; ++i) {
+            if (!is_default(data_.qrhs[i])) {
+                put_line({}, "RHS", qrows_[i], data_.qrhs[i]);
             }
         }
         bool any = false;
@@ -288,10 +317,47 @@ class MpsWriter {
         }
     }
 
-    TRVdata data_;
-    ModelNames columns_, rows_;
-    Matrix matrix_;
-    std::string name_, objective_;
+    // One triangle of Q in x'Qx / 2, so a square's entry is twice its coefficient.
+    void put_quadratic_objective() {
+        const QuadTerms &q = model_.qobjective;
+        file_->put(q.size() > 0 ? "QUADOBJ\n" : "");
+        for (std::size_t k = 0; k < q.size(); ++k) {
+            const double factor = q.first[k] == q.second[k] ? 2 : 1;
+            put_line({}, columns_[q.first[k]], columns_[q.second[k]], factor * q.value[k]);
+        }
+    }
+
+    // All of Q in x'Qx, so each product has its coefficient in two halves.
+    void put_quadratic_rows() {
+        for (std::int32_t i = 0; i < data_.nqrows; ++i) {
+            file_->put("QCMATRIX   ");
+            file_->put(qrows_[i]);
+            file_->put("\n");
+            for (std::int32_t k = qmatrix_.qstart[i]; k < qmatrix_.qstart[i + 1]; ++k) {
+                const std::int32_t first = qmatrix_.qvar1[k], second = qmatrix_.qvar2[k];
+                if (first == second) {
+                    put_line({}, columns_[first], columns_[first], qmatrix_.qvalue[k]);
+                } else {
+                    put_line({}, columns_[first], columns_[second], qmatrix_.qvalue[k] / 2);
+                    put_line({}, columns_[second], columns_[first], qmatrix_.qvalue[k] / 2);
+                }
+            }
+        }
+    }
+
+    struct Entry {
+        std::int32_t row;
+        double value;
+    };
+
+    WrittenModel model_;
+    const TRVdata &data_;
+    const ModelNames &columns_, &rows_, &qrows_;
+    const TRVmatrix &matrix_;
+    const TRVqmatrix &qmatrix_;
+    std::string objective_;
+    std::vector<std::int64_t> by_column_; // of each column: its first linear term in quadratic rows
+    std::vector<Entry> entries_;
     std::string_view with_blanks_, longest_; // the first name with blanks, empty if there is none; the longest name
     std::vector<MpsRowForm> forms_;
     FileWriter *file_ = nullptr;
