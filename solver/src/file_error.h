@@ -24,6 +24,7 @@ struct FileError {
 struct LineError {
     std::string text;
     int code = TRV_ERROR_SYNTAX;
+    std::int64_t line = 0; // where it is not the line in hand
 };
 
 template <typename... Pieces> std::string joined(const Pieces &...pieces) {

@@ -2,6 +2,7 @@
 #include "model_files.h"
 
 #include "file_stream.h"
+#include "lp_model.h"
 #include "mps_model.h"
 #include "text_scan.h"
 
@@ -18,6 +19,7 @@ constexpr Format kFormats[] = {
     {".mps", read_mps, write_mps},
     {".qps", read_mps, write_mps},
     {".sif", read_mps, write_mps},
+    {".lp", read_lp, write_lp},
 };
 
 const Format &format_of(std::string_view path) {
@@ -32,7 +34,7 @@ const Format &format_of(std::string_view path) {
         }
     }
     throw FileError{TRV_ERROR_UNSUPPORTED,
-                    joined("the ending of ", in_quotes(path), " is none of .mps, .qps, .sif, each also with .gz")};
+                    joined("the ending of ", in_quotes(path), " is none of .mps, .qps, .sif, .lp, each also with .gz")};
 }
 
 void want_empty(TRVmodel *model) {

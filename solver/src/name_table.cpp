@@ -49,21 +49,37 @@ std::int32_t NameTable::find(std::string_view name) const {
 
 std::int32_t NameTable::add(std::string_view name) {
     const std::uint32_t hash = hashed(name);
-    const std::size_t i = place(name, hash);
-    if (slots_[i].name >= 0) {
-        return -1;
-    }
+    Slot &slot = slots_[place(name, hash)];
+    return slot.name >= 0 ? -1 : append(name, slot, hash);
+}
+
+std::int32_t NameTable::find_or_add(std::string_view name) {
+    const std::uint32_t hash = hashed(name);
+    Slot &slot = slots_[place(name, hash)];
+    return slot.name >= 0 ? slot.name : append(name, slot, hash);
+}
+
+void NameTable::add_unnamed() {
+    check_room();
+    offset_.push_back(static_cast<std::int64_t>(text_.size()));
+}
+
+std::int32_t NameTable::append(std::string_view name, Slot &slot, std::uint32_t hash) {
+    check_room();
     const std::int32_t number = size();
-    if (number == std::numeric_limits<std::int32_t>::max() - 1) {
-        throw FileError{TRV_ERROR_SIZE_LIMIT, "more than 2^31 names of one kind"};
-    }
     text_.append(name);
     offset_.push_back(static_cast<std::int64_t>(text_.size()));
-    slots_[i] = {hash, number};
+    slot = {hash, number};
     if (static_cast<std::size_t>(number) * 2 >= slots_.size()) {
         grow();
     }
     return number;
+}
+
+void NameTable::check_room() const {
+    if (size() == std::numeric_limits<std::int32_t>::max() - 1) {
+        throw FileError{TRV_ERROR_SIZE_LIMIT, "more than 2^31 names of one kind"};
+    }
 }
 
 void NameTable::grow() {
@@ -79,16 +95,6 @@ void NameTable::grow() {
             slots_[i] = slot;
         }
     }
-}
-
-void NameTable::erase(std::int32_t i) {
-    const std::int64_t length = offset_[i + 1] - offset_[i];
-    text_.erase(static_cast<std::size_t>(offset_[i]), static_cast<std::size_t>(length));
-    offset_.erase(offset_.begin() + i);
-    for (auto at = offset_.begin() + i; at != offset_.end(); ++at) {
-        *at -= length;
-    }
-    slots_.clear();
 }
 
 TRVnames NameTable::list() const {

@@ -25,8 +25,10 @@ class NameTable {
     std::int32_t find(std::string_view name) const;
     // Throws FileError (TRV_ERROR_SIZE_LIMIT) when 32-bit numbers run out.
     std::int32_t add(std::string_view name);
-    // Takes one name out and moves the later ones up. find() must not be asked afterwards.
-    void erase(std::int32_t i);
+    // The number of the name, which is added if it is not there.
+    std::int32_t find_or_add(std::string_view name);
+    // One more number, without a name.
+    void add_unnamed();
     TRVnames list() const;
 
   private:
@@ -35,6 +37,8 @@ class NameTable {
         std::int32_t name;  // -1: free
     };
     std::size_t place(std::string_view name, std::uint32_t hash) const;
+    std::int32_t append(std::string_view name, Slot &slot, std::uint32_t hash);
+    void check_room() const;
     void grow();
 
     std::string text_;
