@@ -208,8 +208,8 @@ bool LpLexer::scan_section() {
         const bool two_words = keyword.text.find(' ') != std::string_view::npos;
         const bool objective = keyword.section == LpSection::minimize || keyword.section == LpSection::maximize;
         const bool awaited = (objective && last_section_ == LpSection::none) ||
-                             (keyword.section == LpSection::rows && (last_section_ == LpSection::minimize ||
-                                                                     last_section_ == LpSection::maximize));
+                             (keyword.section == LpSection::rows &&
+                              (last_section_ == LpSection::minimize || last_section_ == LpSection::maximize));
         if (c == ':' || (class_of(c) == kOperator && c != '\\' && !two_words && !awaited)) {
             return false;
         }

@@ -233,7 +233,9 @@ void LpParser::row() {
 
 LpParser::Sides LpParser::sides_of(LpKind op, double value) {
     return {op == LpKind::less ? -kInfinity : value, op == LpKind::greater ? kInfinity : value,
-            op == LpKind::less ? 'L' : op == LpKind::greater ? 'G' : 'E'};
+            op == LpKind::less      ? 'L'
+            : op == LpKind::greater ? 'G'
+                                    : 'E'};
 }
 
 // What follows "-5 <=": the expression, and another number if there are two sides.
