@@ -170,7 +170,7 @@ def test_a_damaged_file_changes_nothing(tmp_path):
     [
         ("none.mps", FILE, "cannot open '{}': No such file or directory"),
         ("folder.mps", FILE, "cannot read '{}': Is a directory"),
-        ("m.xyz", UNSUPPORTED, "the ending of '{}' is none of .mps, .qps, .sif, each also with .gz"),
+        ("m.xyz", UNSUPPORTED, "the ending of '{}' is none of .mps, .qps, .sif, .lp, each also with .gz"),
         (".mps", UNSUPPORTED, None),
     ],
 )
