@@ -8,6 +8,22 @@
 
 using namespace store;
 
+namespace {
+
+void readquadratic(TRVmodel &model, TRVdata &d) {
+    model.purge();
+    const QRows &qrows = model.qrows;
+    d.nqobj = model.qobjective.count(model.columns);
+    d.nqrows = qrows.ids.committed();
+    d.nqlinear = qrows.linearrows();
+    d.nqterms = qrows.quadraticterms();
+    d.nqlinterms = qrows.linearterms();
+    d.qsense = qrows.sense.data();
+    d.qrhs = qrows.rhs.data();
+}
+
+} // namespace
+
 int TRVgetdata(TRVmodel *model, TRVdata *data) {
     return border(model, [&] {
         requirepointer("data", data, 1);
@@ -27,6 +43,7 @@ int TRVgetdata(TRVmodel *model, TRVdata *data) {
         d.sense = model->sense;
         d.nintegral = columns.integral();
         d.start = model->solution.start(columns);
+        readquadratic(*model, d);
         *data = d;
         blocks::trim(); // the engine's own copy comes next, and wants the memory
     });
@@ -43,6 +60,7 @@ int TRVpin(TRVmodel *model, TRVpinned **pin) {
         auto made = std::make_unique<TRVpinned>(TRVpinned{yard});
         model->columns.guard(yard);
         model->rows.guard(yard);
+        model->qrows.guard(yard);
         model->solution.guard(yard);
         yard->pin();
         *pin = made.release();
@@ -92,21 +110,24 @@ void TRVclearchanges(TRVmodel *model) {
         model->changes.clear();
 }
 
-int TRVopensolution(TRVmodel *model, double **x, double **rc, double **pi, double **) {
+int TRVopensolution(TRVmodel *model, double **x, double **rc, double **pi, double **qpi) {
     return border(model, [&] {
         Solution &solution = model->solution;
         requirepointer("x, rc, pi", x && rc && pi ? x : nullptr, 1);
-        solution.open(model->columns.ids.committed(), model->rows.ids.committed());
+        solution.open(model->columns.ids.committed(), model->rows.ids.committed(), model->qrows.ids.committed());
         *x = solution.openx().data();
         *rc = solution.openrc().data();
         *pi = solution.openpi().data();
+        if (qpi)
+            *qpi = solution.openqpi().data();
     });
 }
 
 int TRVcommitsolution(TRVmodel *model, const TRVresult *result) {
     return border(model, [&] {
         requirepointer("result", result, 1);
-        model->solution.commit(*result, model->columns.ids.committed(), model->rows.ids.committed());
+        model->solution.commit(*result, model->columns.ids.committed(), model->rows.ids.committed(),
+                               model->qrows.ids.committed());
     });
 }
 
@@ -122,9 +143,11 @@ int TRVevalobjective(TRVmodel *model, const double *x, double *value) {
         const int32_t n = model->columns.ids.committed();
         requirepointer("x", x, n);
         requirepointer("value", value, 1);
+        model->purge();
         double sum = model->objconstant;
         for (int32_t i = 0; i < n; i++)
             sum += model->columns.obj[i] * x[i];
+        model->qobjective.each(model->columns, [&](int32_t i, int32_t j, double coef) { sum += coef * x[i] * x[j]; });
         *value = sum;
     });
 }

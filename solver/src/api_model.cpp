@@ -14,7 +14,7 @@ int intof(TRVmodel &model, Attr attr) {
     case Attr::NumConstrs:
         return model.rows.ids.committed();
     case Attr::NumQConstrs:
-        return model.qconstrs.committed();
+        return model.qrows.ids.committed();
     case Attr::NumGenConstrs:
         return model.genconstrs.committed();
     case Attr::NumNLConstrs:

@@ -1,35 +1,83 @@
 // api_quadratic.cpp: the functions of tarvo.h for quadratic rows and objectives.
 #include "border.h"
+#include "qmatrix.h"
 
 using namespace store;
 
-namespace {
-int later(TRVmodel *model) {
-    return border(model, [] { failf(TRV_ERROR_UNSUPPORTED, "quadratic terms are not supported yet"); });
+int TRVsetqobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, int64_t nq,
+                     const int32_t *var1, const int32_t *var2, const double *qcoef, double constant, int sense) {
+    return border(model, [&] {
+        requirecount("terms", n);
+        requirepointer("variables of terms", var, n);
+        requirepointer("coefficients", coef, n);
+        requirecount("quadratic terms", nq);
+        requirepointer("first variables of quadratic terms", var1, nq);
+        requirepointer("second variables of quadratic terms", var2, nq);
+        requirepointer("coefficients of quadratic terms", qcoef, nq);
+        QuadTerms quadratic = sortedpairs(model->columns.ids, nq, var1, var2, qcoef);
+        model->setobjective(n, var, coef, std::move(quadratic), constant, sense);
+    });
 }
-} // namespace
 
-int TRVsetqobjective(TRVmodel *m, int64_t, const int32_t *, const double *, int64_t, const int32_t *, const int32_t *,
-                     const double *, double, int) {
-    return later(m);
+int TRVaddqrows(TRVmodel *model, int64_t nrows, const TRVqrows *rows, const char *sense, int sensestep,
+                const double *rhs, int rhsstep, const TRVnames *names, int32_t *firstid) {
+    return border(model, [&] {
+        requirecount("quadratic rows", nrows);
+        requirepointer("rows", rows, 1);
+        requirepointer("QSense", sense, nrows);
+        requirepointer("QRHS", rhs, nrows);
+        const int32_t first = model->qrows.add(model->columns, nrows, *rows, sense, sensestep, rhs, rhsstep, names);
+        if (firstid)
+            *firstid = first;
+    });
 }
-int TRVaddqrows(TRVmodel *m, int64_t, const TRVqrows *, const char *, int, const double *, int, const TRVnames *,
-                int32_t *) {
-    return later(m);
+
+int TRVgetqrow(TRVmodel *model, int32_t qrow, TRVqrows *row) {
+    return border(model, [&] {
+        requirepointer("row", row, 1);
+        const int32_t slot = model->qrows.ids.require(qrow, "quadratic row");
+        model->purge();
+        *row = model->qrows.view(slot);
+    });
 }
-int TRVgetqrow(TRVmodel *m, int32_t, TRVqrows *) {
-    return later(m);
+
+int TRVgetqobjective(TRVmodel *model, int64_t *nq, const int32_t **var1, const int32_t **var2, const double **qcoef) {
+    return border(model, [&] {
+        requirepointer("nq, var1, var2, qcoef", nq && var1 && var2 && qcoef ? nq : nullptr, 1);
+        model->purge();
+        const QuadTerms &terms = model->qobjective.terms();
+        *nq = terms.size();
+        *var1 = terms.var1.data();
+        *var2 = terms.var2.data();
+        *qcoef = terms.coef.data();
+    });
 }
-int TRVgetqobjective(TRVmodel *m, int64_t *, const int32_t **, const int32_t **, const double **) {
-    return later(m);
+
+int TRVgetqmatrix(TRVmodel *model, TRVqmatrix *matrix) {
+    return border(model, [&] {
+        requirepointer("matrix", matrix, 1);
+        *matrix = quadraticrows(*model);
+    });
 }
-int TRVgetqmatrix(TRVmodel *m, TRVqmatrix *) {
-    return later(m);
+
+void TRVfreeqmatrix(TRVqmatrix *matrix) {
+    if (!matrix)
+        return;
+    for (int32_t *array : {matrix->start, matrix->index, matrix->qstart, matrix->qvar1, matrix->qvar2})
+        blocks::give(array);
+    blocks::give(matrix->value);
+    blocks::give(matrix->qvalue);
+    blocks::trim();
+    *matrix = TRVqmatrix{};
 }
-void TRVfreeqmatrix(TRVqmatrix *) {}
-int TRVgethessian(TRVmodel *m, TRVmatrix *) {
-    return later(m);
+
+int TRVgethessian(TRVmodel *model, TRVmatrix *upper) {
+    return border(model, [&] {
+        requirepointer("upper", upper, 1);
+        *upper = hessian(*model);
+    });
 }
-int TRVoffenders(TRVmodel *m, int, int, int, TRVoffender *, int *) {
-    return later(m);
+
+int TRVoffenders(TRVmodel *model, int, int, int, TRVoffender *, int *) {
+    return border(model, [] { failf(TRV_ERROR_UNSUPPORTED, "offenders are not listed yet"); });
 }

@@ -57,6 +57,7 @@ TRVchanges Changes::list() {
     c.structure = structure_;
     c.objconstant = objconstant_;
     c.sense = sense_;
+    c.quadratic = quadratic_;
     c.nbounds = lists_[kBounds].size();
     c.ncosts = lists_[kCosts].size();
     c.nsides = lists_[kSides].size();
@@ -78,7 +79,7 @@ void Changes::forget() noexcept {
     pairrows_.free();
     paircolumns_.free();
     merged_ = 0;
-    objconstant_ = sense_ = false;
+    objconstant_ = sense_ = quadratic_ = false;
 }
 
 void Changes::loadanew() noexcept {

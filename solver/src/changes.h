@@ -23,6 +23,7 @@ class Changes {
     void limitcoefficients(int64_t nonzeros);
     void objconstant() { objconstant_ = true; }
     void sense() { sense_ = true; }
+    void quadratic() { quadratic_ = true; }
 
     TRVchanges list();
     void clear() noexcept;
@@ -34,7 +35,7 @@ class Changes {
     void mergepairs();
     void forget() noexcept;
 
-    bool structure_ = true, objconstant_ = false, sense_ = false;
+    bool structure_ = true, objconstant_ = false, sense_ = false, quadratic_ = false;
     Buffer<int32_t> lists_[kKinds];
     Buffer<char> listed_[kKinds]; // by position; may be shorter than the kind
     Buffer<Pair> pairs_;

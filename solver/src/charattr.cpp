@@ -1,4 +1,4 @@
-// charattr.cpp: VType of variables and Sense of rows.
+// charattr.cpp: VType of variables, Sense of rows, and QSense of quadratic rows, which cannot be set.
 #include "elementattr.h"
 
 #include <algorithm>
@@ -70,15 +70,13 @@ void getchars(TRVmodel &model, Attr attr, const Selection &which, char *out) {
         return gather(model.columns.ids, "VType", which, model.columns.vtype, out);
     if (attr == Attr::Sense)
         return gather(model.rows.ids, "Sense", which, model.rows.sense, out);
-    eachslot(model.registry(infoof(attr).kind), infoof(attr).name, which, [](int64_t, int32_t) {});
+    gather(model.qrows.ids, "QSense", which, model.qrows.sense, out);
 }
 
 void setchars(TRVmodel &model, Attr attr, const Selection &which, const char *values, int step) {
     if (attr == Attr::VType)
         return settypes(model, which, values, step);
-    if (attr == Attr::Sense)
-        return setsenses(model, which, values, step);
-    eachslot(model.registry(infoof(attr).kind), infoof(attr).name, which, [](int64_t, int32_t) {});
+    setsenses(model, which, values, step);
 }
 
 } // namespace store

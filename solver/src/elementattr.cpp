@@ -117,6 +117,23 @@ void getrows(TRVmodel &model, Attr attr, const Selection &which, double *out) {
     }
 }
 
+void getqrows(TRVmodel &model, Attr attr, const Selection &which, double *out) {
+    const QRows &qrows = model.qrows;
+    Solution &solution = model.solution;
+    const char *what = infoof(attr).name;
+    if (attr == Attr::QRHS)
+        return gather(qrows.ids, what, which, qrows.rhs, out);
+    if (attr == Attr::QSlack) {
+        if (!solution.hasx())
+            failnodata(model, what);
+        getsolution(qrows.ids, attr, which, solution.nqrows(), solution.qactivity(model.columns, qrows), out);
+        return eachslot(qrows.ids, what, which, [&](int64_t i, int32_t s) { out[i] = qrows.rhs[s] - out[i]; });
+    }
+    if (!solution.hasduals())
+        failnoduals(model, what);
+    getsolution(qrows.ids, attr, which, solution.nqrows(), solution.qpi(), out);
+}
+
 } // namespace
 
 void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out) {
@@ -125,6 +142,8 @@ void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out)
         return getvariables(model, attr, which, out);
     case TRV_CONSTR:
         return getrows(model, attr, which, out);
+    case TRV_QCONSTR:
+        return getqrows(model, attr, which, out);
     default: // kinds without elements: every id is unknown
         eachslot(model.registry(infoof(attr).kind), infoof(attr).name, which, [](int64_t, int32_t) {});
     }
@@ -232,6 +251,15 @@ void setrows(TRVmodel &model, Attr attr, const Selection &which, const double *v
     }
 }
 
+// QRHS is what can be set.
+void setqrows(TRVmodel &model, const Selection &which, const double *values, int step) {
+    QRows &qrows = model.qrows;
+    checkthenset(
+        qrows.ids, "QRHS", which, values, step,
+        [&](double v, int64_t id, int32_t s) { return QRows::checkedrhs(v, qrows.sense[s], id, "QRHS"); },
+        [&](int32_t s, double v) { model.writeqrhs(s, v); });
+}
+
 } // namespace
 
 void setdoubles(TRVmodel &model, Attr attr, const Selection &which, const double *values, int step) {
@@ -240,6 +268,8 @@ void setdoubles(TRVmodel &model, Attr attr, const Selection &which, const double
         return setvariables(model, attr, which, values, step);
     case TRV_CONSTR:
         return setrows(model, attr, which, values, step);
+    case TRV_QCONSTR:
+        return setqrows(model, which, values, step);
     default:
         eachslot(model.registry(infoof(attr).kind), infoof(attr).name, which, [](int64_t, int32_t) {});
     }

@@ -15,7 +15,7 @@ Registry &TRVmodel::registry(int kind) {
     case TRV_CONSTR:
         return rows.ids;
     case TRV_QCONSTR:
-        return qconstrs;
+        return qrows.ids;
     case TRV_GENCONSTR:
         return genconstrs;
     case TRV_NLCONSTR:
@@ -35,7 +35,7 @@ Names &TRVmodel::names(int kind) {
     case TRV_CONSTR:
         return rows.names;
     case TRV_QCONSTR:
-        return qnames;
+        return qrows.names;
     case TRV_GENCONSTR:
         return gennames;
     case TRV_NLCONSTR:
@@ -46,13 +46,22 @@ Names &TRVmodel::names(int kind) {
 
 void TRVmodel::remove(int kind, int64_t n, const int32_t *ids) {
     registry(kind).remove(n, ids);
-    if (kind == TRV_VAR && n)
-        rows.variablesremoved();
+    if (kind != TRV_VAR || n == 0)
+        return;
+    rows.variablesremoved();
+    qrows.variablesremoved();
+    qobjective.variablesremoved();
+}
+
+void TRVmodel::purge() {
+    rows.purge(columns);
+    qrows.purge(columns);
+    qobjective.purge(columns);
 }
 
 void TRVmodel::update() {
     rows.prepareupdate(columns);
-    const bool structure = columns.ids.changes() || rows.ids.changes();
+    const bool structure = columns.ids.changes() || rows.ids.changes() || qrows.ids.changes();
     if (structure) {
         changes.loadanew();
         changed = true;
@@ -62,6 +71,8 @@ void TRVmodel::update() {
     changed = false;
     solution.compact(columns.ids);
     rows.update(columns);
+    qrows.update(columns);
+    qobjective.update(columns);
     columns.update();
 }
 
@@ -71,6 +82,16 @@ void TRVmodel::touched(Changes::Kind kind, int32_t slot) {
         return;
     changed = true;
     changes.element(kind, slot);
+}
+
+void TRVmodel::writeqrhs(int32_t slot, double value) {
+    if (qrows.rhs[slot] == value)
+        return;
+    qrows.rhs[slot] = value;
+    if (slot >= qrows.ids.committed())
+        return;
+    changed = true;
+    changes.quadratic();
 }
 
 void TRVmodel::setobjconstant(double value) {
@@ -140,7 +161,8 @@ void TRVmodel::sumcosts(int64_t n, const int32_t *var, const double *coef) {
         write(columns.obj[s], costs[s], Changes::kCosts, s);
 }
 
-void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, double constant, int newsense) {
+void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, QuadTerms &&quadratic, double constant,
+                            int newsense) {
     if (newsense != TRV_MINIMIZE && newsense != TRV_MAXIMIZE && newsense != 0)
         failf(TRV_ERROR_INVALID_ARGUMENT, "sense %d is not 1 (minimize), -1 (maximize) or 0 (as it is)", newsense);
     if (!isfinite(constant))
@@ -153,6 +175,10 @@ void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, d
     }
     ascending ? writecosts(n, var, coef) : sumcosts(n, var, coef);
     setobjconstant(constant);
+    if (qobjective.replace(std::move(quadratic))) {
+        changed = true;
+        changes.quadratic();
+    }
     if (newsense)
         setsense(newsense);
 }

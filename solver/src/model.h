@@ -4,6 +4,7 @@
 #include "changes.h"
 #include "columns.h"
 #include "pins.h"
+#include "qrows.h"
 #include "rows.h"
 #include "solution.h"
 #include "tarvo.h"
@@ -15,8 +16,10 @@ struct TRVmodel {
     std::string name;
     store::Columns columns;
     store::Rows rows;
-    store::Registry qconstrs{TRV_QCONSTR}, genconstrs{TRV_GENCONSTR}, nlconstrs{TRV_NLCONSTR};
-    store::Names qnames{'Q'}, gennames{'G'}, nlnames{'N'};
+    store::QRows qrows;
+    store::QObjective qobjective;
+    store::Registry genconstrs{TRV_GENCONSTR}, nlconstrs{TRV_NLCONSTR};
+    store::Names gennames{'G'}, nlnames{'N'};
     double objconstant = 0.0;
     int sense = TRV_MINIMIZE;
     store::Changes changes;
@@ -31,7 +34,11 @@ struct TRVmodel {
 
     void remove(int kind, int64_t n, const int32_t *ids);
     void update();
-    void setobjective(int64_t n, const int32_t *var, const double *coef, double constant, int newsense);
+    // With the terms of a quadratic part, in the stored form.
+    void setobjective(int64_t n, const int32_t *var, const double *coef, store::QuadTerms &&quadratic, double constant,
+                      int newsense);
+    // Terms of variables that were removed while pending are gone: before terms are shown or counted.
+    void purge();
     void getcoefficients(int64_t n, const int32_t *rowids, const int32_t *vars, double *out);
     void setcoefficients(int64_t n, const int32_t *rowids, const int32_t *vars, const double *values);
 
@@ -44,6 +51,7 @@ struct TRVmodel {
         touched(kind, slot);
     }
     void touched(store::Changes::Kind kind, int32_t slot);
+    void writeqrhs(int32_t slot, double value);
     void setobjconstant(double value);
     void setsense(int value);
 

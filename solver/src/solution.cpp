@@ -17,33 +17,38 @@ double gapof(double bound, double objval) {
 
 } // namespace
 
-void Solution::open(int32_t nvars, int32_t nrows) {
+void Solution::open(int32_t nvars, int32_t nrows, int32_t nqrows) {
     isopen_ = false;
     openx_.resize(nvars);
     openrc_.resize(nvars);
     openpi_.resize(nrows);
+    openqpi_.cut(0);
+    openqpi_.pad(nqrows, 0.0); // an engine that knows no quadratic rows leaves them alone
     // Never NULL, so that an engine need not care for an empty model.
     openx_.room(1);
     openrc_.room(1);
     openpi_.room(1);
+    openqpi_.room(1);
     opennvars_ = nvars;
     opennrows_ = nrows;
+    opennqrows_ = nqrows;
     isopen_ = true;
 }
 
-void Solution::commit(const TRVresult &result, int32_t nvars, int32_t nrows) {
+void Solution::commit(const TRVresult &result, int32_t nvars, int32_t nrows, int32_t nqrows) {
     if (result.status <= TRV_NOT_SOLVED || result.status > TRV_FAILED)
         failf(TRV_ERROR_INVALID_ARGUMENT, "status %d is not the outcome of a solve", result.status);
     if ((result.has_x || result.has_duals) && !isopen_)
         fail(TRV_ERROR_INVALID_ARGUMENT, "no solution is open");
-    if (isopen_ && (opennvars_ != nvars || opennrows_ != nrows))
+    if (isopen_ && (opennvars_ != nvars || opennrows_ != nrows || opennqrows_ != nqrows))
         failf(TRV_ERROR_INVALID_ARGUMENT,
-              "the solution was opened for %d variables and %d rows; the model has %d and %d", opennvars_, opennrows_,
-              nvars, nrows);
+              "the solution was opened for %d variables, %d rows and %d quadratic rows; the model has %d, %d and %d",
+              opennvars_, opennrows_, opennqrows_, nvars, nrows, nqrows);
     std::string engine = result.engine ? result.engine : "";
     keepfigures(result, std::move(engine));
     nvars_ = nvars;
     nrows_ = nrows;
+    nqrows_ = nqrows;
     taketheopen(result.has_x, result.has_duals);
 }
 
@@ -71,10 +76,12 @@ void Solution::taketheopen(bool withx, bool withduals) noexcept {
     if (hasduals_) {
         rc_.swap(openrc_);
         pi_.swap(openpi_);
+        qpi_.swap(openqpi_);
     }
     openx_.free();
     openrc_.free();
     openpi_.free();
+    openqpi_.free();
     isopen_ = false;
 }
 
@@ -82,8 +89,10 @@ void Solution::droparrays() noexcept {
     x_.free();
     rc_.free();
     pi_.free();
+    qpi_.free();
     activity_.free();
-    hasx_ = hasduals_ = activityknown_ = false;
+    qactivity_.free();
+    hasx_ = hasduals_ = activityknown_ = qactivityknown_ = false;
 }
 
 void Solution::outdate() noexcept {
@@ -127,6 +136,25 @@ const Buffer<double> &Solution::activity(const Columns &columns, const Rows &row
     });
     activityknown_ = true;
     return activity_;
+}
+
+// Terms of quadratic rows never change, so that once is enough.
+const Buffer<double> &Solution::qactivity(const Columns &columns, const QRows &qrows) {
+    if (qactivityknown_)
+        return qactivity_;
+    qactivity_.resize(nqrows_);
+    // Variables of rows that were solved were there, and stand where they stood until an update.
+    const auto at = [&](int32_t id) { return x_[columns.ids.slot(id)]; };
+    qrows.each([&](int32_t r, const QRow &row) {
+        double sum = 0.0;
+        for (int64_t k = 0; k < row.n; k++)
+            sum += row.coef[k] * at(row.var[k]);
+        for (int64_t k = 0; k < row.nq; k++)
+            sum += row.qcoef[k] * at(row.var1[k]) * at(row.var2[k]);
+        qactivity_[r] = sum;
+    });
+    qactivityknown_ = true;
+    return qactivity_;
 }
 
 } // namespace store

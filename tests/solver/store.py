@@ -18,6 +18,7 @@ INF = float("inf")
 VAR, CONSTR, QCONSTR, GENCONSTR, NLCONSTR = 1, 2, 4, 5, 6
 OUT_OF_MEMORY, INVALID, UNKNOWN_ATTRIBUTE, ATTRIBUTE_KIND, NO_DATA, NOT_IN_MODEL, SIZE_LIMIT = range(1, 8)
 NOT_SOLVED, OPTIMAL, INFEASIBLE = 0, 1, 2
+ROW, BOUND, INTEGRAL, DUAL, COMPLEMENTARITY = range(5)
 
 i32p, i64p, f64p = c.POINTER(c.c_int32), c.POINTER(c.c_int64), c.POINTER(c.c_double)
 
@@ -64,6 +65,22 @@ class Matrix(c.Structure):
     _fields_ = layout(("nmajor nnz", c.c_int64), ("start index", i32p), ("value", f64p))
 
 
+class QRows(c.Structure):
+    _fields_ = layout(
+        ("ptr", i64p), ("var", i32p), ("coef", f64p), ("qptr", i64p), ("var1 var2", i32p), ("qcoef", f64p)
+    )
+
+
+class QMatrix(c.Structure):
+    _fields_ = layout(
+        ("nrows nnz nquad", c.c_int64),
+        ("start index", i32p),
+        ("value", f64p),
+        ("qstart qvar1 qvar2", i32p),
+        ("qvalue", f64p),
+    )
+
+
 class Changes(c.Structure):
     _fields_ = layout(
         ("structure quadratic objconstant sense", c.c_int),
@@ -86,6 +103,10 @@ class Residuals(c.Structure):
         ("worstrow worstbound worstintegral worstdual worstcomplementarity", c.c_int32),
         ("rowscale boundscale dualscale complementarityscale", c.c_double),
     )
+
+
+class Offender(c.Structure):
+    _fields_ = layout(("violation scale", c.c_double), ("element", c.c_int32))
 
 
 class AttrInfo(c.Structure):
@@ -113,7 +134,7 @@ lib.TRVfindattr.restype = c.POINTER(AttrInfo)
 lib.TRVattrat.restype = c.POINTER(AttrInfo)
 lib.TRVfree.argtypes = [c.c_void_p]
 lib.TRVfree.restype = lib.TRVfreemodel.restype = lib.TRVdroprows.restype = lib.TRVpositions.restype = None
-lib.TRVfreematrix.restype = lib.TRVclearchanges.restype = None
+lib.TRVfreematrix.restype = lib.TRVfreeqmatrix.restype = lib.TRVclearchanges.restype = None
 
 
 def _f64(values):
@@ -152,6 +173,11 @@ def makenames(names):
         return Names(1, prefix.encode(), len(shape), _ptr(dims, i64p), None, None), dims
     text, offset = textblock(names)
     return Names(2, None, 0, None, text, _ptr(offset, i64p)), (text, offset)
+
+
+def qtermarrays(terms):
+    """Arrays of first variables, second variables and coefficients from (id, id, coefficient)."""
+    return _i32([a for a, _, _ in terms]), _i32([b for _, b, _ in terms]), _f64([c for _, _, c in terms])
 
 
 class Store:
@@ -239,6 +265,62 @@ class Store:
             c.c_double(constant),
             c.c_int(sense),
         )
+
+    def setqobjective(self, terms, qterms, constant=0.0, sense=0):
+        """terms: (id, coefficient); qterms: (id, id, coefficient)."""
+        var, coef = _i32([v for v, _ in terms]), _f64([a for _, a in terms])
+        self.setqobjectivearrays(var, coef, *qtermarrays(qterms), constant, sense)
+
+    def setqobjectivearrays(self, var, coef, var1, var2, qcoef, constant=0.0, sense=0):
+        self.call(
+            "TRVsetqobjective",
+            c.c_int64(len(var)),
+            _ptr(var, i32p),
+            _ptr(coef, f64p),
+            c.c_int64(len(qcoef)),
+            _ptr(var1, i32p),
+            _ptr(var2, i32p),
+            _ptr(qcoef, f64p),
+            c.c_double(constant),
+            c.c_int(sense),
+        )
+
+    def addqrows(self, rows, sense="<", rhs=0.0, names=None):
+        """rows: pairs (list of (id, coefficient), list of (id, id, coefficient))."""
+        ptr, qptr = ([0, *np.cumsum([len(row[part]) for row in rows])] for part in (0, 1))
+        linear = [term for row in rows for term in row[0]]
+        arrays = _i32([v for v, _ in linear]), _f64([a for _, a in linear])
+        quadratic = qtermarrays([term for row in rows for term in row[1]])
+        return self.addqrowarrays(ptr, *arrays, qptr, *quadratic, sense, rhs, names)
+
+    def addqrowarrays(self, ptr, var, coef, qptr, var1, var2, qcoef, sense="<", rhs=0.0, names=None):
+        """The arrays of TRVqrows; ptr or qptr None: no such terms."""
+        n = len(qptr if ptr is None else ptr) - 1
+        ptr, qptr = (p if p is None else np.asarray(p, np.int64) for p in (ptr, qptr))
+        rows = QRows(
+            _ptr(ptr, i64p),
+            _ptr(var, i32p),
+            _ptr(coef, f64p),
+            _ptr(qptr, i64p),
+            _ptr(var1, i32p),
+            _ptr(var2, i32p),
+            _ptr(qcoef, f64p),
+        )
+        rhs = _f64(rhs)
+        struct, _keep = makenames(names)
+        first = c.c_int32(-7)
+        self.call(
+            "TRVaddqrows",
+            c.c_int64(n),
+            c.byref(rows),
+            sense.encode(),
+            _step(sense, n),
+            _ptr(rhs, f64p),
+            _step(rhs, n),
+            struct and c.byref(struct),
+            c.byref(first),
+        )
+        return first.value
 
     def remove(self, kind, ids):
         ids = _i32(ids)
@@ -337,6 +419,19 @@ class Store:
         self.call("TRVgetrow", c.c_int32(row), c.byref(nnz), c.byref(var), c.byref(coef))
         return [(var[k], coef[k]) for k in range(nnz.value)]
 
+    def qrow(self, qrow):
+        """Terms in stored order: [(id, coefficient), ...], [(id, id, coefficient), ...]."""
+        row = QRows()
+        self.call("TRVgetqrow", c.c_int32(qrow), c.byref(row))
+        linear = [(row.var[k], row.coef[k]) for k in range(row.ptr[0], row.ptr[1])]
+        return linear, [(row.var1[k], row.var2[k], row.qcoef[k]) for k in range(row.qptr[0], row.qptr[1])]
+
+    def qobjective(self):
+        """[(id, id, coefficient), ...] in stored order."""
+        nq, var1, var2, qcoef = c.c_int64(), i32p(), i32p(), f64p()
+        self.call("TRVgetqobjective", c.byref(nq), c.byref(var1), c.byref(var2), c.byref(qcoef))
+        return [(var1[k], var2[k], qcoef[k]) for k in range(nq.value)]
+
     def coefs(self, rows, vars):
         rows, vars = _i32(rows), _i32(vars)
         out = np.empty(len(rows))
@@ -366,18 +461,49 @@ class Store:
             "sense": data.sense,
             "nintegral": data.nintegral,
             "start": _view(data.start, n, float) if data.start else None,
+            "nqobj": data.nqobj,
+            "nqrows": data.nqrows,
+            "nqlinear": data.nqlinear,
+            "nqterms": data.nqterms,
+            "nqlinterms": data.nqlinterms,
+            "qsense": data.qsense[: data.nqrows].decode() if data.nqrows else "",
+            "qrhs": _view(data.qrhs, data.nqrows, float),
         }
 
     def matrix(self, csc):
         """(start, index, value), by columns or by rows."""
+        return self._matrix("TRVgetmatrix", c.c_int(csc))
+
+    def hessian(self):
+        """(start, index, value) of the upper triangle, by columns."""
+        return self._matrix("TRVgethessian")
+
+    def _matrix(self, function, *arguments):
         matrix = Matrix()
-        self.call("TRVgetmatrix", c.c_int(csc), c.byref(matrix))
+        self.call(function, *arguments, c.byref(matrix))
         out = (
             _view(matrix.start, matrix.nmajor + 1, np.int32),
             _view(matrix.index, matrix.nnz, np.int32),
             _view(matrix.value, matrix.nnz, float),
         )
         lib.TRVfreematrix(c.byref(matrix))
+        return out
+
+    def qmatrix(self):
+        """The arrays of TRVqmatrix: start, index, value, qstart, qvar1, qvar2, qvalue."""
+        matrix = QMatrix()
+        self.call("TRVgetqmatrix", c.byref(matrix))
+        n, nnz, nquad = matrix.nrows, matrix.nnz, matrix.nquad
+        out = (
+            _view(matrix.start, n + 1, np.int32),
+            _view(matrix.index, nnz, np.int32),
+            _view(matrix.value, nnz, float),
+            _view(matrix.qstart, n + 1, np.int32),
+            _view(matrix.qvar1, nquad, np.int32),
+            _view(matrix.qvar2, nquad, np.int32),
+            _view(matrix.qvalue, nquad, float),
+        )
+        lib.TRVfreeqmatrix(c.byref(matrix))
         return out
 
     def changes(self):
@@ -390,6 +516,7 @@ class Store:
         )
         return {
             "structure": bool(ch.structure),
+            "quadratic": bool(ch.quadratic),
             "objconstant": bool(ch.objconstant),
             "sense": bool(ch.sense),
             "bounds": _view(ch.bounds, ch.nbounds, np.int32).tolist(),
@@ -401,10 +528,11 @@ class Store:
     def clearchanges(self):
         lib.TRVclearchanges(self.handle)
 
-    def opensolution(self, x=None, rc=None, pi=None):
-        pointers = f64p(), f64p(), f64p()
-        self.call("TRVopensolution", *(c.byref(p) for p in pointers), None)
-        for pointer, values in zip(pointers, (x, rc, pi), strict=True):
+    def opensolution(self, x=None, rc=None, pi=None, qpi=None):
+        pointers = f64p(), f64p(), f64p(), f64p()
+        wanted = pointers if qpi is not None else pointers[:3]
+        self.call("TRVopensolution", *(c.byref(p) for p in wanted), *([None] if qpi is None else []))
+        for pointer, values in zip(pointers, (x, rc, pi, qpi), strict=True):
             for i, value in enumerate(values if values is not None else ()):
                 pointer[i] = value
 
@@ -414,12 +542,23 @@ class Store:
         result = Result(status, has_x, has_duals, objval, bound, gap, 0.5, 3, 1, engine.encode())
         self.call("TRVcommitsolution", c.byref(result))
 
-    def solved(self, x, rc=None, pi=None, **figures):
+    def solved(self, x, rc=None, pi=None, qpi=None, **figures):
         """As if an engine had found these values."""
-        self.opensolution(x, rc, pi)
+        self.opensolution(x, rc, pi, qpi)
         self.commitsolution(has_x=True, has_duals=rc is not None, **figures)
 
     def check(self, has_duals=False):
         out = Residuals()
         self.call("TRVcheck", c.c_int(has_duals), c.byref(out))
         return out
+
+    def offenders(self, figure, n, has_duals=False):
+        """[(element, violation, scale), ...], worst first. figure: ROW, BOUND, ..."""
+        out, count = (Offender * max(n, 1))(), c.c_int(-7)
+        self.call("TRVoffenders", c.c_int(has_duals), c.c_int(figure), c.c_int(n), out, c.byref(count))
+        return [(out[i].element, out[i].violation, out[i].scale) for i in range(count.value)]
+
+    def evalobjective(self, x):
+        x, value = _f64(x), c.c_double()
+        self.call("TRVevalobjective", _ptr(x, f64p), c.byref(value))
+        return value.value

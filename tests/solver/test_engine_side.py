@@ -90,6 +90,7 @@ def loaded():
 
 NOTHING = {
     "structure": False,
+    "quadratic": False,
     "objconstant": False,
     "sense": False,
     "bounds": [],

@@ -165,7 +165,7 @@ def test_an_open_solution_does_not_disturb_the_last_one(store):
         (
             lambda m: (m.opensolution(), m.addvars(1), m.update()),
             {"has_x": True},
-            "the solution was opened for 2 variables and 2 rows; the model has 3 and 2",
+            "the solution was opened for 2 variables, 2 rows and 0 quadratic rows; the model has 3, 2 and 0",
         ),
     ],
 )

@@ -1,0 +1,219 @@
+// qrows.cpp: quadratic rows come in and are taken out; the quadratic objective is replaced and filtered.
+#include "qrows.h"
+
+#include "failure.h"
+
+#include <algorithm>
+#include <cinttypes>
+
+namespace store {
+
+namespace {
+
+// Terms of a block are counted with 32 bits where duplicates are looked for, as in linear rows.
+int64_t requireterms(const char *what, const Buffer<int64_t> &block) {
+    const int64_t n = block[block.size() - 1];
+    requirecount(what, n);
+    if (n > INT32_MAX)
+        failf(TRV_ERROR_SIZE_LIMIT, "%" PRId64 " %s exceed the limit of 2147483647 for one block of rows", n, what);
+    return n;
+}
+
+// A block's own row pointers, to be tidied; none are all 0.
+Buffer<int64_t> blockpointers(int64_t nrows, const int64_t *ptr) {
+    Buffer<int64_t> block;
+    block.pad(nrows + 1, 0);
+    if (ptr)
+        moveterms(block.data(), ptr, nrows + 1);
+    return block;
+}
+
+// Into the room behind the pointers that are there.
+void growpointers(Buffer<int64_t> &ptr, const Buffer<int64_t> &block) noexcept {
+    const int64_t base = ptr[ptr.size() - 1], nrows = static_cast<int64_t>(block.size()) - 1;
+    int64_t *fresh = ptr.end();
+    for (int64_t i = 0; i < nrows; i++)
+        fresh[i] = base + block[i + 1];
+    ptr.grow(nrows);
+}
+
+} // namespace
+
+// ---- adding
+
+double QRows::checkedrhs(double value, char sense, int64_t id, const char *what) {
+    const bool none = (sense == '<' && value >= TRV_INFINITY) || (sense == '>' && value <= -TRV_INFINITY);
+    if (!isfinite(value) && !none)
+        failf(TRV_ERROR_INVALID_ARGUMENT, "%s of quadratic row %" PRId64 " is %s", what, id, number(value).c_str());
+    return normalized(value);
+}
+
+void QRows::roomsides(int64_t nrows, const char *newsense, int sensestep, const double *newrhs, int rhsstep) {
+    const int64_t first = ids.count();
+    char *s = sense.room(nrows);
+    double *r = rhs.room(nrows);
+    for (int64_t i = 0; i < nrows; i++) {
+        s[i] = newsense[i * sensestep];
+        if (s[i] != '<' && s[i] != '>' && s[i] != '=')
+            failf(TRV_ERROR_INVALID_ARGUMENT, "QSense of quadratic row %" PRId64 " is %s, not one of < > =", first + i,
+                  character(s[i]).c_str());
+        r[i] = checkedrhs(newrhs[i * rhsstep], s[i], first + i, "QRHS");
+    }
+}
+
+void QRows::roomlinear(const Columns &columns, const TRVqrows &rows, Buffer<int64_t> &block) {
+    const int64_t nrows = static_cast<int64_t>(block.size()) - 1, n = requireterms("linear terms", block);
+    requirepointer("variables of terms", rows.var, n);
+    requirepointer("coefficients", rows.coef, n);
+    int32_t *var = var_.room(n);
+    double *coef = coef_.room(n);
+    moveterms(var, rows.var, n);
+    moveterms(coef, rows.coef, n);
+    tidyterms(columns.ids, marker_, nrows, n, block.data(), var, coef);
+}
+
+void QRows::roomquadratic(const Columns &columns, const TRVqrows &rows, Buffer<int64_t> &block) {
+    const int64_t nrows = static_cast<int64_t>(block.size()) - 1, n = requireterms("quadratic terms", block);
+    requirepointer("first variables of quadratic terms", rows.var1, n);
+    requirepointer("second variables of quadratic terms", rows.var2, n);
+    requirepointer("coefficients of quadratic terms", rows.qcoef, n);
+    quad_.room(n);
+    const PairSpan fresh{quad_.var1.end(), quad_.var2.end(), quad_.coef.end()};
+    moveterms(fresh.var1, rows.var1, n);
+    moveterms(fresh.var2, rows.var2, n);
+    moveterms(fresh.coef, rows.qcoef, n);
+    tidypairs(columns.ids, pairs_, nrows, n, block.data(), fresh);
+}
+
+// All is written behind what is there, and seen only when the last step that can fail has not.
+int32_t QRows::add(const Columns &columns, int64_t nrows, const TRVqrows &rows, const char *newsense, int sensestep,
+                   const double *newrhs, int rhsstep, const TRVnames *newnames) {
+    ids.reserve(nrows);
+    for (Buffer<int64_t> *pointers : {&ptr_, &qptr_}) {
+        pointers->pad(1, 0);
+        pointers->room(nrows);
+    }
+    Buffer<int64_t> block = blockpointers(nrows, rows.ptr), qblock = blockpointers(nrows, rows.qptr);
+    roomsides(nrows, newsense, sensestep, newrhs, rhsstep);
+    roomlinear(columns, rows, block);
+    roomquadratic(columns, rows, qblock);
+    names.add(ids.count(), nrows, newnames);
+    sense.grow(nrows);
+    rhs.grow(nrows);
+    growpointers(ptr_, block);
+    growpointers(qptr_, qblock);
+    var_.grow(block[nrows]);
+    coef_.grow(block[nrows]);
+    quad_.grow(qblock[nrows]);
+    return ids.add(nrows);
+}
+
+int32_t QRows::linearrows() const {
+    int32_t sum = 0;
+    for (int32_t i = 0; i < ids.committed(); i++)
+        sum += qptr_[i] == qptr_[i + 1];
+    return sum;
+}
+
+// ---- removal and update
+
+// Takes out terms over variables that are gone, and with wholerows the rows that are.
+template <class Gone> void QRows::filter(Gone gone, bool wholerows) noexcept {
+    if (ptr_.empty())
+        return;
+    const PairSpan pairs = quad_.span();
+    int64_t kept = 0, qkept = 0, from = 0, qfrom = 0;
+    int32_t keptrows = 0;
+    for (int32_t i = 0; i < ids.slots(); i++) {
+        const int64_t to = ptr_[i + 1], qto = qptr_[i + 1];
+        const bool keep = !wholerows || !ids.gone(i);
+        for (int64_t k = from; keep && k < to; k++) {
+            if (gone(var_[k]))
+                continue;
+            var_[kept] = var_[k];
+            coef_[kept++] = coef_[k];
+        }
+        for (int64_t k = qfrom; keep && k < qto; k++)
+            if (!gone(pairs.var1[k]) && !gone(pairs.var2[k]))
+                pairs.copy(qkept++, k);
+        keptrows += keep;
+        ptr_[keptrows] = kept;
+        qptr_[keptrows] = qkept;
+        from = to;
+        qfrom = qto;
+    }
+    ptr_.cut(keptrows + 1);
+    qptr_.cut(keptrows + 1);
+    var_.cut(kept);
+    coef_.cut(kept);
+    quad_.cut(qkept);
+}
+
+void QRows::purge(const Columns &columns) noexcept {
+    if (stale_)
+        filter([&](int32_t id) { return columns.ids.slot(id) < 0; }, false);
+    stale_ = false;
+}
+
+namespace {
+
+// Whether the variable goes with the update that comes, or has gone.
+struct GoneAtUpdate {
+    const Registry &variables;
+    bool operator()(int32_t id) const {
+        const int32_t s = variables.slot(id);
+        return s < 0 || variables.gone(s);
+    }
+};
+
+} // namespace
+
+void QRows::update(const Columns &columns) noexcept {
+    if (columns.ids.anygone() || ids.anygone())
+        filter(GoneAtUpdate{columns.ids}, true);
+    ids.compact(rhs);
+    ids.compact(sense);
+    ids.commit();
+    stale_ = false;
+}
+
+// ---- the objective
+
+bool QObjective::replace(QuadTerms &&terms) noexcept {
+    const auto equal = [](const auto &a, const auto &b) { return std::equal(a.data(), a.data() + a.size(), b.data()); };
+    if (terms.size() == terms_.size() && equal(terms.var1, terms_.var1) && equal(terms.var2, terms_.var2) &&
+        equal(terms.coef, terms_.coef))
+        return false;
+    terms_ = std::move(terms);
+    stale_ = false;
+    return true;
+}
+
+int64_t QObjective::count(const Columns &columns) const {
+    int64_t sum = 0;
+    each(columns, [&](int32_t, int32_t, double) { sum++; });
+    return sum;
+}
+
+template <class Gone> void QObjective::filter(Gone gone) noexcept {
+    const PairSpan pairs = terms_.span();
+    int64_t kept = 0;
+    for (int64_t k = 0; k < terms_.size(); k++)
+        if (!gone(pairs.var1[k]) && !gone(pairs.var2[k]))
+            pairs.copy(kept++, k);
+    terms_.cut(kept);
+}
+
+void QObjective::purge(const Columns &columns) noexcept {
+    if (stale_)
+        filter([&](int32_t id) { return columns.ids.slot(id) < 0; });
+    stale_ = false;
+}
+
+void QObjective::update(const Columns &columns) noexcept {
+    if (columns.ids.anygone())
+        filter(GoneAtUpdate{columns.ids});
+    stale_ = false;
+}
+
+} // namespace store
