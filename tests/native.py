@@ -12,7 +12,7 @@ import numpy as np
 
 from tarvopy import _core
 
-VAR, CONSTR = 1, 2
+VAR, CONSTR, QCONSTR = 1, 2, 4
 
 
 class _CoreApi(ctypes.Structure):
@@ -114,6 +114,26 @@ class NativeModel:
         sides = [part for value in (lower, upper) for part in (ctypes.byref(c_double(value)), step)]
         self.call("TRVaddrows", c_int64(1), *arrays, *sides, None, ctypes.byref(first))
         return api.scalar(self.handle, CONSTR, first.value)
+
+    def add_qrow(self, expr, sense: str = "<", rhs: float = 0.0):
+        """A quadratic row with the terms of a QuadExpr over this model's variables, all of them in the model."""
+
+        class Rows(ctypes.Structure):
+            _fields_ = [(name, c_void_p) for name in ("ptr", "var", "coef", "qptr", "var1", "var2", "qcoef")]
+
+        linear, quadratic = list(expr.getLinExpr().terms()), list(expr.terms())
+        arrays = [
+            np.array([0, len(linear)], np.int64),
+            np.array([v.index for _, v in linear], np.int32),
+            _doubles([c for c, _ in linear]),
+            np.array([0, len(quadratic)], np.int64),
+            *(np.array([term[k].index for term in quadratic], np.int32) for k in (1, 2)),
+            _doubles([c for c, _, _ in quadratic]),
+        ]
+        rows, step, first = Rows(*(a.ctypes.data for a in arrays)), c_int(0), c_int32()
+        sides = [ctypes.byref(ctypes.c_char(sense.encode())), step, ctypes.byref(c_double(rhs)), step]
+        self.call("TRVaddqrows", c_int64(1), ctypes.byref(rows), *sides, None, ctypes.byref(first))
+        return api.scalar(self.handle, QCONSTR, first.value)
 
     def remove(self, kind: int, element_id: int) -> None:
         self.call("TRVremove", c_int(kind), c_int64(1), ctypes.byref(c_int32(element_id)))

@@ -6,7 +6,7 @@ import pickle
 
 import pytest
 
-from native import CONSTR, VAR, NativeModel, api
+from native import CONSTR, QCONSTR, VAR, NativeModel, api
 from tarvopy import TRV, _core
 from tarvopy._exception import NoDataError, TarvoError
 
@@ -69,6 +69,33 @@ def test_constraint_handle_has_row_number_attributes_and_identity(model):
     assert len({row, api.scalar(model.handle, CONSTR, 0)}) == 1
     with pytest.raises(AttributeError, match=r"^'tarvopy.Constr' object has no attribute 'LB'$"):
         row.LB
+
+
+def test_quadratic_row_handle_follows_its_row(model):
+    x, y = model.vars[:2]
+    row, other = model.add_qrow(x * y + y, ">", 2.0), model.add_qrow(x * x, "=", 1.0)
+    assert (repr(row), row.index, row.QSense, row.QRHS) == ("<QConstr *awaiting update*>", -1, ">", 2.0)
+    model.update()
+    assert (row._qconstrno, other.index, repr(row), str(other)) == (0, 1, "<QConstr Q0>", "Q1")
+    row.QRHS, row.QName = 3, "cone"
+    assert (row.QRHS, repr(row), row.getAttr("QName")) == (3.0, "<QConstr cone>", "cone")
+    assert (hasattr(row, "QPi"), hasattr(row, "QSlack")) == (False, False)
+    for name, text in (("QSense", "cannot be set"), ("QSlack", "cannot be set"), ("RHS", "has no attribute 'RHS'")):
+        with pytest.raises(AttributeError, match=text):
+            setattr(row, name, 1.0)
+    model.solve_with([2.0, 5.0, 0.0])
+    assert (row.QSlack, other.QSlack) == (3.0 - 15.0, 1.0 - 4.0)
+    assert len({row, other, api.scalar(model.handle, QCONSTR, 0)}) == 2
+    model.remove(QCONSTR, 0)
+    assert row.index == 0
+    model.update()
+    assert (row.index, other.index, repr(row)) == (-2, 0, "<QConstr (removed)>")
+    with pytest.raises(TarvoError) as caught:
+        row.QRHS
+    assert caught.value.code == TRV.Error.NOT_IN_MODEL
+    pending = model.add_qrow(y * y)
+    model.remove(QCONSTR, 2)
+    assert (pending.index, repr(pending)) == (-2, "<QConstr (removed)>")
 
 
 def test_attributes_read_and_write_the_store(model):
