@@ -295,9 +295,11 @@ std::string_view mps_word_line(std::string_view line) {
 }
 
 bool mps_ambiguous_column(std::string_view line) {
-    // Blank up to column 4, and two words or more in columns 5 to 12: rare, so this line decides for almost all.
+    // Two words or more in columns 5 to 12, and nothing between the fields: rare, so these lines decide for almost all
+    // (an exception a line would take most of the time of reading).
     const std::string_view name = piece(line, kField[1]);
-    if (name.find(' ') == std::string_view::npos) {
+    const auto blank = [&](std::size_t begin, std::size_t end) { return piece(line, {begin, end}).empty(); };
+    if (name.find(' ') == std::string_view::npos || !blank(0, 4) || !blank(12, 14) || !blank(22, 24)) {
         return false;
     }
     try {

@@ -36,6 +36,7 @@ class NameTable {
         std::uint32_t hash; // its upper bits spare most comparisons of the text
         std::int32_t name;  // -1: free
     };
+    bool is_next(std::string_view name) const;
     std::size_t place(std::string_view name, std::uint32_t hash) const;
     std::int32_t append(std::string_view name, Slot &slot, std::uint32_t hash);
     void check_room() const;
@@ -43,6 +44,7 @@ class NameTable {
 
     std::string text_;
     std::vector<std::int64_t> offset_{0};
+    mutable std::int32_t next_ = 0; // behind the name found last
     std::vector<Slot> slots_ = std::vector<Slot>(1024, Slot{0, -1}); // a power of two, at most half full
 };
 
