@@ -4,6 +4,7 @@
 #include "elementattr.h"
 #include "matrix.h"
 
+#include <algorithm>
 #include <memory>
 
 using namespace store;
@@ -135,6 +136,17 @@ int TRVcheck(TRVmodel *model, int has_duals, TRVresiduals *residuals) {
     return border(model, [&] {
         requirepointer("residuals", residuals, 1);
         *residuals = checksolution(*model, has_duals != 0);
+    });
+}
+
+int TRVoffenders(TRVmodel *model, int has_duals, int figure, int n, TRVoffender *out, int *count) {
+    return border(model, [&] {
+        requirecount("offenders", n);
+        requirepointer("offenders", out, n);
+        requirepointer("count", count, 1);
+        const std::vector<TRVoffender> found = offenders(*model, has_duals != 0, figure, n);
+        std::copy(found.begin(), found.end(), out);
+        *count = static_cast<int>(found.size());
     });
 }
 

@@ -77,7 +77,3 @@ int TRVgethessian(TRVmodel *model, TRVmatrix *upper) {
         *upper = hessian(*model);
     });
 }
-
-int TRVoffenders(TRVmodel *model, int, int, int, TRVoffender *, int *) {
-    return border(model, [] { failf(TRV_ERROR_UNSUPPORTED, "offenders are not listed yet"); });
-}

@@ -1,4 +1,4 @@
-// check.cpp: residuals of a solution in one pass over the rows.
+// check.cpp: residuals of a solution in one pass over the rows, linear and quadratic.
 //
 // The worst element is the one whose violation is largest against its own scale, 1 + the largest term in it, and the
 // figures reported are this element's violation and scale. So comparing violation <= tolerance * scale holds for all
@@ -6,28 +6,14 @@
 #include "check.h"
 
 #include "failure.h"
+#include "worst.h"
 
 #include <algorithm>
+#include <array>
 
 namespace store {
 
 namespace {
-
-// Not a number counts as infinitely wrong.
-struct Worst {
-    double violation = 0.0, scale = 1.0;
-    int32_t at = -1;
-
-    void meet(double v, double s, int32_t element) {
-        if (std::isnan(v))
-            v = INFINITY;
-        if (!(v * scale > violation * s) || v <= 0.0)
-            return;
-        violation = v;
-        scale = s;
-        at = element;
-    }
-};
 
 double outside(double value, double lower, double upper) {
     if (std::isnan(value))
@@ -41,7 +27,13 @@ double finiteabs(double v) {
 
 class Checker {
   public:
-    Checker(const TRVmodel &model, bool hasduals) : model_(model), hasduals_(hasduals) {
+    // How many elements are wanted of each figure.
+    using Wanted = std::array<size_t, 5>;
+
+    Checker(const TRVmodel &model, bool hasduals, Wanted wanted)
+        : model_(model), hasduals_(hasduals), row_(wanted[TRV_CHECK_ROW]), bound_(wanted[TRV_CHECK_BOUND]),
+          integral_(wanted[TRV_CHECK_INTEGRAL]), dual_(wanted[TRV_CHECK_DUAL]),
+          complementarity_(wanted[TRV_CHECK_COMPLEMENTARITY]) {
         const Solution &s = model.solution;
         const bool open = s.isopen();
         if (!open && !s.hasx())
@@ -51,33 +43,47 @@ class Checker {
         x_ = (open ? s.openx() : s.x()).data();
         rc_ = (open ? s.openrc() : s.rc()).data();
         pi_ = (open ? s.openpi() : s.pi()).data();
+        qpi_ = (open ? s.openqpi() : s.qpi()).data();
         nvars_ = static_cast<int32_t>((open ? s.openx() : s.x()).size());
-        const size_t nrows = open ? s.openpi().size() : s.nrows();
-        if (nvars_ != model.columns.ids.committed() || static_cast<int32_t>(nrows) != model.rows.ids.committed())
+        nrows_ = model.rows.ids.committed();
+        const int32_t nrows = open ? static_cast<int32_t>(s.openpi().size()) : s.nrows();
+        const int32_t nqrows = open ? static_cast<int32_t>(s.openqpi().size()) : s.nqrows();
+        if (nvars_ != model.columns.ids.committed() || nrows != nrows_ || nqrows != model.qrows.ids.committed())
             fail(TRV_ERROR_INVALID_ARGUMENT, "check: the solution was opened for another number of variables or rows");
     }
 
-    TRVresiduals run() {
+    void run() {
         if (hasduals_)
             prepareduals();
         checkrows();
+        checkqrows();
         checkvariables();
+    }
+
+    TRVresiduals residuals() const {
+        const Worst::Entry row = row_.first(), bound = bound_.first(), integral = integral_.first(),
+                           dual = dual_.first(), complementarity = complementarity_.first();
         TRVresiduals r{};
-        r.row = row_.violation;
-        r.bound = bound_.violation;
-        r.integral = integral_.violation;
-        r.dual = dual_.violation;
-        r.complementarity = complementarity_.violation;
-        r.worstrow = row_.at;
-        r.worstbound = bound_.at;
-        r.worstintegral = integral_.at;
-        r.worstdual = dual_.at;
-        r.worstcomplementarity = complementarity_.at;
-        r.rowscale = row_.scale;
-        r.boundscale = bound_.scale;
-        r.dualscale = dual_.scale;
+        r.row = row.violation;
+        r.bound = bound.violation;
+        r.integral = integral.violation;
+        r.dual = dual.violation;
+        r.complementarity = complementarity.violation;
+        r.worstrow = row.element;
+        r.worstbound = bound.element;
+        r.worstintegral = integral.element;
+        r.worstdual = dual.element;
+        r.worstcomplementarity = complementarity.element;
+        r.rowscale = row.scale;
+        r.boundscale = bound.scale;
+        r.dualscale = dual.scale;
         r.complementarityscale = objscale_;
         return r;
+    }
+
+    const Worst &worst(int figure) const {
+        const Worst *figures[] = {&row_, &bound_, &integral_, &dual_, &complementarity_};
+        return *figures[figure];
     }
 
   private:
@@ -90,19 +96,38 @@ class Checker {
             largest_[v] = std::max(std::fabs(columns.obj[v]), std::fabs(rc_[v]));
             objscale_ = std::max(objscale_, 1.0 + std::fabs(columns.obj[v] * x_[v]));
         }
+        model_.qobjective.each(columns, [&](int32_t i, int32_t j, double coef) {
+            addgradient(i, coef * x_[j]);
+            addgradient(j, coef * x_[i]);
+            objscale_ = std::max(objscale_, 1.0 + std::fabs(coef * x_[i] * x_[j]));
+        });
     }
 
-    // Positive multipliers (in a minimisation) belong to lower sides, negative ones to upper sides; one whose side is
-    // missing is wrong by its size.
-    void multiplier(double value, double activity, double lower, double upper, double scale, int32_t element) {
+    void addgradient(int32_t v, double share) {
+        gradient_[v] += share;
+        largest_[v] = std::max(largest_[v], std::fabs(share));
+    }
+
+    // Positive multipliers (in a minimisation) belong to lower sides, negative ones to upper sides. Returns by how much
+    // the sign is wrong: one whose side is missing is wrong by its size.
+    double multiplier(double value, double activity, double lower, double upper, int32_t element) {
         const double m = value * model_.sense;
         const double side = m > 0.0 ? lower : upper;
         if (m == 0.0)
-            return;
+            return 0.0;
         if (std::isinf(side))
-            return dual_.meet(std::fabs(m), scale, element);
+            return std::fabs(m);
         const double distance = std::max(m > 0.0 ? activity - side : side - activity, 0.0);
         complementarity_.meet(std::fabs(m) * distance, objscale_, element);
+        return 0.0;
+    }
+
+    // A row's activity and multiplier against its sides. largest: of its terms.
+    void checksides(int32_t row, double activity, double largest, double lower, double upper, double pi) {
+        const double scale = 1.0 + std::max({largest, finiteabs(lower), finiteabs(upper)});
+        row_.meet(outside(activity, lower, upper), scale, row);
+        if (hasduals_)
+            dual_.meet(multiplier(pi, activity, lower, upper, nvars_ + row), 1.0 + std::fabs(pi), nvars_ + row);
     }
 
     void checkrows() {
@@ -118,17 +143,39 @@ class Checker {
                 const double term = row.coef[k] * x_[v];
                 activity += term;
                 largest = std::max(largest, std::fabs(term));
-                if (pi != 0.0) {
-                    const double share = row.coef[k] * pi;
-                    gradient_[v] -= share;
-                    largest_[v] = std::max(largest_[v], std::fabs(share));
-                }
+                if (pi != 0.0)
+                    addgradient(v, -row.coef[k] * pi);
             }
-            const double lower = rows.lower[r], upper = rows.upper[r];
-            const double scale = 1.0 + std::max({largest, finiteabs(lower), finiteabs(upper)});
-            row_.meet(outside(activity, lower, upper), scale, r);
-            if (hasduals_)
-                multiplier(pi, activity, lower, upper, 1.0 + std::fabs(pi), nvars_ + r);
+            checksides(r, activity, largest, rows.lower[r], rows.upper[r], pi);
+        });
+    }
+
+    // All variables of a quadratic row in the model are in the model: its terms never change.
+    void checkqrows() {
+        const QRows &qrows = model_.qrows;
+        const Registry &ids = model_.columns.ids;
+        qrows.each([&](int32_t r, const QRow &row) {
+            double activity = 0.0, largest = 0.0;
+            const double pi = hasduals_ ? qpi_[r] : 0.0;
+            for (int64_t k = 0; k < row.n; k++) {
+                const int32_t v = ids.position(row.var[k]);
+                const double term = row.coef[k] * x_[v];
+                activity += term;
+                largest = std::max(largest, std::fabs(term));
+                if (pi != 0.0)
+                    addgradient(v, -row.coef[k] * pi);
+            }
+            for (int64_t k = 0; k < row.nq; k++) {
+                const int32_t v = ids.position(row.var1[k]), w = ids.position(row.var2[k]);
+                const double term = row.qcoef[k] * x_[v] * x_[w];
+                activity += term;
+                largest = std::max(largest, std::fabs(term));
+                if (pi == 0.0)
+                    continue;
+                addgradient(v, -row.qcoef[k] * pi * x_[w]);
+                addgradient(w, -row.qcoef[k] * pi * x_[v]);
+            }
+            checksides(nrows_ + r, activity, largest, qrows.lower(r), qrows.upper(r), pi);
         });
     }
 
@@ -145,15 +192,15 @@ class Checker {
                 integral_.meet(std::fabs(x_[v] - std::round(x_[v])), 1.0, v);
             if (!hasduals_)
                 continue;
-            dual_.meet(std::fabs(gradient_[v]), 1.0 + largest_[v], v);
-            multiplier(rc_[v], x_[v], lower, upper, 1.0 + largest_[v], v);
+            const double wrongsign = multiplier(rc_[v], x_[v], lower, upper, v);
+            dual_.meet(std::fabs(gradient_[v]) < wrongsign ? wrongsign : std::fabs(gradient_[v]), 1.0 + largest_[v], v);
         }
     }
 
     const TRVmodel &model_;
     const bool hasduals_;
-    const double *x_ = nullptr, *rc_ = nullptr, *pi_ = nullptr;
-    int32_t nvars_ = 0;
+    const double *x_ = nullptr, *rc_ = nullptr, *pi_ = nullptr, *qpi_ = nullptr;
+    int32_t nvars_ = 0, nrows_ = 0;
     double objscale_ = 1.0;
     Buffer<double> gradient_, largest_;
     Worst row_, bound_, integral_, dual_, complementarity_;
@@ -162,8 +209,24 @@ class Checker {
 } // namespace
 
 TRVresiduals checksolution(TRVmodel &model, bool hasduals) {
-    model.rows.purge(model.columns);
-    return Checker(model, hasduals).run();
+    model.purge();
+    Checker checker(model, hasduals, {1, 1, 1, 1, 1});
+    checker.run();
+    return checker.residuals();
+}
+
+std::vector<TRVoffender> offenders(TRVmodel &model, bool hasduals, int figure, int n) {
+    if (figure < TRV_CHECK_ROW || figure > TRV_CHECK_COMPLEMENTARITY)
+        failf(TRV_ERROR_INVALID_ARGUMENT, "%d is not a figure of the check", figure);
+    model.purge();
+    Checker::Wanted wanted{};
+    wanted[figure] = static_cast<size_t>(n);
+    Checker checker(model, hasduals, wanted);
+    checker.run();
+    std::vector<TRVoffender> found;
+    for (const Worst::Entry &entry : checker.worst(figure).sorted())
+        found.push_back({entry.violation, entry.scale, entry.element});
+    return found;
 }
 
 } // namespace store
