@@ -93,6 +93,8 @@ TARVOPY_METHOD(function_clear_changes);
 TARVOPY_METHOD(function_open_solution);
 TARVOPY_METHOD(function_commit_solution);
 TARVOPY_METHOD(function_residuals);
+TARVOPY_METHOD(function_offenders);
+TARVOPY_METHOD(function_element_name);
 TARVOPY_METHOD(function_evaluate_objective);
 TARVOPY_METHOD(function_set_solving);
 TARVOPY_METHOD(function_is_solving);

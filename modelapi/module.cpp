@@ -73,6 +73,11 @@ PyMethodDef functions[] = {
         "runtime=0.0, itercount=0.0, nodecount=0.0, engine='')\n--\n\nMakes the open arrays the model's solution."),
     function("residuals", function_residuals,
              "residuals($module, handle, has_duals, /)\n--\n\nHow well the open solution (else the last one) holds."),
+    function("offenders", function_offenders,
+             "offenders($module, handle, has_duals, figure, n, /)\n--\n\nThe n worst (violation, scale, element) of a "
+             "figure, worst first."),
+    function("element_name", function_element_name,
+             "element_name($module, handle, kind, position, /)\n--\n\nThe name of a variable or row by its position."),
     function("evaluate_objective", function_evaluate_objective,
              "evaluate_objective($module, handle, x, /)\n--\n\nThe objective at x (float64, by position), constant "
              "included."),

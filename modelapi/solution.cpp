@@ -2,7 +2,9 @@
 
 #include "modelapi.h"
 
+#include <algorithm>
 #include <cmath>
+#include <vector>
 
 namespace tarvopy::modelapi {
 
@@ -20,6 +22,10 @@ Ref writable(PyObject *owner, npy_intp count, double *data) {
 
 double figure(PyObject *object, double otherwise) {
     return object ? check_value(PyFloat_AsDouble(object)) : otherwise;
+}
+
+int small(PyObject *object) {
+    return check_value(PyLong_AsInt(object));
 }
 
 bool flag(PyObject *object) {
@@ -118,6 +124,45 @@ TARVOPY_METHOD(function_evaluate_objective) {
         double value;
         succeed(store, TRVevalobjective(store, static_cast<const double *>(PyArray_DATA(as_array(x))), &value));
         return check(PyFloat_FromDouble(value));
+    });
+}
+
+TARVOPY_METHOD(function_offenders) {
+    static const Signature signature{"offenders", {"handle", "has_duals", "figure", "n"}, 4};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        int has_duals = check_status(PyObject_IsTrue(given[1])), figure = small(given[2]), n = small(given[3]);
+        TRVmodel *store = engine_store(given[0]);
+        std::vector<TRVoffender> worst(std::max(n, 0));
+        int count = 0;
+        succeed(store, TRVoffenders(store, has_duals, figure, n, worst.data(), &count));
+        Ref list = check(PyList_New(count));
+        for (int i = 0; i < count; ++i)
+            PyList_SET_ITEM(
+                list.get(), i,
+                check(Py_BuildValue("(ddi)", worst[i].violation, worst[i].scale, worst[i].element)).release());
+        return list;
+    });
+}
+
+TARVOPY_METHOD(function_element_name) {
+    static const Signature signature{"element_name", {"handle", "kind", "position"}, 3};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        int kind = small(given[1]);
+        int32_t position = small(given[2]), id;
+        const char *attribute = kind == TRV_VAR ? "VarName" : kind == TRV_QCONSTR ? "QName" : "ConstrName";
+        TRVmodel *store = engine_store(given[0]);
+        succeed(store, TRVidsat(store, kind, 1, &position, &id));
+        char *text;
+        int64_t *offset;
+        succeed(store, TRVgetstrs(store, attribute, 1, &id, 0, &text, &offset));
+        PyObject *name = PyUnicode_DecodeUTF8(text, static_cast<Py_ssize_t>(offset[1]), "replace");
+        TRVfree(text);
+        TRVfree(offset);
+        return check(name);
     });
 }
 

@@ -141,6 +141,15 @@ def commit_solution(
 def residuals(handle: Any, has_duals: bool) -> dict[str, float | int]:
     """How well the open solution (else the last one) holds, by the field names of TRVresiduals in tarvo.h."""
 
+def offenders(handle: Any, has_duals: bool, figure: int, n: int) -> list[tuple[float, float, int]]:
+    """The n elements that violate a figure most, worst first: (violation, scale, element), as many as there are.
+
+    figure: 0 rows, 1 bounds, 2 integrality, 3 dual, 4 complementarity; element counts as in residuals.
+    """
+
+def element_name(handle: Any, kind: int, position: int) -> str:
+    """The name of a variable (kind 1), linear row (2) or quadratic row (4) by its position."""
+
 def evaluate_objective(handle: Any, x: NDArray[np.float64]) -> float:
     """The objective at x (float64 of nvars entries, by position), constant included."""
 

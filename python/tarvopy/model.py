@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 import os
 from types import TracebackType
 from typing import Any, Self
@@ -31,6 +32,8 @@ class Model(_modelapi.ModelBase):
         self._params = Parameters()
         self._engine: Any = None
         self._why_engine: str | None = None
+        self._curvature: Any = None  # of the problem that the engine holds, where it was asked for
+        self._claimed = math.nan  # the last solution's objective in the eyes of its engine
 
     # ---- solving
 

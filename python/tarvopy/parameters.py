@@ -157,6 +157,14 @@ class Parameters:
         """All parameters back to their defaults."""
         self._values.clear()
 
+    def replaced(self, **changes: Any) -> Parameters:
+        """A copy with other values for some; this one stays as it is."""
+        copy = Parameters()
+        copy._values.update(self._values)
+        for name, value in changes.items():
+            setattr(copy, name, value)
+        return copy
+
     def __iter__(self) -> Iterator[tuple[str, Any]]:
         return ((name, getattr(self, name)) for name in _NAMES)
 

@@ -19,6 +19,8 @@ if TYPE_CHECKING:
     import numpy as np
 
 
+#: Kinds of element, as tarvo.h numbers them.
+TRV_VAR, TRV_CONSTR, TRV_QCONSTR = 1, 2, 4
 #: What curvature() says: see tarvo.h.
 LINEAR, CONVEX, CONE, NONCONVEX = 0, 1, 2, 3
 
@@ -124,9 +126,27 @@ class Problem:
         objective, rows = self.curvature()
         return objective != NONCONVEX and not (rows == NONCONVEX).any()
 
+    @property
+    def known_curvature(self) -> tuple[int, np.ndarray] | None:
+        """What curvature() has found, None where nobody asked."""
+        return self._curvature[0] if self._curvature else None
+
+    def assume_curvature(self, known: tuple[int, np.ndarray]) -> None:
+        """Takes over what was found for an earlier state in which nothing that matters for it was any different."""
+        self._curvature.append(known)
+
     def cones(self) -> Cones:
         """The quadratic rows as second-order cones; TarvoError (UNSUPPORTED) naming a row that is nonconvex."""
         return Cones(self.handle, **_modelapi.cones(self.handle))
+
+    def var_name(self, position: int) -> str:
+        return _modelapi.element_name(self.handle, TRV_VAR, position)
+
+    def row_name(self, position: int) -> str:
+        return _modelapi.element_name(self.handle, TRV_CONSTR, position)
+
+    def qrow_name(self, position: int) -> str:
+        return _modelapi.element_name(self.handle, TRV_QCONSTR, position)
 
 
 @dataclass(frozen=True, slots=True, eq=False)
@@ -180,6 +200,10 @@ class Changes:
     @classmethod
     def of(cls, handle: Any) -> Changes:
         return cls(**_modelapi.changes(handle))
+
+    def keep_curvature(self, problem: Problem) -> bool:
+        """Nothing changed that may change the curvature; bounds decide over cones only."""
+        return not (self.structure or self.quadratic or self.sense or (problem.nqrows and len(self.bounds)))
 
     @staticmethod
     def clear(handle: Any) -> None:

@@ -56,6 +56,13 @@ class Reporter:
         self._clear()
         self._write(text + "\n")
 
+    def note(self, text: str) -> None:
+        """A line between two runs, but not in a silent solve."""
+        if self.level >= 2 and self.engine is not None:
+            self._write(self.engine.take_log())
+        if self.level >= 1:
+            self.line(text)
+
     def finish(self, outcome: Outcome) -> None:
         if self.level >= 2 and self.engine is not None:
             self._write(self.engine.take_log())

@@ -12,28 +12,26 @@ from __future__ import annotations
 import math
 import threading
 import warnings
-from typing import TYPE_CHECKING, Any, NamedTuple
+from typing import TYPE_CHECKING, Any
 
 from tarvopy import _modelapi, engines
 from tarvopy._trv import TRV
 from tarvopy.engines.base import Outcome
-from tarvopy.flight import CtrlC, abandon, fly
+from tarvopy.flight import CtrlC, abandon
 from tarvopy.problem import Changes, Problem
 from tarvopy.progress import Reporter
+from tarvopy.runs import Runs, best_answer
 
 if TYPE_CHECKING:
     import numpy as np
 
+    from tarvopy.check import Offence
     from tarvopy.engines.base import Engine
     from tarvopy.model import Model
-    from tarvopy.parameters import Parameters
 
 __all__ = ["engines", "optimize", "prepare"]
 
 _claiming = threading.Lock()
-
-#: How many times a tolerance a violation may be before an optimum is called imprecise.
-_SLACK = 10.0
 
 
 def prepare(model: Model) -> dict[str, int]:
@@ -54,7 +52,7 @@ def optimize(model: Model) -> None:
     with CtrlC() as ctrl_c:
         outcome, offence = _solve_claimed(model, reporter, ctrl_c)
     if offence is not None:
-        outcome.message = offence.text(model)
+        outcome.message = offence.text
     reporter.finish(outcome)
     if offence is not None:
         warnings.warn(f"The solution is imprecise: {outcome.message}", RuntimeWarning, stacklevel=3)
@@ -99,9 +97,12 @@ def _engine_with(model: Model, problem: Problem) -> Engine:
     """The engine that fits, holding the problem as it stands: changes are sent where it holds an earlier state of this
     model.
     """
-    cls, model._why_engine = engines.pick(problem, model.params.Engine)
     engine = model._engine
     changes = Changes.of(problem.handle)
+    if model._curvature is not None and changes.keep_curvature(problem):
+        problem.assume_curvature(model._curvature)
+    cls, model._why_engine = engines.pick(problem, model.params.Engine)
+    model._curvature = problem.known_curvature
     if type(engine) is not cls or not engine.change(problem, changes):
         if type(engine) is not cls:
             engine = cls()
@@ -118,19 +119,13 @@ def _solve(model: Model, problem: Problem, reporter: Reporter, ctrl_c: CtrlC) ->
         for multipliers in _modelapi.open_solution(problem.handle)[1:]:
             multipliers.fill(0.0)
         _commit(problem, outcome, "tarvopy")
+        model._claimed = outcome.objval
         return outcome, None
-    engine = _engine_with(model, problem)
-    reporter.engine = engine
-    engine.start(problem, model.params)
-    told = fly(engine, reporter, ctrl_c)
-    while not told and engine.again(problem):
-        told = fly(engine, reporter, ctrl_c)
-    outcome = engine.outcome(problem)
-    x, rc, pi, qpi = _modelapi.open_solution(problem.handle)
-    engine.write_solution(outcome, x, rc, pi, qpi)
-    offence = _judge(problem, outcome, x, model.params)
-    _commit(problem, outcome, engine.full_name())
-    return outcome, offence
+    runs = Runs(problem, model.params, reporter, ctrl_c)
+    answer = best_answer(model, _engine_with(model, problem), runs)
+    _commit(problem, answer.outcome, answer.engine.full_name())
+    model._claimed = answer.claimed
+    return answer.outcome, answer.offence
 
 
 def _without_engine(problem: Problem) -> Outcome | None:
@@ -164,67 +159,3 @@ def _commit(problem: Problem, outcome: Outcome, engine_name: str) -> None:
         nodecount=outcome.nodecount,
         engine=engine_name,
     )
-
-
-# ---- the check of the answer ---------------------------------------------------------------------------------------
-
-
-class Offence(NamedTuple):
-    """What an answer violates most."""
-
-    what: str
-    violation: float
-    position: int
-    of_row: bool
-
-    def text(self, model: Model) -> str:
-        element = (model.getConstrs() if self.of_row else model.getVars())[self.position]
-        name = element.ConstrName if self.of_row else element.VarName
-        return f"{self.what} of {'row' if self.of_row else 'variable'} {name} by {self.violation:.3g}"
-
-
-def _judge(problem: Problem, outcome: Outcome, x: np.ndarray, params: Parameters) -> Offence | None:
-    """Holds the open solution against the model itself; an optimum that does not hold becomes IMPRECISE."""
-    if not outcome.has_x:
-        return None
-    # The objective of the point that is handed on, not the one the engine had in mind.
-    value = _modelapi.evaluate_objective(problem.handle, x)
-    if outcome.bound == outcome.objval:
-        outcome.bound = value
-    outcome.objval = value
-    if outcome.status not in (TRV.OPTIMAL, TRV.IMPRECISE):
-        return None
-    found = offence(_modelapi.residuals(problem.handle, outcome.has_duals), problem, params)
-    if found is not None:
-        outcome.status = TRV.IMPRECISE
-    return found
-
-
-def offence(residuals: dict[str, Any], problem: Problem, params: Parameters) -> Offence | None:
-    """The worst violation beyond what the tolerances allow, relative to them; None if all hold.
-
-    Engines keep their tolerances on a scaled and presolved problem. Back on the given one a sum of large terms is off
-    by as much again, so what is allowed is a tolerance times ten, on the scale of the largest term involved.
-    """
-    tolerance = params.FeasibilityTol
-    if problem.nintegral:
-        tolerance = max(tolerance, params.IntegralityTol)  # HiGHS holds the rows of a MIP to this one
-    r = residuals
-    nvars = problem.nvars
-    limits = [
-        ("violation of the sides", r["row"], r["worstrow"], True, tolerance * r["rowscale"]),
-        ("violation of the bounds", r["bound"], r["worstbound"], False, tolerance * r["boundscale"]),
-        ("fraction of the integer value", r["integral"], r["worstintegral"], False, params.IntegralityTol),
-        ("dual infeasibility", r["dual"], r["worstdual"], None, params.OptimalityTol * r["dualscale"]),
-        (
-            *("price off its bound", r["complementarity"], r["worstcomplementarity"], None),
-            params.OptimalityTol * r["complementarityscale"],
-        ),
-    ]
-    worst, ratio = None, _SLACK
-    for what, violation, position, of_row, limit in limits:
-        if position >= 0 and not violation <= ratio * limit:
-            row = position >= nvars if of_row is None else of_row
-            worst = Offence(what, violation, position - nvars if of_row is None and row else position, row)
-            ratio = violation / limit
-    return worst

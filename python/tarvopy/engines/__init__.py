@@ -15,46 +15,127 @@ from typing import TYPE_CHECKING
 
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
+from tarvopy.problem import CONE, CONVEX, NONCONVEX
 
 if TYPE_CHECKING:
     from tarvopy.engines.base import Engine
     from tarvopy.problem import Problem
 
-#: params.Engine -> module of this folder; None for those that this release does not speak to.
-_MODULES = {"highs": "highs", "clarabel": None, "scip": None}
+#: params.Engine -> module of this folder.
+_MODULES = {"highs": "highs", "clarabel": "clarabel", "scip": "scip"}
 
 
 def engine_class(key: str) -> type[Engine]:
-    """The class behind a value of `params.Engine`; TarvoError (UNSUPPORTED) for an engine that this release does not
-    have.
-    """
+    """The class behind a value of `params.Engine`; its package need not be installed."""
     from importlib import import_module
 
-    module = _MODULES.get(key)
-    if module is None:
-        spoken = ", ".join(repr(k) for k, m in _MODULES.items() if m)
-        raise TarvoError(TRV.ERROR_UNSUPPORTED, f"Engine {key!r} is not part of this release; there is {spoken}")
-    return import_module(f"tarvopy.engines.{module}").ENGINE
+    return import_module(f"tarvopy.engines.{_MODULES[key]}").ENGINE
+
+
+def candidates(problem: Problem) -> tuple[str, ...]:
+    """The engines to think of for a problem, the best one first."""
+    if not problem.is_quadratic:
+        return ("highs", "scip") if problem.nintegral else ("highs", "clarabel", "scip")
+    if problem.nintegral or not problem.is_convex:
+        return ("scip",)
+    return ("clarabel", "scip")
 
 
 def pick(problem: Problem, key: str) -> tuple[type[Engine], str]:
-    """The engine class for a problem, and a sentence that says why; TarvoError where a chosen engine cannot take it."""
-    cls = engine_class("highs" if key == "auto" else key)
+    """The engine class for a problem, and a sentence that says why.
+
+    TarvoError (UNSUPPORTED) that says what stands in the way, or which package to install, where none can take it.
+    """
+    if key != "auto":
+        cls = engine_class(key)
+        obstacle = _obstacle(cls, problem)
+        if obstacle:
+            raise TarvoError(TRV.ERROR_UNSUPPORTED, obstacle)
+        return cls, f"{cls.name}: chosen by params.Engine, {describe(problem)}"
+    obstacles = []
+    for candidate in candidates(problem):
+        cls = engine_class(candidate)
+        obstacle = _obstacle(cls, problem)
+        if not obstacle:
+            return cls, f"{cls.name}: {describe(problem)}" + "".join(f" ({said})" for said in obstacles)
+        obstacles.append(obstacle)
+    raise TarvoError(TRV.ERROR_UNSUPPORTED, "; ".join(obstacles))
+
+
+def alternatives(problem: Problem, picked: type[Engine]) -> list[type[Engine]]:
+    """The engines that could solve a problem again when the picked one's answer does not hold.
+
+    None for a linear problem of continuous variables: HiGHS has two methods of its own for these.
+    """
+    if not problem.is_quadratic and not problem.nintegral:
+        return []
+    classes = [engine_class(key) for key in candidates(problem)]
+    return [cls for cls in classes if cls is not picked and not _obstacle(cls, problem)]
+
+
+def _obstacle(cls: type[Engine], problem: Problem) -> str:
+    """Why this engine cannot solve the problem here, "" if it can."""
     reason = cls.refusal(problem)
     if reason:
-        raise TarvoError(TRV.ERROR_UNSUPPORTED, f"{cls.name} cannot take this model: {reason}")
-    chosen = "" if key == "auto" else "chosen by params.Engine, "
-    return cls, f"{cls.name}: {chosen}{describe(problem)}"
+        return f"{cls.name} cannot take this model: {reason}"
+    try:
+        cls.full_name()
+    except TarvoError as error:  # the package is missing: its text names what to install
+        return error.message
+    return ""
+
+
+# ---- the sentence ----------------------------------------------------------------------------------------------------
 
 
 def describe(problem: Problem) -> str:
-    """The class of a problem in words: "linear with 40 integer variables"."""
+    """The class of a problem in words: "linear with 40 integer variables", "quadratic row 'cap[3]' is not convex"."""
+    if not problem.is_quadratic:
+        cancelled = f" (all terms of {_count(problem.nqrows, 'quadratic row')} cancel)" if problem.nqrows else ""
+        integral = _integral(problem)
+        return f"linear{cancelled} with {integral}" if integral else f"linear{cancelled}, all variables continuous"
+    if problem.nintegral:
+        rows = problem.nqrows - problem.nqlinear
+        parts = ["quadratic objective"] if problem.nqobj else []
+        parts += [_count(rows, "quadratic row")] if rows else []
+        return f"{', '.join(parts)}, {_integral(problem)}"
+    return _nonconvex(problem) or _convex(problem)
+
+
+def _nonconvex(problem: Problem) -> str:
+    """The parts that are not convex, "" where there are none."""
+    objective, rows = problem.curvature()
+    parts = ["the quadratic objective is not convex"] if objective == NONCONVEX else []
+    where = (rows == NONCONVEX).nonzero()[0]
+    if len(where):
+        more = f" (nor are {len(where) - 1} more)" if len(where) > 1 else ""
+        parts.append(f"quadratic row {problem.qrow_name(int(where[0]))!r} is not convex{more}")
+    return ", ".join(parts)
+
+
+def _convex(problem: Problem) -> str:
+    _, rows = problem.curvature()
+    convex, cones = int((rows == CONVEX).sum()), int((rows == CONE).sum())
+    parts = ["convex quadratic objective"] if problem.nqobj else []
+    parts += [_count(convex, "convex quadratic row")] if convex else []
+    parts += [_count(cones, "second-order cone row")] if cones else []
+    return f"{', '.join(parts)}, all variables continuous"
+
+
+def _integral(problem: Problem) -> str:
+    """ "3 integer and 1 semi-continuous variable", "" where all are continuous."""
     if not problem.nintegral:
-        return "linear, all variables continuous"
+        return ""
     semi = int((problem.vtype == b"S").sum())
-    parts = [(problem.nintegral - semi, "integer"), (semi, "semi-continuous")]
-    said = [f"{n} {kind} variable{'s' if n != 1 else ''}" for n, kind in parts if n]
-    return "linear with " + " and ".join(said)
+    parts = [(problem.nintegral - semi, "integer variable"), (semi, "semi-continuous variable")]
+    return " and ".join(_count(n, kind) for n, kind in parts if n)
+
+
+def _count(n: int, what: str) -> str:
+    return f"{n} {what}" + ("s" if n != 1 else "")
+
+
+# ---- what is installed -----------------------------------------------------------------------------------------------
 
 
 def engines() -> dict[str, str | None]:
@@ -62,9 +143,7 @@ def engines() -> dict[str, str | None]:
     not installed.
     """
     found: dict[str, str | None] = {}
-    for key, module in _MODULES.items():
-        if module is None:
-            continue
+    for key in _MODULES:
         try:
             found[key] = engine_class(key).full_name()
         except TarvoError:

@@ -1,0 +1,163 @@
+"""The runs of one solve: the first answer, and where an optimum does not hold one step more precision.
+
+    answer = best_answer(model, problem, engine, runs)
+
+That step is a run of the same engine with tighter tolerances, and then, where params.Engine leaves the choice open, a
+run of another engine that can take the problem. The answer with the smallest violation stays. Ctrl-C and the time limit
+end it; what comes after the first run has a time of its own besides, so that nobody waits an hour for a digit.
+"""
+
+from __future__ import annotations
+
+import math
+import time
+from collections.abc import Iterator
+from dataclasses import dataclass
+from typing import TYPE_CHECKING
+
+from tarvopy import _modelapi, engines
+from tarvopy._exception import TarvoError
+from tarvopy._trv import TRV
+from tarvopy.check import SLACK, Offence, judge
+from tarvopy.flight import CtrlC, fly
+
+if TYPE_CHECKING:
+    import numpy as np
+
+    from tarvopy.engines.base import Engine, Outcome
+    from tarvopy.model import Model
+    from tarvopy.parameters import Parameters
+    from tarvopy.problem import Problem
+    from tarvopy.progress import Reporter
+
+#: What further runs may take, each: so many seconds, and so many times what the first one took.
+_PATIENCE = (10.0, 10.0)
+
+
+@dataclass(slots=True, eq=False)
+class Answer:
+    """What one run gave, held against the model."""
+
+    engine: Engine
+    outcome: Outcome
+    claimed: float
+    """The objective as the engine saw it."""
+    offence: Offence | None
+    arrays: tuple[np.ndarray, ...]
+    """x, rc, pi, qpi: the store's open arrays of this run, which stay readable."""
+
+    @property
+    def holds(self) -> bool:
+        return self.outcome.status != TRV.IMPRECISE
+
+    @property
+    def ratio(self) -> float:
+        """How far off it is; an answer that its engine itself calls imprecise stands at the limit."""
+        if self.holds:
+            return 0.0
+        return SLACK if self.offence is None else self.offence.ratio
+
+    def better_than(self, other: Answer) -> bool:
+        return self.outcome.status in (TRV.OPTIMAL, TRV.IMPRECISE) and self.outcome.has_x and self.ratio < other.ratio
+
+
+class Runs:
+    """The runs of one solve, within its time."""
+
+    def __init__(self, problem: Problem, params: Parameters, reporter: Reporter, ctrl_c: CtrlC) -> None:
+        self.problem, self.params, self.reporter, self.ctrl_c = problem, params, reporter, ctrl_c
+        self._deadline = time.monotonic() + params.TimeLimit
+
+    def finish(self, engine: Engine) -> Answer:
+        """Waits for a run that was started, and reads its answer."""
+        self.reporter.engine = engine
+        told = fly(engine, self.reporter, self.ctrl_c)
+        while not told and engine.again(self.problem):
+            told = fly(engine, self.reporter, self.ctrl_c)
+        outcome = engine.outcome(self.problem)
+        arrays = _modelapi.open_solution(self.problem.handle)
+        engine.write_solution(outcome, *arrays)
+        claimed = outcome.objval
+        return Answer(engine, outcome, claimed, judge(self.problem, outcome, arrays[0], self.params), arrays)
+
+    def params_of_further_run(self, first: Answer) -> Parameters | None:
+        """The parameters with the time that is left to another run; None where there is none."""
+        if self.ctrl_c.count:
+            return None
+        patience = _PATIENCE[0] + _PATIENCE[1] * first.outcome.runtime
+        left = min(self._deadline - time.monotonic(), patience)
+        return self.params.replaced(TimeLimit=left) if left > 0 else None
+
+
+def best_answer(model: Model, engine: Engine, runs: Runs) -> Answer:
+    """Runs the engine, and others while the answer does not hold; the best answer then stands in the open solution."""
+    engine.start(runs.problem, runs.params)
+    first = last = best = runs.finish(engine)
+    if not first.holds:
+        for other in _further_runs(model, first, runs):
+            last = runs.finish(other)
+            best.outcome.itercount, last.outcome.itercount = _totals("itercount", best, last)
+            best.outcome.nodecount, last.outcome.nodecount = _totals("nodecount", best, last)
+            best.outcome.runtime, last.outcome.runtime = _totals("runtime", best, last)
+            if last.better_than(best):
+                best = last
+            if best.holds:
+                break
+        model._engine = engine
+        _say_who_answered(model, first, best)
+    if best is not last:
+        for array, kept in zip(_modelapi.open_solution(runs.problem.handle), best.arrays, strict=True):
+            array[:] = kept
+    return best
+
+
+def _totals(figure: str, *answers: Answer) -> tuple[float, float]:
+    """What all runs took together, whichever of the two answers stays."""
+    total = math.fsum(getattr(answer.outcome, figure) for answer in answers)
+    return total, total
+
+
+def _further_runs(model: Model, first: Answer, runs: Runs) -> Iterator[Engine]:
+    """Engines with a run under way, each one step further. The model holds the one that runs, so that whoever leaves
+    it alone knows which.
+    """
+    params = runs.params_of_further_run(first)
+    if params is None:
+        return
+    said = first.offence.text if first.offence else first.outcome.message or "imprecise"
+    runs.reporter.note(f"{first.engine.name}: {said}; trying for more precision")
+    if first.engine.refine(runs.problem, params):
+        yield first.engine
+    if runs.params.Engine != "auto":
+        return
+    for cls in engines.alternatives(runs.problem, type(first.engine)):
+        params = runs.params_of_further_run(first)
+        if params is None:
+            return
+        other = _started(cls, model, runs.problem, params.replaced(EngineOptions={}))
+        if other is not None:
+            yield other
+            other.close()
+
+
+def _started(cls: type[Engine], model: Model, problem: Problem, params: Parameters) -> Engine | None:
+    """Another engine with its run under way; None where it turns out not to take the problem, which is no error of a
+    solve that has an answer.
+    """
+    try:
+        engine = cls()
+        engine.load(problem)
+        engine.start(problem, params)
+    except TarvoError:
+        return None
+    model._engine = engine
+    return engine
+
+
+def _say_who_answered(model: Model, first: Answer, best: Answer) -> None:
+    if best.engine is not first.engine:
+        said = first.offence.text if first.offence else first.outcome.message
+        model._why_engine = (
+            f"{best.engine.name}: solved again, since the answer of {first.engine.name} did not hold ({said}); "
+            f"{model._why_engine}"
+        )
