@@ -12,7 +12,7 @@ from tarvopy.engines.highs import HighsEngine
 def m():
     """max x + y: x + 2 y <= 4 (row "cap"), x <= 9 (row "loose"), x, y in [0, 3], y integral in the MIP."""
     model = tarvopy.Model()
-    model.params.LogLevel = 0
+    model.params.LogLevel, model.params.Engine = 0, "highs"
     x, y = model.addVar(ub=3.0, obj=1.0, name="x"), model.addVar(ub=3.0, obj=1.0, name="y")
     model.addConstr(x + 2 * y <= 4, name="cap")
     model.addConstr(1 * x <= 9, name="loose")

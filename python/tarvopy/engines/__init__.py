@@ -26,10 +26,18 @@ _MODULES = {"highs": "highs", "clarabel": "clarabel", "scip": "scip"}
 
 
 def engine_class(key: str) -> type[Engine]:
-    """The class behind a value of `params.Engine`; its package need not be installed."""
+    """The class behind a value of `params.Engine`; its package need not be installed. TarvoError (UNSUPPORTED) for an
+    engine that this release does not have.
+    """
     from importlib import import_module
 
-    return import_module(f"tarvopy.engines.{_MODULES[key]}").ENGINE
+    name = f"tarvopy.engines.{_MODULES[key]}"
+    try:
+        return import_module(name).ENGINE
+    except ModuleNotFoundError as error:
+        if error.name != name:
+            raise
+        raise TarvoError(TRV.ERROR_UNSUPPORTED, f"Engine {key!r} is not part of this release") from None
 
 
 def candidates(problem: Problem) -> tuple[str, ...]:
@@ -54,7 +62,11 @@ def pick(problem: Problem, key: str) -> tuple[type[Engine], str]:
         return cls, f"{cls.name}: chosen by params.Engine, {describe(problem)}"
     obstacles = []
     for candidate in candidates(problem):
-        cls = engine_class(candidate)
+        try:
+            cls = engine_class(candidate)
+        except TarvoError as error:
+            obstacles.append(error.message)
+            continue
         obstacle = _obstacle(cls, problem)
         if not obstacle:
             return cls, f"{cls.name}: {describe(problem)}" + "".join(f" ({said})" for said in obstacles)
@@ -69,8 +81,15 @@ def alternatives(problem: Problem, picked: type[Engine]) -> list[type[Engine]]:
     """
     if not problem.is_quadratic and not problem.nintegral:
         return []
-    classes = [engine_class(key) for key in candidates(problem)]
-    return [cls for cls in classes if cls is not picked and not _obstacle(cls, problem)]
+    found = []
+    for key in candidates(problem):
+        try:
+            cls = engine_class(key)
+        except TarvoError:
+            continue
+        if cls is not picked and not _obstacle(cls, problem):
+            found.append(cls)
+    return found
 
 
 def _obstacle(cls: type[Engine], problem: Problem) -> str:
