@@ -4,13 +4,15 @@ snapshot(store)          {"vars": [...], "lb": [...], "matrix": {(row, column): 
 read_text(text)          the Store read from a file with this text
 """
 
+import ctypes
 import os
 import tempfile
+from itertools import pairwise
 from pathlib import Path
 
 import numpy as np
 
-from solver.store import CONSTR, VAR, Store
+from solver.store import CONSTR, QCONSTR, VAR, Store
 
 SYNTAX, FILE, UNSUPPORTED = 9, 8, 10
 
@@ -36,6 +38,22 @@ def snapshot(store: Store) -> dict:
         "constant": repr(data["objconstant"]),
         "sense": data["sense"],
         "matrix": {(int(i), int(j)): float(v) for i, j, v in zip(index, columns, value, strict=True)},
+        **quadratic_snapshot(store, data),
+    }
+
+
+def quadratic_snapshot(store: Store, data: dict) -> dict:
+    """Products in their order, the linear terms of quadratic rows in none (the columns of MPS decide it)."""
+    objective = [(*store.positions(VAR, [i, j]), value) for i, j, value in store.qobjective()]
+    start, index, value, qstart, first, second, qvalue = (array.tolist() for array in store.qmatrix())
+    products = list(zip(first, second, qvalue, strict=True))
+    return {
+        "qrows": names(store, QCONSTR, data["nqrows"]),
+        "qsense": data["qsense"],
+        "qrhs": [repr(v + 0.0) for v in data["qrhs"].tolist()],
+        "qobj": objective,
+        "qlinear": [dict(zip(index[a:b], value[a:b], strict=True)) for a, b in pairwise(start)],
+        "qterms": [products[a:b] for a, b in pairwise(qstart)],
     }
 
 
@@ -54,7 +72,7 @@ def floats(model):
 def names(store: Store, kind: int, count: int) -> list[str]:
     if count == 0:
         return []
-    attribute = "VarName" if kind == VAR else "ConstrName"
+    attribute = {VAR: "VarName", CONSTR: "ConstrName", QCONSTR: "QName"}[kind]
     return store.strs(attribute, store.idsat(kind, range(count)))
 
 
@@ -68,14 +86,42 @@ def write(store: Store, path: object) -> None:
     store.call("TRVwritemodel", os.fsencode(path))
 
 
-def read_text(text: str | bytes) -> Store:
+def read_text(text: str | bytes, ending: str = "mps") -> Store:
     with tempfile.TemporaryDirectory() as folder:
-        path = Path(folder) / "m.mps"
+        path = Path(folder) / f"m.{ending}"
         path.write_bytes(text if isinstance(text, bytes) else text.encode())
         return read(path)
 
 
-def instances(*folders: str) -> list[Path]:
-    """The *.mps files of these folders of TARVOPY_INSTANCES, none if it is unset."""
+def built(columns, rows=(), name="", sense=1, constant=0.0, qobj=(), qrows=()):
+    """columns: (name, vtype, lb, ub, obj); rows: (name, lower, upper, {column: coefficient}).
+
+    qobj: (column, column, coefficient); qrows: (name, sense, rhs, [(column, coefficient)], products as in qobj).
+    """
+    store = Store(name)
+    if columns:
+        names, vtypes, *numbers = zip(*columns, strict=True)
+        store.addvars(len(columns), *numbers, "".join(vtypes), list(names))
+    if rows:
+        names, lower, upper, terms = zip(*rows, strict=True)
+        store.addrows(terms, lower, upper, list(names))
+    if qrows:
+        names, senses, rhs, linear, products = zip(*qrows, strict=True)
+        store.addqrows(list(zip(linear, products, strict=True)), "".join(senses), rhs, list(names))
+    if qobj:
+        store.setqobjective([(i, column[4]) for i, column in enumerate(columns)], qobj)
+    store.call("TRVsetintattr", b"ModelSense", sense)
+    store.call("TRVsetdblattr", b"ObjConstant", ctypes.c_double(constant))
+    store.update()
+    return store
+
+
+def returned(store: Store, path: object) -> Store:
+    write(store, path)
+    return read(path)
+
+
+def instances(*folders: str, pattern: str = "*.mps") -> list[Path]:
+    """Files of these folders of TARVOPY_INSTANCES, none if it is unset."""
     root = os.environ.get("TARVOPY_INSTANCES")
-    return [path for folder in folders for path in sorted(Path(root, folder).glob("*.mps"))] if root else []
+    return [path for folder in folders for path in sorted(Path(root, folder).glob(pattern))] if root else []

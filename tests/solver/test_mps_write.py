@@ -1,6 +1,5 @@
 """Models written as MPS and read back are the same to the bit; what MPS cannot say is refused in advance."""
 
-import ctypes
 import gzip
 import math
 import os
@@ -13,31 +12,11 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 from solver import mps_oracle
-from solver.model_file import FILE, SAME, UNSUPPORTED, floats, instances, read, snapshot, write
+from solver.model_file import FILE, SAME, UNSUPPORTED, built, floats, instances, read, returned, snapshot, write
+from solver.model_strategies import models
 from solver.store import CONSTR, VAR, Store, StoreError
 
 INF = math.inf
-
-
-def built(columns, rows=(), name="", sense=1, constant=0.0):
-    """columns: (name, vtype, lb, ub, obj); rows: (name, lower, upper, {column: coefficient})."""
-    store = Store(name)
-    if columns:
-        names, vtypes, *numbers = zip(*columns, strict=True)
-        store.addvars(len(columns), *numbers, "".join(vtypes), list(names))
-    if rows:
-        names, lower, upper, terms = zip(*rows, strict=True)
-        store.addrows(terms, lower, upper, list(names))
-    store.call("TRVsetintattr", b"ModelSense", sense)
-    store.call("TRVsetdblattr", b"ObjConstant", ctypes.c_double(constant))
-    store.update()
-    return store
-
-
-def returned(store, path):
-    write(store, path)
-    return read(path)
-
 
 BOUNDS = [
     (0.0, INF),
@@ -228,31 +207,11 @@ def test_rights_and_links_of_the_old_file_stay(tmp_path):
 
 # ---- any model ------------------------------------------------------------------------------------------------------
 
-finite = st.floats(allow_nan=False, allow_infinity=False).filter(lambda v: abs(v) < 1e20)
-nonzero = finite.filter(lambda v: v != 0)
 free_name = st.text(st.characters(codec="utf-8", min_codepoint=0x21), min_size=1, max_size=12)
 fixed_name = st.text(st.sampled_from("ab $*5'."), min_size=1, max_size=8).filter(lambda text: text == text.strip())
 
 
-@st.composite
-def models(draw):
-    name = draw(st.sampled_from([free_name, fixed_name]))
-    columns = draw(st.lists(name, unique=True, max_size=6))
-    rows = draw(st.lists(name, unique=True, max_size=5))
-    lower = st.one_of(st.just(0.0), st.just(-INF), finite)
-    upper = st.one_of(st.just(INF), st.just(1.0), finite)
-    sides = st.tuples(lower, upper).map(lambda pair: (min(pair), max(pair)))
-    terms = st.dictionaries(st.integers(0, len(columns) - 1), nonzero) if columns else st.just({})
-    return built(
-        [(c, draw(st.sampled_from("CIBS")), draw(lower), draw(upper), draw(finite)) for c in columns],
-        [(r, *draw(sides), draw(terms)) for r in rows],
-        name=draw(free_name),
-        sense=draw(st.sampled_from([1, -1])),
-        constant=draw(finite),
-    )
-
-
-@given(models())
+@given(models(free_name, fixed_name))
 @settings(max_examples=300, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
 def test_any_model_survives(tmp_path, store):
     assert snapshot(returned(store, tmp_path / "m.mps")) == snapshot(store)
