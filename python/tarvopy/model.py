@@ -5,10 +5,13 @@ from __future__ import annotations
 import math
 import os
 from types import TracebackType
-from typing import Any, Self
+from typing import TYPE_CHECKING, Any, Self
 
 from tarvopy import _modelapi
 from tarvopy.parameters import Parameters
+
+if TYPE_CHECKING:
+    from tarvopy.report import Report
 
 
 class Model(_modelapi.ModelBase):
@@ -65,6 +68,18 @@ class Model(_modelapi.ModelBase):
     def why_engine(self) -> str | None:
         """Why the engine of the last optimize() or prepare() was picked; None before."""
         return self._why_engine
+
+    def report(self, worst: int = 3) -> Report:
+        """How well the last solution holds, printed and returned: rows, bounds, integrality and, where there are
+        multipliers, stationarity and complementarity, each with its tolerance and the `worst` offenders by name.
+
+        Worked out anew from the model as it stands. NoDataError without a solution.
+        """
+        from tarvopy import report
+
+        made = report.make(self, worst)
+        print(made)
+        return made
 
     # ---- files
 

@@ -27,6 +27,11 @@ _STATUS_WORDS = {
 }
 
 
+def status_word(status: int) -> str:
+    """ "optimal", "time limit", ..."""
+    return _STATUS_WORDS.get(status, f"status {status}")
+
+
 class Reporter:
     """Prints for one solve. A closed or broken standard output never stops it."""
 
@@ -119,7 +124,7 @@ def status_text(name: str, progress: Progress) -> str:
 
 def outcome_text(name: str, outcome: Outcome) -> str:
     """The last line: "HiGHS: optimal, objective 12.5, bound 12.5, 0.03 s"."""
-    parts = [_STATUS_WORDS.get(outcome.status, f"status {outcome.status}")]
+    parts = [status_word(outcome.status)]
     if outcome.has_x:
         parts.append(f"objective {_number(outcome.objval)}")
     if outcome.bound == outcome.bound and outcome.bound != outcome.objval:
