@@ -70,7 +70,8 @@ PyMethodDef functions[] = {
     function(
         "commit_solution", function_commit_solution,
         "commit_solution($module, handle, /, *, status, has_x=False, has_duals=False, objval=nan, bound=nan, gap=nan, "
-        "runtime=0.0, itercount=0.0, nodecount=0.0, engine='')\n--\n\nMakes the open arrays the model's solution."),
+        "runtime=0.0, itercount=0.0, nodecount=0.0, engine='', noduals=None)\n--\n\nMakes the open arrays the model's "
+        "solution."),
     function("residuals", function_residuals,
              "residuals($module, handle, has_duals, /)\n--\n\nHow well the open solution (else the last one) holds."),
     function("offenders", function_offenders,

@@ -52,7 +52,7 @@ TARVOPY_METHOD(function_open_solution) {
     });
 }
 
-// Ten keywords are more than pysupport's reader takes, and one call a solve needs no speed.
+// Eleven keywords are more than pysupport's reader takes, and one call a solve needs no speed.
 TARVOPY_METHOD(function_commit_solution) {
     (void)self;
     return border([&] {
@@ -61,16 +61,16 @@ TARVOPY_METHOD(function_commit_solution) {
             PyTuple_SET_ITEM(positional.get(), i, Py_NewRef(args[i]));
         for (Py_ssize_t k = 0; kwnames && k < PyTuple_GET_SIZE(kwnames); ++k)
             check_status(PyDict_SetItem(named.get(), PyTuple_GET_ITEM(kwnames, k), args[nargs + k]));
-        static const char *keywords[] = {"handle", "status",  "has_x",     "has_duals", "objval", "bound",
-                                         "gap",    "runtime", "itercount", "nodecount", "engine", nullptr};
+        static const char *keywords[] = {"handle",  "status",    "has_x",     "has_duals", "objval",  "bound", "gap",
+                                         "runtime", "itercount", "nodecount", "engine",    "noduals", nullptr};
         PyObject *handle, *has_x = nullptr, *has_duals = nullptr, *objval = nullptr, *bound = nullptr, *gap = nullptr;
         PyObject *runtime = nullptr, *itercount = nullptr, *nodecount = nullptr;
-        const char *engine = "";
+        const char *engine = "", *noduals = nullptr;
         TRVresult result{};
         result.status = -1;
-        if (!PyArg_ParseTupleAndKeywords(positional.get(), named.get(), "O|$iOOOOOOOOs:commit_solution",
+        if (!PyArg_ParseTupleAndKeywords(positional.get(), named.get(), "O|$iOOOOOOOOsz:commit_solution",
                                          const_cast<char **>(keywords), &handle, &result.status, &has_x, &has_duals,
-                                         &objval, &bound, &gap, &runtime, &itercount, &nodecount, &engine))
+                                         &objval, &bound, &gap, &runtime, &itercount, &nodecount, &engine, &noduals))
             throw PythonError{};
         if (result.status < 0)
             fail(PyExc_TypeError, "commit_solution() needs a status");
@@ -84,6 +84,7 @@ TARVOPY_METHOD(function_commit_solution) {
         result.itercount = figure(itercount, 0.0);
         result.nodecount = figure(nodecount, 0.0);
         result.engine = engine;
+        result.noduals = noduals;
         TRVmodel *store = engine_store(handle);
         succeed(store, TRVcommitsolution(store, &result));
         return Ref::none();

@@ -148,7 +148,7 @@ class NativeModel:
             _fields_ = (
                 [(name, c_int) for name in ("status", "has_x", "has_duals")]
                 + [(name, c_double) for name in ("objval", "bound", "gap", "runtime", "itercount", "nodecount")]
-                + [("engine", c_char_p)]
+                + [("engine", c_char_p), ("noduals", c_char_p)]
             )
 
         arrays = [POINTER(c_double)() for _ in range(3)]

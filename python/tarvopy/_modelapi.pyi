@@ -132,10 +132,12 @@ def commit_solution(
     itercount: float = 0.0,
     nodecount: float = 0.0,
     engine: str = "",
+    noduals: str | None = None,
 ) -> None:
     """Makes the open arrays the model's solution.
 
-    Figures that are not there are NaN (their default); objval and bound in the model's own sense.
+    noduals: why there are no multipliers, as far as the model's variables do not say it. Figures that are not there are
+    NaN (their default); objval and bound in the model's own sense.
     """
 
 def residuals(handle: Any, has_duals: bool) -> dict[str, float | int]:

@@ -77,6 +77,7 @@ class Runs:
         outcome = engine.outcome(self.problem)
         arrays = _modelapi.open_solution(self.problem.handle)
         engine.write_solution(outcome, *arrays)
+        _settle_duals(outcome, self.problem, engine.name)
         claimed = outcome.objval
         return Answer(engine, outcome, claimed, judge(self.problem, outcome, arrays[0], self.params), arrays)
 
@@ -109,6 +110,17 @@ def best_answer(model: Model, engine: Engine, runs: Runs) -> Answer:
         for array, kept in zip(_modelapi.open_solution(runs.problem.handle), best.arrays, strict=True):
             array[:] = kept
     return best
+
+
+def _settle_duals(outcome: Outcome, problem: Problem, engine_name: str) -> None:
+    """Multipliers mean something for convex problems of continuous variables only, whichever engine gave them."""
+    if problem.nintegral or not outcome.has_x:
+        outcome.has_duals = False
+    elif problem.is_quadratic and not problem.is_convex:
+        outcome.has_duals = False
+        outcome.no_duals = f"the model is not convex ({engines.describe(problem)})"
+    elif not outcome.has_duals and outcome.status == TRV.OPTIMAL and not outcome.no_duals:
+        outcome.no_duals = f"{engine_name} gave none"
 
 
 def _totals(figure: str, *answers: Answer) -> tuple[float, float]:

@@ -158,4 +158,5 @@ def _commit(problem: Problem, outcome: Outcome, engine_name: str) -> None:
         itercount=outcome.itercount,
         nodecount=outcome.nodecount,
         engine=engine_name,
+        noduals=outcome.no_duals or None,
     )

@@ -355,7 +355,8 @@ typedef struct TRVresult {
     double bound;  /* NaN where there is none */
     double gap;    /* NaN: computed from the two above, |bound - objval| / max(|objval|, 1e-10), 0 when both agree */
     double runtime, itercount, nodecount;
-    const char *engine; /* "HiGHS 1.15.1" */
+    const char *engine;  /* "HiGHS 1.15.1" */
+    const char *noduals; /* why has_duals is 0, for the text of NO_DATA; NULL where there is nothing to say */
 } TRVresult;
 TRV_API int TRVcommitsolution(TRVmodel *model, const TRVresult *result);
 

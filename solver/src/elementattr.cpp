@@ -34,8 +34,11 @@ void failnodata(const TRVmodel &model, const char *what) {
 namespace {
 
 [[noreturn]] void failnoduals(const TRVmodel &model, const char *what) {
-    if (model.solution.status() == TRV_NOT_SOLVED || model.columns.integral() == 0)
+    const Solution &solution = model.solution;
+    if (solution.status() == TRV_NOT_SOLVED || (model.columns.integral() == 0 && solution.noduals().empty()))
         failnodata(model, what);
+    if (model.columns.integral() == 0)
+        failf(TRV_ERROR_NO_DATA, "%s: there are no duals: %s", what, solution.noduals().c_str());
     failf(TRV_ERROR_NO_DATA,
           "%s: there are no duals of a model with integer variables; fix those at their values, set their VType to 'C' "
           "and solve again",

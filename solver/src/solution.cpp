@@ -45,17 +45,19 @@ void Solution::commit(const TRVresult &result, int32_t nvars, int32_t nrows, int
               "the solution was opened for %d variables, %d rows and %d quadratic rows; the model has %d, %d and %d",
               opennvars_, opennrows_, opennqrows_, nvars, nrows, nqrows);
     std::string engine = result.engine ? result.engine : "";
-    keepfigures(result, std::move(engine));
+    std::string noduals = result.noduals ? result.noduals : "";
+    keepfigures(result, std::move(engine), std::move(noduals));
     nvars_ = nvars;
     nrows_ = nrows;
     nqrows_ = nqrows;
     taketheopen(result.has_x, result.has_duals);
 }
 
-void Solution::keepfigures(const TRVresult &result, std::string engine) noexcept {
+void Solution::keepfigures(const TRVresult &result, std::string engine, std::string noduals) noexcept {
     engine_ = std::move(engine);
+    noduals_ = std::move(noduals);
     figures_ = result;
-    figures_.engine = nullptr;
+    figures_.engine = figures_.noduals = nullptr;
     if (std::isnan(figures_.gap))
         figures_.gap = gapof(figures_.bound, figures_.objval);
     status_ = result.status;

@@ -36,6 +36,7 @@ class Solution {
     const Buffer<double> &openqpi() const { return openqpi_; }
     const TRVresult &figures() const { return figures_; }
     const std::string &engine() const { return engine_; }
+    const std::string &noduals() const { return noduals_; } // why there are none, "" where nobody said
 
     void open(int32_t nvars, int32_t nrows, int32_t nqrows);
     void commit(const TRVresult &result, int32_t nvars, int32_t nrows, int32_t nqrows);
@@ -57,7 +58,7 @@ class Solution {
     void coefficientschanged() { activityknown_ = false; }
 
   private:
-    void keepfigures(const TRVresult &result, std::string engine) noexcept;
+    void keepfigures(const TRVresult &result, std::string engine, std::string noduals) noexcept;
     void taketheopen(bool withx, bool withduals) noexcept;
     void droparrays() noexcept;
 
@@ -66,7 +67,7 @@ class Solution {
          qactivityknown_ = false;
     int32_t nvars_ = 0, nrows_ = 0, nqrows_ = 0, opennvars_ = 0, opennrows_ = 0, opennqrows_ = 0;
     TRVresult figures_{};
-    std::string engine_;
+    std::string engine_, noduals_;
     Buffer<double> x_, rc_, pi_, qpi_, activity_, qactivity_;
     Buffer<double> openx_, openrc_, openpi_, openqpi_;
     Buffer<double> fallback_; // by slot; may be shorter

@@ -94,6 +94,7 @@ class Result(c.Structure):
         ("status has_x has_duals", c.c_int),
         ("objval bound gap runtime itercount nodecount", c.c_double),
         ("engine", c.c_char_p),
+        ("noduals", c.c_char_p),
     )
 
 

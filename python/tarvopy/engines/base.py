@@ -36,6 +36,8 @@ class Outcome:
     nodecount: float = 0.0
     message: str = ""
     """What there is to say beyond the status, for instance why the engine failed."""
+    no_duals: str = ""
+    """Why a point of a model of continuous variables has no multipliers."""
 
 
 class Progress(NamedTuple):
