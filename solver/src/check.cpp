@@ -90,10 +90,8 @@ class Checker {
     void prepareduals() {
         const Columns &columns = model_.columns;
         gradient_.resize(nvars_);
-        largest_.resize(nvars_);
         for (int32_t v = 0; v < nvars_; v++) {
-            gradient_[v] = columns.obj[v] - rc_[v];
-            largest_[v] = std::max(std::fabs(columns.obj[v]), std::fabs(rc_[v]));
+            gradient_[v] = {columns.obj[v] - rc_[v], std::max(std::fabs(columns.obj[v]), std::fabs(rc_[v]))};
             objscale_ = std::max(objscale_, 1.0 + std::fabs(columns.obj[v] * x_[v]));
         }
         model_.qobjective.each(columns, [&](int32_t i, int32_t j, double coef) {
@@ -104,8 +102,9 @@ class Checker {
     }
 
     void addgradient(int32_t v, double share) {
-        gradient_[v] += share;
-        largest_[v] = std::max(largest_[v], std::fabs(share));
+        Sum &sum = gradient_[v];
+        sum.value += share;
+        sum.largest = std::max(sum.largest, std::fabs(share));
     }
 
     // Positive multipliers (in a minimisation) belong to lower sides, negative ones to upper sides. Returns by how much
@@ -193,7 +192,8 @@ class Checker {
             if (!hasduals_)
                 continue;
             const double wrongsign = multiplier(rc_[v], x_[v], lower, upper, v);
-            dual_.meet(std::fabs(gradient_[v]) < wrongsign ? wrongsign : std::fabs(gradient_[v]), 1.0 + largest_[v], v);
+            const double rest = std::fabs(gradient_[v].value);
+            dual_.meet(rest < wrongsign ? wrongsign : rest, 1.0 + gradient_[v].largest, v);
         }
     }
 
@@ -202,7 +202,11 @@ class Checker {
     const double *x_ = nullptr, *rc_ = nullptr, *pi_ = nullptr, *qpi_ = nullptr;
     int32_t nvars_ = 0, nrows_ = 0;
     double objscale_ = 1.0;
-    Buffer<double> gradient_, largest_;
+    // Of the Lagrangian, by variable, and the largest term in it: side by side, since both are wanted at once.
+    struct Sum {
+        double value, largest;
+    };
+    Buffer<Sum> gradient_;
     Worst row_, bound_, integral_, dual_, complementarity_;
 };
 

@@ -131,18 +131,21 @@ struct Entry {
     double coef;
 };
 
-// Stable, by one of the two variables: counts, then places.
-template <class Key> void scatter(int32_t count, const Buffer<Entry> &from, Buffer<Entry> &to, Key key) {
+// Stable, by one of the two variables: counts, then places. entry(k) is the k-th of n.
+template <class From, class Key> Buffer<Entry> scattered(int32_t count, int64_t n, From entry, Key key) {
     Buffer<int64_t> place;
     place.pad(static_cast<size_t>(count) + 1, 0);
-    const size_t n = from.size();
-    for (size_t k = 0; k < n; k++)
-        place[key(from[k]) + 1]++;
+    for (int64_t k = 0; k < n; k++)
+        place[key(entry(k)) + 1]++;
     for (int32_t v = 0; v < count; v++)
         place[v + 1] += place[v];
+    Buffer<Entry> to;
     to.resize(n);
-    for (size_t k = 0; k < n; k++)
-        to[place[key(from[k])]++] = from[k];
+    for (int64_t k = 0; k < n; k++) {
+        const Entry e = entry(k);
+        to[place[key(e)]++] = e;
+    }
+    return to;
 }
 
 // Equal pairs stand side by side.
@@ -169,19 +172,19 @@ QuadTerms merged(const Registry &variables, const Buffer<Entry> &sorted) {
 }
 
 QuadTerms sorted(const Registry &variables, int64_t n, const int32_t *var1, const int32_t *var2, const double *coef) {
-    Buffer<Entry> one, other;
-    one.resize(n);
-    bool rows = true;
-    for (int64_t k = 0; k < n; k++) {
-        one[k] = {std::min(var1[k], var2[k]), std::max(var1[k], var2[k]), coef[k]};
-        rows &= k == 0 || one[k].var1 >= one[k - 1].var1;
-    }
-    if (!rows) {
-        scatter(variables.count(), one, other, [](const Entry &e) { return e.var1; });
-        one.swap(other);
-    }
-    scatter(variables.count(), one, other, [](const Entry &e) { return e.var2; });
-    return merged(variables, other);
+    const auto given = [&](int64_t k) {
+        return Entry{std::min(var1[k], var2[k]), std::max(var1[k], var2[k]), coef[k]};
+    };
+    const auto smaller = [](const Entry &e) { return e.var1; };
+    const auto larger = [](const Entry &e) { return e.var2; };
+    bool byrows = true;
+    for (int64_t k = 1; k < n; k++)
+        byrows &= smaller(given(k)) >= smaller(given(k - 1));
+    if (byrows)
+        return merged(variables, scattered(variables.count(), n, given, larger));
+    const Buffer<Entry> first = scattered(variables.count(), n, given, smaller);
+    const auto again = [&](int64_t k) { return first[k]; };
+    return merged(variables, scattered(variables.count(), n, again, larger));
 }
 
 // Whether the pairs stand in the stored order as they are, the smaller variable first.
