@@ -6,10 +6,19 @@ from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, invariant, precondition, rule
 from scipy.sparse import csc_matrix
 
-from solver.store import CONSTR, VAR, Store
+from solver.store import CONSTR, QCONSTR, VAR, Store
 
 PENDING, PRESENT, MARKED, REMOVED = "pending", "present", "marked", "removed"
 values = st.integers(-3, 3).map(float)
+
+
+def summed(pairs):
+    """One coefficient for each unordered pair, zeros dropped, in the order of first occurrence."""
+    terms = {}
+    for v, w, a in pairs:
+        key = min(v, w), max(v, w)
+        terms[key] = terms.get(key, 0.0) + a
+    return {key: a for key, a in terms.items() if a}
 
 
 class Element:
@@ -21,7 +30,7 @@ class Element:
 class StoreMachine(RuleBasedStateMachine):
     def __init__(self):
         super().__init__()
-        self.store, self.vars, self.rows = Store(), [], []
+        self.store, self.vars, self.rows, self.qrows, self.qobj = Store(), [], [], [], {}
 
     def ids(self, elements, *states):
         return [i for i, e in enumerate(elements) if e.state in states]
@@ -48,9 +57,36 @@ class StoreMachine(RuleBasedStateMachine):
                 terms[v] = terms.get(v, 0.0) + a
             self.rows.append(Element(terms={v: a for v, a in terms.items() if a}, upper=upper))
 
+    def drawpairs(self, data):
+        usable = self.ids(self.vars, PENDING, PRESENT)
+        variable = st.sampled_from(usable) if usable else st.nothing()
+        return data.draw(st.lists(st.tuples(variable, variable, values), max_size=14 if usable else 0))
+
+    @rule(data=st.data(), n=st.integers(0, 3), rhs=values, sense=st.sampled_from("<>="))
+    def add_quadratic_rows(self, data, n, rhs, sense):
+        usable = self.ids(self.vars, PENDING, PRESENT)
+        linear = [dict.fromkeys(usable[:k], 2.0) for k in range(n)]
+        pairs = [self.drawpairs(data) for _ in range(n)]
+        rows = [(list(terms.items()), p) for terms, p in zip(linear, pairs, strict=True)]
+        assert self.store.addqrows(rows, sense, rhs) == len(self.qrows)
+        for terms, p in zip(linear, pairs, strict=True):
+            self.qrows.append(Element(terms=terms, pairs=summed(p), rhs=rhs, sense=sense))
+
+    @rule(data=st.data())
+    def set_quadratic_objective(self, data):
+        pairs = self.drawpairs(data)
+        self.store.setqobjective([(v, self.vars[v].obj) for v in self.ids(self.vars, PENDING, PRESENT)], pairs)
+        for v in self.ids(self.vars, MARKED):
+            self.vars[v].obj = 0.0
+        self.qobj = summed(pairs)
+
     def drop_terms(self, gone):
-        for row in self.rows:
+        gone = set(gone)
+        for row in self.rows + self.qrows:
             row.terms = {v: a for v, a in row.terms.items() if v not in gone}
+        for row in self.qrows:
+            row.pairs = {key: a for key, a in row.pairs.items() if gone.isdisjoint(key)}
+        self.qobj = {key: a for key, a in self.qobj.items() if gone.isdisjoint(key)}
 
     def remove(self, kind, elements, ids):
         self.store.remove(kind, ids)
@@ -67,6 +103,18 @@ class StoreMachine(RuleBasedStateMachine):
     def remove_rows(self, data):
         ids = data.draw(st.lists(st.integers(0, len(self.rows) - 1), max_size=3)) if self.rows else []
         self.remove(CONSTR, self.rows, ids)
+
+    @rule(data=st.data())
+    def remove_quadratic_rows(self, data):
+        ids = data.draw(st.lists(st.integers(0, len(self.qrows) - 1), max_size=3)) if self.qrows else []
+        self.remove(QCONSTR, self.qrows, ids)
+
+    @precondition(lambda self: self.ids(self.qrows, PENDING, PRESENT, MARKED))
+    @rule(data=st.data(), value=values)
+    def set_quadratic_side(self, data, value):
+        i = self.drawid(data, self.qrows, PENDING, PRESENT, MARKED)
+        self.store.setdbls("QRHS", [i], value)
+        self.qrows[i].rhs = value
 
     @precondition(lambda self: self.ids(self.vars, PENDING, PRESENT, MARKED))
     @rule(data=st.data(), value=values)
@@ -91,7 +139,7 @@ class StoreMachine(RuleBasedStateMachine):
     @rule()
     def update(self):
         self.store.update()
-        for elements in (self.vars, self.rows):
+        for elements in (self.vars, self.rows, self.qrows):
             for e in elements:
                 e.state = {PENDING: PRESENT, MARKED: REMOVED}.get(e.state, e.state)
         self.drop_terms(self.ids(self.vars, REMOVED))
@@ -107,10 +155,16 @@ class StoreMachine(RuleBasedStateMachine):
     def rows_agree(self):
         for r in self.ids(self.rows, PENDING, PRESENT, MARKED):
             assert self.store.row(r) == list(self.rows[r].terms.items())
+        for r in self.ids(self.qrows, PENDING, PRESENT, MARKED):
+            row = self.qrows[r]
+            linear, quadratic = self.store.qrow(r)
+            assert linear == list(row.terms.items())
+            assert quadratic == [(v, w, a) for (v, w), a in row.pairs.items()]
+        assert self.store.qobjective() == [(v, w, self.qobj[v, w]) for v, w in sorted(self.qobj, key=lambda p: p[::-1])]
 
     @invariant()
     def positions_agree(self):
-        for kind, elements in ((VAR, self.vars), (CONSTR, self.rows)):
+        for kind, elements in ((VAR, self.vars), (CONSTR, self.rows), (QCONSTR, self.qrows)):
             expected = self.expected_positions(elements)
             assert self.store.positions(kind, list(expected)) == list(expected.values())
             present = self.ids(elements, PRESENT, MARKED)
@@ -139,11 +193,46 @@ class StoreMachine(RuleBasedStateMachine):
         assert data["nnz"] == self.store.int("NumNZs") == len(value) == np.count_nonzero(dense)
 
     @invariant()
+    def values_agree(self):
+        """Objective and quadratic rows, as engines read them, at a point."""
+        column = {i: p for i, p in self.expected_positions(self.vars).items() if p >= 0}
+        x = np.arange(1.0, len(column) + 1)
+        at = {i: x[p] for i, p in column.items()}
+
+        def value(terms, pairs):
+            whole = sum(a * at[v] for v, a in terms.items() if v in at)
+            return whole + sum(a * at[v] * at[w] for (v, w), a in pairs.items() if v in at and w in at)
+
+        start, index, entry = self.store.hessian()
+        upper = csc_matrix((entry, index, start), (len(x), len(x))).toarray()
+        assert (np.triu(upper) == upper).all()
+        hessian = upper + np.triu(upper, 1).T
+        objective = value({i: v.obj for i, v in enumerate(self.vars)}, self.qobj)
+        data = self.store.data()
+        assert data["obj"] @ x + x @ hessian @ x / 2 == objective == self.store.evalobjective(x)
+        assert data["nqobj"] == len(entry) == np.count_nonzero(upper)
+
+        start, index, entry, qstart, v, w, qentry = self.store.qmatrix()
+        assert (v <= w).all()
+        assert (data["nqlinterms"], data["nqterms"]) == (len(entry), len(qentry))
+        activity = [
+            entry[start[i] : start[i + 1]] @ x[index[start[i] : start[i + 1]]]
+            + (qentry * x[v] * x[w])[qstart[i] : qstart[i + 1]].sum()
+            for i in range(data["nqrows"])
+        ]
+        rows = [self.qrows[i] for i in self.ids(self.qrows, PRESENT, MARKED)]
+        assert activity == [value(row.terms, row.pairs) for row in rows]
+
+    @invariant()
     def arrays_agree(self):
         data = self.store.data()
         present = [self.vars[i] for i in self.ids(self.vars, PRESENT, MARKED)]
         assert data["lb"].tolist() == [v.lb for v in present]
         assert data["obj"].tolist() == [v.obj for v in present]
+        qrows = [self.qrows[i] for i in self.ids(self.qrows, PRESENT, MARKED)]
+        assert data["qrhs"].tolist() == [row.rhs for row in qrows]
+        assert data["qsense"] == "".join(row.sense for row in qrows)
+        assert data["nqlinear"] == sum(not row.pairs for row in qrows)
         assert data["upper"].tolist() == [self.rows[i].upper for i in self.ids(self.rows, PRESENT, MARKED)]
 
 
