@@ -47,6 +47,7 @@ class LpParser {
     void bracket(Target target, double sign);
     void product(QuadTerms &terms, double sign);
     bool take_signs(double &sign);
+    void want_finite(double coefficient) const;
     std::int32_t enter_column();
 
     // Rows.

@@ -3,6 +3,7 @@
 // A row may begin with its number ("5 >= x + y"); a row that begins with variables ends with the number behind its
 // sense, so that no end of line must be told from a blank. Variables on both sides are an error, as are numbers that
 // stand for nothing: two in a row, or a bracket's coefficient.
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -51,6 +52,14 @@ std::int32_t LpParser::enter_column() {
         model_.vtype.push_back('C');
     }
     return column;
+}
+
+void LpParser::want_finite(double coefficient) const {
+    if (std::fabs(coefficient) >= TRV_INFINITY) {
+        char buffer[kNumberSize];
+        throw LineError{joined("the coefficient ", number_text(coefficient, buffer), " is infinite"), TRV_ERROR_SYNTAX,
+                        lexer_.taken_line()};
+    }
 }
 
 void LpParser::linear(Target target, double coefficient) {
@@ -110,9 +119,7 @@ void LpParser::term(Target target, double sign, Rest &rest) {
         lexer_.take();
     }
     if (lexer_.peek().kind == LpKind::name) {
-        if (std::fabs(value) >= TRV_INFINITY) {
-            throw LineError{"an infinite coefficient"};
-        }
+        want_finite(value);
         linear(target, sign * value);
         rest.has_terms = true;
     } else if (times || lexer_.peek().kind == LpKind::open) {
@@ -144,11 +151,8 @@ void LpParser::bracket(Target target, double sign) {
             terms.value[k] /= 2;
         }
     }
-    for (std::size_t k = begin; k < terms.size(); ++k) {
-        if (std::fabs(terms.value[k]) >= TRV_INFINITY) {
-            throw LineError{"an infinite coefficient in the bracket"};
-        }
-    }
+    std::for_each(terms.value.begin() + static_cast<std::ptrdiff_t>(begin), terms.value.end(),
+                  [this](double value) { want_finite(value); });
 }
 
 // x ^2,  3 x * y,  3 * x * y
