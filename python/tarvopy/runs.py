@@ -44,7 +44,7 @@ class Answer:
     """The objective as the engine saw it."""
     offence: Offence | None
     arrays: tuple[np.ndarray, ...]
-    """x, rc, pi, qpi: the store's open arrays of this run, which stay readable."""
+    """x, rc, pi, qpi: the store's open arrays, which the next run's answer overwrites."""
 
     @property
     def holds(self) -> bool:
@@ -57,6 +57,10 @@ class Answer:
             return 0.0
         return SLACK if self.offence is None else self.offence.ratio
 
+    def keep(self) -> None:
+        """The arrays become this answer's own."""
+        self.arrays = tuple(array.copy() for array in self.arrays)
+
     def better_than(self, other: Answer) -> bool:
         return self.outcome.status in (TRV.OPTIMAL, TRV.IMPRECISE) and self.outcome.has_x and self.ratio < other.ratio
 
@@ -67,6 +71,7 @@ class Runs:
     def __init__(self, problem: Problem, params: Parameters, reporter: Reporter, ctrl_c: CtrlC) -> None:
         self.problem, self.params, self.reporter, self.ctrl_c = problem, params, reporter, ctrl_c
         self._deadline = time.monotonic() + params.TimeLimit
+        self._patience = math.inf
 
     def finish(self, engine: Engine) -> Answer:
         """Waits for a run that was started, and reads its answer."""
@@ -81,31 +86,37 @@ class Runs:
         claimed = outcome.objval
         return Answer(engine, outcome, claimed, judge(self.problem, outcome, arrays[0], self.params), arrays)
 
-    def params_of_further_run(self, first: Answer) -> Parameters | None:
+    def be_patient(self, first: Answer) -> None:
+        """From here on each run has a time of its own."""
+        self._patience = _PATIENCE[0] + _PATIENCE[1] * first.outcome.runtime
+
+    def params_of_further_run(self) -> Parameters | None:
         """The parameters with the time that is left to another run; None where there is none."""
         if self.ctrl_c.count:
             return None
-        patience = _PATIENCE[0] + _PATIENCE[1] * first.outcome.runtime
-        left = min(self._deadline - time.monotonic(), patience)
+        left = min(self._deadline - time.monotonic(), self._patience)
         return self.params.replaced(TimeLimit=left) if left > 0 else None
 
 
 def best_answer(model: Model, engine: Engine, runs: Runs) -> Answer:
     """Runs the engine, and others while the answer does not hold; the best answer then stands in the open solution."""
     engine.start(runs.problem, runs.params)
-    first = last = best = runs.finish(engine)
-    if not first.holds:
-        for other in _further_runs(model, first, runs):
-            last = runs.finish(other)
-            best.outcome.itercount, last.outcome.itercount = _totals("itercount", best, last)
-            best.outcome.nodecount, last.outcome.nodecount = _totals("nodecount", best, last)
-            best.outcome.runtime, last.outcome.runtime = _totals("runtime", best, last)
-            if last.better_than(best):
-                best = last
-            if best.holds:
-                break
-        model._engine = engine
-        _say_who_answered(model, first, best)
+    first = best = last = runs.finish(engine)
+    if first.holds:
+        return first
+    runs.be_patient(first)
+    for other in _further_runs(model, first, runs):
+        best.keep()
+        last = runs.finish(other)
+        _add_up(best.outcome, last.outcome)
+        if last.better_than(best):
+            best = last
+        if other is not engine:
+            other.close()
+        if best.holds:
+            break
+    model._engine = engine
+    _say_who_answered(model, first, best)
     if best is not last:
         for array, kept in zip(_modelapi.open_solution(runs.problem.handle), best.arrays, strict=True):
             array[:] = kept
@@ -123,17 +134,19 @@ def _settle_duals(outcome: Outcome, problem: Problem, engine_name: str) -> None:
         outcome.no_duals = f"{engine_name} gave none"
 
 
-def _totals(figure: str, *answers: Answer) -> tuple[float, float]:
-    """What all runs took together, whichever of the two answers stays."""
-    total = math.fsum(getattr(answer.outcome, figure) for answer in answers)
-    return total, total
+def _add_up(one: Outcome, other: Outcome) -> None:
+    """What all runs took together stands in both, whichever stays."""
+    for figure in ("runtime", "itercount", "nodecount"):
+        total = getattr(one, figure) + getattr(other, figure)
+        setattr(one, figure, total)
+        setattr(other, figure, total)
 
 
 def _further_runs(model: Model, first: Answer, runs: Runs) -> Iterator[Engine]:
     """Engines with a run under way, each one step further. The model holds the one that runs, so that whoever leaves
     it alone knows which.
     """
-    params = runs.params_of_further_run(first)
+    params = runs.params_of_further_run()
     if params is None:
         return
     said = first.offence.text if first.offence else first.outcome.message or "imprecise"
@@ -143,13 +156,12 @@ def _further_runs(model: Model, first: Answer, runs: Runs) -> Iterator[Engine]:
     if runs.params.Engine != "auto":
         return
     for cls in engines.alternatives(runs.problem, type(first.engine)):
-        params = runs.params_of_further_run(first)
+        params = runs.params_of_further_run()
         if params is None:
             return
         other = _started(cls, model, runs.problem, params.replaced(EngineOptions={}))
         if other is not None:
             yield other
-            other.close()
 
 
 def _started(cls: type[Engine], model: Model, problem: Problem, params: Parameters) -> Engine | None:

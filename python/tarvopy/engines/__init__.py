@@ -127,8 +127,8 @@ def _nonconvex(problem: Problem) -> str:
     parts = ["the quadratic objective is not convex"] if objective == NONCONVEX else []
     where = (rows == NONCONVEX).nonzero()[0]
     if len(where):
-        more = f" (nor are {len(where) - 1} more)" if len(where) > 1 else ""
-        parts.append(f"quadratic row {problem.qrow_name(int(where[0]))!r} is not convex{more}")
+        first, others = f"quadratic row {problem.qrow_name(int(where[0]))!r}", len(where) - 1
+        parts.append(f"{first} and {_count(others, 'other')} are not convex" if others else f"{first} is not convex")
     return ", ".join(parts)
 
 

@@ -1,0 +1,136 @@
+"""An optimum that does not hold: one step more precision, and IMPRECISE with the offender named where that fails."""
+
+import time
+
+import pytest
+
+import tarvopy
+from engine_doubles import double, point, use
+from tarvopy import TRV, TarvoError
+
+RIGHT, OFF, FAR = point(3.0, 0.0), point(3.0, 0.7), point(3.0, 5.0)
+
+
+@pytest.fixture
+def m():
+    """max x + y: x + 2 y <= 4 (row "cap"), x, y in [0, 3], x integral."""
+    model = tarvopy.Model()
+    model.params.LogLevel = 0
+    x, y = model.addVar(ub=3.0, obj=1.0, vtype="I", name="x"), model.addVar(ub=9.0, obj=1.0, name="y")
+    model.addConstr(x + 2 * y <= 4, name="cap")
+    model.update()
+    model.ModelSense = TRV.MAXIMIZE
+    return model
+
+
+def solve(m):
+    m.optimize()
+    return m.Status, [v.X for v in m.getVars()], m.EngineName
+
+
+@pytest.mark.filterwarnings("error")
+def test_tighter_tolerances_come_first(m, monkeypatch):
+    first, second = double("First", [OFF, RIGHT]), double("Second", [RIGHT])
+    use(monkeypatch, highs=first, scip=second)
+    assert solve(m) == (TRV.OPTIMAL, [3, 0], "First 1.0")
+    assert (first.log, second.log) == (["load", "start inf", "refine 15"], [])
+    assert m.why_engine == "First: linear with 1 integer variable"
+    assert (m.Runtime, m.IterCount) == (1.0, 2.0)  # of both runs
+
+
+@pytest.mark.filterwarnings("error")
+def test_then_another_engine_that_gets_it_right_wins(m, monkeypatch):
+    first, second = double("First", [OFF, FAR]), double("Second", [RIGHT])
+    use(monkeypatch, highs=first, scip=second)
+    assert solve(m) == (TRV.OPTIMAL, [3, 0], "Second 1.0")
+    assert m.why_engine == (
+        "Second: solved again, since the answer of First did not hold (violation of the sides of row cap by 0.4); "
+        "First: linear with 1 integer variable"
+    )
+    assert second.log == ["load", "start 15", "close"]
+    assert m._engine.name == "First"  # which the next solve tells what changed
+    assert m.ObjVal == 3.0
+
+
+@pytest.mark.parametrize(("refined", "other"), [(FAR, FAR), (FAR, point()), (point(3.0, 0.9), FAR)])
+def test_without_a_right_answer_the_smallest_violation_stays(m, monkeypatch, refined, other):
+    first, second = double("First", [OFF, refined]), double("Second", [other])
+    use(monkeypatch, highs=first, scip=second)
+    with pytest.warns(RuntimeWarning, match="^The solution is imprecise: violation of the sides of row cap by 0.4$"):
+        assert solve(m) == (TRV.IMPRECISE, [3, 0.7], "First 1.0")
+    assert len(first.log) + len(second.log) == 6  # two runs and one, and no more
+
+
+def test_the_best_answer_stays_when_it_is_neither_first_nor_last(m, monkeypatch):
+    use(monkeypatch, highs=double("First", [FAR, OFF]), scip=double("Second", [FAR]))
+    with pytest.warns(RuntimeWarning, match="by 0.4"):
+        assert solve(m) == (TRV.IMPRECISE, [3, 0.7], "First 1.0")
+
+
+def test_a_chosen_engine_is_not_left(m, monkeypatch):
+    first, second = double("First", [OFF, FAR]), double("Second", [RIGHT])
+    use(monkeypatch, highs=first, scip=second)
+    m.params.Engine = "highs"
+    with pytest.warns(RuntimeWarning):
+        m.optimize()
+    assert (len(first.log), second.log) == (3, [])
+
+
+@pytest.mark.parametrize(
+    "second",
+    [
+        double("Second", [RIGHT], refusal=lambda problem: "no"),
+        double("Second", [RIGHT], missing="pip install second"),
+        double("Second", [RIGHT], fails=TarvoError(TRV.ERROR_UNSUPPORTED, "no")),
+    ],
+)
+def test_an_engine_that_cannot_help_leaves_the_answer_alone(m, monkeypatch, second):
+    use(monkeypatch, highs=double("First", [OFF]), scip=second)
+    with pytest.warns(RuntimeWarning):
+        assert solve(m) == (TRV.IMPRECISE, [3, 0.7], "First 1.0")
+    m.addVar()  # the model takes changes again
+    m.update()
+
+
+def test_the_time_limit_holds_for_all_runs_together(m, monkeypatch):
+    first = double("First", [OFF, RIGHT])
+    monkeypatch.setattr(first, "wait", lambda self, seconds: time.sleep(0.06) or True)
+    use(monkeypatch, highs=first)
+    m.params.TimeLimit = 0.05
+    with pytest.warns(RuntimeWarning):
+        assert solve(m)[0] == TRV.IMPRECISE
+    assert first.log == ["load", "start 0.05"]
+
+
+def test_ctrl_c_ends_it(m, monkeypatch):
+    first, second = double("First", [OFF, RIGHT]), double("Second", [RIGHT])
+    use(monkeypatch, highs=first, scip=second)
+
+    def wait(self, seconds):
+        if "interrupt" not in self.log:
+            raise KeyboardInterrupt
+        return True
+
+    monkeypatch.setattr(first, "wait", wait)
+    with pytest.warns(RuntimeWarning):
+        m.optimize()
+    assert (m.Status, first.log, second.log) == (TRV.IMPRECISE, ["load", "start inf", "interrupt"], [])
+
+
+@pytest.mark.filterwarnings("error")
+def test_multipliers_that_hold_prove_an_optimum_that_its_engine_doubts(m, monkeypatch):
+    m.getVars()[0].VType = "C"
+    doubted = point(3.0, 0.5, status=TRV.IMPRECISE, pi=[0.5], rc=[0.5, 0.0])
+    first = double("First", [doubted])
+    use(monkeypatch, highs=first)
+    assert solve(m) == (TRV.OPTIMAL, [3, 0.5], "First 1.0")
+    assert (m.ObjVal, m.ObjBound) == (3.5, 3.5)
+
+
+def test_the_log_says_that_more_precision_is_tried(m, monkeypatch, capsys):
+    use(monkeypatch, highs=double("First", [OFF, RIGHT]))
+    m.params.LogLevel = 1
+    m.optimize()
+    lines = capsys.readouterr().out.splitlines()
+    assert lines[0] == "First: violation of the sides of row cap by 0.4; trying for more precision"
+    assert lines[1].startswith("First: optimal, objective 3")
