@@ -84,14 +84,17 @@ class Model(_modelapi.ModelBase):
     # ---- files
 
     def read(self, path: str | os.PathLike[str]) -> None:
-        """Read a model file (.mps, also .gz) into this model, which must be empty, or a .sol file into `Start`.
+        """Read a model (.mps, .qps, .sif, .lp, also .gz) into this one, which must be empty, or a .sol file into `Start`.
 
         TarvoError for a file that cannot be read or does not parse (with the line); then nothing has changed.
         """
         self._read(path)
 
     def write(self, path: str | os.PathLike[str]) -> None:
-        """Write the model (.mps, also .gz) or its solution (.sol), by the path's ending."""
+        """Write the model (.mps, .qps, .sif, .lp, also .gz) or its solution (.sol), by the path's ending.
+
+        TarvoError for what the format cannot say, before a byte is written.
+        """
         self._write(path)
 
     # ---- life
@@ -143,7 +146,7 @@ class Model(_modelapi.ModelBase):
 
 
 def read(path: str | os.PathLike[str]) -> Model:
-    """A new model from a file (.mps, also .gz)."""
+    """A new model from a file (.mps, .qps, .sif, .lp, also .gz)."""
     if os.fsdecode(path).lower().endswith((".sol", ".sol.gz")):
         raise ValueError(f"{os.fsdecode(path)!r} is a solution: read it into its model with Model.read")
     model = Model()

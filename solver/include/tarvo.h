@@ -393,8 +393,8 @@ TRV_API int TRVoffenders(TRVmodel *model, int has_duals, int figure, int n, TRVo
 TRV_API int TRVevalobjective(TRVmodel *model, const double *x, double *value);
 
 /* ---- files ---------------------------------------------------------------------------------------------- */
-/* By ending: .mps (free or fixed form, told apart by its lines), each also with .gz. TRVreadmodel wants an empty model
- * and updates it; a file that is refused changes nothing. TRVwritemodel updates, refuses what the format cannot say
+/* By ending, in any case: .mps, .qps, .sif (free or fixed form, told apart by its lines) and .lp, each also with .gz,
+ * with quadratic objectives and rows. TRVreadmodel wants an empty model and updates it; a file that is refused changes nothing. TRVwritemodel updates, refuses what the format cannot say
  * before a byte is written (UNSUPPORTED), and puts the whole file in the old one's place at once. */
 TRV_API int TRVreadmodel(TRVmodel *model, const char *path);
 TRV_API int TRVwritemodel(TRVmodel *model, const char *path);
