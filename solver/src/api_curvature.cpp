@@ -94,10 +94,10 @@ int TRVgetcones(TRVmodel *m, TRVcones *out) {
 void TRVfreecones(TRVcones *cones) {
     if (!cones)
         return;
-    for (void *part : {static_cast<void *>(cones->qrow), static_cast<void *>(cones->cone),
-                       static_cast<void *>(cones->start), static_cast<void *>(cones->index),
-                       static_cast<void *>(cones->value), static_cast<void *>(cones->offset),
-                       static_cast<void *>(cones->form), static_cast<void *>(cones->weight)})
+    for (void *part :
+         {static_cast<void *>(cones->qrow), static_cast<void *>(cones->cone), static_cast<void *>(cones->start),
+          static_cast<void *>(cones->index), static_cast<void *>(cones->value), static_cast<void *>(cones->offset),
+          static_cast<void *>(cones->form), static_cast<void *>(cones->weight)})
         if (part)
             blocks::give(part);
     *cones = {};

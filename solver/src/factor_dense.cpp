@@ -54,9 +54,10 @@ bool eliminatepanel(const Panel &panel, const PivotRule &rule, double *pivot, do
 }
 
 // row[0 .. n) -= sum of four rows of lt.
-void subtractfour(double *row, int64_t n, const double *weight, const double *lt, int64_t step) {
+void subtractfour(double *__restrict row, int64_t n, const double *weight, const double *lt, int64_t step) {
     const double w0 = weight[0], w1 = weight[1], w2 = weight[2], w3 = weight[3];
-    const double *l0 = lt, *l1 = lt + step, *l2 = lt + 2 * step, *l3 = lt + 3 * step;
+    const double *__restrict l0 = lt, *__restrict l1 = lt + step, *__restrict l2 = lt + 2 * step,
+                             *__restrict l3 = lt + 3 * step;
     for (int64_t j = 0; j < n; j++)
         row[j] -= w0 * l0[j] + w1 * l1[j] + w2 * l2[j] + w3 * l3[j];
 }

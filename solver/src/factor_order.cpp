@@ -13,8 +13,8 @@ namespace {
 class Buckets {
   public:
     explicit Buckets(int32_t n)
-        : head_(static_cast<size_t>(n) + 1, -1), next_(static_cast<size_t>(n), -1), before_(next_),
-          degree_(static_cast<size_t>(n), 0) {}
+        : head_(static_cast<size_t>(n) + 1, -1), next_(static_cast<size_t>(n), -1), before_(static_cast<size_t>(n), -1),
+          degree_(static_cast<size_t>(n)) {}
     int32_t degree(int32_t node) const { return degree_[node]; }
     void insert(int32_t node, int32_t degree) {
         degree_[node] = degree;
@@ -46,9 +46,8 @@ class Buckets {
 class Elimination {
   public:
     explicit Elimination(const Adjacency &graph)
-        : n_(graph.n), near_(static_cast<size_t>(n_)), elements_(near_), reach_(near_), buckets_(n_),
-          state_(static_cast<size_t>(n_), free), tag_(static_cast<size_t>(n_), -1), wtag_(tag_),
-          outside_(static_cast<size_t>(n_), 0) {
+        : n_(graph.n), near_(size()), elements_(size()), reach_(size()), buckets_(n_), state_(size(), free),
+          tag_(size(), -1), wtag_(size(), -1), outside_(size(), 0) {
         const double limit = 16.0 + 10.0 * std::sqrt(static_cast<double>(n_));
         for (int32_t i = 0; i < n_; i++)
             if (static_cast<double>(graph.start[i + 1] - graph.start[i]) > limit)
@@ -59,7 +58,7 @@ class Elimination {
     }
     std::vector<int32_t> run() {
         std::vector<int32_t> order;
-        order.reserve(static_cast<size_t>(n_));
+        order.reserve(size());
         while (left_ > 0) {
             const int32_t pivot = buckets_.least();
             if (buckets_.degree(pivot) >= left_ - 1)
@@ -77,6 +76,7 @@ class Elimination {
   private:
     enum State : char { free, postponed, element, absorbed };
 
+    size_t size() const { return static_cast<size_t>(n_); }
     void enter(const Adjacency &graph, int32_t i) {
         for (int64_t k = graph.start[i]; k < graph.start[i + 1]; k++)
             if (state_[graph.index[k]] == free)
