@@ -1,5 +1,5 @@
-// MQuadExpr and MNLExpr: they exist, so that operators can name them, and refuse to be made. The linear classes hand
-// quadratic and nonlinear work to the class methods here, and the refusal reaches the user as it is.
+// MNLExpr: it exists, so that operators can name it, and refuses to be made. The other classes hand nonlinear work to
+// the class methods here, and the refusal reaches the user as it is.
 #include "matrixapi/later_classes.h"
 
 #include "matrixapi/names.h"
@@ -12,38 +12,16 @@ using namespace pysupport;
 
 namespace {
 
-PyObject *refuse_quadratic(PyObject *, PyObject *const *, Py_ssize_t, PyObject *) {
-    PyErr_SetString(PyExc_NotImplementedError, "quadratic matrix expressions are not supported yet");
-    return nullptr;
-}
-
 PyObject *refuse_nonlinear(PyObject *, PyObject *const *, Py_ssize_t, PyObject *) {
     PyErr_SetString(PyExc_NotImplementedError, "nonlinear matrix expressions are not supported yet");
     return nullptr;
 }
 
-PyObject *no_quadratic(PyObject *, void *) {
-    return refuse_quadratic(nullptr, nullptr, 0, nullptr);
-}
 PyObject *no_nonlinear(PyObject *, void *) {
     return refuse_nonlinear(nullptr, nullptr, 0, nullptr);
 }
 
 constexpr const char *refusal_doc = "Raises NotImplementedError.";
-
-Member quadratic_members[] = {
-    method("__init__", refuse_quadratic, refusal_doc),
-    class_method("zeros", refuse_quadratic, refusal_doc),
-    class_method("_zeros_full", refuse_quadratic, refusal_doc),
-    class_method("_from_mvar", refuse_quadratic, refusal_doc),
-    class_method("_from_mvar_times_mvar", refuse_quadratic, refusal_doc),
-    class_method("_from_mlinexpr", refuse_quadratic, refusal_doc),
-    class_method("_from_quadexpr", refuse_quadratic, refusal_doc),
-    class_method("_from_quadexprs", refuse_quadratic, refusal_doc),
-    property("shape", no_quadratic, refusal_doc),
-    property("ndim", no_quadratic, refusal_doc),
-    property("size", no_quadratic, refusal_doc),
-};
 
 Member nonlinear_members[] = {
     method("__init__", refuse_nonlinear, refusal_doc),
@@ -60,16 +38,6 @@ void put(PyObject *space, const char *name, long value) {
 }
 
 } // namespace
-
-Ref build_mquadexpr_class() {
-    Ref space = new_namespace("tarvopy._matrixapi", "MQuadExpr", "Arrays of quadratic expressions.");
-    add_members(space.get(), matrix_base, quadratic_members);
-    put(space.get(), "__array_priority__", 100);
-    put(space.get(), "_keep_compact", 1);
-    Ref cls = build_class("MQuadExpr", matrix_base, space.get());
-    mod.MQuadExpr = Ref(cls).release();
-    return cls;
-}
 
 Ref build_mnlexpr_class() {
     Ref space = new_namespace("tarvopy._matrixapi", "MNLExpr", "Arrays of nonlinear expressions.");

@@ -11,6 +11,7 @@
 #include "matrixapi/mlinexpr_dict.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
+#include "matrixapi/printing.h"
 
 #include "pysupport/args.h"
 #include "pysupport/numpy.h"
@@ -431,40 +432,6 @@ PyObject *iter(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject
 
 // ---- printing -----------------------------------------------------------------------------------------------------
 
-PyObject *element_text(PyObject *, PyObject *element) {
-    return border([&] { return check(PyUnicode_FromFormat(" %S", element)); });
-}
-
-Ref formatter() {
-    static PyMethodDef definition{"f", element_text, METH_O, nullptr};
-    Ref function = check(PyCFunction_NewEx(&definition, nullptr, nullptr));
-    return check(Py_BuildValue("{s:O}", "object", function.get()));
-}
-
-// repr of the array while NumPy prints elements through our function.
-Ref array_text(const Ref &array) {
-    Ref keywords = check(PyDict_New());
-    check_status(PyDict_SetItemString(keywords.get(), "formatter", formatter().get()));
-    Ref none = check(PyTuple_New(0));
-    Ref options = check(PyObject_Call(numpy_function(names.printoptions).get(), none.get(), keywords.get()));
-    check(PyObject_CallMethod(options.get(), "__enter__", nullptr));
-    Ref text = Ref::steal(PyObject_Repr(array.get()));
-    Ref error = Ref::steal(text ? nullptr : PyErr_GetRaisedException());
-    Ref left = Ref::steal(PyObject_CallMethod(options.get(), "__exit__", "OOO", Py_None, Py_None, Py_None));
-    if (error)
-        PyErr_SetRaisedException(error.release());
-    if (!text || !left)
-        throw PythonError{};
-    return text;
-}
-
-// "array([ ..., dtype=object)" without the part from its last comma on.
-Ref without_dtype(const Ref &text) {
-    Py_ssize_t length = PyUnicode_GET_LENGTH(text.get());
-    Py_ssize_t comma = check_value(PyUnicode_FindChar(text.get(), ',', 0, length, -1));
-    return comma < 0 ? text : check(PyUnicode_Substring(text.get(), 0, comma));
-}
-
 const char *marker(PyObject *expr) {
     if (!is_compact(expr))
         return "";
@@ -486,7 +453,7 @@ PyObject *repr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject
         static const Signature signature{"__repr__", {}, 0};
         Arguments(signature, 1, args, nargs, kwnames);
         const char *leinfo = marker(self);
-        Ref text = without_dtype(array_text(printed_array(self)));
+        Ref text = printed_elements(printed_array(self));
         Ref shape = check(PyObject_GetAttr(self, names.shape));
         return check(PyUnicode_FromFormat("<MLinExpr %S%s>\n%U)", shape.get(), leinfo, text.get()));
     });

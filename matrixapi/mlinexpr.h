@@ -96,6 +96,9 @@ bool keep_compact(PyObject *cls);
 // Fewer than three dimensions and at most one extent above 1.
 bool allows_compact(const flat::Shape &shape);
 Ref shape_tuple(const flat::Shape &shape);
+// The shape that somebody asks for (an int or a sequence), as `_broadcast_shapes` reads it; ValueError for one no array
+// can have.
+flat::Shape asked_shape(PyObject *given);
 
 // ---- making expressions (no __init__ is run) ----------------------------------------------------------------------
 
@@ -155,6 +158,8 @@ void set_parts(PyObject *expr, std::vector<Part> parts, Ref model);
 // At most one part afterwards, kept by the receiver (`_concat_matmulparts`).
 void join_parts(PyObject *expr);
 Part joined(const std::vector<Part> &parts); // at least one
+// Makes: the one MVar of a vector.
+Ref vector_mvar(const SharedVector &vector, const Ref &model);
 // Makes: the documented pair (csr_matrix, MVar) of a part.
 Ref part_pair(const Part &part, const Ref &model);
 // In place, compact to full: native stays native. Does nothing to a full expression.

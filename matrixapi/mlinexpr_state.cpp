@@ -294,6 +294,8 @@ Ref csr_matrix(const Part &part) {
     return check(PyObject_Vectorcall(cls.get(), arguments, 1, keywords.get()));
 }
 
+} // namespace
+
 Ref vector_mvar(const SharedVector &vector, const Ref &model) {
     if (!vector->mvar) {
         Ref made = new_mvar_vector(vector->ids.size() > 0 ? model.get() : nullptr, vector->ids);
@@ -302,8 +304,6 @@ Ref vector_mvar(const SharedVector &vector, const Ref &model) {
     }
     return vector->mvar;
 }
-
-} // namespace
 
 Ref part_pair(const Part &part, const Ref &model) {
     Ref matrix = csr_matrix(part), mvar = vector_mvar(part.vector, model);

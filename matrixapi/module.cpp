@@ -3,6 +3,7 @@
 #include "matrixapi/later_classes.h"
 #include "matrixapi/mfunctions.h"
 #include "matrixapi/mlinexpr.h"
+#include "matrixapi/mquadexpr.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/rows.h"
 

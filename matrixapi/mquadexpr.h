@@ -83,16 +83,20 @@ void quad_take_over(PyObject *expr, flat::QuadForm form, Ref model);
 Ref quadparts(PyObject *expr); // makes: the list of a compact expression
 Ref qearr(PyObject *expr);     // makes: the object array of a full expression (a compact one is converted in place)
 
+// `_keep_compact` of the class as it says it now, taken as a truth value.
+bool keeps_compact_quad(PyObject *cls);
+
 // ---- members --------------------------------------------------------------------------------------------------------
 Ref build_mquadexpr_class();
-std::span<pysupport::Member> quad_state_members();    // mquadexpr.cpp and friends: constructors, conversions, copies
-std::span<pysupport::Member> quad_value_members();    // sum, getValue, clear, tidying, assignment
+std::span<pysupport::Member> quad_state_members();    // mquadexpr_state.cpp: attributes, conversions
+std::span<pysupport::Member> quad_value_members();    // sum, getValue, clear, tidying
+std::span<pysupport::Member> quad_assign_members();   // __setitem__
+std::span<pysupport::Member> quadfun_members();       // _from_quadfun and its builders
 std::span<pysupport::Member> quad_operator_members(); // mquadexpr_operators.cpp: + - * / @ ** and comparisons
 std::span<pysupport::Member> quad_worker_members();   // _add_compact_mlinexpr and the like
 
 // ---- products that make quadratic results (mquadexpr_products.cpp), for MVar and MLinExpr
-// ---------------------------- a * b and a @ b; each an MVar or MLinExpr. Element by element where flat forms do not
-// apply.
+// a * b and a @ b; each an MVar or MLinExpr. Element by element where flat forms do not apply.
 Ref quadratic_product(PyObject *a, PyObject *b);
 Ref quadratic_matrix_product(PyObject *a, PyObject *b);
 

@@ -24,6 +24,9 @@ using pysupport::Ref;
     X(_learr)                                                                                                          \
     X(_matmulparts)                                                                                                    \
     X(_const)                                                                                                          \
+    X(_qearr)                                                                                                          \
+    X(_quadparts)                                                                                                      \
+    X(_ndle)                                                                                                           \
     X(_keep_compact)                                                                                                   \
     X(_attrtype)                                                                                                       \
     X(_colno)                                                                                                          \
@@ -47,6 +50,8 @@ using pysupport::Ref;
     X(flat)                                                                                                            \
     X(order)                                                                                                           \
     X(copy)                                                                                                            \
+    X(clear)                                                                                                           \
+    X(getValue)                                                                                                        \
     X(item)                                                                                                            \
     X(tolist)                                                                                                          \
     X(reshape)                                                                                                         \
@@ -64,10 +69,13 @@ using pysupport::Ref;
     X(indptr)                                                                                                          \
     X(indices)                                                                                                         \
     X(data)                                                                                                            \
+    X(row)                                                                                                             \
+    X(col)                                                                                                             \
     X(T)                                                                                                               \
     X(_normalize)                                                                                                      \
     X(issparse)                                                                                                        \
     X(csr_matrix)                                                                                                      \
+    X(coo_matrix)                                                                                                      \
     X(partial)                                                                                                         \
     X(printoptions)                                                                                                    \
     X(vectorize)                                                                                                       \
