@@ -84,7 +84,7 @@ class Model(_modelapi.ModelBase):
     # ---- files
 
     def read(self, path: str | os.PathLike[str]) -> None:
-        """Read a model (.mps, .qps, .sif, .lp, also .gz) into this one, which must be empty, or a .sol file into `Start`.
+        """Read a model (.mps, .qps, .sif, .lp, also .gz) into this empty one, or a .sol file into `Start`.
 
         TarvoError for a file that cannot be read or does not parse (with the line); then nothing has changed.
         """
