@@ -118,10 +118,8 @@ def make(model: Model, worst: int) -> Report:
         raise ValueError(f"report() shows 0 or more offenders a figure, not {worst}")
     status = model.Status  # applies what is pending, which may end the solution
     if not _has(model, "ObjVal"):
-        raise NoDataError(
-            TRV.ERROR_NO_DATA,
-            f"there is no solution to report on (Status {status_word(status)}): call optimize() first",
-        )
+        why = f"there is no solution to report on (status: {status_word(status)}): call optimize() first"
+        raise NoDataError(TRV.ERROR_NO_DATA, why)
     handle, problem = model._cmodel, Problem.of(model._cmodel)
     residuals, has_duals = _residuals(handle)
     return Report(
