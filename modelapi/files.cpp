@@ -2,6 +2,8 @@
 
 #include "modelapi.h"
 
+#include <algorithm>
+#include <memory>
 #include <string_view>
 #include <strings.h>
 
@@ -56,6 +58,24 @@ TARVOPY_METHOD(model_write) {
         succeed(store, TRVupdatemodel(store));
         succeed(store, is_solution(text) ? TRVwritesolution(store, text) : TRVwritemodel(store, text));
         return Ref::none();
+    });
+}
+
+TARVOPY_METHOD(function_write_nl) {
+    static const Signature signature{"write_nl", {"handle", "path"}, 2};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        need_numpy();
+        TRVmodel *store = engine_store(given[0]);
+        Ref path = path_bytes(given[1]);
+        int32_t nvars, *position;
+        succeed(store, TRVwritenl(store, PyBytes_AS_STRING(path.get()), &nvars, &position));
+        const std::unique_ptr<int32_t, void (*)(void *)> keeper(position, TRVfree);
+        const npy_intp count = nvars;
+        Ref array = check(PyArray_SimpleNew(1, &count, NPY_INT32));
+        std::copy(position, position + nvars, static_cast<int32_t *>(PyArray_DATA(pysupport::as_array(array))));
+        return array;
     });
 }
 

@@ -81,6 +81,7 @@ TARVOPY_METHOD(model_read);
 TARVOPY_METHOD(model_write);
 // quadratic.cpp, problem.cpp, solution.cpp: functions over the handle
 TARVOPY_METHOD(function_hessian);
+TARVOPY_METHOD(function_write_nl);
 TARVOPY_METHOD(function_qmatrix);
 TARVOPY_METHOD(function_curvature);
 TARVOPY_METHOD(function_cones);

@@ -63,6 +63,9 @@ PyMethodDef functions[] = {
         "changes($module, handle, /)\n--\n\nWhat changed since clear_changes by the field names of problem.Changes."),
     function("clear_changes", function_clear_changes,
              "clear_changes($module, handle, /)\n--\n\nChanges count anew from here."),
+    function("write_nl", function_write_nl,
+             "write_nl($module, handle, path, /)\n--\n\nWrites a binary .nl file; which position each of its variables "
+             "is, -1 for none (int32)."),
     function(
         "open_solution", function_open_solution,
         "open_solution($module, handle, /)\n--\n\nWritable (x, rc, pi, qpi) by position; the last solution stays until "

@@ -86,6 +86,11 @@ def rows_in_place(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], ND
 def hessian(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
     """The objective's Hessian H (obj x + x'Hx/2), its upper triangle by columns: (start, index, value)."""
 
+def write_nl(handle: Any, path: str | os.PathLike[str]) -> NDArray[np.int32]:
+    """Writes the updated model as a binary .nl file. Which position each of the file's variables has in the model, -1
+    for those that the file has besides.
+    """
+
 def qmatrix(
     handle: Any,
 ) -> tuple[

@@ -403,6 +403,11 @@ TRV_API int TRVevalobjective(TRVmodel *model, const double *x, double *value);
  * the whole file in the old one's place at once. */
 TRV_API int TRVreadmodel(TRVmodel *model, const char *path);
 TRV_API int TRVwritemodel(TRVmodel *model, const char *path);
+/* For an engine: the updated model as a binary .nl file without names, the initial guess (Start) in it. The file's
+ * variables: position[0..nvars) says which of the model's each one is, -1 for those that the file has besides (one for a
+ * quadratic objective; a binary one for each semi-continuous variable that 0 lies outside the bounds of, which must be
+ * finite). Free position with TRVfree. The objective's constant is left out. */
+TRV_API int TRVwritenl(TRVmodel *model, const char *path, int32_t *nvars, int32_t **position);
 /* .sol: one "name value" a line, # begins a comment. Written from X; read into Start. */
 TRV_API int TRVwritesolution(TRVmodel *model, const char *path);
 TRV_API int TRVreadsolution(TRVmodel *model, const char *path);

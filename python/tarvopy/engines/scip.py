@@ -1,0 +1,332 @@
+"""SCIP: everything that needs branching beyond linear models: integers with quadratics, nonconvex rows and objectives.
+
+The model goes over as one binary .nl file, which the store writes in bulk (see TRVwritenl) and SCIP reads some hundred
+times faster than PySCIPOpt takes rows one by one. The file lies in memory where the system has such a place. What the
+file knows besides the model's variables (a variable for a quadratic objective, binary ones for semi-continuous
+variables) stays here.
+
+SCIP keeps its tolerances absolute and one for rows and integrality alike. It has no multipliers for nonlinear models:
+for convex continuous ones they are worked out at its point (multipliers.py).
+
+The run is `optimizeNogil` on a thread of its own. What SCIP says while it runs is read from its log, since asking it
+from another thread would meet data that it is changing. Its limit of LP iterations is for each LP, so
+params.IterationLimit is not passed on.
+"""
+
+from __future__ import annotations
+
+import math
+import os
+import tempfile
+import time
+from typing import TYPE_CHECKING, Any
+
+from tarvopy import _modelapi
+from tarvopy._exception import TarvoError
+from tarvopy._trv import TRV
+from tarvopy.engines.base import NAN, Outcome, Progress
+from tarvopy.engines.worker import Worker
+
+if TYPE_CHECKING:
+    import numpy as np
+
+    from tarvopy.parameters import Parameters
+    from tarvopy.problem import Changes, Problem
+
+_STATUS = {
+    "optimal": TRV.OPTIMAL,
+    "gaplimit": TRV.OPTIMAL,
+    "infeasible": TRV.INFEASIBLE,
+    "unbounded": TRV.UNBOUNDED,
+    "inforunbd": TRV.INFEASIBLE_OR_UNBOUNDED,
+    "timelimit": TRV.TIME_LIMIT,
+    "nodelimit": TRV.NODE_LIMIT,
+    "totalnodelimit": TRV.NODE_LIMIT,
+    "stallnodelimit": TRV.NODE_LIMIT,
+    "sollimit": TRV.SOLUTION_LIMIT,
+    "bestsollimit": TRV.SOLUTION_LIMIT,
+    "primallimit": TRV.SOLUTION_LIMIT,
+    "duallimit": TRV.SOLUTION_LIMIT,
+    "userinterrupt": TRV.INTERRUPTED,
+    "terminate": TRV.INTERRUPTED,
+}
+_WITHOUT_POINT = {TRV.INFEASIBLE, TRV.UNBOUNDED, TRV.INFEASIBLE_OR_UNBOUNDED, TRV.FAILED}
+
+_INFINITY = 1e20  # SCIP's own
+_INT_MAX = 2**31 - 1
+_LONGEST = 1e20  # seconds: its largest time limit
+_TOLERANCES = (1e-9, 1e-3)  # what it takes: its numerics/epsilon is 1e-9
+_EXACT_GAP = 1e-9  # for convex continuous models, whose optimum is not a matter of enumeration
+
+
+def _package() -> Any:
+    try:
+        import pyscipopt
+    except ImportError:
+        raise TarvoError(
+            TRV.ERROR_UNSUPPORTED, "The engine SCIP is not installed: pip install 'pyscipopt==6.3.*'"
+        ) from None
+    return pyscipopt
+
+
+class ScipEngine:
+    """One SCIP instance and the model it holds."""
+
+    name = "SCIP"
+
+    def __init__(self) -> None:
+        self._package = _package()
+        self._model: Any = None
+        self._worker: Worker | None = None
+        self._stop = False
+        self._first: dict[str, Any] | None = None  # result of the first run while a second look is under way
+        self._objective_dropped = False
+        self._log = None
+        self.loads = 0
+
+    @classmethod
+    def full_name(cls) -> str:
+        version = _package().Model("version").version()
+        return f"{cls.name} {version:.1f}" if isinstance(version, float) else f"{cls.name} {version}"
+
+    @classmethod
+    def refusal(cls, problem: Problem) -> str | None:
+        import numpy as np
+
+        semi = (problem.vtype == b"S") & ((problem.lb > 0) | (problem.ub < 0))
+        endless = semi & np.isinf(np.where(problem.lb > 0, problem.ub, problem.lb))
+        if endless.any():
+            name = problem.var_name(int(endless.nonzero()[0][0]))
+            return f"the semi-continuous variable {name!r} needs finite bounds"
+        return _endless_side(problem)
+
+    # ---- the model
+
+    def load(self, problem: Problem) -> None:
+        self.loads += 1
+        self._model = model = self._package.Model()
+        model.hideOutput()
+        model.setParam("misc/catchctrlc", False)
+        with tempfile.TemporaryDirectory(prefix="tarvopy-", dir=_memory_folder()) as folder:
+            path = os.path.join(folder, "model.nl")
+            position = _modelapi.write_nl(problem.handle, path)
+            model.readProblem(path, "nl")
+        if problem.objconstant:
+            model.addObjoffset(problem.objconstant)
+        self._map_variables(position)
+        self._counts = {
+            "vars": model.getNVars(False),
+            "rows": model.getNConss(False),
+            "nz": problem.nnz,
+            "qnz": problem.nqobj + problem.nqterms,
+        }
+
+    def _map_variables(self, position: np.ndarray) -> None:
+        """SCIP sorts variables by type; their names ("x0", "i1", "b2") keep their places in the file."""
+        import numpy as np
+
+        variables = self._model.getVars()
+        where = position[np.fromiter((int(v.name[1:]) for v in variables), np.int64, len(variables))]
+        kept = where >= 0
+        self._positions = where[kept]
+        self._variables = [v for v, keep in zip(variables, kept.tolist(), strict=True) if keep]
+
+    def change(self, problem: Problem, changes: Changes) -> bool:
+        """Always anew: freeing SCIP's transformed problem and writing the file both cost less than its presolving."""
+        return False
+
+    def counts(self) -> dict[str, int]:
+        return dict(self._counts)
+
+    # ---- the run
+
+    def start(self, problem: Problem, params: Parameters) -> None:
+        self._first = None
+        self._params = params
+        self._set_options(problem, params)
+        self._open_log(params)
+        self._run()
+
+    def _run(self) -> None:
+        self._stop = False
+        self._began = time.monotonic()
+        self._worker = Worker(self._model.optimizeNogil, "tarvopy-scip")
+
+    def _set_options(self, problem: Problem, params: Parameters, tighter: float = 1.0) -> None:
+        low, high = _TOLERANCES
+        feasibility = params.FeasibilityTol
+        if problem.nintegral:
+            feasibility = min(params.IntegralityTol, max(feasibility, 1e-6))
+        exact = not problem.nintegral and problem.is_convex
+        options = {
+            "limits/time": min(params.TimeLimit, _LONGEST),
+            "limits/gap": min(params.RelGap, _EXACT_GAP) if exact else params.RelGap,
+            "limits/absgap": min(params.AbsGap, _EXACT_GAP) if exact else params.AbsGap,
+            "limits/nodes": int(min(params.NodeLimit, 2**53)),
+            "limits/bestsol": int(min(params.SolutionLimit, _INT_MAX)),
+            "numerics/feastol": min(max(tighter * feasibility, low), high),
+            "numerics/dualfeastol": min(max(tighter * params.OptimalityTol, low), high),
+            "randomization/randomseedshift": params.Seed,
+            "lp/threads": min(params.Threads, 64),
+        }
+        self._model.resetParams()
+        self._model.setParam("misc/catchctrlc", False)
+        for name, value in [*options.items(), *params.EngineOptions.items()]:
+            self._set_option(name, value)
+
+    def _set_option(self, name: str, value: Any) -> None:
+        try:
+            self._model.setParam(name, value)
+        except (KeyError, LookupError):
+            raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, f"SCIP has no option {name!r}") from None
+        except Exception as error:
+            raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, f"SCIP's option {name!r}, {value!r}: {error}") from None
+
+    @property
+    def running(self) -> bool:
+        return self._worker is not None and self._worker.running
+
+    def wait(self, seconds: float) -> bool:
+        if self._worker is None:
+            return True
+        if self._stop and self.running:
+            self.interrupt()  # a request that came while SCIP was setting out is forgotten by it
+        over = self._worker.wait(seconds)
+        return over
+
+    def interrupt(self) -> None:
+        self._stop = True
+        if self.running:
+            try:
+                self._model.interruptSolve()
+            except Exception:  # not solving yet, or not any more: wait() asks again
+                return
+
+    def progress(self) -> Progress:
+        return Progress(time.monotonic() - self._began, 0.0, None, None, None)
+
+    def _open_log(self, params: Parameters) -> None:
+        self._log = None
+        if params.LogLevel < 2:
+            return
+        self._log = tempfile.NamedTemporaryFile(  # noqa: SIM115 - open as long as SCIP writes to it
+            "r", prefix="tarvopy-", suffix=".log", encoding="utf-8", errors="replace", dir=_memory_folder()
+        )
+        self._model.setLogfile(self._log.name)
+
+    def take_log(self) -> str:
+        return self._log.read() if self._log is not None else ""
+
+    # ---- the answer
+
+    def again(self, problem: Problem) -> bool:
+        """Infeasible or unbounded: without an objective any feasible point tells which, so that is asked for, within a
+        time of its own.
+        """
+        if self._first is not None or self._worker.error is not None:
+            return False
+        result = self._result()
+        left = min(self._params.TimeLimit - result["seconds"], 5.0 + 2.0 * result["seconds"])
+        if result["status"] != TRV.INFEASIBLE_OR_UNBOUNDED or left <= 0 or self._stop:
+            return False
+        self._first = result
+        self._model.freeTransform()
+        self._model.setObjective(0.0)
+        self._objective_dropped = True
+        self._model.setParam("limits/time", left)
+        self._model.setParam("limits/bestsol", 1)
+        self._run()
+        return True
+
+    def refine(self, problem: Problem, params: Parameters) -> bool:
+        """Again with tolerances a tenth as large, from the solution that is there."""
+        if self._objective_dropped or self._worker.error is not None:
+            return False
+        self._first = None
+        self._params = params
+        self._model.freeTransform()
+        self._set_options(problem, params, 0.1)
+        self._run()
+        return True
+
+    def _result(self) -> dict[str, Any]:
+        model = self._model
+        found = model.getNSols() > 0
+        return {
+            "status": _STATUS.get(model.getStatus(), TRV.FAILED),
+            "said": model.getStatus(),
+            "found": found,
+            "objective": model.getObjVal() if found else NAN,
+            "bound": model.getDualbound(),
+            "seconds": model.getSolvingTime(),
+            "iterations": model.getNLPIterations(),
+            "nodes": model.getNTotalNodes(),
+        }
+
+    def outcome(self, problem: Problem) -> Outcome:
+        if self._worker.error is not None:
+            return Outcome(TRV.FAILED, message=f"SCIP failed: {self._worker.error}")
+        result = self._result()
+        if self._first is not None:
+            result = _combined(self._first, result)
+        outcome = Outcome(
+            result["status"],
+            runtime=result["seconds"],
+            itercount=result["iterations"],
+            nodecount=result["nodes"],
+        )
+        if outcome.status == TRV.FAILED:
+            outcome.message = f"SCIP ended with its status {result['said']!r}"
+        if outcome.status not in _WITHOUT_POINT:
+            outcome.has_x = result["found"]
+            outcome.objval = result["objective"]
+            if abs(result["bound"]) < _INFINITY:
+                outcome.bound = result["bound"]
+        return outcome
+
+    def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray, qpi: np.ndarray) -> None:
+        if not outcome.has_x:
+            return
+        import numpy as np
+
+        value = self._model.getSolVal
+        best = self._model.getBestSol()
+        x[self._positions] = np.fromiter((value(best, v) for v in self._variables), float, len(self._variables))
+
+    def close(self) -> None:
+        """Frees SCIP's memory; of a run that is still under way when that ends."""
+        self._model = self._variables = None
+
+
+def _endless_side(problem: Problem) -> str | None:
+    """A row that asks for an infinite value, which no file can say."""
+    import numpy as np
+
+    rows = np.isposinf(problem.lower) | np.isneginf(problem.upper)
+    if rows.any():
+        return f"row {problem.row_name(int(rows.nonzero()[0][0]))!r} asks for an infinite value"
+    above, below = np.isposinf(problem.qrhs), np.isneginf(problem.qrhs)
+    qrows = (above & (problem.qsense != b"<")) | (below & (problem.qsense != b">"))
+    if qrows.any():
+        return f"quadratic row {problem.qrow_name(int(qrows.nonzero()[0][0]))!r} asks for an infinite value"
+    return None
+
+
+def _combined(first: dict[str, Any], second: dict[str, Any]) -> dict[str, Any]:
+    """What two runs together say of a problem that is infeasible or unbounded."""
+    answer = {TRV.INFEASIBLE: TRV.INFEASIBLE, TRV.INTERRUPTED: TRV.INTERRUPTED}.get(
+        second["status"], TRV.INFEASIBLE_OR_UNBOUNDED
+    )
+    if second["found"]:
+        answer = TRV.UNBOUNDED
+    together = {key: first[key] + second[key] for key in ("seconds", "iterations", "nodes")}
+    return {**first, **together, "status": answer, "found": False, "objective": NAN, "bound": math.inf}
+
+
+def _memory_folder() -> str | None:
+    """A folder that lies in memory, None (the system's temporary one) where there is none."""
+    folder = "/dev/shm"
+    return folder if os.path.isdir(folder) and os.access(folder, os.W_OK | os.X_OK) else None
+
+
+ENGINE = ScipEngine
