@@ -86,8 +86,8 @@ class ScipEngine:
 
     @classmethod
     def full_name(cls) -> str:
-        version = _package().Model("version").version()
-        return f"{cls.name} {version:.1f}" if isinstance(version, float) else f"{cls.name} {version}"
+        model = _package().Model("version")
+        return f"{cls.name} {model.getMajorVersion()}.{model.getMinorVersion()}.{model.getTechVersion()}"
 
     @classmethod
     def refusal(cls, problem: Problem) -> str | None:
