@@ -7,6 +7,7 @@
 // Subtraction adds the operand times -1: `factor` goes through all of it. Every function checks first and changes then.
 #include "mlinexpr_operators.h"
 
+#include "mquadexpr_operators.h"
 #include "names.h"
 #include "pysupport/args.h"
 
@@ -332,6 +333,12 @@ bool is_nonlinear_operand(Operand kind) {
     return kind == Operand::MNLExpr || kind == Operand::NLExpr;
 }
 
+Ref add_quadratic(PyObject *self, PyObject *other, Operand kind, double factor) {
+    Ref sum = quad_from_mlinexpr(mod.MQuadExpr, self);
+    Ref operand = kind == Operand::QuadExpr ? quad_from_quadexpr(mod.MQuadExpr, other) : Ref::borrow(other);
+    return quad_add(sum.get(), operand.get(), factor);
+}
+
 Ref add_by_copy(PyObject *self, PyObject *other, double factor) {
     Ref sum = copy_of(self);
     iadd(sum.get(), other, factor);
@@ -371,7 +378,7 @@ Ref add(PyObject *self, PyObject *given, double factor) {
     if (is_nonlinear_operand(kind))
         nonlinear_later();
     if (is_quadratic_operand(kind))
-        quadratic_later();
+        return add_quadratic(self, given, kind, factor);
     if (!is_linear_operand(kind))
         return Ref::borrow(Py_NotImplemented);
     // A LinExpr stands outside the compact rules: it makes the receiver full, for good.
@@ -419,8 +426,7 @@ Ref in_place(PyObject *self, PyObject *other, double factor) {
     Operand kind = kind_of(other);
     if (is_nonlinear_operand(kind))
         nonlinear_later();
-    if (is_quadratic_operand(kind))
-        quadratic_later();
+    // Not for quadratic operands: Python then forms the sum, which is another object.
     return Ref::borrow(iadd(self, other, factor) ? self : Py_NotImplemented);
 }
 

@@ -5,6 +5,7 @@
 //   e * x, e ** 2  quadratic; e / x, 2 ** e  nonlinear: handed over to those classes
 #include "mlinexpr_operators.h"
 
+#include "matrixapi/mquadexpr.h"
 #include "names.h"
 #include "pysupport/args.h"
 
@@ -15,27 +16,6 @@ using namespace pysupport;
 namespace {
 
 constexpr const char *multiplier = "Multiplier";
-
-// ---- multipliers
-
-// One factor for each element of a shape: the array's own numbers where it has that shape already.
-class Factors {
-  public:
-    Factors(const Ref &numbers, const flat::Shape &shape) : numbers_(numbers) {
-        flat::Shape own = shape_of_array(numbers.get());
-        if (own == shape)
-            return;
-        spread_ = flat::Buffer<double>(flat::size_of(shape));
-        flat::broadcast_values(doubles(numbers), own, shape, spread_.write());
-    }
-    const double *data() const { return spread_.empty() ? doubles(numbers_) : spread_.data(); }
-    double operator[](int64_t i) const { return data()[i]; }
-    int64_t size() const { return spread_.empty() ? PyArray_SIZE(as_array(numbers_)) : spread_.size(); }
-
-  private:
-    Ref numbers_;
-    flat::Buffer<double> spread_;
-};
 
 void need_finite_array(const Ref &numbers) {
     need_finite(doubles(numbers), PyArray_SIZE(as_array(numbers)), multiplier);
@@ -202,17 +182,6 @@ Ref number_array(double value) {
 
 // ---- division and powers -------------------------------------------------------------------------------------------
 
-// 1.0 / other for the three numeric kinds, with Python's and NumPy's own errors and warnings; empty for other operands.
-Ref inverse(PyObject *other, Operand kind) {
-    if (kind != Operand::Array && kind != Operand::Sparse && kind != Operand::Scalar)
-        return {};
-    Ref one = check(PyFloat_FromDouble(1.0));
-    Ref numbers = kind == Operand::Sparse   ? to_dense(other)
-                  : kind == Operand::Scalar ? plain_scalar(other)
-                                            : Ref::borrow(other);
-    return check(PyNumber_TrueDivide(one.get(), numbers.get()));
-}
-
 Ref not_implemented() {
     return Ref::borrow(Py_NotImplemented);
 }
@@ -221,7 +190,7 @@ Ref divide(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
     if (kind == Operand::Other)
         return not_implemented();
-    Ref factor = inverse(other, kind);
+    Ref factor = inverse_of(other, kind);
     if (!factor)
         nonlinear_later();
     return multiply(self, factor.get());
@@ -245,9 +214,10 @@ Ref numeric_power(PyObject *self, double exponent, const flat::Shape &shape) {
         return constant_one(shape);
     if (exponent == 1.0)
         return broadcast_copy(self, shape);
-    if (exponent == 2.0)
-        quadratic_later();
-    nonlinear_later();
+    if (exponent != 2.0)
+        nonlinear_later();
+    Ref base = broadcast_copy(self, shape);
+    return quadratic_product(base.get(), base.get());
 }
 
 Ref power(PyObject *self, PyObject *other) {
@@ -304,7 +274,7 @@ Ref reflected_power(PyObject *, PyObject *other) {
 }
 
 Ref idivide(PyObject *self, PyObject *other) {
-    Ref factor = inverse(other, kind_of(other));
+    Ref factor = inverse_of(other, kind_of(other));
     return factor ? imul(self, factor.get()) : not_implemented();
 }
 
@@ -387,12 +357,22 @@ Ref multiply(PyObject *self, PyObject *other) {
     case Operand::Var:
     case Operand::MLinExpr:
     case Operand::LinExpr:
-        quadratic_later();
+        return quadratic_product(self, other);
     case Operand::Other:
         return not_implemented();
     default:
         nonlinear_later();
     }
+}
+
+Ref inverse_of(PyObject *other, Operand kind) {
+    if (kind != Operand::Array && kind != Operand::Sparse && kind != Operand::Scalar)
+        return {};
+    Ref one = check(PyFloat_FromDouble(1.0));
+    Ref numbers = kind == Operand::Sparse   ? to_dense(other)
+                  : kind == Operand::Scalar ? plain_scalar(other)
+                                            : Ref::borrow(other);
+    return check(PyNumber_TrueDivide(one.get(), numbers.get()));
 }
 
 std::span<Member> multiplication_members() {

@@ -223,11 +223,6 @@ void assert_that(bool holds) {
     throw PythonError{};
 }
 
-void quadratic_later() {
-    fail(PyExc_NotImplementedError,
-         "products of variables and expressions (quadratic expressions) are not supported yet");
-}
-
 void nonlinear_later() {
     fail(PyExc_NotImplementedError, "nonlinear expressions are not supported yet");
 }

@@ -16,6 +16,28 @@ struct Value {
 bool value_of(PyObject *operand, Operand kind, Value &value);
 bool expr_value(PyObject *expr, Value &value);
 
+// One factor for each element of a shape: the array's own numbers where it has that shape already.
+class Factors {
+  public:
+    Factors(const Ref &numbers, const flat::Shape &shape) : numbers_(numbers) {
+        flat::Shape own = shape_of_array(numbers.get());
+        if (own == shape)
+            return;
+        spread_ = flat::Buffer<double>(flat::size_of(shape));
+        flat::broadcast_values(doubles(numbers), own, shape, spread_.write());
+    }
+    const double *data() const { return spread_.empty() ? doubles(numbers_) : spread_.data(); }
+    double operator[](int64_t i) const { return data()[i]; }
+    int64_t size() const { return spread_.empty() ? PyArray_SIZE(pysupport::as_array(numbers_)) : spread_.size(); }
+
+  private:
+    Ref numbers_;
+    flat::Buffer<double> spread_;
+};
+
+// 1.0 / other for the three numeric kinds, with Python's and NumPy's own errors and warnings; empty for other operands.
+Ref inverse_of(PyObject *other, Operand kind);
+
 // Where `_keep_compact` is on and the expression is compact, the compact rules hold; otherwise the receiver becomes
 // full first.
 bool takes_compact_path(PyObject *expr);
@@ -50,7 +72,6 @@ void need_fit(const flat::Shape &receiver, const flat::Shape &operand);
 // A plain assertion, as a Python function would make it: AssertionError without a text, unless Python runs with -O.
 void assert_that(bool holds);
 
-[[noreturn]] void quadratic_later();
 [[noreturn]] void nonlinear_later();
 
 // ---- arithmetic, shared by operators and their reflected forms

@@ -1,0 +1,42 @@
+// What the operator files of MQuadExpr share. The linear and constant half is always an operation of MLinExpr on
+// `_ndle`; these files deal with the quadratic half, and see to it that both change or none.
+#pragma once
+
+#include "matrixapi/mlinexpr_operators.h"
+#include "matrixapi/mquadexpr.h"
+
+namespace tarvopy {
+
+// The quadratic half in numbers, a snapshot.
+struct QuadValue {
+    flat::QuadForm form;
+    Ref model;
+};
+// False where only the element-wise path applies: foreign elements, several models, or QuadExpr objects with linear
+// terms of their own, which stay where they are.
+bool quad_numbers(PyObject *expr, QuadValue &value);
+// The QuadExpr of a full expression, or of a full copy of a compact one.
+Ref quad_elements_of(PyObject *expr);
+// A full expression over what NumPy's operator gave for both halves.
+Ref wrap_quad_elements(Ref result, Ref ndle);
+
+// The dispatch's first step: true where the compact rules hold; else the receiver becomes full, for good.
+bool takes_compact_quad_path(PyObject *expr);
+// At most one part, which the expression keeps. False as quad_parts.
+bool merged_quad_parts(PyObject *expr, std::vector<QuadPart> &parts, Ref &model);
+void scale_parts(std::vector<QuadPart> &parts, double factor);
+
+// ---- arithmetic, shared by operators and their reflected forms; NotImplemented where the operand is not theirs
+Ref quad_add(PyObject *self, PyObject *other, double factor);   // self + factor * other
+bool quad_iadd(PyObject *self, PyObject *other, double factor); // self += factor * other; false: no operand of ours
+Ref quad_scaled(PyObject *self, double factor);                 // a new expression
+Ref quad_multiply(PyObject *self, PyObject *other);
+Ref quad_imul(PyObject *self, PyObject *other);
+Ref quad_matrix_product(PyObject *self, PyObject *matrix);           // self @ matrix
+Ref quad_reflected_matrix_product(PyObject *self, PyObject *matrix); // matrix @ self
+
+// An object array of products, as NumPy gives it, split: its QuadExpr objects give their linear parts, normalised, to
+// an MLinExpr beside them.
+Ref split_lin_quad(PyObject *products);
+
+} // namespace tarvopy
