@@ -7,6 +7,7 @@
 
 #include "matrixapi/handle.h"
 #include "matrixapi/mlinexpr.h"
+#include "matrixapi/mquadexpr_operators.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
 
@@ -109,24 +110,36 @@ bool flat_members(const std::vector<Ref> &copies, std::vector<flat::Form> &forms
 }
 
 // NumPy joins arrays of positions; the forms' rows are then picked by them.
-Ref join_forms(const Routine &routine, const std::vector<flat::Form> &forms, const Ref &model) {
+struct Positions {
+    Ref array;     // int64, of the result's shape
+    int64_t total; // elements of all members
+    const int64_t *at() const { return static_cast<const int64_t *>(PyArray_DATA(as_array(array))); }
+    flat::Shape shape() const { return shape_of_array(array.get()); }
+};
+
+Positions join_positions(const Routine &routine, const std::vector<flat::Shape> &shapes) {
     need_numpy();
     Ref arrays = check(PyList_New(0));
     int64_t total = 0;
-    for (const flat::Form &form : forms) {
-        flat::Shape shape = form.shape;
+    for (flat::Shape shape : shapes) {
         Ref positions = check(PyArray_SimpleNew(static_cast<int>(shape.size()), shape.data(), NPY_INT64));
         auto *at = static_cast<int64_t *>(PyArray_DATA(as_array(positions)));
-        std::iota(at, at + form.size, total);
-        total += form.size;
+        std::iota(at, at + flat::size_of(shape), total);
+        total += flat::size_of(shape);
         check_status(PyList_Append(arrays.get(), positions.get()));
     }
     Ref joined = routine(arrays);
     joined = check(PyArray_FromAny(joined.get(), PyArray_DescrFromType(NPY_INT64), 0, 0, NPY_ARRAY_CARRAY_RO, nullptr));
-    flat::Shape shape = shape_of_array(joined.get());
-    flat::Form all = flat::concatenated(forms, {total});
-    return make_flat(mod.MLinExpr,
-                     flat::gathered(all, static_cast<const int64_t *>(PyArray_DATA(as_array(joined))), shape), model);
+    return {std::move(joined), total};
+}
+
+Ref join_forms(const Routine &routine, const std::vector<flat::Form> &forms, const Ref &model) {
+    std::vector<flat::Shape> shapes;
+    for (const flat::Form &form : forms)
+        shapes.push_back(form.shape);
+    Positions joined = join_positions(routine, shapes);
+    flat::Form all = flat::concatenated(forms, {joined.total});
+    return make_flat(mod.MLinExpr, flat::gathered(all, joined.at(), joined.shape()), model);
 }
 
 Ref join_linear(const Routine &routine, Members members) {
@@ -141,6 +154,65 @@ Ref join_linear(const Routine &routine, Members members) {
     for (const Ref &copy : copies)
         check_status(PyList_Append(arrays.get(), learr(copy.get()).get()));
     return check(PyObject_CallOneArg(mod.MLinExpr, routine(arrays).get()));
+}
+
+// ---- quadratic expressions
+
+// A fresh full expression with the member's value.
+Ref full_quad_copy(PyObject *member) {
+    if (is_mquadexpr(member))
+        return quad_to_full(member);
+    if (!is_linear_member(member)) {
+        PyErr_SetNone(PyExc_AssertionError);
+        throw PythonError{};
+    }
+    flat::Shape shape = is_array(member)  ? shape_of_array(member)
+                        : is_mvar(member) ? mvar_shape(member)
+                                          : shape_of(member);
+    Ref full = make_quad_zeros(mod.MQuadExpr, shape, true);
+    return check(PyNumber_InPlaceAdd(full.get(), member));
+}
+
+bool flat_quad_members(const std::vector<Ref> &copies, std::vector<flat::QuadForm> &forms, Ref &model) {
+    for (const Ref &copy : copies) {
+        QuadValue value;
+        if (!quad_numbers(copy.get(), value) || !merge_models(model, value.model))
+            return false;
+        forms.push_back(std::move(value.form));
+    }
+    return !forms.empty();
+}
+
+Ref join_quad_elements(const Routine &routine, const std::vector<Ref> &copies) {
+    Ref arrays = check(PyList_New(0));
+    for (const Ref &copy : copies)
+        check_status(PyList_Append(arrays.get(), qearr(copy.get()).get()));
+    return routine(arrays);
+}
+
+// The linear halves are joined as linear expressions are, the quadratic ones in the same way beside them.
+Ref join_quadratic(const Routine &routine, Members members) {
+    std::vector<Ref> copies, halves;
+    std::vector<PyObject *> linear;
+    for (PyObject *member : members) {
+        copies.push_back(full_quad_copy(member));
+        halves.push_back(Ref::borrow(ndle_of(copies.back().get())));
+        linear.push_back(halves.back().get());
+    }
+    Ref ndle = join_linear(routine, linear);
+    std::vector<flat::QuadForm> forms;
+    Ref model;
+    if (!routine.of_numpy || !flat_quad_members(copies, forms, model)) {
+        Ref keywords =
+            check(Py_BuildValue("{s:O,s:O}", "ndle", ndle.get(), "qearr", join_quad_elements(routine, copies).get()));
+        return check(PyObject_Call(mod.MQuadExpr, check(PyTuple_New(0)).get(), keywords.get()));
+    }
+    std::vector<flat::Shape> shapes;
+    for (const flat::QuadForm &form : forms)
+        shapes.push_back(form.shape);
+    Positions joined = join_positions(routine, shapes);
+    flat::QuadForm all = flat::concatenated(forms, {joined.total});
+    return make_quad_flat(mod.MQuadExpr, flat::gathered(all, joined.at(), joined.shape()), std::move(ndle), model);
 }
 
 // ---- the rule
@@ -161,7 +233,7 @@ Ref join(const Routine &routine, Members members) {
     if (all_up_to(members, {}))
         return join_linear(routine, members);
     if (all_up_to(members, {mod.MQuadExpr}))
-        fail(PyExc_NotImplementedError, "joining quadratic matrix expressions is not supported yet");
+        return join_quadratic(routine, members);
     if (all_up_to(members, {mod.MQuadExpr, mod.MNLExpr}))
         fail(PyExc_NotImplementedError, "joining nonlinear matrix expressions is not supported yet");
     fail(PyExc_ValueError, "Invalid types for array manipulation routine");
@@ -221,9 +293,15 @@ PyObject *copy_learr(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObje
     });
 }
 
-PyObject *copy_learr_qearr(PyObject *, PyObject *const *, Py_ssize_t, PyObject *) {
-    PyErr_SetString(PyExc_NotImplementedError, "quadratic matrix expressions are not supported yet");
-    return nullptr;
+PyObject *copy_learr_qearr(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"_copy_learr_qearr", {"x"}, 1};
+        Arguments given(signature, 0, args, nargs, kwnames);
+        Ref copy = full_quad_copy(given[0]);
+        Ref linear = learr(ndle_of(copy.get())), quadratic = qearr(copy.get());
+        assert_that(shape_of_array(linear.get()) == shape_of_array(quadratic.get()));
+        return check(PyTuple_Pack(2, linear.get(), quadratic.get()));
+    });
 }
 
 template <MethodFunction function> constexpr PyMethodDef entry(const char *name, const char *doc) {

@@ -120,13 +120,23 @@ Ref wrap_elements(Ref result) {
 
 namespace {
 
+bool is_expression(PyObject *element) {
+    return element && (PyObject_TypeCheck(element, mod.core->LinExpr) ||
+                       PyObject_TypeCheck(element, mod.core->QuadExpr)); // NumPy's object arrays may lack elements
+}
+
+Ref copy_expression(PyObject *element) {
+    return check(PyObject_TypeCheck(element, mod.core->LinExpr) ? mod.core->linexpr_copy(element)
+                                                                : mod.core->quadexpr_copy(element));
+}
+
 Ref private_operands(PyObject *operand) {
     // A copy: the operand may share its elements with the receiver, which change from here on.
     Ref spread = check(PyArray_FROM_OTF(operand, NPY_OBJECT, NPY_ARRAY_ENSURECOPY | NPY_ARRAY_CARRAY));
     for (npy_intp i = 0; i < PyArray_SIZE(as_array(spread)); ++i) {
         PyObject **slot = static_cast<PyObject **>(PyArray_DATA(as_array(spread))) + i;
-        if (*slot && PyObject_TypeCheck(*slot, mod.core->LinExpr)) // NumPy allocates object arrays without elements
-            Py_SETREF(*slot, check(mod.core->linexpr_copy(*slot)).release());
+        if (is_expression(*slot))
+            Py_SETREF(*slot, copy_expression(*slot).release());
     }
     return spread;
 }
@@ -137,11 +147,19 @@ PyArrayMultiIterObject *over_both(const Ref &iterator, PyObject *array) {
     return multi;
 }
 
-bool all_linexprs(PyObject *array) {
+bool all_of_type(PyObject *array, PyTypeObject *type) {
     Ref elements = contiguous_objects(array);
     auto **first = static_cast<PyObject **>(PyArray_DATA(as_array(elements)));
     return std::all_of(first, first + PyArray_SIZE(as_array(elements)),
-                       [](PyObject *element) { return element && PyObject_TypeCheck(element, mod.core->LinExpr); });
+                       [type](PyObject *element) { return element && PyObject_TypeCheck(element, type); });
+}
+
+// The QuadExpr of one array take over the contents of those of another, one by one.
+void assign_quadexprs(PyObject *array, PyObject *contents) {
+    Ref to = contiguous_objects(array), from = contiguous_objects(contents);
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(to)); ++i)
+        check_status(mod.core->quadexpr_assign(static_cast<PyObject **>(PyArray_DATA(as_array(to)))[i],
+                                               static_cast<PyObject **>(PyArray_DATA(as_array(from)))[i]));
 }
 
 } // namespace
@@ -171,13 +189,16 @@ void elements_or_nothing(PyObject *array, PyObject *operand, BinaryFunction func
     for (; PyArray_MultiIter_NOTDONE(multi); ++result) {
         PyObject *value = *static_cast<PyObject **>(PyArray_MultiIter_DATA(multi, 1));
         Ref element = check(PyArray_GETITEM(target, static_cast<char *>(PyArray_MultiIter_DATA(multi, 0))));
-        if (PyObject_TypeCheck(element.get(), mod.core->LinExpr))
-            element = check(mod.core->linexpr_copy(element.get()));
+        if (is_expression(element.get()))
+            element = copy_expression(element.get());
         *result = check(function(element.get(), value ? value : Py_None)).release();
         PyArray_MultiIter_NEXT(multi);
     }
-    if (all_linexprs(array) && all_linexprs(results.get()))
+    const CoreApi &core = *mod.core;
+    if (all_of_type(array, core.LinExpr) && all_of_type(results.get(), core.LinExpr))
         exchange_contents(array, results.get());
+    else if (all_of_type(array, core.QuadExpr) && all_of_type(results.get(), core.QuadExpr))
+        assign_quadexprs(array, results.get());
     else
         check_status(PyArray_CopyInto(target, as_array(results)));
 }

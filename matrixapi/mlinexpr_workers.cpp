@@ -1,6 +1,7 @@
 // MLinExpr: the private workers by name. Each stands for one row of an operator's dispatch: it asserts the receiver's
 // state and goes to the same code as the operator.
 #include "mlinexpr_operators.h"
+#include "mquadexpr_operators.h"
 
 #include "pysupport/args.h"
 
@@ -30,6 +31,11 @@ Ref scale(PyObject *self, PyObject *other) {
     return Ref::none();
 }
 
+// Variables in front.
+Ref reflected_product(PyObject *self, PyObject *other) {
+    return quadratic_matrix_product(other, self);
+}
+
 using Worker = Ref (*)(PyObject *self, PyObject *operand);
 
 // A literal as a template argument: each worker knows its own name and that of its operand, for keywords and messages.
@@ -45,6 +51,14 @@ PyObject *worker(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObje
         Arguments given(signature, 1, args, nargs, kwnames);
         assert_that(is_compact(self) == (receiver == Receiver::Compact));
         return work(self, given[0]);
+    });
+}
+
+PyObject *split_method(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature("_split_lin_quad", {"qearr"}, 1);
+        Arguments given(signature, 0, args, nargs, kwnames);
+        return split_lin_quad(given[0]);
     });
 }
 
@@ -82,6 +96,16 @@ std::span<Member> worker_members() {
         on_compact<reflected_matrix_product, "_rmatmul_compact_spmatrix_or_ndarray">("M @ self, compact receiver."),
         on_full<matrix_product, "_matmul_full_spmatrix_or_ndarray">("self @ M, full receiver."),
         on_full<reflected_matrix_product, "_rmatmul_full_spmatrix_or_ndarray">("M @ self, full receiver."),
+        on_full<quadratic_product, "_mul_full_mlinexpr_mvar">("Full receiver times variables or expressions."),
+        on_compact<quadratic_matrix_product, "_matmul_compact_mvar">("self @ x, compact receiver."),
+        on_compact<reflected_product, "_rmatmul_compact_mvar">("x @ self, compact receiver."),
+        on_full<quadratic_matrix_product, "_matmul_full_mvar">("self @ x, full receiver."),
+        on_full<reflected_product, "_rmatmul_full_mvar">("x @ self, full receiver."),
+        on_compact<quadratic_matrix_product, "_matmul_compact_mlinexpr">("self @ other, compact receiver."),
+        on_full<quadratic_matrix_product, "_matmul_full_mlinexpr">("self @ other, full receiver."),
+        static_method("_split_lin_quad", split_method,
+                      "_split_lin_quad(qearr)\n--\n\n(ndle, qearr): the linear parts of an array of QuadExpr, "
+                      "moved to an MLinExpr, and the array."),
     };
     return members;
 }

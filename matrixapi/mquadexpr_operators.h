@@ -35,8 +35,8 @@ Ref quad_imul(PyObject *self, PyObject *other);
 Ref quad_matrix_product(PyObject *self, PyObject *matrix);           // self @ matrix
 Ref quad_reflected_matrix_product(PyObject *self, PyObject *matrix); // matrix @ self
 
-// An object array of products, as NumPy gives it, split: its QuadExpr objects give their linear parts, normalised, to
-// an MLinExpr beside them.
+// An object array of products, as NumPy gives it, as a pair: an MLinExpr of their linear parts, normalised, and the
+// array, whose QuadExpr objects keep the quadratic terms alone.
 Ref split_lin_quad(PyObject *products);
 
 } // namespace tarvopy

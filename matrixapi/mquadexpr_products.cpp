@@ -51,8 +51,12 @@ Ref take_linear_part(PyObject *element) {
     return copy;
 }
 
-// Both arrays of products, the quadratic one in place of what NumPy gave.
-Ref split_result(Ref products) {
+// The linear parts of an object array of products as an MLinExpr; the products keep their quadratic terms.
+struct Split {
+    Ref ndle, qearr;
+};
+
+Split split(Ref products) {
     need_numpy();
     if (!PyArray_Check(products.get()))
         products = object_scalar(products.get());
@@ -64,7 +68,12 @@ Ref split_result(Ref products) {
         Ref linear = take_linear_part(from[i]);
         Py_XSETREF(to[i], linear.release());
     }
-    return make_quad_objects(mod.MQuadExpr, std::move(qearr), make_objects(mod.MLinExpr, std::move(learr)));
+    return {make_objects(mod.MLinExpr, std::move(learr)), std::move(qearr)};
+}
+
+Ref split_result(Ref products) {
+    Split halves = split(std::move(products));
+    return make_quad_objects(mod.MQuadExpr, std::move(halves.qearr), std::move(halves.ndle));
 }
 
 Ref full_elements(PyObject *operand) {
@@ -362,7 +371,8 @@ Ref quadratic_matrix_product(PyObject *a, PyObject *b) {
 }
 
 Ref split_lin_quad(PyObject *products) {
-    return split_result(Ref::borrow(products));
+    Split halves = split(Ref::borrow(products));
+    return check(PyTuple_Pack(2, halves.ndle.get(), halves.qearr.get()));
 }
 
 } // namespace tarvopy

@@ -13,7 +13,7 @@ using Function = PyObject *(PyObject *, PyObject *const *, Py_ssize_t, PyObject 
 // ---- shape_functions.cpp
 Function broadcast_shapes, axis_to_axeslist, matmul_shape;
 
-// ---- same_model.cpp
+// ---- same_elements.cpp
 PyObject *all_refs_match(PyObject *, PyObject *const *args, Py_ssize_t nargs);
 
 } // namespace tarvopy::util

@@ -55,8 +55,7 @@ PyMethodDef methods[] = {
      "_matmul_shape(s1, s2, do_raise=True)\n--\n\nThe shape of a matrix product; ValueError naming both, or None "
      "without do_raise."},
     {"_all_refs_match", as_method(all_refs_match), METH_FASTCALL,
-     "_all_refs_match(*arrays)\n--\n\nWhether all elements (Var, LinExpr, constraint handles) refer to the same model; "
-     "constants fit any."},
+     "_all_refs_match(*arrays)\n--\n\nWhether the arrays hold the very same objects, element by element in C order."},
     {"_dense_matmul_kernel", as_method(nonlinear_product), METH_VARARGS | METH_KEYWORDS, kernel_doc},
     {"_sparse_right_matmul_kernel", as_method(nonlinear_product), METH_VARARGS | METH_KEYWORDS, kernel_doc},
     {"_sparse_left_matmul_kernel", as_method(nonlinear_product), METH_VARARGS | METH_KEYWORDS, kernel_doc},

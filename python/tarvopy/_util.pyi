@@ -28,7 +28,7 @@ def _matmul_shape(s1: _Shape, s2: _Shape, do_raise: object) -> tuple[int, ...] |
     """The shape of a matrix product; ValueError that names both shapes, or None without do_raise."""
 
 def _all_refs_match(*arrays: object) -> bool:
-    """Whether all elements refer to the same model (expressions without variables fit any)."""
+    """Whether the arrays hold the very same objects, element by element in C order."""
 
 def _dense_matmul_kernel(*operands: Any) -> NoReturn: ...
 def _sparse_right_matmul_kernel(*operands: Any) -> NoReturn: ...

@@ -31,18 +31,20 @@ def test_strings():
     assert _util._isstr(b"a") is False
 
 
-def test_one_model_or_several():
-    first, second = NativeModel(3), NativeModel(1)
-    x, y, _ = first.vars
-    (z,) = second.vars
+def test_arrays_hold_the_very_same_objects():
+    x, y, _ = NativeModel(3).vars
+    e, equal = x + y, x + y
     match = _util._all_refs_match
+    held = np.array([[e, x]], dtype=object)
     assert match() is True
-    assert match(np.array([[x, y]], dtype=object), np.array([x + y, LinExpr(1.0)], dtype=object)) is True
-    assert match([x], np.array(z, dtype=object)) is False
-    assert match(np.array([x + z], dtype=object)) is False
-    assert match(x, 2 * y) is True
-    assert match([x, None]) is False
-    assert match(np.ones(2)) is False
+    assert match(held) is True
+    assert match(held, held.copy(), [e, x]) is True
+    assert match(held, np.array([[equal, x]], dtype=object)) is False
+    assert match(held, held[:, ::-1]) is False
+    assert match(held, held[:, :1]) is False
+    assert match(held, held.copy(), held[:, :1]) is False
+    assert match(e, e) is True
+    assert match(e, None) is False
 
 
 def test_table_of_c_functions_holds_the_pointer_accessor():

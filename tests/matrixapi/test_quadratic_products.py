@@ -1,0 +1,305 @@
+"""Products of variables and linear expressions: what they stand for, their states, their order of terms, their cost."""
+
+import operator
+import tracemalloc
+import warnings
+
+import numpy as np
+import pytest
+import scipy.sparse as sp
+from linear_values import Point, looked, terms, variables
+from quadratic_values import entries, everything, quad_terms, value
+
+import tarvopy
+from tarvopy import _debug
+from tarvopy._core import LinExpr
+from tarvopy._matrixapi import MLinExpr, MQuadExpr, MVar
+
+CHAINED = "Chained matrix multiplications of MVars is inefficient"
+
+
+@pytest.fixture(params=[False, True], ids=["flat", "eager"])
+def eager(request):
+    _debug.eager(request.param)
+    yield request.param
+    _debug.eager(False)
+
+
+@pytest.fixture
+def model():
+    return tarvopy.Model()
+
+
+def affine(x, scale=2.0, shift=1.0):
+    return scale * x + shift * (np.arange(x.size).reshape(x.shape) % 3 - 1.0)
+
+
+# ---- values --------------------------------------------------------------------------------------------------------
+
+ELEMENTWISE = [((), ()), ((1,), (1,)), ((3,), (3,)), ((3,), ()), ((1,), (3,)), ((3, 1), (1, 2)), ((2, 3), (3,))]
+ELEMENTWISE += [((1, 1), (1,)), ((2, 1, 3), (2, 1)), ((0,), (1,)), ((0, 3), (3,)), ((1, 1, 1), ())]
+MATRICES = [((3,), (3,)), ((1,), (1,)), ((1, 3), (3, 1)), ((1, 3), (3,)), ((3,), (3, 1)), ((1, 1), (1, 1))]
+MATRICES += [((2, 3), (3,)), ((3,), (3, 2)), ((2, 3), (3, 2)), ((3, 1), (1, 2)), ((2, 2, 3), (3,)), ((2, 1, 3), (2, 3, 2))]
+MATRICES += [((0,), (0,)), ((2, 0), (0, 3)), ((0, 3), (3, 2)), ((3,), (2, 3, 2))]
+
+
+@pytest.mark.filterwarnings("ignore:Chained:UserWarning")
+@pytest.mark.parametrize("left", ["variables", "expression", "looked"])
+@pytest.mark.parametrize("right", ["variables", "expression", "looked"])
+@pytest.mark.parametrize(
+    ("op", "shapes"), [(operator.mul, s) for s in ELEMENTWISE] + [(operator.matmul, s) for s in MATRICES]
+)
+def test_products_give_what_numpy_gives(eager, model, left, right, op, shapes):
+    x, y = (variables(model, shape) for shape in shapes)
+    point = Point(model)
+
+    def operand(kind, v):
+        e = v if kind == "variables" else affine(v)
+        return (looked(e) if kind == "looked" else e), point.of(v) if kind == "variables" else point.value(e)
+
+    (a, a_numbers), (b, b_numbers) = operand(left, x), operand(right, y)
+    q, expected = op(a, b), op(a_numbers, b_numbers)
+    assert isinstance(q, MQuadExpr)
+    assert q.shape == np.shape(expected)
+    np.testing.assert_allclose(value(point, q), expected)
+
+
+def test_scalars_and_arrays_of_variables_meet_on_either_side(eager, model):
+    x, v = variables(model, (3,)), model.addVar()
+    point = Point(model)
+    at_v, at_x = point.numbers[v.index], point.of(x)
+    e, le = 2.0 * x + 1.0, 3.0 * v + 1.0
+    for q in (v * x, x * v):
+        np.testing.assert_allclose(value(point, q), at_v * at_x)
+    for q in (v * e, e * v):
+        np.testing.assert_allclose(value(point, q), at_v * (2.0 * at_x + 1.0))
+    for q in (le * x, x * le):
+        np.testing.assert_allclose(value(point, q), (3.0 * at_v + 1.0) * at_x)
+    for q in (le * e, e * le):
+        np.testing.assert_allclose(value(point, q), (3.0 * at_v + 1.0) * (2.0 * at_x + 1.0))
+    q = e + v * v
+    assert isinstance(q, MQuadExpr)
+    np.testing.assert_allclose(value(point, q), 2.0 * at_x + 1.0 + at_v**2)
+
+
+@pytest.mark.parametrize("exponent", [2, 2.0, np.array(2), np.array([2.0])])
+def test_squares_are_products(eager, model, exponent):
+    x = variables(model, (2, 3))
+    point = Point(model)
+    q = x**exponent
+    assert quad_terms(q) == [[(1.0, i, i)] for i in range(6)]
+    e = 2.0 * x - 1.0
+    assert everything(e**exponent) == everything(e * e)
+    np.testing.assert_allclose(value(point, e**exponent), point.value(e) ** 2)
+    assert (x**np.array([[[2.0]]])).shape == (1, 2, 3)
+    with pytest.raises(NotImplementedError):
+        e**3
+
+
+# ---- order of terms, and what is merged ----------------------------------------------------------------------------
+
+
+def test_terms_stand_left_major(eager, model):
+    a, b, c, d = (variables(model, (2,)) for _ in range(4))  # indices 0 2 4 6 for the first elements
+    q = (a + b) * (3.0 * c + d)
+    assert quad_terms(q)[0] == [(3.0, 0, 4), (1.0, 0, 6), (3.0, 2, 4), (1.0, 2, 6)]
+    grid = (a.reshape(2, 1) + b.reshape(1, 2)) * (c + d)
+    assert quad_terms(grid)[1] == [(1.0, 0, 5), (1.0, 0, 7), (1.0, 3, 5), (1.0, 3, 7)]
+
+
+def test_linear_half_has_left_terms_first_and_merges_equal_variables(eager, model):
+    x, y = variables(model, (2, 2)), variables(model, (2, 2))
+    q = (x + 2.0) * (y + x + 3.0)
+    assert terms(q._ndle)[0] == (6.0, [(5.0, 0), (2.0, 4)])
+    zero_in_places = (x + np.array([[0.0, 1.0], [0.0, 0.0]])) * y
+    assert [row for _, row in terms(zero_in_places._ndle)] == [[], [(1.0, 5)], [], []]
+    assert terms((x * y)._ndle) == [(0.0, [])] * 4
+
+
+def test_many_summands_keep_the_order_of_few(model):
+    x = variables(model, (1, 4, 4))
+    many, few = x + 0.0, x + 0.0
+    for i in range(9):
+        many += float(i) * x[:, ::-1]
+    for i in range(3):
+        few += float(i) * x[:, ::-1]
+    product = many * many
+    assert product.shape == (1, 4, 4)
+    flat = quad_terms(product)
+    assert flat == quad_terms(looked(many) * looked(many))
+    assert quad_terms(few * few) == quad_terms(looked(few) * looked(few))
+
+
+# ---- states --------------------------------------------------------------------------------------------------------
+
+
+def test_one_element_of_variables_stays_compact(model):
+    x = variables(model, (3,))
+    e = np.arange(6.0).reshape(2, 3).T @ variables(model, (2,)) + 1.0
+    for q in (x @ x, x @ e, e @ x, e @ e, x[0] * x[1], x[:1] ** 2):
+        assert q._is_compact()
+        assert len(q._quadparts) == 1
+    for q in (e * x, e[:1] * x[:1], x * x, x.reshape(1, 3) @ x.reshape(3, 1) + x):
+        assert not q._is_compact()
+
+
+def test_compact_switches_are_obeyed(model, monkeypatch):
+    x = variables(model, (3,))
+    expected = Point(model).of(x) @ Point(model).of(x)
+    for cls in (MLinExpr, MQuadExpr):
+        monkeypatch.setattr(cls, "_keep_compact", 0)
+        q = x @ x
+        assert not q._is_compact()
+        assert value(Point(model), q) == expected
+        monkeypatch.setattr(cls, "_keep_compact", 1)
+
+
+def test_product_of_compact_expressions_merges_pairs(model):
+    x, y = variables(model, (3,)), variables(model, (2,))
+    point = Point(model)
+    a, b = np.arange(12.0).reshape(4, 3) - 5.0, np.array([[1.0, 0.0], [2.0, 1.0], [0.0, 0.0], [1.0, -1.0]])
+    e, f = a @ x + 1.0, b @ y - np.arange(4.0)
+    q = e @ f
+    dense = np.zeros((3, 2))
+    for (i, j), c in entries(q).items():
+        dense[i, j - 3] += c
+    np.testing.assert_allclose(dense, a.T @ b)
+    assert q._quadparts[0][1].nnz <= 6
+    np.testing.assert_allclose(value(point, q), point.value(e) @ point.value(f))
+    assert len(q._ndle._matmulparts) == 1
+
+
+@pytest.mark.parametrize("convert", [sp.csr_matrix, sp.csc_matrix, sp.coo_matrix, sp.csr_array, np.asarray])
+def test_quadratic_form_is_one_part_with_the_entries_of_the_matrix(eager, model, convert):
+    matrix = np.array([[1.0, 2.0, 0.0], [0.0, -3.0, 0.5], [4.0, 0.0, 0.0]])
+    x, y = variables(model, (3,)), variables(model, (3,))
+    given = convert(matrix)
+    expected = {(i, 3 + j): matrix[i, j] for i, j in zip(*matrix.nonzero(), strict=True)}
+    left_first, right_first = (x @ given) @ y, x @ (given @ y)
+    given *= 0
+    assert entries(left_first) == entries(right_first) == expected
+    assert left_first._ndle._matmulparts == []
+
+
+def test_doubled_entries_of_a_matrix_add_up(model):
+    x = variables(model, (2,))
+    q = x @ sp.coo_matrix(([1.0, 2.0], ([0, 0], [1, 1])), shape=(2, 2)) @ x
+    assert entries(q) == {(0, 1): 3.0}
+
+
+def test_large_sparse_form_makes_no_object_an_entry_and_no_dense_matrix(model):
+    n = 100_000
+    x = variables(model, (n,))
+    q = sp.random(n, n, density=2e-5, format="csr", random_state=1)
+    tracemalloc.start()
+    form = x @ q @ x
+    _, peak = tracemalloc.get_traced_memory()
+    tracemalloc.stop()
+    assert form._is_compact()
+    assert peak < 40 * q.nnz
+    assert form._quadparts[0][1].nnz == q.nnz
+
+
+# ---- warnings ------------------------------------------------------------------------------------------------------
+
+
+def test_only_full_expression_products_warn(model):
+    x, y = variables(model, (3, 3)), variables(model, (3,))
+    with pytest.warns(UserWarning, match=CHAINED) as caught:
+        (x + 1.0) @ (y + 1.0)
+    assert len(caught) == 1
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")
+        x @ x, x @ y, (x + 1.0) @ y, y @ (x + 1.0), (y + 1.0) @ (y + 1.0), x * x, (x + 1.0) * (y + 1.0)
+        with pytest.raises(UserWarning, match=CHAINED):
+            (x + 1.0) @ (x + 1.0)
+
+
+# ---- hostile operands ----------------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("op", [operator.mul, operator.matmul])
+def test_shapes_that_do_not_fit_are_named(eager, model, op):
+    x, y = variables(model, (3,)), variables(model, (2,))
+    for a, b in ((x, y), (x + 1.0, y), (x, y + 1.0), (x + 1.0, y + 1.0)):
+        with pytest.raises(ValueError, match=r"3.*2"):
+            op(a, b)
+
+
+def test_several_models_never_mix_silently():
+    first, second = tarvopy.Model(), tarvopy.Model()
+    x, y = variables(first, (2, 2)), variables(second, (2, 2))
+    q = (x + 1.0) * y
+    found = [[(c, a.index, b.index) for c, a, b in qe.terms()] for qe in q._qearr.flat]
+    assert found == [[(1.0, i, i)] for i in range(4)]
+    assert q._qearr[0, 1].terms().__next__()[1] is x._vararr[0, 1]
+    assert q._qearr[0, 1].terms().__next__()[2] is y._vararr[0, 1]
+
+
+def test_elements_that_are_no_variables_are_refused(model):
+    x = variables(model, (2,))
+    foreign = MVar(np.array([None, x._vararr[0]], dtype=object))
+    for product in (lambda: x * foreign, lambda: foreign @ x, lambda: (x + 1.0) * foreign, lambda: (x + 1.0) @ foreign):
+        with pytest.raises((TypeError, ValueError, AttributeError)):
+            product()
+
+
+def test_constant_beyond_doubles_is_refused(eager, model):
+    x = variables(model, (2, 2))
+    huge = x + 1e200
+    with pytest.raises(tarvopy.TarvoError, match="Constant is infinite or NaN"):
+        huge * huge
+    row = x[0] + 1e200
+    with pytest.raises(tarvopy.TarvoError, match="Constant is infinite or NaN"):
+        (np.eye(2) @ x[0] + 1e200) @ (np.eye(2) @ x[0] + 1e200)
+    assert terms(row)[0][0] == 1e200
+
+
+def test_split_moves_linear_parts_out_of_the_objects(model):
+    x = variables(model, (2,))
+    le = LinExpr(1.0)
+    le += x._vararr[0]
+    le -= x._vararr[0]
+    le += 2.0 * x._vararr[1]
+    products = np.array([le * le, le * x._vararr[0]], dtype=object)
+    ndle, qearr = MLinExpr._split_lin_quad(products)
+    assert qearr is products
+    assert terms(ndle) == [(1.0, [(4.0, 1)]), (0.0, [(1.0, 0)])]
+    assert all(qe.getLinExpr().size() == 0 and qe.getLinExpr().getConstant() == 0.0 for qe in products)
+
+
+# ---- joins ---------------------------------------------------------------------------------------------------------
+
+
+def test_joins_with_a_quadratic_member_are_quadratic(eager, model):
+    x = variables(model, (3,))
+    point = Point(model)
+    members = [x * x, x, 2.0 * x + 1.0, np.arange(3.0), x[0] * x[1:2]]
+    q = tarvopy.concatenate(members)
+    at = point.of(x)
+    np.testing.assert_allclose(
+        value(point, q), np.concatenate([at**2, at, 2 * at + 1, np.arange(3.0), at[0] * at[1:2]])
+    )
+    assert isinstance(q, MQuadExpr)
+    q[0] = 5.0
+    np.testing.assert_allclose(value(point, members[0]), at**2)
+    stacked = tarvopy.vstack([x * x, x])
+    np.testing.assert_allclose(value(point, stacked), np.vstack([at**2, at]))
+    with pytest.raises(ValueError, match="must match exactly"):
+        tarvopy.vstack([x * x, x[:2]])
+
+
+def test_copied_arrays_share_no_element(model):
+    from tarvopy._matrixapi import _copy_learr_qearr
+
+    x = variables(model, (2,))
+    q = x * x + x
+    learr, qearr = _copy_learr_qearr(q)
+    assert learr.shape == qearr.shape == (2,)
+    assert qearr[0] is not q._qearr[0]
+    assert learr[0] is not q._ndle._learr[0]
+    learr, qearr = _copy_learr_qearr(np.ones(2))
+    assert [le.getConstant() for le in learr] == [1.0, 1.0]
+    assert [qe.size() for qe in qearr] == [0, 0]
+    with pytest.raises(AssertionError):
+        _copy_learr_qearr("x")
