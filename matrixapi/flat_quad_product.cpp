@@ -2,6 +2,8 @@
 #include "flat_quad.h"
 
 #include <functional>
+#include <stdexcept>
+#include <string>
 
 namespace flat {
 
@@ -57,16 +59,25 @@ Summand one_summand(const Form &form) {
     return form.summands.size() == 1 ? form.summands[0] : joined(form.summands, form.size);
 }
 
+// A slip (the sum of everything squared) would otherwise fill the memory before anybody can stop it.
+int64_t pairs(int64_t n, int64_t m) {
+    int64_t product;
+    if (__builtin_mul_overflow(n, m, &product) || product > INT32_MAX)
+        throw std::invalid_argument("a product of " + std::to_string(n) + " by " + std::to_string(m) +
+                                    " terms is too large");
+    return product;
+}
+
 void set_row_lengths(QuadSummand &result, const Summand &a, const Summand &b) {
     if (a.ptr.empty() && b.ptr.empty()) {
-        result.width = a.width * b.width;
+        result.width = pairs(a.width, b.width);
         return;
     }
     result.ptr = Buffer<int64_t>(a.nrows + 1);
     int64_t *ptr = result.ptr.write();
     ptr[0] = 0;
     for (int64_t row = 0; row < a.nrows; ++row)
-        ptr[row + 1] = ptr[row] + (a.end(row) - a.begin(row)) * (b.end(row) - b.begin(row));
+        ptr[row + 1] = ptr[row] + pairs(a.end(row) - a.begin(row), b.end(row) - b.begin(row));
 }
 
 QuadSummand rows_times_rows(const Summand &a, const Summand &b) {

@@ -7,8 +7,8 @@ entries(q)          {(index, index): coefficient} of the one part of a compact e
 """
 
 import numpy as np
-from linear_values import Point, terms
 
+from linear_values import Point, terms
 from tarvopy._matrixapi import MQuadExpr
 
 

@@ -7,10 +7,10 @@ import warnings
 import numpy as np
 import pytest
 import scipy.sparse as sp
-from linear_values import Point, looked, terms, variables
-from quadratic_values import entries, everything, quad_terms, value
 
 import tarvopy
+from linear_values import Point, looked, terms, variables
+from quadratic_values import entries, everything, quad_terms, value
 from tarvopy import _debug
 from tarvopy._core import LinExpr
 from tarvopy._matrixapi import MLinExpr, MQuadExpr, MVar
@@ -39,7 +39,14 @@ def affine(x, scale=2.0, shift=1.0):
 ELEMENTWISE = [((), ()), ((1,), (1,)), ((3,), (3,)), ((3,), ()), ((1,), (3,)), ((3, 1), (1, 2)), ((2, 3), (3,))]
 ELEMENTWISE += [((1, 1), (1,)), ((2, 1, 3), (2, 1)), ((0,), (1,)), ((0, 3), (3,)), ((1, 1, 1), ())]
 MATRICES = [((3,), (3,)), ((1,), (1,)), ((1, 3), (3, 1)), ((1, 3), (3,)), ((3,), (3, 1)), ((1, 1), (1, 1))]
-MATRICES += [((2, 3), (3,)), ((3,), (3, 2)), ((2, 3), (3, 2)), ((3, 1), (1, 2)), ((2, 2, 3), (3,)), ((2, 1, 3), (2, 3, 2))]
+MATRICES += [
+    ((2, 3), (3,)),
+    ((3,), (3, 2)),
+    ((2, 3), (3, 2)),
+    ((3, 1), (1, 2)),
+    ((2, 2, 3), (3,)),
+    ((2, 1, 3), (2, 3, 2)),
+]
 MATRICES += [((0,), (0,)), ((2, 0), (0, 3)), ((0, 3), (3, 2)), ((3,), (2, 3, 2))]
 
 
@@ -91,7 +98,7 @@ def test_squares_are_products(eager, model, exponent):
     e = 2.0 * x - 1.0
     assert everything(e**exponent) == everything(e * e)
     np.testing.assert_allclose(value(point, e**exponent), point.value(e) ** 2)
-    assert (x**np.array([[[2.0]]])).shape == (1, 2, 3)
+    assert (x ** np.array([[[2.0]]])).shape == (1, 2, 3)
     with pytest.raises(NotImplementedError):
         e**3
 
