@@ -9,6 +9,8 @@
 #include "names.h"
 #include "pysupport/args.h"
 
+#include <optional>
+
 namespace tarvopy {
 
 using namespace pysupport;
@@ -119,6 +121,28 @@ Part compact_part(const Matrix &matrix, VarIds vars, int64_t size, Side side) {
     return spread_part(make_part(summand_of(std::move(rows)), std::move(vars.ids)), size);
 }
 
+// Whether columns ascend in each row: as many descents in all as between rows.
+bool has_sorted_rows(const flat::Csr &matrix) {
+    int64_t descents = 0, between = 0;
+    const int32_t *index = matrix.index.data();
+    for (int64_t k = 1; k < matrix.nnz(); ++k)
+        descents += index[k] < index[k - 1];
+    for (int64_t row = 1, end = matrix.nnz(); row < matrix.rows; ++row)
+        if (int64_t k = matrix.ptr[row]; k > 0 && k < end && matrix.ptr[row - 1] < k)
+            between += index[k] < index[k - 1];
+    return descents == between;
+}
+
+// The matrix of x @ A as it was given: its columns are the part's rows, laid out when somebody asks. Empty where they
+// must be laid out at once, since the order of the terms would not be found again.
+std::optional<flat::Csr> kept_as_given(const Matrix &matrix, int64_t variables, int64_t size, Side side) {
+    if (side == Side::Right || matrix.shape.size() != 2 || matrix.shape[1] != size ||
+        spreads_one_entry(matrix.shape, variables, side))
+        return {};
+    flat::Csr rows = matrix.sparse ? matrix.csr : flat::nonzeros(as_rows(matrix, side));
+    return has_sorted_rows(rows) ? std::optional(std::move(rows)) : std::nullopt;
+}
+
 // The numbers of an array that the kernels do not take as it is: a part's matrix is float64 whatever was given.
 Ref converted_doubles(PyObject *given) {
     PyArrayObject *array = as_array(given);
@@ -173,6 +197,9 @@ Ref compact_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side, c
     if (mvar_ids(mvar, vars)) {
         need_product(matrix, vars, side, product);
         Ref model = vars.model;
+        if (auto turned = kept_as_given(matrix, vars.ids.size(), size, side))
+            return make_compact_turned(cls, std::move(*turned), std::move(vars.ids), std::move(constant),
+                                       std::move(model));
         std::vector<Part> parts;
         parts.push_back(compact_part(matrix, std::move(vars), size, side));
         return make_compact(cls, std::move(parts), std::move(constant), std::move(model));

@@ -26,6 +26,16 @@ int LinearNative::traverse(visitproc visit, void *arg) {
     return 0;
 }
 
+void LinearNative::lay_out() {
+    flat::Csr rows = flat::transposed(turned);
+    flat::Summand &summand = parts[0].summand;
+    summand.nrows = rows.rows;
+    summand.ptr = std::move(rows.ptr);
+    summand.cols = std::move(rows.index);
+    summand.coef = std::move(rows.value);
+    turned = {};
+}
+
 Part make_part(flat::Summand summand, flat::Buffer<int32_t> ids) {
     return make_part(std::move(summand), std::make_shared<VarVector>(VarVector{std::move(ids), {}}));
 }
@@ -131,7 +141,7 @@ bool assertions_on() {
 }
 
 State state_of(PyObject *expr) {
-    if (LinearNative *native = linear_of(expr))
+    if (LinearNative *native = native_linear(expr))
         return native->compact ? State::CompactNative : State::Flat;
     return documented(expr, names._matmulparts) == Py_None ? State::Objects : State::CompactMade;
 }
@@ -194,6 +204,19 @@ Ref make_compact(PyObject *cls, std::vector<Part> parts, Ref const_array, Ref mo
         native->parts = std::move(parts);
         native->model = std::move(model);
     }
+    Ref expr = new_instance(cls, std::move(native));
+    store(expr.get(), names._const, const_array.get());
+    if (eager)
+        matmulparts(expr.get());
+    return expr;
+}
+
+Ref make_compact_turned(PyObject *cls, flat::Csr turned, flat::Buffer<int32_t> ids, Ref const_array, Ref model) {
+    auto native = std::make_unique<LinearNative>();
+    native->compact = true;
+    native->parts.push_back(make_part(flat::Summand(), std::move(ids)));
+    native->turned = std::move(turned);
+    native->model = std::move(model);
     Ref expr = new_instance(cls, std::move(native));
     store(expr.get(), names._const, const_array.get());
     if (eager)
