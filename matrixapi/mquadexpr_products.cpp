@@ -9,6 +9,7 @@
 #include "matrixapi/product_plan.h"
 
 #include <numeric>
+#include <stdexcept>
 
 namespace tarvopy {
 
@@ -120,7 +121,9 @@ flat::Shape operand_shape(PyObject *operand) {
 
 // One operand of a compact product, a vector of n elements: A x + c.
 struct Vector {
-    flat::Summand rows; // A over columns, n rows
+    bool plain = false; // variables themselves: A is the identity
+    flat::Summand rows; // A over columns, n rows; empty where `turned` is given
+    flat::Csr turned;   // A'
     SharedVector vars;  // x; empty where there are no variables
     Ref constants;      // n doubles; empty: zeros
     Ref model;
@@ -135,6 +138,7 @@ bool vector_of_mvar(PyObject *mvar, Vector &vector) {
     VarIds ids;
     if (!mvar_ids(mvar, ids))
         return false;
+    vector.plain = true;
     vector.size = ids.ids.size();
     Part part = identity_part(std::move(ids.ids));
     vector.rows = std::move(part.summand);
@@ -147,6 +151,14 @@ bool vector_of_expr(PyObject *expr, Vector &vector) {
     std::vector<Part> parts;
     if (!is_compact(expr))
         return false;
+    if (LinearNative *native = native_linear(expr); native && native->is_turned()) {
+        vector.size = native->turned.cols;
+        vector.turned = native->turned;
+        vector.vars = native->parts[0].vector;
+        vector.model = native->model;
+        vector.constants = constant_doubles(expr);
+        return true;
+    }
     join_parts(expr);
     if (!native_parts(expr, parts, vector.model) || parts.size() > 1)
         return false;
@@ -165,11 +177,11 @@ bool vector_of(PyObject *operand, Vector &vector) {
     return numeric;
 }
 
-flat::Buffer<int32_t> row_numbers(const flat::Summand &rows) {
-    flat::Buffer<int32_t> numbers(rows.nnz());
+flat::Buffer<int32_t> row_numbers(const flat::Csr &matrix) {
+    flat::Buffer<int32_t> numbers(matrix.nnz());
     int32_t *to = numbers.write();
-    for (int64_t row = 0; row < rows.nrows; ++row)
-        to = std::fill_n(to, rows.end(row) - rows.begin(row), static_cast<int32_t>(row));
+    for (int64_t row = 0; row < matrix.rows; ++row)
+        to = std::fill_n(to, matrix.ptr[row + 1] - matrix.ptr[row], static_cast<int32_t>(row));
     return numbers;
 }
 
@@ -182,26 +194,8 @@ flat::Buffer<int32_t> column_numbers(const flat::Summand &rows) {
     return numbers;
 }
 
-// Against plain variables the entries are A's own: nothing but row numbers is written.
-QuadPart against_variables(const Vector &expr, double factor, const Vector &variables, bool expr_left) {
-    QuadPart part;
-    flat::Summand rows = flat::scaled(expr.rows, factor);
-    part.x = expr_left ? expr.vars : variables.vars;
-    part.y = expr_left ? variables.vars : expr.vars;
-    part.coef = rows.coef;
-    part.scale = rows.scale;
-    part.nnz = rows.nnz();
-    if (is_identity(rows))
-        return part;
-    flat::Buffer<int32_t> across = column_numbers(rows), down = row_numbers(rows);
-    part.rows = expr_left ? across : down;
-    part.cols = expr_left ? down : across;
-    return part;
-}
-
-flat::Csr compressed(const Vector &vector) {
-    const flat::Summand &rows = vector.rows;
-    flat::Csr csr{rows.nrows, vector.vars->ids.size(), rows.ptr, column_numbers(rows), rows.coef};
+flat::Csr compressed(const flat::Summand &rows, int64_t columns) {
+    flat::Csr csr{rows.nrows, columns, rows.ptr, column_numbers(rows), rows.coef};
     if (rows.ptr.empty()) {
         csr.ptr = flat::Buffer<int64_t>(rows.nrows + 1);
         for (int64_t row = 0; row <= rows.nrows; ++row)
@@ -214,12 +208,40 @@ flat::Csr compressed(const Vector &vector) {
     return csr;
 }
 
+// A and A' as matrices.
+flat::Csr rows_of(const Vector &vector) {
+    return vector.turned.rows ? flat::transposed(vector.turned) : compressed(vector.rows, vector.vars->ids.size());
+}
+flat::Csr columns_of(const Vector &vector) {
+    return vector.turned.rows ? vector.turned : flat::transposed(rows_of(vector));
+}
+
+// Entries stand by rows, whichever way the matrix came.
+QuadPart entries_of(const flat::Csr &matrix) {
+    QuadPart part;
+    part.nnz = matrix.nnz();
+    part.rows = row_numbers(matrix);
+    part.cols = matrix.index;
+    part.coef = matrix.value;
+    return part;
+}
+
+// Against plain variables the entries are A's own: nothing but row numbers is written.
+QuadPart against_variables(const Vector &expr, bool expr_left) {
+    if (!is_identity(expr.rows) || expr.turned.rows)
+        return entries_of(expr_left ? columns_of(expr) : rows_of(expr));
+    QuadPart part;
+    part.nnz = expr.size;
+    part.scale = expr.rows.scale;
+    return part;
+}
+
 // A'B: the outer products of corresponding rows added up, so that there is one entry for each pair of variables. One
 // line of the result at a time, in a dense row that remembers which line wrote where.
 class TransposeProduct {
   public:
-    TransposeProduct(const flat::Csr &a, const flat::Csr &b)
-        : columns_(flat::transposed(a)), b_(b), place_(static_cast<size_t>(b.cols), -1) {}
+    TransposeProduct(flat::Csr turned_a, flat::Csr b)
+        : columns_(std::move(turned_a)), b_(std::move(b)), place_(static_cast<size_t>(b_.cols), -1) {}
 
     QuadPart entries() {
         for (int64_t i = 0; i < columns_.rows; ++i)
@@ -248,25 +270,27 @@ class TransposeProduct {
             return;
         }
         place = static_cast<int64_t>(value_.size());
+        if (place > INT32_MAX)
+            throw std::invalid_argument("a product of expressions with over 2**31 pairs of variables is too large");
         row_.push_back(i);
         col_.push_back(j);
         value_.push_back(value);
     }
 
-    flat::Csr columns_;
-    const flat::Csr &b_;
+    flat::Csr columns_, b_;
     std::vector<int64_t> place_; // of column j in the present line, where that is not before the line
     std::vector<int32_t> row_, col_;
     std::vector<double> value_;
 };
 
 QuadPart paired(const Vector &a, const Vector &b) {
-    if (is_identity(b.rows))
-        return against_variables(a, b.rows.scale, b, true);
-    if (is_identity(a.rows))
-        return against_variables(b, a.rows.scale, a, false);
-    flat::Csr left = compressed(a), right = compressed(b);
-    QuadPart part = TransposeProduct(left, right).entries();
+    QuadPart part;
+    if (b.plain)
+        part = against_variables(a, true);
+    else if (a.plain)
+        part = against_variables(b, false);
+    else
+        part = TransposeProduct(columns_of(a), rows_of(b)).entries();
     part.x = a.vars;
     part.y = b.vars;
     return part;
@@ -286,7 +310,15 @@ void append_weighted(std::vector<Part> &parts, const Vector &vector, const Vecto
     if (source.empty())
         return;
     int64_t start[] = {0, static_cast<int64_t>(source.size())};
-    flat::Summand row = flat::combined(vector.rows, 1, start, source.data(), factors.data());
+    flat::Summand rows = vector.rows;
+    if (vector.turned.rows) {
+        flat::Csr matrix = rows_of(vector);
+        rows.nrows = matrix.rows;
+        rows.ptr = matrix.ptr;
+        rows.cols = matrix.index;
+        rows.coef = matrix.value;
+    }
+    flat::Summand row = flat::combined(rows, 1, start, source.data(), factors.data());
     parts.push_back(make_part(flat::normalized(row, static_cast<int32_t>(vector.vars->ids.size())), vector.vars));
 }
 
