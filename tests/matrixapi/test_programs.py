@@ -29,6 +29,18 @@ def value(expr, point):
     return result
 
 
+def quadratic_value(expr, point):
+    """The same of a quadratic expression; linear terms may stand inside its QuadExpr objects too."""
+    full = expr.copy()
+    full._convert_to_full()
+    result = value(full._ndle, point)
+    for key, element in np.ndenumerate(full._qearr):
+        own = element.getLinExpr()
+        result[key] += own.getConstant() + sum(c * point[v.index] for c, v in own.terms())
+        result[key] += sum(c * point[a.index] * point[b.index] for c, a, b in element.terms())
+    return result
+
+
 class World:
     """One model; `make` gives a pair (what the package holds, what NumPy holds)."""
 
@@ -49,11 +61,13 @@ class World:
             return np.array([self.point[i] for i in thing._idxarr().flat]).reshape(thing.shape)
         if isinstance(thing, tarvopy.MLinExpr):
             return value(thing.copy(), self.point)
+        if isinstance(thing, tarvopy.MQuadExpr):
+            return quadratic_value(thing, self.point)
         return thing.toarray() if sp.issparse(thing) else np.asarray(thing)
 
 
 @st.composite
-def operand(draw, world, kinds=("variables", "expression", "array", "integers", "sparse", "scalar")):
+def operand(draw, world, kinds=("variables", "expression", "quadratic", "array", "integers", "sparse", "scalar")):
     kind = draw(st.sampled_from(kinds))
     shape = draw(st.sampled_from(SHAPES))
     if kind == "scalar":
@@ -74,6 +88,9 @@ def operand(draw, world, kinds=("variables", "expression", "array", "integers", 
     if kind == "variables":
         return x, numbers
     scale, shift = draw(NUMBERS), draw(NUMBERS)
+    if kind == "quadratic":
+        y, others = world.variables(draw(st.sampled_from([shape, (), (1,)])))
+        return scale * (x * y) + x + shift, np.asarray(scale * (numbers * others) + numbers + shift)
     return x * scale + shift, np.asarray(numbers * scale + shift)
 
 
@@ -85,12 +102,20 @@ OPERATORS = [operator.add, operator.sub, operator.mul, operator.truediv, operato
 IN_PLACE = [operator.iadd, operator.isub, operator.imul, operator.itruediv]
 
 
-def is_linear(thing):
-    return isinstance(thing, tarvopy.MVar | tarvopy.MLinExpr)
+def degree(thing):
+    return 2 if isinstance(thing, tarvopy.MQuadExpr) else int(isinstance(thing, tarvopy.MVar | tarvopy.MLinExpr))
+
+
+def make_objects(thing):
+    if isinstance(thing, tarvopy.MLinExpr):
+        thing._learr
+    if isinstance(thing, tarvopy.MQuadExpr):
+        thing._quadparts if thing._is_compact() else thing._qearr
+        thing._ndle._learr
 
 
 def outcome(function):
-    """(result, None) or (None, the kind of refusal); quadratic and nonlinear results are out of reach here."""
+    """(result, None) or (None, the kind of refusal); nonlinear results are out of reach here."""
     try:
         with np.errstate(all="ignore"):
             return function(), None
@@ -108,13 +133,13 @@ def test_binary_operators_give_what_numpy_gives(data, eager, look):
         a, a_numbers = data.draw(operand(world))
         b, b_numbers = data.draw(operand(world))
         op = data.draw(st.sampled_from(OPERATORS))
-        nonlinear = op is not operator.add and op is not operator.sub and is_linear(a) and is_linear(b)
-        if not (is_linear(a) or is_linear(b)) or nonlinear or (op is operator.truediv and is_linear(b)):
+        sum_of_both = op is operator.add or op is operator.sub
+        degrees = max(degree(a), degree(b)) if sum_of_both else degree(a) + degree(b)
+        if not 1 <= degrees <= 2 or (op is operator.truediv and degree(b)):
             return
         if look:
-            for thing in (a, b):
-                if isinstance(thing, tarvopy.MLinExpr):
-                    thing._learr  # makes the objects
+            make_objects(a)
+            make_objects(b)
         x, y = plain(a, a_numbers), plain(b, b_numbers)
         expected, refusal = outcome(lambda: op(x, y))
         if expected is not None and not np.isfinite(expected).all():
@@ -124,7 +149,7 @@ def test_binary_operators_give_what_numpy_gives(data, eager, look):
                 op(a, b)
         else:
             result = op(a, b)
-            assert isinstance(result, tarvopy.MLinExpr)
+            assert isinstance(result, (tarvopy.MLinExpr, tarvopy.MQuadExpr)[degrees - 1])
             assert result.shape == np.shape(expected)
             np.testing.assert_allclose(world.value(result), expected, atol=1e-9)
         np.testing.assert_array_equal(world.value(a), x)
@@ -140,16 +165,18 @@ def test_in_place_operators_give_what_numpy_gives(data, eager, look):
     _debug.eager(eager)
     try:
         world = World()
-        a, x = data.draw(operand(world, kinds=("expression",)))
+        a, x = data.draw(operand(world, kinds=("expression", "quadratic")))
         b, b_numbers = data.draw(operand(world))
         y = plain(b, b_numbers)
         op = data.draw(st.sampled_from(IN_PLACE))
-        if is_linear(b) and op not in (operator.iadd, operator.isub):
+        if degree(b) > degree(a) or (degree(b) and op not in (operator.iadd, operator.isub)):
             return
         if data.draw(st.booleans()) and op in (operator.iadd, operator.isub):
             b, y = a, x.copy()  # e += e
+            if x.ndim and data.draw(st.booleans()):
+                b, y = a[::-1], y[::-1]
         if look:
-            a._learr
+            make_objects(a)
         expected, refusal = outcome(lambda: op(x.copy(), y))
         if expected is not None and not np.isfinite(expected).all():
             return
@@ -185,7 +212,7 @@ def test_indexing_assignment_and_sums_give_what_numpy_gives(data, eager):
     _debug.eager(eager)
     try:
         world = World()
-        e, x = data.draw(operand(world, kinds=("expression",)))
+        e, x = data.draw(operand(world, kinds=("expression", "quadratic")))
         x = x.copy()
         for _ in range(data.draw(st.integers(1, 4))):
             key = data.draw(st.sampled_from(KEYS))
@@ -214,7 +241,7 @@ def test_indexing_assignment_and_sums_give_what_numpy_gives(data, eager):
             else:
                 b, b_numbers = data.draw(operand(world))
                 y = plain(b, b_numbers)
-                if sp.issparse(b):
+                if sp.issparse(b) or degree(b) > degree(e):
                     continue
 
             def assign(key=key, y=y):
@@ -233,3 +260,56 @@ def test_indexing_assignment_and_sums_give_what_numpy_gives(data, eager):
             np.testing.assert_array_equal(world.value(e), x)
     finally:
         _debug.eager(False)
+
+
+STEPS = [operator.add, operator.sub, operator.mul, operator.matmul, operator.iadd, operator.isub, operator.imul]
+
+
+def run(program, eager, looks):
+    """What a program leaves: for each step the terms and states of the result, or the kind of refusal."""
+    _debug.eager(eager)
+    try:
+        world, trace = World(), []
+        a, b, c = (world.variables(shape)[0] for shape in program[0])
+        q = a * b
+        for (op, factor, backwards), look in zip(program[1], looks, strict=True):
+            other = {"a": a, "e": 2.0 * b + 1.0, "cc": c * c, "bc": b * c - c, "n": np.arange(3.0), "s": -2.0}[factor]
+            if look:
+                make_objects(q)
+            try:
+                q = op(other, q) if backwards else op(q, other)
+            except (ValueError, TypeError, NotImplementedError, tarvopy.TarvoError) as refusal:
+                trace.append((type(refusal), str(refusal)))
+                continue
+            if not isinstance(q, tarvopy.MQuadExpr):
+                return trace
+            trace.append((q.shape, q._is_compact(), q._ndle._is_compact()))
+            halves = q.copy()
+            halves._convert_to_full()
+            trace.append([[(k, v.index, w.index) for k, v, w in qe.terms()] for qe in halves._qearr.flat])
+            halves._ndle._convert_to_full()
+            trace.append([[(k, v.index) for k, v in le.terms()] for le in halves._ndle._learr.flat])
+            trace.append([le.getConstant() for le in halves._ndle._learr.flat])
+        return trace
+    finally:
+        _debug.eager(False)
+
+
+STEP = st.tuples(st.sampled_from(STEPS), st.sampled_from(["a", "e", "cc", "bc", "n", "s"]), st.booleans())
+
+
+@pytest.mark.filterwarnings("ignore:Chained matrix:UserWarning")
+@settings(max_examples=400, deadline=None)
+@given(st.data())
+def test_programs_never_tell_whether_objects_exist(data):
+    shapes = data.draw(st.tuples(*[st.sampled_from([(), (1,), (3,), (1, 1), (2, 3)])] * 3))
+    steps = data.draw(st.lists(STEP, min_size=1, max_size=5))
+    try:
+        np.broadcast_shapes(*shapes[:2])
+    except ValueError:
+        return
+    program = (shapes, steps)
+    unseen = [False] * len(steps)
+    expected = run(program, True, unseen)
+    assert run(program, False, unseen) == expected
+    assert run(program, False, data.draw(st.lists(st.booleans(), min_size=len(steps), max_size=len(steps)))) == expected
