@@ -177,11 +177,13 @@ Ref numeric_product(PyObject *self, PyObject *matrix, bool sparse, Side side) {
     const flat::Shape &left = side == Side::Right ? expr : given;
     if (std::find(shape.begin(), shape.end(), 0) != shape.end() || left.back() == 0)
         return make_quad_zeros(mod.MQuadExpr, shape);
+    Ref numbers = sparse ? Ref() : as_doubles(matrix);
+    if (sparse || numbers)
+        need_finite_matrix(matrix, numbers);
     bool compact = takes_compact_quad_path(self);
     Ref linear = own_ndle(self);
     Ref ndle =
         side == Side::Right ? matrix_product(linear.get(), matrix) : reflected_matrix_product(linear.get(), matrix);
-    Ref numbers = sparse ? Ref() : as_doubles(matrix);
     if (compact && allows_compact_quad(shape)) {
         Ref entry = sparse ? as_doubles(to_dense(matrix).get()) : numbers;
         if (entry && single_number(entry))
