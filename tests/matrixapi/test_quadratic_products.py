@@ -246,7 +246,8 @@ def test_several_models_never_mix_silently():
 
 def test_elements_that_are_no_variables_are_refused(model):
     x = variables(model, (2,))
-    foreign = MVar(np.array([None, x._vararr[0]], dtype=object))
+    foreign = MVar(np.array([x._vararr[1], x._vararr[0]], dtype=object))
+    foreign._vararr[0] = None
     for product in (lambda: x * foreign, lambda: foreign @ x, lambda: (x + 1.0) * foreign, lambda: (x + 1.0) @ foreign):
         with pytest.raises((TypeError, ValueError, AttributeError)):
             product()
@@ -305,6 +306,7 @@ def test_copied_arrays_share_no_element(model):
     learr, qearr = _copy_learr_qearr(q)
     assert learr.shape == qearr.shape == (2,)
     assert qearr[0] is not q._qearr[0]
+    q._ndle._convert_to_full()
     assert learr[0] is not q._ndle._learr[0]
     learr, qearr = _copy_learr_qearr(np.ones(2))
     assert [le.getConstant() for le in learr] == [1.0, 1.0]
