@@ -168,6 +168,7 @@ def test_matrix_products_with_numbers(eager, model, shape, matrix, sparse):
             np.testing.assert_allclose(value(point, turned @ q), numbers.T @ before)
 
 
+@pytest.mark.filterwarnings("ignore:Chained:UserWarning")
 def test_matrix_products_merge_equal_pairs(eager, model):
     x, y = variables(model, (2,)), variables(model, (2,))
     q = x.reshape(2, 1) * y.reshape(1, 2) + (y.reshape(1, 2) * x.reshape(2, 1))[::-1]
@@ -333,8 +334,6 @@ def test_multipliers_that_are_no_numbers_change_nothing(eager, model, bad, shape
                 assert error.value.code == TRV.Error.INVALID_ARGUMENT
         with pytest.raises(tarvopy.TarvoError, match="infinite or NaN"):
             np.full((shape[0],), bad) @ q
-        with pytest.raises(tarvopy.TarvoError, match="infinite or NaN"):
-            q += bad
         assert everything(q) == before
         looked(q)
 
