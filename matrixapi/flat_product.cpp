@@ -1,5 +1,7 @@
 #include "flat_product.h"
 
+#include <type_traits>
+
 namespace flat {
 
 Csr transposed(const Csr &matrix) {
@@ -42,6 +44,57 @@ Csr nonzeros(const Dense &matrix) {
                 *value++ = entry;
             }
     return result;
+}
+
+bool has_sorted_rows(const Csr &matrix) {
+    // As many descents in all as between rows: one loop without a branch, and one over the few rows.
+    const int32_t *index = matrix.index.data();
+    const int64_t end = matrix.nnz();
+    int64_t descents = 0, between = 0;
+    for (int64_t k = 1; k < end; ++k)
+        descents += index[k] < index[k - 1];
+    for (int64_t row = 1; row < matrix.rows; ++row)
+        if (int64_t k = matrix.ptr[row]; k < end && matrix.ptr[row - 1] < k)
+            between += index[k] < index[k - 1];
+    return descents == between;
+}
+
+Buffer<int32_t> row_numbers(const Csr &matrix) {
+    constexpr int64_t step = 8;
+    Buffer<int32_t> numbers(matrix.nnz());
+    int32_t *to = numbers.write();
+    for (int64_t row = 0; row < matrix.rows; ++row) {
+        int64_t k = matrix.ptr[row];
+        const int64_t end = matrix.ptr[row + 1];
+        // Short rows in whole steps: what they write too much, the next rows write over.
+        for (; k < end && end + step <= matrix.nnz(); k += step)
+            std::fill_n(to + k, step, static_cast<int32_t>(row));
+        if (k < end)
+            std::fill(to + k, to + end, static_cast<int32_t>(row));
+    }
+    return numbers;
+}
+
+namespace {
+
+template <class Index> bool copy_checked(const Index *from, int64_t n, int64_t cols, int32_t *to) {
+    using Bits = std::make_unsigned_t<Index>;
+    const Bits bound = static_cast<Bits>(cols);
+    Bits bad = 0;
+    for (int64_t k = 0; k < n; ++k) {
+        to[k] = static_cast<int32_t>(from[k]);
+        bad |= static_cast<Bits>(static_cast<Bits>(from[k]) >= bound);
+    }
+    return !bad;
+}
+
+} // namespace
+
+bool copy_columns(const int32_t *from, int64_t n, int64_t cols, int32_t *to) {
+    return copy_checked(from, n, cols, to);
+}
+bool copy_columns(const int64_t *from, int64_t n, int64_t cols, int32_t *to) {
+    return copy_checked(from, n, cols, to);
 }
 
 RowBuilder::RowBuilder(int64_t nrows, int64_t width) {

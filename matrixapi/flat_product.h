@@ -35,6 +35,12 @@ struct Csr {
 Csr transposed(const Csr &matrix); // columns ascending in each row
 Csr nonzeros(const Dense &matrix); // NaN counts as a nonzero
 
+bool has_sorted_rows(const Csr &matrix);        // columns do not descend within a row
+Buffer<int32_t> row_numbers(const Csr &matrix); // the row of each entry
+// Copies column numbers; false where one is negative or not below `cols`.
+bool copy_columns(const int32_t *from, int64_t n, int64_t cols, int32_t *to);
+bool copy_columns(const int64_t *from, int64_t n, int64_t cols, int32_t *to);
+
 // Where the rows of a product go, so that stacks of matrices fill one summand: pieces are appended one after the other.
 class RowBuilder {
   public:

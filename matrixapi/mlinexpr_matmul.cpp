@@ -121,18 +121,6 @@ Part compact_part(const Matrix &matrix, VarIds vars, int64_t size, Side side) {
     return spread_part(make_part(summand_of(std::move(rows)), std::move(vars.ids)), size);
 }
 
-// Whether columns ascend in each row: as many descents in all as between rows.
-bool has_sorted_rows(const flat::Csr &matrix) {
-    int64_t descents = 0, between = 0;
-    const int32_t *index = matrix.index.data();
-    for (int64_t k = 1; k < matrix.nnz(); ++k)
-        descents += index[k] < index[k - 1];
-    for (int64_t row = 1, end = matrix.nnz(); row < matrix.rows; ++row)
-        if (int64_t k = matrix.ptr[row]; k > 0 && k < end && matrix.ptr[row - 1] < k)
-            between += index[k] < index[k - 1];
-    return descents == between;
-}
-
 // The matrix of x @ A as it was given: its columns are the part's rows, laid out when somebody asks. Empty where they
 // must be laid out at once, since the order of the terms would not be found again.
 std::optional<flat::Csr> kept_as_given(const Matrix &matrix, int64_t variables, int64_t size, Side side) {
@@ -140,7 +128,7 @@ std::optional<flat::Csr> kept_as_given(const Matrix &matrix, int64_t variables, 
         spreads_one_entry(matrix.shape, variables, side))
         return {};
     flat::Csr rows = matrix.sparse ? matrix.csr : flat::nonzeros(as_rows(matrix, side));
-    return has_sorted_rows(rows) ? std::optional(std::move(rows)) : std::nullopt;
+    return flat::has_sorted_rows(rows) ? std::optional(std::move(rows)) : std::nullopt;
 }
 
 // The numbers of an array that the kernels do not take as it is: a part's matrix is float64 whatever was given.

@@ -177,14 +177,6 @@ bool vector_of(PyObject *operand, Vector &vector) {
     return numeric;
 }
 
-flat::Buffer<int32_t> row_numbers(const flat::Csr &matrix) {
-    flat::Buffer<int32_t> numbers(matrix.nnz());
-    int32_t *to = numbers.write();
-    for (int64_t row = 0; row < matrix.rows; ++row)
-        to = std::fill_n(to, matrix.ptr[row + 1] - matrix.ptr[row], static_cast<int32_t>(row));
-    return numbers;
-}
-
 flat::Buffer<int32_t> column_numbers(const flat::Summand &rows) {
     if (!rows.cols.empty())
         return rows.cols;
@@ -220,7 +212,7 @@ flat::Csr columns_of(const Vector &vector) {
 QuadPart entries_of(const flat::Csr &matrix) {
     QuadPart part;
     part.nnz = matrix.nnz();
-    part.rows = row_numbers(matrix);
+    part.rows = flat::row_numbers(matrix);
     part.cols = matrix.index;
     part.coef = matrix.value;
     return part;

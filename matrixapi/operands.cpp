@@ -212,15 +212,11 @@ flat::Buffer<int64_t> checked_pointers(const Ref &indptr, int64_t rows, int64_t 
 flat::Buffer<int32_t> checked_columns(const Ref &indices, int64_t nnz, int64_t cols) {
     flat::Buffer<int32_t> result(nnz);
     with_entries(indices, [&](auto *from) {
-        int32_t *to = result.write();
-        uint64_t bound = static_cast<uint64_t>(cols), bad = 0;
-        // One test for both ends, kept out of the loop's way: the first bad entry is looked for only if there is one.
-        for (int64_t k = 0; k < nnz; ++k) {
-            to[k] = static_cast<int32_t>(from[k]);
-            bad |= static_cast<uint64_t>(static_cast<int64_t>(from[k])) >= bound;
-        }
-        for (int64_t k = 0; bad && k < nnz; ++k)
-            if (static_cast<uint64_t>(static_cast<int64_t>(from[k])) >= bound)
+        // One test for all, kept out of the loop's way: the first bad entry is looked for only if there is one.
+        if (flat::copy_columns(from, nnz, cols, result.write()))
+            return 0;
+        for (int64_t k = 0; k < nnz; ++k)
+            if (from[k] < 0 || from[k] >= cols)
                 fail(PyExc_ValueError, "column index %lld of a sparse matrix is out of range for %lld columns",
                      static_cast<long long>(from[k]), static_cast<long long>(cols));
         return 0;

@@ -163,9 +163,11 @@ def test_matrix_products_with_numbers(eager, model, shape, matrix, sparse):
         right = q @ given
         assert right.shape == (before @ numbers).shape
         np.testing.assert_allclose(value(point, right), before @ numbers)
-        if numbers.ndim == 1 or len(shape) == 1:
+        if len(shape) == 1:
             turned = sp.csr_matrix(numbers.T) if sparse else numbers.T
             np.testing.assert_allclose(value(point, turned @ q), numbers.T @ before)
+        elif numbers.ndim == 2 and numbers.shape[1] == shape[0]:
+            np.testing.assert_allclose(value(point, given @ q), numbers @ before)
 
 
 @pytest.mark.filterwarnings("ignore:Chained:UserWarning")
@@ -173,7 +175,7 @@ def test_matrix_products_merge_equal_pairs(eager, model):
     x, y = variables(model, (2,)), variables(model, (2,))
     q = x.reshape(2, 1) * y.reshape(1, 2) + (y.reshape(1, 2) * x.reshape(2, 1))[::-1]
     summed = np.ones(2) @ q
-    assert quad_terms(summed) == [[(2.0, 0, 2), (2.0, 3 - 2, 2)], [(2.0, 0, 3), (2.0, 1, 3)]]
+    assert quad_terms(summed) == [[(2.0, 0, 2), (2.0, 2, 1)], [(2.0, 0, 3), (2.0, 3, 1)]]
     gone = np.array([1.0, -1.0]) @ (x * y + 0.0 * x * x - np.array([1.0, 1.0]))
     assert quad_terms(gone) == [[(1.0, 0, 2), (-1.0, 1, 3)]]
 
