@@ -516,7 +516,7 @@ constexpr const char *class_doc =
 Ref build_mquadexpr_class() {
     Ref dict = new_namespace("tarvopy._matrixapi", "MQuadExpr", class_doc);
     for (auto members : {constructor_members(), structure_members(), quad_state_members(), quad_value_members(),
-                         quad_assign_members(), quadfun_members()})
+                         quad_assign_members(), quadfun_members(), quad_operator_members(), quad_worker_members()})
         add_members(dict.get(), matrix_base, members);
     Ref priority = check(PyLong_FromLong(100)), one = check(PyLong_FromLong(1));
     check_status(PyDict_SetItemString(dict.get(), "__array_priority__", priority.get()));
