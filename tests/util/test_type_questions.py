@@ -8,7 +8,6 @@ import pytest
 
 from native import NativeModel
 from tarvopy import _util
-from tarvopy._core import LinExpr
 
 
 @pytest.mark.parametrize(
