@@ -1,0 +1,196 @@
+"""The .nl file that an engine reads: parsed here by an evaluator of its own and held against the model at random points."""
+
+import struct
+
+import numpy as np
+import pytest
+
+import tarvopy
+from tarvopy import TRV, TarvoError, _modelapi
+
+INF = np.inf
+
+
+class NlFile:
+    """The sections of a binary .nl file with little-endian numbers."""
+
+    def __init__(self, data: bytes) -> None:
+        lines = data.split(b"\n", 10)
+        assert lines[0].split()[0] == b"b3"
+        self.head = [[int(word) for word in line.split()] for line in lines[1:10]]
+        self.data, self.at = lines[10], 0
+        self.nvars, self.nrows = self.head[0][:2]
+        self.bodies, self.linear, self.start, self.cost = {}, {}, {}, {}
+        while self.at < len(self.data):
+            getattr(self, "read_" + self.letter())()
+
+    def take(self, form):
+        (value,) = struct.unpack_from("<" + form, self.data, self.at)
+        self.at += struct.calcsize(form)
+        return value
+
+    def letter(self):
+        return self.take("c").decode()
+
+    def expression(self):
+        """A function of the point."""
+        kind = self.letter()
+        if kind == "n":
+            number = self.take("d")
+            return lambda x: number
+        if kind == "v":
+            place = self.take("i")
+            return lambda x: x[place]
+        code = self.take("i")
+        parts = [self.expression() for _ in range(self.take("i") if code == 54 else 2)]
+        if code == 2:
+            return lambda x: parts[0](x) * parts[1](x)
+        assert code in (0, 54)
+        return lambda x: sum(part(x) for part in parts)
+
+    def terms(self, count):
+        return {self.take("i"): self.take("d") for _ in range(count)}
+
+    def sides(self):
+        kind = self.letter()
+        lower = self.take("d") if kind in "024" else -INF
+        return lower, lower if kind == "4" else self.take("d") if kind in "01" else INF
+
+    def read_C(self):
+        row = self.take("i")
+        self.bodies[row] = self.expression()
+
+    def read_O(self):
+        assert self.take("i") == 0
+        self.maximise = self.take("i")
+        assert self.expression()(None) == 0
+
+    def read_x(self):
+        self.start = self.terms(self.take("i"))
+
+    def read_r(self):
+        self.row_sides = [self.sides() for _ in range(self.nrows)]
+
+    def read_b(self):
+        self.bounds = [self.sides() for _ in range(self.nvars)]
+
+    def read_k(self):
+        self.column_sums = [self.take("i") for _ in range(self.take("i"))]
+
+    def read_J(self):
+        row, count = self.take("i"), self.take("i")
+        self.linear[row] = self.terms(count)
+
+    def read_G(self):
+        assert self.take("i") == 0
+        self.cost = self.terms(self.take("i"))
+
+    def row(self, i, x):
+        return self.bodies[i](x) + sum(value * x[place] for place, value in self.linear.get(i, {}).items())
+
+
+def written(m, tmp_path):
+    m.update()
+    path = tmp_path / "model.nl"
+    position = _modelapi.write_nl(m._cmodel, path)
+    return NlFile(path.read_bytes()), position
+
+
+@pytest.mark.parametrize("sense", [TRV.MINIMIZE, TRV.MAXIMIZE])
+@pytest.mark.parametrize("seed", range(3))
+def test_file_says_what_the_model_says(sense, seed, tmp_path):
+    rng = np.random.default_rng(seed)
+    n = 9
+    kinds = rng.choice(list("CIBS"), n)
+    m = tarvopy.Model()
+    xs = [m.addVar(lb=-1.5 if k == "C" else 0, ub=4, obj=float(i), vtype=str(k)) for i, k in enumerate(kinds)]
+    pairs = rng.integers(0, n, (3, 2, 3))
+    scale = rng.normal(size=(3, 3))
+    scale[0, 0] = 1.0
+
+    def products(k, x):
+        return sum(float(s) * x[i] * x[j] for s, i, j in zip(scale[k], *pairs[k], strict=True))
+
+    m.addConstr(products(0, xs) + 2 * xs[0] <= 3)
+    m.addConstr(products(1, xs) == -1.5)
+    m.addConstr(xs[0] * xs[1] - xs[1] * xs[0] + 4 * xs[2] >= 0.25)  # its products cancel
+    m.addRange(xs[3] - xs[4], -2, 7)
+    m.addRange(xs[5] + 0.1 * xs[0], -INF, INF)
+    m.setObjective(products(2, xs) + 3 * xs[0] - xs[8] + 11, sense)
+    m.update()
+    nl, position = written(m, tmp_path)
+
+    assert sorted(position) == [-1, *range(n)]
+    assert nl.maximise == (sense == TRV.MAXIMIZE)
+    x = rng.normal(size=n)
+    z = np.where(position >= 0, x[position], 0.0)
+    objective_variable = int(np.flatnonzero(position < 0)[0])
+    z[objective_variable] = products(2, x)
+    expected = [
+        (products(0, x) + 2 * x[0], -INF, 3),
+        (products(1, x), -1.5, -1.5),
+        (0.0, 0 if sense == TRV.MAXIMIZE else -INF, INF if sense == TRV.MAXIMIZE else 0),
+        (4 * x[2], 0.25, INF),
+        (x[3] - x[4], -2, 7),
+        (x[5] + 0.1 * x[0], -INF, INF),
+    ]
+    assert nl.nrows == len(expected)
+    for i, (value, lower, upper) in enumerate(expected):
+        assert nl.row(i, z) == pytest.approx(value, abs=1e-12)
+        assert nl.row_sides[i] == (lower, upper)
+    assert sum(value * z[place] for place, value in nl.cost.items()) == pytest.approx(products(2, x) + 3 * x[0] - x[8])
+
+
+def test_order_and_counts_of_the_head(tmp_path):
+    m = tarvopy.Model()
+    b, c, i, nb, nc = (m.addVar(ub=1, vtype=k) for k in "BCIBC")
+    m.addConstr(nb * nc <= 1)
+    m.addRange(b + c + i, 0, 2)
+    m.addConstr(c - i == 0)
+    nl, position = written(m, tmp_path)
+    assert position.tolist() == [4, 3, 1, 0, 2]  # nonlinear: continuous, integral; linear: continuous, binary, integer
+    assert nl.head[0] == [5, 3, 1, 1, 1]  # variables, rows, objectives, two-sided rows, equations
+    assert nl.head[1][:2] == [1, 0]
+    assert nl.head[3] == [2, 0, 0]
+    assert nl.head[5] == [1, 1, 0, 1, 0]
+    entries = [place for terms in nl.linear.values() for place in terms]
+    assert nl.head[6][0] == len(entries) == 7
+    assert nl.column_sums == np.cumsum(np.bincount(entries, minlength=5))[:-1].tolist()
+    assert nl.linear[0] == {0: 0.0, 1: 0.0}  # named, though in the products alone
+
+
+def test_semicontinuous_variable_has_a_switch_only_where_zero_is_outside(tmp_path):
+    m = tarvopy.Model()
+    m.addVar(lb=2, ub=5, vtype="S").Start = 3
+    m.addVar(lb=0, ub=5, vtype="S")
+    m.addVar(lb=-5, ub=-2, vtype="S").Start = 0
+    nl, position = written(m, tmp_path)
+    places = [position.tolist().index(j) for j in range(3)]
+    assert [nl.bounds[at] for at in places] == [(0, 5), (0, 5), (-5, 0)]
+    switches = np.flatnonzero(position < 0)
+    assert [nl.bounds[at] for at in switches] == [(0, 1)] * 2
+    assert nl.head[5][0] == 2
+    assert {nl.start[at] for at in switches} == {0.0, 1.0} and places[1] not in nl.start
+    for x, on, fits in [(0, 0, True), (2, 1, True), (5, 1, True), (1, 1, False), (1, 0, False)]:
+        z = np.zeros(nl.nvars)
+        z[places[0]], z[switches[0]] = x, on
+        inside = [low <= nl.row(i, z) <= high for i, (low, high) in enumerate(nl.row_sides[:2])]
+        assert all(inside) == fits
+
+
+def test_start_has_the_value_of_the_quadratic_objective(tmp_path):
+    m = tarvopy.Model()
+    x, y = m.addVar(vtype="I"), m.addVar()
+    m.setObjective(2 * x * y + x * x + y)
+    x.Start, y.Start = 3, 0.5
+    nl, position = written(m, tmp_path)
+    assert nl.start[int(np.flatnonzero(position < 0)[0])] == 12.0
+    y.Start = np.nan
+    nl, position = written(m, tmp_path)
+    assert {int(position[at]) for at in nl.start} == {0}
+
+
+def test_path_that_cannot_be_written_is_an_error(tmp_path):
+    m = tarvopy.Model()
+    with pytest.raises(TarvoError, match="nowhere"):
+        _modelapi.write_nl(m._cmodel, tmp_path / "nowhere" / "model.nl")
