@@ -164,10 +164,6 @@ class LpWriter {
         for (std::int32_t j = 0; j < count; ++j) {
             put_term(data_.obj[j], columns_[j]);
         }
-        if (!is_default(data_.objconstant)) {
-            put_word(std::signbit(data_.objconstant) ? "-" : "+");
-            put_word(number_text(std::fabs(data_.objconstant), buffer_));
-        }
         const QuadTerms &q = model_.qobjective;
         if (q.size() > 0) {
             put_word("+ [");
@@ -175,6 +171,11 @@ class LpWriter {
                 put_product(2 * q.value[k], q.first[k], q.second[k]);
             }
             put_word("] / 2");
+        }
+        // Last: some readers take no sign behind a constant.
+        if (!is_default(data_.objconstant)) {
+            put_word(std::signbit(data_.objconstant) ? "-" : "+");
+            put_word(number_text(std::fabs(data_.objconstant), buffer_));
         }
         end_line();
     }

@@ -18,7 +18,7 @@ def small():
     return m
 
 
-@pytest.mark.parametrize("ending", [".mps", ".mps.gz"])
+@pytest.mark.parametrize("ending", [".mps", ".lp", ".lp.gz"])
 @pytest.mark.parametrize("kind", [str, Path, lambda p: str(p).encode()], ids=["str", "Path", "bytes"])
 def test_what_was_written_is_read_back(tmp_path, ending, kind):
     m = small()
@@ -75,3 +75,17 @@ def test_a_solution_file_is_read_into_Start(tmp_path):
     m.update()
     m.read(tmp_path / "model.sol")
     assert [str(v.Start) for v in m.getVars()] == ["1.0", "nan", "0.5"]
+
+
+def test_quadratic_models_go_through_either_format(tmp_path):
+    m = tarvopy.Model()
+    x, y = m.addVar(name="x"), m.addVar(name="y")
+    m.setObjective(x * x - 3 * x * y + y)
+    m.addConstr(x * y + 2 * x <= 4, name="q")
+    for ending in ("lp", "qps"):
+        m.write(tmp_path / f"m.{ending}")
+        back = tarvopy.read(tmp_path / f"m.{ending}")
+        assert (back.NumQConstrs, back.NumConstrs) == (1, 0)
+        (q,) = back.getQConstrs()
+        assert (q.QName, q.QSense, q.QRHS) == ("q", "<", 4.0)
+        assert (back.NumVars, back.getVars()[0].VarName) == (2, "x")

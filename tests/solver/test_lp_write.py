@@ -59,6 +59,25 @@ def test_highs_reads_what_is_written(tmp_path):
     assert {key: found[key] for key in SAME} == {key: oracle[key] for key in SAME}
 
 
+@pytest.mark.parametrize("ending", ["lp", "mps"])
+def test_scip_gives_quadratic_models_the_same_value(ending, tmp_path):
+    """The halves of both formats: -5 at x = 2, y = 1, where the row q is 2 x y + y^2 <= 5 and the objective 2.5 off."""
+    scip = pytest.importorskip("pyscipopt")
+    columns = [("x", "I", 0.0, 9.0, -1.0), ("y", "I", 1.0, 9.0, 0.0)]
+    store = built(
+        columns,
+        constant=2.5,
+        qobj=[(0, 0, -0.5), (0, 1, -2.0), (1, 1, 0.5)],
+        qrows=[("q", "<", 5.0, [], [(0, 1, 2.0), (1, 1, 1.0)])],
+    )
+    write(store, tmp_path / f"m.{ending}")
+    model = scip.Model()
+    model.hideOutput()
+    model.readProblem(str(tmp_path / f"m.{ending}"))
+    model.optimize()
+    assert model.getObjVal() == pytest.approx(-2 - 2 - 4 + 0.5 + 2.5)
+
+
 ALL = ["netlib", "miplib", "infeasible", "scip_minlp"]
 SPEAKABLE = re.compile(r"(?![eE][0-9]|SOS)[^-+*/^<>=:\\ .,;0-9][^-+*/^<>=:\\ ]*\Z")
 FILES = [*instances(*ALL), *instances("maros_meszaros", pattern="*.SIF"), *instances("scip_mip", pattern="*.lp")]
