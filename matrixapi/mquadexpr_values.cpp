@@ -66,7 +66,7 @@ Ref elementwise_sum(PyObject *expr, const std::vector<int> &axes) {
 Ref sum_of(PyObject *expr, PyObject *axis) {
     quad_convert_to_full(expr);
     std::vector<int> axes = result_axes(axis, quad_shape_of(expr).size());
-    Ref summed = check(PyObject_CallMethod(ndle_of(expr), "sum", "O", axis));
+    Ref summed = check(PyObject_CallMethodOneArg(ndle_of(expr), names.sum, axis));
     // As a zero expression to which the linear half is added.
     Ref blank = quad_from_mlinexpr(mod.MQuadExpr, summed.get(), true), ndle = Ref::borrow(ndle_of(blank.get()));
     flat::QuadForm form;

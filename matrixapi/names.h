@@ -50,6 +50,7 @@ using pysupport::Ref;
     X(flat)                                                                                                            \
     X(order)                                                                                                           \
     X(copy)                                                                                                            \
+    X(sum)                                                                                                             \
     X(clear)                                                                                                           \
     X(getValue)                                                                                                        \
     X(item)                                                                                                            \

@@ -1,3 +1,4 @@
+// The text of arrays: NumPy prints the elements through a function of ours.
 #include "matrixapi/printing.h"
 
 #include "pysupport/numpy.h"

@@ -1,3 +1,4 @@
+// One side of a constraint as a linear form: numbers, arrays, variables, expressions, and arrays of scalar objects.
 #include "matrixapi/row_sides.h"
 
 #include "matrixapi/mlinexpr.h"
