@@ -1,4 +1,4 @@
-"""SCIP: integer and nonconvex quadratic models against enumeration, semi-continuous variables, starts, limits, Ctrl-C."""
+"""SCIP: integer and nonconvex quadratic models against enumeration, semi-continuous variables, starts, limits."""
 
 import itertools
 import threading
@@ -52,7 +52,8 @@ def test_random_integer_quadratics_agree_with_enumeration(sense, seed):
     assert sense * m.ObjBound <= sense * m.ObjVal + 1e-3
     k = np.rint(x.X)
     assert np.abs(x.X - k).max() < 1e-6
-    assert k @ P @ k <= 6 and -2 <= a @ k <= 5
+    assert k @ P @ k <= 6
+    assert -2 <= a @ k <= 5
     assert k @ Q @ k + c @ k + 2.5 == pytest.approx(expected)
 
 
@@ -95,6 +96,30 @@ def test_semicontinuous_variable_is_zero_or_within_its_bounds(demand, expected):
     m.setObjective(s + y * y)
     m.optimize()
     assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, pytest.approx(expected, abs=1e-6))
+
+
+@pytest.mark.parametrize("sense", [TRV.MINIMIZE, TRV.MAXIMIZE])
+def test_multipliers_of_a_convex_model_price_its_right_hand_sides(sense):
+    """Minimum of (x-3)^2 + (y-4)^2 with x + y <= 5, x <= 1.5: x = 1.5, y = 3.5; the same with its sign turned."""
+    m = silent()
+    m.params.Engine = "scip"
+    x, y = m.addVar(lb=-10, ub=1.5), m.addVar(lb=-10, ub=10)
+    row = m.addConstr(x + y <= 5)
+    m.setObjective(sense * (x * x - 6 * x + y * y - 8 * y), sense)
+    m.optimize()
+    np.testing.assert_allclose([x.X, y.X], [1.5, 3.5], atol=1e-4)
+    np.testing.assert_allclose(sense * np.array([row.Pi, x.RC, y.RC]), [-1, -2, 0], atol=1e-3)
+
+
+def test_multipliers_of_a_quadratic_row():
+    m = silent()
+    m.params.Engine = "scip"
+    x, y = m.addVar(lb=-10, ub=10), m.addVar(lb=-10, ub=10)
+    ball = m.addConstr(x * x + y * y <= 25)
+    m.setObjective(3 * x + 4 * y)
+    m.optimize()
+    assert m.ObjVal == pytest.approx(-25, rel=1e-6)
+    assert ball.QPi == pytest.approx(-0.5, abs=1e-4)
 
 
 def test_semicontinuous_variable_without_end_is_refused_by_name():
@@ -168,7 +193,7 @@ def test_node_and_solution_limits():
 
 
 def test_interrupt_stops_soon_and_keeps_the_incumbent():
-    m, x = hard()
+    m, _ = hard()
     stopper = threading.Timer(1.0, lambda: m._engine.interrupt())
     stopper.start()
     began = time.monotonic()

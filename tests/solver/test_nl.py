@@ -1,4 +1,4 @@
-"""The .nl file that an engine reads: parsed here by an evaluator of its own and held against the model at random points."""
+"""The .nl file that an engine reads: parsed by an evaluator of its own, and held against the model at random points."""
 
 import struct
 
@@ -170,7 +170,8 @@ def test_semicontinuous_variable_has_a_switch_only_where_zero_is_outside(tmp_pat
     switches = np.flatnonzero(position < 0)
     assert [nl.bounds[at] for at in switches] == [(0, 1)] * 2
     assert nl.head[5][0] == 2
-    assert {nl.start[at] for at in switches} == {0.0, 1.0} and places[1] not in nl.start
+    assert {nl.start[at] for at in switches} == {0.0, 1.0}
+    assert places[1] not in nl.start
     for x, on, fits in [(0, 0, True), (2, 1, True), (5, 1, True), (1, 1, False), (1, 0, False)]:
         z = np.zeros(nl.nvars)
         z[places[0]], z[switches[0]] = x, on

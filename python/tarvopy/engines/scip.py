@@ -1,7 +1,7 @@
 """SCIP: everything that needs branching beyond linear models: integers with quadratics, nonconvex rows and objectives.
 
-The model goes over as one binary .nl file, which the store writes in bulk (see TRVwritenl) and SCIP reads some hundred
-times faster than PySCIPOpt takes rows one by one. The file lies in memory where the system has such a place. What the
+The model goes over as one binary .nl file, which the store writes in bulk (see TRVwritenl), so that no
+Python object stands for a row or a term. The file lies in memory where the system has such a place. What the
 file knows besides the model's variables (a variable for a quadratic objective, binary ones for semi-continuous
 variables) stays here.
 
@@ -132,7 +132,7 @@ class ScipEngine:
         self._variables = [v for v, keep in zip(variables, kept.tolist(), strict=True) if keep]
 
     def change(self, problem: Problem, changes: Changes) -> bool:
-        """Always anew: freeing SCIP's transformed problem and writing the file both cost less than its presolving."""
+        """Always anew: SCIP presolves again in any case, and the start lies in the file."""
         return False
 
     def counts(self) -> dict[str, int]:
@@ -282,16 +282,32 @@ class ScipEngine:
             outcome.objval = result["objective"]
             if abs(result["bound"]) < _INFINITY:
                 outcome.bound = result["bound"]
+        self._duals = self._multipliers(problem) if outcome.status == TRV.OPTIMAL and outcome.has_x else None
+        outcome.has_duals = self._duals is not None
         return outcome
 
-    def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray, qpi: np.ndarray) -> None:
-        if not outcome.has_x:
-            return
+    def _multipliers(self, problem: Problem) -> tuple[np.ndarray, ...] | None:
+        """(rc, pi, qpi) at the optimum of a convex continuous model, where they hold."""
+        if problem.nintegral or not problem.is_convex:
+            return None
+        from tarvopy.check import SLACK
+        from tarvopy.engines.multipliers import recover
+
+        return recover(problem, self._point(problem.nvars), SLACK * self._params.OptimalityTol)
+
+    def _point(self, nvars: int) -> np.ndarray:
         import numpy as np
 
-        value = self._model.getSolVal
-        best = self._model.getBestSol()
+        x = np.empty(nvars)
+        value, best = self._model.getSolVal, self._model.getBestSol()
         x[self._positions] = np.fromiter((value(best, v) for v in self._variables), float, len(self._variables))
+        return x
+
+    def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray, qpi: np.ndarray) -> None:
+        if outcome.has_x:
+            x[:] = self._point(len(x))
+        if outcome.has_duals:
+            rc[:], pi[:], qpi[:] = self._duals
 
     def close(self) -> None:
         """Frees SCIP's memory; of a run that is still under way when that ends."""
