@@ -5,7 +5,7 @@ import math
 import pytest
 
 from solver.model_file import SYNTAX, UNSUPPORTED, built, instances, mps, read, read_text, returned, snapshot, write
-from solver.store import StoreError
+from solver.store import QCONSTR, VAR, Store, StoreError
 
 INF = math.inf
 
@@ -181,3 +181,23 @@ def test_quadratic_instances_survive(path, tmp_path):
     found = snapshot(store)
     assert found["qobj"] or found["qterms"]
     assert snapshot(returned(store, tmp_path / "m.mps")) == found
+
+
+@pytest.mark.parametrize("ending", ["mps", "lp"])
+def test_ids_that_are_no_positions(ending, tmp_path):
+    """On the way out a variable and a row were removed before, on the way in the ids do not begin with 0."""
+    columns = [(name, "C", 0.0, INF, 1.0) for name in "xyz"]
+    rows = [(name, "<", 1.0, [(2, 3.0)], [(1, 2, 5.0), (0, 1, 9.0)]) for name in ("gone", "q")]
+    store = built(columns, qobj=[(0, 0, 7.0), (1, 2, 2.0)], qrows=rows)
+    store.remove(VAR, [0])
+    store.remove(QCONSTR, [0])
+    path = tmp_path / f"m.{ending}"
+    write(store, path)
+    back = Store("")
+    for kind, add in ((VAR, lambda: back.addvars(2)), (QCONSTR, lambda: back.addqrows([([], [])]))):
+        back.remove(kind, [add()])
+    back.remove(VAR, [1])
+    back.call("TRVreadmodel", str(path).encode())
+    found = snapshot(back)
+    assert found == snapshot(store)
+    assert (found["vars"], found["qobj"], found["qterms"]) == (["y", "z"], [(0, 1, 2.0)], [[(0, 1, 5.0)]])
