@@ -7,6 +7,7 @@ import scipy.sparse as sp
 import tarvopy
 from linear_values import Point, variables
 from quadratic_values import everything, quad_terms, value
+from tarvopy import _debug
 from tarvopy._core import QuadExpr
 from tarvopy._matrixapi import MLinExpr, MQuadExpr
 
@@ -312,6 +313,16 @@ def test_any_pair_of_sides_with_a_quadratic_one_makes_rows(mode, model):
     assert stored_rows(model, constr_array(constr)) == [([(0, -1.0)], [(0, 1, 1.0)], 0.0)]
 
 
+def test_rows_make_no_object_and_cost_no_more_than_their_terms(model):
+    r, s = variables(model, (40, 50, 2)), variables(model, (40, 50))
+    before = _debug.counts()
+    constr = model.addConstr(r[..., 0] * r[..., 0] + r[..., 1] * r[..., 1] <= s * s)
+    model.setObjective((s * s).sum())
+    model.update()
+    assert _debug.counts() == before
+    assert (constr.shape, model.NumQConstrs) == ((40, 50), 2000)
+
+
 class constr_array:
     """A scalar handle where rows of arrays are read."""
 
@@ -339,6 +350,9 @@ def test_sides_that_cannot_meet_are_refused_and_nothing_is_added(mode, model, y,
     for make, error, text in cases:
         with pytest.raises(error, match=text):
             model.addConstr(make())
+    for bad in (np.full((2, 3), np.nan), np.array([np.nan])):
+        with pytest.raises(ValueError, match="NaN"):
+            model.addConstr(square <= bad)
     square._qearr[0, 0] = None
     with pytest.raises(TypeError):
         model.addConstr(y <= square)
