@@ -1,0 +1,463 @@
+"""Clarabel: convex problems of continuous variables, linear, quadratic or with convex quadratic rows, through its Python
+package.
+
+Clarabel solves  min q'x + x'Px/2,  b - Ax in a product of cones, with P as its upper triangle. Equations (and fixed
+variables) make the zero cone; each finite side and bound is a row of the nonnegative cone, so that a two-sided row
+becomes two; quadratic rows come as second-order cones from the store. Free rows and infinite bounds leave no row.
+The dual z of a row is minus the derivative of the optimal value by its b.
+
+Its solve() lets go of the interpreter's lock (while one of 9 s ran, no other thread was kept waiting for more than 26
+ms) and asks a callback after each iteration whether to stop, which is how an interrupt reaches it: within the time of
+one iteration, but not while it sets up. Its log comes as a whole when a run is over, since it cannot be read meanwhile.
+"""
+
+from __future__ import annotations
+
+import math
+from dataclasses import dataclass, field
+from typing import TYPE_CHECKING, Any
+
+from tarvopy._exception import TarvoError
+from tarvopy._trv import TRV
+from tarvopy.engines.base import Outcome, Progress
+from tarvopy.engines.worker import Worker
+from tarvopy.problem import CONE, LINEAR, NONCONVEX
+
+if TYPE_CHECKING:
+    from collections.abc import Callable
+    from types import ModuleType
+
+    import numpy as np
+    from scipy import sparse
+
+    from tarvopy.parameters import Parameters
+    from tarvopy.problem import Changes, Cones, Problem
+
+# The check of the answer allows ten times the model's tolerances; interior points come close at little cost.
+_TIGHTER = 1e-2
+_LARGEST_TOLERANCE = 1e-8
+_SMALLEST_TOLERANCE = 1e-12
+_REFINED = 1e-2
+_MOST_ITERATIONS = 200
+
+_STATUS = {
+    "Solved": TRV.OPTIMAL,
+    # A point that fell short of Clarabel's own tolerances: whether it holds is for the check to say.
+    "AlmostSolved": TRV.OPTIMAL,
+    "InsufficientProgress": TRV.IMPRECISE,
+    "NumericalError": TRV.IMPRECISE,
+    "PrimalInfeasible": TRV.INFEASIBLE,
+    "DualInfeasible": TRV.INFEASIBLE_OR_UNBOUNDED,
+    "MaxIterations": TRV.ITERATION_LIMIT,
+    "MaxTime": TRV.TIME_LIMIT,
+    "CallbackTerminated": TRV.INTERRUPTED,
+}
+
+
+def _package() -> ModuleType:
+    try:
+        import clarabel
+    except ImportError:
+        raise TarvoError(
+            TRV.ERROR_UNSUPPORTED, "The engine Clarabel is not installed: pip install 'clarabel==0.11.*'"
+        ) from None
+    return clarabel
+
+
+class ClarabelEngine:
+    """One Clarabel solver and the model it holds."""
+
+    name = "Clarabel"
+
+    def __init__(self) -> None:
+        _package()
+        self.loads = 0
+        self._data: _Data | None = None
+        self._solver: Any = None  # made with the first run, whose settings it keeps
+        self._settings: Any = None
+        self._run: Worker | None = None
+        self._first: tuple[Any, float] | None = None  # solution and seconds of the run before the one under way
+        self._iterations = 0
+        self._stop = False
+        self._log = ""
+        self._user_limit = False
+
+    @classmethod
+    def full_name(cls) -> str:
+        return f"{cls.name} {_package().__version__}"
+
+    @classmethod
+    def refusal(cls, problem: Problem) -> str | None:
+        if problem.nintegral:
+            return _integral(problem)
+        objective, rows = problem.curvature()
+        if objective == NONCONVEX:
+            return "the quadratic objective is not convex"
+        where = (rows == NONCONVEX).nonzero()[0]
+        if len(where):
+            return f"quadratic row {problem.qrow_name(int(where[0]))!r} is not convex"
+        return None
+
+    # ---- the model
+
+    def load(self, problem: Problem) -> None:
+        self.loads += 1
+        self._solver = None
+        self._data = _Data.of(problem)
+
+    def change(self, problem: Problem, changes: Changes) -> bool:
+        """Costs, bounds and sides, as long as the same ones are finite; the rest is loaded anew."""
+        old = self._data
+        if old is None or changes.structure or changes.quadratic or len(changes.coefrows):
+            return False
+        if changes.sense and problem.nqobj:
+            return False
+        if len(changes.bounds) and (problem.curvature()[1] == CONE).any():
+            return False  # which side of a cone is meant is read from bounds
+        rows = _Rows.of(problem, old.matrix)
+        if not rows.same_kinds(old.rows):
+            return False
+        old.rows, old.q, old.b = rows, _costs(problem), rows.sides(old.offset)
+        if self._solver is not None:
+            self._solver.update(q=old.q, b=old.b)
+        return True
+
+    def counts(self) -> dict[str, int]:
+        data = self._data
+        rows, variables = data.a.shape
+        return {"vars": variables, "rows": rows, "nz": data.a.nnz, "qnz": data.p.nnz}
+
+    # ---- the run
+
+    def start(self, problem: Problem, params: Parameters) -> None:
+        self._first = None
+        self._log = ""
+        self._settings = self._with_options(params, 1.0)
+        self._launch(self._solve)
+
+    def _with_options(self, params: Parameters, tighter: float) -> Any:
+        """Clarabel's settings; the engine options come last."""
+        settings = _package().DefaultSettings()
+        self._user_limit = params.IterationLimit < _MOST_ITERATIONS
+        feasibility = _tolerance(params.FeasibilityTol, tighter)
+        gap = _tolerance(params.OptimalityTol, tighter)
+        options = {
+            "verbose": params.LogLevel >= 2,
+            "time_limit": params.TimeLimit,
+            "max_iter": int(min(params.IterationLimit, _MOST_ITERATIONS)),
+            "max_threads": params.Threads,
+            "tol_feas": feasibility,
+            "tol_gap_abs": gap,
+            "tol_gap_rel": gap,
+            # Both would forbid that data is updated; neither has anything to do here.
+            "presolve_enable": False,
+            "chordal_decomposition_enable": False,
+        }
+        for name, value in [*options.items(), *params.EngineOptions.items()]:
+            try:
+                setattr(settings, name, value)
+            except (AttributeError, TypeError, ValueError, OverflowError) as error:
+                text = f"Clarabel does not take the option {name!r} with the value {value!r}: {error}"
+                raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, text) from None
+        return settings
+
+    def _launch(self, job: Callable[[], Any]) -> None:
+        self._stop = False
+        self._iterations = 0
+        self._run = Worker(job, "tarvopy-clarabel")
+
+    def _solve(self) -> Any:
+        if self._solver is None:
+            self._solver = self._made(self._data.p, self._data.q)
+        else:
+            self._solver.update(settings=self._settings)
+        return self._solved(self._solver)
+
+    def _solve_for_feasibility(self) -> Any:
+        """A point without an objective."""
+        import numpy as np
+        from scipy import sparse
+
+        n = len(self._data.q)
+        return self._solved(self._made(sparse.csc_matrix((n, n)), np.zeros(n)))
+
+    def _made(self, p: sparse.csc_matrix, q: np.ndarray) -> Any:
+        data = self._data
+        return _package().DefaultSolver(p, q, data.a, data.b, data.cones(), self._settings)
+
+    def _solved(self, solver: Any) -> Any:
+        if self._settings.verbose:
+            solver.print_to_buffer()
+        solver.set_termination_callback(self._after_iteration)
+        solution = solver.solve()
+        if self._settings.verbose:
+            self._log += solver.get_print_buffer()
+        return solution
+
+    def _after_iteration(self, info: Any) -> bool:
+        self._iterations = info.iterations
+        return self._stop
+
+    @property
+    def running(self) -> bool:
+        return self._run is not None and self._run.running
+
+    def wait(self, seconds: float) -> bool:
+        return self._run is None or self._run.wait(seconds)
+
+    def progress(self) -> Progress:
+        return Progress(self._run.seconds if self._run else 0.0, float(self._iterations), None, None, None)
+
+    def take_log(self) -> str:
+        if self.running:
+            return ""
+        text, self._log = self._log, ""
+        return text
+
+    def interrupt(self) -> None:
+        self._stop = True
+
+    # ---- the answer
+
+    def again(self, problem: Problem) -> bool:
+        """A direction that improves without end was found: whether there is a point to start from is asked next."""
+        if self._first is not None or self._run.error is not None or self._stop:
+            return False
+        if str(self._run.result().status) != "DualInfeasible":
+            return False
+        self._first = self._run.result(), self._run.seconds
+        self._launch(self._solve_for_feasibility)
+        return True
+
+    def refine(self, problem: Problem, params: Parameters) -> bool:
+        """The same with tolerances of a hundredth."""
+        self._first = None
+        self._settings = self._with_options(params, _REFINED)
+        self._launch(self._solve)
+        return True
+
+    def outcome(self, problem: Problem) -> Outcome:
+        try:
+            solution = self._run.result()
+        except Exception as error:  # Clarabel's own, of whatever kind
+            return Outcome(TRV.FAILED, message=f"Clarabel: {error}")
+        status = str(solution.status)
+        outcome = Outcome(_STATUS.get(status, TRV.FAILED), itercount=solution.iterations, runtime=self._run.seconds)
+        if self._first is not None:
+            outcome.runtime += self._first[1]
+            outcome.itercount += self._first[0].iterations
+            outcome.status = {"Solved": TRV.UNBOUNDED, "PrimalInfeasible": TRV.INFEASIBLE}.get(
+                status, TRV.INFEASIBLE_OR_UNBOUNDED
+            )
+            return outcome
+        if outcome.status == TRV.ITERATION_LIMIT and not self._user_limit:
+            outcome.status = TRV.IMPRECISE
+        if outcome.status in (TRV.FAILED, TRV.IMPRECISE):
+            outcome.message = f"Clarabel ended with its status {status}"
+        self._add_point(outcome, solution, problem)
+        return outcome
+
+    def _add_point(self, outcome: Outcome, solution: Any, problem: Problem) -> None:
+        """Says which parts of the solution can be used."""
+        complete = outcome.status in (TRV.OPTIMAL, TRV.IMPRECISE)
+        # On the way to an optimum interior points break rows; one that does not is worth having.
+        feasible = outcome.status not in (TRV.INFEASIBLE, TRV.INFEASIBLE_OR_UNBOUNDED, TRV.FAILED)
+        feasible = feasible and solution.r_prim <= 100.0 * self._settings.tol_feas
+        outcome.has_x = (complete or feasible) and all(map(math.isfinite, (solution.obj_val, solution.r_prim)))
+        outcome.has_duals = complete and outcome.has_x
+        if not outcome.has_x:
+            return
+        outcome.objval = problem.sense * solution.obj_val + problem.objconstant
+        if outcome.status == TRV.OPTIMAL:
+            outcome.bound = outcome.objval
+
+    def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray, qpi: np.ndarray) -> None:
+        if not outcome.has_x:
+            return
+        import numpy as np
+
+        solution = self._run.result()
+        x[:] = solution.x
+        if outcome.has_duals:
+            self._data.write_duals(np.asarray(solution.s), np.asarray(solution.z), rc, pi, qpi)
+
+    def close(self) -> None:
+        """Frees Clarabel's memory; of a run that is still under way when that ends."""
+        self._solver = self._data = self._run = None
+
+
+@dataclass(slots=True)
+class _Rows:
+    """Which rows and bounds are finite, and in which cone they stand; sides of all rows, the linear ones first."""
+
+    lower: np.ndarray
+    upper: np.ndarray
+    lb: np.ndarray
+    ub: np.ndarray
+    masks: tuple[np.ndarray, ...]
+    """Equations, fixed variables, upper sides, lower sides, upper bounds, lower bounds: the order of Clarabel's rows."""
+
+    @classmethod
+    def of(cls, problem: Problem, matrix: sparse.csr_matrix) -> _Rows:
+        import numpy as np
+
+        lower, upper = _sides(problem)
+        empty = (np.diff(matrix.indptr) == 0) & (lower <= 0.0) & (upper >= 0.0)  # holds whatever x is
+        lower, upper = np.where(empty, -np.inf, lower), np.where(empty, np.inf, upper)
+        lb, ub = problem.lb.copy(), problem.ub.copy()
+        equal, fixed = lower == upper, lb == ub
+        masks = (
+            *(equal, fixed, np.isfinite(upper) & ~equal, np.isfinite(lower) & ~equal),
+            *(np.isfinite(ub) & ~fixed, np.isfinite(lb) & ~fixed),
+        )
+        return cls(lower, upper, lb, ub, masks)
+
+    def same_kinds(self, other: _Rows) -> bool:
+        return all((mine == theirs).all() for mine, theirs in zip(self.masks, other.masks, strict=True))
+
+    def sides(self, offset: np.ndarray) -> np.ndarray:
+        """Clarabel's b, the offsets of the cones at its end."""
+        import numpy as np
+
+        values = (self.upper, self.ub, self.upper, -self.lower, self.ub, -self.lb)
+        return np.concatenate([*(v[mask] for v, mask in zip(values, self.masks, strict=True)), offset])
+
+    def matrix(self, rows: sparse.csr_matrix, conic: list[sparse.csr_matrix]) -> sparse.csc_matrix:
+        """Clarabel's A."""
+        from scipy import sparse
+
+        identity = sparse.identity(len(self.lb), format="csr")
+        equal, fixed, up, low, ub, lb = self.masks
+        parts = [rows[equal], identity[fixed], rows[up], -rows[low], identity[ub], -identity[lb], *conic]
+        return sparse.vstack(parts, format="csc")
+
+    def multipliers(self, z: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
+        """Of the rows and of the bounds, of the minimisation, from Clarabel's z."""
+        import numpy as np
+
+        pi, rc = np.zeros(len(self.lower)), np.zeros(len(self.lb))
+        at = 0
+        for mask, to, sign in zip(self.masks, (pi, rc, pi, pi, rc, rc), (-1, -1, -1, 1, -1, 1), strict=True):
+            count = int(mask.sum())
+            to[mask] += sign * z[at : at + count]
+            at += count
+        return pi, rc
+
+
+@dataclass(slots=True)
+class _Data:
+    """A problem in Clarabel's form, and the way back."""
+
+    sense: int
+    nrows: int
+    matrix: sparse.csr_matrix
+    """All linear rows: those of the model, then its quadratic ones (empty where they have quadratic terms)."""
+    rows: _Rows
+    conic: Cones | None
+    offset: np.ndarray
+    p: sparse.csc_matrix
+    q: np.ndarray
+    a: sparse.csc_matrix
+    b: np.ndarray
+    linear_qrows: np.ndarray = field(repr=False)
+
+    @classmethod
+    def of(cls, problem: Problem) -> _Data:
+        import numpy as np
+        from scipy import sparse
+
+        n = problem.nvars
+        matrix = _linear_rows(problem)
+        rows = _Rows.of(problem, matrix)
+        conic = problem.cones() if problem.nqrows > problem.nqlinear else None
+        offset, blocks = np.empty(0), []
+        if conic is not None:
+            offset = conic.offset
+            blocks.append(sparse.csr_matrix((conic.value, conic.index, conic.start), shape=(len(offset), n)))
+        linear = problem.curvature()[1] == LINEAR
+        a = rows.matrix(matrix, blocks)
+        b = rows.sides(offset)
+        return cls(
+            *(problem.sense, problem.nrows, matrix, rows, conic, offset),
+            *(_hessian(problem), _costs(problem), a, b, linear),
+        )
+
+    def cones(self) -> list[Any]:
+        import numpy as np
+
+        package = _package()
+        zero = int(self.rows.masks[0].sum() + self.rows.masks[1].sum())
+        nonnegative = len(self.b) - len(self.offset) - zero
+        cones = [package.ZeroConeT(zero)] if zero else []
+        if nonnegative:
+            cones.append(package.NonnegativeConeT(nonnegative))
+        if self.conic is not None:
+            cones += map(package.SecondOrderConeT, np.diff(self.conic.cone).tolist())
+        return cones
+
+    def write_duals(self, s: np.ndarray, z: np.ndarray, rc: np.ndarray, pi: np.ndarray, qpi: np.ndarray) -> None:
+        import numpy as np
+
+        rows, bounds = self.rows.multipliers(z)
+        rc[:] = self.sense * bounds
+        pi[:] = self.sense * rows[: self.nrows]
+        qpi[:] = np.where(self.linear_qrows, self.sense * rows[self.nrows :], 0.0)
+        if self.conic is not None:
+            first = len(s) - len(self.offset)
+            self.conic.duals(np.ascontiguousarray(s[first:]), np.ascontiguousarray(z[first:]), qpi)
+
+
+def _tolerance(wanted: float, tighter: float) -> float:
+    return max(_SMALLEST_TOLERANCE, tighter * min(_LARGEST_TOLERANCE, _TIGHTER * wanted))
+
+
+def _costs(problem: Problem) -> np.ndarray:
+    return problem.sense * problem.obj
+
+
+def _hessian(problem: Problem) -> sparse.csc_matrix:
+    from scipy import sparse
+
+    n = problem.nvars
+    if not problem.nqobj:
+        return sparse.csc_matrix((n, n))
+    start, index, value = problem.hessian()
+    return sparse.csc_matrix((problem.sense * value, index, start), shape=(n, n))
+
+
+def _linear_rows(problem: Problem) -> sparse.csr_matrix:
+    """The rows of the model, then the quadratic ones with their linear terms, where they have no other."""
+    import numpy as np
+    from scipy import sparse
+
+    start, index, value = problem.csr()
+    rows = sparse.csr_matrix((value, index, start), shape=(problem.nrows, problem.nvars))
+    if not problem.nqrows:
+        return rows
+    start, index, value, qstart = problem.qmatrix()[:4]
+    linear = sparse.csr_matrix((value, index, start), shape=(problem.nqrows, problem.nvars))
+    keep = sparse.diags((np.diff(qstart) == 0).astype(float), format="csr")
+    linear = (keep @ linear).tocsr()
+    linear.eliminate_zeros()
+    return sparse.vstack([rows, linear], format="csr")
+
+
+def _sides(problem: Problem) -> tuple[np.ndarray, np.ndarray]:
+    """Lower and upper sides of the same rows; none for those with quadratic terms."""
+    import numpy as np
+
+    if not problem.nqrows:
+        return problem.lower.copy(), problem.upper.copy()
+    linear = problem.curvature()[1] == LINEAR
+    lower = np.where(linear & (problem.qsense != b"<"), problem.qrhs, -np.inf)
+    upper = np.where(linear & (problem.qsense != b">"), problem.qrhs, np.inf)
+    return np.concatenate([problem.lower, lower]), np.concatenate([problem.upper, upper])
+
+
+def _integral(problem: Problem) -> str:
+    semi = int((problem.vtype == b"S").sum())
+    counts = [(problem.nintegral - semi, "integer"), (semi, "semi-continuous")]
+    return " and ".join(f"{n} {kind} variable{'s' if n != 1 else ''}" for n, kind in counts if n)
+
+
+ENGINE = ClarabelEngine
