@@ -59,7 +59,7 @@ bool Forms::quicklynot() const {
     });
 }
 
-// By Gershgorin's circles, for the matrix as it is.
+// By Gershgorin's circles.
 bool Forms::dominant() {
     rowsum_.assign(var_.size(), 0.0);
     for (const Pair &pair : pairs_) {
@@ -67,7 +67,7 @@ bool Forms::dominant() {
         rowsum_[pair.j] += std::fabs(pair.value);
     }
     for (size_t i = 0; i < var_.size(); i++)
-        if (rowsum_[i] > diagonal_[i])
+        if (rowsum_[i] > (1.0 + semidefinite_shift) * diagonal_[i])
             return false;
     return true;
 }

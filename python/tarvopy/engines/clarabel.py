@@ -1,5 +1,4 @@
-"""Clarabel: convex problems of continuous variables, linear, quadratic or with convex quadratic rows, through its Python
-package.
+"""Clarabel: convex problems of continuous variables, linear or quadratic, also in their rows, by its Python package.
 
 Clarabel solves  min q'x + x'Px/2,  b - Ax in a product of cones, with P as its upper triangle. Equations (and fixed
 variables) make the zero cone; each finite side and bound is a row of the nonnegative cone, so that a two-sided row
@@ -295,7 +294,7 @@ class _Rows:
     lb: np.ndarray
     ub: np.ndarray
     masks: tuple[np.ndarray, ...]
-    """Equations, fixed variables, upper sides, lower sides, upper bounds, lower bounds: the order of Clarabel's rows."""
+    """Equations, fixed variables, upper sides, lower sides, upper bounds, lower bounds: Clarabel's order."""
 
     @classmethod
     def of(cls, problem: Problem, matrix: sparse.csr_matrix) -> _Rows:
