@@ -86,6 +86,16 @@ def test_large_numbers_are_measured_on_their_scale(m, monkeypatch):
     assert m.Status == TRV.OPTIMAL
 
 
+@pytest.mark.filterwarnings("error")
+@pytest.mark.parametrize("vtype", ["C", "I"])
+def test_a_second_run_of_the_engine_that_holds_is_what_counts(m, monkeypatch, vtype):
+    m.getVars()[1].VType = vtype
+    wrong = [0.25]
+    spoil(monkeypatch, lambda *arrays: arrays[0].__setitem__(1, arrays[0][1] + (wrong.pop() if wrong else 0.0)))
+    m.optimize()
+    assert (m.Status, m.ObjVal, wrong) == (TRV.OPTIMAL, 3.5 if vtype == "C" else 3.0, [])
+
+
 def test_the_reported_objective_is_that_of_the_reported_point(m, monkeypatch):
     m.getVars()[0].VType = "I"
     spoil(monkeypatch, add(0, -1.0))
