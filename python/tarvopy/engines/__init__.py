@@ -26,18 +26,10 @@ _MODULES = {"highs": "highs", "clarabel": "clarabel", "scip": "scip"}
 
 
 def engine_class(key: str) -> type[Engine]:
-    """The class behind a value of `params.Engine`; its package need not be installed. TarvoError (UNSUPPORTED) for an
-    engine that this release does not have.
-    """
+    """The class behind a value of `params.Engine`; its package need not be installed."""
     from importlib import import_module
 
-    name = f"tarvopy.engines.{_MODULES[key]}"
-    try:
-        return import_module(name).ENGINE
-    except ModuleNotFoundError as error:
-        if error.name != name:
-            raise
-        raise TarvoError(TRV.ERROR_UNSUPPORTED, f"Engine {key!r} is not part of this release") from None
+    return import_module(f"tarvopy.engines.{_MODULES[key]}").ENGINE
 
 
 def candidates(problem: Problem) -> tuple[str, ...]:
@@ -62,11 +54,7 @@ def pick(problem: Problem, key: str) -> tuple[type[Engine], str]:
         return cls, f"{cls.name}: chosen by params.Engine, {describe(problem)}"
     obstacles = []
     for candidate in candidates(problem):
-        try:
-            cls = engine_class(candidate)
-        except TarvoError as error:
-            obstacles.append(error.message)
-            continue
+        cls = engine_class(candidate)
         obstacle = _obstacle(cls, problem)
         if not obstacle:
             return cls, f"{cls.name}: {describe(problem)}" + "".join(f" ({said})" for said in obstacles)
@@ -81,15 +69,8 @@ def alternatives(problem: Problem, picked: type[Engine]) -> list[type[Engine]]:
     """
     if not problem.is_quadratic and not problem.nintegral:
         return []
-    found = []
-    for key in candidates(problem):
-        try:
-            cls = engine_class(key)
-        except TarvoError:
-            continue
-        if cls is not picked and not _obstacle(cls, problem):
-            found.append(cls)
-    return found
+    classes = [engine_class(key) for key in candidates(problem)]
+    return [cls for cls in classes if cls is not picked and not _obstacle(cls, problem)]
 
 
 def _obstacle(cls: type[Engine], problem: Problem) -> str:
