@@ -1,14 +1,15 @@
 """Every family as plain arrays, written by somebody who knows the model: the least work anyone can do, and the truth
 for checks.
 
-Rows come as CSR with two sides; `limit.py` hands these arrays to HiGHS as they are.
+Rows come as CSR with two sides; `limit.py` hands these arrays to HiGHS as they are, those of quadratic families in the
+form that Clarabel takes.
 """
 
 from dataclasses import dataclass
 
 import numpy as np
 import scipy.sparse as sp
-from common import M_FAC, data
+from common import FACTORS, M_FAC, data, lqcp_params, lqcp_weights
 
 I32, INF = np.int32, np.inf
 
@@ -25,6 +26,8 @@ class Arrays:
     upper: np.ndarray
     integer: np.ndarray | None = None
     maximize: bool = False
+    hessian: sp.csc_array | None = None  # upper triangle; cost @ x + x @ H @ x / 2
+    cones: np.ndarray | None = None  # (cones, 3) columns: the first one is at least the norm of the others
 
 
 def full(n, value):
@@ -96,6 +99,77 @@ def fac(g):
     return Arrays(lb, ub, cost, pointers(lengths), indices, values, sides, sides, integer)
 
 
+def facsoc(g):
+    arrays = fac(g)
+    s0, k = 2 * g, (g + 1) ** 2 * g
+    arrays.integer = None
+    arrays.cones = np.empty((k, 3), I32)
+    arrays.cones[:, 0] = np.arange(s0, s0 + k)
+    arrays.cones[:, 1:] = np.arange(s0 + 2 * k, s0 + 4 * k).reshape(k, 2)
+    return arrays
+
+
+def lqcp(n):
+    """Columns y(time, place) | u(time)."""
+    dx, dt, h2, wanted = lqcp_params(n)
+    wy, wu = lqcp_weights(n)
+    width, ny, w = n + 1, (n + 1) ** 2, 0.5 * dt
+    y, u = np.arange(ny, dtype=I32).reshape(width, width), ny + np.arange(n, dtype=I32)
+    now, then = y[:-1, 1:-1].ravel(), y[1:, 1:-1].ravel()
+    equation = np.stack([now - 1, now, now + 1, then - 1, then, then + 1], 1)
+    left, right = y[1:, :3], np.column_stack([y[1:, -3:], u])
+    indices = np.concatenate([equation.ravel(), y[0], left.ravel(), right.ravel()])
+    values = np.concatenate(
+        [
+            np.tile([-w, 2 * w - h2, -w, -w, 2 * w + h2, -w], len(now)), np.ones(width),
+            np.tile([3.0, -4.0, 1.0], n), np.tile([1.0, -4.0, 3.0 + 2 * dx, -2 * dx], n),
+        ]
+    )  # fmt: skip
+    lengths = np.r_[np.full(len(now), 6), np.full(width, 1), np.full(n, 3), np.full(n, 4)]
+    cost, sides = np.zeros(ny + n), np.zeros(len(lengths))
+    cost[y[-1]] = -2 * wy * wanted
+    squares = np.concatenate([y[-1], u])
+    hessian = diagonal(ny + n, squares, 2 * np.concatenate([wy, wu]))
+    return Arrays(
+        np.r_[np.zeros(ny), full(n, -1)], full(ny + n, 1), cost, pointers(lengths), indices, values, sides, sides,
+        hessian=hessian,
+    )  # fmt: skip
+
+
+def diagonal(n, columns, values):
+    """An n x n matrix with values at the ascending `columns` of its diagonal."""
+    count = np.zeros(n, I32)
+    count[columns] = 1
+    return sp.csc_array((values, columns, pointers(count)), shape=(n, n))
+
+
+def qp(n):
+    arrays = one_row(np.ones(n), n / 2, INF, np.zeros(n), hessian=diagonal(n, np.arange(n, dtype=I32), full(n, 2)))
+    arrays.lower = arrays.upper
+    return arrays
+
+
+def factors(n):
+    """Columns w(asset) | y(factor); rows: factors, budget, required return."""
+    F, S, d, mean = data("factors", n)
+    k = FACTORS
+    rows = np.empty((k, n + 1))
+    rows[:, :n], rows[:, n] = -F.T, 1
+    indices = np.empty((k, n + 1), I32)
+    indices[:, :n], indices[:, n] = np.arange(n), n + np.arange(k)
+    assets = np.arange(n, dtype=I32)
+    sides = np.r_[np.zeros(k), 1, 0.6]
+    upper = sides.copy()
+    upper[-1] = INF
+    triangle = sp.csc_array(np.triu(2 * S))
+    hessian = sp.block_diag([sp.diags_array(2 * d), triangle], format="csc")
+    return Arrays(
+        np.r_[np.zeros(n), full(k, -INF)], full(n + k, INF), np.zeros(n + k),
+        pointers(np.r_[np.full(k, n + 1), n, n]), np.concatenate([indices.ravel(), assets, assets]),
+        np.concatenate([rows.ravel(), np.ones(n), mean]), sides, upper, hessian=hessian,
+    )  # fmt: skip
+
+
 def nqueens(n):
     x = np.arange(n * n, dtype=I32).reshape(n, n)
     mirrored, offsets = x[:, ::-1], range(-n + 1, n)
@@ -158,4 +232,6 @@ def broadcast(n):
     )  # fmt: skip
 
 
-ARRAYS = {f.__name__: f for f in (basic, knapsack, sparserows, fac, nqueens, network, mxm, sum2d, rowsum, broadcast)}
+LINEAR = (basic, knapsack, sparserows, fac, nqueens, network, mxm, sum2d, rowsum, broadcast)
+QUADRATIC = (lqcp, qp, facsoc, factors)
+ARRAYS = {f.__name__: f for f in LINEAR + QUADRATIC}

@@ -9,9 +9,10 @@ import sys
 
 import numpy as np
 import scipy.sparse as sp
-from common import M_FAC, WARM, data
+from common import M_FAC, WARM, data, lqcp_params, lqcp_weights
 
 import tarvopy
+from tarvopy.problem import Problem
 
 INF = np.inf
 
@@ -20,6 +21,12 @@ def loaded(m):
     """Loads the engine; the callable given back has the counts and keeps the model."""
     counts = m.prepare()
     return lambda: {**counts, "_model": m}
+
+
+def loaded_as_cones(m):
+    """The same where the engine is Clarabel."""
+    counts = m.prepare()
+    return lambda: {**counts, "conic": True, "_model": m}
 
 
 def basic(n):
@@ -48,19 +55,67 @@ def sparserows(n):
     return loaded(m)
 
 
-def fac(g):
+def lqcp(n):
+    dx, dt, h2, wanted = lqcp_params(n)
+    wy, wu = lqcp_weights(n)
+    m = tarvopy.Model()
+    y = m.addMVar((n + 1, n + 1), ub=1)
+    u = m.addMVar(n, lb=-1, ub=1)
+    now, then, w = y[:-1], y[1:], 0.5 * dt
+    curvature = now[:, :-2] - 2 * now[:, 1:-1] + now[:, 2:] + then[:, :-2] - 2 * then[:, 1:-1] + then[:, 2:]
+    m.addConstr(h2 * (then[:, 1:-1] - now[:, 1:-1]) == w * curvature)
+    m.addConstr(y[0] == 0)
+    m.addConstr(then[:, 2] - 4 * then[:, 1] + 3 * then[:, 0] == 0)
+    m.addConstr(then[:, n - 2] - 4 * then[:, n - 1] + 3 * then[:, n] == 2 * dx * (u - then[:, n]))
+    off = y[n] - wanted
+    m.setObjective(wy @ (off * off) + wu @ (u * u))
+    return loaded_as_cones(m)
+
+
+def qp(n):
+    m = tarvopy.Model()
+    x = m.addMVar(n)
+    m.addConstr(x.sum() == n / 2)
+    m.setObjective(x @ x)
+    return loaded_as_cones(m)
+
+
+def factors(n):
+    F, S, d, mean = data("factors", n)
+    m = tarvopy.Model()
+    w = m.addMVar(n)
+    y = m.addMVar(len(S), lb=-INF)
+    m.addConstr(y == F.T @ w)
+    m.addConstr(w.sum() == 1)
+    m.addConstr(mean @ w >= 0.6)
+    m.setObjective(y @ S @ y + w @ sp.diags_array(d) @ w)
+    return loaded_as_cones(m)
+
+
+def facilities(g, vtype):
+    """The linear part of facility location; the distances s and the differences r of coordinates beside it."""
     points, grid = (g + 1) ** 2, np.arange(g + 1) / g
     place = np.stack([np.repeat(grid, g + 1), np.tile(grid, g + 1)], 1)
     m = tarvopy.Model()
     y = m.addMVar((g, 2), ub=1)
     s = m.addMVar((points, g))
-    z = m.addMVar((points, g), vtype="B")
+    z = m.addMVar((points, g), ub=1, vtype=vtype)
     r = m.addMVar((points, g, 2), lb=-INF)
     d = m.addMVar((), lb=-INF, obj=1)
     m.addConstr(z.sum(axis=1) == 1)
     m.addConstr(s == d + M_FAC * (1 - z))
     m.addConstr(r + y == place[:, None, :])
-    return loaded(m)
+    return m, s, r
+
+
+def fac(g):
+    return loaded(facilities(g, "B")[0])
+
+
+def facsoc(g):
+    m, s, r = facilities(g, "C")
+    m.addConstr((r * r).sum(axis=2) <= s * s)
+    return loaded_as_cones(m)
 
 
 def nqueens(n):
@@ -115,7 +170,8 @@ def broadcast(n):
     return loaded(m)
 
 
-FAMILIES = {f.__name__: f for f in (basic, knapsack, sparserows, fac, nqueens, network, mxm, sum2d, rowsum, broadcast)}
+LINEAR = (basic, knapsack, sparserows, fac, nqueens, network, mxm, sum2d, rowsum, broadcast)
+FAMILIES = {f.__name__: f for f in (*LINEAR, lqcp, qp, facsoc, factors)}
 
 
 def differences(family, size):
@@ -135,8 +191,26 @@ def differences(family, size):
         "costs": ([x.Obj for x in columns], want.cost),
         "integrality": ([x.VType != "C" for x in columns], integer),
         "sense": (m.ModelSense, -1 if want.maximize else 1),
+        **quadratic_parts(m, want),
     }
     return [what for what, (got, by_hand) in pairs.items() if not np.array_equal(got, by_hand)]
+
+
+def quadratic_parts(m, want):
+    """Pairs to compare: Hessians, and for each quadratic row its terms as (column, column, coefficient)."""
+    problem, n = Problem.of(m._cmodel), len(want.lb)
+    start, index, value = problem.hessian()
+    hessian = sp.csc_array((n, n)) if want.hessian is None else want.hessian
+    *_, qstart, first, second, coefficient = problem.qmatrix()
+    cones = np.empty((0, 3)) if want.cones is None else want.cones
+    terms = np.stack([cones, cones, np.broadcast_to([-1.0, 1.0, 1.0], cones.shape)], 2)
+    terms = np.take_along_axis(terms, np.argsort(cones, axis=1)[:, :, None], axis=1)
+    return {
+        "hessian": (sp.csc_array((value, index, start), shape=(n, n)).toarray(), hessian.toarray()),
+        "ends of quadratic rows": (qstart, np.arange(0, terms[:, :, 0].size + 1, 3)),
+        "quadratic terms": (np.stack([first, second, coefficient], 1), terms.reshape(-1, 3)),
+        "quadratic sides": (problem.qrhs, np.zeros(len(cones))),
+    }
 
 
 def check():

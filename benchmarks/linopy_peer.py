@@ -1,6 +1,7 @@
 """The families in linopy: labelled whole-array expressions on its CSR-backed model, `to_highspy` without names.
 
-linopy takes no SciPy matrices: five entries a row are gathered as a rectangle, other matrices are dense operands.
+linopy takes no SciPy matrices: five entries a row are gathered as a rectangle, other matrices are dense operands. It has
+no quadratic rows, and hands quadratic objectives to HiGHS, so that its figures there hold HiGHS' hand-over too.
 """
 
 import highspy  # noqa: F401 (linopy loads it late; that belongs to the import)
@@ -8,7 +9,7 @@ import linopy
 import numpy as np
 import pandas as pd
 import xarray as xr
-from common import M_FAC, data
+from common import M_FAC, data, lqcp_params, lqcp_weights
 from limit import counts
 
 linopy.options["semantics"] = "v1"
@@ -61,6 +62,38 @@ def sparserows(n):
     gathered = x.isel(i=array(A.indices.reshape(n, 5), "r", "k"))
     m.add_constraints((gathered * array(A.data.reshape(n, 5), "r", "k")).sum("k") <= array(b, "r"))
     m.add_objective((x * array(c, "i")).sum())
+    return loaded(m)
+
+
+def lqcp(n):
+    dx, dt, h2, wanted = lqcp_params(n)
+    wy, wu = lqcp_weights(n)
+    m = new()
+    y = m.add_variables(0, 1, coords=[index(n + 1, "i"), index(n + 1, "j")])
+    u = m.add_variables(-1, 1, coords=[index(n, "i")])
+
+    def shifted(i, j):  # on the labels of the window, so that windows match
+        return y.isel(i=slice(i, n + i), j=slice(j, n - 1 + j)).assign_coords(i=np.arange(n), j=np.arange(n - 1))
+
+    def place(j):
+        return y.isel(i=slice(1, None)).isel(j=j, drop=True).assign_coords(i=np.arange(n))
+
+    curvature = sum(k * shifted(i, j) for i in (0, 1) for j, k in ((0, 1), (1, -2), (2, 1)))
+    m.add_constraints(h2 * (shifted(1, 1) - shifted(0, 1)) - 0.5 * dt * curvature == 0)
+    m.add_constraints(1 * y.isel(i=0, drop=True) == 0)
+    m.add_constraints(place(2) - 4 * place(1) + 3 * place(0) == 0)
+    m.add_constraints(place(n - 2) - 4 * place(n - 1) + (3 + 2 * dx) * place(n) - 2 * dx * u == 0)
+    end = y.isel(i=n, drop=True)
+    off = (array(wy, "j") * (end * end)).sum() - (array(2 * wy * wanted, "j") * end).sum()
+    m.add_objective(off + (array(wu, "i") * (u * u)).sum())
+    return loaded(m)
+
+
+def qp(n):
+    m = new()
+    x = m.add_variables(0, coords=[index(n, "i")])
+    m.add_constraints(x.sum() == n / 2)
+    m.add_objective((x * x).sum())
     return loaded(m)
 
 
@@ -139,4 +172,5 @@ def broadcast(n):
     return loaded(m)
 
 
-FAMILIES = {f.__name__: f for f in (basic, knapsack, sparserows, fac, nqueens, network, mxm, sum2d, rowsum, broadcast)}
+LINEAR = (basic, knapsack, sparserows, fac, nqueens, network, mxm, sum2d, rowsum, broadcast)
+FAMILIES = {f.__name__: f for f in (*LINEAR, lqcp, qp)}
