@@ -27,7 +27,7 @@ class Arrays:
     integer: np.ndarray | None = None
     maximize: bool = False
     hessian: sp.csc_array | None = None  # upper triangle; cost @ x + x @ H @ x / 2
-    cones: np.ndarray | None = None  # (cones, 3) columns: the first one is at least the norm of the others
+    cones: np.ndarray | None = None  # (cones, 3) ascending columns: the first is at least the others' norm
 
 
 def full(n, value):

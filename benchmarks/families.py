@@ -68,7 +68,7 @@ def lqcp(n):
     m.addConstr(then[:, 2] - 4 * then[:, 1] + 3 * then[:, 0] == 0)
     m.addConstr(then[:, n - 2] - 4 * then[:, n - 1] + 3 * then[:, n] == 2 * dx * (u - then[:, n]))
     off = y[n] - wanted
-    m.setObjective(wy @ (off * off) + wu @ (u * u))
+    m.setObjective((wy * off) @ off + (wu * u) @ u)
     return loaded_as_cones(m)
 
 
@@ -204,11 +204,12 @@ def quadratic_parts(m, want):
     *_, qstart, first, second, coefficient = problem.qmatrix()
     cones = np.empty((0, 3)) if want.cones is None else want.cones
     terms = np.stack([cones, cones, np.broadcast_to([-1.0, 1.0, 1.0], cones.shape)], 2)
-    terms = np.take_along_axis(terms, np.argsort(cones, axis=1)[:, :, None], axis=1)
+    row = np.repeat(np.arange(problem.nqrows), np.diff(qstart))
+    order = np.lexsort([second, first, row])  # terms stand in the order of the program
     return {
         "hessian": (sp.csc_array((value, index, start), shape=(n, n)).toarray(), hessian.toarray()),
         "ends of quadratic rows": (qstart, np.arange(0, terms[:, :, 0].size + 1, 3)),
-        "quadratic terms": (np.stack([first, second, coefficient], 1), terms.reshape(-1, 3)),
+        "quadratic terms": (np.stack([first, second, coefficient], 1)[order], terms.reshape(-1, 3)),
         "quadratic sides": (problem.qrhs, np.zeros(len(cones))),
     }
 
