@@ -12,7 +12,7 @@ FORMATTED := $(filter %.cpp %.h,$(NATIVE))
 .PHONY: help demo test bench format lint wheel clean FORCE
 
 help:
-	@echo 'make demo    solve the unit commitment example, picture in out/'
+	@echo 'make demo    solve the examples (unit commitment, portfolio), pictures in out/'
 	@echo 'make test    run the tests'
 	@echo 'make bench   measure against arrays by hand, linopy and cvxpy; table in docs/benchmarks.md'
 	@echo 'make format  format C++ and Python in place'
@@ -22,6 +22,8 @@ help:
 
 demo: $(VENV)/installed
 	$(RUN) -m examples.unit_commitment
+	@echo
+	$(RUN) -m examples.portfolio
 
 test: $(VENV)/installed
 	$(RUN) -m pytest
@@ -49,12 +51,15 @@ clean:
 
 # --- the environment, in three steps, each with a stamp ---------------------------------------------------------------
 
-# Build requirements, runtime dependencies and tools: everything but the project. Made anew when pyproject.toml changes.
+# Build requirements, runtime dependencies and tools: everything but the project. Made anew when pyproject.toml changes. Packages
+# of the group data are there for files that they ship: --no-deps leaves out what only their code needs.
 $(VENV)/packages: pyproject.toml tools/requirements.py
 	@python=$$(tools/check_prerequisites) || exit 1; \
 	test -x $(RUN) || { echo "making $(VENV) with $$python"; "$$python" -m venv --clear $(VENV); }
 	$(RUN) tools/requirements.py build test demo > $(VENV)/requirements.txt
 	$(RUN) -m pip install --quiet --requirement $(VENV)/requirements.txt
+	$(RUN) tools/requirements.py --group data > $(VENV)/requirements-data.txt
+	$(RUN) -m pip install --quiet --no-deps --requirement $(VENV)/requirements-data.txt
 	@touch $@
 
 # The project, in place: Python files are read from python/, the compiled ones are built in build/editable and copied. A changed native

@@ -1,7 +1,7 @@
 """The families in linopy: labelled whole-array expressions on its CSR-backed model, `to_highspy` without names.
 
-linopy takes no SciPy matrices: five entries a row are gathered as a rectangle, other matrices are dense operands. It has
-no quadratic rows, and hands quadratic objectives to HiGHS, so that its figures there hold HiGHS' hand-over too.
+linopy takes no SciPy matrices: five entries a row are gathered as a rectangle, other matrices are dense operands. It
+has no quadratic rows, and hands quadratic objectives to HiGHS, so that its figures there hold HiGHS' hand-over too.
 """
 
 import highspy  # noqa: F401 (linopy loads it late; that belongs to the import)

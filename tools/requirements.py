@@ -1,7 +1,9 @@
-"""Prints requirements that pyproject.toml states, one a line: requirements.py [build] [EXTRA ...].
+"""Prints requirements that pyproject.toml states, one a line: requirements.py [build] [EXTRA ...], or
+requirements.py --group GROUP.
 
 `build` stands for the build requirements, with CMake and Ninja, which the build back end would only fetch in an
-isolated build; the runtime dependencies always come along, and every other word names an extra.
+isolated build; the runtime dependencies always come along, and every other word names an extra. A dependency
+group comes alone.
 """
 
 import sys
@@ -24,4 +26,6 @@ def requirements(settings: dict, groups: list[str]) -> list[str]:
 
 
 if __name__ == "__main__":
-    print("\n".join(requirements(tomllib.loads(PYPROJECT.read_text()), sys.argv[1:])))
+    settings, words = tomllib.loads(PYPROJECT.read_text()), sys.argv[1:]
+    lines = settings["dependency-groups"][words[1]] if words[:1] == ["--group"] else requirements(settings, words)
+    print("\n".join(lines))

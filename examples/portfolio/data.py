@@ -1,8 +1,8 @@
 """The data of the example: daily prices of twenty stocks of the S&P 500 and of the index, 1990 to 2022.
 
 `load()` gives one `Market`: the mean returns and their covariance as NumPy arrays, in % and %^2 a year. The prices are
-two files of the package skfolio (adjusted for splits and dividends; the index is without dividends). They are read where
-they lie: the package itself would import half a dozen others, none of which this example needs.
+two files of the package skfolio (adjusted for splits and dividends; the index is without dividends). They are read
+where they lie: the package itself would import half a dozen others, none of which this example needs.
 
 The twenty were picked in hindsight, so their means are those of companies that lasted, and nobody should expect them of
 the future. What the example shows is how the models behave.
@@ -38,7 +38,7 @@ class Market:
 
 
 def load(since: str = "1990-01-01") -> Market:
-    """The market as prices from `since` on show it. ModuleNotFoundError where the package with the prices is missing."""
+    """The market as prices from `since` on show it. ModuleNotFoundError where the package with them is missing."""
     names, days, prices = _read("sp500_dataset.csv.gz")
     _, index_days, index = _read("sp500_index.csv.gz")
     if not np.array_equal(days, index_days):

@@ -1,6 +1,6 @@
 """The optimisation models of the example, after Markowitz: the least variance for a required return.
 
-    frontier(market)         one model, solved again for each required return: a QP, its two ends an LP and a QP
+    frontier(market)         one model, solved again for each required return: QPs, the last one an LP
     few_stocks(market, ...)  the same with at most FEW stocks in lots of LOT and more: binary variables
     most_return(market, r)   the highest return at risk r: a linear objective and a quadratic row
     best_ratio(market)       the highest ratio of excess return to risk
@@ -9,7 +9,7 @@ Weights are shares of the money: none negative (no short selling), none above CA
 
 The risk is `w @ covariance @ w`: with twenty stocks and thousands of days the covariance has 210 numbers, the matrix of
 returns 166,240. With thousands of stocks and a hundred factors it is the other way round: there one writes
-`y == factors.T @ w` and `y @ y`, as benchmarks/factor_model.py does.
+`y == factors.T @ w` and `y @ y`, as benchmarks/families.py does (`factors`).
 """
 
 from collections.abc import Iterator
@@ -23,7 +23,8 @@ from tarvopy import TRV
 from .data import Market
 
 CAP = 0.25
-FEW, LOT = 4, 0.15
+FEW, LOT = 5, 0.15
+RELATIVE_GAP = 1e-3  # of the variance, where stocks are chosen
 RISK_FREE = 2.5  # % a year: about what three-month treasury bills paid from 1990 to 2022
 
 
@@ -89,6 +90,7 @@ def few_stocks(market: Market, means: np.ndarray, time_limit: float = 60.0) -> I
     m.addConstr(held.sum() <= FEW, name="few")
     required = m.addConstr(market.mean @ weights >= 0, name="required")
     m.setObjective(weights @ market.covariance @ weights)
+    m.params.RelGap = RELATIVE_GAP
     m.params.TimeLimit = time_limit
     for mean in means:
         required.RHS = mean
@@ -96,12 +98,14 @@ def few_stocks(market: Market, means: np.ndarray, time_limit: float = 60.0) -> I
         yield holding(market, weights.X, m)
 
 
-def most_return(market: Market, risk: float) -> Portfolio:
-    """The highest return at a standard deviation of at most `risk` (% a year)."""
+def most_return(market: Market, risk: float, check: bool = False) -> Portfolio:
+    """The highest return at a standard deviation of at most `risk` (% a year); check: prints how well the answer holds."""
     m, weights = new_model("most return", market)
     m.addConstr(weights @ market.covariance @ weights <= risk**2, name="risk")
     m.setObjective(market.mean @ weights, TRV.MAXIMIZE)
     m.optimize()
+    if check:
+        m.report()
     return holding(market, weights.X, m)
 
 

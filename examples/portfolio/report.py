@@ -13,19 +13,23 @@ from .model import CAP, FEW, LOT, RISK_FREE, Portfolio
 
 INK, ALL, SOME, MARK = "#22313f", "#1f6f8b", "#d1603d", "#8a97a3"
 # Where a label stands beside its dot: (to the right, up) in points.
-ABOVE, BELOW, LEFT, RIGHT = (0, 9), (0, -16), (-8, -3), (9, -3)
+ABOVE, LEFT, RIGHT = (0, 9), (-8, -3), (9, -3)
+CROWDED = {"PG": (-17, -8), "PEP": (0, 6), "WMT": (-25, 4), "XOM": (-10, -12), "PFE": (-22, 4)}  # in a crowd of dots
 
 
 def figures(market: Market, portfolios: dict[str, Portfolio]) -> str:
     """A line for each named portfolio: return, risk, ratio, and the largest holdings."""
-    lines = [f"{'':<24}{'return %':>9}{'risk %':>8}{'ratio':>7}   holdings"]
-    for name, portfolio in portfolios.items():
-        lines.append(
-            f"{name:<24}{portfolio.mean:>9.2f}{portfolio.risk:>8.2f}{portfolio.ratio:>7.2f}   {holdings(market, portfolio)}"
-        )
+    lines = [f"{'':<26}{'return %':>9}{'risk %':>8}{'ratio':>7}   holdings"]
+    for name, p in portfolios.items():
+        lines.append(f"{name:<26}{p.mean:>9.2f}{p.risk:>8.2f}{p.ratio:>7.2f}   {holdings(market, p)}")
     mean, risk = market.index
-    lines.append(f"{'S&P 500 (no dividends)':<24}{mean:>9.2f}{risk:>8.2f}{(mean - RISK_FREE) / risk:>7.2f}")
+    lines.append(f"{'S&P 500 (no dividends)':<26}{mean:>9.2f}{risk:>8.2f}{(mean - RISK_FREE) / risk:>7.2f}")
     return "\n".join(lines)
+
+
+def engines(portfolios: dict[str, Portfolio]) -> str:
+    """Which engine solved each portfolio, and why that one."""
+    return "\n".join(f"{name:<26}{portfolio.engine}" for name, portfolio in portfolios.items())
 
 
 def holdings(market: Market, portfolio: Portfolio, most: int = 6) -> str:
@@ -41,9 +45,7 @@ def equal_weights(market: Market) -> tuple[float, float]:
     return float(market.mean @ weights), float(np.sqrt(weights @ market.covariance @ weights))
 
 
-def picture(
-    market: Market, frontier: list[Portfolio], few: list[Portfolio], best: Portfolio, path: Path
-) -> None:
+def picture(market: Market, frontier: list[Portfolio], few: list[Portfolio], best: Portfolio, path: Path) -> None:
     """Efficient frontier above, what its portfolios hold below, as a PNG."""
     figure, (above, below) = plt.subplots(
         2, 1, figsize=(11.5, 11.5), height_ratios=[1.75, 1], layout="constrained", facecolor="white"
@@ -66,7 +68,7 @@ def picture(
 def _draw_frontier(axes, market: Market, frontier: list[Portfolio], few: list[Portfolio], best: Portfolio) -> None:
     axes.plot(market.risk, market.mean, "o", color=MARK, markersize=5, label="single stocks", zorder=2)
     for name, risk, mean in zip(market.names, market.risk, market.mean, strict=True):
-        axes.annotate(name, (risk, mean), (5, 3), textcoords="offset points", fontsize=8, color=MARK)
+        axes.annotate(name, (risk, mean), CROWDED.get(name, (5, 3)), textcoords="offset points", fontsize=8, color=MARK)
     line = np.array([0.0, 1.35 * best.risk])
     axes.plot(line, RISK_FREE + best.ratio * line, ":", color=INK, linewidth=1, label="riskless money and max Sharpe")
     axes.plot(*_points(frontier), "-", color=ALL, linewidth=2.5, label="efficient frontier", zorder=3)
@@ -81,7 +83,7 @@ def _draw_frontier(axes, market: Market, frontier: list[Portfolio], few: list[Po
         ("S&P 500\n(no dividends)", market.index, INK, "v", RIGHT),
     ):
         axes.plot(risk, mean, marker, color=colour, markersize=15 if marker == "*" else 8, zorder=5)
-        side = {LEFT: "right", RIGHT: "left"}.get(place, "right")
+        side = "left" if place == RIGHT else "right"
         axes.annotate(text, (risk, mean), place, textcoords="offset points", ha=side, color=colour, weight="bold")
     axes.set(xlim=(0, 1.06 * market.risk.max()), ylim=(0, 1.08 * max(market.mean.max(), frontier[-1].mean)))
     axes.set_xlabel("risk: standard deviation (% a year)", color=INK)
