@@ -99,7 +99,7 @@ def few_stocks(market: Market, means: np.ndarray, time_limit: float = 60.0) -> I
 
 
 def most_return(market: Market, risk: float, check: bool = False) -> Portfolio:
-    """The highest return at a standard deviation of at most `risk` (% a year); check: prints how well the answer holds."""
+    """The highest return at a standard deviation of at most `risk` (% a year); check: prints how well it holds."""
     m, weights = new_model("most return", market)
     m.addConstr(weights @ market.covariance @ weights <= risk**2, name="risk")
     m.setObjective(market.mean @ weights, TRV.MAXIMIZE)

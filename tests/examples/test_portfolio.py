@@ -135,6 +135,6 @@ def test_engines_are_picked_by_what_each_problem_holds(market, frontier):
 def test_report_and_picture(market, frontier, tmp_path):
     text = report.figures(market, {"least variance": frontier[0]})
     assert f"{frontier[0].risk:.2f}" in text
-    assert report.holdings(market, frontier[-1]) == "UNH 25, BBY 25, AAPL 25, AMD 25"
+    assert report.holdings(market, frontier[-1]) == "AAPL 25, AMD 25, BBY 25, UNH 25"
     report.picture(market, frontier, frontier[2:5], frontier[6], tmp_path / "portfolio.png")
     assert (tmp_path / "portfolio.png").read_bytes().startswith(b"\x89PNG")
