@@ -305,11 +305,12 @@ TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
 
 /* ---- curvature ------------------------------------------------------------------------------------------ */
 /* Whether quadratic parts are convex, decided by a sparse factorisation with a small shift: a matrix counts as positive
- * semidefinite where it is so with 1e-8 times its own diagonal added. One whose factor would take gigabytes counts as
- * NONCONVEX. Objective: in the model's own sense (a concave one that is maximised is CONVEX). Rows: the set that a row
- * describes; one without an rhs is CONVEX, an equation with quadratic terms NONCONVEX. CONE is a row that is no convex
- * function but a second-order cone: squares (and a constant) on one side, the square of a variable, or the product of
- * two, that bounds keep from changing sign on the other, and no linear terms. */
+ * semidefinite where it is so with 1e-8 times its own diagonal added. Where the factor would take gigabytes or minutes,
+ * an estimate of the smallest eigenvalue decides. Objective: in the model's own sense (a concave one that is maximised
+ * is CONVEX). Rows: the set that a row describes; one without an rhs is CONVEX, an equation with quadratic terms
+ * NONCONVEX. CONE is a row that is no convex function but a second-order cone: squares (and a constant) on one side,
+ * the square of a variable, or the product of two, that bounds keep from changing sign on the other, and no linear
+ * terms. */
 enum { TRV_CURVE_LINEAR = 0, TRV_CURVE_CONVEX = 1, TRV_CURVE_CONE = 2, TRV_CURVE_NONCONVEX = 3 };
 /* rows: nqrows entries, or NULL. */
 TRV_API int TRVcurvature(TRVmodel *model, int *objective, char *rows);

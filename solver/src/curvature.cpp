@@ -3,6 +3,7 @@
 #include "curvature.h"
 
 #include "failure.h"
+#include "lanczos.h"
 
 #include <algorithm>
 #include <cmath>
@@ -49,6 +50,15 @@ int32_t Forms::local(int32_t var) {
     return local_[var];
 }
 
+namespace {
+
+bool semidefinite(const UnitMatrix &matrix) {
+    const Factored done = factorise(matrix, PivotRule::test(semidefinite_shift), nullptr);
+    return done == Factored::toolarge ? !seemsindefinite(matrix, semidefinite_shift) : done == Factored::yes;
+}
+
+} // namespace
+
 // A negative square, or a product that outweighs its two squares: some direction of one or two variables goes down.
 bool Forms::quicklynot() const {
     if (std::any_of(diagonal_.begin(), diagonal_.end(), [](double d) { return d < 0.0; }))
@@ -85,8 +95,7 @@ bool Forms::convex() {
     for (size_t c = 0; c + 1 < component_.size(); c++) {
         const int32_t first = component_[c], last = component_[c + 1];
         // Two variables are told by their entries above.
-        if (last - first > 2 &&
-            factorise(scaled(first, last), PivotRule::test(semidefinite_shift), nullptr) != Factored::yes)
+        if (last - first > 2 && !semidefinite(scaled(first, last)))
             return false;
     }
     return true;

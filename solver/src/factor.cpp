@@ -12,20 +12,23 @@ namespace store {
 namespace {
 
 constexpr int64_t most_sparse = 200'000'000; // entries of L, 12 bytes each
-constexpr int64_t most_dense = 16'000;       // rows of the dense end: 2 GB
+constexpr int64_t most_dense = 8'000;        // rows of the dense end: 500 MB, and half a minute
 constexpr double dense_share = 0.6;          // of the entries below a column's diagonal
 
 class Factorisation {
   public:
     Factorisation(const UnitMatrix &matrix, const PivotRule &rule)
-        : matrix_(matrix), rule_(rule), n_(matrix.graph.n), order_(minimumdegree(matrix.graph)), place_(size(n_)),
-          parent_(size(n_), -1), mark_(size(n_), -1), count_(size(n_), 0) {
-        for (int32_t k = 0; k < n_; k++)
-            place_[order_[k]] = k;
+        : matrix_(matrix), rule_(rule), n_(matrix.graph.n),
+          order_(minimumdegree(matrix.graph, most_dense, most_sparse)), place_(size(n_)), parent_(size(n_), -1),
+          mark_(size(n_), -1), count_(size(n_), 0) {
+        for (size_t k = 0; k < order_.size(); k++)
+            place_[order_[k]] = static_cast<int32_t>(k);
     }
 
     // The elimination tree, how long the columns get, and where the dense end begins.
     bool analyse() {
+        if (order_.empty())
+            return false;
         int64_t total = 0;
         for (int32_t k = 0; k < n_; k++) {
             mark_[k] = k;

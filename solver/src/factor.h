@@ -53,7 +53,7 @@ struct Factor {
 
 enum class Factored { no, yes, toolarge };
 
-// factor NULL: only the question. toolarge: it would take gigabytes.
+// factor NULL: only the question. toolarge: it would take gigabytes or minutes.
 Factored factorise(const UnitMatrix &matrix, const PivotRule &rule, Factor *factor);
 
 } // namespace store

@@ -56,7 +56,7 @@ class Elimination {
             if (state_[i] == free)
                 enter(graph, i);
     }
-    std::vector<int32_t> run() {
+    std::vector<int32_t> run(int64_t clique, int64_t entries) {
         std::vector<int32_t> order;
         order.reserve(size());
         while (left_ > 0) {
@@ -65,6 +65,10 @@ class Elimination {
                 break; // what is left is a clique: any order will do
             eliminate(pivot);
             order.push_back(pivot);
+            const int64_t column = static_cast<int64_t>(reach_[pivot].size());
+            entries -= column;
+            if (column > clique || entries < 0)
+                return {};
         }
         for (const State last : {free, postponed})
             for (int32_t i = 0; i < n_; i++)
@@ -161,14 +165,14 @@ class Elimination {
 
 } // namespace
 
-std::vector<int32_t> minimumdegree(const Adjacency &graph) {
+std::vector<int32_t> minimumdegree(const Adjacency &graph, int64_t clique, int64_t entries) {
     const int64_t n = graph.n;
     if (n <= 8 || static_cast<int64_t>(graph.index.size()) >= n * n / 2) {
         std::vector<int32_t> order(static_cast<size_t>(n));
         std::iota(order.begin(), order.end(), 0);
         return order;
     }
-    return Elimination(graph).run();
+    return Elimination(graph).run(clique, entries);
 }
 
 } // namespace store

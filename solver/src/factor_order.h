@@ -16,7 +16,7 @@ struct Adjacency {
 // Approximate minimum degree over the quotient graph (Amestoy, Davis, Duff 1996), without supervariables: what they
 // would save, the dense end of the factorisation saves here. Rows with far more entries than the square root of n come
 // last, since each visit of such a row costs its length. Time is about linear in the entries where there is little
-// fill.
-std::vector<int32_t> minimumdegree(const Adjacency &graph);
+// fill. Empty where the factor would hold more than `entries` entries, or a clique of more than `clique` nodes.
+std::vector<int32_t> minimumdegree(const Adjacency &graph, int64_t clique, int64_t entries);
 
 } // namespace store

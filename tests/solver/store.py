@@ -81,6 +81,16 @@ class QMatrix(c.Structure):
     )
 
 
+class Cones(c.Structure):
+    _fields_ = layout(
+        ("ncones nrows nnz", c.c_int64),
+        ("qrow cone start index", i32p),
+        ("value offset", f64p),
+        ("form", c.POINTER(c.c_char)),
+        ("weight", f64p),
+    )
+
+
 class Changes(c.Structure):
     _fields_ = layout(
         ("structure quadratic objconstant sense", c.c_int),
@@ -135,7 +145,7 @@ lib.TRVfindattr.restype = c.POINTER(AttrInfo)
 lib.TRVattrat.restype = c.POINTER(AttrInfo)
 lib.TRVfree.argtypes = [c.c_void_p]
 lib.TRVfree.restype = lib.TRVfreemodel.restype = lib.TRVdroprows.restype = lib.TRVpositions.restype = None
-lib.TRVfreematrix.restype = lib.TRVfreeqmatrix.restype = lib.TRVclearchanges.restype = None
+lib.TRVfreematrix.restype = lib.TRVfreecones.restype = lib.TRVfreeqmatrix.restype = lib.TRVclearchanges.restype = None
 
 
 def _f64(values):
@@ -488,6 +498,26 @@ class Store:
             _view(matrix.value, matrix.nnz, float),
         )
         lib.TRVfreematrix(c.byref(matrix))
+        return out
+
+    def curvature(self):
+        """(of the objective, [of each quadratic row])."""
+        objective, rows = c.c_int(), np.empty(self.int("NumQConstrs"), np.int8)
+        self.call("TRVcurvature", c.byref(objective), rows.ctypes.data_as(c.c_void_p))
+        return objective.value, rows.tolist()
+
+    def cones(self):
+        """[(quadratic row, offset, matrix)], dense: s = offset - matrix @ x."""
+        cones, nvars = Cones(), self.int("NumVars")
+        self.call("TRVgetcones", c.byref(cones))
+        matrix = np.zeros((cones.nrows, nvars))
+        for k in range(cones.nrows):
+            for p in range(cones.start[k], cones.start[k + 1]):
+                matrix[k, cones.index[p]] += cones.value[p]
+        offset = _view(cones.offset, cones.nrows, np.float64)
+        bounds = [slice(cones.cone[i], cones.cone[i + 1]) for i in range(cones.ncones)]
+        out = [(cones.qrow[i], offset[rows], matrix[rows]) for i, rows in enumerate(bounds)]
+        lib.TRVfreecones(c.byref(cones))
         return out
 
     def qmatrix(self):
