@@ -22,7 +22,7 @@ if TYPE_CHECKING:
 #: Kinds of element, as tarvo.h numbers them.
 TRV_VAR, TRV_CONSTR, TRV_QCONSTR = 1, 2, 4
 #: What curvature() says: see tarvo.h.
-LINEAR, CONVEX, CONE, NONCONVEX = 0, 1, 2, 3
+LINEAR, CONVEX, CONE, NONCONVEX, ROUNDED = 0, 1, 2, 3, 4
 
 
 @dataclass(frozen=True, slots=True, eq=False)
@@ -108,7 +108,9 @@ class Problem:
         return _modelapi.qmatrix(self.handle)
 
     def curvature(self) -> tuple[int, np.ndarray]:
-        """LINEAR, CONVEX, CONE or NONCONVEX for the objective and (int8) for each quadratic row; worked out once."""
+        """LINEAR, CONVEX, ROUNDED (convex but for rounding) or NONCONVEX for the objective; LINEAR, CONVEX, CONE or
+        NONCONVEX (int8) for each quadratic row; worked out once.
+        """
         if not self._curvature:
             self._curvature.append(self._find_curvature())
         return self._curvature[0]

@@ -310,8 +310,10 @@ TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
  * is CONVEX). Rows: the set that a row describes; one without an rhs is CONVEX, an equation with quadratic terms
  * NONCONVEX. CONE is a row that is no convex function but a second-order cone: squares (and a constant) on one side,
  * the square of a variable, or the product of two, that bounds keep from changing sign on the other, and no linear
- * terms. */
-enum { TRV_CURVE_LINEAR = 0, TRV_CURVE_CONVEX = 1, TRV_CURVE_CONE = 2, TRV_CURVE_NONCONVEX = 3 };
+ * terms. ROUNDED is an objective that is convex but for the rounding of its
+ * coefficients, which all end with the same decimal digit q (1e-9 to 1e-5 of the largest square): with q times the root
+ * of the number of variables added. */
+enum { TRV_CURVE_LINEAR = 0, TRV_CURVE_CONVEX = 1, TRV_CURVE_CONE = 2, TRV_CURVE_NONCONVEX = 3, TRV_CURVE_ROUNDED = 4 };
 /* rows: nqrows entries, or NULL. */
 TRV_API int TRVcurvature(TRVmodel *model, int *objective, char *rows);
 /* The quadratic rows as second-order cones, for an engine that wants them so: cone c has the rows cone[c] .. cone[c+1],
@@ -405,9 +407,9 @@ TRV_API int TRVevalobjective(TRVmodel *model, const double *x, double *value);
 TRV_API int TRVreadmodel(TRVmodel *model, const char *path);
 TRV_API int TRVwritemodel(TRVmodel *model, const char *path);
 /* For an engine: the updated model as a binary .nl file without names, the initial guess (Start) in it. The file's
- * variables: position[0..nvars) says which of the model's each one is, -1 for those that the file has besides (one for a
- * quadratic objective; a binary one for each semi-continuous variable that 0 lies outside the bounds of, which must be
- * finite). Free position with TRVfree. The objective's constant is left out. */
+ * variables: position[0..nvars) says which of the model's each one is, -1 for those that the file has besides (one for
+ * a quadratic objective; a binary one for each semi-continuous variable that 0 lies outside the bounds of, which must
+ * be finite). Free position with TRVfree. The objective's constant is left out. */
 TRV_API int TRVwritenl(TRVmodel *model, const char *path, int32_t *nvars, int32_t **position);
 /* .sol: one "name value" a line, # begins a comment. Written from X; read into Start. */
 TRV_API int TRVwritesolution(TRVmodel *model, const char *path);

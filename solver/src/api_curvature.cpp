@@ -52,7 +52,9 @@ int objectivecurve(TRVmodel *model, const TRVdata &data) {
         }
     Forms forms(data.nvars);
     forms.take({upper.nnz, upper.index, column.data(), coef.data()}, data.sense);
-    return forms.convex() ? TRV_CURVE_CONVEX : TRV_CURVE_NONCONVEX;
+    if (forms.convex())
+        return TRV_CURVE_CONVEX;
+    return forms.convex(Strictness::rounded) ? TRV_CURVE_ROUNDED : TRV_CURVE_NONCONVEX;
 }
 
 std::string rowname(TRVmodel *model, int32_t row) {

@@ -52,32 +52,32 @@ int32_t Forms::local(int32_t var) {
 
 namespace {
 
-bool semidefinite(const UnitMatrix &matrix) {
-    const Factored done = factorise(matrix, PivotRule::test(semidefinite_shift), nullptr);
-    return done == Factored::toolarge ? !seemsindefinite(matrix, semidefinite_shift) : done == Factored::yes;
+bool semidefinite(const UnitMatrix &matrix, double shift) {
+    const Factored done = factorise(matrix, PivotRule::test(shift), nullptr);
+    return done == Factored::toolarge ? !seemsindefinite(matrix, shift) : done == Factored::yes;
 }
 
 } // namespace
 
 // A negative square, or a product that outweighs its two squares: some direction of one or two variables goes down.
-bool Forms::quicklynot() const {
+bool Forms::quicklynot(double shift) const {
     if (std::any_of(diagonal_.begin(), diagonal_.end(), [](double d) { return d < 0.0; }))
         return true;
-    const double slack = (1.0 + semidefinite_shift);
+    const double slack = 1.0 + shift;
     return std::any_of(pairs_.begin(), pairs_.end(), [&](const Pair &pair) {
         return std::fabs(pair.value) > slack * std::sqrt(diagonal_[pair.i]) * std::sqrt(diagonal_[pair.j]);
     });
 }
 
 // By Gershgorin's circles.
-bool Forms::dominant() {
+bool Forms::dominant(double shift) {
     rowsum_.assign(var_.size(), 0.0);
     for (const Pair &pair : pairs_) {
         rowsum_[pair.i] += std::fabs(pair.value);
         rowsum_[pair.j] += std::fabs(pair.value);
     }
     for (size_t i = 0; i < var_.size(); i++)
-        if (rowsum_[i] > (1.0 + semidefinite_shift) * diagonal_[i])
+        if (rowsum_[i] > (1.0 + shift) * diagonal_[i])
             return false;
     return true;
 }
@@ -86,16 +86,54 @@ double Forms::scale(int32_t i) const {
     return std::sqrt(diagonal_[i]);
 }
 
-bool Forms::convex() {
-    if (quicklynot())
+namespace {
+
+bool endswith(double value, double digit) {
+    const double units = value / digit;
+    return std::fabs(units - std::round(units)) <= 1e-6 + 1e-13 * std::fabs(units);
+}
+
+} // namespace
+
+// The last decimal digit of all coefficients of x'Hx / 2, against the largest square; 0 where they have none, or one
+// that is too coarse to be a rounding: 1.1 is meant as it stands.
+double Forms::rounding() const {
+    constexpr double coarsest = 1e-5, finest = 1e-9;
+    double largest = 0.0;
+    for (const double d : diagonal_)
+        largest = std::max(largest, 2.0 * d);
+    if (!(largest > 0.0))
+        return 0.0;
+    auto allendwith = [&](double digit) {
+        return std::all_of(diagonal_.begin(), diagonal_.end(), [&](double d) { return endswith(2.0 * d, digit); }) &&
+               std::all_of(pairs_.begin(), pairs_.end(), [&](const Pair &p) { return endswith(2.0 * p.value, digit); });
+    };
+    double digit = std::pow(10.0, std::floor(std::log10(coarsest * largest)) + 1.0);
+    if (allendwith(digit))
+        return 0.0;
+    for (digit /= 10.0; digit >= finest * largest; digit /= 10.0)
+        if (allendwith(digit))
+            return digit / largest;
+    return 0.0;
+}
+
+bool Forms::convex(Strictness strictness) {
+    double shift = semidefinite_shift;
+    if (strictness == Strictness::rounded) {
+        // Of the whole form: components of one model come from one source.
+        shift = rounding() * std::sqrt(static_cast<double>(var_.size()));
+        if (shift <= semidefinite_shift)
+            return false; // as strictly as it was judged before
+    }
+    if (quicklynot(shift))
         return false;
-    if (dominant())
+    if (dominant(shift))
         return true;
     connect();
     for (size_t c = 0; c + 1 < component_.size(); c++) {
         const int32_t first = component_[c], last = component_[c + 1];
         // Two variables are told by their entries above.
-        if (last - first > 2 && !semidefinite(scaled(first, last)))
+        if (last - first > 2 && !semidefinite(scaled(first, last), shift))
             return false;
     }
     return true;

@@ -21,6 +21,12 @@ namespace store {
 // 1e-8 of the squares in it, less than engines' tolerances.
 constexpr double semidefinite_shift = 1e-8;
 
+// Coefficients that were rounded to q (a printed correlation matrix, q = 1e-6) leave a semidefinite matrix of n rows
+// with eigenvalues down to -q sqrt(n): errors at random have a norm of 0.6 q sqrt(n), and those of real data are not
+// quite at random. Such an objective is meant to be convex, and spatial branching would never end on it. Rows get no
+// such leave: it would move their feasible set.
+enum class Strictness { exact, rounded };
+
 struct Terms {
     int64_t n;
     const int32_t *var1, *var2;
@@ -53,7 +59,7 @@ class Forms {
     // The form sign * sum; read by what follows until the next one.
     void take(const Terms &terms, double sign);
 
-    bool convex();
+    bool convex(Strictness strictness = Strictness::exact);
     // Appends forms whose squares sum up to this one, which is convex.
     void squares(LinearForms *out);
 
@@ -71,8 +77,9 @@ class Forms {
     };
 
     int32_t local(int32_t var);
-    bool quicklynot() const;
-    bool dominant();
+    double rounding() const;
+    bool quicklynot(double shift) const;
+    bool dominant(double shift);
     void connect();
     const UnitMatrix &scaled(int32_t first, int32_t last);
     void squaresof(int32_t first, int32_t last, LinearForms *out);

@@ -5,7 +5,7 @@ import pytest
 
 from solver.store import INF, Store, StoreError
 
-LINEAR, CONVEX, CONE, NONCONVEX = range(4)
+LINEAR, CONVEX, CONE, NONCONVEX, ROUNDED = range(5)
 
 
 def terms(matrix, eps=0.0):
@@ -77,6 +77,23 @@ def test_the_threshold_lies_between_rounding_and_intention():
     flat = np.full((n, n), 1.0)  # rank one, eigenvalues n and 0
     assert objective_curve(flat - 3e-9 * np.eye(n)) == CONVEX
     assert objective_curve(flat - 3e-8 * np.eye(n)) == NONCONVEX
+
+
+def test_coefficients_that_were_rounded_are_convex_but_for_that():
+    rng = np.random.default_rng(3)
+    f = rng.standard_normal((60, 20))
+    f /= np.linalg.norm(f, axis=1)[:, None]
+    rounded = np.round(f @ f.T, 6)
+    np.fill_diagonal(rounded, 1.0)
+    assert np.linalg.eigvalsh(rounded)[0] < -1e-7
+    assert objective_curve(rounded) == ROUNDED
+    assert objective_curve(-1e3 * rounded, sense=-1) == ROUNDED
+    # Beyond the rounding, without a common last digit, or with digits that are no rounding: as it stands.
+    for error in (5e-5, np.pi * 1e-6):
+        assert objective_curve(rounded - error * np.eye(60)) == NONCONVEX
+    assert objective_curve(np.array([[1.0, 1.1], [1.1, 1.0]])) == NONCONVEX
+    assert objective_curve(np.array([[1.0, 1.0001], [1.0001, 1.0]])) == NONCONVEX
+    assert row_store(60, terms(rounded)).curvature()[1] == [NONCONVEX]
 
 
 def test_components_are_judged_each_on_its_own_scale():

@@ -15,7 +15,7 @@ from typing import TYPE_CHECKING
 
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
-from tarvopy.problem import CONE, CONVEX, NONCONVEX
+from tarvopy.problem import CONE, CONVEX, NONCONVEX, ROUNDED
 
 if TYPE_CHECKING:
     from tarvopy.engines.base import Engine
@@ -114,9 +114,10 @@ def _nonconvex(problem: Problem) -> str:
 
 
 def _convex(problem: Problem) -> str:
-    _, rows = problem.curvature()
+    objective, rows = problem.curvature()
     convex, cones = int((rows == CONVEX).sum()), int((rows == CONE).sum())
-    parts = ["convex quadratic objective"] if problem.nqobj else []
+    but = " (but for the rounding of its coefficients)" if objective == ROUNDED else ""
+    parts = [f"convex quadratic objective{but}"] if problem.nqobj else []
     parts += [_count(convex, "convex quadratic row")] if convex else []
     parts += [_count(cones, "second-order cone row")] if cones else []
     return f"{', '.join(parts)}, all variables continuous"
