@@ -170,7 +170,7 @@ class ClarabelEngine:
     def _launch(self, job: Callable[[], Any]) -> None:
         self._stop = False
         self._iterations = 0
-        self._run = Worker(job, "tarvopy-clarabel")
+        self._run = Worker(job)
 
     def _solve(self) -> Any:
         if self._solver is None:

@@ -150,7 +150,7 @@ class ScipEngine:
     def _run(self) -> None:
         self._stop = False
         self._began = time.monotonic()
-        self._worker = Worker(self._model.optimizeNogil, "tarvopy-scip")
+        self._worker = Worker(self._model.optimizeNogil)
 
     def _set_options(self, problem: Problem, params: Parameters, tighter: float = 1.0) -> None:
         low, high = _TOLERANCES
