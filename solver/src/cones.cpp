@@ -17,8 +17,10 @@ namespace store {
 
 namespace {
 
-// Beside a dual this much larger a slack says nothing of the multiplier: the tip of the cone has no gradient.
-constexpr double tip = 1e-9;
+// A cone is at its tip where its dual is larger than its slack by this. There the row's gradient vanishes but the cone
+// still pushes, so no multiplier of the row says what it costs. A dual below `loose` pushes nothing.
+constexpr double tip = 1e5;
+constexpr double loose = 1e-6;
 
 template <class T> T *given(const std::vector<T> &from) {
     Buffer<T> to;
@@ -249,13 +251,14 @@ TRVcones Shapes::cones(int32_t *nonconvex) {
 
 namespace {
 
-// Multiplier of the row as '<', of the minimisation, not negative.
+// Multiplier of the row as '<', of the minimisation, not negative; NaN where there is none.
 double multiplier(char form, double weight, const double *s, const double *z) {
-    if (form == 'b')
-        return weight * z[0];
     if (form == 'p')
         return weight * (z[0] + z[1]);
-    return s[0] > tip * z[0] ? weight * z[0] / s[0] : 0.0;
+    const double slack = std::max(s[0], 0.0);
+    if (z[0] > tip * slack)
+        return z[0] > loose ? NAN : 0.0;
+    return form == 'b' ? weight * z[0] : weight * z[0] / s[0];
 }
 
 } // namespace

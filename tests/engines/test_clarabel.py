@@ -146,6 +146,21 @@ def test_qpi_is_the_slope_of_the_optimum(kind, turned, sense):
     assert c.Pi == pytest.approx(slope(m, lambda v: setattr(c, "RHS", v), c.RHS), abs=1e-4)
 
 
+@pytest.mark.filterwarnings("error")
+def test_at_the_tip_of_a_cone_there_is_no_multiplier():
+    with tarvopy.Model() as m:
+        m.params.LogLevel = 0
+        x, t = m.addMVar(3, lb=-9.0, ub=9.0), m.addVar(lb=0.0)
+        m.addConstr(x @ x <= t * t, name="cone")
+        m.setObjective(3.0 * t + x[0] - x[1])
+        m.optimize()
+        assert m.EngineName.startswith("Clarabel")
+        assert m.Status == TRV.OPTIMAL
+        assert pytest.approx(0.0, abs=1e-6) == m.ObjVal
+        with pytest.raises(TarvoError, match=r"'cone' is at the tip"):
+            _ = t.RC
+
+
 def test_known_answers(instances):
     answers = json.loads((instances / "known_optimal_values.json").read_text())["instances"]
     wrong, solved = [], 0

@@ -37,6 +37,7 @@ _TIGHTER = 1e-2
 _LARGEST_TOLERANCE = 1e-8
 _SMALLEST_TOLERANCE = 1e-12
 _REFINED = 1e-2
+_PROOF = 1e-6
 _MOST_ITERATIONS = 200
 # Near the boundary of a cone of more than four rows the usual settings stall at errors of 1e-6; these come to 1e-9.
 _CAREFUL = {
@@ -85,6 +86,7 @@ class ClarabelEngine:
         self._first: tuple[Any, float] | None = None  # solution and seconds of the run before the one under way
         self._iterations = 0
         self._stop = False
+        self._duals: tuple[np.ndarray, np.ndarray, np.ndarray] | None = None  # RC, Pi, QPi of the last outcome
         self._log = ""
         self._user_limit = False
 
@@ -273,26 +275,42 @@ class ClarabelEngine:
         feasible = outcome.status not in (TRV.INFEASIBLE, TRV.INFEASIBLE_OR_UNBOUNDED, TRV.FAILED)
         feasible = feasible and solution.r_prim <= 100.0 * self._settings.tol_feas
         outcome.has_x = (complete or feasible) and all(map(math.isfinite, (solution.obj_val, solution.r_prim)))
-        outcome.has_duals = complete and outcome.has_x
         if not outcome.has_x:
             return
+        if complete:
+            self._add_duals(outcome, solution, problem)
         outcome.objval = problem.sense * solution.obj_val + problem.objconstant
         if outcome.status == TRV.OPTIMAL:
             outcome.bound = outcome.objval
+
+    def _add_duals(self, outcome: Outcome, solution: Any, problem: Problem) -> None:
+        """Works the multipliers out, and says so where a quadratic row has none."""
+        import numpy as np
+
+        self._duals = self._data.duals(np.asarray(solution.s), np.asarray(solution.z))
+        without = np.isnan(self._duals[2]).nonzero()[0]
+        outcome.has_duals = not len(without)
+        if outcome.has_duals:
+            return
+        name = problem.qrow_name(int(without[0]))
+        outcome.no_duals = f"quadratic row {name!r} is at the tip of its cone, where it has no multiplier"
+        # Without multipliers the check cannot tell an optimum, so Clarabel's own residuals must.
+        gap = abs(solution.obj_val - solution.obj_val_dual) / max(1.0, abs(solution.obj_val))
+        if outcome.status == TRV.OPTIMAL and max(gap, solution.r_prim, solution.r_dual) > _PROOF:
+            outcome.status = TRV.IMPRECISE
 
     def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray, qpi: np.ndarray) -> None:
         if not outcome.has_x:
             return
         import numpy as np
 
-        solution = self._run.result()
-        x[:] = solution.x
+        x[:] = np.asarray(self._run.result().x)
         if outcome.has_duals:
-            self._data.write_duals(np.asarray(solution.s), np.asarray(solution.z), rc, pi, qpi)
+            rc[:], pi[:], qpi[:] = self._duals
 
     def close(self) -> None:
         """Frees Clarabel's memory; of a run that is still under way when that ends."""
-        self._solver = self._data = self._run = None
+        self._solver = self._data = self._run = self._duals = None
 
 
 @dataclass(slots=True)
@@ -404,16 +422,16 @@ class _Data:
             cones += map(package.SecondOrderConeT, np.diff(self.conic.cone).tolist())
         return cones
 
-    def write_duals(self, s: np.ndarray, z: np.ndarray, rc: np.ndarray, pi: np.ndarray, qpi: np.ndarray) -> None:
+    def duals(self, s: np.ndarray, z: np.ndarray) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+        """RC, Pi and QPi, NaN for quadratic rows that have no multiplier."""
         import numpy as np
 
         rows, bounds = self.rows.multipliers(z)
-        rc[:] = self.sense * bounds
-        pi[:] = self.sense * rows[: self.nrows]
-        qpi[:] = np.where(self.linear_qrows, self.sense * rows[self.nrows :], 0.0)
+        qpi = np.where(self.linear_qrows, self.sense * rows[self.nrows :], 0.0)
         if self.conic is not None:
             first = len(s) - len(self.offset)
             self.conic.duals(np.ascontiguousarray(s[first:]), np.ascontiguousarray(z[first:]), qpi)
+        return self.sense * bounds, self.sense * rows[: self.nrows], qpi
 
 
 def _tolerance(wanted: float, tighter: float) -> float:
