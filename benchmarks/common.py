@@ -33,6 +33,7 @@ SIZES = {
     "broadcast": (150, 500),  # x[:, None] * C + y - z <= 0
     "factors": (1000, 10_000),  # n assets: y == F.T w with 100 factors, min y S y + w D w, budget, required return
 }
+QUADRATIC = ("lqcp", "qp", "facsoc", "factors")
 WARM = {"knapsack": 50, "sparserows": 50, "qp": 500}  # sizes of tiny models; 6 for the others
 M_FAC = 2 * 1.414
 FACTORS = 100

@@ -12,6 +12,8 @@ import xarray as xr
 from common import M_FAC, data, lqcp_params, lqcp_weights
 from limit import counts
 
+MAX_SIZE = {"facsoc": 0}  # no quadratic rows
+
 linopy.options["semantics"] = "v1"
 
 
@@ -97,6 +99,19 @@ def qp(n):
     return loaded(m)
 
 
+def factors(n):
+    F, S, d, mean = data("factors", n)
+    m = new()
+    w = m.add_variables(0, coords=[index(n, "asset")])
+    y = m.add_variables(coords=[index(len(S), "factor")])
+    m.add_constraints(y - w @ array(F, "asset", "factor") == 0)
+    m.add_constraints(w.sum() == 1)
+    m.add_constraints((w * array(mean, "asset")).sum() >= 0.6)
+    common_risk = (y * array(S, "factor", "other") * (1 * y.rename({"factor": "other"}))).sum()
+    m.add_objective(common_risk + (w * w * array(d, "asset")).sum())
+    return loaded(m)
+
+
 def fac(g):
     m = new()
     grid = np.arange(g + 1) / g
@@ -173,4 +188,4 @@ def broadcast(n):
 
 
 LINEAR = (basic, knapsack, sparserows, fac, nqueens, network, mxm, sum2d, rowsum, broadcast)
-FAMILIES = {f.__name__: f for f in (*LINEAR, lqcp, qp)}
+FAMILIES = {f.__name__: f for f in (*LINEAR, lqcp, qp, factors)}
