@@ -5,6 +5,7 @@
 //   q += r                compact: one more part; full: the form grows, or the QuadExpr objects do
 //
 // Subtraction adds the operand times -1. Everything is checked and read before anything changes.
+#include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mquadexpr_operators.h"
 
 namespace tarvopy {
@@ -110,23 +111,38 @@ void append_made_part(PyObject *self, QuadPart part, const Ref &model) {
     check_status(PyList_Append(list.get(), check(PySequence_GetItem(triples.get(), 0)).get()));
 }
 
+// The native parts grow in place: copying them for every `+=` would make k additions cost k * k.
+void append_part(PyObject *self, QuadPart part, Ref model) {
+    QuadNative *native = quadratic_of(self);
+    native->parts.push_back(std::move(part));
+    native->model = std::move(model);
+    native->stamp = LinearNative::next_stamp();
+    if (eager || is_watched(self))
+        quadparts(self);
+}
+
 // False: the full path.
 bool iadd_compact_compact(PyObject *self, PyObject *other, double factor) {
     std::vector<QuadPart> more, parts;
     Ref model, other_model;
-    if (!merged_quad_parts(other, more, other_model) || !quad_parts(self, parts, model) ||
-        !merge_models(model, other_model))
+    if (!merged_quad_parts(other, more, other_model))
+        return false;
+    QuadNative *native = quadratic_of(self);
+    const bool grows = native && native->compact;
+    if (grows)
+        model = native->model;
+    else if (!quad_parts(self, parts, model))
+        return false;
+    if (!merge_models(model, other_model))
         return false;
     iadd(own_ndle(self).get(), own_ndle(other).get(), factor);
     scale_parts(more, factor);
     if (more.empty() || flat::size_of(quad_shape_of(self)) == 0)
         return true;
-    if (quadratic_of(self)) {
-        parts.push_back(std::move(more[0]));
-        set_quad_parts(self, std::move(parts), std::move(model));
-    } else {
+    if (grows && quadratic_of(self) == native)
+        append_part(self, std::move(more[0]), std::move(model));
+    else
         append_made_part(self, std::move(more[0]), model);
-    }
     return true;
 }
 
