@@ -30,6 +30,7 @@ test: $(VENV)/installed
 
 bench: $(VENV)/bench
 	$(RUN) benchmarks/run.py --table docs/benchmarks.md
+	$(RUN) benchmarks/quadratic.py --table docs/benchmarks.md
 
 format: $(VENV)/packages
 	$(VENV)/bin/ruff format .

@@ -119,8 +119,8 @@ def heading(reps):
 From the first variable to the model loaded in HiGHS (not run): medians of {reps} fresh processes, packages in turn.
 `by hand` is NumPy arrays and one bulk hand-over without a modelling layer; ratios are to it. Peak is what the build
 adds to the process' resident size at its largest. Made by `make bench`; `benchmarks/common.py` defines the families.
-Quadratic families ({quadratic}) end with the arrays that Clarabel's constructor takes, which is not called, but for
-linopy, which hands them to HiGHS.
+Quadratic families ({quadratic}) end with the arrays that Clarabel's constructor takes, which is not
+called, but for linopy, which hands them to HiGHS; CVXPY adds helper variables and rows there, as its counts show.
 
 {packages}; Python {platform.python_version()}, {platform.machine()}, {os.cpu_count()} cores.
 
