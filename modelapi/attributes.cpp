@@ -3,6 +3,7 @@
 #include "modelapi.h"
 
 #include <climits>
+#include <string>
 
 namespace tarvopy::modelapi {
 
@@ -139,7 +140,12 @@ TARVOPY_METHOD(model_attributes) {
     });
 }
 
-// Never raises for the state of the model, and applies nothing: <tarvopy.Model 'diet': 10 variables, 4 constraints>.
+std::string count_text(int count, const char *what) {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+// Never raises for the state of the model, and applies nothing: <tarvopy.Model 'diet': 10 variables, 4 constraints>,
+// with "..., 1 quadratic constraint" where there are any.
 PyObject *model_repr(PyObject *self) {
     return border([&] {
         ModelObject *handle = reinterpret_cast<ModelBase *>(self)->handle;
@@ -150,14 +156,17 @@ PyObject *model_repr(PyObject *self) {
             return check(PyUnicode_FromString("<tarvopy.Model (being solved)>"));
         TRVmodel *store = handle->store;
         const char *name = "";
-        int nvars = 0, nrows = 0;
+        int nvars = 0, nrows = 0, nqrows = 0;
         succeed(store, TRVgetintattr(store, "NumVars", &nvars));
         succeed(store, TRVgetintattr(store, "NumConstrs", &nrows));
+        succeed(store, TRVgetintattr(store, "NumQConstrs", &nqrows));
         succeed(store, TRVgetstrattr(store, "ModelName", &name));
         Ref text =
             check(PyUnicode_DecodeUTF8(name, static_cast<Py_ssize_t>(std::char_traits<char>::length(name)), "replace"));
-        return check(PyUnicode_FromFormat("<tarvopy.Model %R: %d variable%s, %d constraint%s>", text.get(), nvars,
-                                          nvars == 1 ? "" : "s", nrows, nrows == 1 ? "" : "s"));
+        std::string counts = count_text(nvars, "variable") + ", " + count_text(nrows, "constraint");
+        if (nqrows > 0)
+            counts += ", " + count_text(nqrows, "quadratic constraint");
+        return check(PyUnicode_FromFormat("<tarvopy.Model %R: %s>", text.get(), counts.c_str()));
     });
 }
 

@@ -72,7 +72,7 @@ class Figure:
     """The worst elements against their own scales, worst first; also those that are within the tolerance."""
 
 
-@dataclass(frozen=True, slots=True)
+@dataclass(frozen=True, slots=True, repr=False)
 class Report:
     """The last solution, held against the model."""
 
@@ -102,6 +102,10 @@ class Report:
             if figure.name == name:
                 return figure
         raise KeyError(name)
+
+    def __repr__(self) -> str:
+        """Short, since a session shows it below the text that m.report() prints."""
+        return f"<Report {self.model}: {status_word(self.status)}, {'holds' if self.holds else 'does not hold'}>"
 
     def __str__(self) -> str:
         said = f"objective {self.objective:.10g}"

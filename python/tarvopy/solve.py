@@ -31,6 +31,9 @@ if TYPE_CHECKING:
 
 __all__ = ["engines", "optimize", "prepare"]
 
+#: What a program must hear of, however silent the solve.
+_WARNINGS = {TRV.IMPRECISE: "The solution is imprecise", TRV.FAILED: "The solve failed"}
+
 _claiming = threading.Lock()
 
 
@@ -54,8 +57,8 @@ def optimize(model: Model) -> None:
     if offence is not None:
         outcome.message = offence.text
     reporter.finish(outcome)
-    if offence is not None:
-        warnings.warn(f"The solution is imprecise: {outcome.message}", RuntimeWarning, stacklevel=3)
+    if outcome.status in _WARNINGS:
+        warnings.warn(f"{_WARNINGS[outcome.status]}: {outcome.message}", RuntimeWarning, stacklevel=3)
     if ctrl_c.unanswered:
         raise KeyboardInterrupt  # it came when the run was over
 

@@ -307,11 +307,34 @@ def test_limits_options_and_the_log(small, capsys):
         small.m.params.EngineOptions = options
         with pytest.raises(TarvoError, match=next(iter(options))):
             small.m.optimize()
+    small.m.params.EngineOptions = {"max_iter": 1}
+    small.m.optimize()
+    assert small.m.Status == TRV.ITERATION_LIMIT
     small.m.params.EngineOptions = {"max_iter": 50}
     small.m.params.LogLevel = 2
     small.m.optimize()
     assert small.m.Status == TRV.OPTIMAL
     assert "iter" in capsys.readouterr().out
+
+
+def test_settings_that_a_solver_has_for_life_change_between_solves(small):
+    m = small.m
+    m.optimize()
+    value = m.ObjVal
+    for change in (
+        lambda: setattr(m.params, "Threads", 2),
+        lambda: setattr(m.params, "EngineOptions", {"direct_solve_method": "qdldl"}),
+        lambda: setattr(m.params, "EngineOptions", {"presolve_enable": True}),  # a solver whose data cannot change
+        lambda: setattr(m.getVars()[0], "LB", -1e3),
+        m.params.reset,
+    ):
+        change()
+        m.params.LogLevel = 0
+        m.optimize()
+        assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, pytest.approx(value))
+    m.params.EngineOptions = {"direct_solve_method": "none"}
+    with pytest.raises(TarvoError, match=r"refuses the options \{'direct_solve_method': 'none'\}"):
+        m.optimize()
 
 
 def test_an_interrupt_comes_through_after_an_iteration():

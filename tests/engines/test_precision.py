@@ -134,3 +134,9 @@ def test_the_log_says_that_more_precision_is_tried(m, monkeypatch, capsys):
     lines = capsys.readouterr().out.splitlines()
     assert lines[0] == "First: violation of the sides of row cap by 0.4; trying for more precision"
     assert lines[1].startswith("First: optimal, objective 3")
+
+
+def test_a_failed_solve_is_heard_of_however_silent(m, monkeypatch):
+    use(monkeypatch, highs=double("First", [point(0.0, 2.0, status=TRV.FAILED)]))
+    with pytest.warns(RuntimeWarning, match="The solve failed: "):
+        m.optimize()

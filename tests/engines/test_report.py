@@ -36,6 +36,7 @@ def test_a_solution_that_holds(m, capsys):
     report = m.report()
     assert capsys.readouterr().out == f"{report}\n"
     assert report.holds
+    assert repr(report) == "<Report diet: optimal, holds>"
     assert [f.name for f in report.figures] == NAMES
     assert (report.model, report.status, report.objective, report.engine) == ("diet", TRV.OPTIMAL, 4.0, m.EngineName)
     assert (report.engine_objective, report.why_engine) == (4.0, m.why_engine)

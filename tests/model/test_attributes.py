@@ -74,8 +74,9 @@ def test_unknown_names_are_attribute_errors(m):
 def test_repr_applies_nothing(m):
     x = m.addVar()
     assert repr(m) == "<tarvopy.Model 'diet': 0 variables, 0 constraints>"
+    m.addConstr(x * x <= 1)
     m.update()
-    assert repr(m) == "<tarvopy.Model 'diet': 1 variable, 0 constraints>"
+    assert repr(m) == "<tarvopy.Model 'diet': 1 variable, 0 constraints, 1 quadratic constraint>"
     m.close()
     assert repr(m) == str(m) == "<tarvopy.Model (closed)>"
     assert "removed" in repr(x) or "closed" in repr(x)

@@ -126,8 +126,10 @@ class ClarabelEngine:
         if not rows.same_kinds(old.rows):
             return False
         old.rows, old.q, old.b = rows, _costs(problem), rows.sides(old.offset)
-        if self._solver is not None:
+        if self._solver is not None and self._solver.is_data_update_allowed():
             self._solver.update(q=old.q, b=old.b)
+        else:
+            self._solver = None
         return True
 
     def counts(self) -> dict[str, int]:
@@ -146,7 +148,6 @@ class ClarabelEngine:
     def _with_options(self, params: Parameters, tighter: float) -> Any:
         """Clarabel's settings; the engine options come last."""
         settings = _package().DefaultSettings()
-        self._user_limit = params.IterationLimit < _MOST_ITERATIONS
         feasibility = _tolerance(params.FeasibilityTol, tighter)
         gap = _tolerance(params.OptimalityTol, tighter)
         options = {
@@ -162,11 +163,16 @@ class ClarabelEngine:
             "chordal_decomposition_enable": False,
         }
         for name, value in [*options.items(), *params.EngineOptions.items()]:
+            if not hasattr(settings, name):
+                raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, f"Clarabel has no option {name!r}")
             try:
                 setattr(settings, name, value)
-            except (AttributeError, TypeError, ValueError, OverflowError) as error:
+            except (TypeError, ValueError, OverflowError) as error:
                 text = f"Clarabel does not take the option {name!r} with the value {value!r}: {error}"
                 raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, text) from None
+        if params.EngineOptions:
+            _try_out(settings, params.EngineOptions)
+        self._user_limit = settings.max_iter != _MOST_ITERATIONS
         return settings
 
     def _launch(self, job: Callable[[], Any]) -> None:
@@ -175,11 +181,17 @@ class ClarabelEngine:
         self._run = Worker(job)
 
     def _solve(self) -> Any:
-        if self._solver is None:
+        if self._solver is None or not self._retuned():
             self._solver = self._made(self._data.p, self._data.q)
-        else:
-            self._solver.update(settings=self._settings)
         return self._solved(self._solver)
+
+    def _retuned(self) -> bool:
+        """Whether the solver that is there goes by the settings; some it takes only when it is made."""
+        try:
+            self._solver.update(settings=self._settings)
+        except Exception:  # Clarabel knows no other
+            return False
+        return True
 
     def _solve_for_feasibility(self) -> Any:
         """A point without an objective."""
@@ -432,6 +444,20 @@ class _Data:
             first = len(s) - len(self.offset)
             self.conic.duals(np.ascontiguousarray(s[first:]), np.ascontiguousarray(z[first:]), qpi)
         return self.sense * bounds, self.sense * rows[: self.nrows], qpi
+
+
+def _try_out(settings: Any, options: dict[str, Any]) -> None:
+    """Clarabel checks settings when a solver is made: one of a single variable, before the real one is built."""
+    import numpy as np
+    from scipy import sparse
+
+    package, one = _package(), np.ones(1)
+    try:
+        package.DefaultSolver(
+            sparse.csc_matrix((1, 1)), one, sparse.csc_matrix([[1.0]]), one, [package.NonnegativeConeT(1)], settings
+        )
+    except Exception as error:  # Clarabel knows no other
+        raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, f"Clarabel refuses the options {options!r}: {error}") from None
 
 
 def _tolerance(wanted: float, tighter: float) -> float:
