@@ -88,6 +88,7 @@ void append_part(PyObject *self, Part part, const Ref &model) {
         native->parts.push_back(std::move(part));
         if (!native->model)
             native->model = model;
+        native->stamp = LinearNative::next_stamp();
         return;
     }
     append_pair(self, part_pair(part, model));
@@ -268,6 +269,7 @@ void iadd_flat(LinearNative &native, const flat::Form &operand, Ref model, doubl
     need_finite(sum);
     flat::add(native.form, operand, factor);
     native.model = std::move(model);
+    native.stamp = LinearNative::next_stamp();
 }
 
 void iadd_full(PyObject *self, PyObject *other, Operand kind, double factor) {

@@ -280,9 +280,7 @@ Ref add_quadpart(PyObject *self, PyObject *x, PyObject *given, PyObject *y) {
     Ref arguments = check(PyTuple_Pack(1, given));
     Ref keywords = check(Py_BuildValue("{s:s,s:O}", "dtype", "float64", "copy", Py_False));
     Ref matrix = check(PyObject_Call(cls.get(), arguments.get(), keywords.get()));
-    Ref triple = check(PyTuple_Pack(3, x, matrix.get(), y)), list = quadparts(self);
-    if (!PyList_Check(list.get()))
-        fail(PyExc_TypeError, "_quadparts of an MQuadExpr must be a list, not '%.200s'", Py_TYPE(list.get())->tp_name);
+    Ref triple = check(PyTuple_Pack(3, x, matrix.get(), y)), list = part_list(self);
     check_status(PyList_Append(list.get(), triple.get()));
     return Ref::none();
 }
@@ -386,6 +384,8 @@ const char *marker(PyObject *expr) {
 
 Ref repr_of(PyObject *self) {
     const char *parts = marker(self);
+    if (is_compact_quad(self))
+        merge_quad_parts(self); // printing reads the full value, which joins the parts
     Ref text = printed_elements(whole_elements(self));
     Ref shape = check(PyObject_GetAttr(self, names.shape));
     return check(PyUnicode_FromFormat("<MQuadExpr %S%s>\n%U)", shape.get(), parts, text.get()));

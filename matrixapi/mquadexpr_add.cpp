@@ -7,6 +7,7 @@
 // Subtraction adds the operand times -1. Everything is checked and read before anything changes.
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mquadexpr_operators.h"
+#include "matrixapi/mvar.h"
 
 namespace tarvopy {
 
@@ -22,10 +23,6 @@ Ref times(PyObject *array, double factor) {
 
 Ref own_ndle(PyObject *expr) {
     return Ref::borrow(ndle_of(expr));
-}
-
-bool has_quad_elements(PyObject *expr) {
-    return !quadratic_of(expr);
 }
 
 // ---- a new sum with a linear operand ------------------------------------------------------------------------------
@@ -50,7 +47,7 @@ Ref add_array(PyObject *self, PyObject *other, double factor) {
         return spread_over(self, std::move(ndle));
     if (flat::size_of(shape) == 0)
         parts.clear();
-    return make_quad_compact(mod.MQuadExpr, std::move(parts), std::move(ndle), std::move(model));
+    return make_quad_compact(mod.MQuadExpr, own_quad_parts(std::move(parts)), std::move(ndle), std::move(model));
 }
 
 Ref add_scalar(PyObject *self, PyObject *other, double factor) {
@@ -74,7 +71,7 @@ Ref add_compact_compact(PyObject *self, PyObject *other, double factor) {
     parts.insert(parts.end(), more.begin(), more.end());
     if (flat::size_of(shape) == 0)
         parts.clear();
-    if (parts.size() > 1)
+    if (!parts.empty())
         parts = {merged(parts)};
     return make_quad_compact(mod.MQuadExpr, std::move(parts), std::move(ndle), std::move(model));
 }
@@ -102,47 +99,52 @@ Ref add_quadratics(PyObject *self, PyObject *other, double factor) {
 
 // ---- in place -----------------------------------------------------------------------------------------------------
 
-// One more (MVar, coo_matrix, MVar) triple: the documented list grows in place.
-void append_made_part(PyObject *self, QuadPart part, const Ref &model) {
-    Ref holder = make_quad_compact(mod.MQuadExpr, {std::move(part)}, make_zeros(mod.MLinExpr, {}), model);
-    Ref triples = quadparts(holder.get()), list = quadparts(self);
-    if (!PyList_Check(list.get()))
-        fail(PyExc_TypeError, "_quadparts of an MQuadExpr must be a list, not '%.200s'", Py_TYPE(list.get())->tp_name);
-    check_status(PyList_Append(list.get(), check(PySequence_GetItem(triples.get(), 0)).get()));
+// The model of a compact expression's variables. Where the documented list exists, its first variable speaks for all:
+// reading every part would make a loop of `+=` quadratic. Empty for one without variables; false for foreign ones.
+bool model_of_parts(PyObject *expr, Ref &model) {
+    if (QuadNative *native = quadratic_of(expr)) {
+        model = native->model;
+        return true;
+    }
+    Ref list = part_list(expr);
+    if (PyList_GET_SIZE(list.get()) == 0)
+        return true;
+    std::vector<Ref> first = triples_in(check(PyList_GetSlice(list.get(), 0, 1)).get());
+    Ref vararr = vararr_of(PyTuple_GET_ITEM(first[0].get(), 0));
+    PyArrayObject *array = as_array(vararr);
+    if (PyArray_TYPE(array) != NPY_OBJECT || PyArray_SIZE(array) == 0)
+        return false;
+    PyObject *var = *static_cast<PyObject **>(PyArray_DATA(array));
+    if (!var || !PyObject_TypeCheck(var, mod.core->Var))
+        return false;
+    model = Ref::borrow(reinterpret_cast<PyObject *>(reinterpret_cast<VarObject *>(var)->cmodel));
+    return true;
 }
 
-// The native parts grow in place: copying them for every `+=` would make k additions cost k * k.
+// The native parts, or the documented list, grow in place.
 void append_part(PyObject *self, QuadPart part, Ref model) {
-    QuadNative *native = quadratic_of(self);
-    native->parts.push_back(std::move(part));
-    native->model = std::move(model);
-    native->stamp = LinearNative::next_stamp();
-    if (eager || is_watched(self))
-        quadparts(self);
+    if (QuadNative *native = quadratic_of(self)) {
+        native->parts.push_back(std::move(part));
+        if (!native->model)
+            native->model = std::move(model);
+        native->stamp = LinearNative::next_stamp();
+        return;
+    }
+    check_status(PyList_Append(part_list(self).get(), part_triple(part, model).get()));
 }
 
 // False: the full path.
 bool iadd_compact_compact(PyObject *self, PyObject *other, double factor) {
-    std::vector<QuadPart> more, parts;
+    std::vector<QuadPart> more;
     Ref model, other_model;
-    if (!merged_quad_parts(other, more, other_model))
+    if (!merged_quad_parts(other, more, other_model) || !model_of_parts(self, model) ||
+        !merge_models(model, other_model))
         return false;
-    QuadNative *native = quadratic_of(self);
-    const bool grows = native && native->compact;
-    if (grows)
-        model = native->model;
-    else if (!quad_parts(self, parts, model))
-        return false;
-    if (!merge_models(model, other_model))
-        return false;
-    iadd(own_ndle(self).get(), own_ndle(other).get(), factor);
+    more = own_quad_parts(std::move(more));
     scale_parts(more, factor);
-    if (more.empty() || flat::size_of(quad_shape_of(self)) == 0)
-        return true;
-    if (grows && quadratic_of(self) == native)
+    iadd(own_ndle(self).get(), own_ndle(other).get(), factor);
+    if (!more.empty() && flat::size_of(quad_shape_of(self)) > 0)
         append_part(self, std::move(more[0]), std::move(model));
-    else
-        append_made_part(self, std::move(more[0]), model);
     return true;
 }
 
@@ -154,25 +156,40 @@ void iadd_quad_elements(PyObject *self, PyObject *other, double factor) {
     elements_or_nothing(elements.get(), operand.get(), PyNumber_InPlaceAdd);
 }
 
+// Where no object exists the form grows by the operand's summands, which costs nothing per term.
+bool can_grow(PyObject *self, const flat::Shape &shape, const Ref &model) {
+    QuadNative *native = quadratic_of(self);
+    Ref merged = native ? native->model : Ref();
+    return native && native->form.shape == shape && merge_models(merged, model);
+}
+
+void grow(QuadNative &native, const flat::QuadForm &more, const Ref &model) {
+    flat::add(native.form, more);
+    if (!native.model)
+        native.model = model;
+    native.stamp = LinearNative::next_stamp();
+}
+
 void iadd_full_quadratics(PyObject *self, PyObject *other, double factor) {
     quad_convert_to_full(self);
     QuadValue operand;
     if (!quad_numbers(other, operand))
         return iadd_quad_elements(self, other, factor);
     flat::QuadForm spread = flat::broadcast(operand.form, quad_shape_of(self));
-    QuadValue own;
-    if (!has_quad_elements(self) && quad_numbers(self, own) && merge_models(own.model, operand.model)) {
-        iadd(own_ndle(self).get(), own_ndle(other).get(), factor);
-        flat::add(own.form, spread, factor);
-        return quad_take_over(self, std::move(own.form), std::move(own.model));
+    if (factor != 1.0)
+        spread = flat::scaled(spread, factor);
+    Ref linear = own_ndle(self), more = own_ndle(other);
+    if (!can_grow(self, spread.shape, operand.model)) {
+        // The objects themselves are increased, by a private copy of the operand.
+        Ref elements = qearr(self), numbers = quadexpr_array(spread, operand.model);
+        iadd(linear.get(), more.get(), factor);
+        return elements_in_place(elements.get(), numbers.get(), PyNumber_InPlaceAdd);
     }
-    // The objects themselves are increased, by a private copy of the operand.
-    Ref private_ndle = make_zeros(mod.MLinExpr, quad_shape_of(self));
-    Ref addends = make_quad_flat(mod.MQuadExpr, factor == 1.0 ? std::move(spread) : flat::scaled(spread, factor),
-                                 std::move(private_ndle), operand.model);
-    Ref elements = qearr(self), numbers = qearr(addends.get());
-    iadd(own_ndle(self).get(), own_ndle(other).get(), factor);
-    elements_in_place(elements.get(), numbers.get(), PyNumber_InPlaceAdd);
+    iadd(linear.get(), more.get(), factor);
+    if (QuadNative *native = quadratic_of(self))
+        return grow(*native, spread, operand.model);
+    // Making objects of the linear half ran Python code that made these, too.
+    elements_in_place(qearr(self).get(), quadexpr_array(spread, operand.model).get(), PyNumber_InPlaceAdd);
 }
 
 void iadd_quadratics(PyObject *self, PyObject *other, double factor) {
@@ -213,13 +230,8 @@ bool takes_compact_quad_path(PyObject *expr) {
 }
 
 bool merged_quad_parts(PyObject *expr, std::vector<QuadPart> &parts, Ref &model) {
-    if (!quad_parts(expr, parts, model))
-        return false;
-    if (parts.size() > 1) {
-        parts = {merged(parts)};
-        set_quad_parts(expr, parts, model);
-    }
-    return true;
+    merge_quad_parts(expr);
+    return quad_parts(expr, parts, model);
 }
 
 void scale_parts(std::vector<QuadPart> &parts, double factor) {

@@ -63,7 +63,7 @@ bool is_uniform(const std::vector<QuadPart> &parts) {
 
 QuadPart merged(const std::vector<QuadPart> &parts) {
     if (parts.size() == 1)
-        return parts[0];
+        return own_quad_parts(parts)[0];
     QuadPart all;
     all.x = joined_vectors(parts, &QuadPart::x);
     all.y = joined_vectors(parts, &QuadPart::y);
@@ -91,7 +91,7 @@ QuadPart merged(const std::vector<QuadPart> &parts) {
 void merge_quad_parts(PyObject *expr) {
     if (!is_compact_quad(expr))
         fail(PyExc_TypeError, "a full MQuadExpr has no parts");
-    if (number_of_quad_parts(expr) < 2)
+    if (number_of_quad_parts(expr) == 0)
         return;
     std::vector<QuadPart> parts;
     Ref model;

@@ -43,6 +43,10 @@ Ref part_triple(const QuadPart &part, const Ref &model);
 bool read_triple(PyObject *triple, std::vector<QuadPart> &parts, Ref &model);
 // The entries of a SciPy matrix, or of a dense one (its zeros left out), as a part without vectors.
 QuadPart entries_of(PyObject *matrix, int64_t rows, int64_t cols);
+// quadparts(), for who appends: TypeError where somebody gave another sequence than a list.
+Ref part_list(PyObject *expr);
+// The entries of a list of parts as tuples (MVar, matrix, MVar); ValueError or TypeError for anything else.
+std::vector<Ref> triples_in(PyObject *list);
 // The parts joined by NumPy and SciPy, for variables without ids; a list of one triple.
 Ref joined_triples(PyObject *list);
 // The sum of the parts, term by term, for variables without ids.

@@ -3,6 +3,7 @@
 //   2.0 * q    compact: the coefficients of the merged part are scaled; full: summands share their variables
 //   q * C      row i times C's element i, by NumPy's broadcasting
 //   q @ M      sums of rows, each times a number; equal pairs of variables are merged
+#include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mquadexpr_operators.h"
 
 #include "matrixapi/names.h"
@@ -47,7 +48,7 @@ Ref scaled_compact(PyObject *self, double factor, const Ref &ndle) {
     if (flat::size_of(shape) == 0)
         parts.clear();
     scale_parts(parts, factor);
-    return make_quad_compact(mod.MQuadExpr, std::move(parts), ndle, std::move(model));
+    return make_quad_compact(mod.MQuadExpr, own_quad_parts(std::move(parts)), ndle, std::move(model));
 }
 
 Ref multiply_elements(PyObject *self, PyObject *operand, Ref ndle) {

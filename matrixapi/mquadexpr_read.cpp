@@ -450,13 +450,11 @@ bool quad_value(PyObject *expr, flat::QuadForm &form, Ref &model, flat::Form &in
 
 // ---- parts over variables without ids: what NumPy, SciPy and the scalar objects make of them ------------------------
 
-namespace {
-
-Ref joined_vararrs(const std::vector<Ref> &triples, Py_ssize_t place) {
-    Ref arrays = check(PyList_New(0));
-    for (const Ref &triple : triples)
-        check_status(PyList_Append(arrays.get(), vararr_of(PyTuple_GET_ITEM(triple.get(), place)).get()));
-    return wrap_mvar(check(PyObject_CallOneArg(numpy_function(names.concatenate).get(), arrays.get())).get());
+Ref part_list(PyObject *expr) {
+    Ref list = quadparts(expr);
+    if (!PyList_Check(list.get()))
+        fail(PyExc_TypeError, "_quadparts of an MQuadExpr must be a list, not '%.200s'", Py_TYPE(list.get())->tp_name);
+    return list;
 }
 
 std::vector<Ref> triples_in(PyObject *list) {
@@ -470,6 +468,15 @@ std::vector<Ref> triples_in(PyObject *list) {
                      Py_TYPE(mvar)->tp_name);
     }
     return triples;
+}
+
+namespace {
+
+Ref joined_vararrs(const std::vector<Ref> &triples, Py_ssize_t place) {
+    Ref arrays = check(PyList_New(0));
+    for (const Ref &triple : triples)
+        check_status(PyList_Append(arrays.get(), vararr_of(PyTuple_GET_ITEM(triple.get(), place)).get()));
+    return wrap_mvar(check(PyObject_CallOneArg(numpy_function(names.concatenate).get(), arrays.get())).get());
 }
 
 void add_part(PyObject *sum, const Ref &triple) {
