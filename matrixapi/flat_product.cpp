@@ -37,26 +37,19 @@ Csr nonzeros(const Dense &matrix) {
     result.value = Buffer<double>(ptr[matrix.rows]);
     int32_t *index = result.index.write();
     double *value = result.value.write();
-    for (int64_t i = 0; i < matrix.rows; ++i)
-        for (int64_t j = 0; j < matrix.cols; ++j)
+    for (int64_t i = 0; i < matrix.rows; ++i) {
+        const bool all = ptr[i + 1] - ptr[i] == matrix.cols; // the common case, without a test for each entry
+        for (int64_t j = 0; all && j < matrix.cols; ++j) {
+            *index++ = static_cast<int32_t>(j);
+            *value++ = matrix.at(i, j);
+        }
+        for (int64_t j = 0; !all && j < matrix.cols; ++j)
             if (double entry = matrix.at(i, j); entry != 0.0) {
                 *index++ = static_cast<int32_t>(j);
                 *value++ = entry;
             }
+    }
     return result;
-}
-
-bool has_sorted_rows(const Csr &matrix) {
-    // As many descents in all as between rows: one loop without a branch, and one over the few rows.
-    const int32_t *index = matrix.index.data();
-    const int64_t end = matrix.nnz();
-    int64_t descents = 0, between = 0;
-    for (int64_t k = 1; k < end; ++k)
-        descents += index[k] < index[k - 1];
-    for (int64_t row = 1; row < matrix.rows; ++row)
-        if (int64_t k = matrix.ptr[row]; k < end && matrix.ptr[row - 1] < k)
-            between += index[k] < index[k - 1];
-    return descents == between;
 }
 
 Buffer<int32_t> row_numbers(const Csr &matrix) {
@@ -73,6 +66,96 @@ Buffer<int32_t> row_numbers(const Csr &matrix) {
             std::fill(to + k, to + end, static_cast<int32_t>(row));
     }
     return numbers;
+}
+
+Coo transposed(Coo entries) {
+    std::swap(entries.rows, entries.cols);
+    std::swap(entries.row, entries.col);
+    return entries;
+}
+
+Coo entries_of(const Csr &matrix) {
+    return {matrix.rows, matrix.cols, row_numbers(matrix), matrix.index, matrix.value, false};
+}
+
+namespace {
+
+bool is_ascending(const Buffer<int32_t> &indices) {
+    const int32_t *index = indices.data();
+    int64_t descents = 0; // one loop without a branch
+    for (int64_t k = 1; k < indices.size(); ++k)
+        descents += index[k] < index[k - 1];
+    return descents == 0;
+}
+
+bool stand_by_rows(const Coo &entries) {
+    const int32_t *row = entries.row.data(), *col = entries.col.data();
+    int64_t descents = 0;
+    for (int64_t k = 1; k < entries.nnz(); ++k)
+        descents += row[k] < row[k - 1] || (row[k] == row[k - 1] && col[k] < col[k - 1]);
+    return descents == 0;
+}
+
+// ptr has room for rows + 1.
+void count_rows(const Coo &entries, int64_t *ptr) {
+    std::fill_n(ptr, entries.rows + 1, 0);
+    for (int64_t k = 0; k < entries.nnz(); ++k)
+        ++ptr[entries.row[k] + 1];
+    for (int64_t i = 0; i < entries.rows; ++i)
+        ptr[i + 1] += ptr[i];
+}
+
+// Stable: entries of one row keep their order.
+Csr by_rows(const Coo &entries) {
+    Csr result{entries.rows, entries.cols, Buffer<int64_t>(entries.rows + 1), entries.col, entries.value};
+    count_rows(entries, result.ptr.write());
+    if (is_ascending(entries.row))
+        return result;
+    result.index = Buffer<int32_t>(entries.nnz());
+    result.value = Buffer<double>(entries.nnz());
+    std::vector<int64_t> place(result.ptr.data(), result.ptr.data() + entries.rows);
+    int32_t *index = result.index.write();
+    double *value = result.value.write();
+    for (int64_t k = 0; k < entries.nnz(); ++k) {
+        int64_t to = place[static_cast<size_t>(entries.row[k])]++;
+        index[to] = entries.col[k];
+        value[to] = entries.value[k];
+    }
+    return result;
+}
+
+// Equal columns, which stand side by side, are added up.
+Csr summed(const Csr &matrix) {
+    Csr result{matrix.rows, matrix.cols, Buffer<int64_t>(matrix.rows + 1), Buffer<int32_t>(matrix.nnz()),
+               Buffer<double>(matrix.nnz())};
+    int64_t *ptr = result.ptr.write(), end = 0;
+    int32_t *index = result.index.write();
+    double *value = result.value.write();
+    ptr[0] = 0;
+    for (int64_t row = 0; row < matrix.rows; ++row) {
+        for (int64_t k = matrix.ptr[row]; k < matrix.ptr[row + 1]; ++k) {
+            if (end > ptr[row] && index[end - 1] == matrix.index[k]) {
+                value[end - 1] += matrix.value[k];
+                continue;
+            }
+            index[end] = matrix.index[k];
+            value[end++] = matrix.value[k];
+        }
+        ptr[row + 1] = end;
+    }
+    if (end == matrix.nnz())
+        return matrix;
+    result.index = Buffer<int32_t>::copy_of(index, end);
+    result.value = Buffer<double>::copy_of(value, end);
+    return result;
+}
+
+} // namespace
+
+Csr compressed(const Coo &entries) {
+    bool sorted = is_ascending(entries.col) || stand_by_rows(entries);
+    Csr rows = by_rows(sorted ? entries : transposed(entries_of(by_rows(transposed(entries)))));
+    return entries.sums ? summed(rows) : rows;
 }
 
 namespace {

@@ -32,10 +32,23 @@ struct Csr {
     int64_t nnz() const { return rows ? ptr[rows] : 0; }
 };
 
+// Entries in any order, as they were given; checked like compressed rows.
+struct Coo {
+    int64_t rows = 0, cols = 0;
+    Buffer<int32_t> row, col;
+    Buffer<double> value;
+    bool sums = false; // several entries at one place count as one
+    int64_t nnz() const { return value.size(); }
+};
+
 Csr transposed(const Csr &matrix); // columns ascending in each row
+Coo transposed(Coo entries);       // nothing is moved
+Coo entries_of(const Csr &matrix); // in stored order
+// By rows, columns ascending; of entries at one place the first stays first. Costs ten times a copy, unless the entries
+// stand so already.
+Csr compressed(const Coo &entries);
 Csr nonzeros(const Dense &matrix); // NaN counts as a nonzero
 
-bool has_sorted_rows(const Csr &matrix);        // columns do not descend within a row
 Buffer<int32_t> row_numbers(const Csr &matrix); // the row of each entry
 // Copies column numbers; false where one is negative or not below `cols`.
 bool copy_columns(const int32_t *from, int64_t n, int64_t cols, int32_t *to);

@@ -60,9 +60,9 @@ struct LinearNative final : Native {
     bool compact = false;
     Ref model;               // the handle all ids belong to; empty while no variable occurs
     std::vector<Part> parts; // compact; the constant and the shape are those of the array `_const` in the dictionary
-    // The matrix of the one part transposed, while its own rows are not laid out: x @ Q costs a copy of Q's rows, and
-    // x @ Q @ x never asks for Q's columns. Transposing costs ten times the copy.
-    flat::Csr turned;
+    // The entries of the one part's matrix as they were given, while its rows are not laid out: x @ Q costs a copy of
+    // Q's entries, and x @ Q @ x never asks for an order. Sorting costs ten times the copy.
+    flat::Coo given;
     flat::Form form; // full
     uint64_t stamp;  // another one after every change: whoever ran Python code compares it
     LinearNative() : Native(Linear), stamp(next_stamp()) {}
@@ -70,7 +70,7 @@ struct LinearNative final : Native {
         static uint64_t last = 0;
         return ++last;
     }
-    bool is_turned() const { return turned.rows > 0; }
+    bool is_laid_out() const { return given.rows == 0; }
     void lay_out();
     int traverse(visitproc visit, void *arg) override;
 };
@@ -83,7 +83,7 @@ inline LinearNative *native_linear(PyObject *expr) {
 // The same with the rows of all parts. The operators of mlinexpr_add.cpp change it in place.
 inline LinearNative *linear_of(PyObject *expr) {
     LinearNative *native = native_linear(expr);
-    if (native && native->is_turned())
+    if (native && !native->is_laid_out())
         native->lay_out();
     return native;
 }
@@ -120,8 +120,8 @@ Ref make_flat(PyObject *cls, flat::Form form, Ref model);
 // const_array: an exact, writeable float64 ndarray which the expression owns from now on. An array of size 0 drops the
 // parts.
 Ref make_compact(PyObject *cls, std::vector<Part> parts, Ref const_array, Ref model);
-// The same of one part, whose matrix is given transposed: columns ascending in each row.
-Ref make_compact_turned(PyObject *cls, flat::Csr turned, flat::Buffer<int32_t> ids, Ref const_array, Ref model);
+// The same of one part, whose rows are laid out when somebody asks for them.
+Ref make_compact_given(PyObject *cls, flat::Coo matrix, flat::Buffer<int32_t> ids, Ref const_array, Ref model);
 // CompactMade, over a list of pairs as it is.
 Ref make_compact_pairs(PyObject *cls, const Ref &list, const Ref &const_array);
 // Full, over an object array as it is.

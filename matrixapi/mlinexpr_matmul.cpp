@@ -25,7 +25,7 @@ enum class Side { Right, Left }; // where the variables stand: A @ x, x @ A
 // column).
 struct Matrix {
     bool sparse = false;
-    flat::Csr csr;     // of a sparse one, and of a dense one where the compact state asks for it
+    StoredMatrix stored; // a sparse one
     Ref array;         // a dense one, float64; empty where only the element-wise path applies
     flat::Shape shape; // as given
 };
@@ -48,7 +48,7 @@ Matrix read_matrix(PyObject *given, bool sparse) {
     Matrix matrix;
     matrix.sparse = true;
     matrix.shape = operand_shape(given);
-    matrix.csr = csr_of(given, matrix.shape);
+    matrix.stored = stored_matrix(given, matrix.shape);
     return matrix;
 }
 
@@ -65,14 +65,29 @@ flat::Dense turned(const flat::Dense &m) {
     return {m.data, m.cols, m.rows, m.col_step, m.row_step};
 }
 
+// Whether the rows of a sparse matrix are the result's elements. A one-dimensional one was read as one row, which is the
+// transposed column that the left side wants.
+bool gives_rows(const Matrix &matrix, Side side) {
+    return side == Side::Right || matrix.shape.size() == 1;
+}
+
+// Whether they are stored as compressed rows.
+bool rows_at_hand(const Matrix &matrix, Side side) {
+    return matrix.stored.layout == (gives_rows(matrix, side) ? StoredMatrix::Rows : StoredMatrix::Columns);
+}
+
+// The sparse matrix whose rows produce the result's elements.
+flat::Coo result_entries(const Matrix &matrix, Side side) {
+    flat::Coo entries = entries_of(matrix.stored);
+    return gives_rows(matrix, side) ? entries : flat::transposed(std::move(entries));
+}
+
 // The compressed rows that produce the result's elements.
 flat::Csr result_rows(const Matrix &matrix, Side side) {
-    if (!matrix.sparse) {
-        flat::Dense rows = as_rows(matrix, side);
-        return flat::nonzeros(side == Side::Right ? rows : turned(rows));
-    }
-    // A one-dimensional sparse array was read as one row, which is the transposed column that the left side wants.
-    return side == Side::Right || matrix.shape.size() == 1 ? matrix.csr : flat::transposed(matrix.csr);
+    if (matrix.sparse)
+        return rows_at_hand(matrix, side) ? matrix.stored.csr : flat::compressed(result_entries(matrix, side));
+    flat::Dense rows = as_rows(matrix, side);
+    return flat::nonzeros(side == Side::Right ? rows : turned(rows));
 }
 
 flat::Summand summand_of(flat::Csr csr) {
@@ -121,14 +136,16 @@ Part compact_part(const Matrix &matrix, VarIds vars, int64_t size, Side side) {
     return spread_part(make_part(summand_of(std::move(rows)), std::move(vars.ids)), size);
 }
 
-// The matrix of x @ A as it was given: its columns are the part's rows, laid out when somebody asks. Empty where they
-// must be laid out at once, since the order of the terms would not be found again.
-std::optional<flat::Csr> kept_as_given(const Matrix &matrix, int64_t variables, int64_t size, Side side) {
-    if (side == Side::Right || matrix.shape.size() != 2 || matrix.shape[1] != size ||
-        spreads_one_entry(matrix.shape, variables, side))
+// The matrix as it was given, where its rows can be laid out when somebody asks. Empty where they are at hand, or are
+// spread over the result.
+std::optional<flat::Coo> kept_as_given(const Matrix &matrix, int64_t variables, int64_t size, Side side) {
+    bool right = side == Side::Right;
+    if (matrix.shape.size() != 2 || matrix.shape[right ? 0 : 1] != size ||
+        spreads_one_entry(matrix.shape, variables, side) || (matrix.sparse ? rows_at_hand(matrix, side) : right))
         return {};
-    flat::Csr rows = matrix.sparse ? matrix.csr : flat::nonzeros(as_rows(matrix, side));
-    return flat::has_sorted_rows(rows) ? std::optional(std::move(rows)) : std::nullopt;
+    if (matrix.sparse)
+        return result_entries(matrix, side);
+    return flat::transposed(flat::entries_of(flat::nonzeros(as_rows(matrix, side))));
 }
 
 // The numbers of an array that the kernels do not take as it is: a part's matrix is float64 whatever was given.
@@ -185,9 +202,9 @@ Ref compact_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side, c
     if (mvar_ids(mvar, vars)) {
         need_product(matrix, vars, side, product);
         Ref model = vars.model;
-        if (auto turned = kept_as_given(matrix, vars.ids.size(), size, side))
-            return make_compact_turned(cls, std::move(*turned), std::move(vars.ids), std::move(constant),
-                                       std::move(model));
+        if (auto entries = kept_as_given(matrix, vars.ids.size(), size, side))
+            return make_compact_given(cls, std::move(*entries), std::move(vars.ids), std::move(constant),
+                                      std::move(model));
         std::vector<Part> parts;
         parts.push_back(compact_part(matrix, std::move(vars), size, side));
         return make_compact(cls, std::move(parts), std::move(constant), std::move(model));

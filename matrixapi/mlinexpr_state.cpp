@@ -27,13 +27,13 @@ int LinearNative::traverse(visitproc visit, void *arg) {
 }
 
 void LinearNative::lay_out() {
-    flat::Csr rows = flat::transposed(turned);
+    flat::Csr rows = flat::compressed(given);
     flat::Summand &summand = parts[0].summand;
     summand.nrows = rows.rows;
     summand.ptr = std::move(rows.ptr);
     summand.cols = std::move(rows.index);
     summand.coef = std::move(rows.value);
-    turned = {};
+    given = {};
 }
 
 Part make_part(flat::Summand summand, flat::Buffer<int32_t> ids) {
@@ -211,11 +211,11 @@ Ref make_compact(PyObject *cls, std::vector<Part> parts, Ref const_array, Ref mo
     return expr;
 }
 
-Ref make_compact_turned(PyObject *cls, flat::Csr turned, flat::Buffer<int32_t> ids, Ref const_array, Ref model) {
+Ref make_compact_given(PyObject *cls, flat::Coo matrix, flat::Buffer<int32_t> ids, Ref const_array, Ref model) {
     auto native = std::make_unique<LinearNative>();
     native->compact = true;
     native->parts.push_back(make_part(flat::Summand(), std::move(ids)));
-    native->turned = std::move(turned);
+    native->given = std::move(matrix);
     native->model = std::move(model);
     Ref expr = new_instance(cls, std::move(native));
     store(expr.get(), names._const, const_array.get());

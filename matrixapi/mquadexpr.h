@@ -26,6 +26,9 @@ struct QuadPart {
     flat::Buffer<double> coef;        // empty: `scale` each
     double scale = 1.0;
     int64_t nnz = 0;
+    // A product takes the entries of its matrix as they stand. Whoever shows them asks for laid_out() first, so that
+    // their order does not tell how the matrix was stored: by rows, columns ascending; Summed: one entry a place.
+    enum Order { AsStored, ByRows, Summed } order = AsStored;
     int32_t row(int64_t k) const { return rows.empty() ? static_cast<int32_t>(k) : rows[k]; }
     int32_t col(int64_t k) const { return cols.empty() ? static_cast<int32_t>(k) : cols[k]; }
     double coefficient(int64_t k) const { return coef.empty() ? scale : coef[k]; }
@@ -74,6 +77,7 @@ bool quad_of_quadexpr(PyObject *quadexpr, flat::QuadForm &form, flat::Form &line
 // ---- changing the state ---------------------------------------------------------------------------------------------
 void set_quad_parts(PyObject *expr, std::vector<QuadPart> parts, Ref model); // as set_parts
 QuadPart merged(const std::vector<QuadPart> &parts); // block diagonal, in order, linear in the entries
+QuadPart laid_out(QuadPart part); // entries in their documented order
 void quad_convert_to_full(PyObject *expr);
 Ref quad_to_full(PyObject *expr); // a new full one; of a full expression an equal full copy
 Ref quad_copy(PyObject *expr);    // in the same state, parts merged

@@ -61,10 +61,30 @@ bool is_uniform(const std::vector<QuadPart> &parts) {
 
 } // namespace
 
-QuadPart merged(const std::vector<QuadPart> &parts) {
-    if (parts.size() == 1)
-        return own_quad_parts(parts)[0];
+QuadPart laid_out(QuadPart part) {
+    if (part.order == QuadPart::AsStored || part.rows.empty())
+        return part;
+    flat::Csr rows = flat::compressed(
+        {part.x->ids.size(), part.y->ids.size(), part.rows, part.cols, part.coef, part.order == QuadPart::Summed});
+    part.nnz = rows.nnz();
+    part.rows = flat::row_numbers(rows);
+    part.cols = std::move(rows.index);
+    part.coef = std::move(rows.value);
+    part.order = QuadPart::AsStored;
+    return part;
+}
+
+QuadPart merged(const std::vector<QuadPart> &given) {
+    if (given.size() == 1)
+        return own_quad_parts(given)[0];
+    std::vector<QuadPart> parts = given;
+    // Blocks along the diagonal: what puts all of them in order, puts each in order.
+    bool alike = std::all_of(parts.begin(), parts.end(),
+                             [&](const QuadPart &part) { return part.order == parts[0].order; });
+    if (!alike)
+        std::transform(parts.begin(), parts.end(), parts.begin(), laid_out);
     QuadPart all;
+    all.order = parts[0].order;
     all.x = joined_vectors(parts, &QuadPart::x);
     all.y = joined_vectors(parts, &QuadPart::y);
     for (const QuadPart &part : parts)

@@ -122,8 +122,8 @@ flat::Shape operand_shape(PyObject *operand) {
 // One operand of a compact product, a vector of n elements: A x + c.
 struct Vector {
     bool plain = false; // variables themselves: A is the identity
-    flat::Summand rows; // A over columns, n rows; empty where `turned` is given
-    flat::Csr turned;   // A'
+    flat::Summand rows; // A over columns, n rows; empty where the entries are given
+    flat::Coo given;    // A, in any order
     SharedVector vars;  // x; empty where there are no variables
     Ref constants;      // n doubles; empty: zeros
     Ref model;
@@ -151,9 +151,9 @@ bool vector_of_expr(PyObject *expr, Vector &vector) {
     std::vector<Part> parts;
     if (!is_compact(expr))
         return false;
-    if (LinearNative *native = native_linear(expr); native && native->is_turned()) {
-        vector.size = native->turned.cols;
-        vector.turned = native->turned;
+    if (LinearNative *native = native_linear(expr); native && !native->is_laid_out()) {
+        vector.size = native->given.rows;
+        vector.given = native->given;
         vector.vars = native->parts[0].vector;
         vector.model = native->model;
         vector.constants = constant_doubles(expr);
@@ -202,26 +202,32 @@ flat::Csr compressed(const flat::Summand &rows, int64_t columns) {
 
 // A and A' as matrices.
 flat::Csr rows_of(const Vector &vector) {
-    return vector.turned.rows ? flat::transposed(vector.turned) : compressed(vector.rows, vector.vars->ids.size());
+    return vector.given.rows ? flat::compressed(vector.given) : compressed(vector.rows, vector.vars->ids.size());
 }
 flat::Csr columns_of(const Vector &vector) {
-    return vector.turned.rows ? vector.turned : flat::transposed(rows_of(vector));
+    return vector.given.rows ? flat::compressed(flat::transposed(vector.given)) : flat::transposed(rows_of(vector));
 }
 
-// Entries stand by rows, whichever way the matrix came.
-QuadPart entries_of(const flat::Csr &matrix) {
+QuadPart part_of(flat::Coo entries, QuadPart::Order order) {
     QuadPart part;
-    part.nnz = matrix.nnz();
-    part.rows = flat::row_numbers(matrix);
-    part.cols = matrix.index;
-    part.coef = matrix.value;
+    part.nnz = entries.nnz();
+    part.rows = std::move(entries.row);
+    part.cols = std::move(entries.col);
+    part.coef = std::move(entries.value);
+    part.order = order;
     return part;
 }
 
 // Against plain variables the entries are A's own: nothing but row numbers is written.
 QuadPart against_variables(const Vector &expr, bool expr_left) {
-    if (!is_identity(expr.rows) || expr.turned.rows)
-        return entries_of(expr_left ? columns_of(expr) : rows_of(expr));
+    if (expr.given.rows)
+        return part_of(expr_left ? flat::transposed(expr.given) : expr.given,
+                       expr.given.sums ? QuadPart::Summed : QuadPart::ByRows);
+    if (!is_identity(expr.rows)) {
+        flat::Coo rows = flat::entries_of(rows_of(expr));
+        return expr_left ? part_of(flat::transposed(std::move(rows)), QuadPart::ByRows)
+                         : part_of(std::move(rows), QuadPart::AsStored);
+    }
     QuadPart part;
     part.nnz = expr.size;
     part.scale = expr.rows.scale;
@@ -303,7 +309,7 @@ void append_weighted(std::vector<Part> &parts, const Vector &vector, const Vecto
         return;
     int64_t start[] = {0, static_cast<int64_t>(source.size())};
     flat::Summand rows = vector.rows;
-    if (vector.turned.rows) {
+    if (vector.given.rows) {
         flat::Csr matrix = rows_of(vector);
         rows.nrows = matrix.rows;
         rows.ptr = matrix.ptr;

@@ -21,13 +21,15 @@ flat::Shape shape_attribute(PyObject *object) {
     return shape_of_tuple(check(PyObject_GetAttr(object, names.shape)).get());
 }
 
+constexpr const char *entry_of_q = "An entry of Q";
+
 // The numbers of Q in stored order: all of a dense matrix, the stored ones of a sparse one.
 void need_finite_matrix(PyObject *matrix) {
     Ref data = is_sparse(matrix)
                    ? check(PyObject_GetAttr(check(PyObject_CallMethod(matrix, "tocoo", nullptr)).get(), names.data))
                    : Ref::borrow(matrix);
     data = check(PyArray_FROMANY(data.get(), NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
-    need_finite(doubles(data), PyArray_SIZE(as_array(data)), "An entry of Q");
+    need_finite(doubles(data), PyArray_SIZE(as_array(data)), entry_of_q);
 }
 
 // NumPy's rule for a vector that a row or a column stands for.
@@ -59,14 +61,16 @@ Ref compact_over_foreign(PyObject *cls, PyObject *x, PyObject *matrix, PyObject 
 Ref quadfun_compact(PyObject *cls, PyObject *x, PyObject *matrix, PyObject *y, PyObject *ndle) {
     assert_vector(x);
     assert_vector(y);
-    need_finite_matrix(matrix);
     assert_that(allows_compact_quad(shape_of(ndle)));
     VarIds left, right;
     Ref model;
     if (!mvar_ids(x, left) || !mvar_ids(y, right) || !merge_models(model, left.model) ||
-        !merge_models(model, right.model))
+        !merge_models(model, right.model)) {
+        need_finite_matrix(matrix);
         return compact_over_foreign(cls, x, matrix, y, ndle);
+    }
     QuadPart part = entries_of(matrix, left.ids.size(), right.ids.size());
+    need_finite(part.coef.data(), part.nnz, entry_of_q);
     part.x = std::make_shared<VarVector>(VarVector{std::move(left.ids), {}});
     part.y = std::make_shared<VarVector>(VarVector{std::move(right.ids), {}});
     return make_quad_compact(cls, {std::move(part)}, Ref::borrow(ndle), std::move(model));
@@ -115,7 +119,6 @@ Ref quadfun(PyObject *cls, const Arguments &given) {
             fail(PyExc_TypeError, "a quadratic function is over MVar objects, not '%.200s'", Py_TYPE(operand)->tp_name);
     flat::Shape inside = shape_attribute(matrix), left = matmul_shape(mvar_shape(x), inside);
     flat::Shape shape = matmul_shape(left, mvar_shape(y));
-    need_finite_matrix(matrix);
     Ref ndle = linear_half(shape, given[3], given[4], given[5]);
     // No element of a sum over nothing has a term.
     if (has_zero(mvar_shape(x)) || has_zero(mvar_shape(y)))

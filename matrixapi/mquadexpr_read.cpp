@@ -264,57 +264,18 @@ Ref coo_matrix(const QuadPart &part) {
     return check(PyObject_Vectorcall(cls.get(), arguments, 1, keywords.get()));
 }
 
-// An integer array as int32 indices below `limit`.
-flat::Buffer<int32_t> indices_of(PyObject *given, int64_t n, int64_t limit, const char *what) {
-    Ref array = check(PyArray_FROMANY(given, NPY_INT64, 1, 1, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
-    if (PyArray_SIZE(as_array(array)) != n)
-        fail(PyExc_ValueError, "a matrix has %lld entries, but %lld %s indices", static_cast<long long>(n),
-             static_cast<long long>(PyArray_SIZE(as_array(array))), what);
-    auto *from = static_cast<const int64_t *>(PyArray_DATA(as_array(array)));
-    flat::Buffer<int32_t> result(n);
-    int32_t *to = result.write();
-    for (int64_t k = 0; k < n; ++k) {
-        if (from[k] < 0 || from[k] >= limit)
-            fail(PyExc_ValueError, "a matrix has the %s index %lld, which is not from 0 to %lld", what,
-                 static_cast<long long>(from[k]), static_cast<long long>(limit - 1));
-        to[k] = static_cast<int32_t>(from[k]);
-    }
-    return result;
+QuadPart part_of(flat::Coo entries) {
+    QuadPart part;
+    part.nnz = entries.nnz();
+    part.rows = std::move(entries.row);
+    part.cols = std::move(entries.col);
+    part.coef = std::move(entries.value);
+    return part;
 }
 
-QuadPart dense_entries(PyObject *matrix) {
+flat::Coo dense_entries(PyObject *matrix) {
     Ref array = check(PyArray_FROMANY(matrix, NPY_DOUBLE, 2, 2, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
-    const double *values = doubles(array);
-    npy_intp rows = PyArray_DIM(as_array(array), 0), cols = PyArray_DIM(as_array(array), 1), size = rows * cols;
-    QuadPart part;
-    part.nnz = size - std::count(values, values + size, 0.0);
-    part.rows = flat::Buffer<int32_t>(part.nnz);
-    part.cols = flat::Buffer<int32_t>(part.nnz);
-    part.coef = flat::Buffer<double>(part.nnz);
-    int32_t *row = part.rows.write(), *col = part.cols.write();
-    double *coef = part.coef.write();
-    for (npy_intp i = 0; i < rows; ++i)
-        for (npy_intp j = 0; j < cols; ++j)
-            if (double value = values[i * cols + j]; value != 0.0) {
-                *row++ = static_cast<int32_t>(i);
-                *col++ = static_cast<int32_t>(j);
-                *coef++ = value;
-            }
-    return part;
-}
-
-QuadPart sparse_entries(PyObject *matrix, int64_t rows, int64_t cols) {
-    Ref format = check(PyObject_GetAttr(matrix, names.format));
-    bool is_coo = PyUnicode_Check(format.get()) && PyUnicode_EqualToUTF8(format.get(), "coo");
-    Ref coo = is_coo ? Ref::borrow(matrix) : check(PyObject_CallMethod(matrix, "tocoo", nullptr));
-    Ref data = check(PyObject_GetAttr(coo.get(), names.data));
-    data = check(PyArray_FROMANY(data.get(), NPY_DOUBLE, 1, 1, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
-    QuadPart part;
-    part.nnz = PyArray_SIZE(as_array(data));
-    part.coef = flat::Buffer<double>::copy_of(doubles(data), part.nnz);
-    part.rows = indices_of(check(PyObject_GetAttr(coo.get(), names.row)).get(), part.nnz, rows, "row");
-    part.cols = indices_of(check(PyObject_GetAttr(coo.get(), names.col)).get(), part.nnz, cols, "column");
-    return part;
+    return flat::entries_of(flat::nonzeros(dense_of(array)));
 }
 
 } // namespace
@@ -326,11 +287,11 @@ QuadPart entries_of(PyObject *matrix, int64_t rows, int64_t cols) {
     if (shape != flat::Shape{rows, cols})
         fail(PyExc_ValueError, "a matrix of shape %S for %lld and %lld variables", shape_tuple(shape).get(),
              static_cast<long long>(rows), static_cast<long long>(cols));
-    return is_sparse(matrix) ? sparse_entries(matrix, rows, cols) : dense_entries(matrix);
+    return part_of(is_sparse(matrix) ? entries_of(stored_matrix(matrix, shape)) : dense_entries(matrix));
 }
 
 Ref part_triple(const QuadPart &part, const Ref &model) {
-    Ref matrix = coo_matrix(part), x = vector_mvar(part.x, model), y = vector_mvar(part.y, model);
+    Ref matrix = coo_matrix(laid_out(part)), x = vector_mvar(part.x, model), y = vector_mvar(part.y, model);
     return check(PyTuple_Pack(3, x.get(), matrix.get(), y.get()));
 }
 
@@ -390,7 +351,8 @@ bool quad_parts(PyObject *expr, std::vector<QuadPart> &parts, Ref &model) {
 
 namespace {
 
-flat::QuadSummand summand_of(const QuadPart &part) {
+flat::QuadSummand summand_of(const QuadPart &given) {
+    QuadPart part = laid_out(given);
     flat::QuadSummand summand;
     summand.nrows = 1;
     summand.width = part.nnz;

@@ -209,64 +209,131 @@ flat::Buffer<int64_t> checked_pointers(const Ref &indptr, int64_t rows, int64_t 
     return result;
 }
 
-flat::Buffer<int32_t> checked_columns(const Ref &indices, int64_t nnz, int64_t cols) {
+flat::Buffer<int32_t> checked_indices(const Ref &indices, int64_t nnz, int64_t limit, const char *what = "column") {
     flat::Buffer<int32_t> result(nnz);
     with_entries(indices, [&](auto *from) {
         // One test for all, kept out of the loop's way: the first bad entry is looked for only if there is one.
-        if (flat::copy_columns(from, nnz, cols, result.write()))
+        if (flat::copy_columns(from, nnz, limit, result.write()))
             return 0;
         for (int64_t k = 0; k < nnz; ++k)
-            if (from[k] < 0 || from[k] >= cols)
-                fail(PyExc_ValueError, "column index %lld of a sparse matrix is out of range for %lld columns",
-                     static_cast<long long>(from[k]), static_cast<long long>(cols));
+            if (from[k] < 0 || from[k] >= limit)
+                fail(PyExc_ValueError, "%s index %lld of a sparse matrix is out of range for %lld %ss", what,
+                     static_cast<long long>(from[k]), static_cast<long long>(limit), what);
         return 0;
     });
     return result;
+}
+
+void need_small(int64_t rows, int64_t cols) {
+    if (cols > INT32_MAX || rows > INT32_MAX)
+        fail(PyExc_ValueError, "a sparse matrix of shape (%lld, %lld) is too large", static_cast<long long>(rows),
+             static_cast<long long>(cols));
+}
+
+void need_one_each(const Ref &indices, const Ref &values, const char *what) {
+    if (PyArray_NDIM(as_array(values)) != 1 || PyArray_SIZE(as_array(indices)) != PyArray_SIZE(as_array(values)))
+        fail(PyExc_ValueError, "a sparse matrix has %lld %s indices but %lld entries",
+             static_cast<long long>(PyArray_SIZE(as_array(indices))), what,
+             static_cast<long long>(PyArray_SIZE(as_array(values))));
+}
+
+bool has_format(PyObject *sparse, const char *format) {
+    Ref own = check(PyObject_GetAttr(sparse, names.format));
+    return PyUnicode_Check(own.get()) && PyUnicode_EqualToUTF8(own.get(), format);
+}
+
+flat::Shape sparse_shape(PyObject *sparse) {
+    return shape_of_tuple(check(PyObject_GetAttr(sparse, names.shape)).get());
 }
 
 } // namespace
 
 flat::Csr csr_from_arrays(PyObject *indptr, PyObject *indices, PyObject *data, int64_t rows, int64_t cols) {
     need_numpy();
-    if (cols > INT32_MAX || rows > INT32_MAX)
-        fail(PyExc_ValueError, "a sparse matrix of shape (%lld, %lld) is too large", static_cast<long long>(rows),
-             static_cast<long long>(cols));
+    need_small(rows, cols);
     Ref pointers = index_array(indptr, "indptr"), columns = index_array(indices, "indices"), values = value_array(data);
-    if (PyArray_NDIM(as_array(values)) != 1 || PyArray_SIZE(as_array(columns)) != PyArray_SIZE(as_array(values)))
-        fail(PyExc_ValueError, "a sparse matrix has %lld column indices but %lld entries",
-             static_cast<long long>(PyArray_SIZE(as_array(columns))),
-             static_cast<long long>(PyArray_SIZE(as_array(values))));
+    need_one_each(columns, values, "column");
     flat::Csr csr{rows, cols, checked_pointers(pointers, rows, PyArray_SIZE(as_array(values))), {}, {}};
-    csr.index = checked_columns(columns, csr.nnz(), cols);
+    csr.index = checked_indices(columns, csr.nnz(), cols);
     csr.value = flat::Buffer<double>::copy_of(doubles(values), csr.nnz());
     return csr;
 }
 
+namespace {
+
+flat::Csr csr_of_attributes(PyObject *compressed, int64_t rows, int64_t cols) {
+    Ref indptr = check(PyObject_GetAttr(compressed, names.indptr));
+    Ref indices = check(PyObject_GetAttr(compressed, names.indices));
+    Ref data = check(PyObject_GetAttr(compressed, names.data));
+    return csr_from_arrays(indptr.get(), indices.get(), data.get(), rows, cols);
+}
+
+flat::Coo coo_of_attributes(PyObject *sparse, int64_t rows, int64_t cols) {
+    need_small(rows, cols);
+    Ref row = index_array(check(PyObject_GetAttr(sparse, names.row)).get(), "row");
+    Ref col = index_array(check(PyObject_GetAttr(sparse, names.col)).get(), "col");
+    Ref values = value_array(check(PyObject_GetAttr(sparse, names.data)).get());
+    need_one_each(row, values, "row");
+    need_one_each(col, values, "column");
+    int64_t nnz = PyArray_SIZE(as_array(values));
+    return {rows,
+            cols,
+            checked_indices(row, nnz, rows, "row"),
+            checked_indices(col, nnz, cols),
+            flat::Buffer<double>::copy_of(doubles(values), nnz),
+            true};
+}
+
+[[noreturn]] void fail_changed(const flat::Shape &expected, int64_t rows, int64_t cols) {
+    fail(PyExc_ValueError, "a sparse matrix of shape %R became one of shape (%lld, %lld) while it was read",
+         shape_tuple(expected).get(), static_cast<long long>(rows), static_cast<long long>(cols));
+}
+
+} // namespace
+
 flat::Csr csr_of(PyObject *sparse) {
     need_numpy();
-    Ref format = check(PyObject_GetAttr(sparse, names.format));
-    bool is_csr = PyUnicode_Check(format.get()) && PyUnicode_EqualToUTF8(format.get(), "csr");
-    Ref csr = is_csr ? Ref::borrow(sparse) : check(PyObject_CallMethodNoArgs(sparse, names.tocsr));
-    Ref tuple = check(PyObject_GetAttr(csr.get(), names.shape));
-    flat::Shape shape = shape_of_tuple(tuple.get());
+    Ref csr = has_format(sparse, "csr") ? Ref::borrow(sparse) : check(PyObject_CallMethodNoArgs(sparse, names.tocsr));
+    flat::Shape shape = sparse_shape(csr.get());
     if (shape.size() == 1) // a one-dimensional sparse array is one row
         shape.insert(shape.begin(), 1);
     if (shape.size() != 2)
         fail(PyExc_ValueError, "a sparse matrix must have one or two dimensions, not %zd",
              static_cast<Py_ssize_t>(shape.size()));
-    Ref indptr = check(PyObject_GetAttr(csr.get(), names.indptr));
-    Ref indices = check(PyObject_GetAttr(csr.get(), names.indices));
-    Ref data = check(PyObject_GetAttr(csr.get(), names.data));
-    return csr_from_arrays(indptr.get(), indices.get(), data.get(), shape[0], shape[1]);
+    return csr_of_attributes(csr.get(), shape[0], shape[1]);
 }
 
 flat::Csr csr_of(PyObject *sparse, const flat::Shape &expected) {
     flat::Csr csr = csr_of(sparse);
     bool vector = expected.size() == 1; // read as one row
     if ((vector ? 1 : expected[0]) != csr.rows || expected.back() != csr.cols)
-        fail(PyExc_ValueError, "a sparse matrix of shape %R became one of shape (%lld, %lld) while it was read",
-             shape_tuple(expected).get(), static_cast<long long>(csr.rows), static_cast<long long>(csr.cols));
+        fail_changed(expected, csr.rows, csr.cols);
     return csr;
+}
+
+StoredMatrix stored_matrix(PyObject *sparse, const flat::Shape &expected) {
+    need_numpy();
+    bool coo = expected.size() == 2 && has_format(sparse, "coo");
+    bool csc = expected.size() == 2 && !coo && has_format(sparse, "csc");
+    if (!coo && !csc)
+        return {StoredMatrix::Rows, csr_of(sparse, expected), {}};
+    flat::Shape shape = sparse_shape(sparse);
+    if (shape != expected)
+        fail_changed(expected, shape.at(0), shape.back());
+    if (coo)
+        return {StoredMatrix::Entries, {}, coo_of_attributes(sparse, shape[0], shape[1])};
+    return {StoredMatrix::Columns, csr_of_attributes(sparse, shape[1], shape[0]), {}};
+}
+
+flat::Coo entries_of(const StoredMatrix &matrix) {
+    switch (matrix.layout) {
+    case StoredMatrix::Rows:
+        return flat::entries_of(matrix.csr);
+    case StoredMatrix::Columns:
+        return flat::transposed(flat::entries_of(matrix.csr));
+    default:
+        return matrix.entries;
+    }
 }
 
 } // namespace tarvopy

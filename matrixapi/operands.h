@@ -67,6 +67,15 @@ flat::Csr csr_of(PyObject *sparse);
 // The same where the result's shape was computed before: reading may run Python code (a format's own tocsr), so a
 // matrix that is no longer of the expected shape is a ValueError.
 flat::Csr csr_of(PyObject *sparse, const flat::Shape &expected);
+// A checked copy of a SciPy matrix as it is stored, without any sorting: the rows, the columns of a csc_matrix (the rows
+// of the transposed matrix), or the entries of a coo_matrix. Other formats are turned into rows by SciPy.
+struct StoredMatrix {
+    enum Layout { Rows, Columns, Entries } layout = Rows;
+    flat::Csr csr;     // rows, columns
+    flat::Coo entries; // entries
+};
+StoredMatrix stored_matrix(PyObject *sparse, const flat::Shape &expected);
+flat::Coo entries_of(const StoredMatrix &matrix); // in stored order
 // The same from the three arrays of a compressed matrix, in the given dimensions.
 flat::Csr csr_from_arrays(PyObject *indptr, PyObject *indices, PyObject *data, int64_t rows, int64_t cols);
 flat::Dense dense_of(const Ref &float_matrix); // of a two-dimensional float64 array

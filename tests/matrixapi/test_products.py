@@ -84,13 +84,24 @@ def test_a_matrix_that_changes_while_it_is_read_is_an_error_and_no_crash():
         from tarvopy._matrixapi import MLinExpr
         model = tarvopy.Model()
         x, X = model.addMVar(4), model.addMVar((4, 3))
-        class Liar(sp.coo_matrix):
+        class Liar(sp.lil_matrix):
             def tocsr(self, copy=False):
                 return self.answer
-        class Thief(sp.coo_matrix):
+        def steal(victim):
+            victim._vararr = np.array(victim._vararr.ravel()[:1])
+        class Thief(sp.lil_matrix):
             def tocsr(self, copy=False):
-                self.victim._vararr = np.array(self.victim._vararr.ravel()[:1])
+                steal(self.victim)
                 return sp.csr_matrix(np.ones(self.shape))
+        class EntryThief(sp.coo_matrix):
+            @property
+            def data(self):
+                if hasattr(self, "victim"):
+                    steal(self.victim)
+                return self.numbers
+            @data.setter
+            def data(self, numbers):
+                self.numbers = numbers
         def refused(function):
             try:
                 repr(function())
@@ -108,9 +119,10 @@ def test_a_matrix_that_changes_while_it_is_read_is_an_error_and_no_crash():
                 refused(lambda: variables @ liar((4, 2), (k, n)))
             refused(lambda: MLinExpr.zeros(2)._add_matmul_part(liar((2, 4), (n, k)), x))
         for shape in ((4,), (4, 3)):
-            matrix = Thief(np.ones((2, 4)))
-            matrix.victim = model.addMVar(shape)
-            refused(lambda: matrix.victim.__rmatmul__(matrix))
+            for thief in (Thief, EntryThief):
+                matrix = thief(np.ones((2, 4)))
+                matrix.victim = model.addMVar(shape)
+                refused(lambda: matrix.victim.__rmatmul__(matrix))
     """)
     done = subprocess.run([sys.executable, "-W", "ignore", "-c", code], capture_output=True, text=True, timeout=60)
     assert done.returncode == 0, done.stderr
