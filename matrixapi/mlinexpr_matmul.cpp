@@ -26,8 +26,8 @@ enum class Side { Right, Left }; // where the variables stand: A @ x, x @ A
 struct Matrix {
     bool sparse = false;
     StoredMatrix stored; // a sparse one
-    Ref array;         // a dense one, float64; empty where only the element-wise path applies
-    flat::Shape shape; // as given
+    Ref array;           // a dense one, float64; empty where only the element-wise path applies
+    flat::Shape shape;   // as given
 };
 
 flat::Shape operand_shape(PyObject *operand) {
@@ -65,8 +65,8 @@ flat::Dense turned(const flat::Dense &m) {
     return {m.data, m.cols, m.rows, m.col_step, m.row_step};
 }
 
-// Whether the rows of a sparse matrix are the result's elements. A one-dimensional one was read as one row, which is the
-// transposed column that the left side wants.
+// Whether the rows of a sparse matrix are the result's elements. A one-dimensional one was read as one row, which is
+// the transposed column that the left side wants.
 bool gives_rows(const Matrix &matrix, Side side) {
     return side == Side::Right || matrix.shape.size() == 1;
 }

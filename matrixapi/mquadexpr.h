@@ -77,7 +77,7 @@ bool quad_of_quadexpr(PyObject *quadexpr, flat::QuadForm &form, flat::Form &line
 // ---- changing the state ---------------------------------------------------------------------------------------------
 void set_quad_parts(PyObject *expr, std::vector<QuadPart> parts, Ref model); // as set_parts
 QuadPart merged(const std::vector<QuadPart> &parts); // block diagonal, in order, linear in the entries
-QuadPart laid_out(QuadPart part); // entries in their documented order
+QuadPart laid_out(QuadPart part);                    // entries in their documented order
 void quad_convert_to_full(PyObject *expr);
 Ref quad_to_full(PyObject *expr); // a new full one; of a full expression an equal full copy
 Ref quad_copy(PyObject *expr);    // in the same state, parts merged

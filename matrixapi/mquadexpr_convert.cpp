@@ -79,8 +79,8 @@ QuadPart merged(const std::vector<QuadPart> &given) {
         return own_quad_parts(given)[0];
     std::vector<QuadPart> parts = given;
     // Blocks along the diagonal: what puts all of them in order, puts each in order.
-    bool alike = std::all_of(parts.begin(), parts.end(),
-                             [&](const QuadPart &part) { return part.order == parts[0].order; });
+    bool alike =
+        std::all_of(parts.begin(), parts.end(), [&](const QuadPart &part) { return part.order == parts[0].order; });
     if (!alike)
         std::transform(parts.begin(), parts.end(), parts.begin(), laid_out);
     QuadPart all;

@@ -67,8 +67,8 @@ flat::Csr csr_of(PyObject *sparse);
 // The same where the result's shape was computed before: reading may run Python code (a format's own tocsr), so a
 // matrix that is no longer of the expected shape is a ValueError.
 flat::Csr csr_of(PyObject *sparse, const flat::Shape &expected);
-// A checked copy of a SciPy matrix as it is stored, without any sorting: the rows, the columns of a csc_matrix (the rows
-// of the transposed matrix), or the entries of a coo_matrix. Other formats are turned into rows by SciPy.
+// A checked copy of a SciPy matrix as it is stored, without any sorting: the rows, the columns of a csc_matrix (the
+// rows of the transposed matrix), or the entries of a coo_matrix. Other formats are turned into rows by SciPy.
 struct StoredMatrix {
     enum Layout { Rows, Columns, Entries } layout = Rows;
     flat::Csr csr;     // rows, columns

@@ -188,6 +188,47 @@ def test_quadratic_form_is_one_part_with_the_entries_of_the_matrix(eager, model,
     assert left_first._ndle._matmulparts == []
 
 
+def stored_in_every_way(dense, rng):
+    """The same matrix in every format, with entries out of order and at one place twice."""
+    coo = sp.coo_matrix(dense)
+    shuffled = rng.permutation(2 * coo.nnz) % coo.nnz
+    doubled = sp.coo_matrix((coo.data[shuffled] / 2, (coo.row[shuffled], coo.col[shuffled])), shape=coo.shape)
+    backwards = sp.csr_matrix(dense)
+    for begin, end in zip(backwards.indptr, backwards.indptr[1:]):
+        backwards.indices[begin:end] = backwards.indices[begin:end][::-1].copy()
+        backwards.data[begin:end] = backwards.data[begin:end][::-1].copy()
+    columns = sp.csr_matrix(backwards.T.tocsr()).T  # a csc_matrix
+    wide = sp.coo_array((coo.data, (coo.row.astype(np.int64), coo.col.astype(np.int64))), shape=coo.shape)
+    return [doubled, backwards, columns, wide, coo.tocsc(), coo.tolil(), sp.csr_array(coo), dense]
+
+
+@pytest.mark.parametrize(
+    "form",
+    [
+        lambda x, q, y: x @ q @ y,
+        lambda x, q, y: (q @ y) @ x,
+        lambda x, q, y: (x @ q + 1.0) @ y + x @ (q @ y),
+        lambda x, q, y: 2.0 * (x @ q @ y) - y @ y,
+        lambda x, q, y: (x @ q) @ (q.T @ x),
+    ],
+)
+def test_entries_have_one_order_whenever_somebody_looks(model, form):
+    dense = np.array([[0.0, 2.0, 0.5], [1.0, 0.0, 3.0], [0.25, 4.0, 0.0], [0.0, 0.0, 7.0]])
+    x, y = variables(model, (4,)), variables(model, (3,))
+    for matrix in stored_in_every_way(dense, np.random.default_rng(0)):
+        seen = set()
+        for mode in (False, True):
+            _debug.eager(mode)
+            try:
+                result = form(x, matrix, y)
+                _, q, _ = result.copy()._quadparts[0]
+                seen.add((str(np.array([q.row, q.col, q.data])), str(result.copy()), str(quad_terms(result))))
+            finally:
+                _debug.eager(False)
+        assert len(seen) == 1
+        assert entries(result) == entries(form(x, dense, y))
+
+
 def test_doubled_entries_of_a_matrix_add_up(model):
     x = variables(model, (2,))
     q = x @ sp.coo_matrix(([1.0, 2.0], ([0, 0], [1, 1])), shape=(2, 2)) @ x
