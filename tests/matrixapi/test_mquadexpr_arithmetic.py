@@ -264,8 +264,10 @@ def test_compact_results_share_no_part_with_their_operands(eager, model):
     q = x @ x
     for result in (q + np.ones(()), q + x[0], 2.0 * q, q * np.ones(1), q.copy(), q + MQuadExpr.zeros(()), +q):
         (x1, q1, y1), (x2, q2, y2) = q._quadparts[0], result._quadparts[0]
-        assert x1 is not x2 and y1 is not y2 and not np.shares_memory(x1._vararr, x2._vararr)
-        assert q1 is not q2 and not np.shares_memory(q1.data, q2.data)
+        for own, other in ((x1, x2), (q1, q2), (y1, y2)):
+            assert own is not other
+        assert not np.shares_memory(x1._vararr, x2._vararr)
+        assert not np.shares_memory(q1.data, q2.data)
     part = q._quadparts[0]
     assert q._extract_xQy()[1] is not part[1]  # one part is merged as several are
     assert repr(q + q).splitlines()[0] == "<MQuadExpr ()  >"

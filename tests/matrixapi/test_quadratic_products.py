@@ -1,5 +1,6 @@
 """Products of variables and linear expressions: what they stand for, their states, their order of terms, their cost."""
 
+import itertools
 import operator
 import tracemalloc
 import warnings
@@ -194,7 +195,7 @@ def stored_in_every_way(dense, rng):
     shuffled = rng.permutation(2 * coo.nnz) % coo.nnz
     doubled = sp.coo_matrix((coo.data[shuffled] / 2, (coo.row[shuffled], coo.col[shuffled])), shape=coo.shape)
     backwards = sp.csr_matrix(dense)
-    for begin, end in zip(backwards.indptr, backwards.indptr[1:]):
+    for begin, end in itertools.pairwise(backwards.indptr):
         backwards.indices[begin:end] = backwards.indices[begin:end][::-1].copy()
         backwards.data[begin:end] = backwards.data[begin:end][::-1].copy()
     columns = sp.csr_matrix(backwards.T.tocsr()).T  # a csc_matrix
