@@ -255,7 +255,19 @@ void LpLexer::scan_number() {
         trv::scan_number(text, value); // out of range: infinite or zero
     }
     at_ = rest;
+    want_whole_exponent(text);
     token_ = {LpKind::number, text, value, LpSection::none};
+}
+
+// "1e" and "1e+" would be 1 and the variable e; where that is meant, a blank says so.
+void LpLexer::want_whole_exponent(std::string_view number) const {
+    if (at_ == end_ || lowered(*at_) != 'e') {
+        return;
+    }
+    const Class next = at_ + 1 != end_ ? class_of(at_[1]) : kBlank;
+    if (next != kName && next != kDigit && next != kBracket) {
+        throw LineError{joined(shown({number.data(), number.size() + 1}), " is not a number")};
+    }
 }
 
 void LpLexer::scan_operator() {

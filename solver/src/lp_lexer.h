@@ -71,6 +71,7 @@ class LpLexer {
     bool scan_section();
     void scan_name();
     void scan_number();
+    void want_whole_exponent(std::string_view number) const;
     void scan_operator();
     void read_title(std::string_view comment);
 

@@ -48,6 +48,9 @@ class LpParser {
     void product(QuadTerms &terms, double sign);
     bool take_signs(double &sign);
     void want_finite(double coefficient) const;
+    template <class Names>
+    void want_finite_sums(const std::vector<double> &values, std::size_t begin, Names names) const;
+    void want_finite_products(const QuadTerms &terms, std::size_t begin) const;
     std::int32_t enter_column();
 
     // Rows.

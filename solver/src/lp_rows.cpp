@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <map>
+#include <utility>
 
 #include "lp_parser.h"
 #include "text_scan.h"
@@ -76,6 +78,34 @@ void LpParser::linear(Target target, double coefficient) {
     if (std::fabs(cost) >= TRV_INFINITY) {
         throw LineError{joined("the coefficients of ", shown(model_.columns[column]), " add up to infinity")};
     }
+}
+
+// The store adds up what names the same variables, and knows no lines. `names` gives the two variables of a term. Only
+// terms that are too large together are looked at one by one.
+template <class Names>
+void LpParser::want_finite_sums(const std::vector<double> &values, std::size_t begin, Names names) const {
+    double all = 0;
+    for (std::size_t k = begin; k < values.size(); ++k) {
+        all += std::fabs(values[k]);
+    }
+    if (all < TRV_INFINITY) {
+        return;
+    }
+    std::map<std::pair<std::int32_t, std::int32_t>, double> sums;
+    for (std::size_t k = begin; k < values.size(); ++k) {
+        const auto [one, other] = names(k);
+        const double sum = sums[std::minmax(one, other)] += values[k];
+        if (std::fabs(sum) >= TRV_INFINITY) {
+            throw LineError{joined("the coefficients of ", shown(model_.columns[one]),
+                                   one == other ? std::string() : joined(" * ", shown(model_.columns[other])),
+                                   " add up to infinity"),
+                            TRV_ERROR_SYNTAX, lexer_.taken_line()};
+        }
+    }
+}
+
+void LpParser::want_finite_products(const QuadTerms &terms, std::size_t begin) const {
+    want_finite_sums(terms.value, begin, [&](std::size_t k) { return std::pair(terms.first[k], terms.second[k]); });
 }
 
 LpParser::Rest LpParser::expression(Target target) {
@@ -195,8 +225,9 @@ void LpParser::objective() {
     }
     const Rest rest = expression(Target::objective);
     if (std::fabs(rest.constant) >= TRV_INFINITY) {
-        throw LineError{"the constant of the objective is infinite"};
+        throw LineError{"the constant of the objective is infinite", TRV_ERROR_SYNTAX, lexer_.taken_line()};
     }
+    want_finite_products(model_.qobjective, 0);
     model_.constant = rest.constant;
     if (lexer_.peek().kind != LpKind::section) {
         unexpected("a sign or a section");
@@ -220,7 +251,7 @@ void LpParser::enter_row() {
 
 void LpParser::row() {
     enter_row();
-    const auto products = static_cast<std::int64_t>(model_.qterms.size());
+    const std::size_t entries = model_.entry.size(), products = model_.qterms.size();
     const Rest left = expression(Target::row);
     if (left.is_number() && !left.has_constant) {
         unexpected("a row");
@@ -229,9 +260,12 @@ void LpParser::row() {
     Rest middle = left;
     const Sides sides = left.is_number() ? sides_around(left.constant, op, middle) : sides_of(op, number("a number"));
     add_sides(sides, middle);
+    want_finite_sums(model_.entry_value, entries,
+                     [this](std::size_t k) { return std::pair(model_.entry[k], model_.entry[k]); });
     if (middle.has_bracket) {
+        want_finite_products(model_.qterms, products);
         model_.qrow.push_back(model_.rows.size() - 1);
-        model_.qstart.push_back(products);
+        model_.qstart.push_back(static_cast<std::int64_t>(products));
     }
 }
 

@@ -267,13 +267,12 @@ class LpWriter {
         }
         file_->put(title);
         file_->put("\n");
-        width_ = 0;
         for (std::int32_t j = 0; j < data_.nvars; ++j) {
-            if (data_.vtype[j] == vtype) {
-                put_word(columns_[j]);
+            if (data_.vtype[j] == vtype) { // one a line: "subject" and "to" side by side begin a section
+                begin_line(columns_[j]);
+                end_line();
             }
         }
-        end_line();
     }
 
     WrittenModel model_;

@@ -184,7 +184,8 @@ std::string in_quotes(std::string_view path) {
 
 std::string placed(std::string_view path, std::int64_t line, std::string_view what) {
     const std::string whole = escaped(path, std::string::npos);
-    return joined(whole.substr(0, whole.size() - 1), ", line ", std::to_string(line), ": ", what);
+    const std::int64_t shown_line = std::max<std::int64_t>(line, 1); // an empty file ends before its first line
+    return joined(whole.substr(0, whole.size() - 1), ", line ", std::to_string(shown_line), ": ", what);
 }
 
 } // namespace trv

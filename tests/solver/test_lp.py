@@ -138,7 +138,7 @@ OTHERWISE = {
 SIGN = "<=, >= or ="
 # title: (text, line, what is said)
 DAMAGED = {
-    "empty file": ("", 0, "the file ends where Minimize or Maximize is expected"),
+    "empty file": ("", 1, "the file ends where Minimize or Maximize is expected"),
     "no objective": ("Subject To\n c: x <= 1\nEnd\n", 1, "'Subject To' stands where Minimize or Maximize is expected"),
     "no end": (lp(end=""), 4, "the file ends where a section or End is expected"),
     "cut in a row": (lp(rows=" c: x +\n", end=""), 4, "the file ends where a term is expected"),
@@ -163,8 +163,21 @@ DAMAGED = {
     "row twice": (lp(rows=" c: x <= 1\n c: y <= 1\n"), 5, "a second row 'c'"),
     "infinite coefficient": (lp(rows=" c: 1e20 x <= 1\n"), 4, "the coefficient 1e+20 is infinite"),
     "infinite sum": (lp(" o: 9e19 x + 9e19 x\n"), 2, "the coefficients of 'x' add up to infinity"),
+    "infinite sum in a row": (
+        lp(rows=" c: 6e19 x + 9e19 y\n + 6e19 x <= 1\n d: x <= 1\n"),
+        5,
+        "the coefficients of 'x' add up to infinity",
+    ),
+    "infinite sum of products": (
+        lp(rows=" c: [ 6e19 x * y + 9e19 x^2 ] + [ 6e19 y * x ] <= 1\n"),
+        4,
+        "the coefficients of 'y' * 'x' add up to infinity",
+    ),
+    "infinite sum of squares": (lp(" o: [ 6e19 x^2 + 6e19 x^2 ]\n"), 2, "the coefficients of 'x' add up to infinity"),
+    "number without an exponent": (lp(rows=" c: x >= 1e\n + y <= 3\n"), 4, "'1e' is not a number"),
+    "coefficient without an exponent": (lp(rows=" c: 1E x <= 3\n"), 4, "'1E' is not a number"),
     "infinity times x": (lp(rows=" c: inf x <= 1\n"), 4, f"'x' stands where {SIGN} is expected"),
-    "infinite constant": (lp(" obj: x + inf\n"), 3, "the constant of the objective is infinite"),
+    "infinite constant": (lp(" obj: x + inf\n"), 2, "the constant of the objective is infinite"),
     "infinite constant in a row": (
         lp(rows=" c: x + inf <= 1\n d: x <= 1\n"),
         4,

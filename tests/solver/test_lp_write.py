@@ -126,7 +126,6 @@ def test_names_that_mean_something_elsewhere(tmp_path):
         "energy[0]",
         "e",
         "ex9",
-        "to",
         "x.1",
         "#",
         "$x!",
@@ -137,6 +136,7 @@ def test_names_that_mean_something_elsewhere(tmp_path):
         "st1",
     ]
     columns = [(name, "CIBS"[i % 4], 0.0, 1.0, 0.0) for i, name in enumerate(names)]
+    columns += [(name, "I", 0.0, 1.0, 0.0) for name in ["subject", "to", "user", "cuts"]]  # side by side: a section
     rows = [(name, -1.0, 1.0, {i: 1.0}) for i, name in enumerate(names)]
     store = built(columns, rows)
     assert whole(returned(store, tmp_path / "m.lp")) == whole(store)

@@ -151,7 +151,7 @@ UNSUPPORTED_SECTIONS = [
 
 # title: (text, line, what is said)
 DAMAGED = {
-    "empty file": ("", 0, "the file ends without ENDATA"),
+    "empty file": ("", 1, "the file ends without ENDATA"),
     "no ENDATA": (mps(end=""), 9, "the file ends without ENDATA"),
     "unknown section": (mps("NAME t\nROW\n"), 2, "unknown section 'ROW' (lines of data begin with a blank)"),
     "data without a blank": (mps(rhs="r c 4\n"), 9, "unknown section 'r' (lines of data begin with a blank)"),
