@@ -332,7 +332,8 @@ TRV_API int TRVgetcones(TRVmodel *model, TRVcones *cones);
 TRV_API void TRVfreecones(TRVcones *cones);
 /* The multipliers of the quadratic rows (nqrows entries, in the model's own sense, signs as QPi; rows that are no cones
  * are left as they are) from the cones' slacks s and dual variables z (nrows entries each, z in the cone, of the
- * minimisation). NaN where a row has none: at the tip of a cone (as x*x <= t*t with both zero) its gradient vanishes. */
+ * minimisation). NaN where a row has none: at the tip of a cone (as x*x <= t*t with both zero) its gradient vanishes.
+ */
 TRV_API int TRVconeduals(TRVmodel *model, const TRVcones *cones, const double *s, const double *z, double *qpi);
 
 /* What changed since TRVclearchanges, for an engine that keeps its model. structure != 0: elements were added or

@@ -44,7 +44,7 @@ class NameTable {
 
     std::string text_;
     std::vector<std::int64_t> offset_{0};
-    mutable std::int32_t next_ = 0; // behind the name found last
+    mutable std::int32_t next_ = 0;                                  // behind the name found last
     std::vector<Slot> slots_ = std::vector<Slot>(1024, Slot{0, -1}); // a power of two, at most half full
 };
 
