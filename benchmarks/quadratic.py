@@ -136,8 +136,7 @@ def check_costs(root):
 def lines(root):
     yield TITLE
     yield ""
-    yield "Made by `benchmarks/quadratic.py`; times are the best of several runs. Matrices other than CSR are converted by"
-    yield "SciPy first, which is nearly all of their time."
+    yield "Made by `benchmarks/quadratic.py`; times are the best of several runs."
     yield ""
     yield "| what | measured | wanted at most |"
     yield "|---|---|---|"
