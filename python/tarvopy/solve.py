@@ -116,9 +116,11 @@ def _engine_with(model: Model, problem: Problem) -> Engine:
 
 
 def _solve(model: Model, problem: Problem, reporter: Reporter, ctrl_c: CtrlC) -> tuple[Outcome, Offence | None]:
-    outcome = _without_engine(problem)
-    if outcome is not None:
-        _, model._why_engine = engines.pick(problem, model.params.Engine)
+    found = _without_engine(problem)
+    if found is not None:
+        engines.pick(problem, model.params.Engine)  # what an engine refuses stays refused
+        outcome, reason = found
+        model._why_engine = f"tarvopy: {reason}"
         for multipliers in _modelapi.open_solution(problem.handle)[1:]:
             multipliers.fill(0.0)
         _commit(problem, outcome, "tarvopy")
@@ -131,21 +133,35 @@ def _solve(model: Model, problem: Problem, reporter: Reporter, ctrl_c: CtrlC) ->
     return answer.outcome, answer.offence
 
 
-def _without_engine(problem: Problem) -> Outcome | None:
-    """The answer where there is nothing to solve: bounds or sides that cross, or no variables at all."""
-    if _cross(problem.lb, problem.ub) or _cross(problem.lower, problem.upper):
-        return Outcome(TRV.INFEASIBLE)
+def _without_engine(problem: Problem) -> tuple[Outcome, str] | None:
+    """The answer where there is nothing to solve (bounds or sides that cross, no variables at all), and why."""
+    crossed = _first_crossed(problem.lb, problem.ub)
+    if crossed is not None:
+        return Outcome(TRV.INFEASIBLE), f"the bounds of variable {problem.var_name(crossed)!r} cross"
+    crossed = _first_crossed(problem.lower, problem.upper)
+    if crossed is not None:
+        return Outcome(TRV.INFEASIBLE), f"the sides of row {problem.row_name(crossed)!r} cross"
     if problem.nvars:
         return None
-    if problem.nrows and not (problem.lower.max() <= 0.0 <= problem.upper.min()):
-        return Outcome(TRV.INFEASIBLE)
+    reason = "the model has no variables"
+    if not _zero_holds(problem):
+        return Outcome(TRV.INFEASIBLE), reason
     value = problem.objconstant
-    return Outcome(TRV.OPTIMAL, has_x=True, has_duals=True, objval=value, bound=value)
+    return Outcome(TRV.OPTIMAL, has_x=True, has_duals=True, objval=value, bound=value), reason
 
 
-def _cross(lower: np.ndarray, upper: np.ndarray) -> bool:
-    """Whether some interval is empty."""
-    return bool((lower > upper).any())
+def _first_crossed(lower: np.ndarray, upper: np.ndarray) -> int | None:
+    """Where an interval is empty, None if none is."""
+    crossed = lower > upper
+    return int(crossed.argmax()) if crossed.any() else None
+
+
+def _zero_holds(problem: Problem) -> bool:
+    """Whether all rows hold when their terms are gone."""
+    linear = (problem.lower <= 0.0) & (problem.upper >= 0.0)
+    below, above = problem.qrhs < 0.0, problem.qrhs > 0.0
+    broken = (below & (problem.qsense != b">")) | (above & (problem.qsense != b"<"))
+    return bool(linear.all()) and not broken.any()
 
 
 def _commit(problem: Problem, outcome: Outcome, engine_name: str) -> None:

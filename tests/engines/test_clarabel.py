@@ -257,6 +257,21 @@ def test_infeasible_and_unbounded(small, limited):
     assert small.m.Status == TRV.INFEASIBLE
 
 
+@pytest.mark.parametrize("size", [1e8, 1e10])
+def test_large_numbers_are_no_proof_of_infeasibility(size):
+    """Clarabel's own tolerance takes x >= 1e8 for infeasible, and x*x - 1e8*x for unbounded."""
+    with tarvopy.Model() as m:
+        m.params.LogLevel = 0
+        x = m.addVar(lb=size)
+        m.setObjective(x * x)
+        m.optimize()
+        assert (m.Status, x.X) == (TRV.OPTIMAL, pytest.approx(size))
+        x.LB = 0.0
+        m.setObjective(x * x - size * x)
+        m.optimize()
+        assert (m.Status, x.X) == (TRV.OPTIMAL, pytest.approx(size / 2))
+
+
 def test_an_objective_without_bound_over_no_point_is_infeasible(small):
     small.m.setObjective(small.x[0] * small.x[0] - small.x[1])
     small.c.RHS = np.inf

@@ -151,14 +151,26 @@ def test_bounds_and_sides_that_cross_are_infeasible_at_the_solve():
     m, x, rows = build([[1, 1]], 0, 1, [1, 1], ub=5)
     x.LB, x.UB = [0, 1], [1, 0]
     m.optimize()
-    assert m.Status == TRV.INFEASIBLE
+    assert (m.Status, m.why_engine) == (TRV.INFEASIBLE, "tarvopy: the bounds of variable 'x[1]' cross")
     x.LB, x.UB = 0, 5
     rows.Lower = 2
     m.optimize()
-    assert m.Status == TRV.INFEASIBLE
+    assert (m.Status, m.why_engine) == (TRV.INFEASIBLE, "tarvopy: the sides of row 'r[0]' cross")
     rows.Upper = 3
     m.optimize()
     assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, 2.0)
+
+
+@pytest.mark.parametrize(("sense", "rhs", "holds"), [("<", -4, 0), ("<", 4, 1), (">", 4, 0), (">", -4, 1), ("=", 4, 0)])
+def test_quadratic_rows_outlive_their_variables(sense, rhs, holds):
+    m = tarvopy.Model()
+    m.params.LogLevel = 0
+    x = m.addVar()
+    m.addConstr(tarvopy.TempConstr(x * x, sense, rhs))
+    m.update()
+    m.remove(x)
+    m.optimize()
+    assert m.Status == (TRV.OPTIMAL if holds else TRV.INFEASIBLE)
 
 
 def test_models_without_rows_or_columns():

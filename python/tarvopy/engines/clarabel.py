@@ -39,6 +39,9 @@ _SMALLEST_TOLERANCE = 1e-12
 _REFINED = 1e-2
 _PROOF = 1e-6
 _MOST_ITERATIONS = 200
+# A certificate of infeasibility rules out points up to the inverse of this tolerance only: with Clarabel's own one
+# x >= 1e8 "is infeasible", so such a verdict has to stand a second run that asks for much more.
+_INFEASIBLE, _SURELY_INFEASIBLE = 1e-8, 1e-14
 # Near the boundary of a cone of more than four rows the usual settings stall at errors of 1e-6; these come to 1e-9.
 _CAREFUL = {
     "static_regularization_constant": 1e-10,
@@ -54,11 +57,14 @@ _STATUS = {
     "InsufficientProgress": TRV.IMPRECISE,
     "NumericalError": TRV.IMPRECISE,
     "PrimalInfeasible": TRV.INFEASIBLE,
+    "AlmostPrimalInfeasible": TRV.INFEASIBLE,
     "DualInfeasible": TRV.INFEASIBLE_OR_UNBOUNDED,
+    "AlmostDualInfeasible": TRV.INFEASIBLE_OR_UNBOUNDED,
     "MaxIterations": TRV.ITERATION_LIMIT,
     "MaxTime": TRV.TIME_LIMIT,
     "CallbackTerminated": TRV.INTERRUPTED,
 }
+_WITHOUT_OPTIMUM = (TRV.INFEASIBLE, TRV.INFEASIBLE_OR_UNBOUNDED)
 
 
 def _package() -> ModuleType:
@@ -83,7 +89,9 @@ class ClarabelEngine:
         self._solver: Any = None  # made with the first run, whose settings it keeps
         self._settings: Any = None
         self._run: Worker | None = None
-        self._first: tuple[Any, float] | None = None  # solution and seconds of the run before the one under way
+        self._verdict: int | None = None  # infeasible or unbounded, which further runs look into
+        self._before = (0, 0.0)  # iterations and seconds of the runs before the one under way
+        self._without_objective = False
         self._iterations = 0
         self._stop = False
         self._duals: tuple[np.ndarray, np.ndarray, np.ndarray] | None = None  # RC, Pi, QPi of the last outcome
@@ -140,10 +148,13 @@ class ClarabelEngine:
     # ---- the run
 
     def start(self, problem: Problem, params: Parameters) -> None:
-        self._first = None
+        self._begin()
         self._log = ""
         self._settings = self._with_options(params, 1.0)
         self._launch(self._solve)
+
+    def _begin(self) -> None:
+        self._verdict, self._without_objective, self._before = None, False, (0, 0.0)
 
     def _with_options(self, params: Parameters, tighter: float) -> Any:
         """Clarabel's settings; the engine options come last."""
@@ -158,6 +169,7 @@ class ClarabelEngine:
             "tol_feas": feasibility,
             "tol_gap_abs": gap,
             "tol_gap_rel": gap,
+            "reduced_tol_infeas_rel": _INFEASIBLE,  # where it gets no further; its own 5e-5 proves nothing
             # Both would forbid that data is updated; neither has anything to do here.
             "presolve_enable": False,
             "chordal_decomposition_enable": False,
@@ -240,18 +252,46 @@ class ClarabelEngine:
     # ---- the answer
 
     def again(self, problem: Problem) -> bool:
-        """A direction that improves without end was found: whether there is a point to start from is asked next."""
-        if self._first is not None or self._run.error is not None or self._stop:
+        """A verdict of infeasibility is looked into, and where a direction improves without end, whether there is a
+        point to start from.
+        """
+        if self._run.error is not None or self._stop:
             return False
-        if str(self._run.result().status) != "DualInfeasible":
-            return False
-        self._first = self._run.result(), self._run.seconds
-        self._launch(self._solve_for_feasibility)
-        return True
+        status = self._status()
+        if self._verdict is None and status in _WITHOUT_OPTIMUM:
+            self._verdict = status
+            self._run_further(self._solve, tol_infeas_rel=_SURELY_INFEASIBLE)
+            return True
+        unbounded = self._verdict == TRV.INFEASIBLE_OR_UNBOUNDED and not self._overruled()
+        if unbounded and not self._without_objective:
+            self._without_objective = True
+            self._run_further(self._solve_for_feasibility)
+            return True
+        return False
+
+    def _overruled(self) -> bool:
+        """Whether the second run found an optimum: a point that falls short of its tolerances says nothing against
+        infeasibility.
+        """
+        if self._verdict == TRV.INFEASIBLE:
+            return str(self._run.result().status) == "Solved"
+        return self._status() == TRV.OPTIMAL
+
+    def _run_further(self, job: Callable[[], Any], **settings: float) -> None:
+        """In the time that is left."""
+        iterations, seconds = self._before
+        self._before = iterations + self._run.result().iterations, seconds + self._run.seconds
+        self._settings.time_limit = max(0.0, self._settings.time_limit - self._run.seconds)
+        for name, value in settings.items():
+            setattr(self._settings, name, value)
+        self._launch(job)
+
+    def _status(self) -> int:
+        return _STATUS.get(str(self._run.result().status), TRV.FAILED)
 
     def refine(self, problem: Problem, params: Parameters) -> bool:
         """The same with tolerances of a hundredth, shorter steps and less regularisation."""
-        self._first = None
+        self._begin()
         self._settings = self._with_options(params, _REFINED)
         for name, value in _CAREFUL.items():
             if name not in params.EngineOptions:
@@ -264,19 +304,21 @@ class ClarabelEngine:
             solution = self._run.result()
         except Exception as error:  # Clarabel's own, of whatever kind
             return Outcome(TRV.FAILED, message=f"Clarabel: {error}")
-        status = str(solution.status)
-        outcome = Outcome(_STATUS.get(status, TRV.FAILED), itercount=solution.iterations, runtime=self._run.seconds)
-        if self._first is not None:
-            outcome.runtime += self._first[1]
-            outcome.itercount += self._first[0].iterations
-            outcome.status = {"Solved": TRV.UNBOUNDED, "PrimalInfeasible": TRV.INFEASIBLE}.get(
-                status, TRV.INFEASIBLE_OR_UNBOUNDED
-            )
+        iterations, seconds = self._before
+        outcome = Outcome(
+            self._status(), itercount=iterations + solution.iterations, runtime=seconds + self._run.seconds
+        )
+        if self._without_objective:
+            second = {TRV.OPTIMAL: TRV.UNBOUNDED, TRV.INFEASIBLE: TRV.INFEASIBLE}
+            outcome.status = second.get(outcome.status, TRV.INFEASIBLE_OR_UNBOUNDED)
+            return outcome
+        if self._verdict is not None and not self._overruled():
+            outcome.status = self._verdict
             return outcome
         if outcome.status == TRV.ITERATION_LIMIT and not self._user_limit:
             outcome.status = TRV.IMPRECISE
         if outcome.status in (TRV.FAILED, TRV.IMPRECISE):
-            outcome.message = f"Clarabel ended with its status {status}"
+            outcome.message = f"Clarabel ended with its status {solution.status}"
         self._add_point(outcome, solution, problem)
         return outcome
 
