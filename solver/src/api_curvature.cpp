@@ -72,6 +72,7 @@ std::string rowname(TRVmodel *model, int32_t row) {
 
 int TRVcurvature(TRVmodel *m, int *objective, char *rows) {
     return border(m, [&] {
+        requirepointer("objective", objective, 1);
         const Quadratic model(m);
         *objective = objectivecurve(m, model.data);
         if (!rows)
@@ -84,6 +85,7 @@ int TRVcurvature(TRVmodel *m, int *objective, char *rows) {
 
 int TRVgetcones(TRVmodel *m, TRVcones *out) {
     return border(m, [&] {
+        requirepointer("cones", out, 1);
         const Quadratic model(m);
         int32_t nonconvex;
         const TRVcones cones = Shapes(model.data, model.rows).cones(&nonconvex);
@@ -107,6 +109,10 @@ void TRVfreecones(TRVcones *cones) {
 
 int TRVconeduals(TRVmodel *m, const TRVcones *cones, const double *s, const double *z, double *qpi) {
     return border(m, [&] {
+        requirepointer("cones", cones, 1);
+        requirepointer("slacks", s, cones->nrows);
+        requirepointer("dual variables", z, cones->nrows);
+        requirepointer("qpi", qpi, cones->ncones);
         TRVdata data;
         succeed(m, TRVgetdata(m, &data));
         coneduals(data, *cones, s, z, qpi);

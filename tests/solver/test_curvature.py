@@ -228,3 +228,12 @@ def test_cones_of_convex_rows_hold_the_same_points(rank, linear, rhs, sign):
     ((_, offset, _matrix),) = m.cones()
     assert len(offset) == (1 if not linear else 2) + rank  # no more rows than the rank needs
     check_cone(m, quadratic, [(i, sign * v) for i, v in linear], sign, sign * rhs, -INF, INF)
+
+
+@pytest.mark.parametrize(
+    ("function", "nulls", "missing"),
+    [("TRVcurvature", 2, "objective"), ("TRVgetcones", 1, "cones"), ("TRVconeduals", 4, "cones")],
+)
+def test_results_without_a_place_are_refused(function, nulls, missing):
+    with pytest.raises(StoreError, match=f"^{missing}: an array is missing$"):
+        row_store(1, [(0, 0, 1.0)]).call(function, *[None] * nulls)
