@@ -274,8 +274,12 @@ Ref add_quadpart(PyObject *self, PyObject *x, PyObject *given, PyObject *y) {
     Ref cls = check(PyObject_GetAttr(scipy_sparse(), names.coo_matrix));
     flat::Shape shape = shape_of_tuple(check(PyObject_GetAttr(given, names.shape)).get());
     assert_that(is_compact_quad(self));
-    assert_that(is_mvar(x) && is_mvar(y) && shape.size() == 2);
-    assert_that(has_shape(x, {shape.at(0)}) && has_shape(y, {shape.at(1)}));
+    if (shape.size() != 2) {
+        assert_that(false);
+        fail(PyExc_ValueError, "the matrix of a part must have two dimensions, not %zu", shape.size());
+    }
+    assert_that(is_mvar(x) && is_mvar(y));
+    assert_that(has_shape(x, {shape[0]}) && has_shape(y, {shape[1]}));
     assert_that(shape[0] > 0 && shape[1] > 0);
     Ref arguments = check(PyTuple_Pack(1, given));
     Ref keywords = check(Py_BuildValue("{s:s,s:O}", "dtype", "float64", "copy", Py_False));

@@ -123,7 +123,7 @@ bool model_of_parts(PyObject *expr, Ref &model) {
 
 // The native parts, or the documented list, grow in place.
 void append_part(PyObject *self, QuadPart part, Ref model) {
-    if (QuadNative *native = quadratic_of(self)) {
+    if (QuadNative *native = quadratic_of(self); native && native->compact) {
         native->parts.push_back(std::move(part));
         if (!native->model)
             native->model = std::move(model);

@@ -80,7 +80,7 @@ Ref spread_elements(PyObject *value, const flat::Shape &from, const flat::Shape 
 
 void set_quadratic(PyObject *expr, PyObject *key, PyObject *value) {
     Region region = region_of(expr, key);
-    flat::Shape given = quad_shape_of(value), to = shape_of_array(region.elements.get());
+    flat::Shape given = consistent_shape(value), to = shape_of_array(region.elements.get());
     if (region.single && !given.empty())
         fail(PyExc_ValueError, "setting an array element with a sequence.");
     Ref contents = spread_elements(value, fitting_shape(given, to), to);

@@ -14,6 +14,9 @@ void store_quad_documented(PyObject *expr, PyObject *qearr, PyObject *quadparts,
 void install_quad(PyObject *expr, std::unique_ptr<QuadNative> native);
 // Everything that is not made yet.
 void make_all_quad(PyObject *expr);
+// The shape that both halves have; ValueError where somebody gave one half another one, which only the assertions of
+// quad_state_of refuse before.
+flat::Shape consistent_shape(PyObject *expr);
 // Of a compact expression.
 Py_ssize_t number_of_quad_parts(PyObject *expr);
 inline bool is_compact_quad(PyObject *expr) {

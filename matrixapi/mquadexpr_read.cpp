@@ -380,7 +380,7 @@ bool compact_value(PyObject *expr, flat::QuadForm &form, Ref &model) {
 
 bool object_value(PyObject *expr, flat::QuadForm &form, flat::Form &inner, Ref &model) {
     Ref array = qearr(expr);
-    if (PyArray_TYPE(as_array(array)) != NPY_OBJECT || shape_of_array(array.get()) != form.shape)
+    if (PyArray_TYPE(as_array(array)) != NPY_OBJECT)
         return false;
     Ref elements = contiguous_objects(array.get());
     flat::Shape shape = form.shape;
@@ -389,9 +389,33 @@ bool object_value(PyObject *expr, flat::QuadForm &form, flat::Form &inner, Ref &
 
 } // namespace
 
+namespace {
+
+[[noreturn]] void fail_shapes(const flat::Shape &qearr, const flat::Shape &ndle) {
+    fail(PyExc_ValueError, "_qearr and _ndle of an MQuadExpr have different shapes: %S and %S",
+         shape_tuple(qearr).get(), shape_tuple(ndle).get());
+}
+
+} // namespace
+
+flat::Shape consistent_shape(PyObject *expr) {
+    flat::Shape shape = quad_shape_of(expr);
+    if (is_compact_quad(expr)) {
+        if (!allows_compact_quad(shape) || (flat::size_of(shape) == 0 && number_of_quad_parts(expr) > 0))
+            fail(PyExc_ValueError, "a compact MQuadExpr cannot have the shape %S of its _ndle",
+                 shape_tuple(shape).get());
+        return shape;
+    }
+    QuadNative *native = quadratic_of(expr);
+    flat::Shape own = native ? native->form.shape : shape_of_array(qearr(expr).get());
+    if (own != shape)
+        fail_shapes(own, shape);
+    return shape;
+}
+
 bool quad_value(PyObject *expr, flat::QuadForm &form, Ref &model, flat::Form &inner) {
     State state = quad_state_of(expr);
-    flat::Shape shape = quad_shape_of(expr);
+    flat::Shape shape = consistent_shape(expr);
     form = flat::zero_quad(shape);
     inner = {};
     inner.shape = shape;
@@ -402,9 +426,6 @@ bool quad_value(PyObject *expr, flat::QuadForm &form, Ref &model, flat::Form &in
     if (is_compact(state))
         return compact_value(expr, form, model);
     QuadNative *native = quadratic_of(expr);
-    if (native->form.shape != shape) // the user gave `_ndle` another shape
-        fail(PyExc_ValueError, "_qearr and _ndle of an MQuadExpr have different shapes: %S and %S",
-             shape_tuple(native->form.shape).get(), shape_tuple(shape).get());
     form = native->form;
     model = native->model;
     return true;

@@ -134,7 +134,7 @@ double compact_value(PyObject *expr) {
 
 void add_element_values(PyObject *expr, double *values) {
     Ref given = contiguous_objects(qearr(expr).get());
-    for (npy_intp i = 0; i < PyArray_SIZE(as_array(given)); ++i) {
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(given)); ++i) { // as many as values: value_of compared the shapes
         Ref value = check(PyObject_CallMethodNoArgs(element_or_none(elements_in(given)[i]), names.getValue));
         values[i] += check_value(PyFloat_AsDouble(value.get()));
     }
@@ -153,8 +153,12 @@ void add_full_values(PyObject *expr, double *values) {
 
 Ref value_of(PyObject *expr) {
     bool compact = is_compact_quad(expr);
+    const int64_t size = flat::size_of(consistent_shape(expr));
     Ref given = check(PyObject_CallMethodNoArgs(ndle_of(expr), names.getValue));
     Ref values = check(PyArray_FROMANY(given.get(), NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY | NPY_ARRAY_ENSURECOPY));
+    if (PyArray_SIZE(as_array(values)) != size)
+        fail(PyExc_ValueError, "the values of _ndle have the shape %S, not that of the MQuadExpr",
+             shape_tuple(shape_of_array(values.get())).get());
     auto *to = static_cast<double *>(PyArray_DATA(as_array(values)));
     if (compact)
         merge_quad_parts(expr);

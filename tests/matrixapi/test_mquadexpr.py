@@ -186,7 +186,9 @@ q._ndle = MLinExpr.zeros(2)
 made = x * x
 made._qearr
 made._ndle = MLinExpr.zeros((2, 2))
-broken = [MQuadExpr(), MQuadExpr(ndle=7), MQuadExpr(np.array([QuadExpr()]), None, MLinExpr.zeros(2)), q, made,
+small = x @ x
+small._ndle = MLinExpr.zeros(5000)
+broken = [small, MQuadExpr(), MQuadExpr(ndle=7), MQuadExpr(np.array([QuadExpr()]), None, MLinExpr.zeros(2)), q, made,
           MQuadExpr(quadparts=[(x, np.eye(2), x)], ndle=MLinExpr.zeros(())),
           MQuadExpr(np.array([None]), None, MLinExpr.zeros(1))]
 uses = [lambda e: e.copy(), repr, lambda e: e[0], lambda e: e.item(), lambda e: e.getValue(), lambda e: e._to_full(),
@@ -199,10 +201,15 @@ for e in broken:
             use(e)
         except Exception:
             refused += 1
-print(refused > len(broken))
+for use in (MQuadExpr.copy, repr, MQuadExpr.getValue, lambda e: 2 * e, lambda e: e + 1, lambda e: m.addConstr(e <= 1)):
+    try:
+        use(small)
+    except ValueError:
+        refused += 1000
+print(refused // 1000, refused % 1000 > len(broken))
 """
     done = subprocess.run([sys.executable, "-O", "-c", program], capture_output=True, text=True)
-    assert (done.returncode, done.stdout, done.stderr) == (0, "True\n", "")
+    assert (done.returncode, done.stdout, done.stderr) == (0, "6 True\n", "")
 
 
 # ---- products of variables -----------------------------------------------------------------------------------------
