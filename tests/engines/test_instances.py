@@ -1,6 +1,7 @@
 """Instances of the literature with known answers, through tarvopy.read."""
 
 import json
+import math
 
 import pytest
 
@@ -15,9 +16,8 @@ HARD = {"miplib/pk1.mps": 3.0}
 @pytest.fixture(scope="module")
 def known(instances):
     answers = json.loads((instances / "known_optimal_values.json").read_text())["instances"]
-    chosen = {k: v for k, v in answers.items() if k.split("/")[0] in ("netlib", "miplib", "infeasible")}
-    assert len(chosen) >= 45
-    return chosen
+    assert len(answers) >= 70
+    return answers
 
 
 @pytest.mark.parametrize("folder", ["netlib", "miplib", "infeasible"])
@@ -46,3 +46,52 @@ def as_known(m, name, answer):
     if m.Status != STATUSES[answer["status"]]:
         return False
     return optimal is None or abs(m.ObjVal - optimal) <= 1e-7 * max(1.0, abs(optimal))
+
+
+# ---- quadratic
+
+#: Where the terms of the objective are so much larger than its value that relative means relative to them.
+TERMS = {"maros_meszaros/HS268.SIF": 1e4}
+#: Take SCIP longer than a test has.
+SLOW = ("DUAL4", "HS268", "PRIMAL1", "QSCFXM1", "VALUES")
+
+
+def off(m, name, optimal):
+    """The relative error of the objective; infinite where the answer does not hold."""
+    residuals = m.report()
+    if m.Status != TRV.OPTIMAL or not residuals.holds:
+        return math.inf
+    return abs(m.ObjVal - optimal) / (TERMS.get(name) or abs(optimal))
+
+
+@pytest.mark.parametrize("engine", ["auto", "scip"])
+@pytest.mark.filterwarnings("error")
+def test_convex_quadratic_instances_and_their_multipliers(instances, known, engine):
+    if engine == "scip":
+        pytest.importorskip("pyscipopt")
+    wrong = []
+    for name, answer in known.items():
+        if not name.startswith("maros_meszaros/") or (engine == "scip" and any(slow in name for slow in SLOW)):
+            continue
+        with tarvopy.read(instances / name) as m:
+            m.params.LogLevel = 0
+            m.params.Engine = engine
+            m.optimize()
+            error = off(m, name, answer["optimal"])
+            if not error <= 1e-5 or not hasattr(m.getVars()[0], "RC"):
+                wrong.append((name, m.Status, error, hasattr(m.getVars()[0], "RC")))
+    assert wrong == []
+
+
+@pytest.mark.parametrize(
+    "name", ["scip_minlp/ex1266.mps", "scip_minlp/tltr.mps", "scip_mip/MANN_a9.clq.lp", "scip_mip/stein27_inf.lp"]
+)
+@pytest.mark.filterwarnings("error")
+def test_integer_instances_of_other_formats(instances, known, name):
+    pytest.importorskip("pyscipopt")
+    optimal = known[name]["optimal"]
+    with tarvopy.read(instances / name) as m:
+        m.params.LogLevel = 0
+        m.optimize()
+        assert m.Status == STATUSES[known[name]["status"]]
+        assert optimal is None or off(m, name, optimal) <= 1e-5

@@ -25,6 +25,7 @@ from tarvopy import _modelapi
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
 from tarvopy.engines.base import NAN, Outcome, Progress
+from tarvopy.engines.scip_log import ScipLog, memory_folder
 from tarvopy.engines.worker import Worker
 
 if TYPE_CHECKING:
@@ -81,7 +82,7 @@ class ScipEngine:
         self._stop = False
         self._first: dict[str, Any] | None = None  # result of the first run while a second look is under way
         self._objective_dropped = False
-        self._log = None
+        self._log: ScipLog | None = None
         self.loads = 0
 
     @classmethod
@@ -107,7 +108,7 @@ class ScipEngine:
         self._model = model = self._package.Model()
         model.hideOutput()
         model.setParam("misc/catchctrlc", False)
-        with tempfile.TemporaryDirectory(prefix="tarvopy-", dir=_memory_folder()) as folder:
+        with tempfile.TemporaryDirectory(prefix="tarvopy-", dir=memory_folder()) as folder:
             path = os.path.join(folder, "model.nl")
             position = _modelapi.write_nl(problem.handle, path)
             model.readProblem(path, "nl")
@@ -144,7 +145,7 @@ class ScipEngine:
         self._first = None
         self._params = params
         self._set_options(problem, params)
-        self._open_log(params)
+        self._log = ScipLog(self._model) if params.LogLevel >= 1 else None
         self._run()
 
     def _run(self) -> None:
@@ -168,6 +169,9 @@ class ScipEngine:
             "numerics/dualfeastol": min(max(tighter * params.OptimalityTol, low), high),
             "randomization/randomseedshift": params.Seed,
             "lp/threads": min(params.Threads, 64),
+            # SCIP 10.0.2 fixes variables by wrong signs of quadratic rows with products of binaries, and calls what
+            # is left optimal (one in 2500 random integer models).
+            "misc/allowstrongdualreds": False,
         }
         self._model.resetParams()
         self._model.setParam("misc/catchctrlc", False)
@@ -203,19 +207,12 @@ class ScipEngine:
                 return
 
     def progress(self) -> Progress:
-        return Progress(time.monotonic() - self._began, 0.0, None, None, None)
-
-    def _open_log(self, params: Parameters) -> None:
-        self._log = None
-        if params.LogLevel < 2:
-            return
-        self._log = tempfile.NamedTemporaryFile(  # noqa: SIM115 - open as long as SCIP writes to it
-            "r", prefix="tarvopy-", suffix=".log", encoding="utf-8", errors="replace", dir=_memory_folder()
-        )
-        self._model.setLogfile(self._log.name)
+        said = self._log.figures() if self._log is not None else {}
+        figures = (said.get(head) for head in ("node", "primalbound", "dualbound"))
+        return Progress(time.monotonic() - self._began, said.get("LP iter", 0.0), *figures)
 
     def take_log(self) -> str:
-        return self._log.read() if self._log is not None else ""
+        return self._log.take() if self._log is not None else ""
 
     # ---- the answer
 
@@ -282,18 +279,19 @@ class ScipEngine:
             outcome.objval = result["objective"]
             if abs(result["bound"]) < _INFINITY:
                 outcome.bound = result["bound"]
-        self._duals = self._multipliers(problem) if outcome.status == TRV.OPTIMAL and outcome.has_x else None
-        outcome.has_duals = self._duals is not None
+        self._with_duals = self._multipliers(problem) if outcome.status == TRV.OPTIMAL and outcome.has_x else None
+        outcome.has_duals = self._with_duals is not None
         return outcome
 
     def _multipliers(self, problem: Problem) -> tuple[np.ndarray, ...] | None:
-        """(rc, pi, qpi) at the optimum of a convex continuous model, where they hold."""
+        """(x, rc, pi, qpi) at the optimum of a convex continuous model, where they hold."""
         if problem.nintegral or not problem.is_convex:
             return None
         from tarvopy.check import SLACK
         from tarvopy.engines.multipliers import recover
 
-        return recover(problem, self._point(problem.nvars), SLACK * self._params.OptimalityTol)
+        params = self._params
+        return recover(problem, self._point(problem.nvars), params.FeasibilityTol, SLACK * params.OptimalityTol)
 
     def _point(self, nvars: int) -> np.ndarray:
         import numpy as np
@@ -304,10 +302,10 @@ class ScipEngine:
         return x
 
     def write_solution(self, outcome: Outcome, x: np.ndarray, rc: np.ndarray, pi: np.ndarray, qpi: np.ndarray) -> None:
-        if outcome.has_x:
-            x[:] = self._point(len(x))
         if outcome.has_duals:
-            rc[:], pi[:], qpi[:] = self._duals
+            x[:], rc[:], pi[:], qpi[:] = self._with_duals
+        elif outcome.has_x:
+            x[:] = self._point(len(x))
 
     def close(self) -> None:
         """Frees SCIP's memory; of a run that is still under way when that ends."""
@@ -337,12 +335,6 @@ def _combined(first: dict[str, Any], second: dict[str, Any]) -> dict[str, Any]:
         answer = TRV.UNBOUNDED
     together = {key: first[key] + second[key] for key in ("seconds", "iterations", "nodes")}
     return {**first, **together, "status": answer, "found": False, "objective": NAN, "bound": math.inf}
-
-
-def _memory_folder() -> str | None:
-    """A folder that lies in memory, None (the system's temporary one) where there is none."""
-    folder = "/dev/shm"
-    return folder if os.path.isdir(folder) and os.access(folder, os.W_OK | os.X_OK) else None
 
 
 ENGINE = ScipEngine
