@@ -53,7 +53,9 @@ class Model(_modelapi.ModelBase):
     def prepare(self) -> dict[str, int]:
         """Pick the engine and load the model into it without running it.
 
-        Returns what the engine then holds: {"vars", "rows", "nz", "qnz"}.
+        Returns what the engine then holds: {"vars", "rows", "nz", "qnz"}. "nz" counts the linear coefficients of rows,
+        "qnz" the quadratic ones of objective and rows. Clarabel knows rows only: for it bounds and the cones of
+        quadratic rows are rows with coefficients in "nz".
         """
         from tarvopy import solve
 

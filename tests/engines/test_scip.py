@@ -222,3 +222,37 @@ def test_unknown_engine_option_is_named():
     m.params.EngineOptions = {"limits/nonsense": 1}
     with pytest.raises(TarvoError, match="limits/nonsense"):
         m.optimize()
+
+
+def test_optima_that_wrong_fixings_would_take_away():
+    """Found among random models: 7.5 at (0, 0, 1), where SCIP's own settings end with 1.5."""
+    m = silent()
+    b, x, y = m.addVar(vtype="B"), m.addVar(lb=-2, ub=1, vtype="I"), m.addVar(ub=3, vtype="I")
+    m.addConstr(2 * b - 2 * x <= 0)
+    m.addConstr(-b + x - 2 * b * b - 2 * b * x - x * x + y * y <= 1)
+    m.addConstr(-b + 2 * x - b * b + 3 * b * x - 2 * b * y - 2 * x * x + 3 * x * y + y * y <= 1)
+    m.setObjective(
+        -2 * b + 2 * x + 3 * y + b * b + b * x - 2 * x * x + b * y - 3 * x * y + 3 * y * y + 1.5, TRV.MAXIMIZE
+    )
+    m.optimize()
+    assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, pytest.approx(7.5))
+
+
+def test_status_line_shows_incumbent_and_bound(capsys):
+    m, _ = hard()
+    m.params.LogLevel = 1
+    m.params.TimeLimit = 2.5
+    m.optimize()
+    line = capsys.readouterr().out.splitlines()[0]
+    best, bound = (float(line.split(word)[1].split()[0]) for word in (" best ", " bound "))
+    assert bound < best <= 0
+
+
+def test_counts_are_those_of_the_model():
+    m = silent()
+    x, y, z = (m.addVar(vtype="I") for _ in range(3))
+    m.addConstr(x + y + z <= 4)
+    m.addConstr(x * y + 2 * z + x <= 5)
+    m.setObjective(x * x + y)
+    assert m.prepare()["nz"] == 5
+    assert m.prepare()["qnz"] == 2

@@ -40,27 +40,30 @@ def recover(
 ) -> tuple[np.ndarray, np.ndarray, np.ndarray, np.ndarray] | None:
     """(x, rc, pi, qpi) in the model's own sense: multipliers with a dual infeasibility (relative) and complementarity
     (relative to the objective's gradient terms) within `optimality`, and the point they belong to, which is x or one
-    beside it that keeps rows and bounds (relative to their sides) within `feasibility`.
+    beside it; one that keeps the rows (relative to their sides) within `feasibility` where that can be had.
     """
     import numpy as np
 
     _open()
-    for step in range(_STEPS + 1):
+    found = None
+    for _ in range(_STEPS + 1):
         here = _Point.at(problem, x)
         y = here.multipliers()
         if y is None:
-            return None
+            break
         rc = here.reduced_costs(y)
-        if here.proves(y, rc, optimality) and (step == 0 or here.violation() <= feasibility):
-            y *= problem.sense
-            return x, problem.sense * rc, y[: problem.nrows], y[problem.nrows :]
+        precise = here.violation() <= feasibility
+        if here.proves(y, rc, optimality) and (precise or found is None):
+            found = x, problem.sense * rc, problem.sense * y[: problem.nrows], problem.sense * y[problem.nrows :]
+        if found and precise:
+            break
         try:
             x = np.clip(here.newton(problem, y, rc), problem.lb, problem.ub)
         except RuntimeError:  # the factorisation met a zero
-            return None
+            break
         if not np.isfinite(x).all():
-            return None
-    return None
+            break
+    return found
 
 
 @dataclass(frozen=True, slots=True, eq=False)

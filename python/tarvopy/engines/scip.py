@@ -8,8 +8,8 @@ variables) stays here.
 SCIP keeps its tolerances absolute and one for rows and integrality alike. It has no multipliers for nonlinear models:
 for convex continuous ones they are worked out at its point (multipliers.py).
 
-The run is `optimizeNogil` on a thread of its own. What SCIP says while it runs is read from its log, since asking it
-from another thread would meet data that it is changing. Its limit of LP iterations is for each LP, so
+The run is `optimizeNogil` on a thread of its own. What SCIP says while it runs is read from its log
+(scip_log.py). Its limit of LP iterations is for each LP, so
 params.IterationLimit is not passed on.
 """
 
@@ -118,7 +118,7 @@ class ScipEngine:
         self._counts = {
             "vars": model.getNVars(False),
             "rows": model.getNConss(False),
-            "nz": problem.nnz,
+            "nz": problem.nnz + problem.nqlinterms,
             "qnz": problem.nqobj + problem.nqterms,
         }
 
@@ -171,7 +171,7 @@ class ScipEngine:
             "lp/threads": min(params.Threads, 64),
             # SCIP 10.0.2 fixes variables by wrong signs of quadratic rows with products of binaries, and calls what
             # is left optimal (one in 2500 random integer models).
-            "misc/allowstrongdualreds": False,
+            "misc/allowstrongdualreds": not problem.nintegral,
         }
         self._model.resetParams()
         self._model.setParam("misc/catchctrlc", False)
