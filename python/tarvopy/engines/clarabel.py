@@ -290,8 +290,11 @@ class ClarabelEngine:
         return _STATUS.get(str(self._run.result().status), TRV.FAILED)
 
     def refine(self, problem: Problem, params: Parameters) -> bool:
-        """The same with tolerances of a hundredth, shorter steps and less regularisation."""
+        """The same with tolerances of a hundredth, shorter steps and less regularisation. The solver is made anew: one
+        that was told of other costs and sides is still scaled for the old ones.
+        """
         self._begin()
+        self._solver = None
         self._settings = self._with_options(params, _REFINED)
         for name, value in _CAREFUL.items():
             if name not in params.EngineOptions:
