@@ -118,7 +118,8 @@ def status_text(name: str, progress: Progress) -> str:
             if progress.incumbent is not None:
                 gap = abs(progress.bound - progress.incumbent) / max(abs(progress.incumbent), 1e-10)
                 parts.append(f"gap {100 * gap:.3g}%")
-    parts.append(f"iterations {progress.iterations:.0f}")
+    if progress.iterations is not None:
+        parts.append(f"iterations {progress.iterations:.0f}")
     return "  ".join(parts)
 
 

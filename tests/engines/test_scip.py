@@ -122,6 +122,21 @@ def test_multipliers_of_a_quadratic_row():
     assert ball.QPi == pytest.approx(-0.5, abs=1e-4)
 
 
+def test_multipliers_need_highs_but_the_optimum_does_not(monkeypatch):
+    def missing():
+        raise TarvoError(TRV.ERROR_UNSUPPORTED, "The engine HiGHS is not installed")
+
+    monkeypatch.setattr("tarvopy.engines.multipliers._open", missing)
+    m = silent()
+    m.params.Engine = "scip"
+    x = m.addVar(lb=-10, ub=10)
+    m.setObjective(x * x)
+    m.optimize()
+    assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, pytest.approx(0.0, abs=1e-6))
+    with pytest.raises(tarvopy.NoDataError, match="to work them out: The engine HiGHS is not installed"):
+        _ = x.RC
+
+
 def test_semicontinuous_variable_without_end_is_refused_by_name():
     m = silent()
     s, y = m.addVar(lb=2, vtype="S", name="flow"), m.addVar(vtype="I")

@@ -44,7 +44,7 @@ class Progress(NamedTuple):
     """Where a run stands; None where the engine does not say."""
 
     seconds: float
-    iterations: float
+    iterations: float | None
     nodes: float | None
     incumbent: float | None
     bound: float | None

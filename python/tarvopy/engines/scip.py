@@ -209,7 +209,7 @@ class ScipEngine:
     def progress(self) -> Progress:
         said = self._log.figures() if self._log is not None else {}
         figures = (said.get(head) for head in ("node", "primalbound", "dualbound"))
-        return Progress(time.monotonic() - self._began, said.get("LP iter", 0.0), *figures)
+        return Progress(time.monotonic() - self._began, said.get("LP iter"), *figures)
 
     def take_log(self) -> str:
         return self._log.take() if self._log is not None else ""
@@ -279,19 +279,24 @@ class ScipEngine:
             outcome.objval = result["objective"]
             if abs(result["bound"]) < _INFINITY:
                 outcome.bound = result["bound"]
-        self._with_duals = self._multipliers(problem) if outcome.status == TRV.OPTIMAL and outcome.has_x else None
-        outcome.has_duals = self._with_duals is not None
+        self._with_duals = None
+        if outcome.status == TRV.OPTIMAL and outcome.has_x and not problem.nintegral and problem.is_convex:
+            self._add_multipliers(outcome, problem)
         return outcome
 
-    def _multipliers(self, problem: Problem) -> tuple[np.ndarray, ...] | None:
+    def _add_multipliers(self, outcome: Outcome, problem: Problem) -> None:
         """(x, rc, pi, qpi) at the optimum of a convex continuous model, where they hold."""
-        if problem.nintegral or not problem.is_convex:
-            return None
         from tarvopy.check import SLACK
         from tarvopy.engines.multipliers import recover
 
         params = self._params
-        return recover(problem, self._point(problem.nvars), params.FeasibilityTol, SLACK * params.OptimalityTol)
+        try:
+            self._with_duals = recover(
+                problem, self._point(problem.nvars), params.FeasibilityTol, SLACK * params.OptimalityTol
+            )
+        except TarvoError as error:  # what works them out is not installed
+            outcome.no_duals = f"SCIP gives none, and to work them out: {error.message}"
+        outcome.has_duals = self._with_duals is not None
 
     def _point(self, nvars: int) -> np.ndarray:
         import numpy as np
