@@ -17,7 +17,7 @@ void fail_models() {
 }
 
 void fail_nan() {
-    fail(PyExc_ValueError, "NaN is no constant of a constraint");
+    fail(PyExc_ValueError, "NaN is no constant of a constraint or an objective");
 }
 
 void take_numbers(Side &side) {

@@ -183,7 +183,8 @@ TARVOPY_METHOD(model_getRow) {
         need_numpy();
         if (is_quadratic_row(given[0]))
             return quadratic_row(handle, one_row(quadratic_row_ids(handle, given[0])));
-        return linear_row(handle, one_row(row_ids("getRow", handle, given[0])));
+        return linear_row(handle, one_row({handle, given[0], core().Constr, matrix().MConstr,
+                                           "a Constr, MConstr, QConstr or MQConstr"}));
     });
 }
 

@@ -19,6 +19,7 @@ str(report):
 from __future__ import annotations
 
 import math
+import operator
 from dataclasses import dataclass
 from typing import TYPE_CHECKING, Any
 
@@ -118,6 +119,7 @@ class Report:
 
 def make(model: Model, worst: int) -> Report:
     """The report of a model's last solution; NoDataError without one, ValueError for a negative number."""
+    worst = operator.index(worst)
     if worst < 0:
         raise ValueError(f"report() shows 0 or more offenders a figure, not {worst}")
     status = model.Status  # applies what is pending, which may end the solution
@@ -125,6 +127,7 @@ def make(model: Model, worst: int) -> Report:
         why = f"there is no solution to report on (status: {status_word(status)}): call optimize() first"
         raise NoDataError(TRV.ERROR_NO_DATA, why)
     handle, problem = model._cmodel, Problem.of(model._cmodel)
+    worst = min(worst, 2 * (problem.nvars + problem.nrows + problem.nqrows))  # value and multiplier of each
     residuals, has_duals = _residuals(handle)
     return Report(
         model=model.ModelName,

@@ -4,9 +4,11 @@ The models minimise or maximise a random convex form over bounds, rows of every 
 second-order cone; the conditions are worked out here, with NumPy, from the matrices that made the model.
 """
 
+import gc
 import json
 import threading
 import time
+import weakref
 from typing import NamedTuple
 
 import numpy as np
@@ -350,6 +352,18 @@ def test_settings_that_a_solver_has_for_life_change_between_solves(small):
     m.params.EngineOptions = {"direct_solve_method": "none"}
     with pytest.raises(TarvoError, match=r"refuses the options \{'direct_solve_method': 'none'\}"):
         m.optimize()
+
+
+def test_a_model_that_was_not_closed_leaves_nothing_behind():
+    m = tarvopy.Model()
+    m.params.LogLevel = 0
+    x = m.addVar()
+    m.setObjective(x * x - x)
+    m.optimize()
+    engine = weakref.ref(m._engine)
+    del m, x
+    gc.collect()
+    assert engine() is None
 
 
 def test_an_interrupt_comes_through_after_an_iteration():

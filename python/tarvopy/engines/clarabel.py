@@ -227,7 +227,10 @@ class ClarabelEngine:
         if self._settings.verbose:
             solver.print_to_buffer()
         solver.set_termination_callback(self._after_iteration)
-        solution = solver.solve()
+        try:
+            solution = solver.solve()
+        finally:
+            solver.unset_termination_callback()  # the collector sees no cycle through Clarabel's objects
         if self._settings.verbose:
             self._log += solver.get_print_buffer()
         return solution
