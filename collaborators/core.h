@@ -51,6 +51,53 @@ struct QuadExprObject {
     PyObject *vars2;                // list of Var
 };
 
+// What a node of an expression tree does. The operations have the numbers that they have in the store's tapes; Variable
+// comes after them.
+enum class TreeOp : int32_t {
+    Constant,
+    Plus, // of two or more
+    Minus,
+    Multiply,
+    Divide,
+    Pow,
+    Uminus,
+    Square,
+    Sqrt,
+    Exp,
+    Log,
+    Log2,
+    Log10,
+    Sin,
+    Cos,
+    Tan,
+    Tanh,
+    Logistic,
+    Abs,
+    Variable,
+};
+constexpr int tree_op_count = 20;
+
+// A node of an expression tree: immutable, shared freely, outside the collector (a node refers to nodes and variables,
+// and is made after what it refers to). ob_size is the number of children.
+// Leaves, unary and binary nodes take 48 bytes, further children 8 each.
+struct ExprTreeObject {
+    PyObject_VAR_HEAD TreeOp op;
+    union Slot {
+        double number;    // of a Constant, which has one slot and no children
+        PyObject *object; // owned: the Var of a Variable (one slot, no children), else a child, an ExprTreeObject
+    } slots[1];
+
+    Py_ssize_t child_count() const { return ob_base.ob_size; }
+    const ExprTreeObject *child(Py_ssize_t i) const {
+        return reinterpret_cast<const ExprTreeObject *>(slots[i].object);
+    }
+};
+
+// A nonlinear expression: the mutable holder of a tree.
+struct NLExprObject {
+    PyObject_HEAD PyObject *root; // owned, an ExprTreeObject
+};
+
 struct TempConstrObject {
     PyObject_HEAD PyObject *lhs;
     PyObject *sense; // one of the TRV senses, as given
@@ -68,7 +115,7 @@ inline void *import_table(const char *module_name, const char *capsule_name) {
 
 struct CoreApi {
     int version;
-    Py_ssize_t linexpr_size, quadexpr_size;
+    Py_ssize_t linexpr_size, quadexpr_size, exprtree_size, nlexpr_size;
 
     PyTypeObject *Model, *Var, *Constr, *QConstr, *GenConstr, *NLConstr;
     PyTypeObject *LinExpr, *QuadExpr, *TempConstr, *NLExpr, *GenExpr, *ExprTree;
@@ -120,20 +167,40 @@ struct CoreApi {
         PyObject *self); // merges pairs (either order, first occurrence keeps its place and order)
     int (*quadexpr_assign)(PyObject *self, PyObject *other); // self takes over the contents of a copy of other
 
+    // ---- expression trees and NLExpr
+    PyObject *(*tree_constant)(double value); // refuses infinity and NaN
+    // out receives n new leaves; ids has a step in elements. On failure none.
+    int (*tree_variables)(ModelObject *model, int64_t n, const int32_t *ids, int64_t step, PyObject **out);
+    // The tree of a number, Var, LinExpr, QuadExpr or NLExpr; a tree itself.
+    PyObject *(*tree_of)(PyObject *operand);
+    // Lists of the trees of a LinExpr's or QuadExpr's terms, the constant last among the linear ones, which come first.
+    PyObject *(*linexpr_terms)(PyObject *linexpr);
+    PyObject *(*quadexpr_terms)(PyObject *quadexpr);
+    // A node over n trees, as many as the operation takes. A Plus of one is that one, of none the constant 0.
+    PyObject *(*tree_node)(TreeOp op, int64_t n, PyObject *const *children);
+    // count nodes of the same operation and number of children each, which stand node by node. On failure none.
+    int (*tree_nodes)(TreeOp op, int64_t count, int64_t n, PyObject *const *children, PyObject **out);
+    // The value at the last solution.
+    int (*tree_value)(PyObject *tree, double *value);
+    PyObject *(*nlexpr_new)(PyObject *tree);
+    int (*nlexprs)(int64_t count, PyObject *const *trees, PyObject **out); // on failure none
+    int (*nlexpr_set_root)(PyObject *self, PyObject *tree);
+
     // ---- others
     PyObject *(*tempconstr)(PyObject *lhs, PyObject *sense, PyObject *rhs);
 
     static const CoreApi *load() {
         auto *api = static_cast<const CoreApi *>(import_table("tarvopy._core", "tarvopy._core._C_API"));
         if (api && (api->version != current_version || api->linexpr_size != sizeof(LinExprObject) ||
-                    api->quadexpr_size != sizeof(QuadExprObject))) {
+                    api->quadexpr_size != sizeof(QuadExprObject) || api->exprtree_size != sizeof(ExprTreeObject) ||
+                    api->nlexpr_size != sizeof(NLExprObject))) {
             PyErr_SetString(PyExc_ValueError,
                             "tarvopy._core has a layout other than the one this module was built against");
             return nullptr;
         }
         return api;
     }
-    static constexpr int current_version = 2;
+    static constexpr int current_version = 3;
 };
 
 } // namespace tarvopy

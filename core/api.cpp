@@ -1,5 +1,6 @@
 // The functions that the siblings call (collaborators/core.h): each turns this module's exceptions into NULL or -1.
 #include "model_handle.h"
+#include "nlexpr.h"
 #include "quadexpr.h"
 #include "scalars.h"
 
@@ -58,7 +59,7 @@ Operand checked_linear(PyObject *object) {
 
 Operand checked_quadratic(PyObject *object) {
     Operand operand = classify(object);
-    if (operand.kind != OperandKind::Number && !operand.is_expression())
+    if (operand.kind != OperandKind::Number && !operand.is_polynomial())
         fail(PyExc_TypeError, "a number, a Var, a LinExpr or a QuadExpr is needed, not '%.200s'",
              Py_TYPE(object)->tp_name);
     return operand;
@@ -133,6 +134,87 @@ int api_quadexpr_assign(PyObject *self, PyObject *other) {
     return border_status([&] { assign(checked_quadexpr(self), checked_quadratic(other)); });
 }
 
+// ---- expression trees
+
+// Runs make(i) for each element; what was made is dropped again when one fails.
+template <class Make> int fill(int64_t n, PyObject **out, Make make) {
+    int64_t made = 0;
+    int status = border_status([&] {
+        for (; made < n; ++made)
+            out[made] = make(made).release();
+    });
+    while (status < 0 && made > 0)
+        Py_DECREF(out[--made]);
+    return status;
+}
+
+PyObject *api_tree_constant(double value) {
+    return border([&] { return constant_tree(finite_constant(value)); });
+}
+
+int api_tree_variables(ModelObject *model, int64_t n, const int32_t *ids, int64_t step, PyObject **out) {
+    return border_status([&] {
+        scalars_of(model, TRV_VAR, n, ids, step, out);
+        int64_t done = 0;
+        try {
+            for (; done < n; ++done) {
+                Ref leaf = variable_tree(out[done]);
+                Py_SETREF(out[done], leaf.release());
+            }
+        } catch (...) {
+            for (int64_t i = 0; i < n; ++i)
+                Py_DECREF(out[i]);
+            throw;
+        }
+    });
+}
+
+PyObject *api_tree_of(PyObject *operand) {
+    return border([&] { return coerced_tree(operand); });
+}
+
+PyObject *api_linexpr_terms(PyObject *linexpr) {
+    return border([&] {
+        checked_linexpr(linexpr);
+        return term_trees(classify(linexpr));
+    });
+}
+
+PyObject *api_quadexpr_terms(PyObject *quadexpr) {
+    return border([&] {
+        checked_quadexpr(quadexpr);
+        return term_trees(classify(quadexpr));
+    });
+}
+
+PyObject *api_tree_node(TreeOp op, int64_t n, PyObject *const *children) {
+    return border([&] { return checked_node(op, children, n); });
+}
+
+int api_tree_nodes(TreeOp op, int64_t count, int64_t n, PyObject *const *children, PyObject **out) {
+    return fill(count, out, [&](int64_t i) { return checked_node(op, children + i * n, n); });
+}
+
+int api_tree_value(PyObject *tree, double *value) {
+    return border_status([&] { *value = value_of(checked_tree(tree)); });
+}
+
+PyObject *api_nlexpr_new(PyObject *tree) {
+    return border([&] { return make_nlexpr(Ref::borrow(as_object(checked_tree(tree)))); });
+}
+
+int api_nlexprs(int64_t count, PyObject *const *trees, PyObject **out) {
+    return fill(count, out, [&](int64_t i) { return make_nlexpr(Ref::borrow(as_object(checked_tree(trees[i])))); });
+}
+
+int api_nlexpr_set_root(PyObject *self, PyObject *tree) {
+    return border_status([&] {
+        if (!is_nlexpr(self))
+            fail(PyExc_TypeError, "an NLExpr is needed, not '%.200s'", Py_TYPE(self)->tp_name);
+        set_root(as_nlexpr(self), Ref::borrow(as_object(checked_tree(tree))));
+    });
+}
+
 PyObject *api_tempconstr(PyObject *lhs, PyObject *sense, PyObject *rhs) {
     return border([&] { return new_tempconstr(lhs, sense, rhs); });
 }
@@ -145,6 +227,8 @@ void add_api(PyObject *module) {
     api = {.version = CoreApi::current_version,
            .linexpr_size = sizeof(LinExprObject),
            .quadexpr_size = sizeof(QuadExprObject),
+           .exprtree_size = sizeof(ExprTreeObject),
+           .nlexpr_size = sizeof(NLExprObject),
            .Model = state.Model,
            .Var = state.Var,
            .Constr = state.Constr,
@@ -180,6 +264,17 @@ void add_api(PyObject *module) {
            .quadexpr_clear = api_quadexpr_clear,
            .quadexpr_normalize = api_quadexpr_normalize,
            .quadexpr_assign = api_quadexpr_assign,
+           .tree_constant = api_tree_constant,
+           .tree_variables = api_tree_variables,
+           .tree_of = api_tree_of,
+           .linexpr_terms = api_linexpr_terms,
+           .quadexpr_terms = api_quadexpr_terms,
+           .tree_node = api_tree_node,
+           .tree_nodes = api_tree_nodes,
+           .tree_value = api_tree_value,
+           .nlexpr_new = api_nlexpr_new,
+           .nlexprs = api_nlexprs,
+           .nlexpr_set_root = api_nlexpr_set_root,
            .tempconstr = api_tempconstr};
     Ref capsule = check(PyCapsule_New(&api, "tarvopy._core._C_API", nullptr));
     check_status(PyModule_AddObjectRef(module, "_C_API", capsule.get()));

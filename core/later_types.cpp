@@ -1,5 +1,4 @@
-// Types of nonlinear models and general constraints. They exist so that type tests and layouts are settled; nothing
-// makes instances yet.
+// The type of general constraints' expressions. It exists so that type tests are settled; nothing makes instances yet.
 #include "state.h"
 
 namespace tarvopy::core {
@@ -7,7 +6,7 @@ namespace tarvopy::core {
 namespace {
 
 PyObject *refuse(PyTypeObject *type, PyObject *, PyObject *) {
-    PyErr_Format(PyExc_NotImplementedError, "%s is not available yet: models are linear or quadratic", type->tp_name);
+    PyErr_Format(PyExc_NotImplementedError, "%s is not available yet", type->tp_name);
     return nullptr;
 }
 
@@ -20,9 +19,7 @@ PyTypeObject *placeholder(PyObject *module, const char *full_name, int size, con
 } // namespace
 
 void add_later_types(PyObject *module) {
-    state.NLExpr = placeholder(module, "tarvopy.NLExpr", sizeof(PyObject), "NLExpr");
     state.GenExpr = placeholder(module, "tarvopy.GenExpr", sizeof(PyObject), "GenExpr");
-    state.ExprTree = placeholder(module, "tarvopy._ExprTree", sizeof(PyObject), "_ExprTree");
 }
 
 } // namespace tarvopy::core

@@ -191,7 +191,7 @@ void add_terms(LinExprObject *self, PyObject *coeffs, PyObject *vars) {
 }
 
 double value_of(const LinExprObject *self) {
-    std::vector<double> x = solution_of(self->vars);
+    std::vector<double> x = solution_of(items_of(self->vars));
     double value = self->constant;
     for (size_t i = 0; i < x.size(); ++i)
         value += PyFloat_AS_DOUBLE(PyList_GET_ITEM(self->coeffs, static_cast<Py_ssize_t>(i))) * x[i];

@@ -1,5 +1,5 @@
-// tarvopy._core: the scalar objects (model handle, variables, linear and quadratic expressions, constraint handles,
-// comparisons).
+// tarvopy._core: the scalar objects (model handle, variables, linear, quadratic and nonlinear expressions, constraint
+// handles, comparisons).
 #include "state.h"
 
 namespace tarvopy::core {
@@ -44,10 +44,14 @@ void execute(PyObject *module) {
     add_linexpr_type(module);
     add_quadexpr_type(module);
     add_tempconstr_type(module);
+    add_exprtree_type(module);
+    add_nlexpr_type(module);
     add_later_types(module);
+    add_nlfunctions(module);
     add_array_priority(state.Var);
     add_array_priority(state.LinExpr);
     add_array_priority(state.QuadExpr);
+    add_array_priority(state.NLExpr);
     add_api(module);
     initialised = true;
 }
@@ -57,8 +61,9 @@ int module_exec(PyObject *module) {
 }
 
 PyObject *module_counts(PyObject *, PyObject *) {
-    return Py_BuildValue("{s:n,s:n,s:n,s:n}", "Var", counts.vars, "Constr", counts.constrs, "LinExpr", counts.linexprs,
-                         "QuadExpr", counts.quadexprs);
+    return Py_BuildValue("{s:n,s:n,s:n,s:n,s:n,s:n}", "Var", counts.vars, "Constr", counts.constrs, "LinExpr",
+                         counts.linexprs, "QuadExpr", counts.quadexprs, "NLExpr", counts.nlexprs, "_ExprTree",
+                         counts.trees);
 }
 
 PyMethodDef methods[] = {
@@ -72,8 +77,8 @@ PyModuleDef_Slot slots[] = {
 
 PyModuleDef definition = {.m_base = PyModuleDef_HEAD_INIT,
                           .m_name = "tarvopy._core",
-                          .m_doc = "The scalar objects: model handle, variables, linear and quadratic expressions, "
-                                   "constraint handles.",
+                          .m_doc = "The scalar objects: model handle, variables, linear, quadratic and nonlinear "
+                                   "expressions, constraint handles.",
                           .m_size = 0,
                           .m_methods = methods,
                           .m_slots = slots};

@@ -1,5 +1,6 @@
 #include "operators.h"
 
+#include "nlexpr.h"
 #include "pysupport/numbers.h"
 #include "pysupport/numpy.h"
 #include "quadexpr.h"
@@ -30,11 +31,23 @@ Ref not_implemented() {
     return Ref::borrow(Py_NotImplemented);
 }
 
+// A 0-dimensional MNLExpr around a copy, which later changes of the expression do not reach.
+Ref as_nonlinear_matrix(const Ref &module, PyObject *nlexpr) {
+    pysupport::need_numpy();
+    Ref array = check(PyArray_SimpleNew(0, nullptr, NPY_OBJECT));
+    Ref element = make_nlexpr(tree_of({OperandKind::NLExpr, nlexpr}));
+    check_status(PyArray_SETITEM(pysupport::as_array(array),
+                                 static_cast<char *>(PyArray_DATA(pysupport::as_array(array))), element.get()));
+    return check(PyObject_CallMethod(module.get(), "MNLExpr", "O", array.get()));
+}
+
 // A 0-dimensional matrix object of the same value, for what involves arrays.
 Ref as_matrix(const Operand &operand) {
     if (!operand.is_expression())
         return Ref::borrow(operand.object);
     Ref module = check(PyImport_ImportModule("tarvopy._matrixapi"));
+    if (operand.kind == OperandKind::NLExpr)
+        return as_nonlinear_matrix(module, operand.object);
     struct Names {
         const char *cls, *maker;
     };
@@ -63,10 +76,21 @@ PyObject *dispatch(PyObject *a, PyObject *b, Worker worker, General general) {
     });
 }
 
-[[noreturn]] void fail_nonlinear() {
-    fail(PyExc_NotImplementedError, "the result is neither linear nor quadratic (a product of degree above two, a "
-                                    "division by an expression, a power other than 0, 1 and 2); nonlinear expressions "
-                                    "are not supported yet");
+bool any_nonlinear(const Operand &a, const Operand &b) {
+    return a.kind == OperandKind::NLExpr || b.kind == OperandKind::NLExpr;
+}
+
+Ref nonlinear(TreeOp op, const Operand &a, const Operand &b) {
+    Ref left = tree_of(a);
+    return make_nlexpr(binary_node(op, left, tree_of(b)));
+}
+
+// The power 2 is a square.
+Ref power_tree(const Ref &base, const Operand &exponent) {
+    if (exponent.kind != OperandKind::Number)
+        return binary_node(TreeOp::Pow, base, tree_of(exponent));
+    double number = finite_number(exponent.object, "Exponent");
+    return number == 2.0 ? unary_node(TreeOp::Square, base) : binary_node(TreeOp::Pow, base, constant_tree(number));
 }
 
 bool any_quadratic(const Operand &a, const Operand &b) {
@@ -74,6 +98,8 @@ bool any_quadratic(const Operand &a, const Operand &b) {
 }
 
 Ref sum(const Operand &a, const Operand &b, double mult) {
+    if (any_nonlinear(a, b))
+        return nonlinear(mult > 0 ? TreeOp::Plus : TreeOp::Minus, a, b);
     return any_quadratic(a, b) ? quad_sum(a, b, mult) : sum_of(a, b, mult);
 }
 
@@ -83,6 +109,8 @@ Ref scaled_any(const Operand &operand, const Scaling &scaling) {
 
 // A variable cannot change, an expression can.
 Ref copied(const Operand &operand) {
+    if (operand.kind == OperandKind::NLExpr)
+        return make_nlexpr(tree_of(operand));
     return operand.kind == OperandKind::Var ? Ref::borrow(operand.object) : scaled_any(operand, {1.0, false});
 }
 
@@ -96,30 +124,31 @@ Ref subtract(const Operand &a, const Operand &b) {
 Ref multiply(const Operand &a, const Operand &b) {
     if (a.is_linear() && b.is_linear())
         return product_of(a, b);
-    if (a.is_expression() && b.is_expression())
-        fail_nonlinear();
+    if (any_nonlinear(a, b) || (a.is_expression() && b.is_expression()))
+        return nonlinear(TreeOp::Multiply, a, b);
     const Operand &expression = a.is_expression() ? a : b;
     double factor = finite_number((a.is_expression() ? b : a).object, "Multiplier");
     return scaled_any(expression, {factor, false});
 }
 
 Ref divide(const Operand &a, const Operand &b) {
-    if (b.is_expression())
-        fail_nonlinear();
+    if (b.is_expression() || a.kind == OperandKind::NLExpr)
+        return nonlinear(TreeOp::Divide, a, b);
     return scaled_any(a, divisor(b.object));
 }
 
 Ref power(const Operand &a, const Operand &b) {
-    if (b.is_expression())
-        fail_nonlinear();
-    double exponent = finite_number(b.object, "Exponent");
+    if (b.kind != OperandKind::Number || a.kind == OperandKind::NLExpr)
+        return make_nlexpr(power_tree(tree_of(a), b));
+    Ref number = check(PyFloat_FromDouble(finite_number(b.object, "Exponent")));
+    double exponent = PyFloat_AS_DOUBLE(number.get());
     if (exponent == 0.0)
         return empty_linexpr(1.0);
     if (exponent == 1.0)
         return copied(a);
-    if (exponent == 2.0)
-        return multiply(a, a);
-    fail_nonlinear();
+    if (exponent == 2.0 && a.is_linear())
+        return product_of(a, a);
+    return make_nlexpr(power_tree(tree_of(a), {OperandKind::Number, number.get()}));
 }
 
 PyObject *power_of_two_operands(PyObject *a, PyObject *b) {
@@ -139,12 +168,6 @@ PyObject *sense_of(int comparison) {
     }
 }
 
-// Expression types of higher degree: a comparison with one is a constraint too.
-bool is_higher_expression(PyObject *object) {
-    PyTypeObject *type = Py_TYPE(object);
-    return type == state.NLExpr || type == state.GenExpr;
-}
-
 Ref unequal(PyObject *a, PyObject *b) {
     if (is_var(a) && is_var(b))
         return Ref::borrow(a == b ? Py_False : Py_True);
@@ -152,7 +175,7 @@ Ref unequal(PyObject *a, PyObject *b) {
 }
 
 Ref compare(PyObject *a, PyObject *b, int comparison) {
-    if (classify(b).kind == OperandKind::Foreign && !is_higher_expression(b))
+    if (classify(b).kind == OperandKind::Foreign && Py_TYPE(b) != state.GenExpr) // y == genfunc.max(...)
         return not_implemented();
     if (comparison == Py_NE)
         return unequal(a, b);
@@ -166,7 +189,7 @@ template <class Work> PyObject *in_place(PyObject *a, PyObject *b, bool numbers_
     return border([&] {
         Operand other = classify(b);
         bool quadratic = is_quadexpr(a);
-        bool takes = !numbers_only && (quadratic ? other.is_expression() : other.is_linear());
+        bool takes = !numbers_only && (quadratic ? other.is_polynomial() : other.is_linear());
         if (other.kind != OperandKind::Number && !takes)
             return not_implemented();
         if (quadratic)
@@ -174,6 +197,24 @@ template <class Work> PyObject *in_place(PyObject *a, PyObject *b, bool numbers_
         else
             work(as_linexpr(a), other);
         return Ref::borrow(a);
+    });
+}
+
+// self is an NLExpr, which takes every scalar in; the tree is built before the holder changes, on what it holds then.
+template <class Build> PyObject *change_tree(PyObject *self, PyObject *b, Build build) {
+    return border([&] {
+        Operand other = classify(b);
+        if (other.kind == OperandKind::Foreign || other.kind == OperandKind::Array)
+            return not_implemented();
+        set_root(as_nlexpr(self), build(other));
+        return Ref::borrow(self);
+    });
+}
+
+PyObject *change_by(TreeOp op, PyObject *self, PyObject *b) {
+    return change_tree(self, b, [&](const Operand &other) {
+        Ref right = tree_of(other); // may run a number's __float__, hence before the root is looked at
+        return binary_node(op, Ref::borrow(as_nlexpr(self)->root), right);
     });
 }
 
@@ -187,6 +228,8 @@ Operand classify(PyObject *object) {
         kind = OperandKind::LinExpr;
     else if (is_quadexpr(object))
         kind = OperandKind::QuadExpr;
+    else if (is_nlexpr(object))
+        kind = OperandKind::NLExpr;
     else if (pysupport::is_number(object))
         kind = OperandKind::Number;
     else if (pysupport::is_array(object) || is_sparse(object))
@@ -223,7 +266,11 @@ PyObject *operator_power(PyObject *a, PyObject *b, PyObject *modulus) {
 }
 
 PyObject *operator_negative(PyObject *a) {
-    return border([&] { return scaled_any(classify(a), {-1.0, false}); });
+    return border([&] {
+        Operand operand = classify(a);
+        return operand.kind == OperandKind::NLExpr ? make_nlexpr(unary_node(TreeOp::Uminus, tree_of(operand)))
+                                                   : scaled_any(operand, {-1.0, false});
+    });
 }
 
 PyObject *operator_positive(PyObject *a) {
@@ -250,6 +297,25 @@ PyObject *operator_inplace_multiply(PyObject *a, PyObject *b) {
 
 PyObject *operator_inplace_divide(PyObject *a, PyObject *b) {
     return in_place(a, b, true, [](auto *self, const Operand &other) { scale(self, divisor(other.object)); });
+}
+
+PyObject *nonlinear_inplace_add(PyObject *a, PyObject *b) {
+    return change_by(TreeOp::Plus, a, b);
+}
+PyObject *nonlinear_inplace_subtract(PyObject *a, PyObject *b) {
+    return change_by(TreeOp::Minus, a, b);
+}
+PyObject *nonlinear_inplace_multiply(PyObject *a, PyObject *b) {
+    return change_by(TreeOp::Multiply, a, b);
+}
+PyObject *nonlinear_inplace_divide(PyObject *a, PyObject *b) {
+    return change_by(TreeOp::Divide, a, b);
+}
+
+PyObject *nonlinear_inplace_power(PyObject *a, PyObject *b, PyObject *) {
+    return change_tree(a, b, [&](const Operand &exponent) {
+        return power_tree(Ref::borrow(as_nlexpr(a)->root), exponent);
+    });
 }
 
 } // namespace tarvopy::core

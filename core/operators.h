@@ -1,30 +1,32 @@
-// The operators of Var, LinExpr and QuadExpr: one dispatch for all, since any may stand on either side.
+// The operators of Var, LinExpr, QuadExpr and NLExpr: one dispatch for all, since any may stand on either side.
 //
 // What meets a variable or an expression is one of
 //   Number          2.0, np.float64(2)       -> the degree stays
 //   Var, LinExpr                             -> sums LinExpr, products QuadExpr
 //   QuadExpr                                 -> sums QuadExpr
-//   Array           ndarray, SciPy matrix    -> the scalar becomes a 0-dimensional MVar, MLinExpr or MQuadExpr, and the
-//                                               matrix classes go on
+//   NLExpr                                   -> NLExpr
+//   Array           ndarray, SciPy matrix    -> the scalar becomes a 0-dimensional MVar, MLinExpr, MQuadExpr or MNLExpr,
+//                                               and the matrix classes go on
 //   Foreign         everything else          -> NotImplemented, so that the other object's reflected operator is asked
 //                                               (MVar, MLinExpr, ...)
 // The type alone gives the degree: a QuadExpr times a LinExpr is of degree three, whatever they hold. What is of a
-// degree above two, divisions by expressions and other powers raise NotImplementedError: those expressions have types,
-// but no contents yet.
+// degree above two, divisions by expressions and powers other than 0, 1 and 2 are NLExpr, made of one node over the
+// operands' trees: nothing is multiplied out or simplified, but for the power 2, which is a square.
 #pragma once
 
 #include "state.h"
 
 namespace tarvopy::core {
 
-enum class OperandKind { Number, Var, LinExpr, QuadExpr, Array, Foreign };
+enum class OperandKind { Number, Var, LinExpr, QuadExpr, NLExpr, Array, Foreign };
 
 struct Operand {
     OperandKind kind;
     PyObject *object; // borrowed
 
     bool is_linear() const { return kind == OperandKind::Var || kind == OperandKind::LinExpr; }
-    bool is_expression() const { return is_linear() || kind == OperandKind::QuadExpr; }
+    bool is_polynomial() const { return is_linear() || kind == OperandKind::QuadExpr; }
+    bool is_expression() const { return is_polynomial() || kind == OperandKind::NLExpr; }
 };
 
 Operand classify(PyObject *object);
@@ -47,7 +49,14 @@ PyObject *operator_inplace_subtract(PyObject *a, PyObject *b);
 PyObject *operator_inplace_multiply(PyObject *a, PyObject *b);
 PyObject *operator_inplace_divide(PyObject *a, PyObject *b);
 
-// Slots of Var, LinExpr and QuadExpr, for their type specifications.
+// On NLExpr only; any scalar operand on the right.
+PyObject *nonlinear_inplace_add(PyObject *a, PyObject *b);
+PyObject *nonlinear_inplace_subtract(PyObject *a, PyObject *b);
+PyObject *nonlinear_inplace_multiply(PyObject *a, PyObject *b);
+PyObject *nonlinear_inplace_divide(PyObject *a, PyObject *b);
+PyObject *nonlinear_inplace_power(PyObject *a, PyObject *b, PyObject *modulus);
+
+// Slots of Var, LinExpr, QuadExpr and NLExpr, for their type specifications.
 #define TARVOPY_OPERATOR_SLOTS                                                                                         \
     {Py_nb_add, slot(operator_add)}, {Py_nb_subtract, slot(operator_subtract)},                                        \
         {Py_nb_multiply, slot(operator_multiply)}, {Py_nb_true_divide, slot(operator_divide)},                         \

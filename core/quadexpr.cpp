@@ -15,7 +15,7 @@ namespace {
 
 Operand quadratic_operand(PyObject *object, const char *function) {
     Operand operand = classify(object);
-    if (operand.kind != OperandKind::Number && !operand.is_expression())
+    if (operand.kind != OperandKind::Number && !operand.is_polynomial())
         fail(PyExc_TypeError, "%.200s takes a number, a Var, a LinExpr or a QuadExpr, not '%.200s'", function,
              Py_TYPE(object)->tp_name);
     return operand;
@@ -204,7 +204,7 @@ void add_terms(QuadExprObject *self, PyObject *coeffs, PyObject *vars1, PyObject
 }
 
 double value_of(const QuadExprObject *self) {
-    std::vector<double> x = solution_of(self->vars1), y = solution_of(self->vars2);
+    std::vector<double> x = solution_of(items_of(self->vars1)), y = solution_of(items_of(self->vars2));
     double value = self->linear ? value_of(as_linexpr(self->linear)) : 0.0;
     for (size_t i = 0; i < x.size(); ++i)
         value += PyFloat_AS_DOUBLE(PyList_GET_ITEM(self->coeffs, static_cast<Py_ssize_t>(i))) * x[i] * y[i];

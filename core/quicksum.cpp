@@ -1,4 +1,5 @@
 // quicksum(iterable): a sum in one pass that accumulates in place.
+#include "nlexpr.h"
 #include "quadexpr.h"
 
 namespace tarvopy::core {
@@ -34,25 +35,46 @@ void add_scalar(Ref &total, const Operand &operand) {
         add_to(as_linexpr(total), operand, 1.0);
 }
 
+// Scalars: numbers, linear and quadratic terms in `polynomial`, the trees of nonlinear ones beside it, so that a sum of
+// n nonlinear expressions is one node and not n.
+struct ScalarSum {
+    Ref polynomial = empty_linexpr(0.0);
+    std::vector<Ref> trees;
+
+    void add(const Operand &operand) {
+        if (operand.kind == OperandKind::NLExpr)
+            trees.push_back(tree_of(operand));
+        else
+            add_scalar(polynomial, operand);
+    }
+    Ref total() const {
+        if (trees.empty())
+            return polynomial;
+        Ref terms = term_trees(classify(polynomial.get()));
+        std::vector<PyObject *> all(items_of(terms.get()).begin(), items_of(terms.get()).end());
+        for (const Ref &tree : trees)
+            all.push_back(tree.get());
+        return make_nlexpr(sum_tree(all));
+    }
+};
+
 } // namespace
 
 PyObject *quicksum(PyObject *, PyObject *iterable) {
     return border([&] {
         Ref items = check(PyObject_GetIter(iterable));
-        Ref total = empty_linexpr(0.0);
-        bool scalar = true;
+        ScalarSum scalars;
+        Ref total; // once matrix objects are among them
         while (Ref item = Ref::steal(PyIter_Next(items.get()))) {
-            Operand operand = scalar ? classify(item.get()) : Operand{OperandKind::Foreign, item.get()};
-            if (operand.kind == OperandKind::Number || operand.is_expression()) {
-                add_scalar(total, operand);
-            } else {
-                total = add_general(total, item.get(), !scalar);
-                scalar = false;
-            }
+            Operand operand = total ? Operand{OperandKind::Foreign, item.get()} : classify(item.get());
+            if (operand.kind == OperandKind::Number || operand.is_expression())
+                scalars.add(operand);
+            else
+                total = total ? add_general(total, item.get(), true) : add_general(scalars.total(), item.get(), false);
         }
         if (PyErr_Occurred())
             throw PythonError{};
-        return total;
+        return total ? total : scalars.total();
     });
 }
 

@@ -26,7 +26,7 @@ extern State state;
 
 // Living objects, for tests that promise that none are made.
 struct Counts {
-    Py_ssize_t vars, constrs, linexprs, quadexprs;
+    Py_ssize_t vars, constrs, linexprs, quadexprs, trees, nlexprs;
 };
 extern Counts counts;
 
@@ -42,6 +42,12 @@ inline bool is_linexpr(PyObject *object) {
 
 inline bool is_quadexpr(PyObject *object) {
     return Py_TYPE(object) == state.QuadExpr;
+}
+inline bool is_nlexpr(PyObject *object) {
+    return Py_TYPE(object) == state.NLExpr;
+}
+inline bool is_tree(PyObject *object) {
+    return Py_TYPE(object) == state.ExprTree;
 }
 
 // The slots of a type specification hold void pointers for functions too.
@@ -75,6 +81,9 @@ void add_scalar_types(PyObject *module);
 void add_linexpr_type(PyObject *module);
 void add_quadexpr_type(PyObject *module);
 void add_tempconstr_type(PyObject *module);
+void add_exprtree_type(PyObject *module);
+void add_nlexpr_type(PyObject *module);
+void add_nlfunctions(PyObject *module);
 void add_later_types(PyObject *module);
 void add_api(PyObject *module);
 

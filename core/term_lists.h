@@ -104,7 +104,8 @@ Ref coefficients_given(PyObject *coeffs, Py_ssize_t n);
 // " + 2.0" or " - 2.0"; the first number of a text without the spaces.
 void append_signed(std::string &text, double value);
 Ref text_object(const std::string &utf8);
-// The solution's values of the variables of a list.
-std::vector<double> solution_of(PyObject *vars);
+std::string number_text(double value); // as Python writes a float
+// The solution's values of variables.
+std::vector<double> solution_of(Items vars);
 
 } // namespace tarvopy::core

@@ -7,8 +7,6 @@
 
 namespace tarvopy::core {
 
-namespace {
-
 std::string number_text(double value) {
     char *digits = PyOS_double_to_string(value, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);
     if (!digits)
@@ -17,8 +15,6 @@ std::string number_text(double value) {
     PyMem_Free(digits);
     return text;
 }
-
-} // namespace
 
 void append_signed(std::string &text, double value) {
     if (text.empty()) {
@@ -33,8 +29,7 @@ Ref text_object(const std::string &utf8) {
     return check(PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), "replace"));
 }
 
-std::vector<double> solution_of(PyObject *vars) {
-    Items items = items_of(vars);
+std::vector<double> solution_of(Items items) {
     std::vector<int32_t> ids;
     std::vector<double> x(items.size());
     // One call to the store for each run of variables of one model; nearly always there is one.

@@ -10,7 +10,8 @@ namespace tarvopy::modelapi {
     else if (pysupport::is_array(object) && PyArray_TYPE(pysupport::as_array(object)) == NPY_BOOL)
         advice = "NumPy has evaluated the comparison already, so no variable took part in it";
     else if (PyObject_TypeCheck(object, core().LinExpr) || PyObject_TypeCheck(object, matrix().MLinExpr) ||
-             PyObject_TypeCheck(object, core().QuadExpr) || PyObject_TypeCheck(object, matrix().MQuadExpr))
+             PyObject_TypeCheck(object, core().QuadExpr) || PyObject_TypeCheck(object, matrix().MQuadExpr) ||
+             PyObject_TypeCheck(object, core().NLExpr))
         advice = "an expression alone is no constraint: compare it with <=, >= or ==";
     else if (PyList_Check(object) || PyTuple_Check(object))
         advice = "add the comparisons one at a time, or compare arrays";

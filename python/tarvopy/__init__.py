@@ -39,20 +39,24 @@ _HOMES = {
 
 _HOMES["quicksum"] = _HOMES.pop("_quicksum")  # native, and public under this name only
 
-__all__ = ["inf", *_HOMES]
+_MODULES = ("nlfunc",)
+
+__all__ = ["inf", *_HOMES, *_MODULES]
 
 
 def __getattr__(name: str) -> Any:
+    from importlib import import_module
+
+    if name in _MODULES:
+        return import_module(f"tarvopy.{name}")
     try:
         module = _HOMES[name]
     except KeyError:
         raise AttributeError(f"module 'tarvopy' has no attribute {name!r}") from None
-    from importlib import import_module
-
     value = getattr(import_module(module), "_quicksum" if name == "quicksum" else name)
     globals()[name] = value
     return value
 
 
 def __dir__() -> list[str]:
-    return sorted({*globals(), *_HOMES})
+    return sorted({*globals(), *_HOMES, *_MODULES})

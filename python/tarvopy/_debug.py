@@ -6,8 +6,8 @@ from tarvopy import _core
 
 
 def counts() -> dict[str, int]:
-    """How many ``Var``, ``Constr``, ``LinExpr`` and ``QuadExpr`` objects are alive in this process; what only cycles
-    keep is collected first.
+    """How many objects of the scalar types that are made in bulk are alive in this process, by type name; what only
+    cycles keep is collected first.
     """
     gc.collect()
     return _core._counts()

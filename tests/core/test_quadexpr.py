@@ -168,8 +168,8 @@ def test_in_place_operators_change_the_object_where_it_can_hold_the_result():
     other *= Y
     other **= 1
     assert str(other) == "1.0 C0*C1 + 1.0 C1"
-    with pytest.raises(NotImplementedError):
-        other *= X
+    other *= X
+    assert str(other) == "(C1 + C0 * C1) * C0"
 
 
 def test_an_expression_can_be_added_to_itself_and_to_its_linear_part():
@@ -519,8 +519,8 @@ def test_expressions_leave_nothing_behind():
         expr += expr
         expr *= 0.5
         expr.clear()
-        for failing in (lambda e=expr: e * e, lambda e=expr: e + "a", lambda e=expr: e + math.nan):
-            with pytest.raises((NotImplementedError, TypeError, TarvoError)):
+        for failing in (lambda e=expr: e * math.inf, lambda e=expr: e + "a", lambda e=expr: e + math.nan):
+            with pytest.raises((TypeError, TarvoError)):
                 failing()
         expr = (X + 1) ** 2
         str(expr)

@@ -164,4 +164,4 @@ def test_handles_refuse_pickling_subclassing_and_making(model):
     with pytest.raises(AttributeError):
         x.note = 1
     with pytest.raises(NotImplementedError):
-        _core.NLExpr()
+        _core.GenExpr()
