@@ -35,8 +35,7 @@ void append_linear(Trees &trees, const Operand &operand) {
 void append_quadratic(Trees &trees, const Operand &operand) {
     QuadTerms terms = quad_terms_of(operand);
     for (size_t i = 0; i < terms.coeffs.size(); ++i)
-        trees.push_back(
-            scaled_tree(PyFloat_AS_DOUBLE(terms.coeffs[i]), product_tree(terms.vars1[i], terms.vars2[i])));
+        trees.push_back(scaled_tree(PyFloat_AS_DOUBLE(terms.coeffs[i]), product_tree(terms.vars1[i], terms.vars2[i])));
 }
 
 // The linear part first: the matrix classes keep it apart and read it first, and both ways must give the same trees.

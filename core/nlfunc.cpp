@@ -9,10 +9,8 @@ namespace {
 struct MatrixForm {
     const char *cls, *maker; // maker: the class method of MNLExpr that takes the class; NULL for an MNLExpr itself
 };
-constexpr MatrixForm matrix_forms[] = {{"MVar", "_from_mvar"},
-                                       {"MLinExpr", "_from_mlinexpr"},
-                                       {"MQuadExpr", "_from_mquadexpr"},
-                                       {"MNLExpr", nullptr}};
+constexpr MatrixForm matrix_forms[] = {
+    {"MVar", "_from_mvar"}, {"MLinExpr", "_from_mlinexpr"}, {"MQuadExpr", "_from_mquadexpr"}, {"MNLExpr", nullptr}};
 
 bool is_instance(PyObject *object, const Ref &module, const char *cls_name) {
     Ref cls = check(PyObject_GetAttrString(module.get(), cls_name));
@@ -56,11 +54,9 @@ template <TreeOp op> PyObject *apply(PyObject *, PyObject *object) {
 }
 
 #define TARVOPY_NLFUNCTION(Name, name, meaning)                                                                        \
-    {                                                                                                                  \
-        name, apply<TreeOp::Name>, METH_O,                                                                             \
-            name "(x, /)\n--\n\n" meaning " of a number, variable or expression, scalar or matrix, as a nonlinear "    \
-                 "expression: NLExpr, or elementwise MNLExpr of the same shape."                                       \
-    }
+    {name, apply<TreeOp::Name>, METH_O,                                                                                \
+     name "(x, /)\n--\n\n" meaning " of a number, variable or expression, scalar or matrix, as a nonlinear "           \
+          "expression: NLExpr, or elementwise MNLExpr of the same shape."}
 
 PyMethodDef functions[] = {
     TARVOPY_NLFUNCTION(Exp, "exp", "e to the power"),

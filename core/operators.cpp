@@ -313,9 +313,8 @@ PyObject *nonlinear_inplace_divide(PyObject *a, PyObject *b) {
 }
 
 PyObject *nonlinear_inplace_power(PyObject *a, PyObject *b, PyObject *) {
-    return change_tree(a, b, [&](const Operand &exponent) {
-        return power_tree(Ref::borrow(as_nlexpr(a)->root), exponent);
-    });
+    return change_tree(a, b,
+                       [&](const Operand &exponent) { return power_tree(Ref::borrow(as_nlexpr(a)->root), exponent); });
 }
 
 } // namespace tarvopy::core

@@ -5,7 +5,8 @@
 //   Var, LinExpr                             -> sums LinExpr, products QuadExpr
 //   QuadExpr                                 -> sums QuadExpr
 //   NLExpr                                   -> NLExpr
-//   Array           ndarray, SciPy matrix    -> the scalar becomes a 0-dimensional MVar, MLinExpr, MQuadExpr or MNLExpr,
+//   Array           ndarray, SciPy matrix    -> the scalar becomes a 0-dimensional MVar, MLinExpr, MQuadExpr or
+//   MNLExpr,
 //                                               and the matrix classes go on
 //   Foreign         everything else          -> NotImplemented, so that the other object's reflected operator is asked
 //                                               (MVar, MLinExpr, ...)

@@ -364,7 +364,7 @@ class _ExprTree:
 
     @property
     def op(self) -> str:
-        """"constant", "variable", "plus" (two or more operands), "minus", "multiply", "divide", "pow", "uminus",
+        """ "constant", "variable", "plus" (two or more operands), "minus", "multiply", "divide", "pow", "uminus",
         "square", or the name of a function of `tarvopy.nlfunc`."""
 
     @property
