@@ -1,8 +1,7 @@
 /* tarvo.h: the model store, libtarvo140, behind a C interface.
  *
- * A TRVmodel keeps variables (columns), linear and quadratic rows, the objective, what is pending, attributes and the
- * last solution.
- * It knows nothing of Python and of any engine.
+ * A TRVmodel keeps variables (columns), linear, quadratic and nonlinear rows, the objective, what is pending,
+ * attributes and the last solution. It knows nothing of Python and of any engine.
  *
  *   TRVmodel *m;  int32_t x;
  *   TRVnewmodel("diet", &m);
@@ -169,6 +168,76 @@ typedef struct TRVqrows {
 TRV_API int TRVaddqrows(TRVmodel *model, int64_t nrows, const TRVqrows *rows, const char *sense, int sensestep,
                         const double *rhs, int rhsstep, const TRVnames *names, int32_t *firstid);
 
+/* Nonlinear functions are tapes: expressions in postfix order, one int32 an entry, constants beside them.
+ *   v >= 0          the variable with id v
+ *   TRV_NLOP(op)    an operation on what stands before it; TRV_NL_CONSTANT takes the next number of the constants
+ *   TRV_NLSUM(n)    the sum of the n expressions before it, 1 <= n <= TRV_NL_MAXSUM
+ * So 2*sin(x*y) + z is the tape  CONSTANT x y MULTIPLY SIN MULTIPLY z SUM(2)  with the constant 2: 8 entries, 40 bytes.
+ * LOG is the natural logarithm, LOGISTIC(u) is 1 / (1 + exp(-u)), POW and DIVIDE take the left operand first. */
+enum {
+    TRV_NL_CONSTANT = 0,
+    TRV_NL_SUM = 1,
+    TRV_NL_MINUS = 2,
+    TRV_NL_MULTIPLY = 3,
+    TRV_NL_DIVIDE = 4,
+    TRV_NL_POW = 5,
+    TRV_NL_UMINUS = 6,
+    TRV_NL_SQUARE = 7,
+    TRV_NL_SQRT = 8,
+    TRV_NL_EXP = 9,
+    TRV_NL_LOG = 10,
+    TRV_NL_LOG2 = 11,
+    TRV_NL_LOG10 = 12,
+    TRV_NL_SIN = 13,
+    TRV_NL_COS = 14,
+    TRV_NL_TAN = 15,
+    TRV_NL_TANH = 16,
+    TRV_NL_LOGISTIC = 17,
+    TRV_NL_ABS = 18,
+    TRV_NL_OPERATIONS = 19 /* how many there are */
+};
+#define TRV_NL_MAXSUM 67108863 /* 2^26 - 1 */
+#define TRV_NLOP(op) (~(op))
+#define TRV_NLSUM(n) (~(TRV_NL_SUM | (n) << 5))
+
+/* Nonlinear rows: lower[i] <= sum coef[k] * var[k], k in ptr[i] .. ptr[i+1],
+ *                           + the tape code[k], k in codeptr[i] .. codeptr[i+1] <= upper[i]
+ * The constants of all tapes stand one after the other in the order in which they are taken, nconstants in all. ptr or
+ * codeptr NULL: no such terms; a row may lack a tape. Linear terms are tidied as those of linear rows are. Everything
+ * is copied.
+ *
+ * Refused with the row named, before anything changes: a tape that takes what is not there or leaves more than one
+ * value, unknown operations, removed variables, constants that are not finite, and parts made of constants alone
+ * that have no finite value (the logarithm of what is not positive, a broken power of what is negative, an overflow);
+ * a division by such a part that is 0.
+ *
+ * A variable that stands in the tape of a row or of the objective cannot be removed before these are: a tape has no
+ * term that could go with it. Linear terms go with their variables. */
+typedef struct TRVnlrows {
+    const int64_t *ptr;
+    const int32_t *var;
+    const double *coef;
+    const int64_t *codeptr;
+    const int32_t *code;
+    int64_t nconstants;
+    const double *constant;
+} TRVnlrows;
+TRV_API int TRVaddnlrows(TRVmodel *model, int64_t nrows, const TRVnlrows *rows, const double *lower, int lowerstep,
+                         const double *upper, int upperstep, const TRVnames *names, int32_t *firstid);
+
+/* One tape. */
+typedef struct TRVnltape {
+    int64_t ncodes;
+    const int32_t *code;
+    int64_t nconstants;
+    const double *constant;
+} TRVnltape;
+/* As TRVsetqobjective, with a tape that is added to the other terms. The other two functions that replace the objective
+ * drop the tape. */
+TRV_API int TRVsetnlobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, int64_t nq,
+                              const int32_t *var1, const int32_t *var2, const double *qcoef, const TRVnltape *tape,
+                              double constant, int sense);
+
 /* Pending elements are gone at once, those in the model at the next update: until then they can be read and set, but
  * new terms over such variables are refused. Removing what is removed or marked already is fine
  * (NOT_IN_MODEL only for ids that never were). */
@@ -239,6 +308,11 @@ TRV_API int TRVgetqrow(TRVmodel *model, int32_t qrow, TRVqrows *row);
 /* The quadratic terms of the objective in stored order, var1 <= var2 in each; the linear ones are Obj. */
 TRV_API int TRVgetqobjective(TRVmodel *model, int64_t *nq, const int32_t **var1, const int32_t **var2,
                              const double **qcoef);
+/* A nonlinear row's terms and tape (ptr and codeptr point to the row's two bounds, constant to its own constants, whose
+ * number is nconstants). Pointers into the store, valid until the next change. Pending rows too. */
+TRV_API int TRVgetnlrow(TRVmodel *model, int32_t nlrow, TRVnlrows *row);
+/* The objective's tape, empty where there is none. */
+TRV_API int TRVgetnlobjective(TRVmodel *model, TRVnltape *tape);
 /* One coefficient for each pair; a missing one reads 0. */
 TRV_API int TRVgetcoefs(TRVmodel *model, int64_t n, const int32_t *rows, const int32_t *vars, double *out);
 /* Acts at once, all or none; 0 takes the term away; of repeated pairs the last one wins. */
@@ -264,6 +338,10 @@ typedef struct TRVdata {
     int64_t nqlinterms;  /* linear terms in quadratic rows */
     const char *qsense;  /* '<' '>' '=' */
     const double *qrhs;  /* +-INFINITY for none */
+    int32_t nnlrows;     /* nonlinear rows */
+    int64_t nnlcodes;    /* entries of their tapes */
+    int64_t nnlobj;      /* entries of the objective's tape */
+    const double *nllower, *nlupper; /* of nonlinear rows, +-INFINITY for none */
 } TRVdata;
 TRV_API int TRVgetdata(TRVmodel *model, TRVdata *data);
 
@@ -303,16 +381,25 @@ TRV_API int TRVgethessian(TRVmodel *model, TRVmatrix *upper);
  * store, valid until its next change. Elsewhere start is NULL. */
 TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
 
+/* The activities of the nonlinear rows (by position) at x (by position of variables). What is not defined there is NaN
+ * or infinite. */
+TRV_API int TRVevalnlrows(TRVmodel *model, const double *x, double *activity);
+/* The gradients at x, by reverse differentiation in one pass: the Jacobian of the nonlinear rows by rows, and as one
+ * more row at the end the gradient of the whole objective. Every variable that occurs has an entry, also where it is 0,
+ * linear terms first, in no order otherwise. Where abs has no derivative, at 0, 0 is taken. Give back with
+ * TRVfreematrix. */
+TRV_API int TRVgetnljacobian(TRVmodel *model, const double *x, TRVmatrix *matrix);
+
 /* ---- curvature ------------------------------------------------------------------------------------------ */
-/* Whether quadratic parts are convex, decided by a sparse factorisation with a small shift: a matrix counts as positive
- * semidefinite where it is so with 1e-8 times its own diagonal added. Where the factor would take gigabytes or minutes,
- * an estimate of the smallest eigenvalue decides. Objective: in the model's own sense (a concave one that is maximised
- * is CONVEX). Rows: the set that a row describes; one without an rhs is CONVEX, an equation with quadratic terms
- * NONCONVEX. CONE is a row that is no convex function but a second-order cone: squares (and a constant) on one side,
- * the square of a variable, or the product of two, that bounds keep from changing sign on the other, and no linear
- * terms. ROUNDED is an objective that is convex but for the rounding of its
- * coefficients, which all end with the same decimal digit q (1e-9 to 1e-5 of the largest square): with q times the root
- * of the number of variables added. */
+/* Of the linear and quadratic parts; nobody looks at tapes. Whether quadratic parts are convex, decided by a sparse
+ * factorisation with a small shift: a matrix counts as positive semidefinite where it is so with 1e-8 times its own
+ * diagonal added. Where the factor would take gigabytes or minutes, an estimate of the smallest eigenvalue decides.
+ * Objective: in the model's own sense (a concave one that is maximised is CONVEX). Rows: the set that a row describes;
+ * one without an rhs is CONVEX, an equation with quadratic terms NONCONVEX. CONE is a row that is no convex function
+ * but a second-order cone: squares (and a constant) on one side, the square of a variable, or the product of two, that
+ * bounds keep from changing sign on the other, and no linear terms. ROUNDED is an objective that is convex but for the
+ * rounding of its coefficients, which all end with the same decimal digit q (1e-9 to 1e-5 of the largest square): with
+ * q times the root of the number of variables added. */
 enum { TRV_CURVE_LINEAR = 0, TRV_CURVE_CONVEX = 1, TRV_CURVE_CONE = 2, TRV_CURVE_NONCONVEX = 3, TRV_CURVE_ROUNDED = 4 };
 /* rows: nqrows entries, or NULL. */
 TRV_API int TRVcurvature(TRVmodel *model, int *objective, char *rows);
@@ -371,7 +458,9 @@ TRV_API int TRVcommitsolution(TRVmodel *model, const TRVresult *result);
 /* How well the arrays of the open (or, if none is open, the committed) solution hold, in one pass. The worst element is
  * the one with the largest violation against its own scale; reported are its violation (absolute), its scale and its
  * position, -1 where nothing is violated. So violation <= tolerance * scale holds for all elements where it holds for
- * the worst. Quadratic rows count on after the linear ones: row position nrows + q is quadratic row q. Dual figures
+ * the worst. Quadratic rows count on after the linear ones: row position nrows + q is quadratic row q, and nonlinear
+ * rows after these: nrows + nqrows + i. Nonlinear rows have no multipliers; a row without a finite value at x is
+ * infinitely wrong. Dual figures
  * only with duals (has_duals): dual infeasibility is the reduced gradient c + Hx - A'pi - (gradients of quadratic
  * rows)'qpi - rc and the wrong-signed rc, pi or qpi; complementarity is the largest |multiplier| * distance to its
  * bound. */
@@ -397,7 +486,7 @@ typedef struct TRVoffender {
     int32_t element; /* as the worst... of TRVresiduals */
 } TRVoffender;
 TRV_API int TRVoffenders(TRVmodel *model, int has_duals, int figure, int n, TRVoffender *out, int *count);
-/* The objective at x (by position), constant included. */
+/* The objective at x (by position), constant and tape included. */
 TRV_API int TRVevalobjective(TRVmodel *model, const double *x, double *value);
 
 /* ---- files ---------------------------------------------------------------------------------------------- */
@@ -407,10 +496,11 @@ TRV_API int TRVevalobjective(TRVmodel *model, const double *x, double *value);
  * the whole file in the old one's place at once. */
 TRV_API int TRVreadmodel(TRVmodel *model, const char *path);
 TRV_API int TRVwritemodel(TRVmodel *model, const char *path);
-/* For an engine: the updated model as a binary .nl file without names, the initial guess (Start) in it. The file's
- * variables: position[0..nvars) says which of the model's each one is, -1 for those that the file has besides (one for
- * a quadratic objective; a binary one for each semi-continuous variable that 0 lies outside the bounds of, which must
- * be finite). Free position with TRVfree. The objective's constant is left out. */
+/* For an engine: the updated model as a binary .nl file without names, the initial guess (Start) in it. UNSUPPORTED
+ * where an expression nests too deep for a reader (5000 levels, or 8 tangents in each other). The file's variables:
+ * position[0..nvars) says which of the model's each one is, -1 for those that the file has besides (one for a quadratic
+ * objective; a binary one for each semi-continuous variable that 0 lies outside the bounds of, which must be finite).
+ * Free position with TRVfree. The objective's constant is left out. */
 TRV_API int TRVwritenl(TRVmodel *model, const char *path, int32_t *nvars, int32_t **position);
 /* .sol: one "name value" a line, # begins a comment. Written from X; read into Start. */
 TRV_API int TRVwritesolution(TRVmodel *model, const char *path);

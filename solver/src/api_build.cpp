@@ -114,7 +114,7 @@ int TRVsetobjective(TRVmodel *model, int64_t n, const int32_t *var, const double
         requirecount("terms", n);
         requirepointer("variables of terms", var, n);
         requirepointer("coefficients", coef, n);
-        model->setobjective(n, var, coef, {}, constant, sense);
+        model->setobjective(n, var, coef, {}, {}, constant, sense);
     });
 }
 

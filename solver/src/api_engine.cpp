@@ -23,6 +23,14 @@ void readquadratic(TRVmodel &model, TRVdata &d) {
     d.qrhs = qrows.rhs.data();
 }
 
+void readnonlinear(const TRVmodel &model, TRVdata &d) {
+    d.nnlrows = model.nlrows.ids.committed();
+    d.nnlcodes = model.nlrows.codes();
+    d.nnlobj = model.nlobjective.tape().n;
+    d.nllower = model.nlrows.lower.data();
+    d.nlupper = model.nlrows.upper.data();
+}
+
 } // namespace
 
 int TRVgetdata(TRVmodel *model, TRVdata *data) {
@@ -45,6 +53,7 @@ int TRVgetdata(TRVmodel *model, TRVdata *data) {
         d.nintegral = columns.integral();
         d.start = model->solution.start(columns);
         readquadratic(*model, d);
+        readnonlinear(*model, d);
         *data = d;
         blocks::trim(); // the engine's own copy comes next, and wants the memory
     });
@@ -62,6 +71,7 @@ int TRVpin(TRVmodel *model, TRVpinned **pin) {
         model->columns.guard(yard);
         model->rows.guard(yard);
         model->qrows.guard(yard);
+        model->nlrows.guard(yard);
         model->solution.guard(yard);
         yard->pin();
         *pin = made.release();
@@ -160,6 +170,7 @@ int TRVevalobjective(TRVmodel *model, const double *x, double *value) {
         for (int32_t i = 0; i < n; i++)
             sum += model->columns.obj[i] * x[i];
         model->qobjective.each(model->columns, [&](int32_t i, int32_t j, double coef) { sum += coef * x[i] * x[j]; });
-        *value = sum;
+        const PointById point(model->columns.ids, x, n);
+        *value = sum + TapeRun(point.data()).value(model->nlobjective.tape()).value;
     });
 }

@@ -18,7 +18,7 @@ int intof(TRVmodel &model, Attr attr) {
     case Attr::NumGenConstrs:
         return model.genconstrs.committed();
     case Attr::NumNLConstrs:
-        return model.nlconstrs.committed();
+        return model.nlrows.ids.committed();
     case Attr::Status:
         return model.solution.status();
     case Attr::ModelSense:

@@ -15,7 +15,7 @@ int TRVsetqobjective(TRVmodel *model, int64_t n, const int32_t *var, const doubl
         requirepointer("second variables of quadratic terms", var2, nq);
         requirepointer("coefficients of quadratic terms", qcoef, nq);
         QuadTerms quadratic = sortedpairs(model->columns.ids, nq, var1, var2, qcoef);
-        model->setobjective(n, var, coef, std::move(quadratic), constant, sense);
+        model->setobjective(n, var, coef, std::move(quadratic), {}, constant, sense);
     });
 }
 

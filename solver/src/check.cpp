@@ -1,4 +1,4 @@
-// check.cpp: residuals of a solution in one pass over the rows, linear and quadratic.
+// check.cpp: residuals of a solution in one pass over the rows: linear, quadratic and nonlinear.
 //
 // The worst element is the one whose violation is largest against its own scale, 1 + the largest term in it, and the
 // figures reported are this element's violation and scale. So comparing violation <= tolerance * scale holds for all
@@ -57,6 +57,7 @@ class Checker {
             prepareduals();
         checkrows();
         checkqrows();
+        checknlrows();
         checkvariables();
     }
 
@@ -99,6 +100,22 @@ class Checker {
             addgradient(j, coef * x_[i]);
             objscale_ = std::max(objscale_, 1.0 + std::fabs(coef * x_[i] * x_[j]));
         });
+        addtapegradient();
+    }
+
+    void addtapegradient() {
+        const Tape tape = model_.nlobjective.tape();
+        if (tape.n == 0)
+            return;
+        const Registry &ids = model_.columns.ids;
+        const PointById point(ids, x_, nvars_);
+        TapeRun run(point.data());
+        const double value = run.gradient(tape, [&](int32_t id, double share) {
+            const int32_t v = ids.position(id);
+            if (v >= 0)
+                addgradient(v, share);
+        });
+        objscale_ = std::max(objscale_, 1.0 + finiteabs(value));
     }
 
     void addgradient(int32_t v, double share) {
@@ -175,6 +192,29 @@ class Checker {
                 addgradient(w, -row.qcoef[k] * pi * x_[v]);
             }
             checksides(nrows_ + r, activity, largest, qrows.lower(r), qrows.upper(r), pi);
+        });
+    }
+
+    // Rows without multipliers. What has no finite value says nothing about its sides, so it is wrong.
+    void checknlrows() {
+        const NlRows &nlrows = model_.nlrows;
+        if (nlrows.ids.committed() == 0)
+            return;
+        const PointById point(model_.columns.ids, x_, nvars_);
+        TapeRun run(point.data());
+        const int32_t before = nrows_ + model_.qrows.ids.committed();
+        nlrows.each([&](int32_t r, const NlRow &row) {
+            const TapeRun::Value body = run.value(row.tape);
+            double activity = body.value, largest = finiteabs(body.largest);
+            for (int64_t k = 0; k < row.n; k++) {
+                const double term = row.coef[k] * point.data()[row.var[k]];
+                activity += term;
+                largest = std::max(largest, finiteabs(term));
+            }
+            const double lower = nlrows.lower[r], upper = nlrows.upper[r];
+            const double scale =
+                1.0 + std::max({std::isnan(largest) ? 0.0 : largest, finiteabs(lower), finiteabs(upper)});
+            row_.meet(std::isinf(activity) ? INFINITY : outside(activity, lower, upper), scale, before + r);
         });
     }
 

@@ -137,6 +137,22 @@ void getqrows(TRVmodel &model, Attr attr, const Selection &which, double *out) {
     getsolution(qrows.ids, attr, which, solution.nqrows(), solution.qpi(), out);
 }
 
+// Against the side that RHS would name.
+double nlrhsof(const NlRows &rows, int32_t s) {
+    return std::isinf(rows.upper[s]) && !std::isinf(rows.lower[s]) ? rows.lower[s] : rows.upper[s];
+}
+
+// NLSlack is the only one. An update that changes the rows ends the solution, so that it is known for all in the model.
+void getnlrows(TRVmodel &model, Attr attr, const Selection &which, double *out) {
+    const NlRows &rows = model.nlrows;
+    if (!model.solution.hasx())
+        failnodata(model, infoof(attr).name);
+    model.nlrows.purge(model.columns);
+    const Buffer<double> &activity = model.solution.nlactivity(model.columns, rows);
+    getsolution(rows.ids, attr, which, rows.ids.committed(), activity, out);
+    eachslot(rows.ids, infoof(attr).name, which, [&](int64_t i, int32_t s) { out[i] = nlrhsof(rows, s) - out[i]; });
+}
+
 } // namespace
 
 void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out) {
@@ -147,6 +163,8 @@ void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out)
         return getrows(model, attr, which, out);
     case TRV_QCONSTR:
         return getqrows(model, attr, which, out);
+    case TRV_NLCONSTR:
+        return getnlrows(model, attr, which, out);
     default: // kinds without elements: every id is unknown
         eachslot(model.registry(infoof(attr).kind), infoof(attr).name, which, [](int64_t, int32_t) {});
     }

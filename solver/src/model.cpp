@@ -19,7 +19,7 @@ Registry &TRVmodel::registry(int kind) {
     case TRV_GENCONSTR:
         return genconstrs;
     case TRV_NLCONSTR:
-        return nlconstrs;
+        return nlrows.ids;
     }
     failf(TRV_ERROR_INVALID_ARGUMENT, "%d is not a kind of element", kind);
 }
@@ -39,15 +39,36 @@ Names &TRVmodel::names(int kind) {
     case TRV_GENCONSTR:
         return gennames;
     case TRV_NLCONSTR:
-        return nlnames;
+        return nlrows.names;
     }
     failf(TRV_ERROR_INVALID_ARGUMENT, "%d is not a kind of element", kind);
 }
 
+// A tape has no term that could go with its variable.
+void TRVmodel::requirenotape(int64_t n, const int32_t *variables) {
+    for (int64_t i = 0; i < n; i++) {
+        const int32_t id = variables[i];
+        if (id < 0 || !tapeuses.any(id))
+            continue;
+        std::string what = "remove: the variable ", where;
+        columns.names.append(id, what);
+        const int32_t slot = nlrows.rowwith(id);
+        if (slot < 0)
+            fail(TRV_ERROR_INVALID_ARGUMENT, what + " stands in the nonlinear objective; replace that first");
+        nlrows.names.append(nlrows.ids.idat(slot), where);
+        fail(TRV_ERROR_INVALID_ARGUMENT, what + " stands in the nonlinear constraint " + where + "; remove that first");
+    }
+}
+
 void TRVmodel::remove(int kind, int64_t n, const int32_t *ids) {
+    if (kind == TRV_NLCONSTR)
+        return nlrows.remove(tapeuses, n, ids);
+    if (kind == TRV_VAR)
+        requirenotape(n, ids);
     registry(kind).remove(n, ids);
     if (kind != TRV_VAR || n == 0)
         return;
+    nlrows.variablesremoved();
     rows.variablesremoved();
     qrows.variablesremoved();
     qobjective.variablesremoved();
@@ -56,12 +77,13 @@ void TRVmodel::remove(int kind, int64_t n, const int32_t *ids) {
 void TRVmodel::purge() {
     rows.purge(columns);
     qrows.purge(columns);
+    nlrows.purge(columns);
     qobjective.purge(columns);
 }
 
 void TRVmodel::update() {
     rows.prepareupdate(columns);
-    const bool structure = columns.ids.changes() || rows.ids.changes() || qrows.ids.changes();
+    const bool structure = columns.ids.changes() || rows.ids.changes() || qrows.ids.changes() || nlrows.ids.changes();
     if (structure) {
         changes.loadanew();
         changed = true;
@@ -72,6 +94,7 @@ void TRVmodel::update() {
     solution.compact(columns.ids);
     rows.update(columns);
     qrows.update(columns);
+    nlrows.update(columns);
     qobjective.update(columns);
     columns.update();
 }
@@ -161,8 +184,19 @@ void TRVmodel::sumcosts(int64_t n, const int32_t *var, const double *coef) {
         write(columns.obj[s], costs[s], Changes::kCosts, s);
 }
 
-void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, QuadTerms &&quadratic, double constant,
-                            int newsense) {
+// No engine keeps a model with a tape: another one is another model.
+void TRVmodel::replacetape(NlObjective &&nonlinear) noexcept {
+    if (nonlinear.equals(nlobjective))
+        return;
+    tapeuses.add(nlobjective.tape(), -1);
+    nlobjective = std::move(nonlinear);
+    tapeuses.add(nlobjective.tape(), 1);
+    changed = true;
+    changes.loadanew();
+}
+
+void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, QuadTerms &&quadratic,
+                            NlObjective &&nonlinear, double constant, int newsense) {
     if (newsense != TRV_MINIMIZE && newsense != TRV_MAXIMIZE && newsense != 0)
         failf(TRV_ERROR_INVALID_ARGUMENT, "sense %d is not 1 (minimize), -1 (maximize) or 0 (as it is)", newsense);
     if (!isfinite(constant))
@@ -173,12 +207,15 @@ void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, Q
         requirecost(var[k], coef[k]);
         ascending &= k == 0 || var[k] > var[k - 1];
     }
+    if (nonlinear.tape().n)
+        tapeuses.reserve(columns.ids);
     ascending ? writecosts(n, var, coef) : sumcosts(n, var, coef);
     setobjconstant(constant);
     if (qobjective.replace(std::move(quadratic))) {
         changed = true;
         changes.quadratic();
     }
+    replacetape(std::move(nonlinear));
     if (newsense)
         setsense(newsense);
 }

@@ -3,6 +3,7 @@
 
 #include "changes.h"
 #include "columns.h"
+#include "nlrows.h"
 #include "pins.h"
 #include "qrows.h"
 #include "rows.h"
@@ -18,8 +19,11 @@ struct TRVmodel {
     store::Rows rows;
     store::QRows qrows;
     store::QObjective qobjective;
-    store::Registry genconstrs{TRV_GENCONSTR}, nlconstrs{TRV_NLCONSTR};
-    store::Names gennames{'G'}, nlnames{'N'};
+    store::NlRows nlrows;
+    store::NlObjective nlobjective;
+    store::TapeUses tapeuses; // of both
+    store::Registry genconstrs{TRV_GENCONSTR};
+    store::Names gennames{'G'};
     double objconstant = 0.0;
     int sense = TRV_MINIMIZE;
     store::Changes changes;
@@ -34,9 +38,9 @@ struct TRVmodel {
 
     void remove(int kind, int64_t n, const int32_t *ids);
     void update();
-    // With the terms of a quadratic part, in the stored form.
-    void setobjective(int64_t n, const int32_t *var, const double *coef, store::QuadTerms &&quadratic, double constant,
-                      int newsense);
+    // With the terms of a quadratic part, in the stored form, and a checked tape.
+    void setobjective(int64_t n, const int32_t *var, const double *coef, store::QuadTerms &&quadratic,
+                      store::NlObjective &&nonlinear, double constant, int newsense);
     // Terms of variables that were removed while pending are gone: before terms are shown or counted.
     void purge();
     void getcoefficients(int64_t n, const int32_t *rowids, const int32_t *vars, double *out);
@@ -56,6 +60,8 @@ struct TRVmodel {
     void setsense(int value);
 
   private:
+    void requirenotape(int64_t n, const int32_t *variables);
+    void replacetape(store::NlObjective &&nonlinear) noexcept;
     void writecosts(int64_t n, const int32_t *var, const double *coef);
     void sumcosts(int64_t n, const int32_t *var, const double *coef);
 };

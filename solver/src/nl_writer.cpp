@@ -1,20 +1,21 @@
 // Writes a model as a binary .nl file for an engine that reads no other bulk format. No names: variables and rows are
 // known by their places there.
 //
-// Rows stand in this order: quadratic rows with a quadratic term, the row of a quadratic objective, quadratic rows that
-// have become linear, linear rows, two rows for each semi-continuous variable. A quadratic objective q is a variable t
-// in the objective and a row q - t <= 0 (>= 0 for a maximum). The objective's constant is left out.
-//
-// A row writes its nonlinear part by put_body and its linear part by put_linear; another kind of nonlinear row adds its
-// own case to these two and to mark_nonlinear.
+// Rows stand in this order: quadratic rows with a quadratic term, nonlinear rows, the row of a nonlinear objective,
+// quadratic rows that have become linear, linear rows, two rows for each semi-continuous variable. The quadratic and
+// nonlinear part q of the objective is a variable t in the objective and a row q - t <= 0 (>= 0 for a maximum). The
+// objective's constant is left out.
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <limits>
 
+#include "file_error.h"
 #include "model_files.h"
+#include "model_names.h"
 #include "nl_order.h"
 #include "nl_stream.h"
+#include "nl_tape.h"
 
 namespace trv {
 
@@ -45,6 +46,21 @@ struct Term {
     double value;
 };
 
+store::Tape tape_of(const TRVnlrows &row) {
+    return {row.codeptr[1] - row.codeptr[0], row.code + row.codeptr[0], row.constant};
+}
+store::Tape tape_of(const TRVnltape &tape) {
+    return {tape.ncodes, tape.code, tape.constant};
+}
+
+template <typename Work> void each_variable(const store::Tape &tape, Work work) {
+    for (std::int64_t k = 0; k < tape.n; ++k) {
+        if (tape.code[k] >= 0) {
+            work(tape.code[k]);
+        }
+    }
+}
+
 // The model's arrays, all by position, for as long as the writing takes.
 class NlSource {
   public:
@@ -61,6 +77,7 @@ class NlSource {
             give_back();
         }
         check(model, code);
+        read_tapes(model);
     }
     ~NlSource() {
         give_back();
@@ -74,6 +91,9 @@ class NlSource {
     TRVqmatrix qmatrix{};
     std::vector<std::int32_t> first, second; // the objective's products
     const double *product = nullptr;
+    std::vector<TRVnlrows> nlrows;      // pointers into the store, by position
+    TRVnltape tape{};                   // of the objective
+    std::vector<std::int32_t> position; // by id of variable, where there are tapes
 
   private:
     void give_back() {
@@ -90,6 +110,25 @@ class NlSource {
         TRVpositions(model, TRV_VAR, count, one, 0, first.data());
         TRVpositions(model, TRV_VAR, count, other, 0, second.data());
     }
+    void read_tapes(TRVmodel *model) {
+        check(model, TRVgetnlobjective(model, &tape));
+        nlrows.resize(static_cast<std::size_t>(data.nnlrows));
+        for (std::int32_t i = 0; i < data.nnlrows; ++i) {
+            std::int32_t id = -1;
+            check(model, TRVidsat(model, TRV_NLCONSTR, 1, &i, &id));
+            check(model, TRVgetnlrow(model, id, &nlrows[static_cast<std::size_t>(i)]));
+        }
+        if (data.nnlrows > 0 || tape.ncodes > 0) {
+            position.resize(static_cast<std::size_t>(TRVidcount(model, TRV_VAR)));
+            TRVpositions(model, TRV_VAR, static_cast<std::int64_t>(position.size()), nullptr, 0, position.data());
+            each_variable(tape_of(tape), [this](std::int32_t id) {
+                if (position[static_cast<std::size_t>(id)] < 0) {
+                    throw FileError{TRV_ERROR_INVALID_ARGUMENT,
+                                    "the nonlinear objective has a variable that is pending"};
+                }
+            });
+        }
+    }
     bool owned_ = false;
 };
 
@@ -104,13 +143,15 @@ class NlWriter {
   public:
     explicit NlWriter(TRVmodel *model)
         : source_(model), data_(source_.data), qmatrix_(source_.qmatrix),
-          order_(data_, nonlinear_variables(), data_.nqobj > 0), seen_(static_cast<std::size_t>(order_.size()), -1) {
+          order_(data_, nonlinear_variables(), data_.nqobj > 0 || data_.nnlobj > 0), place_by_id_(places_by_id()),
+          tape_(place_by_id_), seen_(static_cast<std::size_t>(order_.size()), -1) {
         for (std::int32_t i = 0; i < data_.nqrows; ++i) {
             (qmatrix_.qstart[i] < qmatrix_.qstart[i + 1] ? quadratic_ : cancelled_).push_back(i);
         }
     }
 
-    void write(const std::string &path) {
+    void write(TRVmodel *model, const std::string &path) {
+        check_tapes(model);
         count_columns();
         count_sides();
         NlStream out(path);
@@ -136,15 +177,42 @@ class NlWriter {
         std::for_each(source_.second.begin(), source_.second.end(), mark);
         std::for_each(qmatrix_.qvar1, qmatrix_.qvar1 + qmatrix_.nquad, mark);
         std::for_each(qmatrix_.qvar2, qmatrix_.qvar2 + qmatrix_.nquad, mark);
+        const auto mark_id = [&](std::int32_t id) { mark(source_.position[static_cast<std::size_t>(id)]); };
+        for (const TRVnlrows &row : source_.nlrows) {
+            each_variable(tape_of(row), mark_id);
+        }
+        each_variable(tape_of(source_.tape), mark_id);
         return nonlinear;
+    }
+    std::vector<std::int32_t> places_by_id() const {
+        std::vector<std::int32_t> places(source_.position.size(), -1);
+        for (std::size_t id = 0; id < places.size(); ++id) {
+            if (source_.position[id] >= 0) {
+                places[id] = place(source_.position[id]);
+            }
+        }
+        return places;
+    }
+    void check_tapes(TRVmodel *model) {
+        for (std::int32_t i = 0; i < data_.nnlrows; ++i) {
+            const std::string why = tape_.refusal(tape_of(source_.nlrows[static_cast<std::size_t>(i)]));
+            if (!why.empty()) {
+                const ModelNames names(model, TRV_NLCONSTR, data_.nnlrows);
+                throw FileError{TRV_ERROR_UNSUPPORTED, joined("the nonlinear constraint ", shown(names[i]), " ", why)};
+            }
+        }
+        const std::string why = tape_.refusal(tape_of(source_.tape));
+        if (!why.empty()) {
+            throw FileError{TRV_ERROR_UNSUPPORTED, joined("the nonlinear objective ", why)};
+        }
     }
 
     // ---- counts
 
     std::int32_t place(std::int32_t j) const { return order_.place[static_cast<std::size_t>(j)]; }
-    bool quadratic_objective() const { return order_.objective_place >= 0; }
+    bool nonlinear_objective() const { return order_.objective_place >= 0; }
     std::int32_t nonlinear_rows() const {
-        return static_cast<std::int32_t>(quadratic_.size()) + (quadratic_objective() ? 1 : 0);
+        return static_cast<std::int32_t>(quadratic_.size()) + data_.nnlrows + (nonlinear_objective() ? 1 : 0);
     }
     std::int32_t row_count() const {
         return nonlinear_rows() + static_cast<std::int32_t>(cancelled_.size()) + data_.nrows +
@@ -182,13 +250,23 @@ class NlWriter {
             terms_.push_back({place(index[k]), value[k]});
         }
     }
-    void add_nonlinear(const Products &products, std::int32_t row) {
+    void see_terms(std::int32_t row) {
         for (const Term &term : terms_) {
             seen_[static_cast<std::size_t>(term.place)] = row;
         }
+    }
+    void add_nonlinear(const Products &products, std::int32_t row) {
         for (std::int32_t k = 0; k < products.count; ++k) {
             add_unseen(place(products.first[k]), row);
             add_unseen(place(products.second[k]), row);
+        }
+    }
+    void add_nonlinear(const store::Tape &tape, std::int32_t row) {
+        each_variable(tape, [&](std::int32_t id) { add_unseen(place_by_id_[static_cast<std::size_t>(id)], row); });
+    }
+    void add_linear_of(const TRVnlrows &row) {
+        for (std::int64_t k = row.ptr[0]; k < row.ptr[1]; ++k) {
+            terms_.push_back({place_by_id_[static_cast<std::size_t>(row.var[k])], row.coef[k]});
         }
     }
     void add_unseen(std::int32_t at, std::int32_t row) {
@@ -212,12 +290,21 @@ class NlWriter {
         };
         for (const std::int32_t i : quadratic_) {
             add_linear_of(i);
+            see_terms(row);
             add_nonlinear(products_of(i), row);
             give();
         }
-        if (quadratic_objective()) {
+        for (const TRVnlrows &nlrow : source_.nlrows) {
+            add_linear_of(nlrow);
+            see_terms(row);
+            add_nonlinear(tape_of(nlrow), row);
+            give();
+        }
+        if (nonlinear_objective()) {
             terms_.push_back({order_.objective_place, -1});
+            see_terms(row);
             add_nonlinear(objective_products(), row);
+            add_nonlinear(tape_of(source_.tape), row);
             give();
         }
         for (const std::int32_t i : cancelled_) {
@@ -256,10 +343,18 @@ class NlWriter {
     void put_bodies() {
         std::int32_t row = 0;
         for (const std::int32_t i : quadratic_) {
-            put_body(row++, products_of(i));
+            put_body(row++, products_of(i), 0);
         }
-        if (quadratic_objective()) {
-            put_body(row++, objective_products());
+        for (const TRVnlrows &nlrow : source_.nlrows) {
+            out_->segment('C', row++);
+            tape_.put(*out_, tape_of(nlrow));
+        }
+        if (nonlinear_objective()) {
+            const store::Tape tape = tape_of(source_.tape);
+            put_body(row++, objective_products(), tape.n > 0);
+            if (tape.n > 0) {
+                tape_.put(*out_, tape);
+            }
         }
         for (const std::int32_t end = row_count(); row < end; ++row) {
             out_->segment('C', row);
@@ -268,9 +363,10 @@ class NlWriter {
         out_->segment('O', 0, data_.sense == TRV_MAXIMIZE ? 1 : 0);
         out_->number(0);
     }
-    void put_body(std::int32_t row, const Products &products) {
+    // Further summands follow.
+    void put_body(std::int32_t row, const Products &products, std::int32_t further) {
         out_->segment('C', row);
-        out_->sum(products.count);
+        out_->sum(products.count + further);
         for (std::int32_t k = 0; k < products.count; ++k) {
             out_->product_term(products.value[k], place(products.first[k]), place(products.second[k]));
         }
@@ -283,7 +379,10 @@ class NlWriter {
                  data_.qsense[i] == '>' ? kInfinity : data_.qrhs[i]);
         };
         std::for_each(quadratic_.begin(), quadratic_.end(), of_quadratic);
-        if (quadratic_objective()) {
+        for (std::int32_t i = 0; i < data_.nnlrows; ++i) {
+            work(data_.nllower[i], data_.nlupper[i]);
+        }
+        if (nonlinear_objective()) {
             const bool maximise = data_.sense == TRV_MAXIMIZE;
             work(maximise ? 0.0 : -kInfinity, maximise ? kInfinity : 0.0);
         }
@@ -342,7 +441,7 @@ class NlWriter {
                 terms_.push_back({place(j), data_.obj[j]});
             }
         }
-        if (quadratic_objective()) {
+        if (nonlinear_objective()) {
             terms_.push_back({order_.objective_place, 1});
         }
         if (!terms_.empty()) {
@@ -363,7 +462,7 @@ class NlWriter {
             const double value = data_.start[order_.semi[s]];
             add_start(order_.first_semi + static_cast<std::int32_t>(s), std::isnan(value) ? value : value != 0);
         }
-        if (quadratic_objective()) {
+        if (nonlinear_objective()) {
             add_start(order_.objective_place, objective_at_start());
         }
         if (!terms_.empty()) {
@@ -383,6 +482,13 @@ class NlWriter {
         double sum = 0;
         for (std::size_t k = 0; k < source_.first.size(); ++k) {
             sum += source_.product[k] * data_.start[source_.first[k]] * data_.start[source_.second[k]];
+        }
+        if (source_.tape.ncodes > 0) {
+            std::vector<double> by_id(source_.position.size());
+            for (std::size_t id = 0; id < by_id.size(); ++id) {
+                by_id[id] = source_.position[id] < 0 ? 0 : data_.start[source_.position[id]];
+            }
+            sum += store::TapeRun(by_id.data()).value(tape_of(source_.tape)).value;
         }
         return sum;
     }
@@ -418,6 +524,8 @@ class NlWriter {
     const TRVdata &data_;
     const TRVqmatrix &qmatrix_;
     NlOrder order_;
+    std::vector<std::int32_t> place_by_id_; // of variables, where there are tapes
+    NlTape tape_;
     std::vector<std::int32_t> quadratic_, cancelled_; // quadratic rows with and without quadratic terms
     std::vector<std::int32_t> seen_;                  // by place: the last row that named it
     std::vector<std::int32_t> column_count_;
@@ -439,7 +547,7 @@ extern "C" int TRVwritenl(TRVmodel *model, const char *path, int32_t *nvars, int
             throw std::bad_alloc();
         }
         try {
-            writer.write(path);
+            writer.write(model, path);
         } catch (...) {
             TRVfree(copy);
             throw;

@@ -1,43 +1,13 @@
 // qrows.cpp: quadratic rows come in and are taken out; the quadratic objective is replaced and filtered.
 #include "qrows.h"
 
+#include "blockpointers.h"
 #include "failure.h"
 
 #include <algorithm>
 #include <cinttypes>
 
 namespace store {
-
-namespace {
-
-// Terms of a block are counted with 32 bits where duplicates are looked for, as in linear rows.
-int64_t requireterms(const char *what, const Buffer<int64_t> &block) {
-    const int64_t n = block[block.size() - 1];
-    requirecount(what, n);
-    if (n > INT32_MAX)
-        failf(TRV_ERROR_SIZE_LIMIT, "%" PRId64 " %s exceed the limit of 2147483647 for one block of rows", n, what);
-    return n;
-}
-
-// A block's own row pointers, to be tidied; none are all 0.
-Buffer<int64_t> blockpointers(int64_t nrows, const int64_t *ptr) {
-    Buffer<int64_t> block;
-    block.pad(nrows + 1, 0);
-    if (ptr)
-        moveterms(block.data(), ptr, nrows + 1);
-    return block;
-}
-
-// Into the room behind the pointers that are there.
-void growpointers(Buffer<int64_t> &ptr, const Buffer<int64_t> &block) noexcept {
-    const int64_t base = ptr[ptr.size() - 1], nrows = static_cast<int64_t>(block.size()) - 1;
-    int64_t *fresh = ptr.end();
-    for (int64_t i = 0; i < nrows; i++)
-        fresh[i] = base + block[i + 1];
-    ptr.grow(nrows);
-}
-
-} // namespace
 
 // ---- adding
 

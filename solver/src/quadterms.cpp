@@ -5,6 +5,7 @@
 // smaller variables ascend already, as those of an upper triangle by rows do.
 #include "quadterms.h"
 
+#include "blockpointers.h"
 #include "failure.h"
 
 #include <algorithm>
@@ -203,18 +204,6 @@ void requirepairs(const Registry &variables, int64_t n, const int32_t *var1, con
             (static_cast<uint32_t>(var1[k]) < limit) & (static_cast<uint32_t>(var2[k]) < limit) & isfinite(coef[k]);
     for (int64_t k = 0; !usable && k < n; k++)
         requirepair(variables, "objective", var1[k], var2[k], coef[k]);
-}
-
-// Row pointers begin with 0, do not decrease and stay within nnz.
-void requirepointers(int64_t nrows, int64_t nnz, const int64_t *ptr) {
-    if (ptr[0] != 0)
-        failf(TRV_ERROR_INVALID_ARGUMENT, "row pointers begin with %" PRId64 ", not with 0", ptr[0]);
-    for (int64_t i = 0; i < nrows; i++)
-        if (ptr[i + 1] < ptr[i])
-            failf(TRV_ERROR_INVALID_ARGUMENT, "row pointers decrease from %" PRId64 " to %" PRId64 " at row %" PRId64,
-                  ptr[i], ptr[i + 1], i);
-    if (ptr[nrows] > nnz)
-        failf(TRV_ERROR_INVALID_ARGUMENT, "row pointer %" PRId64 " is beyond the %" PRId64 " terms", ptr[nrows], nnz);
 }
 
 } // namespace

@@ -94,7 +94,8 @@ void Solution::droparrays() noexcept {
     qpi_.free();
     activity_.free();
     qactivity_.free();
-    hasx_ = hasduals_ = activityknown_ = qactivityknown_ = false;
+    nlactivity_.free();
+    hasx_ = hasduals_ = activityknown_ = qactivityknown_ = nlactivityknown_ = false;
 }
 
 void Solution::outdate() noexcept {
@@ -157,6 +158,17 @@ const Buffer<double> &Solution::qactivity(const Columns &columns, const QRows &q
     });
     qactivityknown_ = true;
     return qactivity_;
+}
+
+// Nonlinear rows never change either.
+const Buffer<double> &Solution::nlactivity(const Columns &columns, const NlRows &nlrows) {
+    if (nlactivityknown_)
+        return nlactivity_;
+    const PointById point(columns.ids, x_.data(), nvars_);
+    nlactivity_.resize(nlrows.ids.committed());
+    evaluate(nlrows, point, nlactivity_.data());
+    nlactivityknown_ = true;
+    return nlactivity_;
 }
 
 } // namespace store

@@ -4,6 +4,7 @@
 
 #include "buffer.h"
 #include "columns.h"
+#include "nlrows.h"
 #include "qrows.h"
 #include "rows.h"
 #include "tarvo.h"
@@ -49,6 +50,7 @@ class Solution {
     // Row activities at X, computed when first asked for.
     const Buffer<double> &activity(const Columns &columns, const Rows &rows);
     const Buffer<double> &qactivity(const Columns &columns, const QRows &qrows);
+    const Buffer<double> &nlactivity(const Columns &columns, const NlRows &nlrows);
     // What TRVgetdata and TRVopensolution point into.
     void guard(Yard *yard) {
         for (Buffer<double> *buffer :
@@ -64,11 +66,11 @@ class Solution {
 
     int status_ = TRV_NOT_SOLVED;
     bool outdated_ = false, hasx_ = false, hasduals_ = false, isopen_ = false, activityknown_ = false,
-         qactivityknown_ = false;
+         qactivityknown_ = false, nlactivityknown_ = false;
     int32_t nvars_ = 0, nrows_ = 0, nqrows_ = 0, opennvars_ = 0, opennrows_ = 0, opennqrows_ = 0;
     TRVresult figures_{};
     std::string engine_, noduals_;
-    Buffer<double> x_, rc_, pi_, qpi_, activity_, qactivity_;
+    Buffer<double> x_, rc_, pi_, qpi_, activity_, qactivity_, nlactivity_;
     Buffer<double> openx_, openrc_, openpi_, openqpi_;
     Buffer<double> fallback_; // by slot; may be shorter
     Buffer<double> merged_;

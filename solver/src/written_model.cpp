@@ -32,6 +32,7 @@ std::vector<std::int32_t> positions_of(TRVmodel *model, std::int64_t count, cons
 WrittenModel::WrittenModel(TRVmodel *model, int by_columns)
     : data(data_of(model)), name(name_of(model)), columns(model, TRV_VAR, data.nvars),
       rows(model, TRV_CONSTR, data.nrows), qrows(model, TRV_QCONSTR, data.nqrows) {
+    refuse_nonlinear();
     read_quadratic(model);
     check(model, TRVgetmatrix(model, by_columns, &matrix));
     if (data.nqrows > 0) {
@@ -47,6 +48,18 @@ WrittenModel::~WrittenModel() {
     TRVfreematrix(&matrix);
     if (data.nqrows > 0) {
         TRVfreeqmatrix(&qmatrix);
+    }
+}
+
+void WrittenModel::refuse_nonlinear() const {
+    if (data.nnlrows > 0) {
+        throw FileError{TRV_ERROR_UNSUPPORTED,
+                        joined("the model has nonlinear constraints (", std::to_string(data.nnlrows),
+                               "), which MPS and LP files cannot say")};
+    }
+    if (data.nnlobj > 0) {
+        throw FileError{TRV_ERROR_UNSUPPORTED,
+                        "the model has a nonlinear objective, which MPS and LP files cannot say"};
     }
 }
 

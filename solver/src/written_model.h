@@ -31,6 +31,7 @@ struct WrittenModel {
     QuadTerms qobjective;
 
   private:
+    void refuse_nonlinear() const;
     void read_quadratic(TRVmodel *model);
 };
 

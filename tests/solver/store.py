@@ -58,6 +58,9 @@ class Data(c.Structure):
         ("nqterms nqlinterms", c.c_int64),
         ("qsense", c.POINTER(c.c_char)),
         ("qrhs", f64p),
+        ("nnlrows", c.c_int32),
+        ("nnlcodes nnlobj", c.c_int64),
+        ("nllower nlupper", f64p),
     )
 
 
@@ -79,6 +82,22 @@ class QMatrix(c.Structure):
         ("qstart qvar1 qvar2", i32p),
         ("qvalue", f64p),
     )
+
+
+class NlRows(c.Structure):
+    _fields_ = layout(
+        ("ptr", i64p),
+        ("var", i32p),
+        ("coef", f64p),
+        ("codeptr", i64p),
+        ("code", i32p),
+        ("nconstants", c.c_int64),
+        ("constant", f64p),
+    )
+
+
+class NlTape(c.Structure):
+    _fields_ = layout(("ncodes", c.c_int64), ("code", i32p), ("nconstants", c.c_int64), ("constant", f64p))
 
 
 class Cones(c.Structure):
@@ -333,6 +352,63 @@ class Store:
         )
         return first.value
 
+    def addnlrows(self, rows, lower=-INF, upper=INF, names=None):
+        """rows: triples (list of (id, coefficient), list of codes, list of constants)."""
+        ptr, codeptr = ([0, *np.cumsum([len(row[part]) for row in rows])] for part in (0, 1))
+        linear = [term for row in rows for term in row[0]]
+        code, constant = _i32([k for row in rows for k in row[1]]), _f64([v for row in rows for v in row[2]])
+        terms = _i32([v for v, _ in linear]), _f64([a for _, a in linear])
+        return self.addnlarrays(ptr, *terms, codeptr, code, constant, lower, upper, names)
+
+    def addnlarrays(self, ptr, var, coef, codeptr, code, constant, lower=-INF, upper=INF, names=None):
+        """The arrays of TRVnlrows; ptr or codeptr None: no such terms."""
+        n = len(codeptr if ptr is None else ptr) - 1
+        ptr, codeptr = (p if p is None else np.asarray(p, np.int64) for p in (ptr, codeptr))
+        rows = NlRows(
+            _ptr(ptr, i64p),
+            _ptr(var, i32p),
+            _ptr(coef, f64p),
+            _ptr(codeptr, i64p),
+            _ptr(code, i32p),
+            len(constant),
+            _ptr(constant, f64p),
+        )
+        lower, upper = _f64(lower), _f64(upper)
+        struct, _keep = makenames(names)
+        first = c.c_int32(-7)
+        self.call(
+            "TRVaddnlrows",
+            c.c_int64(n),
+            c.byref(rows),
+            _ptr(lower, f64p),
+            _step(lower, n),
+            _ptr(upper, f64p),
+            _step(upper, n),
+            struct and c.byref(struct),
+            c.byref(first),
+        )
+        return first.value
+
+    def setnlobjective(self, terms, qterms, code, constant=(), shift=0.0, sense=0):
+        """terms: (id, coefficient); qterms: (id, id, coefficient); shift: the objective's constant."""
+        var, coef = _i32([v for v, _ in terms]), _f64([a for _, a in terms])
+        var1, var2, qcoef = qtermarrays(qterms)
+        code, constant = _i32(code), _f64(constant)
+        tape = NlTape(len(code), _ptr(code, i32p), len(constant), _ptr(constant, f64p))
+        self.call(
+            "TRVsetnlobjective",
+            c.c_int64(len(terms)),
+            _ptr(var, i32p),
+            _ptr(coef, f64p),
+            c.c_int64(len(qterms)),
+            _ptr(var1, i32p),
+            _ptr(var2, i32p),
+            _ptr(qcoef, f64p),
+            c.byref(tape),
+            c.c_double(shift),
+            c.c_int(sense),
+        )
+
     def remove(self, kind, ids):
         ids = _i32(ids)
         self.call("TRVremove", c.c_int(kind), c.c_int64(len(ids)), _ptr(ids, i32p))
@@ -437,6 +513,38 @@ class Store:
         linear = [(row.var[k], row.coef[k]) for k in range(row.ptr[0], row.ptr[1])]
         return linear, [(row.var1[k], row.var2[k], row.qcoef[k]) for k in range(row.qptr[0], row.qptr[1])]
 
+    def nlrow(self, nlrow):
+        """[(id, coefficient), ...], [code, ...], [constant, ...]."""
+        row = NlRows()
+        self.call("TRVgetnlrow", c.c_int32(nlrow), c.byref(row))
+        linear = [(row.var[k], row.coef[k]) for k in range(row.ptr[0], row.ptr[1])]
+        code = [row.code[k] for k in range(row.codeptr[0], row.codeptr[1])]
+        return linear, code, [row.constant[k] for k in range(row.nconstants)]
+
+    def nlobjective(self):
+        """[code, ...], [constant, ...]."""
+        tape = NlTape()
+        self.call("TRVgetnlobjective", c.byref(tape))
+        return [tape.code[k] for k in range(tape.ncodes)], [tape.constant[k] for k in range(tape.nconstants)]
+
+    def evalnlrows(self, x):
+        x, out = _f64(x), np.empty(self.int("NumNLConstrs"))
+        self.call("TRVevalnlrows", _ptr(x, f64p), _ptr(out, f64p))
+        return out
+
+    def nljacobian(self, x):
+        """(start, index, value); the last row is the gradient of the objective."""
+        x = _f64(x)
+        return self._matrix("TRVgetnljacobian", _ptr(x, f64p))
+
+    def writenl(self, path):
+        """The position of each variable of the file."""
+        n, position = c.c_int32(), i32p()
+        self.call("TRVwritenl", str(path).encode(), c.byref(n), c.byref(position))
+        out = _view(position, n.value, np.int32)
+        lib.TRVfree(position)
+        return out
+
     def qobjective(self):
         """[(id, id, coefficient), ...] in stored order."""
         nq, var1, var2, qcoef = c.c_int64(), i32p(), i32p(), f64p()
@@ -479,6 +587,11 @@ class Store:
             "nqlinterms": data.nqlinterms,
             "qsense": data.qsense[: data.nqrows].decode() if data.nqrows else "",
             "qrhs": _view(data.qrhs, data.nqrows, float),
+            "nnlrows": data.nnlrows,
+            "nnlcodes": data.nnlcodes,
+            "nnlobj": data.nnlobj,
+            "nllower": _view(data.nllower, data.nnlrows, float),
+            "nlupper": _view(data.nlupper, data.nnlrows, float),
         }
 
     def matrix(self, csc):

@@ -1,0 +1,83 @@
+// api_nonlinear.cpp: the functions of tarvo.h for nonlinear rows and objectives.
+#include "border.h"
+#include "jacobian.h"
+
+using namespace store;
+
+namespace {
+
+void requiretape(const TRVnltape *tape) {
+    requirepointer("tape", tape, 1);
+    requirecount("codes", tape->ncodes);
+    requirepointer("codes", tape->code, tape->ncodes);
+    requirecount("constants", tape->nconstants);
+    requirepointer("constants", tape->constant, tape->nconstants);
+}
+
+} // namespace
+
+int TRVaddnlrows(TRVmodel *model, int64_t nrows, const TRVnlrows *rows, const double *lower, int lowerstep,
+                 const double *upper, int upperstep, const TRVnames *names, int32_t *firstid) {
+    return border(model, [&] {
+        requirecount("nonlinear rows", nrows);
+        requirepointer("rows", rows, 1);
+        requirepointer("lower sides", lower, nrows);
+        requirepointer("upper sides", upper, nrows);
+        const int32_t first =
+            model->nlrows.add(model->columns, model->tapeuses, nrows, *rows, lower, lowerstep, upper, upperstep, names);
+        if (firstid)
+            *firstid = first;
+    });
+}
+
+int TRVsetnlobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, int64_t nq,
+                      const int32_t *var1, const int32_t *var2, const double *qcoef, const TRVnltape *tape,
+                      double constant, int sense) {
+    return border(model, [&] {
+        requirecount("terms", n);
+        requirepointer("variables of terms", var, n);
+        requirepointer("coefficients", coef, n);
+        requirecount("quadratic terms", nq);
+        requirepointer("first variables of quadratic terms", var1, nq);
+        requirepointer("second variables of quadratic terms", var2, nq);
+        requirepointer("coefficients of quadratic terms", qcoef, nq);
+        requiretape(tape);
+        QuadTerms quadratic = sortedpairs(model->columns.ids, nq, var1, var2, qcoef);
+        NlObjective nonlinear(model->columns, *tape);
+        model->setobjective(n, var, coef, std::move(quadratic), std::move(nonlinear), constant, sense);
+    });
+}
+
+int TRVgetnlrow(TRVmodel *model, int32_t nlrow, TRVnlrows *row) {
+    return border(model, [&] {
+        requirepointer("row", row, 1);
+        const int32_t slot = model->nlrows.ids.require(nlrow, "nonlinear row");
+        model->purge();
+        *row = model->nlrows.view(slot);
+    });
+}
+
+int TRVgetnlobjective(TRVmodel *model, TRVnltape *tape) {
+    return border(model, [&] {
+        requirepointer("tape", tape, 1);
+        *tape = model->nlobjective.view();
+    });
+}
+
+int TRVevalnlrows(TRVmodel *model, const double *x, double *activity) {
+    return border(model, [&] {
+        const int32_t n = model->columns.ids.committed();
+        requirepointer("x", x, n);
+        requirepointer("activity", activity, model->nlrows.ids.committed());
+        model->purge();
+        evaluate(model->nlrows, PointById(model->columns.ids, x, n), activity);
+    });
+}
+
+int TRVgetnljacobian(TRVmodel *model, const double *x, TRVmatrix *matrix) {
+    return border(model, [&] {
+        requirepointer("x", x, model->columns.ids.committed());
+        requirepointer("matrix", matrix, 1);
+        *matrix = nonlinearjacobian(*model, x);
+    });
+}

@@ -1,0 +1,129 @@
+// nlrows.h: NlRows, the nonlinear rows: sides by slot, linear terms in one piece of CSR form over ids, and one tape
+// each, all tapes in one piece (see tape.h). NlObjective, the tape of the objective. TapeUses, which variables stand in
+// tapes.
+//
+//   lower <= coef[k] * var[k], k in ptr[i] .. ptr[i+1]  +  tape of code[k], k in codeptr[i] .. codeptr[i+1] <= upper
+#pragma once
+
+#include "columns.h"
+#include "names.h"
+#include "registry.h"
+#include "rows.h"
+#include "tape.h"
+#include "tarvo.h"
+
+namespace store {
+
+// How often each variable stands in tapes, 8 bytes a variable from the first tape on: a removal asks about one
+// variable, and must not search all tapes for it.
+class TapeUses {
+  public:
+    void reserve(const Registry &variables) { count_.pad(variables.count(), 0); }
+    void add(const Tape &tape, int64_t by) noexcept {
+        for (int64_t k = 0; k < tape.n; k++)
+            if (tape.code[k] >= 0)
+                count_[tape.code[k]] += by;
+    }
+    bool any(int32_t id) const { return static_cast<size_t>(id) < count_.size() && count_[id] > 0; }
+
+  private:
+    Buffer<int64_t> count_; // by id
+};
+
+struct NlRow {
+    int64_t n;
+    const int32_t *var;
+    const double *coef;
+    Tape tape;
+};
+
+class NlRows {
+  public:
+    Registry ids{TRV_NLCONSTR};
+    Names names{'N'};
+    Buffer<double> lower, upper; // +-INFINITY for none
+
+    int32_t add(const Columns &columns, TapeUses &uses, int64_t nrows, const TRVnlrows &rows, const double *newlower,
+                int lowerstep, const double *newupper, int upperstep, const TRVnames *newnames);
+    // Their variables are free to go at once.
+    void remove(TapeUses &uses, int64_t n, const int32_t *removed);
+
+    NlRow row(int32_t slot) const {
+        const int64_t from = ptr_[slot];
+        return {ptr_[slot + 1] - from, var_.data() + from, coef_.data() + from, tape(slot)};
+    }
+    Tape tape(int32_t slot) const {
+        return {codeptr_[slot + 1] - codeptr_[slot], code_.data() + codeptr_[slot],
+                constant_.data() + constantptr_[slot]};
+    }
+    TRVnlrows view(int32_t slot) const;
+    // The first row, not marked as removed, whose tape has the variable: its slot, or -1.
+    int32_t rowwith(int32_t variable) const;
+
+    // Entries of tapes of the rows in the model.
+    int64_t codes() const { return codeptr_.empty() ? 0 : codeptr_[ids.committed()]; }
+    // f(slot, NlRow) for the rows in the model, in order.
+    template <class F> void each(F f) const {
+        for (int32_t i = 0; i < ids.committed(); i++)
+            f(i, row(i));
+    }
+
+    // As in Rows.
+    void variablesremoved() { stale_ = true; }
+    void purge(const Columns &columns) noexcept;
+    void update(const Columns &columns) noexcept;
+    // What TRVgetdata points into.
+    void guard(Yard *yard) {
+        lower.guard(yard);
+        upper.guard(yard);
+    }
+
+  private:
+    void roomsides(int64_t nrows, const double *newlower, int lowerstep, const double *newupper, int upperstep);
+    void roomlinear(const Columns &columns, const TRVnlrows &rows, Buffer<int64_t> &block);
+    void roomtapes(const Columns &columns, const TRVnlrows &rows, const Buffer<int64_t> &codeblock,
+                   Buffer<int64_t> &constantblock, const TRVnames *newnames);
+    template <class Gone> void filterlinear(Gone gone, bool wholerows) noexcept;
+    void compacttapes() noexcept;
+
+    Buffer<int64_t> ptr_, codeptr_, constantptr_; // slots + 1, or empty
+    Buffer<int32_t> var_;
+    Buffer<double> coef_;
+    Buffer<int32_t> code_;
+    Buffer<double> constant_;
+    bool stale_ = false;
+    Marker marker_;
+};
+
+class NlObjective {
+  public:
+    NlObjective() = default;
+    // Checked, and copied.
+    NlObjective(const Columns &columns, const TRVnltape &tape);
+
+    Tape tape() const { return {static_cast<int64_t>(code_.size()), code_.data(), constant_.data()}; }
+    TRVnltape view() const {
+        return {static_cast<int64_t>(code_.size()), code_.data(), static_cast<int64_t>(constant_.size()),
+                constant_.data()};
+    }
+    bool equals(const NlObjective &other) const;
+
+  private:
+    Buffer<int32_t> code_;
+    Buffer<double> constant_;
+};
+
+// A point by position as one by id, for tapes; 0 for variables that are not in the model (yet).
+class PointById {
+  public:
+    PointById(const Registry &variables, const double *x, int32_t n);
+    const double *data() const { return values_.data(); }
+
+  private:
+    Buffer<double> values_;
+};
+
+// Activities of the rows in the model.
+void evaluate(const NlRows &nlrows, const PointById &point, double *activity);
+
+} // namespace store
