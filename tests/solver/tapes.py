@@ -6,30 +6,10 @@
 
 import numpy as np
 
-NAMES = [
-    "constant",
-    "sum",
-    "-",
-    "*",
-    "/",
-    "**",
-    "neg",
-    "square",
-    "sqrt",
-    "exp",
-    "log",
-    "log2",
-    "log10",
-    "sin",
-    "cos",
-    "tan",
-    "tanh",
-    "logistic",
-    "abs",
-]
+BINARY = ["-", "*", "/", "**"]
+UNARY = ["neg", "square", "sqrt", "exp", "log", "log2", "log10", "sin", "cos", "tan", "tanh", "logistic", "abs"]
+NAMES = ["constant", "sum", *BINARY, *UNARY]
 OP = {name: number for number, name in enumerate(NAMES)}
-BINARY = NAMES[2:6]
-UNARY = NAMES[6:]
 
 
 def logistic(z):

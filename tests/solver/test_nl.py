@@ -6,9 +6,23 @@ import numpy as np
 import pytest
 
 import tarvopy
+from solver.store import INVALID, NLCONSTR, VAR, Store, StoreError
+from solver.tapes import UNARY, evaluate, op, random_expression, sumof, tape
 from tarvopy import TRV, TarvoError, _modelapi
 
 INF = np.inf
+# By the codes of the format: those that every reader knows.
+OPERATORS = {1: np.subtract, 2: np.multiply, 3: np.divide, 5: np.power}
+FUNCTIONS = {
+    15: np.abs,
+    16: np.negative,
+    39: np.sqrt,
+    41: np.sin,
+    42: np.log10,
+    43: np.log,
+    44: np.exp,
+    46: np.cos,
+}
 
 
 class NlFile:
@@ -42,11 +56,14 @@ class NlFile:
             place = self.take("i")
             return lambda x: x[place]
         code = self.take("i")
+        if code in FUNCTIONS:
+            function, operand = FUNCTIONS[code], self.expression()
+            return lambda x: function(operand(x))
         parts = [self.expression() for _ in range(self.take("i") if code == 54 else 2)]
-        if code == 2:
-            return lambda x: parts[0](x) * parts[1](x)
-        assert code in (0, 54)
-        return lambda x: sum(part(x) for part in parts)
+        if code in (0, 54):
+            return lambda x: sum(part(x) for part in parts)
+        operator = OPERATORS[code]
+        return lambda x: operator(parts[0](x), parts[1](x))
 
     def terms(self, count):
         return {self.take("i"): self.take("d") for _ in range(count)}
@@ -195,3 +212,122 @@ def test_path_that_cannot_be_written_is_an_error(tmp_path):
     m = tarvopy.Model()
     with pytest.raises(TarvoError, match="nowhere"):
         _modelapi.write_nl(m._cmodel, tmp_path / "nowhere" / "model.nl")
+
+
+# ---- tapes
+
+
+def written_store(m, tmp_path):
+    m.update()
+    path = tmp_path / "model.nl"
+    position = m.writenl(path)
+    return NlFile(path.read_bytes()), position
+
+
+def taken(m, row):
+    """Adds a row, unless its constants break a function."""
+    try:
+        m.addnlrows([row])
+    except StoreError as error:
+        if error.code == INVALID:
+            return False
+        raise
+    return True
+
+
+@pytest.mark.parametrize("seed", range(3))
+def test_tapes_say_in_the_file_what_they_say_in_the_store(seed, tmp_path):
+    rng = np.random.default_rng(seed)
+    m, n = Store(), 6
+    m.addvars(n + 1, lb=-INF)
+    m.remove(VAR, [2])
+    ids = np.delete(np.arange(n + 1), 2)
+    rows = []
+    while len(rows) < 80:
+        code, constants = tape(random_expression(rng, n, int(rng.integers(1, 6))))
+        linear = [(int(v), float(rng.normal())) for v in rng.permutation(ids)[:2]]
+        row = linear, [int(ids[k]) if k >= 0 else k for k in code], constants
+        if taken(m, row):
+            rows.append(row)
+    m.addqrows([([], [(0, 1, 1.0)])], "<", 5.0)
+    m.addrows([{1: 1.0, 3: 2.0}], upper=4.0)
+    m.setnlobjective([(0, 2.0)], [(1, 3, 0.5)], *tape("exp", ("*", 0.5, 1)), sense=-1)
+    nl, position = written_store(m, tmp_path)
+
+    x = rng.uniform(0.2, 1.6, n)
+    byid = np.zeros(n + 1)
+    byid[ids] = x
+    z = np.where(position >= 0, x[position], 0.0)
+    with np.errstate(all="ignore"):
+        expected = [sum(a * byid[v] for v, a in row[0]) + evaluate(row[1], row[2], byid) for row in rows]
+        found = [nl.row(1 + i, z) for i in range(len(rows))]
+    np.testing.assert_allclose(found, expected, rtol=1e-7, atol=1e-9)
+    objective_row = 1 + len(rows)
+    at_objective = int(np.flatnonzero(position < 0)[0])
+    assert nl.row(objective_row, z) == pytest.approx(0.5 * byid[1] * byid[3] + np.exp(0.5 * byid[1]))
+    assert nl.linear[objective_row][at_objective] == -1.0
+    assert nl.row_sides[objective_row] == (0, INF)
+    assert nl.head[1][0] == objective_row + 1  # nonlinear rows
+    assert nl.nrows == objective_row + 2
+    for i, (linear, code, _) in enumerate(rows):
+        named = {position[place] for place in nl.linear.get(1 + i, {})}
+        assert {int(ids[p]) for p in named} == {v for v, _ in linear} | {k for k in code if k >= 0}
+    in_tapes = {k for _, code, _ in rows for k in code if k >= 0} | {0, 1, 3}
+    assert nl.head[3] == [len(in_tapes), 0, 0]
+    assert {int(ids[p]) for p in position[: len(in_tapes)]} == in_tapes
+
+
+def test_sides_of_nonlinear_rows_and_the_start_of_a_nonlinear_objective(tmp_path):
+    m = Store()
+    m.addvars(2)
+    m.addnlrows([([], *tape("sin", 0)), ([], [], [])], lower=[-INF, 1.0], upper=[0.5, 2.0])
+    m.setnlobjective([(0, 1.0)], [(0, 0, 1.0)], *tape("exp", 1))
+    m.setdbls("Start", [0, 1], [3.0, 0.0])
+    nl, position = written_store(m, tmp_path)
+    assert nl.row_sides == [(-INF, 0.5), (1.0, 2.0), (-INF, 0)]
+    assert nl.row(1, np.zeros(3)) == 0.0
+    assert nl.start[int(np.flatnonzero(position < 0)[0])] == 9.0 + 1.0
+
+
+def test_sums_built_term_by_term_become_one_sum(tmp_path):
+    n, m = 100_000, Store()
+    m.addvars(1)
+    plus, minus = [0] + [0, sumof(2)] * n, [0] + [0, op("-")] * n
+    mixed = tape("sum", ("-", ("sum", 0, 0), ("-", 0, ("*", 0, 0))), ("neg", 0))
+    m.addnlrows([([], plus, []), ([], minus, []), ([], *mixed)])
+    nl, _ = written_store(m, tmp_path)
+    x = np.array([2.0])
+    assert [nl.row(i, x) for i in range(3)] == [2.0 * (n + 1), 2.0 - 2.0 * n, 2 + 2 - (2 - 4) - 2]
+
+
+def test_what_nests_too_deep_for_a_reader_is_refused_by_name(tmp_path):
+    deep, tangents = ([0] + [op(name)] * n for name, n in (("sin", 5000), ("tan", 9)))
+    for code, message in ((deep, "nests 5001 levels deep"), (tangents, "has 9 tangents in each other")):
+        m = Store()
+        m.addvars(1)
+        m.addnlrows([([], [0], []), ([], code, [])], names=("chain", (2,)))
+        m.update()
+        with pytest.raises(StoreError, match=rf"the nonlinear constraint 'chain\[1\]' {message}"):
+            m.writenl(tmp_path / "model.nl")
+        m.remove(NLCONSTR, [1])
+        m.update()
+        m.setnlobjective([], [], code)
+        with pytest.raises(StoreError, match=f"the nonlinear objective {message}"):
+            m.writenl(tmp_path / "model.nl")
+        assert not list(tmp_path.iterdir())
+
+
+@pytest.mark.parametrize("name", [*UNARY, "**", "/"])
+def test_the_engine_reads_each_function(name, tmp_path):
+    pyscipopt = pytest.importorskip("pyscipopt")
+    m = Store()
+    m.addvars(2, lb=[1.3, 0.7], ub=[1.3, 0.7])
+    code, constants = tape(name, 0) if name in UNARY else tape(name, 0, 1)
+    m.setnlobjective([], [], code, constants)
+    m.update()
+    m.writenl(tmp_path / "model.nl")
+    scip = pyscipopt.Model()
+    scip.hideOutput()
+    scip.readProblem(str(tmp_path / "model.nl"))
+    scip.optimize()
+    assert scip.getObjVal() == pytest.approx(evaluate(code, constants, np.array([1.3, 0.7])), abs=1e-6)
