@@ -21,27 +21,16 @@ class NlStream {
     void letter(char letter) { file_.put({&letter, 1}); }
     void integer(std::int32_t value) { raw(value); }
     void real(double value) { raw(value); }
-    void term(std::int32_t variable, double value) {
-        char bytes[sizeof variable + sizeof value];
-        std::char_traits<char>::copy(bytes, reinterpret_cast<const char *>(&variable), sizeof variable);
-        std::char_traits<char>::copy(bytes + sizeof variable, reinterpret_cast<const char *>(&value), sizeof value);
-        file_.put({bytes, sizeof bytes});
-    }
+    void term(std::int32_t variable, double value) { together(variable, value); }
 
-    void segment(char kind, std::int32_t number) {
-        letter(kind);
-        integer(number);
-    }
+    void segment(char kind, std::int32_t number) { together(kind, number); }
     void segment(char kind, std::int32_t number, std::int32_t count) {
         segment(kind, number);
         integer(count);
     }
 
     // Expressions.
-    void number(double value) {
-        letter('n');
-        real(value);
-    }
+    void number(double value) { together('n', value); }
     void variable(std::int32_t place) { segment('v', place); }
     void operation(std::int32_t code) { segment('o', code); }
     void product() { operation(kTimes); }
@@ -71,6 +60,14 @@ class NlStream {
     static constexpr std::int32_t kPlus = 0, kTimes = 2, kSumOfMany = 54;
 
     template <typename T> void raw(T value) { file_.put({reinterpret_cast<const char *>(&value), sizeof value}); }
+
+    // The pieces are small, so that each call for itself costs more than its bytes.
+    template <typename First, typename Second> void together(First first, Second second) {
+        char bytes[sizeof first + sizeof second];
+        std::char_traits<char>::copy(bytes, reinterpret_cast<const char *>(&first), sizeof first);
+        std::char_traits<char>::copy(bytes + sizeof first, reinterpret_cast<const char *>(&second), sizeof second);
+        file_.put({bytes, sizeof bytes});
+    }
 
     FileWriter file_;
 };

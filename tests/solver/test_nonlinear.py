@@ -159,6 +159,16 @@ def test_other_objectives_drop_the_tape(store, replace):
     store.remove(VAR, [1])
 
 
+def test_a_pending_variable_is_zero_in_the_tape_and_no_column_of_the_gradient(store, tmp_path):
+    store.update()
+    pending = store.addvars(1)
+    store.setnlobjective([], [], *tape("*", ("exp", pending), 1))
+    assert store.evalobjective([0.0, 3.0, 0, 0]) == 3.0
+    assert [a.tolist() for a in store.nljacobian([0.0, 3.0, 0, 0])] == [[0, 1], [1], [1.0]]
+    with pytest.raises(StoreError, match="the nonlinear objective has a variable that is pending"):
+        store.writenl(tmp_path / "model.nl")
+
+
 # ---- what is refused changes nothing
 
 
