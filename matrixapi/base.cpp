@@ -89,6 +89,15 @@ PyObject *instance_dict(PyObject *object) {
     return dict;
 }
 
+void replace_dict(PyObject *object, PyObject *value) {
+    if (!value)
+        fail(PyExc_TypeError, "cannot delete __dict__");
+    if (!PyDict_Check(value))
+        fail(PyExc_TypeError, "__dict__ must be set to a dictionary, not a '%.200s'", Py_TYPE(value)->tp_name);
+    Ref old = Ref::steal(std::exchange(matrix(object)->dict, Py_NewRef(value)));
+    drop_native(object);
+}
+
 PyObject *stored(PyObject *object, PyObject *name) {
     PyObject *dict = is_matrix(object) ? matrix(object)->dict : nullptr;
     if (!dict)

@@ -58,6 +58,8 @@ void drop_native(PyObject *object);
 
 // The instance dictionary itself, created if need be, without making anything (borrowed).
 PyObject *instance_dict(PyObject *object);
+// Sets __dict__: the native form goes. TypeError for anything but a dictionary, and for NULL (deletion).
+void replace_dict(PyObject *object, PyObject *value);
 // An attribute of the instance dictionary alone: borrowed, NULL without an error where it is missing.
 PyObject *stored(PyObject *object, PyObject *name);
 void store(PyObject *object, PyObject *name, PyObject *value);

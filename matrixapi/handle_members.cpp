@@ -84,14 +84,7 @@ template <const HandleClass &of> PyObject *get_dict(PyObject *self, void *) {
 }
 
 template <const HandleClass &of> int set_dict(PyObject *self, PyObject *value, void *) {
-    return border_status([&] {
-        if (!value)
-            fail(PyExc_TypeError, "cannot delete __dict__");
-        if (!PyDict_Check(value))
-            fail(PyExc_TypeError, "__dict__ must be set to a dictionary, not a '%.200s'", Py_TYPE(value)->tp_name);
-        Ref old = Ref::steal(std::exchange(matrix(self)->dict, Py_NewRef(value)));
-        drop_native(self);
-    });
+    return border_status([&] { replace_dict(self, value); });
 }
 
 template <const HandleClass &of>

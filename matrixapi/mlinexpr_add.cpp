@@ -7,9 +7,9 @@
 // Subtraction adds the operand times -1: `factor` goes through all of it. Every function checks first and changes then.
 #include "mlinexpr_operators.h"
 
+#include "methods.h"
 #include "mquadexpr_operators.h"
 #include "names.h"
-#include "pysupport/args.h"
 
 namespace tarvopy {
 
@@ -394,34 +394,16 @@ Ref add(PyObject *self, PyObject *given, double factor) {
 
 namespace {
 
-PyObject *one_argument(const char *name, const char *parameter, PyObject *const *args, Py_ssize_t nargs,
-                       PyObject *kwnames) {
-    if (nargs == 1 && !kwnames)
-        return args[0];
-    Arguments given(Signature(name, {parameter}, 1), 1, args, nargs, kwnames);
-    return given[0];
+Ref plus(PyObject *self, PyObject *other) {
+    return add(self, other, 1.0);
 }
-
-PyObject *mlinexpr_add(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] { return add(self, one_argument("__add__", "other", args, nargs, kwnames), 1.0); });
+Ref minus(PyObject *self, PyObject *other) {
+    return add(self, other, -1.0);
 }
-
-PyObject *mlinexpr_radd(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] { return add(self, one_argument("__radd__", "other", args, nargs, kwnames), 1.0); });
-}
-
-PyObject *mlinexpr_sub(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] { return add(self, one_argument("__sub__", "other", args, nargs, kwnames), -1.0); });
-}
-
-PyObject *mlinexpr_rsub(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&]() -> Ref {
-        PyObject *other = one_argument("__rsub__", "other", args, nargs, kwnames);
-        if (kind_of(other) == Operand::Other)
-            return Ref::borrow(Py_NotImplemented);
-        Ref negative = scaled(self, -1.0);
-        return add(negative.get(), other, 1.0);
-    });
+Ref reflected_minus(PyObject *self, PyObject *other) {
+    if (kind_of(other) == Operand::Other)
+        return Ref::borrow(Py_NotImplemented);
+    return add(scaled(self, -1.0).get(), other, 1.0);
 }
 
 Ref in_place(PyObject *self, PyObject *other, double factor) {
@@ -431,27 +413,25 @@ Ref in_place(PyObject *self, PyObject *other, double factor) {
     // Not for quadratic operands: Python then forms the sum, which is another object.
     return Ref::borrow(iadd(self, other, factor) ? self : Py_NotImplemented);
 }
-
-PyObject *mlinexpr_iadd(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] { return in_place(self, one_argument("__iadd__", "other", args, nargs, kwnames), 1.0); });
+Ref plus_in_place(PyObject *self, PyObject *other) {
+    return in_place(self, other, 1.0);
 }
-
-PyObject *mlinexpr_isub(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] { return in_place(self, one_argument("__isub__", "other", args, nargs, kwnames), -1.0); });
+Ref minus_in_place(PyObject *self, PyObject *other) {
+    return in_place(self, other, -1.0);
 }
 
 } // namespace
 
 std::span<Member> addition_members() {
     static Member members[] = {
-        method("__add__", mlinexpr_add,
-               "__add__($self, other)\n--\n\nSum with numbers, variables or expressions, by NumPy's broadcasting."),
-        method("__radd__", mlinexpr_radd, "__radd__($self, other)\n--\n\nAs __add__."),
-        method("__iadd__", mlinexpr_iadd,
-               "__iadd__($self, other)\n--\n\nAdd in place; the shape stays. On failure nothing has changed."),
-        method("__sub__", mlinexpr_sub, "__sub__($self, other)\n--\n\nself + (-1.0 * other)"),
-        method("__rsub__", mlinexpr_rsub, "__rsub__($self, other)\n--\n\n(-1.0 * self) + other"),
-        method("__isub__", mlinexpr_isub, "__isub__($self, other)\n--\n\nself += -1.0 * other"),
+        operator_of<"__add__", plus>(
+            "__add__($self, other)\n--\n\nSum with numbers, variables or expressions, by NumPy's broadcasting."),
+        operator_of<"__radd__", plus>("__radd__($self, other)\n--\n\nAs __add__."),
+        operator_of<"__iadd__", plus_in_place>(
+            "__iadd__($self, other)\n--\n\nAdd in place; the shape stays. On failure nothing has changed."),
+        operator_of<"__sub__", minus>("__sub__($self, other)\n--\n\nself + (-1.0 * other)"),
+        operator_of<"__rsub__", reflected_minus>("__rsub__($self, other)\n--\n\n(-1.0 * self) + other"),
+        operator_of<"__isub__", minus_in_place>("__isub__($self, other)\n--\n\nself += -1.0 * other"),
     };
     return members;
 }

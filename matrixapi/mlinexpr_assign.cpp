@@ -7,6 +7,7 @@
 // The contents are computed as new private LinExpr; writing them is an exchange of lists, which cannot fail half way.
 #include "matrixapi/mlinexpr.h"
 
+#include "matrixapi/methods.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
 
@@ -174,18 +175,6 @@ void assign(PyObject *expr, PyObject *key, PyObject *value) {
 
 // ---- members ------------------------------------------------------------------------------------------------------
 
-using Assignment = void (*)(PyObject *expr, PyObject *key, PyObject *value);
-
-PyObject *assignment(Assignment work, const Signature &signature, PyObject *self, PyObject *const *args,
-                     Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
-        need_numpy();
-        work(self, given[0], given[1]);
-        return Ref::none();
-    });
-}
-
 void assign_linexpr(PyObject *expr, PyObject *key, PyObject *value) {
     if (!PyObject_TypeCheck(value, mod.core->LinExpr))
         fail(PyExc_TypeError, "expected a LinExpr, not '%.200s'", Py_TYPE(value)->tp_name);
@@ -202,40 +191,20 @@ void assign_addable(PyObject *expr, PyObject *key, PyObject *value) {
     write(expr, key, contents_of_addable(expr, key, value));
 }
 
-PyObject *setitem(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"__setitem__", {"key", "value"}, 2};
-    return assignment(assign, signature, self, args, nargs, kwnames);
-}
-
-PyObject *setitem_linexpr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_setitem_linexpr", {"key", "le"}, 2};
-    return assignment(assign_linexpr, signature, self, args, nargs, kwnames);
-}
-
-PyObject *setitem_mlinexpr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_setitem_mlinexpr", {"key", "value"}, 2};
-    return assignment(assign_mlinexpr, signature, self, args, nargs, kwnames);
-}
-
-PyObject *setitem_iaddable(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_setitem_iaddable", {"obj", "value"}, 2};
-    return assignment(assign_addable, signature, self, args, nargs, kwnames);
-}
-
 } // namespace
 
 std::span<Member> assign_members() {
     static Member members[] = {
-        method("__setitem__", setitem,
-               "__setitem__($self, key, value)\n--\n\nWrites a number, array, variable or expression, spread as NumPy "
-               "does, into the selected\n"
-               "elements; on an error nothing has changed. Brings the expression to the full state."),
-        method("_setitem_linexpr", setitem_linexpr,
-               "_setitem_linexpr($self, key, le)\n--\n\nA copy of one LinExpr for each element."),
-        method("_setitem_mlinexpr", setitem_mlinexpr,
-               "_setitem_mlinexpr($self, key, value)\n--\n\nCopies of another expression's elements."),
-        method("_setitem_iaddable", setitem_iaddable,
-               "_setitem_iaddable($self, obj, value)\n--\n\nWhat zero elements become when the value is added."),
+        assignment<"__setitem__", "key", "value", assign>(
+            "__setitem__($self, key, value)\n--\n\nWrites a number, array, variable or expression, spread as NumPy "
+            "does, into the selected\n"
+            "elements; on an error nothing has changed. Brings the expression to the full state."),
+        assignment<"_setitem_linexpr", "key", "le", assign_linexpr>(
+            "_setitem_linexpr($self, key, le)\n--\n\nA copy of one LinExpr for each element."),
+        assignment<"_setitem_mlinexpr", "key", "value", assign_mlinexpr>(
+            "_setitem_mlinexpr($self, key, value)\n--\n\nCopies of another expression's elements."),
+        assignment<"_setitem_iaddable", "obj", "value", assign_addable>(
+            "_setitem_iaddable($self, obj, value)\n--\n\nWhat zero elements become when the value is added."),
     };
     return members;
 }

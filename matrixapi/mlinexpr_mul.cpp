@@ -5,9 +5,9 @@
 //   e * x, e ** 2  quadratic; e / x, 2 ** e  nonlinear: handed over to those classes
 #include "mlinexpr_operators.h"
 
+#include "matrixapi/methods.h"
 #include "matrixapi/mquadexpr.h"
 #include "names.h"
-#include "pysupport/args.h"
 
 namespace tarvopy {
 
@@ -238,28 +238,6 @@ Ref power(PyObject *self, PyObject *other) {
 
 // ---- members
 
-using Operator = Ref (*)(PyObject *self, PyObject *other);
-
-PyObject *binary(Operator function, const char *name, const char *operand, PyObject *self, PyObject *const *args,
-                 Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        if (nargs == 1 && !kwnames)
-            return function(self, args[0]);
-        Arguments given(Signature(name, {operand}, 1), 1, args, nargs, kwnames);
-        return function(self, given[0]);
-    });
-}
-
-Ref unary(const char *name, Py_ssize_t nargs, PyObject *kwnames) {
-    Arguments given(Signature(name, {}, 0), 1, nullptr, nargs, kwnames);
-    return {};
-}
-
-#define TARVOPY_BINARY(c_name, python_name, operand, function)                                                         \
-    PyObject *c_name(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {                     \
-        return binary(function, python_name, operand, self, args, nargs, kwnames);                                     \
-    }
-
 Ref reflected_division(PyObject *, PyObject *other) {
     if (kind_of(other) == Operand::Other)
         return not_implemented();
@@ -278,44 +256,12 @@ Ref idivide(PyObject *self, PyObject *other) {
     return factor ? imul(self, factor.get()) : not_implemented();
 }
 
-Ref less_equal(PyObject *self, PyObject *rhs) {
-    return check(mod.core->tempconstr(self, mod.less_equal, rhs));
-}
-Ref greater_equal(PyObject *self, PyObject *rhs) {
-    return check(mod.core->tempconstr(self, mod.greater_equal, rhs));
-}
-Ref equal(PyObject *self, PyObject *rhs) {
-    return check(mod.core->tempconstr(self, mod.equal, rhs));
-}
 Ref not_equal(PyObject *, PyObject *) {
     fail_tarvo(0, "Inequality constraints not supported");
 }
 
-TARVOPY_BINARY(mlinexpr_mul, "__mul__", "other", multiply)
-TARVOPY_BINARY(mlinexpr_rmul, "__rmul__", "other", multiply)
-TARVOPY_BINARY(mlinexpr_imul, "__imul__", "other", imul)
-TARVOPY_BINARY(mlinexpr_truediv, "__truediv__", "other", divide)
-TARVOPY_BINARY(mlinexpr_itruediv, "__itruediv__", "other", idivide)
-TARVOPY_BINARY(mlinexpr_rtruediv, "__rtruediv__", "other", reflected_division)
-TARVOPY_BINARY(mlinexpr_pow, "__pow__", "other", power)
-TARVOPY_BINARY(mlinexpr_rpow, "__rpow__", "other", reflected_power)
-TARVOPY_BINARY(mlinexpr_le, "__le__", "rhs", less_equal)
-TARVOPY_BINARY(mlinexpr_ge, "__ge__", "rhs", greater_equal)
-TARVOPY_BINARY(mlinexpr_eq, "__eq__", "rhs", equal)
-TARVOPY_BINARY(mlinexpr_ne, "__ne__", "rhs", not_equal)
-
-PyObject *mlinexpr_neg(PyObject *self, PyObject *const *, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        unary("__neg__", nargs, kwnames);
-        return scaled(self, -1.0);
-    });
-}
-
-PyObject *mlinexpr_pos(PyObject *self, PyObject *const *, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        unary("__pos__", nargs, kwnames);
-        return copy_of(self);
-    });
+Ref negative(PyObject *self) {
+    return scaled(self, -1.0);
 }
 
 } // namespace
@@ -377,25 +323,25 @@ Ref inverse_of(PyObject *other, Operand kind) {
 
 std::span<Member> multiplication_members() {
     static Member members[] = {
-        method("__mul__", mlinexpr_mul, "__mul__($self, other)\n--\n\nElement-wise product, by NumPy's broadcasting."),
-        method("__rmul__", mlinexpr_rmul, "__rmul__($self, other)\n--\n\nAs __mul__."),
-        method("__imul__", mlinexpr_imul,
-               "__imul__($self, other)\n--\n\nMultiply by numbers in place; the shape stays. On failure nothing has "
-               "changed."),
-        method("__truediv__", mlinexpr_truediv,
-               "__truediv__($self, other)\n--\n\nself * (1.0 / other) for numbers and arrays."),
-        method("__itruediv__", mlinexpr_itruediv, "__itruediv__($self, other)\n--\n\nself *= 1.0 / other"),
-        method("__rtruediv__", mlinexpr_rtruediv,
-               "__rtruediv__($self, other)\n--\n\nDivision by an expression is nonlinear."),
-        method("__pow__", mlinexpr_pow,
-               "__pow__($self, other)\n--\n\nPower; the exponents 0 and 1 stay linear, 2 is quadratic."),
-        method("__rpow__", mlinexpr_rpow, "__rpow__($self, other)\n--\n\nNonlinear."),
-        method("__neg__", mlinexpr_neg, "__neg__($self)\n--\n\n-1.0 * self"),
-        method("__pos__", mlinexpr_pos, "__pos__($self)\n--\n\nA copy."),
-        method("__le__", mlinexpr_le, "__le__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
-        method("__ge__", mlinexpr_ge, "__ge__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
-        method("__eq__", mlinexpr_eq, "__eq__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
-        method("__ne__", mlinexpr_ne, "__ne__($self, rhs)\n--\n\nNot a constraint: raises TarvoError."),
+        operator_of<"__mul__", multiply>("__mul__($self, other)\n--\n\nElement-wise product, by NumPy's broadcasting."),
+        operator_of<"__rmul__", multiply>("__rmul__($self, other)\n--\n\nAs __mul__."),
+        operator_of<"__imul__", imul>(
+            "__imul__($self, other)\n--\n\nMultiply by numbers in place; the shape stays. On failure nothing has "
+            "changed."),
+        operator_of<"__truediv__", divide>(
+            "__truediv__($self, other)\n--\n\nself * (1.0 / other) for numbers and arrays."),
+        operator_of<"__itruediv__", idivide>("__itruediv__($self, other)\n--\n\nself *= 1.0 / other"),
+        operator_of<"__rtruediv__", reflected_division>(
+            "__rtruediv__($self, other)\n--\n\nDivision by an expression is nonlinear."),
+        operator_of<"__pow__", power>(
+            "__pow__($self, other)\n--\n\nPower; the exponents 0 and 1 stay linear, 2 is quadratic."),
+        operator_of<"__rpow__", reflected_power>("__rpow__($self, other)\n--\n\nNonlinear."),
+        plain<"__neg__", negative>("__neg__($self)\n--\n\n-1.0 * self"),
+        plain<"__pos__", copy_of>("__pos__($self)\n--\n\nA copy."),
+        operator_of<"__le__", less_equal, "rhs">("__le__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
+        operator_of<"__ge__", greater_equal, "rhs">("__ge__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
+        operator_of<"__eq__", equal, "rhs">("__eq__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
+        operator_of<"__ne__", not_equal, "rhs">("__ne__($self, rhs)\n--\n\nNot a constraint: raises TarvoError."),
     };
     return members;
 }

@@ -5,6 +5,7 @@
 //   e._learr = a       drops the native form; what the other attributes showed stays
 #include "matrixapi/mlinexpr.h"
 
+#include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr_dict.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
@@ -429,15 +430,7 @@ PyObject *get_dict(PyObject *self, void *) {
 }
 
 int set_dict(PyObject *self, PyObject *value, void *) {
-    return border_status([&] {
-        if (!value)
-            fail(PyExc_TypeError, "cannot delete __dict__");
-        if (!PyDict_Check(value))
-            fail(PyExc_TypeError, "__dict__ must be set to a dictionary, not a '%.200s'", Py_TYPE(value)->tp_name);
-        Ref old = Ref::steal(matrix(self)->dict);
-        matrix(self)->dict = Py_NewRef(value);
-        drop_native(self);
-    });
+    return border_status([&] { replace_dict(self, value); });
 }
 
 PyObject *getstate(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
@@ -469,54 +462,9 @@ PyObject *is_compact_method(PyObject *self, PyObject *const *args, Py_ssize_t na
     });
 }
 
-// The methods without arguments.
-template <Ref (*work)(PyObject *)>
-PyObject *conversion(PyObject *self, const Signature &signature, PyObject *const *args, Py_ssize_t nargs,
-                     PyObject *kwnames) {
-    return border([&] {
-        Arguments(signature, 1, args, nargs, kwnames);
-        return work(self);
-    });
-}
-
 Ref leading_extent(PyObject *self) {
     PyObject *array = documented(self, names._const);
     return check(PyObject_GetAttr(array, names.size));
-}
-
-Ref converted(PyObject *self) {
-    convert_to_full(self);
-    return Ref::none();
-}
-
-PyObject *to_full_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_to_full", {}, 0};
-    return conversion<to_full>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *convert_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_convert_to_full", {}, 0};
-    return conversion<converted>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *leading_adim(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_leading_adim", {}, 0};
-    return conversion<leading_extent>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *copy_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"copy", {}, 0};
-    return conversion<copy_of>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *copy_full_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_copy_full", {}, 0};
-    return conversion<copy_full>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *copy_compact_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_copy_compact", {}, 0};
-    return conversion<copy_compact>(self, signature, args, nargs, kwnames);
 }
 
 } // namespace
@@ -535,17 +483,15 @@ std::span<Member> state_members() {
         method("__getstate__", getstate, "__getstate__($self)\n--\n\nWhat copying and pickling take over."),
         method("_is_compact", is_compact_method,
                "_is_compact($self)\n--\n\nWhether the expression is in the compact state."),
-        method("_to_full", to_full_method, "_to_full($self)\n--\n\nA new full expression of the same value."),
-        method("_convert_to_full", convert_method,
-               "_convert_to_full($self)\n--\n\nBrings the expression itself to the full state, which it never leaves."),
-        method("_leading_adim", leading_adim,
-               "_leading_adim($self)\n--\n\nThe number of rows of every part's matrix: the number of elements."),
-        method("copy", copy_method,
-               "copy($self)\n--\n\nAn independent expression of the same shape and value, compact where this one is."),
-        method("_copy_full", copy_full_method,
-               "_copy_full($self)\n--\n\nA full copy; a compact receiver is converted first."),
-        method("_copy_compact", copy_compact_method,
-               "_copy_compact($self)\n--\n\nA compact copy with at most one part."),
+        plain<"_to_full", to_full>("_to_full($self)\n--\n\nA new full expression of the same value."),
+        plain<"_convert_to_full", convert_to_full>(
+            "_convert_to_full($self)\n--\n\nBrings the expression itself to the full state, which it never leaves."),
+        plain<"_leading_adim", leading_extent>(
+            "_leading_adim($self)\n--\n\nThe number of rows of every part's matrix: the number of elements."),
+        plain<"copy", copy_of>(
+            "copy($self)\n--\n\nAn independent expression of the same shape and value, compact where this one is."),
+        plain<"_copy_full", copy_full>("_copy_full($self)\n--\n\nA full copy; a compact receiver is converted first."),
+        plain<"_copy_compact", copy_compact>("_copy_compact($self)\n--\n\nA compact copy with at most one part."),
     };
     return members;
 }

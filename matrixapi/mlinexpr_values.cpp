@@ -7,6 +7,7 @@
 #include "matrixapi/mlinexpr.h"
 
 #include "matrixapi/flat_product.h"
+#include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr_dict.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
@@ -211,55 +212,6 @@ void normalize(PyObject *expr) {
 
 // ---- members ------------------------------------------------------------------------------------------------------
 
-template <class Work>
-PyObject *plain(const Signature &signature, Work work, PyObject *self, PyObject *const *args, Py_ssize_t nargs,
-                PyObject *kwnames) {
-    return border([&] {
-        Arguments(signature, 1, args, nargs, kwnames);
-        if constexpr (std::is_void_v<decltype(work(self))>) {
-            work(self);
-            return Ref::none();
-        } else {
-            return work(self);
-        }
-    });
-}
-
-PyObject *get_value(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"getValue", {}, 0};
-    return plain(signature, value_of, self, args, nargs, kwnames);
-}
-
-PyObject *get_constant(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"getConstant", {}, 0};
-    return plain(signature, constant_of, self, args, nargs, kwnames);
-}
-
-PyObject *clear_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"clear", {}, 0};
-    return plain(signature, clear, self, args, nargs, kwnames);
-}
-
-PyObject *clear_compact_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_clear_compact", {}, 0};
-    return plain(signature, clear_compact, self, args, nargs, kwnames);
-}
-
-PyObject *clear_full_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_clear_full", {}, 0};
-    return plain(signature, clear_full, self, args, nargs, kwnames);
-}
-
-PyObject *flatten_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_flatten", {}, 0};
-    return plain(signature, flatten, self, args, nargs, kwnames);
-}
-
-PyObject *normalize_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_normalize", {}, 0};
-    return plain(signature, normalize, self, args, nargs, kwnames);
-}
-
 } // namespace
 
 std::span<Member> value_members() {
@@ -268,19 +220,18 @@ std::span<Member> value_members() {
                "sum($self, axis=None)\n--\n\nThe sum over the given axes (None: all), a full expression. Brings this "
                "one to the full\n"
                "state. TarvoError for an axis out of range."),
-        method("getValue", get_value,
-               "getValue($self)\n--\n\nThe value in the last solution, a float64 array of this shape. NoDataError "
-               "without a solution."),
-        method("getConstant", get_constant,
-               "getConstant($self)\n--\n\nThe constant terms, a new float64 array of this shape."),
-        method("clear", clear_method, "clear($self)\n--\n\nMakes every element zero."),
-        method("_clear_compact", clear_compact_method,
-               "_clear_compact($self)\n--\n\nNo parts, and the constants zero in place."),
-        method("_clear_full", clear_full_method, "_clear_full($self)\n--\n\nMakes every LinExpr empty."),
-        method("_flatten", flatten_method,
-               "_flatten($self)\n--\n\nBrings the terms of every LinExpr to its plain lists."),
-        method("_normalize", normalize_method,
-               "_normalize($self)\n--\n\nMerges equal variables in each element and drops zero coefficients."),
+        plain<"getValue", value_of>(
+            "getValue($self)\n--\n\nThe value in the last solution, a float64 array of this shape. NoDataError "
+            "without a solution."),
+        plain<"getConstant", constant_of>(
+            "getConstant($self)\n--\n\nThe constant terms, a new float64 array of this shape."),
+        plain<"clear", clear>("clear($self)\n--\n\nMakes every element zero."),
+        plain<"_clear_compact", clear_compact>(
+            "_clear_compact($self)\n--\n\nNo parts, and the constants zero in place."),
+        plain<"_clear_full", clear_full>("_clear_full($self)\n--\n\nMakes every LinExpr empty."),
+        plain<"_flatten", flatten>("_flatten($self)\n--\n\nBrings the terms of every LinExpr to its plain lists."),
+        plain<"_normalize", normalize>(
+            "_normalize($self)\n--\n\nMerges equal variables in each element and drops zero coefficients."),
     };
     return members;
 }

@@ -1,11 +1,8 @@
 // MLinExpr: the private workers by name. Each stands for one row of an operator's dispatch: it asserts the receiver's
 // state and goes to the same code as the operator.
+#include "matrixapi/methods.h"
 #include "mlinexpr_operators.h"
 #include "mquadexpr_operators.h"
-
-#include "pysupport/args.h"
-
-#include <algorithm>
 
 namespace tarvopy {
 
@@ -36,15 +33,7 @@ Ref reflected_product(PyObject *self, PyObject *other) {
     return quadratic_matrix_product(other, self);
 }
 
-using Worker = Ref (*)(PyObject *self, PyObject *operand);
-
-// A literal as a template argument: each worker knows its own name and that of its operand, for keywords and messages.
-template <size_t n> struct Text {
-    char chars[n];
-    consteval Text(const char (&literal)[n]) { std::copy_n(literal, n, chars); }
-};
-
-template <Receiver receiver, Worker work, Text name, Text operand>
+template <Receiver receiver, Operator work, Text name, Text operand>
 PyObject *worker(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         static const Signature signature(name.chars, {operand.chars}, 1);
@@ -62,10 +51,10 @@ PyObject *split_method(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyOb
     });
 }
 
-template <Worker work, Text name, Text operand = "other"> Member on_compact(const char *doc) {
+template <Operator work, Text name, Text operand = "other"> Member on_compact(const char *doc) {
     return method(name.chars, worker<Receiver::Compact, work, name, operand>, doc);
 }
-template <Worker work, Text name, Text operand = "other"> Member on_full(const char *doc) {
+template <Operator work, Text name, Text operand = "other"> Member on_full(const char *doc) {
     return method(name.chars, worker<Receiver::Full, work, name, operand>, doc);
 }
 

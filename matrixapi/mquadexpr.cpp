@@ -6,6 +6,7 @@
 //
 // The states stand in mquadexpr_state.cpp, sums and values in mquadexpr_values.cpp, assignment in
 // mquadexpr_assign.cpp, x'Qy + c'z + d from arrays in mquadexpr_quadfun.cpp.
+#include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mvar.h"
@@ -397,65 +398,6 @@ Ref repr_of(PyObject *self) {
 
 // ---- members ------------------------------------------------------------------------------------------------------
 
-template <Ref (*work)(PyObject *)>
-PyObject *plain(PyObject *self, const Signature &signature, PyObject *const *args, Py_ssize_t nargs,
-                PyObject *kwnames) {
-    return border([&] {
-        Arguments(signature, 1, args, nargs, kwnames);
-        return work(self);
-    });
-}
-
-PyObject *concat_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_concat_quadparts", {}, 0};
-    return plain<concat_quadparts>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *extract_xQy_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_extract_xQy", {}, 0};
-    return plain<extract_xQy>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *extract_quadexpr_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_extract_quadexpr", {}, 0};
-    return plain<extract_quadexpr>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *copy_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"copy", {}, 0};
-    return plain<quad_copy>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *copy_compact_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_copy_compact", {}, 0};
-    return plain<quad_copy_compact>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *copy_full_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_copy_full", {}, 0};
-    return plain<quad_copy_full>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *copy_quadparts_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_copy_quadparts", {}, 0};
-    return plain<copy_quadparts>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *item(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"item", {}, 0};
-    return plain<item_of>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *iter(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"__iter__", {}, 0};
-    return plain<iterate>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *repr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"__repr__", {}, 0};
-    return plain<repr_of>(self, signature, args, nargs, kwnames);
-}
-
 std::span<Member> constructor_members() {
     static Member members[] = {
         method("__init__", init,
@@ -485,27 +427,26 @@ std::span<Member> structure_members() {
         method("_add_quadpart", add_quadpart_method,
                "_add_quadpart($self, x, Q, y)\n--\n\nAppends one part; Q is not copied where it is a float64 "
                "coo_matrix."),
-        method("_concat_quadparts", concat_method,
-               "_concat_quadparts($self)\n--\n\nJoins all parts into one, block-diagonal."),
-        method("_extract_xQy", extract_xQy_method,
-               "_extract_xQy($self)\n--\n\nThe parts joined into one (x, Q, y); (None, None, None) without parts."),
-        method("_extract_quadexpr", extract_quadexpr_method,
-               "_extract_quadexpr($self)\n--\n\nA new QuadExpr equal to the sum of the parts, which are joined."),
-        method("copy", copy_method, "copy($self)\n--\n\nAn independent expression of the same shape, value and state."),
-        method("_copy_compact", copy_compact_method,
-               "_copy_compact($self)\n--\n\nA compact copy with at most one part."),
-        method("_copy_full", copy_full_method, "_copy_full($self)\n--\n\nA full copy of a full expression."),
-        method("_copy_quadparts", copy_quadparts_method,
-               "_copy_quadparts($self)\n--\n\nA list of copied parts, at most one: they are joined first."),
-        method("item", item,
-               "item($self)\n--\n\nThe single element, linear part included, as a new QuadExpr. ValueError for another "
-               "size."),
+        plain<"_concat_quadparts", concat_quadparts>(
+            "_concat_quadparts($self)\n--\n\nJoins all parts into one, block-diagonal."),
+        plain<"_extract_xQy", extract_xQy>(
+            "_extract_xQy($self)\n--\n\nThe parts joined into one (x, Q, y); (None, None, None) without parts."),
+        plain<"_extract_quadexpr", extract_quadexpr>(
+            "_extract_quadexpr($self)\n--\n\nA new QuadExpr equal to the sum of the parts, which are joined."),
+        plain<"copy", quad_copy>("copy($self)\n--\n\nAn independent expression of the same shape, value and state."),
+        plain<"_copy_compact", quad_copy_compact>("_copy_compact($self)\n--\n\nA compact copy with at most one part."),
+        plain<"_copy_full", quad_copy_full>("_copy_full($self)\n--\n\nA full copy of a full expression."),
+        plain<"_copy_quadparts", copy_quadparts>(
+            "_copy_quadparts($self)\n--\n\nA list of copied parts, at most one: they are joined first."),
+        plain<"item", item_of>(
+            "item($self)\n--\n\nThe single element, linear part included, as a new QuadExpr. ValueError for another "
+            "size."),
         method(
             "__getitem__", getitem,
             "__getitem__($self, obj)\n--\n\nNumPy's indexing; slices share their elements, index arrays give copies. "
             "Brings the\nexpression to the full state."),
-        method("__iter__", iter, "__iter__($self)\n--\n\nOver the first axis."),
-        method("__repr__", repr, "__repr__($self)\n--\n\nShape, and every element as text."),
+        plain<"__iter__", iterate>("__iter__($self)\n--\n\nOver the first axis."),
+        plain<"__repr__", repr_of>("__repr__($self)\n--\n\nShape, and every element as text."),
     };
     return members;
 }

@@ -6,6 +6,7 @@
 //
 // The quadratic contents are private copies, made and fitted first; then the linear half is assigned by MLinExpr's own
 // rules, which changes nothing when it fails; the exchange of term lists at the end cannot fail half way.
+#include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/operands.h"
@@ -128,45 +129,18 @@ void assign_mquadexpr(PyObject *expr, PyObject *key, PyObject *value) {
     set_quadratic(expr, key, value);
 }
 
-using Assignment = void (*)(PyObject *expr, PyObject *key, PyObject *value);
-
-PyObject *assignment(Assignment work, const Signature &signature, PyObject *self, PyObject *const *args,
-                     Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
-        need_numpy();
-        work(self, given[0], given[1]);
-        return Ref::none();
-    });
-}
-
-PyObject *setitem(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"__setitem__", {"obj", "value"}, 2};
-    return assignment(assign, signature, self, args, nargs, kwnames);
-}
-
-PyObject *setitem_linear(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_setitem_linear", {"obj", "value"}, 2};
-    return assignment(set_linear, signature, self, args, nargs, kwnames);
-}
-
-PyObject *setitem_mquadexpr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_setitem_mquadexpr", {"obj", "value"}, 2};
-    return assignment(assign_mquadexpr, signature, self, args, nargs, kwnames);
-}
-
 } // namespace
 
 std::span<Member> quad_assign_members() {
     static Member members[] = {
-        method("__setitem__", setitem,
-               "__setitem__($self, obj, value)\n--\n\nWrites a number, array, variable or expression, spread as NumPy "
-               "does, into the selected\nelements; on an error nothing has changed. Brings the expression to the full "
-               "state."),
-        method("_setitem_linear", setitem_linear,
-               "_setitem_linear($self, obj, value)\n--\n\nA linear value: the quadratic terms go."),
-        method("_setitem_mquadexpr", setitem_mquadexpr,
-               "_setitem_mquadexpr($self, obj, value)\n--\n\nCopies of another expression's elements."),
+        assignment<"__setitem__", "obj", "value", assign>(
+            "__setitem__($self, obj, value)\n--\n\nWrites a number, array, variable or expression, spread as NumPy "
+            "does, into the selected\nelements; on an error nothing has changed. Brings the expression to the full "
+            "state."),
+        assignment<"_setitem_linear", "obj", "value", set_linear>(
+            "_setitem_linear($self, obj, value)\n--\n\nA linear value: the quadratic terms go."),
+        assignment<"_setitem_mquadexpr", "obj", "value", assign_mquadexpr>(
+            "_setitem_mquadexpr($self, obj, value)\n--\n\nCopies of another expression's elements."),
     };
     return members;
 }

@@ -1,9 +1,6 @@
 // The operators of MQuadExpr: which operand goes where. Products of a degree above two and all powers are nonlinear.
 #include "matrixapi/mquadexpr_operators.h"
-
-#include "pysupport/args.h"
-
-#include <algorithm>
+#include "matrixapi/methods.h"
 
 namespace tarvopy {
 
@@ -73,47 +70,8 @@ Ref negative(PyObject *self) {
     return quad_scaled(self, -1.0);
 }
 
-Ref less_equal(PyObject *self, PyObject *rhs) {
-    return check(mod.core->tempconstr(self, mod.less_equal, rhs));
-}
-Ref greater_equal(PyObject *self, PyObject *rhs) {
-    return check(mod.core->tempconstr(self, mod.greater_equal, rhs));
-}
-Ref equal(PyObject *self, PyObject *rhs) {
-    return check(mod.core->tempconstr(self, mod.equal, rhs));
-}
 Ref not_equal(PyObject *, PyObject *) {
     fail_tarvo(0, "Inequality constraints not supported");
-}
-
-// A literal as a template argument: each method knows its own name and that of its operand, for keywords and messages.
-template <size_t n> struct Text {
-    char chars[n];
-    consteval Text(const char (&literal)[n]) { std::copy_n(literal, n, chars); }
-};
-
-template <Text name, Text operand, Ref (*rule)(PyObject *, PyObject *)>
-PyObject *binary(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        if (nargs == 1 && !kwnames)
-            return rule(self, args[0]);
-        static const Signature signature(name.chars, {operand.chars}, 1);
-        Arguments given(signature, 1, args, nargs, kwnames);
-        return rule(self, given[0]);
-    });
-}
-
-template <Text name, Ref (*rule)(PyObject *)>
-PyObject *unary(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        static const Signature signature(name.chars, {}, 0);
-        Arguments(signature, 1, args, nargs, kwnames);
-        return rule(self);
-    });
-}
-
-template <Text name, Ref (*rule)(PyObject *, PyObject *), Text operand = "other"> Member operator_of(const char *doc) {
-    return method(name.chars, binary<name, operand, rule>, doc);
 }
 
 } // namespace
@@ -144,8 +102,8 @@ std::span<Member> quad_operator_members() {
             "__rmatmul__($self, other)\n--\n\nMatrix product with a numeric matrix in front."),
         operator_of<"__pow__", power, "exponent">("__pow__($self, exponent)\n--\n\nNonlinear."),
         operator_of<"__rpow__", power>("__rpow__($self, other)\n--\n\nNonlinear."),
-        method("__neg__", unary<"__neg__", negative>, "__neg__($self)\n--\n\n-1.0 * self"),
-        method("__pos__", unary<"__pos__", quad_copy>, "__pos__($self)\n--\n\nA copy."),
+        plain<"__neg__", negative>("__neg__($self)\n--\n\n-1.0 * self"),
+        plain<"__pos__", quad_copy>("__pos__($self)\n--\n\nA copy."),
         operator_of<"__le__", less_equal, "rhs">("__le__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
         operator_of<"__ge__", greater_equal, "rhs">("__ge__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),
         operator_of<"__eq__", equal, "rhs">("__eq__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),

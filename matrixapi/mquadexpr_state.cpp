@@ -3,6 +3,7 @@
 //   q._quadparts     CompactNative: makes the triples, drops the native parts, and the list rules from then on
 //   q._qearr         Flat: makes the QuadExpr objects, drops the form, and the array rules
 //   q._ndle          a real attribute at any time
+#include "matrixapi/methods.h"
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
@@ -298,15 +299,7 @@ PyObject *get_dict(PyObject *self, void *) {
 }
 
 int set_dict(PyObject *self, PyObject *value, void *) {
-    return border_status([&] {
-        if (!value)
-            fail(PyExc_TypeError, "cannot delete __dict__");
-        if (!PyDict_Check(value))
-            fail(PyExc_TypeError, "__dict__ must be set to a dictionary, not a '%.200s'", Py_TYPE(value)->tp_name);
-        Ref old = Ref::steal(matrix(self)->dict);
-        matrix(self)->dict = Py_NewRef(value);
-        drop_native(self);
-    });
+    return border_status([&] { replace_dict(self, value); });
 }
 
 PyObject *getstate(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
@@ -324,31 +317,6 @@ PyObject *is_compact_method(PyObject *self, PyObject *const *args, Py_ssize_t na
         Arguments(signature, 1, args, nargs, kwnames);
         return Ref::borrow(is_compact_quad(self) ? Py_True : Py_False);
     });
-}
-
-// The methods without arguments.
-template <Ref (*work)(PyObject *)>
-PyObject *conversion(PyObject *self, const Signature &signature, PyObject *const *args, Py_ssize_t nargs,
-                     PyObject *kwnames) {
-    return border([&] {
-        Arguments(signature, 1, args, nargs, kwnames);
-        return work(self);
-    });
-}
-
-Ref converted(PyObject *self) {
-    quad_convert_to_full(self);
-    return Ref::none();
-}
-
-PyObject *to_full_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_to_full", {}, 0};
-    return conversion<quad_to_full>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *convert_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_convert_to_full", {}, 0};
-    return conversion<converted>(self, signature, args, nargs, kwnames);
 }
 
 PyObject *structure(PyObject *self, PyObject *name) {
@@ -387,9 +355,9 @@ std::span<Member> quad_state_members() {
         method("__getstate__", getstate, "__getstate__($self)\n--\n\nWhat copying and pickling take over."),
         method("_is_compact", is_compact_method,
                "_is_compact($self)\n--\n\nWhether the expression is in the compact state."),
-        method("_to_full", to_full_method, "_to_full($self)\n--\n\nA new full expression of the same value."),
-        method("_convert_to_full", convert_method,
-               "_convert_to_full($self)\n--\n\nBrings the expression itself to the full state, which it never leaves."),
+        plain<"_to_full", quad_to_full>("_to_full($self)\n--\n\nA new full expression of the same value."),
+        plain<"_convert_to_full", quad_convert_to_full>(
+            "_convert_to_full($self)\n--\n\nBrings the expression itself to the full state, which it never leaves."),
     };
     return members;
 }

@@ -4,6 +4,7 @@
 //   q.getValue()       float64 array of the whole value; one pass over the terms, the solution read from the store by
 //   ids q.clear()          all-zero, same shape, same state
 #include "matrixapi/axes.h"
+#include "matrixapi/methods.h"
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
@@ -227,35 +228,6 @@ Ref normalize(PyObject *expr) {
 
 // ---- members ------------------------------------------------------------------------------------------------------
 
-template <Ref (*work)(PyObject *)>
-PyObject *plain(PyObject *self, const Signature &signature, PyObject *const *args, Py_ssize_t nargs,
-                PyObject *kwnames) {
-    return border([&] {
-        Arguments(signature, 1, args, nargs, kwnames);
-        return work(self);
-    });
-}
-
-PyObject *get_value(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"getValue", {}, 0};
-    return plain<value_of>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *clear_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"clear", {}, 0};
-    return plain<clear>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *flatten_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_flatten", {}, 0};
-    return plain<flatten>(self, signature, args, nargs, kwnames);
-}
-
-PyObject *normalize_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    static const Signature signature{"_normalize", {}, 0};
-    return plain<normalize>(self, signature, args, nargs, kwnames);
-}
-
 PyObject *clear_array_method(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         static const Signature signature{"_clear_quad_array", {"qearr"}, 1};
@@ -270,17 +242,16 @@ std::span<Member> quad_value_members() {
         method("sum", sum,
                "sum($self, axis=None)\n--\n\nThe sum over the given axes (None: all), a full expression. Brings this "
                "one to the full\nstate. TarvoError for an axis out of range."),
-        method("getValue", get_value,
-               "getValue($self)\n--\n\nThe value in the last solution, a float64 array of this shape. NoDataError "
-               "without a solution."),
-        method("clear", clear_method, "clear($self)\n--\n\nMakes every element zero; shape and state stay."),
+        plain<"getValue", value_of>(
+            "getValue($self)\n--\n\nThe value in the last solution, a float64 array of this shape. NoDataError "
+            "without a solution."),
+        plain<"clear", clear>("clear($self)\n--\n\nMakes every element zero; shape and state stay."),
         static_method("_clear_quad_array", clear_array_method,
                       "_clear_quad_array(qearr)\n--\n\nMakes every QuadExpr of an array empty."),
-        method("_flatten", flatten_method,
-               "_flatten($self)\n--\n\nBrings the terms of every QuadExpr to its plain lists."),
-        method("_normalize", normalize_method,
-               "_normalize($self)\n--\n\nMerges equal pairs of variables (in either order) and equal variables in each "
-               "element of a\nfull expression, and drops zero coefficients."),
+        plain<"_flatten", flatten>("_flatten($self)\n--\n\nBrings the terms of every QuadExpr to its plain lists."),
+        plain<"_normalize", normalize>(
+            "_normalize($self)\n--\n\nMerges equal pairs of variables (in either order) and equal variables in each "
+            "element of a\nfull expression, and drops zero coefficients."),
     };
     return members;
 }

@@ -1,10 +1,7 @@
 // MQuadExpr: the private workers by name. Each stands for one row of an operator's dispatch: it asserts the receiver's
 // state and goes to the same code as the operator.
+#include "matrixapi/methods.h"
 #include "matrixapi/mquadexpr_operators.h"
-
-#include "pysupport/args.h"
-
-#include <algorithm>
 
 namespace tarvopy {
 
@@ -29,14 +26,7 @@ Ref scale(PyObject *self, PyObject *other) {
     return Ref::none();
 }
 
-using Worker = Ref (*)(PyObject *self, PyObject *operand);
-
-template <size_t n> struct Text {
-    char chars[n];
-    consteval Text(const char (&literal)[n]) { std::copy_n(literal, n, chars); }
-};
-
-template <Receiver receiver, Worker work, Text name>
+template <Receiver receiver, Operator work, Text name>
 PyObject *worker(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         static const Signature signature(name.chars, {"other"}, 1);
@@ -46,10 +36,10 @@ PyObject *worker(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObje
     });
 }
 
-template <Worker work, Text name> Member on_compact(const char *doc) {
+template <Operator work, Text name> Member on_compact(const char *doc) {
     return method(name.chars, worker<Receiver::Compact, work, name>, doc);
 }
-template <Worker work, Text name> Member on_full(const char *doc) {
+template <Operator work, Text name> Member on_full(const char *doc) {
     return method(name.chars, worker<Receiver::Full, work, name>, doc);
 }
 

@@ -4,6 +4,7 @@
 #include "matrixapi/mvar_operators.h"
 
 #include "matrixapi/handle.h"
+#include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
@@ -185,77 +186,32 @@ Ref positive(PyObject *self) {
     return Ref::borrow(self);
 }
 
-Ref less_equal(PyObject *self, PyObject *rhs) {
-    return check(mod.core->tempconstr(self, mod.less_equal, rhs));
-}
-Ref greater_equal(PyObject *self, PyObject *rhs) {
-    return check(mod.core->tempconstr(self, mod.greater_equal, rhs));
-}
-Ref equal(PyObject *self, PyObject *rhs) {
-    return check(mod.core->tempconstr(self, mod.equal, rhs));
-}
 Ref not_equal(PyObject *, PyObject *) {
     fail_tarvo(-1, "Inequality constraints not supported");
 }
 
-// A method of exactly one operand. The name is a template argument so that each has its own signature for the error
-// messages.
-template <size_t n> struct Name {
-    char text[n];
-    constexpr Name(const char (&literal)[n]) { std::copy_n(literal, n, text); }
-};
-
-template <Name name, Name parameter, Ref (*rule)(PyObject *, PyObject *)>
-PyObject *binary(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        if (nargs == 1 && !kwnames)
-            return rule(self, args[0]);
-        static const Signature signature{name.text, {parameter.text}, 1};
-        Arguments given(signature, 1, args, nargs, kwnames);
-        return rule(self, given[0]);
-    });
-}
-
-template <Name name, Ref (*rule)(PyObject *)>
-PyObject *unary(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        static const Signature signature{name.text, {}, 0};
-        Arguments(signature, 1, args, nargs, kwnames);
-        return rule(self);
-    });
-}
-
 Member operators[] = {
-    method("__add__", binary<"__add__", "other", add>, "__add__($self, other)\n--\n\nself + other, an expression."),
-    method("__radd__", binary<"__radd__", "other", add>, "__radd__($self, other)\n--\n\nother + self, an expression."),
-    method("__sub__", binary<"__sub__", "other", subtract>,
-           "__sub__($self, other)\n--\n\nself - other, an expression."),
-    method("__rsub__", binary<"__rsub__", "other", reflected_subtract>,
-           "__rsub__($self, other)\n--\n\nother - self, an expression."),
-    method("__mul__", binary<"__mul__", "other", multiply>,
-           "__mul__($self, other)\n--\n\nElement-wise product, broadcast."),
-    method("__rmul__", binary<"__rmul__", "other", multiply>,
-           "__rmul__($self, other)\n--\n\nElement-wise product, broadcast."),
-    method("__matmul__", binary<"__matmul__", "other", matmul>,
-           "__matmul__($self, other)\n--\n\nMatrix product, by the rules of numpy.matmul."),
-    method("__rmatmul__", binary<"__rmatmul__", "other", reflected_matmul>,
-           "__rmatmul__($self, other)\n--\n\nMatrix product with a dense or sparse matrix on the left."),
-    method("__truediv__", binary<"__truediv__", "other", divide>, "__truediv__($self, other)\n--\n\nself / constants."),
-    method("__rtruediv__", binary<"__rtruediv__", "other", reflected_divide>,
-           "__rtruediv__($self, other)\n--\n\nother / self, a nonlinear expression."),
-    method("__pow__", binary<"__pow__", "other", power>,
-           "__pow__($self, other)\n--\n\nself ** other: quadratic for the exponent 2, else nonlinear."),
-    method("__rpow__", binary<"__rpow__", "other", reflected_power>,
-           "__rpow__($self, other)\n--\n\nother ** self, a nonlinear expression."),
-    method("__neg__", unary<"__neg__", negative>, "__neg__($self)\n--\n\n-1 * self, an MLinExpr."),
-    method("__pos__", unary<"__pos__", positive>, "__pos__($self)\n--\n\nself."),
-    method("__le__", binary<"__le__", "rhs", less_equal>,
-           "__le__($self, rhs)\n--\n\nself <= rhs, for Model.addConstr."),
-    method("__ge__", binary<"__ge__", "rhs", greater_equal>,
-           "__ge__($self, rhs)\n--\n\nself >= rhs, for Model.addConstr."),
-    method("__eq__", binary<"__eq__", "rhs", equal>, "__eq__($self, rhs)\n--\n\nself == rhs, for Model.addConstr."),
-    method("__ne__", binary<"__ne__", "rhs", not_equal>,
-           "__ne__($self, rhs)\n--\n\nRefused: a model knows no such constraint."),
+    operator_of<"__add__", add>("__add__($self, other)\n--\n\nself + other, an expression."),
+    operator_of<"__radd__", add>("__radd__($self, other)\n--\n\nother + self, an expression."),
+    operator_of<"__sub__", subtract>("__sub__($self, other)\n--\n\nself - other, an expression."),
+    operator_of<"__rsub__", reflected_subtract>("__rsub__($self, other)\n--\n\nother - self, an expression."),
+    operator_of<"__mul__", multiply>("__mul__($self, other)\n--\n\nElement-wise product, broadcast."),
+    operator_of<"__rmul__", multiply>("__rmul__($self, other)\n--\n\nElement-wise product, broadcast."),
+    operator_of<"__matmul__", matmul>("__matmul__($self, other)\n--\n\nMatrix product, by the rules of numpy.matmul."),
+    operator_of<"__rmatmul__", reflected_matmul>(
+        "__rmatmul__($self, other)\n--\n\nMatrix product with a dense or sparse matrix on the left."),
+    operator_of<"__truediv__", divide>("__truediv__($self, other)\n--\n\nself / constants."),
+    operator_of<"__rtruediv__", reflected_divide>(
+        "__rtruediv__($self, other)\n--\n\nother / self, a nonlinear expression."),
+    operator_of<"__pow__", power>(
+        "__pow__($self, other)\n--\n\nself ** other: quadratic for the exponent 2, else nonlinear."),
+    operator_of<"__rpow__", reflected_power>("__rpow__($self, other)\n--\n\nother ** self, a nonlinear expression."),
+    plain<"__neg__", negative>("__neg__($self)\n--\n\n-1 * self, an MLinExpr."),
+    plain<"__pos__", positive>("__pos__($self)\n--\n\nself."),
+    operator_of<"__le__", less_equal, "rhs">("__le__($self, rhs)\n--\n\nself <= rhs, for Model.addConstr."),
+    operator_of<"__ge__", greater_equal, "rhs">("__ge__($self, rhs)\n--\n\nself >= rhs, for Model.addConstr."),
+    operator_of<"__eq__", equal, "rhs">("__eq__($self, rhs)\n--\n\nself == rhs, for Model.addConstr."),
+    operator_of<"__ne__", not_equal, "rhs">("__ne__($self, rhs)\n--\n\nRefused: a model knows no such constraint."),
 };
 
 } // namespace
