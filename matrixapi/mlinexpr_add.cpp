@@ -19,14 +19,6 @@ namespace {
 
 // ---- constants of the compact state --------------------------------------------------------------------------------
 
-// factor * operand as an array: the element-wise product of documents and tests, so that rounding is the same.
-Ref times(PyObject *array, double factor) {
-    if (factor == 1.0)
-        return Ref::borrow(array);
-    Ref number = check(PyFloat_FromDouble(factor));
-    return check(PyNumber_Multiply(number.get(), array));
-}
-
 Ref as_owned_doubles(Ref sum) {
     need_numpy();
     return check(

@@ -275,7 +275,7 @@ Ref element_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side) {
     Ref variables = element_operand(mvar, Operand::MVar);
     Ref product = check(side == Side::Right ? PyNumber_MatrixMultiply(numbers.get(), variables.get())
                                             : PyNumber_MatrixMultiply(variables.get(), numbers.get()));
-    return make_objects(cls, PyArray_Check(product.get()) ? std::move(product) : object_scalar(product.get()));
+    return make_objects(cls, polynomial_elements(std::move(product)));
 }
 
 // The result has no extent of zero, but the inner one may be: then rows are empty.

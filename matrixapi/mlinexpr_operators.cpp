@@ -114,8 +114,32 @@ Ref element_operand(PyObject *operand, Operand kind) {
     }
 }
 
+Ref as_elements(Ref result) {
+    need_numpy();
+    return PyArray_Check(result.get()) ? std::move(result) : object_scalar(result.get());
+}
+
+Ref times(PyObject *array, double factor) {
+    if (factor == 1.0)
+        return Ref::borrow(array);
+    Ref number = check(PyFloat_FromDouble(factor));
+    Ref product = check(PyNumber_Multiply(number.get(), array));
+    // Of an array without dimensions NumPy gives the element: one of its own numbers is as good, an expression is not.
+    return PyArray_IsAnyScalar(product.get()) ? product : as_elements(std::move(product));
+}
+
+Ref polynomial_elements(Ref result) {
+    Ref elements = as_elements(std::move(result));
+    Ref objects = check(PyArray_FROM_OTF(elements.get(), NPY_OBJECT, NPY_ARRAY_CARRAY));
+    auto **first = static_cast<PyObject **>(PyArray_DATA(as_array(objects)));
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(objects)); ++i)
+        if (first[i] && Py_TYPE(first[i]) == mod.core->NLExpr)
+            nonlinear_later();
+    return elements;
+}
+
 Ref wrap_elements(Ref result) {
-    return make_objects(mod.MLinExpr, PyArray_Check(result.get()) ? std::move(result) : object_scalar(result.get()));
+    return make_objects(mod.MLinExpr, polynomial_elements(std::move(result)));
 }
 
 namespace {
@@ -194,6 +218,7 @@ void elements_or_nothing(PyObject *array, PyObject *operand, BinaryFunction func
         *result = check(function(element.get(), value ? value : Py_None)).release();
         PyArray_MultiIter_NEXT(multi);
     }
+    results = polynomial_elements(std::move(results));
     const CoreApi &core = *mod.core;
     if (all_of_type(array, core.LinExpr) && all_of_type(results.get(), core.LinExpr))
         exchange_contents(array, results.get());

@@ -48,7 +48,13 @@ Part spread_part(const Part &part, int64_t n);
 // ---- element by element, over object arrays: slow, and always right
 // The operand as NumPy sees it: an object array of LinExpr, or a numeric array.
 Ref element_operand(PyObject *operand, Operand kind);
-// A full expression over what NumPy's operator gave (a single element is wrapped).
+// What NumPy's operator gave, as an array: a single element is wrapped.
+Ref as_elements(Ref result);
+// factor * operand as an array: the element-wise product of documents and tests, so that rounding is the same.
+Ref times(PyObject *array, double factor);
+// As as_elements, but refused where elements became nonlinear: arrays of polynomials do not hold those.
+Ref polynomial_elements(Ref result);
+// A full expression over what NumPy's operator gave.
 Ref wrap_elements(Ref result);
 // A 0-dimensional object array around one object.
 Ref object_scalar(PyObject *object);

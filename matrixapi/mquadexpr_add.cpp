@@ -15,12 +15,6 @@ using namespace pysupport;
 
 namespace {
 
-Ref times(PyObject *array, double factor) {
-    if (factor == 1.0)
-        return Ref::borrow(array);
-    return check(PyNumber_Multiply(check(PyFloat_FromDouble(factor)).get(), array));
-}
-
 Ref own_ndle(PyObject *expr) {
     return Ref::borrow(ndle_of(expr));
 }
@@ -151,7 +145,7 @@ bool iadd_compact_compact(PyObject *self, PyObject *other, double factor) {
 // Objects that only Python's own operators know: tried on copies first, so that a refusal changes neither half.
 void iadd_quad_elements(PyObject *self, PyObject *other, double factor) {
     Ref elements = qearr(self), operand = times(quad_elements_of(other).get(), factor);
-    check(PyNumber_Add(elements.get(), operand.get()));
+    polynomial_elements(check(PyNumber_Add(elements.get(), operand.get())));
     iadd(own_ndle(self).get(), own_ndle(other).get(), factor);
     elements_or_nothing(elements.get(), operand.get(), PyNumber_InPlaceAdd);
 }
@@ -218,8 +212,7 @@ Ref quad_elements_of(PyObject *expr) {
 }
 
 Ref wrap_quad_elements(Ref result, Ref ndle) {
-    return make_quad_objects(
-        mod.MQuadExpr, PyArray_Check(result.get()) ? std::move(result) : object_scalar(result.get()), std::move(ndle));
+    return make_quad_objects(mod.MQuadExpr, polynomial_elements(std::move(result)), std::move(ndle));
 }
 
 bool takes_compact_quad_path(PyObject *expr) {

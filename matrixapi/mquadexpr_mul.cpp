@@ -115,7 +115,7 @@ void imul_elements(PyObject *self, PyObject *array) {
     Ref plain = plain_array(array);
     quad_convert_to_full(self);
     Ref elements = qearr(self);
-    check(PyNumber_Multiply(elements.get(), plain.get()));
+    polynomial_elements(check(PyNumber_Multiply(elements.get(), plain.get())));
     imul(own_ndle(self).get(), plain.get());
     elements_or_nothing(elements.get(), plain.get(), PyNumber_InPlaceMultiply);
 }

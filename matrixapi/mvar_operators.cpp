@@ -6,6 +6,7 @@
 #include "matrixapi/handle.h"
 #include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr.h"
+#include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
 
@@ -41,7 +42,7 @@ Ref times_array(PyObject *self, PyObject *array) {
         return check(PyNumber_Multiply(linear_form(self).get(), array));
     if (as_doubles(array))
         return check(PyNumber_Multiply(from_mvar(mod.MLinExpr, self, true).get(), array));
-    return make_objects(mod.MLinExpr, check(PyNumber_Multiply(vararr_of(self).get(), array)));
+    return wrap_elements(check(PyNumber_Multiply(vararr_of(self).get(), array)));
 }
 
 Ref multiply(PyObject *self, PyObject *other) {

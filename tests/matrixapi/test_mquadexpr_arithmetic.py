@@ -465,3 +465,25 @@ def test_nothing_is_left_of_an_element_but_its_halves(eager, model):
     q += x[0]
     assert terms(q._ndle) == [(0.0, [(1.0, 0)])]
     assert quad_terms(q) == [[(1.0, 0, 0)]]
+
+
+def test_objects_in_arrays_of_no_dimension_are_single_operands(eager, model):
+    x = variables(model, (3,))
+    v = model.addVar()
+    expected = [[(1.0, i, i)] for i in range(3)]
+    for zero_dimensional in (np.array(v), np.array(2.0 * v)):
+        result = x * x - zero_dimensional
+        assert quad_terms(result) == expected
+        assert [e.size() for e in (2.0 * x - zero_dimensional)._learr] == [2, 2, 2]
+
+
+def test_elements_that_became_nonlinear_are_refused_and_no_term_changes(eager, model):
+    x = variables(model, (3,))
+    v = model.addVar()
+    objects = np.array([v, v, tarvopy.nlfunc.exp(v)], dtype=object)
+    for receiver in (x * x, 2.0 * x):
+        before = str(receiver).split("\n", 1)[1]  # without the state
+        for op in (operator.add, operator.mul, operator.truediv, operator.iadd, operator.imul, operator.itruediv):
+            with pytest.raises((NotImplementedError, TypeError)):
+                op(receiver, objects)
+            assert str(receiver).split("\n", 1)[1] == before
