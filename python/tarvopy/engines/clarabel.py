@@ -1,9 +1,6 @@
 """Clarabel: convex problems of continuous variables, linear or quadratic, also in their rows, by its Python package.
 
-Clarabel solves  min q'x + x'Px/2,  b - Ax in a product of cones, with P as its upper triangle. Equations (and fixed
-variables) make the zero cone; each finite side and bound is a row of the nonnegative cone, so that a two-sided row
-becomes two; quadratic rows come as second-order cones from the store. Free rows and infinite bounds leave no row.
-The dual z of a row is minus the derivative of the optimal value by its b.
+What it is given stands in clarabel_form.py.
 
 Its solve() lets go of the interpreter's lock (while one of 9 s ran, no other thread was kept waiting for more than 26
 ms) and asks a callback after each iteration whether to stop, which is how an interrupt reaches it: within the time of
@@ -13,14 +10,14 @@ one iteration, but not while it sets up. Its log comes as a whole when a run is 
 from __future__ import annotations
 
 import math
-from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any
 
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
 from tarvopy.engines.base import Outcome, Progress
+from tarvopy.engines.clarabel_form import ClarabelForm
 from tarvopy.engines.worker import Worker
-from tarvopy.problem import CONE, LINEAR, NONCONVEX
+from tarvopy.problem import CONE, NONCONVEX
 
 if TYPE_CHECKING:
     from collections.abc import Callable
@@ -30,7 +27,7 @@ if TYPE_CHECKING:
     from scipy import sparse
 
     from tarvopy.parameters import Parameters
-    from tarvopy.problem import Changes, Cones, Problem
+    from tarvopy.problem import Changes, Problem
 
 # The check of the answer allows ten times the model's tolerances; interior points come close at little cost.
 _TIGHTER = 1e-2
@@ -88,7 +85,7 @@ class ClarabelEngine:
     def __init__(self) -> None:
         _package()
         self.loads = 0
-        self._data: _Data | None = None
+        self._data: ClarabelForm | None = None
         self._solver: Any = None  # made with the first run, whose settings it keeps
         self._settings: Any = None
         self._run: Worker | None = None
@@ -122,7 +119,7 @@ class ClarabelEngine:
     def load(self, problem: Problem) -> None:
         self.loads += 1
         self._solver = None
-        self._data = _Data.of(problem)
+        self._data = ClarabelForm.of(problem)
 
     def change(self, problem: Problem, changes: Changes) -> bool:
         """Costs, bounds and sides, as long as the same ones are finite; the rest is loaded anew."""
@@ -133,10 +130,8 @@ class ClarabelEngine:
             return False
         if len(changes.bounds) and (problem.curvature()[1] == CONE).any():
             return False  # which side of a cone is meant is read from bounds
-        rows = _Rows.of(problem, old.matrix)
-        if not rows.same_kinds(old.rows):
+        if not old.retell(problem):
             return False
-        old.rows, old.q, old.b = rows, _costs(problem), rows.sides(old.offset)
         if self._solver is not None and self._solver.is_data_update_allowed():
             self._solver.update(q=old.q, b=old.b)
         else:
@@ -221,7 +216,7 @@ class ClarabelEngine:
 
     def _made(self, p: sparse.csc_matrix, q: np.ndarray) -> Any:
         data = self._data
-        return _package().DefaultSolver(p, q, data.a, data.b, data.cones(), self._settings)
+        return _package().DefaultSolver(p, q, data.a, data.b, data.cones(_package()), self._settings)
 
     def _solved(self, solver: Any) -> Any:
         if self._settings.verbose:
@@ -382,129 +377,6 @@ class ClarabelEngine:
         self._solver = self._data = self._run = self._duals = None
 
 
-@dataclass(slots=True)
-class _Rows:
-    """Which rows and bounds are finite, and in which cone they stand; sides of all rows, the linear ones first."""
-
-    lower: np.ndarray
-    upper: np.ndarray
-    lb: np.ndarray
-    ub: np.ndarray
-    masks: tuple[np.ndarray, ...]
-    """Equations, fixed variables, upper sides, lower sides, upper bounds, lower bounds: Clarabel's order."""
-
-    @classmethod
-    def of(cls, problem: Problem, matrix: sparse.csr_matrix) -> _Rows:
-        import numpy as np
-
-        lower, upper = _sides(problem)
-        empty = (np.diff(matrix.indptr) == 0) & (lower <= 0.0) & (upper >= 0.0)  # holds whatever x is
-        lower, upper = np.where(empty, -np.inf, lower), np.where(empty, np.inf, upper)
-        lb, ub = problem.lb.copy(), problem.ub.copy()
-        equal, fixed = lower == upper, lb == ub
-        masks = (
-            *(equal, fixed, np.isfinite(upper) & ~equal, np.isfinite(lower) & ~equal),
-            *(np.isfinite(ub) & ~fixed, np.isfinite(lb) & ~fixed),
-        )
-        return cls(lower, upper, lb, ub, masks)
-
-    def same_kinds(self, other: _Rows) -> bool:
-        return all((mine == theirs).all() for mine, theirs in zip(self.masks, other.masks, strict=True))
-
-    def sides(self, offset: np.ndarray) -> np.ndarray:
-        """Clarabel's b, the offsets of the cones at its end."""
-        import numpy as np
-
-        values = (self.upper, self.ub, self.upper, -self.lower, self.ub, -self.lb)
-        return np.concatenate([*(v[mask] for v, mask in zip(values, self.masks, strict=True)), offset])
-
-    def matrix(self, rows: sparse.csr_matrix, conic: list[sparse.csr_matrix]) -> sparse.csc_matrix:
-        """Clarabel's A."""
-        from scipy import sparse
-
-        equal, fixed, up, low, ub, lb = self.masks
-        parts = [
-            *(_chosen(rows, equal), _units(fixed, 1.0), _chosen(rows, up), -_chosen(rows, low)),
-            *(_units(ub, 1.0), _units(lb, -1.0), *conic),
-        ]
-        return sparse.vstack([part for part in parts if part.shape[0]] or parts[:1], format="csc")
-
-    def multipliers(self, z: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
-        """Of the rows and of the bounds, of the minimisation, from Clarabel's z."""
-        import numpy as np
-
-        pi, rc = np.zeros(len(self.lower)), np.zeros(len(self.lb))
-        at = 0
-        for mask, to, sign in zip(self.masks, (pi, rc, pi, pi, rc, rc), (-1, -1, -1, 1, -1, 1), strict=True):
-            count = int(mask.sum())
-            to[mask] += sign * z[at : at + count]
-            at += count
-        return pi, rc
-
-
-@dataclass(slots=True)
-class _Data:
-    """A problem in Clarabel's form, and the way back."""
-
-    sense: int
-    nrows: int
-    matrix: sparse.csr_matrix
-    """All linear rows: those of the model, then its quadratic ones (empty where they have quadratic terms)."""
-    rows: _Rows
-    conic: Cones | None
-    offset: np.ndarray
-    p: sparse.csc_matrix
-    q: np.ndarray
-    a: sparse.csc_matrix
-    b: np.ndarray
-    linear_qrows: np.ndarray = field(repr=False)
-
-    @classmethod
-    def of(cls, problem: Problem) -> _Data:
-        import numpy as np
-        from scipy import sparse
-
-        n = problem.nvars
-        matrix = _linear_rows(problem)
-        rows = _Rows.of(problem, matrix)
-        conic = problem.cones() if problem.nqrows > problem.nqlinear else None
-        offset, blocks = np.empty(0), []
-        if conic is not None:
-            offset = conic.offset
-            blocks.append(sparse.csr_matrix((conic.value, conic.index, conic.start), shape=(len(offset), n)))
-        linear = problem.curvature()[1] == LINEAR
-        a = rows.matrix(matrix, blocks)
-        b = rows.sides(offset)
-        return cls(
-            *(problem.sense, problem.nrows, matrix, rows, conic, offset),
-            *(_hessian(problem), _costs(problem), a, b, linear),
-        )
-
-    def cones(self) -> list[Any]:
-        import numpy as np
-
-        package = _package()
-        zero = int(self.rows.masks[0].sum() + self.rows.masks[1].sum())
-        nonnegative = len(self.b) - len(self.offset) - zero
-        cones = [package.ZeroConeT(zero)] if zero else []
-        if nonnegative:
-            cones.append(package.NonnegativeConeT(nonnegative))
-        if self.conic is not None:
-            cones += map(package.SecondOrderConeT, np.diff(self.conic.cone).tolist())
-        return cones
-
-    def duals(self, s: np.ndarray, z: np.ndarray) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
-        """RC, Pi and QPi, NaN for quadratic rows that have no multiplier."""
-        import numpy as np
-
-        rows, bounds = self.rows.multipliers(z)
-        qpi = np.where(self.linear_qrows, self.sense * rows[self.nrows :], 0.0)
-        if self.conic is not None:
-            first = len(s) - len(self.offset)
-            self.conic.duals(np.ascontiguousarray(s[first:]), np.ascontiguousarray(z[first:]), qpi)
-        return self.sense * bounds, self.sense * rows[: self.nrows], qpi
-
-
 def _try_out(settings: Any, options: dict[str, Any]) -> None:
     """Clarabel checks settings when a solver is made: one of a single variable, before the real one is built."""
     import numpy as np
@@ -519,66 +391,8 @@ def _try_out(settings: Any, options: dict[str, Any]) -> None:
         raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, f"Clarabel refuses the options {options!r}: {error}") from None
 
 
-def _chosen(rows: sparse.csr_matrix, mask: np.ndarray) -> sparse.csr_matrix:
-    """Some of the rows; as they are where all are meant, which saves a copy of the largest array there is."""
-    return rows if mask.all() else rows[mask]
-
-
-def _units(mask: np.ndarray, sign: float) -> sparse.csr_matrix:
-    """A row with one entry for each variable in the mask: half the time that a choice of rows of an identity takes."""
-    import numpy as np
-    from scipy import sparse
-
-    index = mask.nonzero()[0].astype(np.int32)
-    start = np.arange(len(index) + 1, dtype=np.int32)
-    return sparse.csr_matrix((np.full(len(index), sign), index, start), shape=(len(index), len(mask)))
-
-
 def _tolerance(wanted: float, tighter: float) -> float:
     return max(_SMALLEST_TOLERANCE, tighter * min(_LARGEST_TOLERANCE, _TIGHTER * wanted))
-
-
-def _costs(problem: Problem) -> np.ndarray:
-    return problem.sense * problem.obj
-
-
-def _hessian(problem: Problem) -> sparse.csc_matrix:
-    from scipy import sparse
-
-    n = problem.nvars
-    if not problem.nqobj:
-        return sparse.csc_matrix((n, n))
-    start, index, value = problem.hessian()
-    return sparse.csc_matrix((problem.sense * value, index, start), shape=(n, n))
-
-
-def _linear_rows(problem: Problem) -> sparse.csr_matrix:
-    """The rows of the model, then the quadratic ones with their linear terms, where they have no other."""
-    import numpy as np
-    from scipy import sparse
-
-    start, index, value = problem.csr()
-    rows = sparse.csr_matrix((value, index, start), shape=(problem.nrows, problem.nvars))
-    if not problem.nqrows:
-        return rows
-    start, index, value, qstart = problem.qmatrix()[:4]
-    linear = sparse.csr_matrix((value, index, start), shape=(problem.nqrows, problem.nvars))
-    keep = sparse.diags((np.diff(qstart) == 0).astype(float), format="csr")
-    linear = (keep @ linear).tocsr()
-    linear.eliminate_zeros()
-    return sparse.vstack([rows, linear], format="csr")
-
-
-def _sides(problem: Problem) -> tuple[np.ndarray, np.ndarray]:
-    """Lower and upper sides of the same rows; none for those with quadratic terms."""
-    import numpy as np
-
-    if not problem.nqrows:
-        return problem.lower.copy(), problem.upper.copy()
-    linear = problem.curvature()[1] == LINEAR
-    lower = np.where(linear & (problem.qsense != b"<"), problem.qrhs, -np.inf)
-    upper = np.where(linear & (problem.qsense != b">"), problem.qrhs, np.inf)
-    return np.concatenate([problem.lower, lower]), np.concatenate([problem.upper, upper])
 
 
 def _integral(problem: Problem) -> str:
