@@ -228,6 +228,22 @@ def test_changes_of_numbers_keep_the_solver(small):
     assert small.m._engine.loads == 2
 
 
+def test_a_sense_that_turns_takes_the_multipliers_along():
+    with tarvopy.Model() as m:
+        m.params.LogLevel = 0
+        x = m.addMVar(2, lb=-10.0, ub=0.5)
+        m.addConstr(x @ x <= 100.0)
+        row = m.addConstr(x.sum() == -0.2)
+        m.setObjective(x[0] + 2.0 * x[1])
+        for sense, pi, rc in ((TRV.MINIMIZE, 2.0, [-1.0, 0.0]), (TRV.MAXIMIZE, 1.0, [0.0, 1.0])):
+            m.ModelSense = sense
+            m.optimize()
+            assert (m.Status, m.EngineName.split()[0]) == (TRV.OPTIMAL, "Clarabel")
+            assert row.Pi == pytest.approx(pi, abs=1e-6)
+            assert pytest.approx(rc, abs=1e-6) == x.RC
+        assert m._engine.loads == 1
+
+
 def test_bounds_that_turn_a_cone_load_anew():
     with tarvopy.Model() as m:
         m.params.LogLevel = 0

@@ -124,11 +124,12 @@ class ClarabelForm:
         )
 
     def retell(self, problem: Problem) -> bool:
-        """Takes over new costs, sides and bounds; False, with nothing changed, where others than before are finite."""
+        """Takes over sense, costs, sides and bounds; False, with nothing changed, where other ones are finite."""
         rows = _Rows.of(problem, self.matrix)
         if not rows.same_kinds(self.rows):
             return False
-        self.rows, self.q, self.b = rows, _costs(problem), rows.sides(self.offset)
+        self.sense, self.rows = problem.sense, rows
+        self.q, self.b = _costs(problem), rows.sides(self.offset)
         return True
 
     def cones(self, package: ModuleType) -> list[Any]:
