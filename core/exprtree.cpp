@@ -13,6 +13,12 @@ constexpr TreeOpInfo infos[tree_op_count] = {
     {"cos", 1},      {"tan", 1},   {"tanh", 1},  {"logistic", 1}, {"abs", 1},    {"variable", 0},
 };
 
+static_assert(static_cast<int>(TreeOp::Plus) == TRV_NL_SUM && static_cast<int>(TreeOp::Pow) == TRV_NL_POW &&
+                  static_cast<int>(TreeOp::Uminus) == TRV_NL_UMINUS && static_cast<int>(TreeOp::Sqrt) == TRV_NL_SQRT &&
+                  static_cast<int>(TreeOp::Log10) == TRV_NL_LOG10 && static_cast<int>(TreeOp::Abs) == TRV_NL_ABS &&
+                  static_cast<int>(TreeOp::Variable) == TRV_NL_OPERATIONS,
+              "trees and the store's tapes number the operations alike");
+
 constexpr size_t size_with(Py_ssize_t slots) {
     return offsetof(ExprTreeObject, slots) + static_cast<size_t>(slots) * sizeof(ExprTreeObject::Slot);
 }
