@@ -89,11 +89,7 @@ TARVOPY_METHOD(function_problem) {
 Ref matrix_arrays(TRVmodel *store, bool csc) {
     TRVmatrix matrix;
     succeed(store, TRVgetmatrix(store, csc, &matrix));
-    Ref keeper = kept<TRVmatrix, TRVfreematrix>(matrix, "tarvopy._modelapi.matrix");
-    Ref start = owned(keeper.get(), NPY_INT32, matrix.nmajor + 1, matrix.start);
-    Ref index = owned(keeper.get(), NPY_INT32, matrix.nnz, matrix.index);
-    Ref value = owned(keeper.get(), NPY_DOUBLE, matrix.nnz, matrix.value);
-    return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));
+    return matrix_arrays(matrix);
 }
 
 TARVOPY_METHOD(function_rows_in_place) {

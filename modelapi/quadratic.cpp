@@ -34,11 +34,7 @@ TARVOPY_METHOD(function_hessian) {
         TRVmodel *store = engine_store(given[0]);
         TRVmatrix upper;
         succeed(store, TRVgethessian(store, &upper));
-        Ref keeper = kept<TRVmatrix, TRVfreematrix>(upper, "tarvopy._modelapi.hessian");
-        Ref start = owned(keeper.get(), NPY_INT32, upper.nmajor + 1, upper.start);
-        Ref index = owned(keeper.get(), NPY_INT32, upper.nnz, upper.index);
-        Ref value = owned(keeper.get(), NPY_DOUBLE, upper.nnz, upper.value);
-        return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));
+        return matrix_arrays(upper);
     });
 }
 

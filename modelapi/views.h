@@ -56,4 +56,13 @@ template <class Arrays, void (*give_back)(Arrays *)> Ref kept(const Arrays &arra
     return Ref::steal(capsule);
 }
 
+// Takes over a matrix: its (start, index, value), the caller's own.
+inline Ref matrix_arrays(const TRVmatrix &matrix) {
+    Ref keeper = kept<TRVmatrix, TRVfreematrix>(matrix, "tarvopy._modelapi.matrix");
+    Ref start = owned(keeper.get(), NPY_INT32, matrix.nmajor + 1, matrix.start);
+    Ref index = owned(keeper.get(), NPY_INT32, matrix.nnz, matrix.index);
+    Ref value = owned(keeper.get(), NPY_DOUBLE, matrix.nnz, matrix.value);
+    return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));
+}
+
 } // namespace tarvopy::modelapi

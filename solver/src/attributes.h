@@ -1,5 +1,5 @@
 // attributes.h: the table of all attributes, one row each. The names are constants of the enumeration Attr, so that
-// readers and writers switch over them. General and nonlinear rows have their entries; there are no such elements yet.
+// readers and writers switch over them.
 #pragma once
 
 #include "tarvo.h"

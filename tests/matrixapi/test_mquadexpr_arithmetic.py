@@ -10,19 +10,12 @@ import scipy.sparse as sp
 import tarvopy
 from linear_values import Point, terms, variables
 from quadratic_values import entries, everything, quad_terms, value
-from tarvopy import TRV, _debug
+from tarvopy import TRV
 from tarvopy._matrixapi import MLinExpr, MQuadExpr, MVar
 
 SHAPES = [(), (1,), (1, 1), (3,), (2, 3)]
 CONSTANTS = ["array", "integers", "sparse", "scalar", "int"]
 EXPRESSIONS = ["MVar", "MLinExpr", "MQuadExpr", "Var", "LinExpr", "QuadExpr"]
-
-
-@pytest.fixture(params=[False, True], ids=["flat", "eager"])
-def eager(request):
-    _debug.eager(request.param)
-    yield request.param
-    _debug.eager(False)
 
 
 @pytest.fixture
@@ -84,7 +77,7 @@ def numbers_of(point, thing):
 @pytest.mark.parametrize("op", [operator.add, operator.sub])
 @pytest.mark.parametrize("kind", EXPRESSIONS + CONSTANTS)
 @pytest.mark.parametrize("shape", SHAPES)
-def test_sums_on_either_side_leave_their_operands_alone(eager, model, op, kind, shape):
+def test_sums_on_either_side_leave_their_operands_alone(mode, model, op, kind, shape):
     for see in (False, True):
         q, other = quadratic(model, shape), operand(model, kind, shape)
         point = Point(model)
@@ -100,7 +93,7 @@ def test_sums_on_either_side_leave_their_operands_alone(eager, model, op, kind, 
 @pytest.mark.parametrize("op", [operator.iadd, operator.isub])
 @pytest.mark.parametrize("kind", EXPRESSIONS + CONSTANTS)
 @pytest.mark.parametrize("shape", SHAPES)
-def test_sums_in_place_keep_the_object(eager, model, op, kind, shape):
+def test_sums_in_place_keep_the_object(mode, model, op, kind, shape):
     if kind == "sparse" and len(shape) < 2:
         return
     for see in (False, True):
@@ -121,7 +114,7 @@ def test_sums_in_place_keep_the_object(eager, model, op, kind, shape):
 @pytest.mark.parametrize("op", [operator.mul, operator.truediv, operator.imul, operator.itruediv])
 @pytest.mark.parametrize("kind", CONSTANTS)
 @pytest.mark.parametrize("shape", SHAPES)
-def test_products_with_numbers(eager, model, op, kind, shape):
+def test_products_with_numbers(mode, model, op, kind, shape):
     in_place = op in (operator.imul, operator.itruediv)
     if kind == "sparse" and in_place and len(shape) < 2:
         return
@@ -151,7 +144,7 @@ MATRICES += [((1, 1), (1, 3)), ((2, 3), (2, 3, 2)), ((0,), (0,)), ((2, 0), (0, 3
 @pytest.mark.filterwarnings("ignore:Chained:UserWarning")
 @pytest.mark.parametrize(("shape", "matrix"), MATRICES)
 @pytest.mark.parametrize("sparse", [False, True])
-def test_matrix_products_with_numbers(eager, model, shape, matrix, sparse):
+def test_matrix_products_with_numbers(mode, model, shape, matrix, sparse):
     numbers = np.arange(np.prod(matrix, dtype=int)).reshape(matrix) % 3 - 1.0
     if sparse and numbers.ndim != 2:
         return
@@ -172,7 +165,7 @@ def test_matrix_products_with_numbers(eager, model, shape, matrix, sparse):
 
 
 @pytest.mark.filterwarnings("ignore:Chained:UserWarning")
-def test_matrix_products_merge_equal_pairs(eager, model):
+def test_matrix_products_merge_equal_pairs(mode, model):
     x, y = variables(model, (2,)), variables(model, (2,))
     q = x.reshape(2, 1) * y.reshape(1, 2) + (y.reshape(1, 2) * x.reshape(2, 1))[::-1]
     summed = np.ones(2) @ q
@@ -187,7 +180,7 @@ def test_matrix_products_merge_equal_pairs(eager, model):
 @pytest.mark.parametrize(
     ("left", "right"), [((3,), (1,)), ((1,), (3,)), ((2, 1), (3,)), ((), (2, 3)), ((1,), (0,)), ((1, 1), (1,))]
 )
-def test_a_smaller_operand_is_spread(eager, model, left, right):
+def test_a_smaller_operand_is_spread(mode, model, left, right):
     q, e, r = quadratic(model, left), 2.0 * variables(model, right) + 1.0, quadratic(model, right)
     point = Point(model)
     at_q, at_e, at_r = value(point, q), point.value(e), value(point, r)
@@ -199,7 +192,7 @@ def test_a_smaller_operand_is_spread(eager, model, left, right):
     assert (q + e).shape == at_e.shape or (q + e).shape == (at_q + at_e).shape
 
 
-def test_spread_elements_are_distinct(eager, model):
+def test_spread_elements_are_distinct(mode, model):
     x = variables(model, (3,))
     q = x[:1] * x[:1]
     spread = q + x
@@ -211,9 +204,9 @@ def test_spread_elements_are_distinct(eager, model):
 
 
 @pytest.mark.parametrize("shape", [(1,), (3,)])
-def test_in_place_operators_never_enlarge(eager, model, shape):
+def test_in_place_operators_never_enlarge(mode, model, shape):
     q = quadratic(model, shape)
-    q = looked(q) if eager else q
+    q = looked(q) if mode == "eager" else q
     before = everything(q)
     large = (2, 3)
     for other in (np.ones(large), quadratic(model, large), variables(model, large), sp.csr_matrix(np.ones(large))):
@@ -241,7 +234,7 @@ def test_compact_sums_merge_parts_and_keep_the_operands(model):
     assert alone._quadparts[0][1] is not q._quadparts[0][1]
 
 
-def test_one_part_more_for_each_sum_in_place(eager, model):
+def test_one_part_more_for_each_sum_in_place(mode, model):
     x = variables(model, (3,))
     q, r = x[:2] @ x[:2], x @ x
     q += r
@@ -259,7 +252,7 @@ def test_one_part_more_for_each_sum_in_place(eager, model):
     assert set(entries(q).values()) == {0.0}
 
 
-def test_compact_results_share_no_part_with_their_operands(eager, model):
+def test_compact_results_share_no_part_with_their_operands(mode, model):
     x = variables(model, (3,))
     q = x @ x
     for result in (q + np.ones(()), q + x[0], 2.0 * q, q * np.ones(1), q.copy(), q + MQuadExpr.zeros(()), +q):
@@ -300,7 +293,7 @@ def test_full_route_converts_the_receiver_for_good(model, monkeypatch):
 
 
 @pytest.mark.parametrize("shape", [(), (1,), (3,), (2, 3)])
-def test_operators_meet_themselves(eager, model, shape):
+def test_operators_meet_themselves(mode, model, shape):
     for see in (False, True):
         q = quadratic(model, shape)
         q = looked(q) if see else q
@@ -345,7 +338,7 @@ def test_linear_terms_inside_the_objects_stay_there(model):
     np.testing.assert_allclose(value(point, q), 2 * (expected + at[0] ** 2))
 
 
-def test_signs(eager, model):
+def test_signs(mode, model):
     q = quadratic(model, (2, 2))
     point = Point(model)
     np.testing.assert_allclose(value(point, -q), -value(point, q))
@@ -358,7 +351,7 @@ def test_signs(eager, model):
 
 @pytest.mark.parametrize("bad", [np.inf, -np.inf, np.nan])
 @pytest.mark.parametrize("shape", [(1,), (3,), (2, 3)])
-def test_multipliers_that_are_no_numbers_change_nothing(eager, model, bad, shape):
+def test_multipliers_that_are_no_numbers_change_nothing(mode, model, bad, shape):
     q = quadratic(model, shape)
     for _ in range(2):
         before = everything(q)
@@ -373,7 +366,7 @@ def test_multipliers_that_are_no_numbers_change_nothing(eager, model, bad, shape
         looked(q)
 
 
-def test_higher_degrees_are_nonlinear(eager, model):
+def test_higher_degrees_are_nonlinear(mode, model):
     x = variables(model, (3,))
     q, v = x * x, model.addVar()
     for other in (x, v, 2.0 * x, q, 2.0 * v, v * v):
@@ -390,7 +383,7 @@ def test_higher_degrees_are_nonlinear(eager, model):
 
 
 @pytest.mark.parametrize("other", ["text", None, object(), [1.0, 2.0], 1j])
-def test_strangers_are_refused(eager, model, other):
+def test_strangers_are_refused(mode, model, other):
     q = quadratic(model, (2,))
     before = everything(q)
     for op in (operator.add, operator.sub, operator.mul, operator.truediv, operator.matmul, operator.pow):
@@ -403,7 +396,7 @@ def test_strangers_are_refused(eager, model, other):
     assert everything(q) == before
 
 
-def test_division_by_zero_is_an_error_and_changes_nothing(eager, model):
+def test_division_by_zero_is_an_error_and_changes_nothing(mode, model):
     q = quadratic(model, (2,))
     before = everything(q)
     with pytest.raises(ZeroDivisionError):
@@ -429,7 +422,7 @@ def test_comparisons_hold_both_sides_as_given(model):
 # ---- workers by name -----------------------------------------------------------------------------------------------
 
 
-def test_workers_assert_the_state_and_do_the_work(eager, model):
+def test_workers_assert_the_state_and_do_the_work(mode, model):
     x = variables(model, (3,))
     compact, full = x @ x, x * x
     point = Point(model)
@@ -458,7 +451,7 @@ def test_workers_assert_the_state_and_do_the_work(eager, model):
         full._add_full_mquadexpr()
 
 
-def test_nothing_is_left_of_an_element_but_its_halves(eager, model):
+def test_nothing_is_left_of_an_element_but_its_halves(mode, model):
     x = variables(model, (2,))
     q = (x * x)[0]
     assert q.shape == ()
@@ -467,7 +460,7 @@ def test_nothing_is_left_of_an_element_but_its_halves(eager, model):
     assert quad_terms(q) == [[(1.0, 0, 0)]]
 
 
-def test_objects_in_arrays_of_no_dimension_are_single_operands(eager, model):
+def test_objects_in_arrays_of_no_dimension_are_single_operands(mode, model):
     x = variables(model, (3,))
     v = model.addVar()
     expected = [[(1.0, i, i)] for i in range(3)]
@@ -477,7 +470,7 @@ def test_objects_in_arrays_of_no_dimension_are_single_operands(eager, model):
         assert [e.size() for e in (2.0 * x - zero_dimensional)._learr] == [2, 2, 2]
 
 
-def test_elements_that_became_nonlinear_are_refused_and_no_term_changes(eager, model):
+def test_elements_that_became_nonlinear_are_refused_and_no_term_changes(mode, model):
     x = variables(model, (3,))
     v = model.addVar()
     objects = np.array([v, v, tarvopy.nlfunc.exp(v)], dtype=object)

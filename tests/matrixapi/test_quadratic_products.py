@@ -19,13 +19,6 @@ from tarvopy._matrixapi import MLinExpr, MQuadExpr, MVar
 CHAINED = "Chained matrix multiplications of MVars is inefficient"
 
 
-@pytest.fixture(params=[False, True], ids=["flat", "eager"])
-def eager(request):
-    _debug.eager(request.param)
-    yield request.param
-    _debug.eager(False)
-
-
 @pytest.fixture
 def model():
     return tarvopy.Model()
@@ -57,7 +50,7 @@ MATRICES += [((0,), (0,)), ((2, 0), (0, 3)), ((0, 3), (3, 2)), ((3,), (2, 3, 2))
 @pytest.mark.parametrize(
     ("op", "shapes"), [(operator.mul, s) for s in ELEMENTWISE] + [(operator.matmul, s) for s in MATRICES]
 )
-def test_products_give_what_numpy_gives(eager, model, left, right, op, shapes):
+def test_products_give_what_numpy_gives(mode, model, left, right, op, shapes):
     x, y = (variables(model, shape) for shape in shapes)
     point = Point(model)
 
@@ -72,7 +65,7 @@ def test_products_give_what_numpy_gives(eager, model, left, right, op, shapes):
     np.testing.assert_allclose(value(point, q), expected)
 
 
-def test_scalars_and_arrays_of_variables_meet_on_either_side(eager, model):
+def test_scalars_and_arrays_of_variables_meet_on_either_side(mode, model):
     x, v = variables(model, (3,)), model.addVar()
     point = Point(model)
     at_v, at_x = point.numbers[v.index], point.of(x)
@@ -91,7 +84,7 @@ def test_scalars_and_arrays_of_variables_meet_on_either_side(eager, model):
 
 
 @pytest.mark.parametrize("exponent", [2, 2.0, np.array(2), np.array([2.0])])
-def test_squares_are_products(eager, model, exponent):
+def test_squares_are_products(mode, model, exponent):
     x = variables(model, (2, 3))
     point = Point(model)
     q = x**exponent
@@ -107,7 +100,7 @@ def test_squares_are_products(eager, model, exponent):
 # ---- order of terms, and what is merged ----------------------------------------------------------------------------
 
 
-def test_terms_stand_left_major(eager, model):
+def test_terms_stand_left_major(mode, model):
     a, b, c, d = (variables(model, (2,)) for _ in range(4))  # indices 0 2 4 6 for the first elements
     q = (a + b) * (3.0 * c + d)
     assert quad_terms(q)[0] == [(3.0, 0, 4), (1.0, 0, 6), (3.0, 2, 4), (1.0, 2, 6)]
@@ -115,7 +108,7 @@ def test_terms_stand_left_major(eager, model):
     assert quad_terms(grid)[1] == [(1.0, 0, 5), (1.0, 0, 7), (1.0, 3, 5), (1.0, 3, 7)]
 
 
-def test_linear_half_has_left_terms_first_and_merges_equal_variables(eager, model):
+def test_linear_half_has_left_terms_first_and_merges_equal_variables(mode, model):
     x, y = variables(model, (2, 2)), variables(model, (2, 2))
     q = (x + 2.0) * (y + x + 3.0)
     assert terms(q._ndle)[0] == (6.0, [(5.0, 0), (2.0, 4)])
@@ -178,7 +171,7 @@ def test_product_of_compact_expressions_merges_pairs(model):
 
 
 @pytest.mark.parametrize("convert", [sp.csr_matrix, sp.csc_matrix, sp.coo_matrix, sp.csr_array, np.asarray])
-def test_quadratic_form_is_one_part_with_the_entries_of_the_matrix(eager, model, convert):
+def test_quadratic_form_is_one_part_with_the_entries_of_the_matrix(mode, model, convert):
     matrix = np.array([[1.0, 2.0, 0.0], [0.0, -3.0, 0.5], [4.0, 0.0, 0.0]])
     x, y = variables(model, (3,)), variables(model, (3,))
     given = convert(matrix)
@@ -269,7 +262,7 @@ def test_only_full_expression_products_warn(model):
 
 
 @pytest.mark.parametrize("op", [operator.mul, operator.matmul])
-def test_shapes_that_do_not_fit_are_named(eager, model, op):
+def test_shapes_that_do_not_fit_are_named(mode, model, op):
     x, y = variables(model, (3,)), variables(model, (2,))
     for a, b in ((x, y), (x + 1.0, y), (x, y + 1.0), (x + 1.0, y + 1.0)):
         with pytest.raises(ValueError, match=r"3.*2"):
@@ -295,7 +288,7 @@ def test_elements_that_are_no_variables_are_refused(model):
             product()
 
 
-def test_constant_beyond_doubles_is_refused(eager, model):
+def test_constant_beyond_doubles_is_refused(mode, model):
     x = variables(model, (2, 2))
     huge = x + 1e200
     with pytest.raises(tarvopy.TarvoError, match="Constant is infinite or NaN"):
@@ -322,7 +315,7 @@ def test_split_moves_linear_parts_out_of_the_objects(model):
 # ---- joins ---------------------------------------------------------------------------------------------------------
 
 
-def test_joins_with_a_quadratic_member_are_quadratic(eager, model):
+def test_joins_with_a_quadratic_member_are_quadratic(mode, model):
     x = variables(model, (3,))
     point = Point(model)
     members = [x * x, x, 2.0 * x + 1.0, np.arange(3.0), x[0] * x[1:2]]
