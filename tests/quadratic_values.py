@@ -4,12 +4,17 @@ quad_terms(q)       [[(coefficient, index, index), ...], ...] of the elements in
 everything(q)       the same with the linear halves: what two expressions must share to be equal, order included
 value(point, q)     what q stands for, in its shape
 entries(q)          {(index, index): coefficient} of the one part of a compact expression
+
+What tests make them of: coo, zero, function (x'Qx + constant, with MATRIX for one), with_foreign_elements.
 """
 
 import numpy as np
+import scipy.sparse as sp
 
 from linear_values import Point, terms
-from tarvopy._matrixapi import MQuadExpr
+from tarvopy._matrixapi import MLinExpr, MQuadExpr
+
+MATRIX = np.array([[2.0, 0.0, -1.0], [0.5, 1.0, 0.0], [0.0, 3.0, -2.0]])
 
 
 def full_copy(expr: MQuadExpr) -> MQuadExpr:
@@ -44,3 +49,21 @@ def entries(expr: MQuadExpr) -> dict:
         key = (x._vararr[i].index, y._vararr[j].index)
         found[key] = found.get(key, 0.0) + c
     return found
+
+
+def coo(matrix):
+    return sp.coo_matrix(np.asarray(matrix, dtype=float))
+
+
+def zero(shape=()):
+    return MLinExpr.zeros(shape)
+
+
+def with_foreign_elements(x):
+    strange = x.copy()
+    strange._vararr[1:] = [None, "a"]
+    return strange
+
+
+def function(x, matrix, constant=0.0):
+    return MQuadExpr._from_quadfun(x, matrix, x, None, None, constant)
