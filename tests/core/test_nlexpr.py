@@ -84,7 +84,8 @@ def operations(draw, operands):
     if kind == "power":
         exponent = draw(st.sampled_from([0, 1, 2, 3, -1, np.int64(2)] + [0.5, Z, NLExpr(Y)] * (x > 0)))
         assume(abs(x) > 0.1 and abs(x) < 1e3)
-        return a**exponent, x ** float(ENVIRONMENT.get(str(exponent), 0) or exponent)
+        base = float(a) if isinstance(a, np.integer) else a  # NumPy's integers refuse negative exponents
+        return base**exponent, x ** float(ENVIRONMENT.get(str(exponent), 0) or exponent)
     if kind == "function":
         name = draw(st.sampled_from(sorted(UNARY)))
         assume((x > 1e-3 or name not in ("log", "log2", "log10", "sqrt")) and abs(x) < 10)
