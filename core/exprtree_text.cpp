@@ -125,7 +125,8 @@ class Writer {
             return write_product(node, false);
         case TreeOp::Uminus:
             text_ += '-';
-            return push(node->child(0), Product);
+            // Told from its own child alone, -(-a * b) binds as a sign does: no walk down a tower of them.
+            return push(node->child(0), node->child(0)->op == TreeOp::Uminus ? Sign : Product);
         case TreeOp::Square:
             push(" ** 2");
             return push(node->child(0), Atom);
