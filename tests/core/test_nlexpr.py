@@ -134,7 +134,7 @@ def test_text_has_no_brackets_beyond_the_meaning():
         "(C0 ** C1) ** C2": (x**y) ** z,
         "(C0 ** 2) ** 2": (x**2) ** 2,
         "C0 ** -C1": x**-y,
-        "C0 / -(-C1 * C2)": x / -(-(y * z)),
+        "C0 / -(-C1 * C2)": x / -operator.neg(y * z),
         "C0 ** (-C1 * C2)": x ** -(y * z),
         "C0 ** (C1 / C2)": x ** (y / z),
         "C0 - C1": x + -y,
