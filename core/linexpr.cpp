@@ -1,4 +1,5 @@
-#include "linexpr.h"
+// The type LinExpr: construction, methods, value and text.
+#include "expression_methods.h"
 
 #include "pysupport/args.h"
 #include "scalars.h"
@@ -64,10 +65,6 @@ PyObject *get_constant(PyObject *self, PyObject *) {
     return PyFloat_FromDouble(as_linexpr(self)->constant);
 }
 
-PyObject *get_value(PyObject *self, PyObject *) {
-    return border([&] { return check(PyFloat_FromDouble(value_of(as_linexpr(self)))); });
-}
-
 PyObject *add_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         static const Signature signature{"add", {"expr", "mult"}, 1};
@@ -87,46 +84,6 @@ PyObject *add_terms_method(PyObject *self, PyObject *const *args, Py_ssize_t nar
     });
 }
 
-PyObject *clear_method(PyObject *self, PyObject *) {
-    return border([&] {
-        clear(as_linexpr(self));
-        return Ref::none();
-    });
-}
-
-PyObject *copy_method(PyObject *self, PyObject *) {
-    return border([&] { return copy(as_linexpr(self)); });
-}
-
-PyObject *flatten_method(PyObject *, PyObject *) {
-    Py_RETURN_NONE;
-} // terms stand in plain lists always
-
-PyObject *normalize_method(PyObject *self, PyObject *) {
-    return border([&] {
-        normalize(as_linexpr(self));
-        return Ref::none();
-    });
-}
-
-PyObject *mul_method(PyObject *self, PyObject *factor) {
-    return border([&] {
-        double value = finite_number(factor, "Multiplier");
-        scale(as_linexpr(self), {value, false});
-        return Ref::none();
-    });
-}
-
-PyObject *refuse_pickling(PyObject *, PyObject *) {
-    PyErr_SetString(PyExc_TypeError,
-                    "cannot pickle 'tarvopy.LinExpr' object: its variables belong to a model of this process");
-    return nullptr;
-}
-
-PyObject *linexpr_str(PyObject *self) {
-    return border([&] { return text_of(as_linexpr(self)); });
-}
-
 PyObject *linexpr_repr(PyObject *self) {
     return border([&] {
         Ref text = text_of(as_linexpr(self));
@@ -134,12 +91,14 @@ PyObject *linexpr_repr(PyObject *self) {
     });
 }
 
+using Methods = ExpressionMethods<LinExprObject>;
+
 PyMethodDef methods[] = {
     {"terms", get_terms, METH_NOARGS,
      "terms()\n--\n\nAn iterator over (coefficient, Var) in stored order, as they are now."},
     {"size", get_size, METH_NOARGS, "size()\n--\n\nThe number of stored terms, duplicates and zeros counted."},
     {"getConstant", get_constant, METH_NOARGS, "getConstant()\n--\n\nThe constant term."},
-    {"getValue", get_value, METH_NOARGS,
+    {"getValue", Methods::get_value, METH_NOARGS,
      "getValue()\n--\n\nThe value at the last solution; NoDataError where there is none."},
     {"add", method(add_method), METH_FASTCALL | METH_KEYWORDS,
      "add(expr, mult=1.0)\n--\n\nAdds mult * expr (a number, Var or LinExpr) in place."},
@@ -147,16 +106,16 @@ PyMethodDef methods[] = {
      "addTerms(coeffs, vars)\n--\n\nAppends terms in place: lists or arrays of equal length, or one coefficient for "
      "one or all "
      "variables.\nOn an error nothing is appended."},
-    {"clear", clear_method, METH_NOARGS, "clear()\n--\n\nMakes the expression 0."},
-    {"copy", copy_method, METH_NOARGS, "copy()\n--\n\nA new expression with the same terms."},
-    {"_flatten", flatten_method, METH_NOARGS,
+    {"clear", Methods::clear_contents, METH_NOARGS, "clear()\n--\n\nMakes the expression 0."},
+    {"copy", Methods::make_copy, METH_NOARGS, "copy()\n--\n\nA new expression with the same terms."},
+    {"_flatten", Methods::flatten, METH_NOARGS,
      "_flatten()\n--\n\nBrings the terms to plain lists, where they always are."},
-    {"_normalize", normalize_method, METH_NOARGS,
+    {"_normalize", Methods::merge_terms, METH_NOARGS,
      "_normalize()\n--\n\nMerges the terms of each variable at its first occurrence and drops zero coefficients."},
-    {"_mul", mul_method, METH_O, "_mul(factor)\n--\n\nScales in place."},
-    {"__copy__", copy_method, METH_NOARGS, nullptr},
-    {"__deepcopy__", copy_method, METH_O, nullptr},
-    {"__reduce_ex__", refuse_pickling, METH_O, nullptr},
+    {"_mul", Methods::multiply_by, METH_O, "_mul(factor)\n--\n\nScales in place."},
+    {"__copy__", Methods::make_copy, METH_NOARGS, nullptr},
+    {"__deepcopy__", Methods::make_copy, METH_O, nullptr},
+    {"__reduce_ex__", Methods::refuse_pickling, METH_O, nullptr},
     {}};
 
 PyType_Slot slots[] = {
@@ -167,7 +126,7 @@ PyType_Slot slots[] = {
     {Py_tp_new, slot(linexpr_new)},
     {Py_tp_dealloc, slot(linexpr_dealloc)},
     {Py_tp_methods, methods},
-    {Py_tp_str, slot(linexpr_str)},
+    {Py_tp_str, slot(Methods::str)},
     {Py_tp_repr, slot(linexpr_repr)},
     {Py_tp_hash, slot(PyObject_HashNotImplemented)}, // mutable, and == makes a constraint
     {Py_nb_inplace_add, slot(operator_inplace_add)},

@@ -1,5 +1,5 @@
 // The type QuadExpr: construction, methods, value and text.
-#include "quadexpr.h"
+#include "expression_methods.h"
 
 #include "pysupport/args.h"
 #include "scalars.h"
@@ -61,10 +61,6 @@ PyObject *get_linexpr(PyObject *self, PyObject *) {
     return border([&] { return Ref::borrow(as_object(linear_of(as_quadexpr(self)))); });
 }
 
-PyObject *get_value(PyObject *self, PyObject *) {
-    return border([&] { return check(PyFloat_FromDouble(value_of(as_quadexpr(self)))); });
-}
-
 PyObject *add_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         static const Signature signature{"add", {"expr", "mult"}, 1};
@@ -84,52 +80,14 @@ PyObject *add_terms_method(PyObject *self, PyObject *const *args, Py_ssize_t nar
     });
 }
 
-PyObject *clear_method(PyObject *self, PyObject *) {
-    return border([&] {
-        clear(as_quadexpr(self));
-        return Ref::none();
-    });
-}
-
-PyObject *copy_method(PyObject *self, PyObject *) {
-    return border([&] { return copy(as_quadexpr(self)); });
-}
-
-PyObject *flatten_method(PyObject *, PyObject *) {
-    Py_RETURN_NONE;
-} // terms stand in plain lists always
-
-PyObject *normalize_method(PyObject *self, PyObject *) {
-    return border([&] {
-        normalize(as_quadexpr(self));
-        return Ref::none();
-    });
-}
-
-PyObject *mul_method(PyObject *self, PyObject *factor) {
-    return border([&] {
-        double value = finite_number(factor, "Multiplier");
-        scale(as_quadexpr(self), {value, false});
-        return Ref::none();
-    });
-}
-
-PyObject *refuse_pickling(PyObject *, PyObject *) {
-    PyErr_SetString(PyExc_TypeError,
-                    "cannot pickle 'tarvopy.QuadExpr' object: its variables belong to a model of this process");
-    return nullptr;
-}
-
-PyObject *quadexpr_str(PyObject *self) {
-    return border([&] { return text_of(as_quadexpr(self)); });
-}
-
 PyObject *quadexpr_repr(PyObject *self) {
     return border([&] {
         Ref text = text_of(as_quadexpr(self));
         return check(PyUnicode_FromFormat("<QuadExpr: %U>", text.get()));
     });
 }
+
+using Methods = ExpressionMethods<QuadExprObject>;
 
 PyMethodDef methods[] = {
     {"terms", get_terms, METH_NOARGS,
@@ -141,7 +99,7 @@ PyMethodDef methods[] = {
      "getLinExpr()\n--\n\nThe linear part, constant included: the expression's own LinExpr, not a copy, so changes of "
      "it "
      "are changes of this expression."},
-    {"getValue", get_value, METH_NOARGS,
+    {"getValue", Methods::get_value, METH_NOARGS,
      "getValue()\n--\n\nThe value at the last solution, linear part included; NoDataError where there is none."},
     {"add", method(add_method), METH_FASTCALL | METH_KEYWORDS,
      "add(expr, mult=1.0)\n--\n\nAdds mult * expr (a number, Var, LinExpr or QuadExpr) in place."},
@@ -149,19 +107,19 @@ PyMethodDef methods[] = {
      "addTerms(coeffs, vars1, vars2)\n--\n\nAppends the terms coeffs[k] * vars1[k] * vars2[k] in place: lists or "
      "arrays "
      "of equal length, or one coefficient for all pairs, or single ones.\nOn an error nothing is appended."},
-    {"clear", clear_method, METH_NOARGS, "clear()\n--\n\nMakes the expression 0, its linear part too."},
-    {"copy", copy_method, METH_NOARGS,
+    {"clear", Methods::clear_contents, METH_NOARGS, "clear()\n--\n\nMakes the expression 0, its linear part too."},
+    {"copy", Methods::make_copy, METH_NOARGS,
      "copy()\n--\n\nA new expression with the same terms and a linear part of its own."},
-    {"_flatten", flatten_method, METH_NOARGS,
+    {"_flatten", Methods::flatten, METH_NOARGS,
      "_flatten()\n--\n\nBrings the terms to plain lists, where they always are."},
-    {"_normalize", normalize_method, METH_NOARGS,
+    {"_normalize", Methods::merge_terms, METH_NOARGS,
      "_normalize()\n--\n\nMerges the terms of each pair of variables, in either order, at its first occurrence, and "
      "those "
      "of each variable in the linear part; drops zero coefficients."},
-    {"_mul", mul_method, METH_O, "_mul(factor)\n--\n\nScales in place."},
-    {"__copy__", copy_method, METH_NOARGS, nullptr},
-    {"__deepcopy__", copy_method, METH_O, nullptr},
-    {"__reduce_ex__", refuse_pickling, METH_O, nullptr},
+    {"_mul", Methods::multiply_by, METH_O, "_mul(factor)\n--\n\nScales in place."},
+    {"__copy__", Methods::make_copy, METH_NOARGS, nullptr},
+    {"__deepcopy__", Methods::make_copy, METH_O, nullptr},
+    {"__reduce_ex__", Methods::refuse_pickling, METH_O, nullptr},
     {}};
 
 PyType_Slot slots[] = {{Py_tp_doc, const_cast<char *>("QuadExpr(arg=0.0)\n--\n\nA quadratic expression of scalar "
@@ -170,7 +128,7 @@ PyType_Slot slots[] = {{Py_tp_doc, const_cast<char *>("QuadExpr(arg=0.0)\n--\n\n
                        {Py_tp_new, slot(quadexpr_new)},
                        {Py_tp_dealloc, slot(quadexpr_dealloc)},
                        {Py_tp_methods, methods},
-                       {Py_tp_str, slot(quadexpr_str)},
+                       {Py_tp_str, slot(Methods::str)},
                        {Py_tp_repr, slot(quadexpr_repr)},
                        {Py_tp_hash, slot(PyObject_HashNotImplemented)}, // mutable, and == makes a constraint
                        {Py_nb_inplace_add, slot(operator_inplace_add)},

@@ -14,133 +14,36 @@ import pathlib
 
 import numpy as np
 
+from solver.store_layout import (
+    AttrInfo,
+    Changes,
+    Cones,
+    Data,
+    Matrix,
+    Names,
+    NlRows,
+    NlTape,
+    Offender,
+    OpenRows,
+    QMatrix,
+    QRows,
+    Residuals,
+    Result,
+    copied,
+    f64_array,
+    f64p,
+    i32_array,
+    i32p,
+    i64p,
+    ptr_to,
+    step_of,
+)
+
 INF = float("inf")
 VAR, CONSTR, QCONSTR, GENCONSTR, NLCONSTR = 1, 2, 4, 5, 6
 OUT_OF_MEMORY, INVALID, UNKNOWN_ATTRIBUTE, ATTRIBUTE_KIND, NO_DATA, NOT_IN_MODEL, SIZE_LIMIT = range(1, 8)
 NOT_SOLVED, OPTIMAL, INFEASIBLE = 0, 1, 2
 ROW, BOUND, INTEGRAL, DUAL, COMPLEMENTARITY = range(5)
-
-i32p, i64p, f64p = c.POINTER(c.c_int32), c.POINTER(c.c_int64), c.POINTER(c.c_double)
-
-
-def layout(*groups):
-    """Fields of a struct from groups ("names of one type", type)."""
-    return [(name, type_) for names, type_ in groups for name in names.split()]
-
-
-class Names(c.Structure):
-    _fields_ = layout(
-        ("form", c.c_int),
-        ("prefix", c.c_char_p),
-        ("ndim", c.c_int),
-        ("shape", i64p),
-        ("text", c.c_char_p),
-        ("offset", i64p),
-    )
-
-
-class OpenRows(c.Structure):
-    _fields_ = layout(("ptr", i64p), ("var", i32p), ("coef", f64p))
-
-
-class Data(c.Structure):
-    _fields_ = layout(
-        ("nvars nrows", c.c_int32),
-        ("nnz", c.c_int64),
-        ("lb ub obj", f64p),
-        ("vtype", c.POINTER(c.c_char)),
-        ("lower upper", f64p),
-        ("objconstant", c.c_double),
-        ("sense nintegral", c.c_int),
-        ("start", f64p),
-        ("nqobj", c.c_int64),
-        ("nqrows nqlinear", c.c_int32),
-        ("nqterms nqlinterms", c.c_int64),
-        ("qsense", c.POINTER(c.c_char)),
-        ("qrhs", f64p),
-        ("nnlrows", c.c_int32),
-        ("nnlcodes nnlobj", c.c_int64),
-        ("nllower nlupper", f64p),
-    )
-
-
-class Matrix(c.Structure):
-    _fields_ = layout(("nmajor nnz", c.c_int64), ("start index", i32p), ("value", f64p))
-
-
-class QRows(c.Structure):
-    _fields_ = layout(
-        ("ptr", i64p), ("var", i32p), ("coef", f64p), ("qptr", i64p), ("var1 var2", i32p), ("qcoef", f64p)
-    )
-
-
-class QMatrix(c.Structure):
-    _fields_ = layout(
-        ("nrows nnz nquad", c.c_int64),
-        ("start index", i32p),
-        ("value", f64p),
-        ("qstart qvar1 qvar2", i32p),
-        ("qvalue", f64p),
-    )
-
-
-class NlRows(c.Structure):
-    _fields_ = layout(
-        ("ptr", i64p),
-        ("var", i32p),
-        ("coef", f64p),
-        ("codeptr", i64p),
-        ("code", i32p),
-        ("nconstants", c.c_int64),
-        ("constant", f64p),
-    )
-
-
-class NlTape(c.Structure):
-    _fields_ = layout(("ncodes", c.c_int64), ("code", i32p), ("nconstants", c.c_int64), ("constant", f64p))
-
-
-class Cones(c.Structure):
-    _fields_ = layout(
-        ("ncones nrows nnz", c.c_int64),
-        ("qrow cone start index", i32p),
-        ("value offset", f64p),
-        ("form", c.POINTER(c.c_char)),
-        ("weight", f64p),
-    )
-
-
-class Changes(c.Structure):
-    _fields_ = layout(
-        ("structure quadratic objconstant sense", c.c_int),
-        ("nbounds ncosts nsides ncoefs", c.c_int64),
-        ("bounds costs sides coefrows coefvars", i32p),
-    )
-
-
-class Result(c.Structure):
-    _fields_ = layout(
-        ("status has_x has_duals", c.c_int),
-        ("objval bound gap runtime itercount nodecount", c.c_double),
-        ("engine", c.c_char_p),
-        ("noduals", c.c_char_p),
-    )
-
-
-class Residuals(c.Structure):
-    _fields_ = layout(
-        ("row bound integral dual complementarity", c.c_double),
-        ("worstrow worstbound worstintegral worstdual worstcomplementarity", c.c_int32),
-        ("rowscale boundscale dualscale complementarityscale", c.c_double),
-    )
-
-
-class Offender(c.Structure):
-    _fields_ = layout(("violation scale", c.c_double), ("element", c.c_int32))
-
-
-class AttrInfo(c.Structure):
-    _fields_ = [("name", c.c_char_p), ("kind", c.c_int), ("type", c.c_int), ("settable", c.c_int)]
 
 
 class StoreError(Exception):
@@ -167,26 +70,6 @@ lib.TRVfree.restype = lib.TRVfreemodel.restype = lib.TRVdroprows.restype = lib.T
 lib.TRVfreematrix.restype = lib.TRVfreecones.restype = lib.TRVfreeqmatrix.restype = lib.TRVclearchanges.restype = None
 
 
-def _f64(values):
-    return np.ascontiguousarray(np.atleast_1d(np.asarray(values, dtype=np.float64)))
-
-
-def _i32(values):
-    return np.ascontiguousarray(np.atleast_1d(np.asarray(values, dtype=np.int32)))
-
-
-def _ptr(array, type_):
-    return None if array is None else array.ctypes.data_as(type_)
-
-
-def _step(array, n):
-    return c.c_int(1 if len(array) > 1 or n == 1 else 0)
-
-
-def _view(pointer, n, dtype):
-    return np.ctypeslib.as_array(pointer, (n,)).copy() if n else np.empty(0, dtype)
-
-
 def textblock(names):
     """One block of bytes and the offsets of the names in it."""
     encoded = [name.encode() for name in names]
@@ -200,14 +83,14 @@ def makenames(names):
     if isinstance(names, tuple):
         prefix, shape = names
         dims = np.array(shape, dtype=np.int64)
-        return Names(1, prefix.encode(), len(shape), _ptr(dims, i64p), None, None), dims
+        return Names(1, prefix.encode(), len(shape), ptr_to(dims, i64p), None, None), dims
     text, offset = textblock(names)
-    return Names(2, None, 0, None, text, _ptr(offset, i64p)), (text, offset)
+    return Names(2, None, 0, None, text, ptr_to(offset, i64p)), (text, offset)
 
 
 def qtermarrays(terms):
     """Arrays of first variables, second variables and coefficients from (id, id, coefficient)."""
-    return _i32([a for a, _, _ in terms]), _i32([b for _, b, _ in terms]), _f64([c for _, _, c in terms])
+    return i32_array([a for a, _, _ in terms]), i32_array([b for _, b, _ in terms]), f64_array([c for _, _, c in terms])
 
 
 class Store:
@@ -225,21 +108,21 @@ class Store:
 
     # ---- building
     def addvars(self, n, lb=0.0, ub=INF, obj=0.0, vtype="C", names=None):
-        lb, ub, obj = _f64(lb), _f64(ub), _f64(obj)
+        lb, ub, obj = f64_array(lb), f64_array(ub), f64_array(obj)
         vtype = vtype.encode()
         struct, _keep = makenames(names)
         first = c.c_int32(-7)
         self.call(
             "TRVaddvars",
             c.c_int64(n),
-            _ptr(lb, f64p),
-            _step(lb, n),
-            _ptr(ub, f64p),
-            _step(ub, n),
-            _ptr(obj, f64p),
-            _step(obj, n),
+            ptr_to(lb, f64p),
+            step_of(lb, n),
+            ptr_to(ub, f64p),
+            step_of(ub, n),
+            ptr_to(obj, f64p),
+            step_of(obj, n),
             vtype,
-            _step(vtype, n),
+            step_of(vtype, n),
             struct and c.byref(struct),
             c.byref(first),
         )
@@ -256,19 +139,19 @@ class Store:
     def addcsr(self, ptr, var, coef, lower=-INF, upper=INF, names=None):
         ptr, n = np.asarray(ptr, dtype=np.int64), len(ptr) - 1
         var, coef = np.asarray(var, dtype=np.int32), np.asarray(coef, dtype=np.float64)
-        lower, upper = _f64(lower), _f64(upper)
+        lower, upper = f64_array(lower), f64_array(upper)
         struct, _keep = makenames(names)
         first = c.c_int32(-7)
         self.call(
             "TRVaddrows",
             c.c_int64(n),
-            _ptr(ptr, i64p),
-            _ptr(var, i32p),
-            _ptr(coef, f64p),
-            _ptr(lower, f64p),
-            _step(lower, n),
-            _ptr(upper, f64p),
-            _step(upper, n),
+            ptr_to(ptr, i64p),
+            ptr_to(var, i32p),
+            ptr_to(coef, f64p),
+            ptr_to(lower, f64p),
+            step_of(lower, n),
+            ptr_to(upper, f64p),
+            step_of(upper, n),
             struct and c.byref(struct),
             c.byref(first),
         )
@@ -286,31 +169,31 @@ class Store:
         return first.value
 
     def setobjective(self, terms, constant=0.0, sense=0):
-        var, coef = _i32([v for v, _ in terms]), _f64([a for _, a in terms])
+        var, coef = i32_array([v for v, _ in terms]), f64_array([a for _, a in terms])
         self.call(
             "TRVsetobjective",
             c.c_int64(len(terms)),
-            _ptr(var, i32p),
-            _ptr(coef, f64p),
+            ptr_to(var, i32p),
+            ptr_to(coef, f64p),
             c.c_double(constant),
             c.c_int(sense),
         )
 
     def setqobjective(self, terms, qterms, constant=0.0, sense=0):
         """terms: (id, coefficient); qterms: (id, id, coefficient)."""
-        var, coef = _i32([v for v, _ in terms]), _f64([a for _, a in terms])
+        var, coef = i32_array([v for v, _ in terms]), f64_array([a for _, a in terms])
         self.setqobjectivearrays(var, coef, *qtermarrays(qterms), constant, sense)
 
     def setqobjectivearrays(self, var, coef, var1, var2, qcoef, constant=0.0, sense=0):
         self.call(
             "TRVsetqobjective",
             c.c_int64(len(var)),
-            _ptr(var, i32p),
-            _ptr(coef, f64p),
+            ptr_to(var, i32p),
+            ptr_to(coef, f64p),
             c.c_int64(len(qcoef)),
-            _ptr(var1, i32p),
-            _ptr(var2, i32p),
-            _ptr(qcoef, f64p),
+            ptr_to(var1, i32p),
+            ptr_to(var2, i32p),
+            ptr_to(qcoef, f64p),
             c.c_double(constant),
             c.c_int(sense),
         )
@@ -319,7 +202,7 @@ class Store:
         """rows: pairs (list of (id, coefficient), list of (id, id, coefficient))."""
         ptr, qptr = ([0, *np.cumsum([len(row[part]) for row in rows])] for part in (0, 1))
         linear = [term for row in rows for term in row[0]]
-        arrays = _i32([v for v, _ in linear]), _f64([a for _, a in linear])
+        arrays = i32_array([v for v, _ in linear]), f64_array([a for _, a in linear])
         quadratic = qtermarrays([term for row in rows for term in row[1]])
         return self.addqrowarrays(ptr, *arrays, qptr, *quadratic, sense, rhs, names)
 
@@ -328,15 +211,15 @@ class Store:
         n = len(qptr if ptr is None else ptr) - 1
         ptr, qptr = (p if p is None else np.asarray(p, np.int64) for p in (ptr, qptr))
         rows = QRows(
-            _ptr(ptr, i64p),
-            _ptr(var, i32p),
-            _ptr(coef, f64p),
-            _ptr(qptr, i64p),
-            _ptr(var1, i32p),
-            _ptr(var2, i32p),
-            _ptr(qcoef, f64p),
+            ptr_to(ptr, i64p),
+            ptr_to(var, i32p),
+            ptr_to(coef, f64p),
+            ptr_to(qptr, i64p),
+            ptr_to(var1, i32p),
+            ptr_to(var2, i32p),
+            ptr_to(qcoef, f64p),
         )
-        rhs = _f64(rhs)
+        rhs = f64_array(rhs)
         struct, _keep = makenames(names)
         first = c.c_int32(-7)
         self.call(
@@ -344,9 +227,9 @@ class Store:
             c.c_int64(n),
             c.byref(rows),
             sense.encode(),
-            _step(sense, n),
-            _ptr(rhs, f64p),
-            _step(rhs, n),
+            step_of(sense, n),
+            ptr_to(rhs, f64p),
+            step_of(rhs, n),
             struct and c.byref(struct),
             c.byref(first),
         )
@@ -356,8 +239,8 @@ class Store:
         """rows: triples (list of (id, coefficient), list of codes, list of constants)."""
         ptr, codeptr = ([0, *np.cumsum([len(row[part]) for row in rows])] for part in (0, 1))
         linear = [term for row in rows for term in row[0]]
-        code, constant = _i32([k for row in rows for k in row[1]]), _f64([v for row in rows for v in row[2]])
-        terms = _i32([v for v, _ in linear]), _f64([a for _, a in linear])
+        code, constant = i32_array([k for row in rows for k in row[1]]), f64_array([v for row in rows for v in row[2]])
+        terms = i32_array([v for v, _ in linear]), f64_array([a for _, a in linear])
         return self.addnlarrays(ptr, *terms, codeptr, code, constant, lower, upper, names)
 
     def addnlarrays(self, ptr, var, coef, codeptr, code, constant, lower=-INF, upper=INF, names=None):
@@ -365,25 +248,25 @@ class Store:
         n = len(codeptr if ptr is None else ptr) - 1
         ptr, codeptr = (p if p is None else np.asarray(p, np.int64) for p in (ptr, codeptr))
         rows = NlRows(
-            _ptr(ptr, i64p),
-            _ptr(var, i32p),
-            _ptr(coef, f64p),
-            _ptr(codeptr, i64p),
-            _ptr(code, i32p),
+            ptr_to(ptr, i64p),
+            ptr_to(var, i32p),
+            ptr_to(coef, f64p),
+            ptr_to(codeptr, i64p),
+            ptr_to(code, i32p),
             len(constant),
-            _ptr(constant, f64p),
+            ptr_to(constant, f64p),
         )
-        lower, upper = _f64(lower), _f64(upper)
+        lower, upper = f64_array(lower), f64_array(upper)
         struct, _keep = makenames(names)
         first = c.c_int32(-7)
         self.call(
             "TRVaddnlrows",
             c.c_int64(n),
             c.byref(rows),
-            _ptr(lower, f64p),
-            _step(lower, n),
-            _ptr(upper, f64p),
-            _step(upper, n),
+            ptr_to(lower, f64p),
+            step_of(lower, n),
+            ptr_to(upper, f64p),
+            step_of(upper, n),
             struct and c.byref(struct),
             c.byref(first),
         )
@@ -391,27 +274,27 @@ class Store:
 
     def setnlobjective(self, terms, qterms, code, constant=(), shift=0.0, sense=0):
         """terms: (id, coefficient); qterms: (id, id, coefficient); shift: the objective's constant."""
-        var, coef = _i32([v for v, _ in terms]), _f64([a for _, a in terms])
+        var, coef = i32_array([v for v, _ in terms]), f64_array([a for _, a in terms])
         var1, var2, qcoef = qtermarrays(qterms)
-        code, constant = _i32(code), _f64(constant)
-        tape = NlTape(len(code), _ptr(code, i32p), len(constant), _ptr(constant, f64p))
+        code, constant = i32_array(code), f64_array(constant)
+        tape = NlTape(len(code), ptr_to(code, i32p), len(constant), ptr_to(constant, f64p))
         self.call(
             "TRVsetnlobjective",
             c.c_int64(len(terms)),
-            _ptr(var, i32p),
-            _ptr(coef, f64p),
+            ptr_to(var, i32p),
+            ptr_to(coef, f64p),
             c.c_int64(len(qterms)),
-            _ptr(var1, i32p),
-            _ptr(var2, i32p),
-            _ptr(qcoef, f64p),
+            ptr_to(var1, i32p),
+            ptr_to(var2, i32p),
+            ptr_to(qcoef, f64p),
             c.byref(tape),
             c.c_double(shift),
             c.c_int(sense),
         )
 
     def remove(self, kind, ids):
-        ids = _i32(ids)
-        self.call("TRVremove", c.c_int(kind), c.c_int64(len(ids)), _ptr(ids, i32p))
+        ids = i32_array(ids)
+        self.call("TRVremove", c.c_int(kind), c.c_int64(len(ids)), ptr_to(ids, i32p))
 
     def update(self):
         self.call("TRVupdatemodel")
@@ -421,17 +304,17 @@ class Store:
         return lib.TRVidcount(self.handle, c.c_int(kind))
 
     def positions(self, kind, ids):
-        ids = _i32(ids)
+        ids = i32_array(ids)
         out = np.empty(len(ids), np.int32)
         lib.TRVpositions(
-            self.handle, c.c_int(kind), c.c_int64(len(ids)), _ptr(ids, i32p), c.c_int32(0), _ptr(out, i32p)
+            self.handle, c.c_int(kind), c.c_int64(len(ids)), ptr_to(ids, i32p), c.c_int32(0), ptr_to(out, i32p)
         )
         return out.tolist()
 
     def idsat(self, kind, positions):
-        positions = _i32(positions)
+        positions = i32_array(positions)
         out = np.empty(len(positions), np.int32)
-        self.call("TRVidsat", c.c_int(kind), c.c_int64(len(positions)), _ptr(positions, i32p), _ptr(out, i32p))
+        self.call("TRVidsat", c.c_int(kind), c.c_int64(len(positions)), ptr_to(positions, i32p), ptr_to(out, i32p))
         return out.tolist()
 
     def findname(self, kind, name):
@@ -444,20 +327,20 @@ class Store:
         """Ids, or a range: handed over as first, first+1, ... without an array."""
         if isinstance(ids, range):
             return name.encode(), c.c_int64(len(ids)), None, c.c_int32(ids.start), len(ids)
-        ids = _i32(ids)
+        ids = i32_array(ids)
         self._keep = ids
-        return name.encode(), c.c_int64(len(ids)), _ptr(ids, i32p), c.c_int32(0), len(ids)
+        return name.encode(), c.c_int64(len(ids)), ptr_to(ids, i32p), c.c_int32(0), len(ids)
 
     def dbls(self, name, ids):
         *head, n = self._selection(name, ids)
         out = np.empty(n)
-        self.call("TRVgetdbls", *head, _ptr(out, f64p))
+        self.call("TRVgetdbls", *head, ptr_to(out, f64p))
         return out
 
     def setdbls(self, name, ids, values):
         *head, n = self._selection(name, ids)
-        values = _f64(values)
-        self.call("TRVsetdbls", *head, _ptr(values, f64p), _step(values, n))
+        values = f64_array(values)
+        self.call("TRVsetdbls", *head, ptr_to(values, f64p), step_of(values, n))
 
     def chars(self, name, ids):
         *head, n = self._selection(name, ids)
@@ -467,7 +350,7 @@ class Store:
 
     def setchars(self, name, ids, values):
         *head, n = self._selection(name, ids)
-        self.call("TRVsetchars", *head, values.encode(), _step(values, n))
+        self.call("TRVsetchars", *head, values.encode(), step_of(values, n))
 
     def strs(self, name, ids):
         *head, n = self._selection(name, ids)
@@ -482,7 +365,7 @@ class Store:
     def setstrs(self, name, ids, values):
         *head, _n = self._selection(name, ids)
         text, offset = textblock(values)
-        self.call("TRVsetstrs", *head, text, _ptr(offset, i64p))
+        self.call("TRVsetstrs", *head, text, ptr_to(offset, i64p))
 
     def int(self, name):
         out = c.c_int(-7)
@@ -528,20 +411,20 @@ class Store:
         return [tape.code[k] for k in range(tape.ncodes)], [tape.constant[k] for k in range(tape.nconstants)]
 
     def evalnlrows(self, x):
-        x, out = _f64(x), np.empty(self.int("NumNLConstrs"))
-        self.call("TRVevalnlrows", _ptr(x, f64p), _ptr(out, f64p))
+        x, out = f64_array(x), np.empty(self.int("NumNLConstrs"))
+        self.call("TRVevalnlrows", ptr_to(x, f64p), ptr_to(out, f64p))
         return out
 
     def nljacobian(self, x):
         """(start, index, value); the last row is the gradient of the objective."""
-        x = _f64(x)
-        return self._matrix("TRVgetnljacobian", _ptr(x, f64p))
+        x = f64_array(x)
+        return self._matrix("TRVgetnljacobian", ptr_to(x, f64p))
 
     def writenl(self, path):
         """The position of each variable of the file."""
         n, position = c.c_int32(), i32p()
         self.call("TRVwritenl", str(path).encode(), c.byref(n), c.byref(position))
-        out = _view(position, n.value, np.int32)
+        out = copied(position, n.value, np.int32)
         lib.TRVfree(position)
         return out
 
@@ -552,14 +435,20 @@ class Store:
         return [(var1[k], var2[k], qcoef[k]) for k in range(nq.value)]
 
     def coefs(self, rows, vars):
-        rows, vars = _i32(rows), _i32(vars)
+        rows, vars = i32_array(rows), i32_array(vars)
         out = np.empty(len(rows))
-        self.call("TRVgetcoefs", c.c_int64(len(rows)), _ptr(rows, i32p), _ptr(vars, i32p), _ptr(out, f64p))
+        self.call("TRVgetcoefs", c.c_int64(len(rows)), ptr_to(rows, i32p), ptr_to(vars, i32p), ptr_to(out, f64p))
         return out.tolist()
 
     def setcoefs(self, rows, vars, values):
-        rows, vars, values = _i32(rows), _i32(vars), _f64(values)
-        self.call("TRVsetcoefs", c.c_int64(len(rows)), _ptr(rows, i32p), _ptr(vars, i32p), _ptr(values, f64p))
+        rows, vars, values = i32_array(rows), i32_array(vars), f64_array(values)
+        self.call(
+            "TRVsetcoefs",
+            c.c_int64(len(rows)),
+            ptr_to(rows, i32p),
+            ptr_to(vars, i32p),
+            ptr_to(values, f64p),
+        )
 
     # ---- the engine's side
     def data(self):
@@ -570,28 +459,28 @@ class Store:
             "nvars": n,
             "nrows": m,
             "nnz": data.nnz,
-            "lb": _view(data.lb, n, float),
-            "ub": _view(data.ub, n, float),
-            "obj": _view(data.obj, n, float),
+            "lb": copied(data.lb, n, float),
+            "ub": copied(data.ub, n, float),
+            "obj": copied(data.obj, n, float),
             "vtype": data.vtype[:n].decode() if n else "",
-            "lower": _view(data.lower, m, float),
-            "upper": _view(data.upper, m, float),
+            "lower": copied(data.lower, m, float),
+            "upper": copied(data.upper, m, float),
             "objconstant": data.objconstant,
             "sense": data.sense,
             "nintegral": data.nintegral,
-            "start": _view(data.start, n, float) if data.start else None,
+            "start": copied(data.start, n, float) if data.start else None,
             "nqobj": data.nqobj,
             "nqrows": data.nqrows,
             "nqlinear": data.nqlinear,
             "nqterms": data.nqterms,
             "nqlinterms": data.nqlinterms,
             "qsense": data.qsense[: data.nqrows].decode() if data.nqrows else "",
-            "qrhs": _view(data.qrhs, data.nqrows, float),
+            "qrhs": copied(data.qrhs, data.nqrows, float),
             "nnlrows": data.nnlrows,
             "nnlcodes": data.nnlcodes,
             "nnlobj": data.nnlobj,
-            "nllower": _view(data.nllower, data.nnlrows, float),
-            "nlupper": _view(data.nlupper, data.nnlrows, float),
+            "nllower": copied(data.nllower, data.nnlrows, float),
+            "nlupper": copied(data.nlupper, data.nnlrows, float),
         }
 
     def matrix(self, csc):
@@ -606,9 +495,9 @@ class Store:
         matrix = Matrix()
         self.call(function, *arguments, c.byref(matrix))
         out = (
-            _view(matrix.start, matrix.nmajor + 1, np.int32),
-            _view(matrix.index, matrix.nnz, np.int32),
-            _view(matrix.value, matrix.nnz, float),
+            copied(matrix.start, matrix.nmajor + 1, np.int32),
+            copied(matrix.index, matrix.nnz, np.int32),
+            copied(matrix.value, matrix.nnz, float),
         )
         lib.TRVfreematrix(c.byref(matrix))
         return out
@@ -627,7 +516,7 @@ class Store:
         for k in range(cones.nrows):
             for p in range(cones.start[k], cones.start[k + 1]):
                 matrix[k, cones.index[p]] += cones.value[p]
-        offset = _view(cones.offset, cones.nrows, np.float64)
+        offset = copied(cones.offset, cones.nrows, np.float64)
         bounds = [slice(cones.cone[i], cones.cone[i + 1]) for i in range(cones.ncones)]
         out = [(cones.qrow[i], offset[rows], matrix[rows]) for i, rows in enumerate(bounds)]
         lib.TRVfreecones(c.byref(cones))
@@ -639,13 +528,13 @@ class Store:
         self.call("TRVgetqmatrix", c.byref(matrix))
         n, nnz, nquad = matrix.nrows, matrix.nnz, matrix.nquad
         out = (
-            _view(matrix.start, n + 1, np.int32),
-            _view(matrix.index, nnz, np.int32),
-            _view(matrix.value, nnz, float),
-            _view(matrix.qstart, n + 1, np.int32),
-            _view(matrix.qvar1, nquad, np.int32),
-            _view(matrix.qvar2, nquad, np.int32),
-            _view(matrix.qvalue, nquad, float),
+            copied(matrix.start, n + 1, np.int32),
+            copied(matrix.index, nnz, np.int32),
+            copied(matrix.value, nnz, float),
+            copied(matrix.qstart, n + 1, np.int32),
+            copied(matrix.qvar1, nquad, np.int32),
+            copied(matrix.qvar2, nquad, np.int32),
+            copied(matrix.qvalue, nquad, float),
         )
         lib.TRVfreeqmatrix(c.byref(matrix))
         return out
@@ -654,8 +543,8 @@ class Store:
         ch = Changes()
         self.call("TRVgetchanges", c.byref(ch))
         pairs = zip(
-            _view(ch.coefrows, ch.ncoefs, np.int32).tolist(),
-            _view(ch.coefvars, ch.ncoefs, np.int32).tolist(),
+            copied(ch.coefrows, ch.ncoefs, np.int32).tolist(),
+            copied(ch.coefvars, ch.ncoefs, np.int32).tolist(),
             strict=True,
         )
         return {
@@ -663,9 +552,9 @@ class Store:
             "quadratic": bool(ch.quadratic),
             "objconstant": bool(ch.objconstant),
             "sense": bool(ch.sense),
-            "bounds": _view(ch.bounds, ch.nbounds, np.int32).tolist(),
-            "costs": _view(ch.costs, ch.ncosts, np.int32).tolist(),
-            "sides": _view(ch.sides, ch.nsides, np.int32).tolist(),
+            "bounds": copied(ch.bounds, ch.nbounds, np.int32).tolist(),
+            "costs": copied(ch.costs, ch.ncosts, np.int32).tolist(),
+            "sides": copied(ch.sides, ch.nsides, np.int32).tolist(),
             "coefs": list(pairs),
         }
 
@@ -703,6 +592,6 @@ class Store:
         return [(out[i].element, out[i].violation, out[i].scale) for i in range(count.value)]
 
     def evalobjective(self, x):
-        x, value = _f64(x), c.c_double()
-        self.call("TRVevalobjective", _ptr(x, f64p), c.byref(value))
+        x, value = f64_array(x), c.c_double()
+        self.call("TRVevalobjective", ptr_to(x, f64p), c.byref(value))
         return value.value

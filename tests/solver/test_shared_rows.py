@@ -5,7 +5,8 @@ import ctypes as c
 import numpy as np
 import pytest
 
-from solver.store import INVALID, SIZE_LIMIT, Store, f64p, i32p, i64p, layout, lib
+from solver.store import INVALID, SIZE_LIMIT, Store, lib
+from solver.store_layout import f64p, i32p, i64p, layout
 
 RELEASE = c.CFUNCTYPE(None, c.c_void_p)
 
