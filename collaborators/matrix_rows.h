@@ -38,6 +38,20 @@ struct QuadBlock {
     void *held;
 };
 
+// Sides of any degree, one of them at least nonlinear: row i is
+//   rows.coef * rows.var, rows.ptr[i] .. rows.ptr[i+1]  +  tape rows.codeptr[i] .. rows.codeptr[i+1]  +  constants[i]
+// The arrays are the block's, until it is closed; the caller may write into constants.
+struct NonlinearBlock {
+    ModelObject *model; // borrowed from `held`; NULL when no variable occurs
+    int ndim;
+    npy_intp shape[64];
+    int64_t nrows;
+    bool scalar;
+    TRVnlrows rows;    // see tarvo.h
+    double *constants; // one a row
+    void *held;
+};
+
 struct MatrixApi {
     int version;
     PyTypeObject *MVar, *MLinExpr, *MQuadExpr, *MConstr, *MQConstr, *MGenConstr, *MNLExpr, *MNLConstr;
@@ -63,6 +77,11 @@ struct MatrixApi {
                       int32_t *var1, int32_t *var2, double *qcoef);
     void (*quad_close)(QuadBlock *block);
 
+    // lhs - rhs where a side is nonlinear (NLExpr, MNLExpr; the other may be anything up to that, rhs NULL too), as
+    // linear terms and tapes. Errors as rows_open.
+    int (*nonlinear_open)(PyObject *lhs, PyObject *rhs, NonlinearBlock *block);
+    void (*nonlinear_close)(NonlinearBlock *block);
+
     // Handles over consecutive ids, C order; no element object is made.
     PyObject *(*mvar)(ModelObject *model, int32_t first, int ndim, const npy_intp *shape);
     // type: MConstr, MQConstr, MGenConstr or MNLConstr.
@@ -81,7 +100,7 @@ struct MatrixApi {
         }
         return api;
     }
-    static constexpr int current_version = 3;
+    static constexpr int current_version = 4;
 };
 
 } // namespace tarvopy

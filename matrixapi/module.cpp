@@ -95,6 +95,8 @@ void export_api(PyObject *module) {
            quad_open,
            quad_write,
            quad_close,
+           nonlinear_open,
+           nonlinear_close,
            api_mvar,
            api_mconstr,
            api_ids};

@@ -14,5 +14,7 @@ int quad_open(PyObject *lhs, PyObject *rhs, QuadBlock *block);
 int quad_write(QuadBlock *block, int64_t *ptr, int32_t *var, double *coef, double *constants, int64_t *qptr,
                int32_t *var1, int32_t *var2, double *qcoef);
 void quad_close(QuadBlock *block);
+int nonlinear_open(PyObject *lhs, PyObject *rhs, NonlinearBlock *block);
+void nonlinear_close(NonlinearBlock *block);
 
 } // namespace tarvopy

@@ -238,6 +238,48 @@ TRV_API int TRVsetnlobjective(TRVmodel *model, int64_t n, const int32_t *var, co
                               const int32_t *var1, const int32_t *var2, const double *qcoef, const TRVnltape *tape,
                               double constant, int sense);
 
+/* General constraints: each has a type, arguments and numbers. Argument a is the linear expression
+ *   constant[a] + sum coef[k] * var[k], k in ptr[a] .. ptr[a+1]
+ * and constraint g has the arguments argptr[g] .. argptr[g+1] and the numbers data[dataptr[g] .. dataptr[g+1]].
+ *   MAX, MIN     first argument = the largest, smallest of the others (one at least)
+ *   ABS          first argument = |second|
+ *   AND, OR      first argument = whether all, any of the others are 1; at a solve each must be a binary variable, or
+ *                the number 0 or 1
+ *   PWL          first argument = the piecewise-linear function of the second through the points (x, y), data being all
+ *                x, then all y: at least two points, x not decreasing. Beyond the ends the outer pieces go on. At a
+ *                jump (two points of one x, at most two, and not at the ends) every value between the two is taken.
+ *   INDICATOR    the first argument, one variable with coefficient 1 and at a solve binary, being data[0] (0 or 1)
+ *                implies data[1] <= second argument <= data[2]
+ *   SOS1, SOS2   the arguments, each one variable with coefficient 1, of which at most one may be nonzero, or two that
+ *                are neighbours in the order of data, their weights: one each, all different
+ * Terms of an argument are tidied as those of linear rows are. argptr starts at 0; dataptr NULL: no numbers. */
+enum {
+    TRV_GEN_MAX = 0,
+    TRV_GEN_MIN = 1,
+    TRV_GEN_ABS = 2,
+    TRV_GEN_AND = 3,
+    TRV_GEN_OR = 4,
+    TRV_GEN_PWL = 5,
+    TRV_GEN_INDICATOR = 6,
+    TRV_GEN_SOS1 = 7,
+    TRV_GEN_SOS2 = 8,
+    TRV_GEN_TYPES = 9 /* how many there are */
+};
+typedef struct TRVgens {
+    int64_t ngens;
+    const int64_t *argptr;
+    const int64_t *ptr;
+    const int32_t *var;
+    const double *coef;
+    const double *constant; /* one an argument; NULL: all 0 */
+    const int64_t *dataptr;
+    const double *data;
+} TRVgens;
+/* All of one type. Refused with the constraint named, before anything changes: wrong numbers of arguments or data, NaN
+ * and infinity (but in the sides of an INDICATOR), removed variables. As for tapes, a variable in a general constraint
+ * cannot be removed before that. */
+TRV_API int TRVaddgens(TRVmodel *model, int type, const TRVgens *gens, const TRVnames *names, int32_t *firstid);
+
 /* Pending elements are gone at once, those in the model at the next update: until then they can be read and set, but
  * new terms over such variables are refused. Removing what is removed or marked already is fine
  * (NOT_IN_MODEL only for ids that never were). */
@@ -313,6 +355,9 @@ TRV_API int TRVgetqobjective(TRVmodel *model, int64_t *nq, const int32_t **var1,
 TRV_API int TRVgetnlrow(TRVmodel *model, int32_t nlrow, TRVnlrows *row);
 /* The objective's tape, empty where there is none. */
 TRV_API int TRVgetnlobjective(TRVmodel *model, TRVnltape *tape);
+/* A general constraint (ngens is 1; argptr and dataptr point to its two bounds, ptr to the bounds of its arguments).
+ * Pointers into the store, valid until the next change. Pending ones too. */
+TRV_API int TRVgetgen(TRVmodel *model, int32_t gen, int *type, TRVgens *view);
 /* One coefficient for each pair; a missing one reads 0. */
 TRV_API int TRVgetcoefs(TRVmodel *model, int64_t n, const int32_t *rows, const int32_t *vars, double *out);
 /* Acts at once, all or none; 0 takes the term away; of repeated pairs the last one wins. */
@@ -342,6 +387,7 @@ typedef struct TRVdata {
     int64_t nnlcodes;    /* entries of their tapes */
     int64_t nnlobj;      /* entries of the objective's tape */
     const double *nllower, *nlupper; /* of nonlinear rows, +-INFINITY for none */
+    int32_t ngens;                   /* general constraints */
 } TRVdata;
 TRV_API int TRVgetdata(TRVmodel *model, TRVdata *data);
 
@@ -357,6 +403,18 @@ typedef struct TRVqmatrix {
 } TRVqmatrix;
 TRV_API int TRVgetqmatrix(TRVmodel *model, TRVqmatrix *matrix);
 TRV_API void TRVfreeqmatrix(TRVqmatrix *matrix);
+
+/* The general constraints by position of constraints and variables, each with its type; otherwise as TRVgens. Freshly
+ * allocated; give back with TRVfreegenmatrix. */
+typedef struct TRVgenmatrix {
+    int64_t ngens, nargs, nnz, ndata;
+    int32_t *type;
+    int64_t *argptr, *ptr, *dataptr;
+    int32_t *index;
+    double *value, *constant, *data;
+} TRVgenmatrix;
+TRV_API int TRVgetgenmatrix(TRVmodel *model, TRVgenmatrix *matrix);
+TRV_API void TRVfreegenmatrix(TRVgenmatrix *matrix);
 
 /* Keeps the memory that the pointers of TRVgetdata, TRVviewrows and TRVopensolution lead to, as they stand at this
  * call, readable until TRVunpin, whatever becomes of the model, its end included. Afterwards it may show old values. */
@@ -459,8 +517,8 @@ TRV_API int TRVcommitsolution(TRVmodel *model, const TRVresult *result);
  * the one with the largest violation against its own scale; reported are its violation (absolute), its scale and its
  * position, -1 where nothing is violated. So violation <= tolerance * scale holds for all elements where it holds for
  * the worst. Quadratic rows count on after the linear ones: row position nrows + q is quadratic row q, and nonlinear
- * rows after these: nrows + nqrows + i. Nonlinear rows have no multipliers; a row without a finite value at x is
- * infinitely wrong. Dual figures
+ * rows after these: nrows + nqrows + i; general constraints come last, nrows + nqrows + nnlrows + g. Nonlinear rows and
+ * general constraints have no multipliers; a row without a finite value at x is infinitely wrong. Dual figures
  * only with duals (has_duals): dual infeasibility is the reduced gradient c + Hx - A'pi - (gradients of quadratic
  * rows)'qpi - rc and the wrong-signed rc, pi or qpi; complementarity is the largest |multiplier| * distance to its
  * bound. */
