@@ -79,13 +79,14 @@ PyObject *model_repr(PyObject *self);
 // files.cpp
 TARVOPY_METHOD(model_read);
 TARVOPY_METHOD(model_write);
-// quadratic.cpp, problem.cpp, solution.cpp: functions over the handle
+// quadratic.cpp, nonlinear.cpp, problem.cpp, solution.cpp: functions over the handle
 TARVOPY_METHOD(function_hessian);
 TARVOPY_METHOD(function_write_nl);
 TARVOPY_METHOD(function_qmatrix);
 TARVOPY_METHOD(function_curvature);
 TARVOPY_METHOD(function_cones);
 TARVOPY_METHOD(function_cone_duals);
+TARVOPY_METHOD(function_genmatrix);
 TARVOPY_METHOD(function_problem);
 TARVOPY_METHOD(function_matrix);
 TARVOPY_METHOD(function_rows_in_place);

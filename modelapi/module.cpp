@@ -59,6 +59,10 @@ PyMethodDef functions[] = {
         "cone_duals($module, handle, native, s, z, qpi, /)\n--\n\nWrites the multipliers of the rows that are cones "
         "into qpi, from the cones' slacks and duals."),
     function(
+        "genmatrix", function_genmatrix,
+        "genmatrix($module, handle, /)\n--\n\nThe general constraints, freshly made: (type, argptr, ptr, index, value, "
+        "constant, dataptr, data)."),
+    function(
         "changes", function_changes,
         "changes($module, handle, /)\n--\n\nWhat changed since clear_changes by the field names of problem.Changes."),
     function("clear_changes", function_clear_changes,

@@ -81,6 +81,12 @@ TARVOPY_METHOD(function_problem) {
         put(dict, "nqlinterms", whole(data.nqlinterms));
         put(dict, "qsense", letters_view(owner, data.nqrows, data.qsense));
         put(dict, "qrhs", doubles(owner, data.nqrows, data.qrhs));
+        put(dict, "nnlrows", whole(data.nnlrows));
+        put(dict, "nnlcodes", whole(data.nnlcodes));
+        put(dict, "nnlobj", whole(data.nnlobj));
+        put(dict, "nllower", doubles(owner, data.nnlrows, data.nllower));
+        put(dict, "nlupper", doubles(owner, data.nnlrows, data.nlupper));
+        put(dict, "ngens", whole(data.ngens));
         put(dict, "start", data.start ? doubles(owner, data.nvars, data.start) : Ref::none());
         return fields;
     });

@@ -32,6 +32,21 @@ bool flag(PyObject *object) {
     return object && check_status(PyObject_IsTrue(object));
 }
 
+const char *name_attribute(int kind) {
+    switch (kind) {
+    case TRV_VAR:
+        return "VarName";
+    case TRV_QCONSTR:
+        return "QName";
+    case TRV_GENCONSTR:
+        return "GenName";
+    case TRV_NLCONSTR:
+        return "NLName";
+    default:
+        return "ConstrName";
+    }
+}
+
 } // namespace
 
 TARVOPY_METHOD(function_open_solution) {
@@ -154,7 +169,7 @@ TARVOPY_METHOD(function_element_name) {
         Arguments given(signature, 0, args, nargs, kwnames);
         int kind = small(given[1]);
         int32_t position = small(given[2]), id;
-        const char *attribute = kind == TRV_VAR ? "VarName" : kind == TRV_QCONSTR ? "QName" : "ConstrName";
+        const char *attribute = name_attribute(kind);
         TRVmodel *store = engine_store(given[0]);
         succeed(store, TRVidsat(store, kind, 1, &position, &id));
         char *text;

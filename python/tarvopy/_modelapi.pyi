@@ -115,6 +115,20 @@ def cone_duals(
 ) -> None:
     """Writes the multipliers of the rows that are cones into qpi, from the cones' slacks s and duals z."""
 
+def genmatrix(
+    handle: Any,
+) -> tuple[
+    NDArray[np.int32],
+    NDArray[np.int64],
+    NDArray[np.int64],
+    NDArray[np.int32],
+    NDArray[np.float64],
+    NDArray[np.float64],
+    NDArray[np.int64],
+    NDArray[np.float64],
+]:
+    """The general constraints, freshly made: (type, argptr, ptr, index, value, constant, dataptr, data)."""
+
 def changes(handle: Any) -> dict[str, Any]:
     """What changed since clear_changes by the field names of problem.Changes."""
 
@@ -155,7 +169,9 @@ def offenders(handle: Any, has_duals: bool, figure: int, n: int) -> list[tuple[f
     """
 
 def element_name(handle: Any, kind: int, position: int) -> str:
-    """The name of a variable (kind 1), linear row (2) or quadratic row (4) by its position."""
+    """The name of a variable (kind 1), linear (2) or quadratic row (4), general constraint (5) or nonlinear row (6) by
+    its position.
+    """
 
 def evaluate_objective(handle: Any, x: NDArray[np.float64]) -> float:
     """The objective at x (float64 of nvars entries, by position), constant included."""

@@ -79,16 +79,24 @@ def limits(residuals: dict[str, Any], problem: Problem, params: Parameters) -> I
 
 
 def element_of(problem: Problem, figure: int, element: int) -> tuple[str, str]:
-    """(kind, name) of what a figure counts by: variables, then rows, then quadratic rows."""
+    """(kind, name) of what a figure counts by: variables, then linear, quadratic and nonlinear rows, then general
+    constraints.
+    """
     if figure in (STATIONARITY, COMPLEMENTARITY):
         if element < problem.nvars:
             return "variable", problem.var_name(element)
         element -= problem.nvars
     elif figure != ROWS:
         return "variable", problem.var_name(element)
-    if element < problem.nrows:
-        return "row", problem.row_name(element)
-    return "quadratic row", problem.qrow_name(element - problem.nrows)
+    for kind, count, name in (
+        ("row", problem.nrows, problem.row_name),
+        ("quadratic row", problem.nqrows, problem.qrow_name),
+        ("nonlinear row", problem.nnlrows, problem.nlrow_name),
+    ):
+        if element < count:
+            return kind, name(element)
+        element -= count
+    return "general constraint", problem.gen_name(element)
 
 
 def judge(problem: Problem, outcome: Outcome, x: np.ndarray, params: Parameters) -> Offence | None:

@@ -3,6 +3,7 @@
     problem = Problem.of(model._cmodel)        after update(); NumPy views of the store, nothing is copied
     start, index, value = problem.csc()        the matrix by columns, made for the caller and freed with the arrays
     problem.is_quadratic, problem.curvature()  whether quadratic terms are left, and how they are curved
+    problem.is_nonlinear                       nonlinear rows or objective, or general constraints
 
 The views are read-only and show the store as it is: they hold until the model's next change (while an engine runs,
 changes are refused). Infinite bounds are +-inf. Positions, not ids, count everything here.
@@ -20,15 +21,15 @@ if TYPE_CHECKING:
 
 
 #: Kinds of element, as tarvo.h numbers them.
-TRV_VAR, TRV_CONSTR, TRV_QCONSTR = 1, 2, 4
+TRV_VAR, TRV_CONSTR, TRV_QCONSTR, TRV_GENCONSTR, TRV_NLCONSTR = 1, 2, 4, 5, 6
 #: What curvature() says: see tarvo.h.
 LINEAR, CONVEX, CONE, NONCONVEX, ROUNDED = 0, 1, 2, 3, 4
 
 
 @dataclass(frozen=True, slots=True, eq=False)
 class Problem:
-    """minimise (or maximise) obj x + x'Hx/2 + objconstant, lower <= A x <= upper, quadratic rows, lb <= x <= ub, some x
-    integral.
+    """minimise (or maximise) obj x + x'Hx/2 + f(x) + objconstant, lower <= A x <= upper, quadratic rows,
+    nllower <= g(x) <= nlupper, general constraints, lb <= x <= ub, some x integral.
     """
 
     handle: Any
@@ -62,6 +63,16 @@ class Problem:
     qsense: np.ndarray
     """dtype "S1": b"<", b">", b"=" for each quadratic row."""
     qrhs: np.ndarray
+    nnlrows: int
+    """Nonlinear rows, g; they are no part of A and of the quadratic rows."""
+    nnlcodes: int
+    """Entries of their tapes: what an engine has to read."""
+    nnlobj: int
+    """Entries of the objective's tape, f; 0 where it has none."""
+    nllower: np.ndarray
+    nlupper: np.ndarray
+    ngens: int
+    """General constraints."""
     start: np.ndarray | None
     """A value for each variable, NaN where there is none; None without any."""
     _curvature: list[tuple[int, np.ndarray]] = field(default_factory=list, init=False, repr=False)
@@ -79,6 +90,11 @@ class Problem:
     def is_quadratic(self) -> bool:
         """A quadratic term is left somewhere; without any the quadratic rows are further linear ones."""
         return self.nqobj > 0 or self.nqrows > self.nqlinear
+
+    @property
+    def is_nonlinear(self) -> bool:
+        """There are nonlinear rows, a nonlinear objective or general constraints: nothing is known of its curvature."""
+        return self.nnlrows > 0 or self.nnlobj > 0 or self.ngens > 0
 
     def csc(self) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
         """A by columns: (start int32 of nvars + 1, row index int32, value float64), rows ascending in each column."""
@@ -108,8 +124,8 @@ class Problem:
         return _modelapi.qmatrix(self.handle)
 
     def curvature(self) -> tuple[int, np.ndarray]:
-        """LINEAR, CONVEX, ROUNDED (convex but for rounding) or NONCONVEX for the objective; LINEAR, CONVEX, CONE or
-        NONCONVEX (int8) for each quadratic row; worked out once.
+        """LINEAR, CONVEX, ROUNDED (convex but for rounding) or NONCONVEX for the objective's linear and quadratic
+        terms; LINEAR, CONVEX, CONE or NONCONVEX (int8) for each quadratic row; worked out once.
         """
         if not self._curvature:
             self._curvature.append(self._find_curvature())
@@ -124,7 +140,9 @@ class Problem:
 
     @property
     def is_convex(self) -> bool:
-        """No quadratic part is nonconvex (whatever the variables' types)."""
+        """Known to be convex: nothing nonlinear, and no quadratic part is nonconvex (whatever the variables' types)."""
+        if self.is_nonlinear:
+            return False
         objective, rows = self.curvature()
         return objective != NONCONVEX and not (rows == NONCONVEX).any()
 
@@ -141,6 +159,15 @@ class Problem:
         """The quadratic rows as second-order cones; TarvoError (UNSUPPORTED) naming a row that is nonconvex."""
         return Cones(self.handle, **_modelapi.cones(self.handle))
 
+    def gens(self) -> tuple[np.ndarray, ...]:
+        """The general constraints: (type, argptr, ptr, index, value, constant, dataptr, data).
+
+        Constraint g, of the kind type[g] (TRV_GEN_... in tarvo.h), has the arguments argptr[g] .. argptr[g+1] and the
+        numbers data[dataptr[g] .. dataptr[g+1]]; argument a is constant[a] + the sum of value[k] * x[index[k]], k in
+        ptr[a] .. ptr[a+1].
+        """
+        return _modelapi.genmatrix(self.handle)
+
     def var_name(self, position: int) -> str:
         return _modelapi.element_name(self.handle, TRV_VAR, position)
 
@@ -149,6 +176,12 @@ class Problem:
 
     def qrow_name(self, position: int) -> str:
         return _modelapi.element_name(self.handle, TRV_QCONSTR, position)
+
+    def nlrow_name(self, position: int) -> str:
+        return _modelapi.element_name(self.handle, TRV_NLCONSTR, position)
+
+    def gen_name(self, position: int) -> str:
+        return _modelapi.element_name(self.handle, TRV_GENCONSTR, position)
 
 
 @dataclass(frozen=True, slots=True, eq=False)

@@ -47,7 +47,7 @@ class Offender:
     """An element that violates a figure."""
 
     kind: str
-    """"row", "quadratic row" or "variable"."""
+    """"row", "quadratic row", "nonlinear row", "general constraint" or "variable"."""
     name: str
     violation: float
     allowed: float
@@ -127,7 +127,8 @@ def make(model: Model, worst: int) -> Report:
         why = f"there is no solution to report on (status: {status_word(status)}): call optimize() first"
         raise NoDataError(TRV.ERROR_NO_DATA, why)
     handle, problem = model._cmodel, Problem.of(model._cmodel)
-    worst = min(worst, 2 * (problem.nvars + problem.nrows + problem.nqrows))  # value and multiplier of each
+    elements = problem.nvars + problem.nrows + problem.nqrows + problem.nnlrows + problem.ngens
+    worst = min(worst, 2 * elements)  # value and multiplier of each
     residuals, has_duals = _residuals(handle)
     return Report(
         model=model.ModelName,

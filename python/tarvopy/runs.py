@@ -82,7 +82,7 @@ class Runs:
         outcome = engine.outcome(self.problem)
         arrays = _modelapi.open_solution(self.problem.handle)
         engine.write_solution(outcome, *arrays)
-        _settle_duals(outcome, self.problem, engine.name)
+        settle_duals(outcome, self.problem, engine.name)
         claimed = outcome.objval
         return Answer(engine, outcome, claimed, judge(self.problem, outcome, arrays[0], self.params), arrays)
 
@@ -123,10 +123,13 @@ def best_answer(model: Model, engine: Engine, runs: Runs) -> Answer:
     return best
 
 
-def _settle_duals(outcome: Outcome, problem: Problem, engine_name: str) -> None:
+def settle_duals(outcome: Outcome, problem: Problem, engine_name: str) -> None:
     """Multipliers mean something for convex problems of continuous variables only, whichever engine gave them."""
     if problem.nintegral or not outcome.has_x:
         outcome.has_duals = False
+    elif problem.is_nonlinear:
+        outcome.has_duals = False
+        outcome.no_duals = f"the model is nonlinear ({engines.describe(problem)})"
     elif problem.is_quadratic and not problem.is_convex:
         outcome.has_duals = False
         outcome.no_duals = f"the model is not convex ({engines.describe(problem)})"

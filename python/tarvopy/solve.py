@@ -16,11 +16,12 @@ from typing import TYPE_CHECKING, Any
 
 from tarvopy import _modelapi, engines
 from tarvopy._trv import TRV
+from tarvopy.check import offence
 from tarvopy.engines.base import Outcome
 from tarvopy.flight import CtrlC, abandon
 from tarvopy.problem import Changes, Problem
 from tarvopy.progress import Reporter
-from tarvopy.runs import Runs, best_answer
+from tarvopy.runs import Runs, best_answer, settle_duals
 
 if TYPE_CHECKING:
     import numpy as np
@@ -28,6 +29,7 @@ if TYPE_CHECKING:
     from tarvopy.check import Offence
     from tarvopy.engines.base import Engine
     from tarvopy.model import Model
+    from tarvopy.parameters import Parameters
 
 __all__ = ["engines", "optimize", "prepare"]
 
@@ -116,13 +118,11 @@ def _engine_with(model: Model, problem: Problem) -> Engine:
 
 
 def _solve(model: Model, problem: Problem, reporter: Reporter, ctrl_c: CtrlC) -> tuple[Outcome, Offence | None]:
-    found = _without_engine(problem)
+    found = _without_engine(problem, model.params)
     if found is not None:
         engines.pick(problem, model.params.Engine)  # what an engine refuses stays refused
         outcome, reason = found
         model._why_engine = f"tarvopy: {reason}"
-        for multipliers in _modelapi.open_solution(problem.handle)[1:]:
-            multipliers.fill(0.0)
         _commit(problem, outcome, "tarvopy")
         model._claimed = outcome.objval
         return outcome, None
@@ -133,21 +133,30 @@ def _solve(model: Model, problem: Problem, reporter: Reporter, ctrl_c: CtrlC) ->
     return answer.outcome, answer.offence
 
 
-def _without_engine(problem: Problem) -> tuple[Outcome, str] | None:
+def _without_engine(problem: Problem, params: Parameters) -> tuple[Outcome, str] | None:
     """The answer where there is nothing to solve (bounds or sides that cross, no variables at all), and why."""
-    crossed = _first_crossed(problem.lb, problem.ub)
-    if crossed is not None:
-        return Outcome(TRV.INFEASIBLE), f"the bounds of variable {problem.var_name(crossed)!r} cross"
-    crossed = _first_crossed(problem.lower, problem.upper)
-    if crossed is not None:
-        return Outcome(TRV.INFEASIBLE), f"the sides of row {problem.row_name(crossed)!r} cross"
-    if problem.nvars:
-        return None
-    reason = "the model has no variables"
-    if not _zero_holds(problem):
-        return Outcome(TRV.INFEASIBLE), reason
-    value = problem.objconstant
-    return Outcome(TRV.OPTIMAL, has_x=True, has_duals=True, objval=value, bound=value), reason
+    for what, lower, upper, name in (
+        ("the bounds of variable", problem.lb, problem.ub, problem.var_name),
+        ("the sides of row", problem.lower, problem.upper, problem.row_name),
+        ("the sides of nonlinear row", problem.nllower, problem.nlupper, problem.nlrow_name),
+    ):
+        crossed = _first_crossed(lower, upper)
+        if crossed is not None:
+            return Outcome(TRV.INFEASIBLE), f"{what} {name(crossed)!r} cross"
+    return None if problem.nvars else (_without_variables(problem, params), "the model has no variables")
+
+
+def _without_variables(problem: Problem, params: Parameters) -> Outcome:
+    """Rows of constants hold or do not."""
+    x, *multipliers = _modelapi.open_solution(problem.handle)
+    for values in multipliers:
+        values.fill(0.0)
+    if not _zero_holds(problem) or offence(_modelapi.residuals(problem.handle, False), problem, params) is not None:
+        return Outcome(TRV.INFEASIBLE)
+    value = _modelapi.evaluate_objective(problem.handle, x)
+    outcome = Outcome(TRV.OPTIMAL, has_x=True, has_duals=True, objval=value, bound=value)
+    settle_duals(outcome, problem, "tarvopy")
+    return outcome
 
 
 def _first_crossed(lower: np.ndarray, upper: np.ndarray) -> int | None:
@@ -157,7 +166,7 @@ def _first_crossed(lower: np.ndarray, upper: np.ndarray) -> int | None:
 
 
 def _zero_holds(problem: Problem) -> bool:
-    """Whether all rows hold when their terms are gone."""
+    """Whether all linear and quadratic rows hold, which have no terms: exactly, since nothing was computed."""
     linear = (problem.lower <= 0.0) & (problem.upper >= 0.0)
     below, above = problem.qrhs < 0.0, problem.qrhs > 0.0
     broken = (below & (problem.qsense != b">")) | (above & (problem.qsense != b"<"))

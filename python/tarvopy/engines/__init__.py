@@ -15,6 +15,7 @@ from typing import TYPE_CHECKING
 
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
+from tarvopy.engines.base import counted, nonlinear_parts
 from tarvopy.problem import CONE, CONVEX, NONCONVEX, ROUNDED
 
 if TYPE_CHECKING:
@@ -34,6 +35,8 @@ def engine_class(key: str) -> type[Engine]:
 
 def candidates(problem: Problem) -> tuple[str, ...]:
     """The engines to think of for a problem, the best one first."""
+    if problem.is_nonlinear:
+        return ("scip",)
     if not problem.is_quadratic:
         return ("highs", "scip") if problem.nintegral else ("highs", "clarabel", "scip")
     if problem.nintegral or not problem.is_convex:
@@ -89,17 +92,30 @@ def _obstacle(cls: type[Engine], problem: Problem) -> str:
 
 
 def describe(problem: Problem) -> str:
-    """The class of a problem in words: "linear with 40 integer variables", "quadratic row 'cap[3]' is not convex"."""
+    """The class of a problem in words: "linear with 40 integer variables", "quadratic row 'cap[3]' is not convex",
+    "nonlinear objective, 3 nonlinear rows, all variables continuous".
+    """
+    if problem.is_nonlinear:
+        parts = [
+            *nonlinear_parts(problem),
+            *_quadratic_parts(problem),
+            _integral(problem) or "all variables continuous",
+        ]
+        return ", ".join(parts)
     if not problem.is_quadratic:
-        cancelled = f" (all terms of {_count(problem.nqrows, 'quadratic row')} cancel)" if problem.nqrows else ""
+        cancelled = f" (all terms of {counted(problem.nqrows, 'quadratic row')} cancel)" if problem.nqrows else ""
         integral = _integral(problem)
         return f"linear{cancelled} with {integral}" if integral else f"linear{cancelled}, all variables continuous"
     if problem.nintegral:
-        rows = problem.nqrows - problem.nqlinear
-        parts = ["quadratic objective"] if problem.nqobj else []
-        parts += [_count(rows, "quadratic row")] if rows else []
-        return f"{', '.join(parts)}, {_integral(problem)}"
+        return ", ".join([*_quadratic_parts(problem), _integral(problem)])
     return _nonconvex(problem) or _convex(problem)
+
+
+def _quadratic_parts(problem: Problem) -> list[str]:
+    """Without a word on curvature, where that decides nothing."""
+    rows = problem.nqrows - problem.nqlinear
+    parts = ["quadratic objective"] if problem.nqobj and not problem.nnlobj else []
+    return [*parts, counted(rows, "quadratic row")] if rows else parts
 
 
 def _nonconvex(problem: Problem) -> str:
@@ -109,7 +125,7 @@ def _nonconvex(problem: Problem) -> str:
     where = (rows == NONCONVEX).nonzero()[0]
     if len(where):
         first, others = f"quadratic row {problem.qrow_name(int(where[0]))!r}", len(where) - 1
-        parts.append(f"{first} and {_count(others, 'other')} are not convex" if others else f"{first} is not convex")
+        parts.append(f"{first} and {counted(others, 'other')} are not convex" if others else f"{first} is not convex")
     return ", ".join(parts)
 
 
@@ -118,8 +134,8 @@ def _convex(problem: Problem) -> str:
     convex, cones = int((rows == CONVEX).sum()), int((rows == CONE).sum())
     but = " (but for the rounding of its coefficients)" if objective == ROUNDED else ""
     parts = [f"convex quadratic objective{but}"] if problem.nqobj else []
-    parts += [_count(convex, "convex quadratic row")] if convex else []
-    parts += [_count(cones, "second-order cone row")] if cones else []
+    parts += [counted(convex, "convex quadratic row")] if convex else []
+    parts += [counted(cones, "second-order cone row")] if cones else []
     return f"{', '.join(parts)}, all variables continuous"
 
 
@@ -129,11 +145,7 @@ def _integral(problem: Problem) -> str:
         return ""
     semi = int((problem.vtype == b"S").sum())
     parts = [(problem.nintegral - semi, "integer variable"), (semi, "semi-continuous variable")]
-    return " and ".join(_count(n, kind) for n, kind in parts if n)
-
-
-def _count(n: int, what: str) -> str:
-    return f"{n} {what}" + ("s" if n != 1 else "")
+    return " and ".join(counted(n, kind) for n, kind in parts if n)
 
 
 # ---- what is installed -----------------------------------------------------------------------------------------------

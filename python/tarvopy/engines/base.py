@@ -50,6 +50,17 @@ class Progress(NamedTuple):
     bound: float | None
 
 
+def nonlinear_parts(problem: Problem) -> list[str]:
+    """What only an engine for nonlinear models takes: ["nonlinear objective", "3 nonlinear rows"]."""
+    parts = ["nonlinear objective"] if problem.nnlobj else []
+    kinds = [(problem.nnlrows, "nonlinear row"), (problem.ngens, "general constraint")]
+    return parts + [counted(n, kind) for n, kind in kinds if n]
+
+
+def counted(n: int, what: str) -> str:
+    return f"{n} {what}" + ("s" if n != 1 else "")
+
+
 class Engine(Protocol):
     """One engine with the model that it holds."""
 

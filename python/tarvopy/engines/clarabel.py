@@ -14,7 +14,7 @@ from typing import TYPE_CHECKING, Any
 
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
-from tarvopy.engines.base import Outcome, Progress
+from tarvopy.engines.base import Outcome, Progress, nonlinear_parts
 from tarvopy.engines.clarabel_form import ClarabelForm
 from tarvopy.engines.worker import Worker
 from tarvopy.problem import CONE, NONCONVEX
@@ -104,6 +104,8 @@ class ClarabelEngine:
 
     @classmethod
     def refusal(cls, problem: Problem) -> str | None:
+        if problem.is_nonlinear:
+            return ", ".join(nonlinear_parts(problem))
         if problem.nintegral:
             return _integral(problem)
         objective, rows = problem.curvature()

@@ -18,7 +18,7 @@ from typing import TYPE_CHECKING, Any
 from tarvopy import _highs
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
-from tarvopy.engines.base import NAN, Outcome, Progress
+from tarvopy.engines.base import NAN, Outcome, Progress, nonlinear_parts
 
 if TYPE_CHECKING:
     import numpy as np
@@ -97,6 +97,8 @@ class HighsEngine:
 
     @classmethod
     def refusal(cls, problem: Problem) -> str | None:
+        if problem.is_nonlinear:
+            return ", ".join(nonlinear_parts(problem))
         if problem.nqobj:
             return "the objective is quadratic"
         if problem.is_quadratic:
