@@ -5,6 +5,7 @@
 
 #include "row_blocks.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace tarvopy::modelapi {
@@ -29,12 +30,10 @@ Ref add_linear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense, N
     TRVmodel *store = store_of(handle);
     Scratch<double> bounds = rows.write_into(store);
     bool free = to_bounds(rows.block().scalar, shape.size, bounds.get(), sense);
-    static const double minus = -HUGE_VAL, plus = HUGE_VAL;
-    const double *lower = sense == Sense::Less ? &minus : bounds.get();
-    const double *upper = sense == Sense::Greater ? &plus : bounds.get();
-    int32_t first = rows.commit(lower, sense != Sense::Less, upper, sense != Sense::Greater, block);
+    OneSided sides(sense, bounds.get());
+    int32_t first = rows.commit(sides.lower, sides.lowerstep, sides.upper, sides.upperstep, block);
     if (free && sense == Sense::Greater)
-        free_rows_keep_their_sense(store, first, shape.size, lower);
+        free_rows_keep_their_sense(store, first, shape.size, sides.lower);
     return constraint_handle(handle, store, TRV_CONSTR, shape, first, rows.block().scalar);
 }
 
@@ -48,6 +47,18 @@ Ref add_quadratic(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense
     TRVmodel *store = store_of(handle);
     int32_t first = rows.commit(store, sense, block);
     return constraint_handle(handle, store, TRV_QCONSTR, shape, first, rows.block().scalar);
+}
+
+Ref add_nonlinear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense, Names &names) {
+    NonlinearRows rows(lhs, rhs);
+    require_model(rows.block().model, handle, "the comparison has variables");
+    Shape shape = rows.shape();
+    const TRVnames *block = names.block(shape);
+    to_bounds(rows.block().scalar, shape.size, rows.constants(), sense);
+    OneSided sides(sense, rows.constants());
+    TRVmodel *store = store_of(handle);
+    int32_t first = rows.commit(store, sides.lower, sides.lowerstep, sides.upper, sides.upperstep, block);
+    return constraint_handle(handle, store, TRV_NLCONSTR, shape, first, rows.block().scalar);
 }
 
 } // namespace
@@ -64,12 +75,13 @@ TARVOPY_METHOD(model_addConstr) {
         Ref lhs = Ref::borrow(comparison->lhs), rhs = Ref::borrow(comparison->rhs);
         Sense sense = sense_of(comparison->sense);
         Names names(given[1]);
-        int left = settle_degree(lhs), right = settle_degree(rhs);
-        if (left == 0 && right == 0)
+        int degree = std::max(settle_degree(lhs), settle_degree(rhs));
+        if (degree == 0)
             fail(PyExc_TypeError,
                  "addConstr() takes a comparison with a variable or an expression in it, not of two numbers");
-
-        if (left == 2 || right == 2)
+        if (degree == 3)
+            return add_nonlinear(handle, lhs.get(), rhs.get(), sense, names);
+        if (degree == 2)
             return add_quadratic(handle, lhs.get(), rhs.get(), sense, names);
         return add_linear(handle, lhs.get(), rhs.get(), sense, names);
     });
@@ -84,6 +96,44 @@ Ref zeros_of(const Shape &shape) {
     return check(PyArray_New(&PyArray_Type, shape.ndim, shape.dims, NPY_DOUBLE, strides, &zero, 0, 0, nullptr));
 }
 
+// The constants of the rows become their lower sides in place, and the upper ones stand in what is returned.
+Scratch<double> to_ranges(bool scalar, const Shape &shape, Doubles &lb, Doubles &ub, double *constants) {
+    lb.spread(shape);
+    ub.spread(shape);
+    Scratch<double> upper = scratch<double>(shape.size);
+    for (int64_t i = 0; i < shape.size; ++i) {
+        double constant = constants[i];
+        constants[i] = lb.at(i) - constant;
+        upper[i] = ub.at(i) - constant;
+        check_bound(scalar, i, constants[i], true, false);
+        check_bound(scalar, i, upper[i], false, true);
+    }
+    return upper;
+}
+
+Ref add_linear_range(ModelObject *handle, PyObject *expr, PyObject *zeros, Doubles &lb, Doubles &ub, Names &names) {
+    Rows rows(expr, zeros);
+    require_model(rows.block().model, handle, "the expression has variables");
+    Shape shape = rows.shape();
+    const TRVnames *block = names.block(shape);
+    TRVmodel *store = store_of(handle);
+    Scratch<double> lower = rows.write_into(store);
+    Scratch<double> upper = to_ranges(rows.block().scalar, shape, lb, ub, lower.get());
+    int32_t first = rows.commit(lower.get(), 1, upper.get(), 1, block);
+    return constraint_handle(handle, store, TRV_CONSTR, shape, first, rows.block().scalar);
+}
+
+Ref add_nonlinear_range(ModelObject *handle, PyObject *expr, PyObject *zeros, Doubles &lb, Doubles &ub, Names &names) {
+    NonlinearRows rows(expr, zeros);
+    require_model(rows.block().model, handle, "the expression has variables");
+    Shape shape = rows.shape();
+    const TRVnames *block = names.block(shape);
+    Scratch<double> upper = to_ranges(rows.block().scalar, shape, lb, ub, rows.constants());
+    TRVmodel *store = store_of(handle);
+    int32_t first = rows.commit(store, rows.constants(), 1, upper.get(), 1, block);
+    return constraint_handle(handle, store, TRV_NLCONSTR, shape, first, rows.block().scalar);
+}
+
 } // namespace
 
 TARVOPY_METHOD(model_addRange) {
@@ -92,10 +142,10 @@ TARVOPY_METHOD(model_addRange) {
         Arguments given(signature, 1, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         int degree = matrix().degree(given[0]);
-        require_polynomial("addRange", degree, given[0]);
+        require_expression("addRange", degree, given[0]);
         if (degree == 2)
             fail(PyExc_TypeError,
-                 "addRange() takes linear expressions, not '%.200s': a quadratic row has one side, so "
+                 "addRange() takes linear and nonlinear expressions, not '%.200s': a quadratic row has one side, so "
                  "add two with addConstr()",
                  Py_TYPE(given[0])->tp_name);
         if (degree == 0)
@@ -107,25 +157,9 @@ TARVOPY_METHOD(model_addRange) {
         // A scalar expression between numbers is a scalar row, so it gets no array beside it.
         bool arrays = lb.given_array() || ub.given_array();
         Ref zeros = arrays ? zeros_of(sides) : Ref();
-
-        Rows rows(given[0], zeros.get());
-        require_model(rows.block().model, handle, "the expression has variables");
-        Shape shape = rows.shape();
-        lb.spread(shape);
-        ub.spread(shape);
-        const TRVnames *block = names.block(shape);
-        TRVmodel *store = store_of(handle);
-        Scratch<double> lower = rows.write_into(store);
-        Scratch<double> upper = scratch<double>(shape.size);
-        for (int64_t i = 0; i < shape.size; ++i) {
-            double constant = lower[i];
-            lower[i] = lb.at(i) - constant;
-            upper[i] = ub.at(i) - constant;
-            check_bound(rows.block().scalar, i, lower[i], true, false);
-            check_bound(rows.block().scalar, i, upper[i], false, true);
-        }
-        int32_t first = rows.commit(lower.get(), 1, upper.get(), 1, block);
-        return constraint_handle(handle, store, TRV_CONSTR, shape, first, rows.block().scalar);
+        if (degree == 3)
+            return add_nonlinear_range(handle, given[0], zeros.get(), lb, ub, names);
+        return add_linear_range(handle, given[0], zeros.get(), lb, ub, names);
     });
 }
 

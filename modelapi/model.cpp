@@ -102,25 +102,29 @@ PyMethodDef methods[] = {
         "addConstr($self, /, tempconstr, name='')\n--\n\n"
         "Add what a comparison with <=, >= or == gave, one row for each element of the broadcast shape of its "
         "sides.\n\n"
-        "Scalar objects and numbers on both sides give a Constr (QConstr where a side is quadratic), arrays "
-        "(0-dimensional ones\n"
-        "too) an MConstr (MQConstr) of the broadcast shape, pending until update(). An infinite right-hand side means "
-        "no "
-        "bound.\n"
+        "Scalar objects and numbers on both sides give a Constr (QConstr where a side is quadratic, NLConstr where one "
+        "is\n"
+        "nonlinear), arrays (0-dimensional ones too) an MConstr (MQConstr, MNLConstr) of the broadcast shape, pending "
+        "until\n"
+        "update(). An infinite right-hand side means no bound.\n"
         "name as for addMVar. TypeError for anything but a comparison; ValueError for shapes that do not broadcast and "
         "beyond\n"
-        "2**31 elements; TarvoError for NaN, infinite coefficients, bounds that can never hold and elements that are "
-        "removed or\n"
-        "of another model. On an error nothing was added."),
+        "2**31 elements; TarvoError for NaN, infinite coefficients, bounds that can never hold, parts made of "
+        "constants "
+        "alone that\n"
+        "have no finite value (log(-1), 1/0; the row is named) and elements that are removed or of another model. On "
+        "an "
+        "error\n"
+        "nothing was added."),
     row("addRange", model_addRange,
         "addRange($self, /, expr, lb, ub, name='')\n--\n\n"
         "Add lb <= expr <= ub as one two-sided row for each element; lb, ub and expr broadcast. See addConstr.\n\n"
-        "TypeError for a quadratic expression, since a quadratic row has one side."),
+        "expr is linear or nonlinear; TypeError for a quadratic one, since a quadratic row has one side."),
     row("setObjective", model_setObjective,
         "setObjective($self, /, expr, sense=None)\n--\n\n"
-        "Replace the objective (every Obj, ObjConstant and the quadratic terms) by expr: a number, or a linear or "
-        "quadratic\n"
-        "expression, scalar or an array of one element.\n\n"
+        "Replace the objective (every Obj, ObjConstant, the quadratic terms and the nonlinear part) by expr: a number "
+        "or an\n"
+        "expression of any degree, scalar or an array of one element.\n\n"
         "Terms that name the same pair of variables, in either order, are summed. sense: TRV.MINIMIZE, TRV.MAXIMIZE or "
         "None,\n"
         "which keeps ModelSense. ValueError for an array of any other size; then the old objective stays."),

@@ -1,4 +1,4 @@
-// setObjective: one expression, linear or quadratic, takes the place of the whole objective.
+// setObjective: one expression of any degree takes the place of the whole objective.
 
 #include "row_blocks.h"
 
@@ -44,6 +44,13 @@ void set_quadratic(ModelObject *handle, PyObject *expression, int sense) {
     rows.commit_objective(store_of(handle), sense);
 }
 
+void set_nonlinear(ModelObject *handle, PyObject *expression, int sense) {
+    NonlinearRows rows(expression, nullptr);
+    require_model(rows.block().model, handle, "the objective has variables");
+    require_one(rows.shape());
+    rows.commit_objective(store_of(handle), sense);
+}
+
 } // namespace
 
 TARVOPY_METHOD(model_setObjective) {
@@ -53,8 +60,10 @@ TARVOPY_METHOD(model_setObjective) {
         ModelObject *handle = handle_of(self);
         int sense = objective_sense(given[1]);
         int degree = matrix().degree(given[0]);
-        require_polynomial("setObjective", degree, given[0]);
-        if (degree == 2)
+        require_expression("setObjective", degree, given[0]);
+        if (degree == 3)
+            set_nonlinear(handle, given[0], sense);
+        else if (degree == 2)
             set_quadratic(handle, given[0], sense);
         else
             set_linear(handle, given[0], sense);

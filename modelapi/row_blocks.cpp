@@ -83,7 +83,37 @@ void QuadRows::commit_objective(TRVmodel *store, int sense) const {
                                     qcoef_.get(), constants_[0], sense));
 }
 
+// ---- nonlinear rows
+
+NonlinearRows::NonlinearRows(PyObject *lhs, PyObject *rhs) {
+    if (matrix().nonlinear_open(lhs, rhs, &block_) < 0)
+        throw PythonError{};
+}
+
+int32_t NonlinearRows::commit(TRVmodel *store, const double *lower, int lowerstep, const double *upper, int upperstep,
+                              const TRVnames *names) const {
+    int32_t first;
+    succeed(store, TRVaddnlrows(store, block_.nrows, &block_.rows, lower, lowerstep, upper, upperstep, names, &first));
+    return first;
+}
+
+void NonlinearRows::commit_objective(TRVmodel *store, int sense) const {
+    const TRVnlrows &row = block_.rows;
+    const TRVnltape tape{row.codeptr ? row.codeptr[1] : 0, row.code, row.nconstants, row.constant};
+    succeed(store, TRVsetnlobjective(store, row.ptr ? row.ptr[1] : 0, row.var, row.coef, 0, nullptr, nullptr, nullptr,
+                                     &tape, block_.constants[0], sense));
+}
+
 // ---- bounds
+
+OneSided::OneSided(Sense sense, const double *bounds)
+    : lower(bounds), upper(bounds), lowerstep(sense != Sense::Less), upperstep(sense != Sense::Greater) {
+    static const double minus = -HUGE_VAL, plus = HUGE_VAL;
+    if (sense == Sense::Less)
+        lower = &minus;
+    if (sense == Sense::Greater)
+        upper = &plus;
+}
 
 namespace {
 
@@ -117,7 +147,9 @@ bool to_bounds(bool scalar, int64_t nrows, double *constants, Sense sense) {
 }
 
 Ref constraint_handle(ModelObject *handle, TRVmodel *store, int kind, const Shape &shape, int32_t first, bool scalar) {
-    PyTypeObject *type = kind == TRV_QCONSTR ? matrix().MQConstr : matrix().MConstr;
+    PyTypeObject *type = kind == TRV_QCONSTR    ? matrix().MQConstr
+                         : kind == TRV_NLCONSTR ? matrix().MNLConstr
+                                                : matrix().MConstr;
     PyObject *made =
         scalar ? core().scalar(handle, kind, first) : matrix().mconstr(type, handle, first, shape.ndim, shape.dims);
     if (made)

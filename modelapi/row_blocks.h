@@ -5,6 +5,7 @@
 //   int32_t first = rows.commit(...);                  ids first, first + 1, ...
 //   QuadRows quad(lhs, rhs);                           the same where a side is quadratic: written beside the store,
 //   quad.write();  quad.commit(store, ...);            which copies once
+//   NonlinearRows nonlinear(lhs, rhs);                 the same where a side is nonlinear: linear terms and tapes
 #pragma once
 
 #include "arguments.h"
@@ -70,6 +71,32 @@ class QuadRows {
     Scratch<int64_t> ptr_, qptr_;
     Scratch<int32_t> var_, var1_, var2_;
     Scratch<double> coef_, qcoef_, constants_;
+};
+
+class NonlinearRows {
+  public:
+    NonlinearRows(PyObject *lhs, PyObject *rhs);
+    NonlinearRows(const NonlinearRows &) = delete;
+    NonlinearRows &operator=(const NonlinearRows &) = delete;
+    ~NonlinearRows() { matrix().nonlinear_close(&block_); }
+    const NonlinearBlock &block() const { return block_; }
+    Shape shape() const { return Shape(block_.ndim, block_.shape); }
+
+    // constants[i] belongs to row i, and may be turned into its side in place.
+    double *constants() const { return block_.constants; }
+    int32_t commit(TRVmodel *store, const double *lower, int lowerstep, const double *upper, int upperstep,
+                   const TRVnames *names) const;
+    void commit_objective(TRVmodel *store, int sense) const;
+
+  private:
+    NonlinearBlock block_{};
+};
+
+// The sides of rows whose bounds stand in one array: where a sense has no side, one infinite number for all.
+struct OneSided {
+    const double *lower, *upper;
+    int lowerstep, upperstep;
+    OneSided(Sense sense, const double *bounds);
 };
 
 // A bound that is NaN, or "none" on the wrong side, which can never hold: TarvoError (INVALID_ARGUMENT) that names the

@@ -11,7 +11,7 @@ namespace tarvopy::modelapi {
         advice = "NumPy has evaluated the comparison already, so no variable took part in it";
     else if (PyObject_TypeCheck(object, core().LinExpr) || PyObject_TypeCheck(object, matrix().MLinExpr) ||
              PyObject_TypeCheck(object, core().QuadExpr) || PyObject_TypeCheck(object, matrix().MQuadExpr) ||
-             PyObject_TypeCheck(object, core().NLExpr))
+             PyObject_TypeCheck(object, core().NLExpr) || PyObject_TypeCheck(object, matrix().MNLExpr))
         advice = "an expression alone is no constraint: compare it with <=, >= or ==";
     else if (PyList_Check(object) || PyTuple_Check(object))
         advice = "add the comparisons one at a time, or compare arrays";
@@ -21,14 +21,13 @@ namespace tarvopy::modelapi {
     fail(PyExc_TypeError, "%s() takes a comparison, not '%.200s': %s", function, type, advice);
 }
 
-void require_polynomial(const char *function, int degree, PyObject *side) {
+void require_expression(const char *function, int degree, PyObject *side) {
     switch (degree) {
     case 0:
     case 1:
     case 2:
-        return;
     case 3:
-        fail(PyExc_NotImplementedError, "%s() does not take nonlinear expressions yet", function);
+        return;
     default:
         if (PyErr_Occurred())
             throw PythonError{};
@@ -58,7 +57,7 @@ int settle_degree(Ref &side) {
         if (degree >= 0)
             side = array;
     }
-    require_polynomial("addConstr", degree, side.get());
+    require_expression("addConstr", degree, side.get());
     return degree;
 }
 

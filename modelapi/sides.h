@@ -12,10 +12,10 @@ Sense sense_of(PyObject *text);
 
 [[noreturn]] void not_a_comparison(const char *function, PyObject *object);
 
-// Throws unless a side of this degree (MatrixApi::degree) is numeric, linear or quadratic.
-void require_polynomial(const char *function, int degree, PyObject *side);
+// Throws unless a side of this degree (MatrixApi::degree) is numeric or an expression.
+void require_expression(const char *function, int degree, PyObject *side);
 
-// The degree of a side, 0 to 2. What is no operand but says what its elements are (a list, an object with __array__)
+// The degree of a side, 0 to 3. What is no operand but says what its elements are (a list, an object with __array__)
 // becomes an array.
 int settle_degree(Ref &side);
 

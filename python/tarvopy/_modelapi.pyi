@@ -12,8 +12,8 @@ import numpy as np
 import scipy.sparse
 from numpy.typing import ArrayLike, NDArray
 
-from tarvopy._core import Constr, GenConstr, LinExpr, NLConstr, QConstr, QuadExpr, TempConstr, Var
-from tarvopy._matrixapi import MConstr, MLinExpr, MQConstr, MQuadExpr, MVar
+from tarvopy._core import Constr, GenConstr, LinExpr, NLConstr, NLExpr, QConstr, QuadExpr, TempConstr, Var
+from tarvopy._matrixapi import MConstr, MLinExpr, MNLExpr, MQConstr, MQuadExpr, MVar
 
 __version__: str
 
@@ -36,16 +36,18 @@ class ModelBase:
         name: str | ArrayLike | None = "",
     ) -> MVar: ...
     def addConstr(self, tempconstr: TempConstr, name: str | ArrayLike | None = "") -> Any:
-        """Constr or QConstr when both sides are scalar, else MConstr or MQConstr."""
+        """Constr, QConstr or NLConstr when both sides are scalar, else MConstr, MQConstr or MNLConstr."""
     def addRange(
         self,
-        expr: Var | LinExpr | MVar | MLinExpr,
+        expr: Var | LinExpr | NLExpr | MVar | MLinExpr | MNLExpr,
         lb: ArrayLike,
         ub: ArrayLike,
         name: str | ArrayLike | None = "",
     ) -> Any: ...
     def setObjective(
-        self, expr: float | Var | LinExpr | QuadExpr | MVar | MLinExpr | MQuadExpr, sense: int | None = None
+        self,
+        expr: float | Var | LinExpr | QuadExpr | NLExpr | MVar | MLinExpr | MQuadExpr | MNLExpr,
+        sense: int | None = None,
     ) -> None: ...
     def update(self) -> None: ...
     def remove(self, what: Any) -> None: ...
