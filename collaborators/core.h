@@ -180,6 +180,8 @@ struct CoreApi {
     PyObject *(*tree_node)(TreeOp op, int64_t n, PyObject *const *children);
     // count nodes of the same operation and number of children each, which stand node by node. On failure none.
     int (*tree_nodes)(TreeOp op, int64_t count, int64_t n, PyObject *const *children, PyObject **out);
+    // The operation of which a callable is the builder (_ExprTree._from_plus, ...), -1 for any other object.
+    int (*tree_builder)(PyObject *callable);
     // The value at the last solution.
     int (*tree_value)(PyObject *tree, double *value);
     PyObject *(*nlexpr_new)(PyObject *tree);
@@ -200,7 +202,7 @@ struct CoreApi {
         }
         return api;
     }
-    static constexpr int current_version = 3;
+    static constexpr int current_version = 4;
 };
 
 } // namespace tarvopy

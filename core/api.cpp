@@ -195,6 +195,10 @@ int api_tree_nodes(TreeOp op, int64_t count, int64_t n, PyObject *const *childre
     return fill(count, out, [&](int64_t i) { return checked_node(op, children + i * n, n); });
 }
 
+int api_tree_builder(PyObject *callable) {
+    return builder_operation(callable);
+}
+
 int api_tree_value(PyObject *tree, double *value) {
     return border_status([&] { *value = value_of(checked_tree(tree)); });
 }
@@ -271,6 +275,7 @@ void add_api(PyObject *module) {
            .quadexpr_terms = api_quadexpr_terms,
            .tree_node = api_tree_node,
            .tree_nodes = api_tree_nodes,
+           .tree_builder = api_tree_builder,
            .tree_value = api_tree_value,
            .nlexpr_new = api_nlexpr_new,
            .nlexprs = api_nlexprs,

@@ -266,6 +266,18 @@ Ref checked_node(TreeOp op, PyObject *const *children, Py_ssize_t n) {
     return op == TreeOp::Plus ? sum_tree(given) : node_over(op, given);
 }
 
+int builder_operation(PyObject *callable) {
+    constexpr std::string_view prefix = "_from_";
+    if (!PyCFunction_CheckExact(callable))
+        return -1;
+    for (const PyMethodDef *row = methods; row->ml_name; ++row)
+        if (row->ml_meth == PyCFunction_GET_FUNCTION(callable) && std::string_view(row->ml_name).starts_with(prefix))
+            for (int op = 0; op < tree_op_count; ++op)
+                if (std::string_view(row->ml_name).substr(prefix.size()) == infos[op].name)
+                    return op;
+    return -1;
+}
+
 void add_exprtree_type(PyObject *module) {
     state.ExprTree = make_type(module, &spec, "_ExprTree");
 }

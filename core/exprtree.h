@@ -50,6 +50,9 @@ Ref sum_tree(std::span<PyObject *const> terms);
 const ExprTreeObject *checked_tree(PyObject *object);
 Ref checked_node(TreeOp op, PyObject *const *children, Py_ssize_t n);
 
+// The operation whose builder (_ExprTree._from_plus, ...) the object is, else -1.
+int builder_operation(PyObject *callable);
+
 // ---- trees of other expressions (exprtree_convert.cpp)
 // Of a Number (finite), Var, LinExpr, QuadExpr or NLExpr. One term alone is the tree, without a sum; a coefficient of 1
 // makes no product, a constant of 0 no term.

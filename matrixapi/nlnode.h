@@ -56,6 +56,32 @@ struct NodeView {
     std::vector<int64_t> strides;
 };
 
+// One pass over the elements that a view of a shape shows, in C order.
+class Walk {
+  public:
+    Walk(const NodeView &view, const flat::Shape &shape)
+        : at_(view.offset), left_(flat::size_of(shape)), shape_(&shape), strides_(&view.strides),
+          index_(shape.size(), 0) {}
+    bool done() const { return left_ == 0; }
+    int64_t at() const { return at_; }
+    void next() {
+        --left_;
+        for (size_t d = index_.size(); d-- > 0;) {
+            at_ += (*strides_)[d];
+            if (++index_[d] < (*shape_)[d])
+                return;
+            at_ -= (*strides_)[d] * (*shape_)[d];
+            index_[d] = 0;
+        }
+    }
+
+  private:
+    int64_t at_, left_;
+    const flat::Shape *shape_;
+    const std::vector<int64_t> *strides_;
+    std::vector<int64_t> index_;
+};
+
 struct NLNode {
     enum Kind {
         // leaves
@@ -71,8 +97,11 @@ struct NLNode {
         Rows,      // element i is the sum over k in ptr[i] .. ptr[i+1] of the product of the constant coef[k] and
                    // element source[k] of operands[0]; constant first where constant_first. Of one term without sum
                    // node, of none the constant 0. A sparse matrix product.
+        Picked,    // element i is element source[i] of the operands, whole nodes whose elements are counted on from
+                   // one to the next in C order. Index arrays, and joined arrays.
     };
-    int64_t count = 1;
+    int64_t count = 1; // of references; in a node that is being freed, see free_nodes
+    NLNode *next_dead = nullptr;
     const Kind kind;
     flat::Shape shape;
     int64_t size = 1;
@@ -88,7 +117,7 @@ struct NLNode {
     std::vector<NodeView> operands;
     flat::Shape extents; // Sum
 
-    flat::Buffer<int64_t> ptr, source; // Rows
+    flat::Buffer<int64_t> ptr, source; // Rows; Picked: source alone
     flat::Buffer<double> coef;
     bool constant_first = false;
 
@@ -97,6 +126,14 @@ struct NLNode {
 
     NLNode(Kind k, flat::Shape node_shape) : kind(k), shape(std::move(node_shape)), size(flat::size_of(shape)) {}
 };
+
+// Takes over a node that nobody refers to any more: frees it, and in a loop what only it held.
+void free_nodes(NLNode *dead) noexcept;
+
+inline NodeRef::~NodeRef() {
+    if (node_ && --node_->count == 0)
+        free_nodes(node_);
+}
 
 inline NodeRef::NodeRef(const NodeRef &other) noexcept : node_(other.node_) {
     if (node_)
@@ -115,11 +152,19 @@ NodeRef trees_node(Ref trees, flat::Shape shape); // C order; see NLNode::trees
 // The whole node, its strides over its own shape; broadcast to a shape that its own broadcasts to.
 NodeView whole(const NodeRef &node);
 NodeView broadcast(NodeView view, const flat::Shape &from, const flat::Shape &to);
+// Whether the view shows the whole node, element by element in C order.
+bool is_whole(const NodeView &view, const flat::Shape &shape);
+// Positions in the node of the elements that a view of this shape shows, in C order.
+flat::Buffer<int64_t> positions(const NodeView &view, const flat::Shape &shape);
+// A node of exactly the view's elements: the node itself where the view is whole.
+NodeRef node_of(const NodeView &view, const flat::Shape &shape);
 NodeRef operation_node(TreeOp op, flat::Shape shape, NodeView operand);
 NodeRef operation_node(TreeOp op, flat::Shape shape, NodeView left, NodeView right); // strides over shape, both
 NodeRef sum_node(flat::Shape shape, flat::Shape extents, NodeView operand);          // strides over shape, then extents
 NodeRef rows_node(flat::Shape shape, flat::Buffer<int64_t> ptr, flat::Buffer<int64_t> source, flat::Buffer<double> coef,
                   NodeRef operand, bool constant_first);
+// `operands` whole, whatever their shapes; the caller sees to it that source fits.
+NodeRef picked_node(flat::Shape shape, flat::Buffer<int64_t> source, std::vector<NodeRef> operands);
 
 // ---- trees ----------------------------------------------------------------------------------------------------------
 // All trees of a node, made where they are not yet: a one-dimensional object array in C order. Works without recursion.
