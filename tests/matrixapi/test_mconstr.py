@@ -136,25 +136,115 @@ def test_the_other_kinds_of_constraint_have_handles_of_the_same_make():
     assert (MGenConstr.__doc__, MNLConstr.__doc__, MNLConstr._attrtype) == (None, None, 6)
 
 
-class Pending:
-    """A general or nonlinear constraint of which only position and model are known."""
+def test_quadratic_rows_name_their_own_class_and_count(mode, model):
+    x = model.addMVar((2, 2), name="x")
+    rows = model.addConstr(x * x <= 1.0, name="q")
+    assert type(rows) is MQConstr
+    assert (rows._typename, rows._typeenum, rows.shape) == ("MQConstr", 4, (2, 2))
+    assert repr(rows) == "<MQConstr (2, 2) *awaiting model update*>"
+    assert rows._numqconstrs() == 0
+    model.update()
+    assert repr(rows) == "<MQConstr (2, 2)>"
+    assert rows._numqconstrs() == 4
+    assert rows[1, 0] is rows._qconstrarr[1, 0]
+    assert type(rows[0]) is MQConstr
+    assert MQConstr(qconstrarr=rows._qconstrarr)._qconstrarr is rows._qconstrarr
+    np.testing.assert_array_equal(rows._idxarr(), [[0, 1], [2, 3]])
+    assert rows._idxarr().dtype == np.int32
+    rows.QRHS = [[1, 2], [3, 4]]
+    rows.prefetchAttr("QRHS")
+    np.testing.assert_array_equal(rows.getAttr(attrname="QRHS"), [[1, 2], [3, 4]])
+    assert rows.QName[0, 1] == "q[0,1]"
+    for use in (lambda: rows.getAttr("RHS"), lambda: rows.setAttr("RHS", 1)):
+        with pytest.raises(AttributeError) as error:
+            use()
+        assert str(error.value) == "'tarvopy.MQConstr' object has no attribute 'RHS'"
+    with pytest.raises(AttributeError, match=r"^Attribute 'QSense' cannot be set$"):
+        rows.QSense = "<"
+    model.remove(rows[0])
+    model.update()
+    assert repr(rows) == "<MQConstr (2, 2) (some removed)>"
+    with pytest.raises(TarvoError):
+        rows.QRHS
+
+
+class Fake:
+    """A row of which only the position and the model are known."""
 
     def __init__(self, model, index):
         self._cmodel = model._cmodel
-        self._genconstrno = self._nlconstrno = index
+        self._qconstrno = self._genconstrno = self._nlconstrno = index
+
+
+def fakes(cls, model, *indices):
+    return cls(np.array([Fake(model, index) for index in indices]))
+
+
+def test_text_reads_a_count_where_the_class_has_one(rows, model):
+    """The model holds no quadratic, general or nonlinear row."""
+    awaiting, removed = " *awaiting model update*", " (some removed)"
+    for indices, text in [([0], ""), ([1], awaiting), ([0, -2], removed), ([-1, -2], awaiting + removed)]:
+        assert repr(fakes(MQConstr, model, *indices)) == f"<MQConstr ({len(indices)},){text}>"
+    for cls in (MGenConstr, MNLConstr):
+        for indices, text in [([0, 99], ""), ([5, -1], awaiting), ([5, -3], removed), ([-1, -2], awaiting + removed)]:
+            assert repr(fakes(cls, model, *indices)) == f"<{cls.__name__} (2,){text}>"
+
+
+def test_members_and_texts_of_the_classes(model):
+    assert MQConstr.__doc__ == (
+        "Matrix quadratic constraint handle, acting as an array of QConstr objects.\n"
+        "    Usually you don't create such objects directly, but receive them as a\n"
+        "    result of Model.addConstr(MQuadExpr ...).\n    "
+    )
+    for cls in (MGenConstr, MNLConstr):
+        assert cls.__doc__ is None
+        assert not {"prefetchAttr", "_numrows", "_numqconstrs"} & set(dir(cls))
+        assert fakes(cls, model, 3)._idxarr().tolist() == [3]
+        with pytest.raises(AssertionError):
+            cls(constrarr=[])
+        with pytest.raises(AttributeError, match=f"^'tarvopy.{cls.__name__}' object has no attribute '_nothing'$"):
+            cls.fromlist([])._nothing
+        with pytest.raises(ValueError, match="size 1"):
+            fakes(cls, model, 0, 1).item()
+
+
+def test_type_number_of_nonlinear_rows_is_a_class_attribute_looked_up_at_use(model, monkeypatch):
+    class Child(MNLConstr):
+        _attrtype = 5
+
+    handle, child = fakes(MNLConstr, model, -1), fakes(Child, model, -1)
+    assert (handle._typeenum, child._typeenum) == (6, 5)
+    monkeypatch.setattr(MNLConstr, "_attrtype", 1)
+    assert handle._typeenum == 1
+    assert "LB" in dir(handle)
+    for use in (lambda: handle.getAttr("NLName"), lambda: child.getAttr("NLName")):
+        with pytest.raises(AttributeError, match=r"^'tarvopy\.NLConstr' object has no attribute 'NLName'$"):
+            use()
+    with pytest.raises(AttributeError, match=r"^'tarvopy\.MNLConstr' object has no attribute 'NLName'$"):
+        handle.setAttr("NLName", "n")
+    with pytest.raises(TarvoError, match="not yet been added"):  # past the test of the type
+        handle.getAttr("LB")
 
 
 @pytest.mark.parametrize(
-    ("cls", "attribute", "element"), [(MGenConstr, "GenName", "GenConstr"), (MNLConstr, "NLName", "NLConstr")]
+    ("cls", "name", "fixed", "element"),
+    [(MGenConstr, "GenName", "GenType", "GenConstr"), (MNLConstr, "NLName", "NLSlack", "NLConstr")],
 )
-def test_general_and_nonlinear_rows_must_be_in_the_model(model, cls, attribute, element):
+def test_general_and_nonlinear_rows_must_be_in_the_model(model, cls, name, fixed, element):
     for indices, text in [([-1, -2], "has not yet been added to the model"), ([0, -2], "was removed from the model")]:
-        handle = cls(np.array([Pending(model, index) for index in indices]))
-        for use in (lambda h=handle: h.getAttr(attribute), lambda h=handle: h.setAttr(attribute, "n")):
+        handle = fakes(cls, model, *indices)
+        for use in (lambda h=handle: h.getAttr(name), lambda h=handle: h.setAttr(name, "n")):
             with pytest.raises(TarvoError) as error:
                 use()
             assert (error.value.code, str(error.value)) == (TRV.Error.NOT_IN_MODEL, f"{element} {text}")
-        with pytest.raises(AttributeError, match=f"'tarvopy.{element}' object has no attribute 'RHS'"):
+        with pytest.raises(AttributeError, match=f"^'tarvopy.{element}' object has no attribute 'RHS'$"):
             handle.getAttr("RHS")
-        with pytest.raises(AttributeError, match=f"'tarvopy.{cls.__name__}' object has no attribute 'RHS'"):
+        with pytest.raises(AttributeError, match=f"^'tarvopy.{cls.__name__}' object has no attribute 'RHS'$"):
             handle.setAttr("RHS", 1)
+        with pytest.raises(AttributeError, match=f"^Attribute '{fixed}' cannot be set$"):
+            handle.setAttr(fixed, 1.0)
+        with pytest.raises(AttributeError, match="^Shape mismatch$"):
+            handle.setAttr(name, np.array(["a", "b", "c"]))
+    empty = cls.fromlist([[], []])
+    assert empty._cmodel is None
+    assert empty.getAttr("whatever").shape == (2, 0)
