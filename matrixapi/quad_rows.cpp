@@ -20,11 +20,6 @@ using namespace pysupport;
 
 namespace {
 
-struct QuadSide {
-    Side linear; // carries shape and model of the whole side
-    flat::QuadForm quad;
-};
-
 void take_model(Side &side, const Ref &model) {
     if (!merge_models(side.model, model))
         fail_models();
@@ -107,7 +102,9 @@ bool holds_quadexpr(PyObject *array) {
                        [](PyObject *element) { return element && is_quadexpr(element); });
 }
 
-QuadSide side_of(PyObject *object) {
+} // namespace
+
+QuadSide quadratic_side(PyObject *object) {
     switch (kind_of(object)) {
     case Operand::QuadExpr:
         return scalar_side(object);
@@ -127,6 +124,8 @@ QuadSide side_of(PyObject *object) {
 }
 
 // ---- both sides ---------------------------------------------------------------------------------------------------
+
+namespace {
 
 struct Block {
     flat::Form linear;
@@ -153,11 +152,11 @@ void refuse_nan(const flat::Constant &constant) {
 
 // lhs - rhs.
 std::unique_ptr<Block> difference(PyObject *lhs, PyObject *rhs, bool *scalar) {
-    QuadSide left = side_of(lhs);
+    QuadSide left = quadratic_side(lhs);
     common_shape(left.linear.form.shape, {});
     *scalar = left.linear.scalar;
     if (rhs) {
-        QuadSide right = side_of(rhs);
+        QuadSide right = quadratic_side(rhs);
         *scalar = *scalar && right.linear.scalar;
         subtract(left, right);
     }

@@ -1,7 +1,7 @@
 // One side of a constraint in numbers, and what both sides must agree on.
 #pragma once
 
-#include "matrixapi/flat.h"
+#include "matrixapi/flat_quad.h"
 #include "pysupport/error.h"
 
 namespace tarvopy {
@@ -17,6 +17,13 @@ struct Side {
 
 // Of a number, an array, a variable or a linear expression; TypeError for anything else.
 Side linear_side(PyObject *object);
+
+struct QuadSide {
+    Side linear; // carries shape and model of the whole side
+    flat::QuadForm quad;
+};
+// The same, or a quadratic expression (quad_rows.cpp). The numbers stand in the form.
+QuadSide quadratic_side(PyObject *object);
 // The numbers as constants of the form, for who will spread or add them.
 void take_numbers(Side &side);
 // An element of an object array as a LinExpr; infinite numbers are bounds here.

@@ -1,0 +1,64 @@
+// Writes elements of array nodes into tapes, without making their trees.
+//
+//   NodeTapes nodes(program, tapes);
+//   nodes.add(root, i, false);             adds element i of a step to the row, as TreeTapes::add does with its tree
+//
+// Rows that come of nodes are those that come of the nodes' trees, entry by entry, but where a part that stands for a
+// single constant or variable does so in a roundabout way (the sum of one element).
+#pragma once
+
+#include "matrixapi/nl_program.h"
+#include "matrixapi/nl_tapes.h"
+
+namespace tarvopy {
+
+class NodeTapes {
+  public:
+    NodeTapes(const Program &program, Tapes &out) : program_(program), out_(out), trees_(out) {}
+    void add(int32_t step, int64_t element, bool negative);
+
+  private:
+    // One element of a step, and how far it is written: operands, summands, or halves of a row's terms.
+    struct Frame {
+        const Step *step;
+        int64_t element, next;
+        bool negative; // of `add` alone
+    };
+    const Step &step(int32_t place) const { return program_.steps[static_cast<size_t>(place)]; }
+
+    void enter_sum(const Step &step, int64_t element, bool negative);
+    bool next_summand(Frame &frame);
+    void add_leaf(const Step &step, int64_t element, bool negative);
+    void add_linear(const flat::Form &form, int64_t element, bool negative);
+    void add_quadratic(const flat::QuadForm &form, int64_t element, bool negative);
+    void add_product(const Step &step, int64_t element, bool negative);
+    void add_row_term(const Step &step, int64_t k, bool negative);
+
+    void put(const Step &step, int64_t element);
+    void enter(const Step &step, int64_t element);
+    bool next_operand(Frame &frame);
+    bool next_of_operation(Frame &frame);
+    bool next_of_sum(Frame &frame);
+    bool next_of_row(Frame &frame);
+    void put_pair(int32_t first, int32_t second);
+    // A factor of 1 makes no product.
+    template <class Put> void put_scaled(double coefficient, Put put_rest) {
+        if (coefficient != 1.0)
+            out_.number(coefficient);
+        put_rest();
+        if (coefficient != 1.0)
+            out_.operation(TreeOp::Multiply);
+    }
+    int64_t put_linear(const flat::Form &form, int64_t element);
+    int64_t put_quadratic(const flat::QuadForm &form, int64_t element);
+
+    bool constant_at(const Step &step, int64_t element, double &value) const;
+    bool variable_at(const Step &step, int64_t element, int32_t &id) const;
+
+    const Program &program_;
+    Tapes &out_;
+    TreeTapes trees_;
+    std::vector<Frame> sums_, open_;
+};
+
+} // namespace tarvopy

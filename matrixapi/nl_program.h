@@ -1,0 +1,85 @@
+// Array nodes laid out for passes over their elements: every node once, operands before what uses them.
+//
+//   Program program;
+//   int32_t root = program.add(*node);           nlfunc.sin(t[1:]) * 2.0     0 Variables   1 Sin(0)   2 Numbers
+//                                                                            3 Multiply(1, 2)
+//   program.steps[root].operands[0].place(i)     which element of step 1 element i of the root takes
+//
+// A step points into what its node holds: the nodes must stay.
+#pragma once
+
+#include "matrixapi/nlnode.h"
+
+#include <unordered_map>
+
+namespace tarvopy {
+
+// Where the elements of one array, counted in C order of its shape, stand in another: offset + sum of index * stride.
+// Axes that a single stride can walk through are one, so that nothing is divided in the common cases.
+class ElementMap {
+  public:
+    ElementMap() = default;
+    ElementMap(const flat::Shape &shape, const int64_t *strides, int64_t offset);
+    // Of an array of shape `from` in C order, broadcast.
+    static ElementMap broadcast(const flat::Shape &from, const flat::Shape &to);
+    int64_t operator()(int64_t i) const { return axes_.empty() ? offset_ + i * stride_ : divided(i); }
+    bool is_identity() const { return axes_.empty() && offset_ == 0 && stride_ == 1; }
+
+  private:
+    struct Axis {
+        int64_t extent, stride;
+    };
+    int64_t divided(int64_t i) const;
+
+    int64_t offset_ = 0, stride_ = 1; // stride of the first axis
+    std::vector<Axis> axes_;          // the others, last one first
+};
+
+struct Step {
+    struct Operand {
+        int32_t step = -1;
+        ElementMap place; // Sum: of element i * extent + j, the j-th summand of element i
+    };
+    NLNode::Kind kind;
+    TreeOp op = TreeOp::Plus;
+    int64_t size = 1;
+
+    double number = 0.0;
+    const double *numbers = nullptr;
+    const int32_t *ids = nullptr;
+    const flat::Form *linear = nullptr;
+    const flat::QuadForm *quadratic = nullptr;
+    PyObject *const *trees = nullptr; // NULL among them: no summand; only where there is nothing above
+    ModelObject *model = nullptr;
+
+    int operand_count = 0;
+    Operand operands[2];
+    int64_t extent = 1; // Sum: how many summands
+
+    const int64_t *ptr = nullptr, *source = nullptr;
+    const double *coef = nullptr;
+    bool constant_first = false;
+};
+
+class Program {
+  public:
+    std::vector<Step> steps;
+    // The step of a node, which is added with all that it is made of where it is not there yet.
+    int32_t add(const NLNode &node);
+    // Leaves without a node.
+    int32_t add_linear(const flat::Form &form, ModelObject *model);
+    int32_t add_quadratic(const flat::Form &linear, const flat::QuadForm &quadratic, ModelObject *model);
+    int32_t add_trees(PyObject *const *trees, int64_t size);
+
+  private:
+    int32_t append(Step step) {
+        steps.push_back(std::move(step));
+        return static_cast<int32_t>(steps.size()) - 1;
+    }
+    Step step_of(const NLNode &node) const;
+    Step::Operand operand_of(const NLNode &node, const NodeView &view) const;
+
+    std::unordered_map<const NLNode *, int32_t> places_;
+};
+
+} // namespace tarvopy
