@@ -104,6 +104,14 @@ struct TempConstrObject {
     PyObject *rhs;
 };
 
+// A general function of its arguments (genfunc.max(x, 3.0)): immutable. args holds what was given, in the function's
+// own order; axis is None, or a tuple of ints, the axes of the one array argument over which the function goes.
+struct GenExprObject {
+    PyObject_HEAD int type; // TRV_GEN_MAX, ...; AND is `all`, OR is `any`
+    PyObject *args;
+    PyObject *axis;
+};
+
 // The table that a sibling exports as its attribute `_C_API`; imports the sibling (PyCapsule_Import alone does not
 // import submodules).
 inline void *import_table(const char *module_name, const char *capsule_name) {

@@ -46,12 +46,13 @@ void execute(PyObject *module) {
     add_tempconstr_type(module);
     add_exprtree_type(module);
     add_nlexpr_type(module);
-    add_later_types(module);
+    add_genexpr_type(module);
     add_nlfunctions(module);
     add_array_priority(state.Var);
     add_array_priority(state.LinExpr);
     add_array_priority(state.QuadExpr);
     add_array_priority(state.NLExpr);
+    add_array_priority(state.GenExpr);
     add_api(module);
     initialised = true;
 }

@@ -174,8 +174,14 @@ Ref unequal(PyObject *a, PyObject *b) {
     fail_code(-1, "Inequality constraints not supported");
 }
 
+// What else a GenExpr is compared with, it refuses itself, with advice.
+bool is_equation_side(PyObject *object) {
+    return is_genexpr(object) && reinterpret_cast<GenExprObject *>(object)->type != TRV_GEN_INDICATOR;
+}
+
 Ref compare(PyObject *a, PyObject *b, int comparison) {
-    if (classify(b).kind == OperandKind::Foreign && Py_TYPE(b) != state.GenExpr) // y == genfunc.max(...)
+    bool equation = comparison == Py_EQ && is_equation_side(b); // y == genfunc.max(...)
+    if (classify(b).kind == OperandKind::Foreign && !equation)
         return not_implemented();
     if (comparison == Py_NE)
         return unequal(a, b);

@@ -46,6 +46,9 @@ inline bool is_quadexpr(PyObject *object) {
 inline bool is_nlexpr(PyObject *object) {
     return Py_TYPE(object) == state.NLExpr;
 }
+inline bool is_genexpr(PyObject *object) {
+    return Py_TYPE(object) == state.GenExpr;
+}
 inline bool is_tree(PyObject *object) {
     return Py_TYPE(object) == state.ExprTree;
 }
@@ -84,7 +87,7 @@ void add_tempconstr_type(PyObject *module);
 void add_exprtree_type(PyObject *module);
 void add_nlexpr_type(PyObject *module);
 void add_nlfunctions(PyObject *module);
-void add_later_types(PyObject *module);
+void add_genexpr_type(PyObject *module);
 void add_api(PyObject *module);
 
 Ref new_tempconstr(PyObject *lhs, PyObject *sense, PyObject *rhs);

@@ -11,6 +11,7 @@ MODULES = sorted(path.stem for path in PACKAGE.glob("*.pyi"))
 # Attributes that a handle looks up in the model store, not in its class.
 STORED = {"LB", "UB", "Obj", "VType", "VarName", "Start", "X", "RC"}
 STORED |= {"RHS", "Sense", "Lower", "Upper", "ConstrName", "Pi", "Slack"}
+STORED |= {"GenName", "GenType"}
 STORED |= {"QRHS", "QSense", "QName", "QPi", "QSlack"}
 
 
@@ -50,6 +51,7 @@ def test_stub_names_what_the_module_has(name):
 def test_stub_names_the_members_of_each_class(name):
     module = importlib.import_module(f"tarvopy.{name}")
     finished = {"Var", "LinExpr", "QuadExpr", "NLExpr", "_ExprTree", "Constr", "QConstr", "TempConstr"}
+    finished |= {"GenConstr", "GenExpr"}
     finished |= {"MVar", "MLinExpr", "MQuadExpr", "MConstr", "MQConstr"}
     for kind, names in classes(ast.parse((PACKAGE / f"{name}.pyi").read_text())).items():
         if kind in finished:

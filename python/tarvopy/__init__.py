@@ -39,7 +39,7 @@ _HOMES = {
 
 _HOMES["quicksum"] = _HOMES.pop("_quicksum")  # native, and public under this name only
 
-_MODULES = ("nlfunc",)
+_MODULES = ("nlfunc", "genfunc")
 
 __all__ = ["inf", *_HOMES, *_MODULES]
 

@@ -3,6 +3,7 @@
 from collections.abc import Iterable
 from typing import Any
 
+from tarvopy import genfunc as genfunc
 from tarvopy import nlfunc as nlfunc
 from tarvopy._core import Constr as Constr
 from tarvopy._core import GenConstr as GenConstr

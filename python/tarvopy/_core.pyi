@@ -309,8 +309,38 @@ class QConstr(_Handle):
     @property
     def QSlack(self) -> float: ...
 
-class GenConstr: ...
-class GenExpr: ...
+class GenConstr(_Handle):
+    """One general constraint of a model: its kind is GenType, one of TRV.GEN_MAX, TRV.GEN_MIN, ..."""
+
+    @property
+    def _genconstrno(self) -> int: ...
+
+    GenName: _Text
+    @property
+    def GenType(self) -> int: ...
+
+class GenExpr:
+    """A general function of variables, immutable; the functions of `tarvopy.genfunc` make it.
+
+    It stands on one side of an equation (`y == genfunc.max(x, 3.0)`), or, as an indicator, goes to `Model.addConstr` as
+    it is. TypeError for every other operator and comparison.
+    """
+
+    def __init__(self, name: str, args: Iterable[Any], axis: tuple[int, ...] | None = None) -> None: ...
+    @property
+    def name(self) -> str:
+        """The function's name in tarvopy.genfunc."""
+
+    @property
+    def args(self) -> tuple[Any, ...]:
+        """The arguments as they were when the function was called."""
+
+    @property
+    def axis(self) -> tuple[int, ...] | None:
+        """The axes of the one array argument over which the function goes; None where it goes over the arguments."""
+
+    def __eq__(self, other: object) -> TempConstr: ...  # type: ignore[override]
+
 class NLConstr: ...
 
 class NLExpr(_Comparisons):

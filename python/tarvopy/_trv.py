@@ -18,7 +18,7 @@ class _Error:
 
 
 class TRV:
-    """Senses, statuses and error codes."""
+    """Senses, kinds of general constraints, statuses and error codes."""
 
     MINIMIZE = 1
     MAXIMIZE = -1
@@ -33,6 +33,17 @@ class TRV:
     BINARY = "B"
     INTEGER = "I"
     SEMICONT = "S"
+
+    GEN_MAX = 0
+    """Kinds of general constraints, the values of `GenType`."""
+    GEN_MIN = 1
+    GEN_ABS = 2
+    GEN_AND = 3
+    GEN_OR = 4
+    GEN_PWL = 5
+    GEN_INDICATOR = 6
+    GEN_SOS1 = 7
+    GEN_SOS2 = 8
 
     NOT_SOLVED = 0
     OPTIMAL = 1

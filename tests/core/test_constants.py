@@ -14,6 +14,8 @@ def test_codes_and_statuses_agree_with_the_store():
     assert errors == {name: n for name, n in vars(TRV.Error).items() if name.isupper()}
     assert errors == {name: getattr(TRV, f"ERROR_{name}") for name in errors}
     statuses = {n for name, n in numbers.items() if name in ("NOT_SOLVED", "OPTIMAL", "IMPRECISE", "FAILED")}
+    kinds = {name: n for name, n in numbers.items() if name.startswith("GEN_") and name != "GEN_TYPES"}
+    assert kinds == {name: n for name, n in vars(TRV).items() if name.startswith("GEN_")}
     assert statuses == {TRV.NOT_SOLVED, TRV.OPTIMAL, TRV.IMPRECISE, TRV.FAILED}
     named = (
         "INFEASIBLE UNBOUNDED INFEASIBLE_OR_UNBOUNDED TIME_LIMIT ITERATION_LIMIT NODE_LIMIT SOLUTION_LIMIT INTERRUPTED"
