@@ -188,8 +188,6 @@ struct CoreApi {
     PyObject *(*tree_node)(TreeOp op, int64_t n, PyObject *const *children);
     // count nodes of the same operation and number of children each, which stand node by node. On failure none.
     int (*tree_nodes)(TreeOp op, int64_t count, int64_t n, PyObject *const *children, PyObject **out);
-    // The operation of which a callable is the builder (_ExprTree._from_plus, ...), -1 for any other object.
-    int (*tree_builder)(PyObject *callable);
     // The value at the last solution.
     int (*tree_value)(PyObject *tree, double *value);
     PyObject *(*nlexpr_new)(PyObject *tree);
@@ -198,6 +196,8 @@ struct CoreApi {
 
     // ---- others
     PyObject *(*tempconstr)(PyObject *lhs, PyObject *sense, PyObject *rhs);
+    // The operation of which a callable is the builder (_ExprTree._from_plus, ...), -1 for any other object.
+    int (*tree_builder)(PyObject *callable);
 
     static const CoreApi *load() {
         auto *api = static_cast<const CoreApi *>(import_table("tarvopy._core", "tarvopy._core._C_API"));

@@ -275,12 +275,12 @@ void add_api(PyObject *module) {
            .quadexpr_terms = api_quadexpr_terms,
            .tree_node = api_tree_node,
            .tree_nodes = api_tree_nodes,
-           .tree_builder = api_tree_builder,
            .tree_value = api_tree_value,
            .nlexpr_new = api_nlexpr_new,
            .nlexprs = api_nlexprs,
            .nlexpr_set_root = api_nlexpr_set_root,
-           .tempconstr = api_tempconstr};
+           .tempconstr = api_tempconstr,
+           .tree_builder = api_tree_builder};
     Ref capsule = check(PyCapsule_New(&api, "tarvopy._core._C_API", nullptr));
     check_status(PyModule_AddObjectRef(module, "_C_API", capsule.get()));
 }
