@@ -243,16 +243,17 @@ TRV_API int TRVsetnlobjective(TRVmodel *model, int64_t n, const int32_t *var, co
  * and constraint g has the arguments argptr[g] .. argptr[g+1] and the numbers data[dataptr[g] .. dataptr[g+1]].
  *   MAX, MIN     first argument = the largest, smallest of the others (one at least)
  *   ABS          first argument = |second|
- *   AND, OR      first argument = whether all, any of the others are 1; at a solve each must be a binary variable, or
- *                the number 0 or 1
+ *   AND, OR      first argument = whether all, any of the others are 1; each is one variable with coefficient 1, which
+ *                must be binary at a solve, or the number 0 or 1
  *   PWL          first argument = the piecewise-linear function of the second through the points (x, y), data being all
  *                x, then all y: at least two points, x not decreasing. Beyond the ends the outer pieces go on. At a
  *                jump (two points of one x, at most two, and not at the ends) every value between the two is taken.
  *   INDICATOR    the first argument, one variable with coefficient 1 and at a solve binary, being data[0] (0 or 1)
  *                implies data[1] <= second argument <= data[2]
- *   SOS1, SOS2   the arguments, each one variable with coefficient 1, of which at most one may be nonzero, or two that
- *                are neighbours in the order of data, their weights: one each, all different
- * Terms of an argument are tidied as those of linear rows are. argptr starts at 0; dataptr NULL: no numbers. */
+ *   SOS1, SOS2   the arguments, each one variable with coefficient 1 and none twice, of which at most one may be
+ *                nonzero, or two that are neighbours in the order of data, their weights: one each, all different
+ * Terms of an argument are tidied as those of linear rows are. argptr, ptr and dataptr start at 0; ptr NULL: arguments
+ * that are numbers, dataptr NULL: no numbers. Everything is copied. */
 enum {
     TRV_GEN_MAX = 0,
     TRV_GEN_MIN = 1,
@@ -355,7 +356,7 @@ TRV_API int TRVgetqobjective(TRVmodel *model, int64_t *nq, const int32_t **var1,
 TRV_API int TRVgetnlrow(TRVmodel *model, int32_t nlrow, TRVnlrows *row);
 /* The objective's tape, empty where there is none. */
 TRV_API int TRVgetnlobjective(TRVmodel *model, TRVnltape *tape);
-/* A general constraint (ngens is 1; argptr and dataptr point to its two bounds, ptr to the bounds of its arguments).
+/* A general constraint (ngens is 1; argptr and dataptr point to its two bounds, the other arrays are those of all).
  * Pointers into the store, valid until the next change. Pending ones too. */
 TRV_API int TRVgetgen(TRVmodel *model, int32_t gen, int *type, TRVgens *view);
 /* One coefficient for each pair; a missing one reads 0. */

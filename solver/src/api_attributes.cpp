@@ -73,7 +73,10 @@ int TRVsetdbls(TRVmodel *model, const char *name, int64_t n, const int32_t *ids,
 int TRVgetints(TRVmodel *model, const char *name, int64_t n, const int32_t *ids, int32_t first, int32_t *out) {
     return border(model, [&] {
         const Attr attr = requireattribute(name, TRV_INT, true, Access::kRead);
-        eachslot(model->registry(infoof(attr).kind), name, select(name, n, ids, first, out), [](int64_t, int32_t) {});
+        const Selection which = select(name, n, ids, first, out);
+        if (attr != Attr::GenType) // of elements it is the only one
+            failf(TRV_ERROR_ATTRIBUTE_KIND, "%s cannot be read", name);
+        gather(model->gens.ids, name, which, model->gens.type, out);
     });
 }
 

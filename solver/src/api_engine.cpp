@@ -54,6 +54,7 @@ int TRVgetdata(TRVmodel *model, TRVdata *data) {
         d.start = model->solution.start(columns);
         readquadratic(*model, d);
         readnonlinear(*model, d);
+        d.ngens = model->gens.ids.committed();
         *data = d;
         blocks::trim(); // the engine's own copy comes next, and wants the memory
     });

@@ -16,7 +16,7 @@ int intof(TRVmodel &model, Attr attr) {
     case Attr::NumQConstrs:
         return model.qrows.ids.committed();
     case Attr::NumGenConstrs:
-        return model.genconstrs.committed();
+        return model.gens.ids.committed();
     case Attr::NumNLConstrs:
         return model.nlrows.ids.committed();
     case Attr::Status:

@@ -24,7 +24,7 @@ int TRVaddnlrows(TRVmodel *model, int64_t nrows, const TRVnlrows *rows, const do
         requirepointer("lower sides", lower, nrows);
         requirepointer("upper sides", upper, nrows);
         const int32_t first =
-            model->nlrows.add(model->columns, model->tapeuses, nrows, *rows, lower, lowerstep, upper, upperstep, names);
+            model->nlrows.add(model->columns, model->uses, nrows, *rows, lower, lowerstep, upper, upperstep, names);
         if (firstid)
             *firstid = first;
     });

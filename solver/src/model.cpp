@@ -17,7 +17,7 @@ Registry &TRVmodel::registry(int kind) {
     case TRV_QCONSTR:
         return qrows.ids;
     case TRV_GENCONSTR:
-        return genconstrs;
+        return gens.ids;
     case TRV_NLCONSTR:
         return nlrows.ids;
     }
@@ -37,34 +37,37 @@ Names &TRVmodel::names(int kind) {
     case TRV_QCONSTR:
         return qrows.names;
     case TRV_GENCONSTR:
-        return gennames;
+        return gens.names;
     case TRV_NLCONSTR:
         return nlrows.names;
     }
     failf(TRV_ERROR_INVALID_ARGUMENT, "%d is not a kind of element", kind);
 }
 
-// A tape has no term that could go with its variable.
-void TRVmodel::requirenotape(int64_t n, const int32_t *variables) {
+// A tape has no term that could go with its variable, and a general constraint without it would be another one.
+void TRVmodel::requireunused(int64_t n, const int32_t *variables) {
     for (int64_t i = 0; i < n; i++) {
         const int32_t id = variables[i];
-        if (id < 0 || !tapeuses.any(id))
+        if (id < 0 || !uses.any(id))
             continue;
-        std::string what = "remove: the variable ", where;
+        std::string what = "remove: the variable ";
         columns.names.append(id, what);
-        const int32_t slot = nlrows.rowwith(id);
-        if (slot < 0)
+        const int32_t nlrow = nlrows.rowwith(id), gen = nlrow < 0 ? gens.genwith(id) : -1;
+        if (nlrow < 0 && gen < 0)
             fail(TRV_ERROR_INVALID_ARGUMENT, what + " stands in the nonlinear objective; replace that first");
-        nlrows.names.append(nlrows.ids.idat(slot), where);
-        fail(TRV_ERROR_INVALID_ARGUMENT, what + " stands in the nonlinear constraint " + where + "; remove that first");
+        what += nlrow >= 0 ? " stands in the nonlinear constraint " : " stands in the general constraint ";
+        nlrow >= 0 ? nlrows.names.append(nlrows.ids.idat(nlrow), what) : gens.names.append(gens.ids.idat(gen), what);
+        fail(TRV_ERROR_INVALID_ARGUMENT, what + "; remove that first");
     }
 }
 
 void TRVmodel::remove(int kind, int64_t n, const int32_t *ids) {
     if (kind == TRV_NLCONSTR)
-        return nlrows.remove(tapeuses, n, ids);
+        return nlrows.remove(uses, n, ids);
+    if (kind == TRV_GENCONSTR)
+        return gens.remove(uses, n, ids);
     if (kind == TRV_VAR)
-        requirenotape(n, ids);
+        requireunused(n, ids);
     registry(kind).remove(n, ids);
     if (kind != TRV_VAR || n == 0)
         return;
@@ -83,7 +86,8 @@ void TRVmodel::purge() {
 
 void TRVmodel::update() {
     rows.prepareupdate(columns);
-    const bool structure = columns.ids.changes() || rows.ids.changes() || qrows.ids.changes() || nlrows.ids.changes();
+    const bool structure = columns.ids.changes() || rows.ids.changes() || qrows.ids.changes() || nlrows.ids.changes() ||
+                           gens.ids.changes();
     if (structure) {
         changes.loadanew();
         changed = true;
@@ -95,6 +99,7 @@ void TRVmodel::update() {
     rows.update(columns);
     qrows.update(columns);
     nlrows.update(columns);
+    gens.update();
     qobjective.update(columns);
     columns.update();
 }
@@ -188,9 +193,9 @@ void TRVmodel::sumcosts(int64_t n, const int32_t *var, const double *coef) {
 void TRVmodel::replacetape(NlObjective &&nonlinear) noexcept {
     if (nonlinear.equals(nlobjective))
         return;
-    tapeuses.add(nlobjective.tape(), -1);
+    uses.add(nlobjective.tape().n, nlobjective.tape().code, -1);
     nlobjective = std::move(nonlinear);
-    tapeuses.add(nlobjective.tape(), 1);
+    uses.add(nlobjective.tape().n, nlobjective.tape().code, 1);
     changed = true;
     changes.loadanew();
 }
@@ -208,7 +213,7 @@ void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, Q
         ascending &= k == 0 || var[k] > var[k - 1];
     }
     if (nonlinear.tape().n)
-        tapeuses.reserve(columns.ids);
+        uses.reserve(columns.ids);
     ascending ? writecosts(n, var, coef) : sumcosts(n, var, coef);
     setobjconstant(constant);
     if (qobjective.replace(std::move(quadratic))) {

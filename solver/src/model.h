@@ -3,6 +3,7 @@
 
 #include "changes.h"
 #include "columns.h"
+#include "gens.h"
 #include "nlrows.h"
 #include "pins.h"
 #include "qrows.h"
@@ -21,9 +22,8 @@ struct TRVmodel {
     store::QObjective qobjective;
     store::NlRows nlrows;
     store::NlObjective nlobjective;
-    store::TapeUses tapeuses; // of both
-    store::Registry genconstrs{TRV_GENCONSTR};
-    store::Names gennames{'G'};
+    store::Gens gens;
+    store::Uses uses; // in tapes and general constraints
     double objconstant = 0.0;
     int sense = TRV_MINIMIZE;
     store::Changes changes;
@@ -60,7 +60,7 @@ struct TRVmodel {
     void setsense(int value);
 
   private:
-    void requirenotape(int64_t n, const int32_t *variables);
+    void requireunused(int64_t n, const int32_t *variables);
     void replacetape(store::NlObjective &&nonlinear) noexcept;
     void writecosts(int64_t n, const int32_t *var, const double *coef);
     void sumcosts(int64_t n, const int32_t *var, const double *coef);

@@ -199,4 +199,12 @@ int32_t Names::find(const Registry &registry, std::string_view name) {
     return -1;
 }
 
+std::string nameinblock(char letter, int32_t first, int64_t n, int64_t i, const TRVnames *names) {
+    Names block(letter);
+    block.add(first, n, names);
+    std::string name;
+    block.append(static_cast<int32_t>(first + i), name);
+    return name;
+}
+
 } // namespace store

@@ -59,4 +59,7 @@ class Names {
     int32_t indexed_ = 0; // ids below are in it
 };
 
+// The name that element i of a block would have: blocks are refused before their names are kept.
+std::string nameinblock(char letter, int32_t first, int64_t n, int64_t i, const TRVnames *names);
+
 } // namespace store

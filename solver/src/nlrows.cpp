@@ -11,15 +11,6 @@ namespace store {
 
 namespace {
 
-// The name that a row of a block would have: the block is refused before its names are kept.
-std::string nameinblock(int32_t first, int64_t nrows, int64_t row, const TRVnames *names) {
-    Names block('N');
-    block.add(first, nrows, names);
-    std::string name;
-    block.append(static_cast<int32_t>(first + row), name);
-    return name;
-}
-
 double checkedside(double value, bool islower, int64_t id) {
     const bool wrong = islower ? value >= TRV_INFINITY : value <= -TRV_INFINITY;
     if (std::isnan(value) || wrong)
@@ -67,7 +58,7 @@ void NlRows::roomtapes(const Columns &columns, const TRVnlrows &rows, const Buff
                                          rows.nconstants - taken, rows.constant + taken, why);
         if (more < 0)
             fail(TRV_ERROR_INVALID_ARGUMENT,
-                 "nonlinear constraint " + nameinblock(ids.count(), nrows, i, newnames) + ": " + why);
+                 "nonlinear constraint " + nameinblock('N', ids.count(), nrows, i, newnames) + ": " + why);
         taken += more;
         constantblock[i + 1] = taken;
     }
@@ -79,9 +70,8 @@ void NlRows::roomtapes(const Columns &columns, const TRVnlrows &rows, const Buff
 }
 
 // All is written behind what is there, and seen only when the last step that can fail has not.
-int32_t NlRows::add(const Columns &columns, TapeUses &uses, int64_t nrows, const TRVnlrows &rows,
-                    const double *newlower, int lowerstep, const double *newupper, int upperstep,
-                    const TRVnames *newnames) {
+int32_t NlRows::add(const Columns &columns, Uses &uses, int64_t nrows, const TRVnlrows &rows, const double *newlower,
+                    int lowerstep, const double *newupper, int upperstep, const TRVnames *newnames) {
     ids.reserve(nrows);
     for (Buffer<int64_t> *pointers : {&ptr_, &codeptr_, &constantptr_}) {
         pointers->pad(1, 0);
@@ -103,7 +93,7 @@ int32_t NlRows::add(const Columns &columns, TapeUses &uses, int64_t nrows, const
     coef_.grow(block[nrows]);
     code_.grow(codeblock[nrows]);
     constant_.grow(constantblock[nrows]);
-    uses.add({codeblock[nrows], code_.end() - codeblock[nrows], nullptr}, 1);
+    uses.add(codeblock[nrows], code_.end() - codeblock[nrows], 1);
     return ids.add(nrows);
 }
 
@@ -128,7 +118,7 @@ int32_t NlRows::rowwith(int32_t variable) const {
 
 // ---- removal and update
 
-void NlRows::remove(TapeUses &uses, int64_t n, const int32_t *removed) {
+void NlRows::remove(Uses &uses, int64_t n, const int32_t *removed) {
     Buffer<int32_t> leaving;
     leaving.reserve(n);
     for (int64_t i = 0; i < n; i++) {
@@ -138,9 +128,12 @@ void NlRows::remove(TapeUses &uses, int64_t n, const int32_t *removed) {
     }
     ids.remove(n, removed);
     std::sort(leaving.data(), leaving.end());
-    for (size_t k = 0; k < leaving.size(); k++)
-        if (k == 0 || leaving[k] != leaving[k - 1])
-            uses.add(tape(leaving[k]), -1);
+    for (size_t k = 0; k < leaving.size(); k++) {
+        if (k && leaving[k] == leaving[k - 1])
+            continue;
+        const Tape gone = tape(leaving[k]);
+        uses.add(gone.n, gone.code, -1);
+    }
 }
 
 // Takes out linear terms over variables that are gone, and with wholerows those of rows that are.

@@ -1,6 +1,5 @@
 // nlrows.h: NlRows, the nonlinear rows: sides by slot, linear terms in one piece of CSR form over ids, and one tape
-// each, all tapes in one piece (see tape.h). NlObjective, the tape of the objective. TapeUses, which variables stand in
-// tapes.
+// each, all tapes in one piece (see tape.h). NlObjective, the tape of the objective.
 //
 //   lower <= coef[k] * var[k], k in ptr[i] .. ptr[i+1]  +  tape of code[k], k in codeptr[i] .. codeptr[i+1] <= upper
 #pragma once
@@ -11,24 +10,9 @@
 #include "rows.h"
 #include "tape.h"
 #include "tarvo.h"
+#include "uses.h"
 
 namespace store {
-
-// How often each variable stands in tapes, 8 bytes a variable from the first tape on: a removal asks about one
-// variable, and must not search all tapes for it.
-class TapeUses {
-  public:
-    void reserve(const Registry &variables) { count_.pad(variables.count(), 0); }
-    void add(const Tape &tape, int64_t by) noexcept {
-        for (int64_t k = 0; k < tape.n; k++)
-            if (tape.code[k] >= 0)
-                count_[tape.code[k]] += by;
-    }
-    bool any(int32_t id) const { return static_cast<size_t>(id) < count_.size() && count_[id] > 0; }
-
-  private:
-    Buffer<int64_t> count_; // by id
-};
 
 struct NlRow {
     int64_t n;
@@ -43,10 +27,10 @@ class NlRows {
     Names names{'N'};
     Buffer<double> lower, upper; // +-INFINITY for none
 
-    int32_t add(const Columns &columns, TapeUses &uses, int64_t nrows, const TRVnlrows &rows, const double *newlower,
+    int32_t add(const Columns &columns, Uses &uses, int64_t nrows, const TRVnlrows &rows, const double *newlower,
                 int lowerstep, const double *newupper, int upperstep, const TRVnames *newnames);
     // Their variables are free to go at once.
-    void remove(TapeUses &uses, int64_t n, const int32_t *removed);
+    void remove(Uses &uses, int64_t n, const int32_t *removed);
 
     NlRow row(int32_t slot) const {
         const int64_t from = ptr_[slot];

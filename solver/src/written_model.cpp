@@ -61,6 +61,10 @@ void WrittenModel::refuse_nonlinear() const {
         throw FileError{TRV_ERROR_UNSUPPORTED,
                         "the model has a nonlinear objective, which MPS and LP files cannot say"};
     }
+    if (data.ngens > 0) {
+        throw FileError{TRV_ERROR_UNSUPPORTED, joined("the model has general constraints (", std::to_string(data.ngens),
+                                                      "), which MPS and LP files cannot say")};
+    }
 }
 
 void WrittenModel::read_quadratic(TRVmodel *model) {

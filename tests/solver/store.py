@@ -9,18 +9,15 @@ array([ 4., inf])
 """
 
 import ctypes as c
-import importlib.util
-import pathlib
 
 import numpy as np
 
+from solver.store_general import GeneralConstraints
 from solver.store_layout import (
-    AttrInfo,
     Changes,
     Cones,
     Data,
     Matrix,
-    Names,
     NlRows,
     NlTape,
     Offender,
@@ -38,6 +35,7 @@ from solver.store_layout import (
     ptr_to,
     step_of,
 )
+from solver.store_library import lib, makenames, textblock
 
 INF = float("inf")
 VAR, CONSTR, QCONSTR, GENCONSTR, NLCONSTR = 1, 2, 4, 5, 6
@@ -52,48 +50,12 @@ class StoreError(Exception):
         self.code = code
 
 
-def _load():
-    spec = importlib.util.find_spec("tarvopy")  # finds the folder without running the package
-    for folder in spec.submodule_search_locations:
-        path = pathlib.Path(folder) / "libtarvo140.so"
-        if path.exists():
-            return c.CDLL(str(path))
-    raise FileNotFoundError("libtarvo140.so is not beside the package tarvopy")
-
-
-lib = _load()
-lib.TRVgeterrormsg.restype = c.c_char_p
-lib.TRVfindattr.restype = c.POINTER(AttrInfo)
-lib.TRVattrat.restype = c.POINTER(AttrInfo)
-lib.TRVfree.argtypes = [c.c_void_p]
-lib.TRVfree.restype = lib.TRVfreemodel.restype = lib.TRVdroprows.restype = lib.TRVpositions.restype = None
-lib.TRVfreematrix.restype = lib.TRVfreecones.restype = lib.TRVfreeqmatrix.restype = lib.TRVclearchanges.restype = None
-
-
-def textblock(names):
-    """One block of bytes and the offsets of the names in it."""
-    encoded = [name.encode() for name in names]
-    return b"".join(encoded), np.concatenate([[0], np.cumsum([len(e) for e in encoded])]).astype(np.int64)
-
-
-def makenames(names):
-    """None, a prefix and its shape, or a list of names, as the struct (its arrays must outlive the call)."""
-    if names is None:
-        return None, None
-    if isinstance(names, tuple):
-        prefix, shape = names
-        dims = np.array(shape, dtype=np.int64)
-        return Names(1, prefix.encode(), len(shape), ptr_to(dims, i64p), None, None), dims
-    text, offset = textblock(names)
-    return Names(2, None, 0, None, text, ptr_to(offset, i64p)), (text, offset)
-
-
 def qtermarrays(terms):
     """Arrays of first variables, second variables and coefficients from (id, id, coefficient)."""
     return i32_array([a for a, _, _ in terms]), i32_array([b for _, b, _ in terms]), f64_array([c for _, _, c in terms])
 
 
-class Store:
+class Store(GeneralConstraints):
     def __init__(self, name="m"):
         self.handle = c.c_void_p()
         assert lib.TRVnewmodel(name.encode(), c.byref(self.handle)) == 0
@@ -348,6 +310,12 @@ class Store:
         self.call("TRVgetchars", *head, out)
         return out.raw[:n].decode()
 
+    def ints(self, name, ids):
+        *head, n = self._selection(name, ids)
+        out = np.full(n, -7, np.int32)
+        self.call("TRVgetints", *head, ptr_to(out, i32p))
+        return out.tolist()
+
     def setchars(self, name, ids, values):
         *head, n = self._selection(name, ids)
         self.call("TRVsetchars", *head, values.encode(), step_of(values, n))
@@ -481,6 +449,7 @@ class Store:
             "nnlobj": data.nnlobj,
             "nllower": copied(data.nllower, data.nnlrows, float),
             "nlupper": copied(data.nlupper, data.nnlrows, float),
+            "ngens": data.ngens,
         }
 
     def matrix(self, csc):

@@ -45,6 +45,7 @@ class Data(c.Structure):
         ("nnlrows", c.c_int32),
         ("nnlcodes nnlobj", c.c_int64),
         ("nllower nlupper", f64p),
+        ("ngens", c.c_int32),
     )
 
 
@@ -82,6 +83,27 @@ class NlRows(c.Structure):
 
 class NlTape(c.Structure):
     _fields_ = layout(("ncodes", c.c_int64), ("code", i32p), ("nconstants", c.c_int64), ("constant", f64p))
+
+
+class Gens(c.Structure):
+    _fields_ = layout(
+        ("ngens", c.c_int64),
+        ("argptr ptr", i64p),
+        ("var", i32p),
+        ("coef constant", f64p),
+        ("dataptr", i64p),
+        ("data", f64p),
+    )
+
+
+class GenMatrix(c.Structure):
+    _fields_ = layout(
+        ("ngens nargs nnz ndata", c.c_int64),
+        ("type", i32p),
+        ("argptr ptr dataptr", i64p),
+        ("index", i32p),
+        ("value constant data", f64p),
+    )
 
 
 class Cones(c.Structure):
