@@ -177,6 +177,11 @@ PyMethodDef methods[] = {
         "setAttr($self, attrname, value, /)\n--\n\nSet a model attribute, at once. m.ModelSense = -1 means "
         "m.setAttr('ModelSense', -1)."),
     row("_attributes", model_attributes, "_attributes($self, /)\n--\n\nThe names of the model attributes."),
+    row("_relax_into", model_relax_into,
+        "_relax_into($self, target, /)\n--\n\nMakes target, an empty model, the continuous relaxation of this one."),
+    row("_fix_into", model_fix_into,
+        "_fix_into($self, target, /)\n--\n\nMakes target, an empty model, this one with its integers fixed at the last "
+        "solution."),
     row("_read", model_read,
         "_read($self, path, /)\n--\n\nReads a model file into an empty model, or a .sol file into Start."),
     row("_write", model_write, "_write($self, path, /)\n--\n\nWrites a model file, or the solution (.sol)."),

@@ -76,6 +76,9 @@ TARVOPY_METHOD(model_getAttr);
 TARVOPY_METHOD(model_setAttr);
 TARVOPY_METHOD(model_attributes);
 PyObject *model_repr(PyObject *self);
+// copies.cpp
+TARVOPY_METHOD(model_relax_into);
+TARVOPY_METHOD(model_fix_into);
 // files.cpp
 TARVOPY_METHOD(model_read);
 TARVOPY_METHOD(model_write);

@@ -11,6 +11,8 @@ from tarvopy import _modelapi
 from tarvopy.parameters import Parameters
 
 if TYPE_CHECKING:
+    from collections.abc import Callable
+
     from tarvopy.report import Report
 
 
@@ -82,6 +84,37 @@ class Model(_modelapi.ModelBase):
         made = report.make(self, worst)
         print(made)
         return made
+
+    # ---- other models from this one
+
+    def relax(self) -> Model:
+        """A new model without what makes this one a matter of alternatives: its optimum is a bound on this one's.
+
+        Variables become continuous (a binary one lies in [0, 1], a semi-continuous one between its own values and 0),
+        and general constraints and special ordered sets are left out. Of a linear model this is the LP relaxation;
+        quadratic and nonlinear parts stay as they are. Variables, rows, names, order and parameters are this model's.
+        """
+        return self._copied(self._relax_into)
+
+    def fixed(self) -> Model:
+        """A new model with the integers fixed at the last solution, so that its multipliers can be asked for.
+
+            m.optimize()
+            f = m.fixed()
+            f.optimize()
+            f.getConstrs()[0].Pi
+
+        Integer and binary variables become continuous, fixed at the nearest whole number; a semi-continuous one stands
+        at 0 or lies between its bounds. Variables, rows, names, order and parameters are this model's. NoDataError
+        without a solution.
+        """
+        return self._copied(self._fix_into)
+
+    def _copied(self, write_into: Callable[[Model], None]) -> Model:
+        copy = Model()
+        write_into(copy)
+        copy._params = self._params.replaced(EngineOptions=self._params.EngineOptions)
+        return copy
 
     # ---- files
 

@@ -125,11 +125,11 @@ def best_answer(model: Model, engine: Engine, runs: Runs) -> Answer:
 
 def settle_duals(outcome: Outcome, problem: Problem, engine_name: str) -> None:
     """Multipliers mean something for convex problems of continuous variables only, whichever engine gave them."""
-    if problem.nintegral or not outcome.has_x:
-        outcome.has_duals = False
-    elif problem.is_nonlinear:
+    if problem.is_nonlinear:
         outcome.has_duals = False
         outcome.no_duals = f"the model is nonlinear ({engines.describe(problem)})"
+    elif problem.nintegral or not outcome.has_x:
+        outcome.has_duals = False
     elif problem.is_quadratic and not problem.is_convex:
         outcome.has_duals = False
         outcome.no_duals = f"the model is not convex ({engines.describe(problem)})"

@@ -77,7 +77,15 @@ typedef struct TRVmodel TRVmodel;
 
 /* ---- life ----------------------------------------------------------------------------------------------- */
 TRV_API int TRVnewmodel(const char *name, TRVmodel **out);
-TRV_API void TRVfreemodel(TRVmodel *model);                /* NULL is fine */
+TRV_API void TRVfreemodel(TRVmodel *model); /* NULL is fine */
+/* A new model with the variables, rows and objective of the updated model, in their order and under their names, their
+ * ids counting up from 0; all variables are continuous.
+ *   RELAXED  a semi-continuous variable takes the values between its own and 0. General constraints are left out: what
+ *            they say of integers and alternatives is relaxed too
+ *   FIXED    at the last solution (NO_DATA without one): integers fixed at the nearest whole number, semi-continuous
+ *            variables at 0 or between their bounds, whichever is nearer */
+enum { TRV_COPY_RELAXED = 1, TRV_COPY_FIXED = 2 };
+TRV_API int TRVcopymodel(TRVmodel *model, int form, TRVmodel **out);
 TRV_API const char *TRVgeterrormsg(const TRVmodel *model); /* of the last failed call on this model; "" if none */
 /* A function beside the store (the file readers) leaves its text here. Returns code. */
 TRV_API int TRVfail(TRVmodel *model, int code, const char *message);

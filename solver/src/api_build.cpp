@@ -1,5 +1,9 @@
 // api_build.cpp: the functions of tarvo.h that make, fill and change a model.
 #include "border.h"
+#include "copy.h"
+#include "elementattr.h"
+
+#include <memory>
 
 using namespace store;
 
@@ -38,6 +42,25 @@ int TRVfail(TRVmodel *model, int code, const char *message) {
 
 void TRVfree(void *memory) {
     blocks::give(memory);
+}
+
+int TRVcopymodel(TRVmodel *model, int form, TRVmodel **out) {
+    return border(model, [&] {
+        requirepointer("copy", out, 1);
+        *out = nullptr;
+        if (form != TRV_COPY_RELAXED && form != TRV_COPY_FIXED)
+            failf(TRV_ERROR_INVALID_ARGUMENT, "%d is not a form of a copy", form);
+        model->update();
+        if (form == TRV_COPY_FIXED && !model->solution.hasx())
+            failnodata(*model, "fixed()");
+        auto copy = std::make_unique<TRVmodel>();
+        copymodel(*model, *copy);
+        if (form == TRV_COPY_RELAXED)
+            relaxvariables(copy->columns);
+        else
+            fixvariables(copy->columns, model->solution.x().data());
+        *out = copy.release();
+    });
 }
 
 int TRVaddvars(TRVmodel *model, int64_t n, const double *lb, int lbstep, const double *ub, int ubstep,

@@ -37,11 +37,11 @@ namespace {
     const Solution &solution = model.solution;
     if (solution.status() == TRV_NOT_SOLVED || (model.columns.integral() == 0 && solution.noduals().empty()))
         failnodata(model, what);
-    if (model.columns.integral() == 0)
+    if (!solution.noduals().empty())
         failf(TRV_ERROR_NO_DATA, "%s: there are no duals: %s", what, solution.noduals().c_str());
     failf(TRV_ERROR_NO_DATA,
-          "%s: there are no duals of a model with integer variables; fix those at their values, set their VType to 'C' "
-          "and solve again",
+          "%s: there are no duals of a model with integer variables; those of fixed(), the model with these fixed at "
+          "their values, can be asked for once that is solved",
           what);
 }
 

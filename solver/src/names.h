@@ -22,6 +22,7 @@ class Names {
 
     // Names of the elements first .. first+n-1; NULL for default names. Failing changes nothing.
     void add(int32_t first, int64_t n, const TRVnames *names);
+    bool any() const { return !blocks_.empty() || !renamed_.empty(); } // or all have their default names
     // Puts the name at the end of a string.
     void append(int32_t id, std::string &out) const;
     // An empty name gives the default name back.

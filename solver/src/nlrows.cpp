@@ -107,6 +107,11 @@ TRVnlrows NlRows::view(int32_t slot) const {
             constant_.data() + constantptr_[slot]};
 }
 
+TRVnlrows NlRows::all() const {
+    return {ptr_.data(),     var_.data(), coef_.data(), codeptr_.data(), code_.data(), constantptr_[ids.committed()],
+            constant_.data()};
+}
+
 int32_t NlRows::rowwith(int32_t variable) const {
     for (int32_t i = 0; i < ids.slots(); i++) {
         const Tape one = tape(i);

@@ -41,6 +41,8 @@ class NlRows {
                 constant_.data() + constantptr_[slot]};
     }
     TRVnlrows view(int32_t slot) const;
+    // The rows in the model, of which there is one at least.
+    TRVnlrows all() const;
     // The first row, not marked as removed, whose tape has the variable: its slot, or -1.
     int32_t rowwith(int32_t variable) const;
 

@@ -128,7 +128,7 @@ def test_models_with_integers_have_no_duals(store):
     store.solved([3.0, 1.0], objval=11.0)
     nodata(
         "Pi: there are no duals of a model with integer variables; "
-        "fix those at their values, set their VType to 'C' and solve again",
+        "those of fixed(), the model with these fixed at their values, can be asked for once that is solved",
         lambda: store.dbls("Pi", [0]),
     )
 
