@@ -1,4 +1,5 @@
-// check.cpp: residuals of a solution in one pass over the rows: linear, quadratic and nonlinear.
+// check.cpp: residuals of a solution in one pass over the rows, linear, quadratic and nonlinear, and over the general
+// constraints.
 //
 // The worst element is the one whose violation is largest against its own scale, 1 + the largest term in it, and the
 // figures reported are this element's violation and scale. So comparing violation <= tolerance * scale holds for all
@@ -6,6 +7,7 @@
 #include "check.h"
 
 #include "failure.h"
+#include "gencheck.h"
 #include "worst.h"
 
 #include <algorithm>
@@ -58,6 +60,7 @@ class Checker {
         checkrows();
         checkqrows();
         checknlrows();
+        checkgens();
         checkvariables();
     }
 
@@ -215,6 +218,15 @@ class Checker {
             const double scale =
                 1.0 + std::max({std::isnan(largest) ? 0.0 : largest, finiteabs(lower), finiteabs(upper)});
             row_.meet(std::isinf(activity) ? INFINITY : outside(activity, lower, upper), scale, before + r);
+        });
+    }
+
+    void checkgens() {
+        const int32_t before = nrows_ + model_.qrows.ids.committed() + model_.nlrows.ids.committed();
+        GenCheck check(model_.columns.ids, x_);
+        model_.gens.each([&](int32_t g, const Gen &gen) {
+            const GenCheck::Residual residual = check.residual(gen);
+            row_.meet(residual.violation, residual.scale, before + g);
         });
     }
 
