@@ -3,6 +3,7 @@
 // lhs - rhs arrives as terms + constant per row, so the bound of a row is minus its constant; an infinite right-hand
 // side survives that as "no bound".
 
+#include "general.h"
 #include "row_blocks.h"
 
 #include <algorithm>
@@ -68,6 +69,10 @@ TARVOPY_METHOD(model_addConstr) {
     return border([&] {
         Arguments given(signature, 1, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
+        if (is_general(given[0])) {
+            Names names(given[1]);
+            return add_indicator(handle, given[0], names);
+        }
         if (!PyObject_TypeCheck(given[0], core().TempConstr))
             not_a_comparison("addConstr", given[0]);
         // Owned here: reading the sides may run code that lets go of the comparison.
@@ -75,6 +80,8 @@ TARVOPY_METHOD(model_addConstr) {
         Ref lhs = Ref::borrow(comparison->lhs), rhs = Ref::borrow(comparison->rhs);
         Sense sense = sense_of(comparison->sense);
         Names names(given[1]);
+        if (is_general(lhs.get()) || is_general(rhs.get()))
+            return add_general_equation(handle, lhs.get(), rhs.get(), sense, names);
         int degree = std::max(settle_degree(lhs), settle_degree(rhs));
         if (degree == 0)
             fail(PyExc_TypeError,

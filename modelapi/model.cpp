@@ -120,6 +120,16 @@ PyMethodDef methods[] = {
         "addRange($self, /, expr, lb, ub, name='')\n--\n\n"
         "Add lb <= expr <= ub as one two-sided row for each element; lb, ub and expr broadcast. See addConstr.\n\n"
         "expr is linear or nonlinear; TypeError for a quadratic one, since a quadratic row has one side."),
+    row("addSOS", model_addSOS,
+        "addSOS($self, /, kind, vars, weights=None, name='')\n--\n\n"
+        "Add a special ordered set, a GenConstr: of kind 1 at most one of the variables is nonzero, of kind 2 at most "
+        "two\n"
+        "are, and these are neighbours in the order of the weights.\n\n"
+        "vars: variables, scalar or matrix (in C order), and lists of them; weights: a number for each, all different, "
+        "else\n"
+        "1, 2, ... TypeError for what is no variable; ValueError for another kind and a wrong number of weights; "
+        "TarvoError\n"
+        "for variables that are removed or of another model."),
     row("setObjective", model_setObjective,
         "setObjective($self, /, expr, sense=None)\n--\n\n"
         "Replace the objective (every Obj, ObjConstant, the quadratic terms and the nonlinear part) by expr: a number "

@@ -53,6 +53,8 @@ TARVOPY_METHOD(model_addMVar);
 // constraints.cpp
 TARVOPY_METHOD(model_addConstr);
 TARVOPY_METHOD(model_addRange);
+// sos.cpp
+TARVOPY_METHOD(model_addSOS);
 // objective.cpp
 TARVOPY_METHOD(model_setObjective);
 // elements.cpp

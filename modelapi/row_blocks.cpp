@@ -147,9 +147,10 @@ bool to_bounds(bool scalar, int64_t nrows, double *constants, Sense sense) {
 }
 
 Ref constraint_handle(ModelObject *handle, TRVmodel *store, int kind, const Shape &shape, int32_t first, bool scalar) {
-    PyTypeObject *type = kind == TRV_QCONSTR    ? matrix().MQConstr
-                         : kind == TRV_NLCONSTR ? matrix().MNLConstr
-                                                : matrix().MConstr;
+    PyTypeObject *type = kind == TRV_QCONSTR     ? matrix().MQConstr
+                         : kind == TRV_GENCONSTR ? matrix().MGenConstr
+                         : kind == TRV_NLCONSTR  ? matrix().MNLConstr
+                                                 : matrix().MConstr;
     PyObject *made =
         scalar ? core().scalar(handle, kind, first) : matrix().mconstr(type, handle, first, shape.ndim, shape.dims);
     if (made)

@@ -31,6 +31,10 @@ void require_expression(const char *function, int degree, PyObject *side) {
     default:
         if (PyErr_Occurred())
             throw PythonError{};
+        if (PyObject_TypeCheck(side, core().GenExpr))
+            fail(PyExc_TypeError,
+                 "%s() takes no general function: add a variable v with addConstr(v == genfunc...) and use v",
+                 function);
         if (pysupport::is_array(side))
             fail(PyExc_TypeError, "%s() takes expressions, numbers and arrays of them, not of dtype %S", function,
                  reinterpret_cast<PyObject *>(PyArray_DESCR(pysupport::as_array(side))));

@@ -20,7 +20,6 @@ The functions bear the names of Python's own, so use them through the module.
 from __future__ import annotations
 
 import builtins
-import itertools
 from typing import Any
 
 from tarvopy._core import GenExpr, LinExpr, NLExpr, QuadExpr, TempConstr, Var
@@ -69,15 +68,12 @@ def pwl(x: Any, xpts: Any, ypts: Any) -> GenExpr:
     xpts, ypts: two sequences of the same length, two numbers at least, xpts not decreasing. Left of the first point
     and right of the last the outer pieces go on, so [0, 1], [0, 2] is 2 x everywhere; bound x to end the function.
     Two points of the same x are a jump, at which every value from one to the other is taken: a lower semi-continuous
-    cost takes the lower one when it is minimised. A jump may not stand at an end, nor hold more than two points.
-    ValueError where the points are no such sequence.
+    cost takes the lower one when it is minimised. A jump may not stand at an end, nor hold more than two points; the
+    model refuses such points, and those that are not finite or out of order, when it gets the equation.
     """
     points, values = _points(xpts, "xpts"), _points(ypts, "ypts")
     if len(points) != len(values):
         raise ValueError(f"genfunc.pwl() needs as many xpts as ypts, not {len(points)} and {len(values)}")
-    if len(points) < 2:
-        raise ValueError(f"genfunc.pwl() needs two points at least, not {len(points)}")
-    _require_order(points.tolist())
     return GenExpr("pwl", (_taken("pwl", x), points, values))
 
 
@@ -88,7 +84,7 @@ def indicator(binary: Any, value: Any, tempconstr: TempConstr) -> GenExpr:
 
     binary: a binary variable, or an array of them; value: 0 or 1 (or False or True, or an array of these); tempconstr:
     a comparison of linear expressions with <=, >= or ==. The three broadcast. That the variables are binary is looked
-    at when the model is solved. ValueError for any other value, TypeError for what is no comparison.
+    at when the model is solved. TypeError for what is no comparison; other values are refused by the model.
     """
     import numpy as np
 
@@ -97,13 +93,9 @@ def indicator(binary: Any, value: Any, tempconstr: TempConstr) -> GenExpr:
         raise TypeError(
             f"genfunc.indicator() takes a comparison as its third argument, not {_kind(tempconstr)}{advice}"
         )
-    several = isinstance(value, np.ndarray | list | tuple)
-    for number in np.asarray(value, dtype=object).flat:
-        if not _isscalar(number) or number not in (0, 1):
-            raise ValueError(f"genfunc.indicator() is about the values 0 and 1 of a binary variable, not {number!r}")
     lhs, rhs = _taken("indicator", tempconstr.lhs), _taken("indicator", tempconstr.rhs)
     comparison = TempConstr(lhs, tempconstr.sense, rhs)
-    taken = np.array(value, dtype=np.float64) if several else int(value)
+    taken = value if _isscalar(value) else np.array(value, dtype=np.float64)
     return GenExpr("indicator", (_taken("indicator", binary), taken, comparison))
 
 
@@ -207,18 +199,5 @@ def _points(given: Any, name: str) -> Any:
     points = np.array(given, dtype=np.float64)
     if points.ndim != 1:
         raise ValueError(f"genfunc.pwl() takes {name} as one sequence of numbers, not of shape {points.shape}")
-    if not np.isfinite(points).all():
-        raise ValueError(f"genfunc.pwl() takes finite points, not {points[~np.isfinite(points)][0]} in {name}")
     points.flags.writeable = False
     return points
-
-
-def _require_order(xpts: list[float]) -> None:
-    for before, after in itertools.pairwise(xpts):
-        if after < before:
-            raise ValueError(f"genfunc.pwl() needs xpts that do not decrease, not {after} after {before}")
-    if xpts[0] == xpts[1] or xpts[-1] == xpts[-2]:
-        raise ValueError("genfunc.pwl() takes no jump (two points of the same x) at an end")
-    for first, third in zip(xpts, xpts[2:], strict=False):
-        if first == third:
-            raise ValueError(f"genfunc.pwl() takes two points of the same x at most, not three at {first}")
