@@ -144,8 +144,14 @@ std::string count_text(int count, const char *what) {
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+int count_of(TRVmodel *store, const char *attribute) {
+    int count = 0;
+    succeed(store, TRVgetintattr(store, attribute, &count));
+    return count;
+}
+
 // Never raises for the state of the model, and applies nothing: <tarvopy.Model 'diet': 10 variables, 4 constraints>,
-// with "..., 1 quadratic constraint" where there are any.
+// with "..., 1 quadratic constraint" and the like where there are any.
 PyObject *model_repr(PyObject *self) {
     return border([&] {
         ModelObject *handle = reinterpret_cast<ModelBase *>(self)->handle;
@@ -156,16 +162,16 @@ PyObject *model_repr(PyObject *self) {
             return check(PyUnicode_FromString("<tarvopy.Model (being solved)>"));
         TRVmodel *store = handle->store;
         const char *name = "";
-        int nvars = 0, nrows = 0, nqrows = 0;
-        succeed(store, TRVgetintattr(store, "NumVars", &nvars));
-        succeed(store, TRVgetintattr(store, "NumConstrs", &nrows));
-        succeed(store, TRVgetintattr(store, "NumQConstrs", &nqrows));
         succeed(store, TRVgetstrattr(store, "ModelName", &name));
         Ref text =
             check(PyUnicode_DecodeUTF8(name, static_cast<Py_ssize_t>(std::char_traits<char>::length(name)), "replace"));
-        std::string counts = count_text(nvars, "variable") + ", " + count_text(nrows, "constraint");
-        if (nqrows > 0)
-            counts += ", " + count_text(nqrows, "quadratic constraint");
+        std::string counts = count_text(count_of(store, "NumVars"), "variable") + ", " +
+                             count_text(count_of(store, "NumConstrs"), "constraint");
+        for (auto [attribute, what] : {std::pair{"NumQConstrs", "quadratic constraint"},
+                                       {"NumGenConstrs", "general constraint"},
+                                       {"NumNLConstrs", "nonlinear constraint"}})
+            if (int count = count_of(store, attribute))
+                counts += ", " + count_text(count, what);
         return check(PyUnicode_FromFormat("<tarvopy.Model %R: %s>", text.get(), counts.c_str()));
     });
 }

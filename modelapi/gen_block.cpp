@@ -84,15 +84,6 @@ void GenOperand::move_to_positions(PyObject *axes) {
     scalar_ = shape_.ndim == 0;
 }
 
-bool GenOperand::is_variable(int64_t row) const {
-    int64_t k = ptr_[row];
-    return ptr_[row + 1] == k + 1 && coef_[k] == 1.0 && constant_[row] == 0.0;
-}
-
-bool GenOperand::is_number(int64_t row, double value) const {
-    return is_some_number(row) && constant_[row] == value;
-}
-
 // ---- blocks
 
 void GenBlock::append(const GenOperand &operand) {

@@ -28,13 +28,8 @@ class GenOperand {
     const Shape &shape() const { return shape_; }
     bool scalar() const { return scalar_; }
     bool has_variables() const { return degree_ > 0; } // by its type; an empty array may hold none
-    int64_t positions() const { return static_cast<int64_t>(offset_.size()); }
     int64_t nrows() const { return nrows_; }
     double *constants() const { return constant_.get(); } // one a row; may be changed
-    // The row is one variable with the coefficient 1, or the number.
-    bool is_variable(int64_t row) const;
-    bool is_number(int64_t row, double value) const;
-    bool is_some_number(int64_t row) const { return ptr_[row + 1] == ptr_[row]; }
 
   private:
     friend class GenBlock;

@@ -12,7 +12,7 @@ import numpy as np
 import scipy.sparse
 from numpy.typing import ArrayLike, NDArray
 
-from tarvopy._core import Constr, GenConstr, LinExpr, NLConstr, NLExpr, QConstr, QuadExpr, TempConstr, Var
+from tarvopy._core import Constr, GenConstr, GenExpr, LinExpr, NLConstr, NLExpr, QConstr, QuadExpr, TempConstr, Var
 from tarvopy._matrixapi import MConstr, MLinExpr, MNLExpr, MQConstr, MQuadExpr, MVar
 
 __version__: str
@@ -35,8 +35,17 @@ class ModelBase:
         vtype: str | ArrayLike = "C",
         name: str | ArrayLike | None = "",
     ) -> MVar: ...
-    def addConstr(self, tempconstr: TempConstr, name: str | ArrayLike | None = "") -> Any:
-        """Constr, QConstr or NLConstr when both sides are scalar, else MConstr, MQConstr or MNLConstr."""
+    def addConstr(self, tempconstr: TempConstr | GenExpr, name: str | ArrayLike | None = "") -> Any:
+        """Constr, QConstr, NLConstr or GenConstr when both sides are scalar, else MConstr, MQConstr, MNLConstr or
+        MGenConstr."""
+
+    def addSOS(
+        self,
+        kind: int,
+        vars: Var | MVar | Sequence[Any] | NDArray[Any],
+        weights: ArrayLike | None = None,
+        name: str | ArrayLike | None = "",
+    ) -> GenConstr: ...
     def addRange(
         self,
         expr: Var | LinExpr | NLExpr | MVar | MLinExpr | MNLExpr,
