@@ -12,7 +12,7 @@ FORMATTED := $(filter %.cpp %.h,$(NATIVE))
 .PHONY: help demo test bench format lint wheel clean FORCE
 
 help:
-	@echo 'make demo    solve the examples (unit commitment, portfolio), pictures in out/'
+	@echo 'make demo    solve the examples on real data, pictures in out/'
 	@echo 'make test    run the tests'
 	@echo 'make bench   measure against arrays by hand, linopy and cvxpy; table in docs/benchmarks.md'
 	@echo 'make format  format C++ and Python in place'
@@ -24,6 +24,8 @@ demo: $(VENV)/installed
 	$(RUN) -m examples.unit_commitment
 	@echo
 	$(RUN) -m examples.portfolio
+	@echo
+	$(RUN) -m examples.circle_packing
 
 test: $(VENV)/installed
 	$(RUN) -m pytest
