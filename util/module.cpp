@@ -23,11 +23,6 @@ PyObject *isstr(PyObject *, PyObject *object) {
     return PyBool_FromLong(PyUnicode_Check(object));
 }
 
-PyObject *nonlinear_product(PyObject *, PyObject *, PyObject *) {
-    PyErr_SetString(PyExc_NotImplementedError, "matrix products of nonlinear expressions are not available yet");
-    return nullptr;
-}
-
 void *model_pointer(PyObject *handle) {
     return core->store(handle);
 }
@@ -38,7 +33,6 @@ template <class F> PyCFunction as_method(F *function) {
 }
 
 constexpr int fast = METH_FASTCALL | METH_KEYWORDS;
-constexpr const char *kernel_doc = "A nonlinear matrix product as an array of expression trees; not available yet.";
 
 PyMethodDef methods[] = {
     {"_isscalar", isscalar, METH_O,
@@ -56,9 +50,16 @@ PyMethodDef methods[] = {
      "without do_raise."},
     {"_all_refs_match", as_method(all_refs_match), METH_FASTCALL,
      "_all_refs_match(*arrays)\n--\n\nWhether the arrays hold the very same objects, element by element in C order."},
-    {"_dense_matmul_kernel", as_method(nonlinear_product), METH_VARARGS | METH_KEYWORDS, kernel_doc},
-    {"_sparse_right_matmul_kernel", as_method(nonlinear_product), METH_VARARGS | METH_KEYWORDS, kernel_doc},
-    {"_sparse_left_matmul_kernel", as_method(nonlinear_product), METH_VARARGS | METH_KEYWORDS, kernel_doc},
+    {"_dense_matmul_kernel", as_method(dense_matmul_kernel), fast,
+     "_dense_matmul_kernel(A, B, f_multiply, f_sum)\n--\n\nThe matrix product of two object arrays, element by "
+     "element f_sum([f_multiply(a, b), ...]): an object array of NumPy's shape.\n\nValueError naming both shapes; the "
+     "callbacks' own errors."},
+    {"_sparse_right_matmul_kernel", as_method(sparse_right_matmul_kernel), fast,
+     "_sparse_right_matmul_kernel(A, S, f_multiply, f_sum)\n--\n\nThe same of an object array and a SciPy matrix: "
+     "f_multiply(a, s) for its stored entries alone, by ascending contracted index."},
+    {"_sparse_left_matmul_kernel", as_method(sparse_left_matmul_kernel), fast,
+     "_sparse_left_matmul_kernel(S, B, f_multiply, f_sum)\n--\n\nThe same of a SciPy matrix and an object array: "
+     "f_multiply(s, b)."},
     {}};
 
 int execute(PyObject *module) {
