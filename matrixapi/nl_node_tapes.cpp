@@ -5,16 +5,12 @@ namespace tarvopy {
 
 namespace {
 
-const ExprTreeObject *tree_at(const Step &step, int64_t element) {
-    return reinterpret_cast<const ExprTreeObject *>(step.trees[element]);
+const ExprTreeObject *tree_of(const Element &element) {
+    return reinterpret_cast<const ExprTreeObject *>(element.step->trees[element.index]);
 }
 
-double number_at(const Step &step, int64_t element) {
-    return step.numbers ? step.numbers[element] : step.number;
-}
-
-bool is_leaf(const Step &step) {
-    return step.operand_count == 0;
+double number_of(const Element &element) {
+    return element.step->numbers ? element.step->numbers[element.index] : element.step->number;
 }
 
 bool is_sum(const Step &step) {
@@ -47,34 +43,34 @@ bool no_terms(const flat::Form &form, int64_t element) {
 } // namespace
 
 // Whether the element's tree is a constant, or a variable.
-bool NodeTapes::constant_at(const Step &step, int64_t element, double &value) const {
-    switch (step.kind) {
+bool NodeTapes::is_constant(const Element &element, double &value) const {
+    switch (element.step->kind) {
     case NLNode::Numbers:
-        value = number_at(step, element);
+        value = number_of(element);
         return true;
     case NLNode::Linear:
-        value = step.linear->constant[element];
-        return no_terms(*step.linear, element);
+        value = element.step->linear->constant[element.index];
+        return no_terms(*element.step->linear, element.index);
     case NLNode::Trees:
-        value = tree_at(step, element)->slots[0].number;
-        return tree_at(step, element)->op == TreeOp::Constant;
+        value = tree_of(element)->slots[0].number;
+        return tree_of(element)->op == TreeOp::Constant;
     default:
         return false;
     }
 }
 
-bool NodeTapes::variable_at(const Step &step, int64_t element, int32_t &id) const {
+bool NodeTapes::is_variable(const Element &element, int32_t &id) const {
     double factor = 0.0;
-    switch (step.kind) {
+    switch (element.step->kind) {
     case NLNode::Variables:
-        id = step.ids[element];
+        id = element.step->ids[element.index];
         return true;
     case NLNode::Linear:
-        return single_term(*step.linear, element, id, factor) && factor == 1.0;
+        return single_term(*element.step->linear, element.index, id, factor) && factor == 1.0;
     case NLNode::Trees:
-        if (tree_at(step, element)->op != TreeOp::Variable)
+        if (tree_of(element)->op != TreeOp::Variable)
             return false;
-        id = variable_id(out_, tree_at(step, element));
+        id = variable_id(out_, tree_of(element));
         return true;
     default:
         return false;
@@ -83,22 +79,23 @@ bool NodeTapes::variable_at(const Step &step, int64_t element, int32_t &id) cons
 
 // ---- the sum that a row is ------------------------------------------------------------------------------------------
 
-void NodeTapes::enter_sum(const Step &step, int64_t element, bool negative) {
-    if (is_leaf(step))
-        add_leaf(step, element, negative);
-    else if (is_sum(step))
-        sums_.push_back({&step, element, 0, negative});
-    else if (step.op == TreeOp::Multiply)
-        add_product(step, element, negative);
-    else {
-        put(step, element);
+void NodeTapes::enter_sum(const Element &element, bool negative) {
+    const Step &step = *element.step;
+    if (step.operands.empty())
+        return add_leaf(element, negative);
+    if (is_sum(step)) {
+        sums_.push_back({element, 0, negative});
+    } else if (step.op == TreeOp::Multiply) {
+        add_product(element, negative);
+    } else {
+        put(element);
         out_.end_summand(negative);
     }
 }
 
-void NodeTapes::add(int32_t place, int64_t element, bool negative) {
+void NodeTapes::add(int32_t step, int64_t element, bool negative) {
     sums_.clear();
-    enter_sum(step(place), element, negative);
+    enter_sum(program_.at(step, element), negative);
     while (!sums_.empty()) {
         out_.check_length();
         if (!next_summand(sums_.back()))
@@ -108,44 +105,46 @@ void NodeTapes::add(int32_t place, int64_t element, bool negative) {
 
 // False when all summands were there. The frame may have moved when this returns.
 bool NodeTapes::next_summand(Frame &frame) {
-    const Step &sum = *frame.step;
-    const int64_t element = frame.element, i = frame.next++;
+    const Element of = frame.of;
+    const Step &sum = *of.step;
+    const int64_t i = frame.next++;
     bool negative = frame.negative;
     switch (sum.kind) {
     case NLNode::Rows:
-        if (sum.ptr[element] + i == sum.ptr[element + 1])
+        if (sum.ptr[of.index] + i == sum.ptr[of.index + 1])
             return false;
-        add_row_term(sum, sum.ptr[element] + i, negative);
+        add_row_term(sum, sum.ptr[of.index] + i, negative);
         return true;
     case NLNode::Sum:
         if (i == sum.extent)
             return false;
-        enter_sum(step(sum.operands[0].step), sum.operands[0].place(element * sum.extent + i), negative);
+        enter_sum(program_.summand(of, i), negative);
         return true;
     default:
-        if (i == sum.operand_count)
+        if (i == static_cast<int64_t>(sum.operands.size()))
             return false;
         if (sum.op == TreeOp::Uminus || (sum.op == TreeOp::Minus && i == 1))
             negative = !negative;
-        enter_sum(step(sum.operands[i].step), sum.operands[i].place(element), negative);
+        enter_sum(program_.operand(of, static_cast<size_t>(i)), negative);
         return true;
     }
 }
 
-void NodeTapes::add_leaf(const Step &leaf, int64_t element, bool negative) {
-    switch (leaf.kind) {
+void NodeTapes::add_leaf(const Element &leaf, bool negative) {
+    const Step &step = *leaf.step;
+    switch (step.kind) {
     case NLNode::Numbers:
-        return out_.add_constant(negative ? -number_at(leaf, element) : number_at(leaf, element));
+        return out_.add_constant(negative ? -number_of(leaf) : number_of(leaf));
     case NLNode::Variables:
-        return out_.linear_term(leaf.ids[element], negative ? -1.0 : 1.0);
+        return out_.linear_term(step.ids[leaf.index], negative ? -1.0 : 1.0);
     case NLNode::Linear:
-        return add_linear(*leaf.linear, element, negative);
+        return add_linear(*step.linear, leaf.index, negative);
     case NLNode::Quadratic:
-        add_linear(*leaf.linear, element, negative);
-        return add_quadratic(*leaf.quadratic, element, negative);
+        add_linear(*step.linear, leaf.index, negative);
+        return add_quadratic(*step.quadratic, leaf.index, negative);
     default:
-        if (leaf.trees[element])
-            trees_.add(tree_at(leaf, element), negative);
+        if (step.trees[leaf.index])
+            trees_.add(tree_of(leaf), negative);
     }
 }
 
@@ -180,26 +179,20 @@ void NodeTapes::put_pair(int32_t first, int32_t second) {
 }
 
 // A product is a linear term, or a summand in which a factor that is a constant takes the sign.
-void NodeTapes::add_product(const Step &product, int64_t element, bool negative) {
-    const Step *factors[2];
-    int64_t places[2];
+void NodeTapes::add_product(const Element &product, bool negative) {
+    const Element factors[] = {program_.operand(product, 0), program_.operand(product, 1)};
     double constants[2];
-    bool constant[2];
-    for (int i : {0, 1}) {
-        factors[i] = &step(product.operands[i].step);
-        places[i] = product.operands[i].place(element);
-        constant[i] = constant_at(*factors[i], places[i], constants[i]);
-    }
+    const bool constant[] = {is_constant(factors[0], constants[0]), is_constant(factors[1], constants[1])};
     int32_t id;
     for (int i : {0, 1})
-        if (constant[i] && variable_at(*factors[1 - i], places[1 - i], id))
+        if (constant[i] && is_variable(factors[1 - i], id))
             return out_.linear_term(id, negative ? -constants[i] : constants[i]);
     for (int i : {0, 1}) {
         if (negative && constant[i]) {
             out_.number(-constants[i]);
             negative = false;
         } else {
-            put(*factors[i], places[i]);
+            put(factors[i]);
         }
     }
     out_.operation(TreeOp::Multiply);
@@ -207,15 +200,14 @@ void NodeTapes::add_product(const Step &product, int64_t element, bool negative)
 }
 
 void NodeTapes::add_row_term(const Step &rows, int64_t k, bool negative) {
-    const Step &operand = step(rows.operands[0].step);
-    const int64_t element = rows.source[k];
+    const Element operand = program_.source(rows, k);
     const double coefficient = negative ? -rows.coef[k] : rows.coef[k];
     int32_t id;
-    if (variable_at(operand, element, id))
+    if (is_variable(operand, id))
         return out_.linear_term(id, coefficient);
     if (rows.constant_first)
         out_.number(coefficient);
-    put(operand, element);
+    put(operand);
     if (!rows.constant_first)
         out_.number(coefficient);
     out_.operation(TreeOp::Multiply);
@@ -224,33 +216,30 @@ void NodeTapes::add_row_term(const Step &rows, int64_t k, bool negative) {
 
 // ---- below ----------------------------------------------------------------------------------------------------------
 
-void NodeTapes::enter(const Step &step, int64_t element) {
+void NodeTapes::enter(const Element &element) {
+    const Step &step = *element.step;
     switch (step.kind) {
     case NLNode::Numbers:
-        return out_.number(number_at(step, element));
+        return out_.number(number_of(element));
     case NLNode::Variables:
-        return out_.variable(step.ids[element]);
+        return out_.variable(step.ids[element.index]);
     case NLNode::Linear:
     case NLNode::Quadratic: {
-        int64_t terms = put_linear(*step.linear, element);
+        int64_t terms = put_linear(*step.linear, element.index);
         if (step.kind == NLNode::Quadratic)
-            terms += put_quadratic(*step.quadratic, element);
-        if (terms == 0)
-            out_.number(0.0);
-        if (terms > 1)
-            out_.sum(terms);
-        return;
+            terms += put_quadratic(*step.quadratic, element.index);
+        return put_sum(terms);
     }
     case NLNode::Trees:
-        return trees_.put(tree_at(step, element));
+        return trees_.put(tree_of(element));
     default:
-        open_.push_back({&step, element, 0, false});
+        open_.push_back({element, 0, false});
     }
 }
 
-void NodeTapes::put(const Step &step, int64_t element) {
+void NodeTapes::put(const Element &element) {
     open_.clear();
-    enter(step, element);
+    enter(element);
     while (!open_.empty()) {
         out_.check_length();
         if (!next_operand(open_.back()))
@@ -260,7 +249,7 @@ void NodeTapes::put(const Step &step, int64_t element) {
 
 // False when the element is written. The frame may have moved when this returns.
 bool NodeTapes::next_operand(Frame &frame) {
-    switch (frame.step->kind) {
+    switch (frame.of.step->kind) {
     case NLNode::Sum:
         return next_of_sum(frame);
     case NLNode::Rows:
@@ -271,10 +260,9 @@ bool NodeTapes::next_operand(Frame &frame) {
 }
 
 bool NodeTapes::next_of_operation(Frame &frame) {
-    const Step &operation = *frame.step;
-    if (frame.next < operation.operand_count) {
-        const Step::Operand &operand = operation.operands[frame.next++];
-        enter(step(operand.step), operand.place(frame.element));
+    const Step &operation = *frame.of.step;
+    if (auto k = static_cast<size_t>(frame.next++); k < operation.operands.size()) {
+        enter(program_.operand(frame.of, k));
         return true;
     }
     if (operation.op == TreeOp::Plus)
@@ -285,28 +273,21 @@ bool NodeTapes::next_of_operation(Frame &frame) {
 }
 
 bool NodeTapes::next_of_sum(Frame &frame) {
-    const Step &sum = *frame.step;
-    if (frame.next < sum.extent) {
-        const Step::Operand &operand = sum.operands[0];
-        enter(step(operand.step), operand.place(frame.element * sum.extent + frame.next++));
+    const int64_t extent = frame.of.step->extent;
+    if (frame.next < extent) {
+        enter(program_.summand(frame.of, frame.next++));
         return true;
     }
-    if (sum.extent == 0)
-        out_.number(0.0);
-    if (sum.extent > 1)
-        out_.sum(sum.extent);
+    put_sum(extent);
     return false;
 }
 
 // `next` counts halves of terms: what stands up to the operand, and what follows it.
 bool NodeTapes::next_of_row(Frame &frame) {
-    const Step &rows = *frame.step;
-    const int64_t first = rows.ptr[frame.element], terms = rows.ptr[frame.element + 1] - first;
+    const Step &rows = *frame.of.step;
+    const int64_t first = rows.ptr[frame.of.index], terms = rows.ptr[frame.of.index + 1] - first;
     if (frame.next == 2 * terms) {
-        if (terms == 0)
-            out_.number(0.0);
-        if (terms > 1)
-            out_.sum(terms);
+        put_sum(terms);
         return false;
     }
     const int64_t k = first + frame.next / 2;
@@ -314,10 +295,17 @@ bool NodeTapes::next_of_row(Frame &frame) {
     if (operand_comes == rows.constant_first)
         out_.number(rows.coef[k]);
     if (operand_comes)
-        enter(step(rows.operands[0].step), rows.source[k]);
+        enter(program_.source(rows, k));
     else
         out_.operation(TreeOp::Multiply);
     return true;
+}
+
+void NodeTapes::put_sum(int64_t terms) {
+    if (terms == 0)
+        out_.number(0.0);
+    if (terms > 1)
+        out_.sum(terms);
 }
 
 // The terms in the form of their trees; how many there are.

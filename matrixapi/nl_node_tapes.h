@@ -18,28 +18,28 @@ class NodeTapes {
     void add(int32_t step, int64_t element, bool negative);
 
   private:
-    // One element of a step, and how far it is written: operands, summands, or halves of a row's terms.
+    // An element, and how far it is written: operands, summands, or halves of a row's terms.
     struct Frame {
-        const Step *step;
-        int64_t element, next;
+        Element of;
+        int64_t next;
         bool negative; // of `add` alone
     };
-    const Step &step(int32_t place) const { return program_.steps[static_cast<size_t>(place)]; }
 
-    void enter_sum(const Step &step, int64_t element, bool negative);
+    void enter_sum(const Element &element, bool negative);
     bool next_summand(Frame &frame);
-    void add_leaf(const Step &step, int64_t element, bool negative);
+    void add_leaf(const Element &leaf, bool negative);
     void add_linear(const flat::Form &form, int64_t element, bool negative);
     void add_quadratic(const flat::QuadForm &form, int64_t element, bool negative);
-    void add_product(const Step &step, int64_t element, bool negative);
-    void add_row_term(const Step &step, int64_t k, bool negative);
+    void add_product(const Element &product, bool negative);
+    void add_row_term(const Step &rows, int64_t k, bool negative);
 
-    void put(const Step &step, int64_t element);
-    void enter(const Step &step, int64_t element);
+    void put(const Element &element);
+    void enter(const Element &element);
     bool next_operand(Frame &frame);
     bool next_of_operation(Frame &frame);
     bool next_of_sum(Frame &frame);
     bool next_of_row(Frame &frame);
+    void put_sum(int64_t terms); // of what was written last
     void put_pair(int32_t first, int32_t second);
     // A factor of 1 makes no product.
     template <class Put> void put_scaled(double coefficient, Put put_rest) {
@@ -52,8 +52,8 @@ class NodeTapes {
     int64_t put_linear(const flat::Form &form, int64_t element);
     int64_t put_quadratic(const flat::QuadForm &form, int64_t element);
 
-    bool constant_at(const Step &step, int64_t element, double &value) const;
-    bool variable_at(const Step &step, int64_t element, int32_t &id) const;
+    bool is_constant(const Element &element, double &value) const;
+    bool is_variable(const Element &element, int32_t &id) const;
 
     const Program &program_;
     Tapes &out_;

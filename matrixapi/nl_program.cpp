@@ -69,7 +69,7 @@ flat::Shape operand_shape(const NLNode &node) {
 Step::Operand Program::operand_of(const NLNode &node, const NodeView &view) const {
     Step::Operand operand;
     operand.step = places_.at(view.node.get());
-    if (node.kind != NLNode::Rows)
+    if (node.kind == NLNode::Operation || node.kind == NLNode::Sum)
         operand.place = ElementMap(operand_shape(node), view.strides.data(), view.offset);
     return operand;
 }
@@ -84,14 +84,26 @@ Step Program::step_of(const NLNode &node) const {
     step.quadratic = &node.quadratic;
     if (node.kind == NLNode::Trees)
         step.trees = static_cast<PyObject *const *>(PyArray_DATA(as_array(node.trees)));
-    for (const NodeView &view : node.operands)
-        step.operands[step.operand_count++] = operand_of(node, view);
+    int64_t start = 0;
+    for (const NodeView &view : node.operands) {
+        step.operands.push_back(operand_of(node, view));
+        step.starts.push_back(start);
+        start += view.node->size;
+    }
     step.extent = flat::size_of(node.extents);
     step.ptr = node.ptr.data();
     step.source = node.source.data();
     step.coef = node.coef.data();
     step.constant_first = node.constant_first;
     return step;
+}
+
+Element Program::picked(const Element &element) const {
+    const Step &step = *element.step;
+    const int64_t number = step.source[element.index];
+    auto after = std::upper_bound(step.starts.begin(), step.starts.end(), number);
+    const auto k = static_cast<size_t>(after - step.starts.begin()) - 1;
+    return {&steps[static_cast<size_t>(step.operands[k].step)], number - step.starts[k]};
 }
 
 int32_t Program::add(const NLNode &root) {

@@ -52,13 +52,19 @@ struct Step {
     PyObject *const *trees = nullptr; // NULL among them: no summand; only where there is nothing above
     ModelObject *model = nullptr;
 
-    int operand_count = 0;
-    Operand operands[2];
-    int64_t extent = 1; // Sum: how many summands
+    std::vector<Operand> operands;
+    int64_t extent = 1;          // Sum: how many summands
+    std::vector<int64_t> starts; // Picked: of each operand its first number in `source`
 
     const int64_t *ptr = nullptr, *source = nullptr;
     const double *coef = nullptr;
     bool constant_first = false;
+};
+
+// One element of a step that is no Picked.
+struct Element {
+    const Step *step;
+    int64_t index;
 };
 
 class Program {
@@ -66,6 +72,23 @@ class Program {
     std::vector<Step> steps;
     // The step of a node, which is added with all that it is made of where it is not there yet.
     int32_t add(const NLNode &node);
+    Element at(int32_t step, int64_t index) const {
+        Element element{&steps[static_cast<size_t>(step)], index};
+        while (element.step->kind == NLNode::Picked)
+            element = picked(element);
+        return element;
+    }
+    // Operand k of an element of an Operation, summand j of one of a Sum.
+    Element operand(const Element &of, size_t k) const {
+        const Step::Operand &operand = of.step->operands[k];
+        return at(operand.step, operand.place(of.index));
+    }
+    Element summand(const Element &of, int64_t j) const {
+        const Step::Operand &operand = of.step->operands[0];
+        return at(operand.step, operand.place(of.index * of.step->extent + j));
+    }
+    // What term k of Rows multiplies.
+    Element source(const Step &rows, int64_t k) const { return at(rows.operands[0].step, rows.source[k]); }
     // Leaves without a node.
     int32_t add_linear(const flat::Form &form, ModelObject *model);
     int32_t add_quadratic(const flat::Form &linear, const flat::QuadForm &quadratic, ModelObject *model);
@@ -76,6 +99,7 @@ class Program {
         steps.push_back(std::move(step));
         return static_cast<int32_t>(steps.size()) - 1;
     }
+    Element picked(const Element &element) const;
     Step step_of(const NLNode &node) const;
     Step::Operand operand_of(const NLNode &node, const NodeView &view) const;
 
