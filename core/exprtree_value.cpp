@@ -5,7 +5,8 @@
 
 #include "term_lists.h"
 
-#include <cmath>
+#include "collaborators/operation_values.h"
+
 #include <unordered_map>
 
 namespace tarvopy::core {
@@ -63,63 +64,14 @@ class Steps {
     std::unordered_map<const ExprTreeObject *, int64_t> places_;
 };
 
-double logistic(double u) {
-    if (u >= 0)
-        return 1 / (1 + std::exp(-u));
-    double power = std::exp(u); // the other form overflows here
-    return power / (1 + power);
-}
-
-double function_value(TreeOp op, double u) {
-    switch (op) {
-    case TreeOp::Uminus:
-        return -u;
-    case TreeOp::Square:
-        return u * u;
-    case TreeOp::Sqrt:
-        return std::sqrt(u);
-    case TreeOp::Exp:
-        return std::exp(u);
-    case TreeOp::Log:
-        return std::log(u);
-    case TreeOp::Log2:
-        return std::log2(u);
-    case TreeOp::Log10:
-        return std::log10(u);
-    case TreeOp::Sin:
-        return std::sin(u);
-    case TreeOp::Cos:
-        return std::cos(u);
-    case TreeOp::Tan:
-        return std::tan(u);
-    case TreeOp::Tanh:
-        return std::tanh(u);
-    case TreeOp::Logistic:
-        return logistic(u);
-    default:
-        return std::fabs(u);
-    }
-}
-
 // args: the children's values, at least one.
-double operation_value(TreeOp op, std::span<const double> args) {
-    double left = args[0];
-    switch (op) {
-    case TreeOp::Plus:
-        for (double term : args.subspan(1))
-            left += term;
-        return left;
-    case TreeOp::Minus:
-        return left - args[1];
-    case TreeOp::Multiply:
-        return left * args[1];
-    case TreeOp::Divide:
-        return left / args[1];
-    case TreeOp::Pow:
-        return std::pow(left, args[1]);
-    default:
-        return function_value(op, left);
-    }
+double value_of_children(TreeOp op, std::span<const double> args) {
+    if (op != TreeOp::Plus)
+        return operation_value(op, args[0], args[args.size() - 1]);
+    double total = args[0];
+    for (double term : args.subspan(1))
+        total += term;
+    return total;
 }
 
 std::vector<double> values_of_variables(const std::vector<Step> &steps) {
@@ -142,7 +94,7 @@ double run(const Steps &steps) {
             stack.push_back(node->slots[0].number);
         } else {
             size_t left = stack.size() - static_cast<size_t>(node->child_count());
-            double value = operation_value(node->op, std::span(stack).subspan(left));
+            double value = value_of_children(node->op, std::span(stack).subspan(left));
             stack.resize(left + 1);
             stack[left] = value;
             if (place >= 0)

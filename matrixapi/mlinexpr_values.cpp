@@ -100,17 +100,24 @@ void add_values(TRVmodel *store, const flat::Summand &summand, double *values) {
     }
 }
 
-Ref value_of_form(const flat::Form &form, const Ref &model) {
-    Ref values = constants_array(form);
+} // namespace
+
+void add_linear_values(const flat::Form &form, const Ref &model, double *values) {
     if (form.nnz() == 0)
-        return values;
+        return;
     TRVmodel *store = mod.core->store(model.get());
     if (!store)
         throw PythonError{};
-    auto *to = static_cast<double *>(PyArray_DATA(as_array(values)));
     for (const flat::Summand &summand : form.summands)
         if (summand.nnz() > 0)
-            add_values(store, summand, to);
+            add_values(store, summand, values);
+}
+
+namespace {
+
+Ref value_of_form(const flat::Form &form, const Ref &model) {
+    Ref values = constants_array(form);
+    add_linear_values(form, model, static_cast<double *>(PyArray_DATA(as_array(values))));
     return values;
 }
 

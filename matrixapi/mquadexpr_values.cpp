@@ -116,6 +116,16 @@ void add_values(const flat::QuadSummand &summand, const Ref &model, double *valu
             values[row] += summand.coefficient(k) * first[static_cast<size_t>(k)] * second[static_cast<size_t>(k)];
 }
 
+} // namespace
+
+void add_quadratic_values(const flat::QuadForm &form, const Ref &model, double *values) {
+    for (const flat::QuadSummand &summand : form.summands)
+        if (summand.nnz() > 0)
+            add_values(summand, model, values);
+}
+
+namespace {
+
 // Parts over variables without common ids: every variable is asked.
 double elementwise_value(PyObject *expr) {
     Ref sum = elementwise_sum_of(quadparts(expr).get());
@@ -147,9 +157,7 @@ void add_full_values(PyObject *expr, double *values) {
     Ref model;
     if (!quad_value(expr, form, model, inner) || !is_zero(inner))
         return add_element_values(expr, values);
-    for (const flat::QuadSummand &summand : form.summands)
-        if (summand.nnz() > 0)
-            add_values(summand, model, values);
+    add_quadratic_values(form, model, values);
 }
 
 Ref value_of(PyObject *expr) {

@@ -101,8 +101,7 @@ Step Program::step_of(const NLNode &node) const {
 Element Program::picked(const Element &element) const {
     const Step &step = *element.step;
     const int64_t number = step.source[element.index];
-    auto after = std::upper_bound(step.starts.begin(), step.starts.end(), number);
-    const auto k = static_cast<size_t>(after - step.starts.begin()) - 1;
+    const size_t k = step.picked_operand(number);
     return {&steps[static_cast<size_t>(step.operands[k].step)], number - step.starts[k]};
 }
 

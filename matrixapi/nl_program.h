@@ -10,6 +10,7 @@
 
 #include "matrixapi/nlnode.h"
 
+#include <algorithm>
 #include <unordered_map>
 
 namespace tarvopy {
@@ -59,6 +60,11 @@ struct Step {
     const int64_t *ptr = nullptr, *source = nullptr;
     const double *coef = nullptr;
     bool constant_first = false;
+
+    // Which operand of Picked has an element of this number.
+    size_t picked_operand(int64_t number) const {
+        return static_cast<size_t>(std::upper_bound(starts.begin(), starts.end(), number) - starts.begin()) - 1;
+    }
 };
 
 // One element of a step that is no Picked.
