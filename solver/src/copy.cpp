@@ -130,7 +130,7 @@ void copynlrows(const TRVmodel &from, TRVmodel &to) {
     rows.var = var.data();
     rows.code = code.data();
     const NameList names(from.nlrows.ids, from.nlrows.names);
-    to.nlrows.add(to.columns, to.tapeuses, n, rows, &kMinusNone, 0, &kNone, 0, names.get());
+    to.nlrows.add(to.columns, to.uses, n, rows, &kMinusNone, 0, &kNone, 0, names.get());
     overwrite(to.nlrows.lower, from.nlrows.lower, n);
     overwrite(to.nlrows.upper, from.nlrows.upper, n);
 }
