@@ -25,6 +25,7 @@ from tarvopy import _modelapi
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
 from tarvopy.engines.base import NAN, Outcome, Progress
+from tarvopy.engines.scip_general import GeneralConstraints, not_binary
 from tarvopy.engines.scip_log import ScipLog, memory_folder
 from tarvopy.engines.worker import Worker
 
@@ -99,7 +100,7 @@ class ScipEngine:
         if endless.any():
             name = problem.var_name(int(endless.nonzero()[0][0]))
             return f"the semi-continuous variable {name!r} needs finite bounds"
-        return _endless_side(problem)
+        return _endless_side(problem) or (not_binary(problem) if problem.ngens else None)
 
     # ---- the model
 
@@ -115,6 +116,8 @@ class ScipEngine:
         if problem.objconstant:
             model.addObjoffset(problem.objconstant)
         self._map_variables(position)
+        if problem.ngens:
+            self._add_general(problem)
         self._counts = {
             "vars": model.getNVars(False),
             "rows": model.getNConss(False),
@@ -131,6 +134,12 @@ class ScipEngine:
         kept = where >= 0
         self._positions = where[kept]
         self._variables = [v for v, keep in zip(variables, kept.tolist(), strict=True) if keep]
+
+    def _add_general(self, problem: Problem) -> None:
+        variables = [None] * problem.nvars
+        for position, variable in zip(self._positions.tolist(), self._variables, strict=True):
+            variables[position] = variable
+        GeneralConstraints(self._package, self._model, problem, variables).add(problem.gens())
 
     def change(self, problem: Problem, changes: Changes) -> bool:
         """Always anew: SCIP presolves again in any case, and the start lies in the file."""
