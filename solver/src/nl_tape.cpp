@@ -2,6 +2,9 @@
 #include "nl_tape.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
 #include <limits>
 #include <numbers>
 
@@ -14,6 +17,7 @@ namespace {
 constexpr std::int32_t kDeepest = 5000;
 // A tangent writes its operand twice, nested ones twice as often each.
 constexpr std::int32_t kMostTangents = 8;
+constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 
 // The file's codes.
 enum Code : std::int32_t {
@@ -80,6 +84,12 @@ int operation_at(const store::Tape &tape, std::int32_t entry) {
     return code >= 0 ? -1 : store::operationof(code);
 }
 
+std::string digits(double value) {
+    std::array<char, 32> text;
+    const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), value);
+    return {text.data(), end};
+}
+
 bool is_sum(int operation) {
     return operation == TRV_NL_SUM || operation == TRV_NL_MINUS;
 }
@@ -90,20 +100,21 @@ bool is_sum(int operation) {
 
 void NlTape::survey(const store::Tape &tape) {
     parts_.resize(static_cast<std::size_t>(tape.n));
-    std::int32_t constants = 0;
+    broken_base_ = 1;
+    const double *constant = tape.constant;
     for (std::int32_t k = 0; k < static_cast<std::int32_t>(tape.n); ++k) {
         const int operation = operation_at(tape, k);
         if (operation > TRV_NL_CONSTANT) {
             survey_operation(tape, k);
         } else {
-            parts_[static_cast<std::size_t>(k)] = {k, 1, operation < 0 ? 0 : constants++, 0};
+            parts_[static_cast<std::size_t>(k)] = {k, 1, 1, 0, operation < 0 ? kUnknown : *constant++};
         }
     }
 }
 
 void NlTape::survey_operation(const store::Tape &tape, std::int32_t entry) {
     const int operation = operation_at(tape, entry);
-    Part part{entry, 0, 0, 0};
+    Part part{entry, 0, 0, 0, kUnknown};
     const std::int32_t operands = store::operandsof(tape.code[entry]);
     for (std::int32_t i = operands, at = entry - 1; i > 0; --i) {
         const Part &operand = parts_[static_cast<std::size_t>(at)];
@@ -115,11 +126,35 @@ void NlTape::survey_operation(const store::Tape &tape, std::int32_t entry) {
         at = operand.first - 1;
     }
     part.tangents += operation == TRV_NL_TAN;
+    fold(operation, entry, part);
     parts_[static_cast<std::size_t>(entry)] = part;
 }
 
+// What the parts that end before the entry make of it where they are constant.
+void NlTape::fold(int operation, std::int32_t entry, Part &part) {
+    const auto known = [](const Part &operand) { return !std::isnan(operand.value); };
+    const Part &last = parts_[static_cast<std::size_t>(entry - 1)];
+    double value = last.value;
+    if (operation == TRV_NL_SUM) {
+        for (std::int32_t at = last.first - 1; at >= part.first; at = parts_[static_cast<std::size_t>(at)].first - 1) {
+            value += parts_[static_cast<std::size_t>(at)].value;
+        }
+    } else if (last.first > part.first) {
+        const Part &left = parts_[static_cast<std::size_t>(last.first - 1)];
+        value = known(left) && known(last) ? store::operate(operation, left.value, last.value) : kUnknown;
+        if (operation == TRV_NL_POW && left.value <= 0 && !known(last)) {
+            broken_base_ = left.value;
+        }
+    } else {
+        value = known(last) ? store::operate(operation, last.value, 0) : kUnknown;
+    }
+    if (std::isfinite(value)) {
+        part = {part.first, 1, 1, 0, value};
+    }
+}
+
 bool NlTape::falls_apart(const store::Tape &tape, std::int32_t entry) const {
-    return is_sum(operation_at(tape, entry));
+    return is_sum(operation_at(tape, entry)) && std::isnan(parts_[static_cast<std::size_t>(entry)].value);
 }
 
 std::string NlTape::refusal(const store::Tape &tape) {
@@ -138,6 +173,10 @@ std::string NlTape::refusal(const store::Tape &tape) {
     if (whole.tangents > kMostTangents) {
         return joined("has ", std::to_string(whole.tangents), " tangents in each other; a .nl file takes ",
                       std::to_string(kMostTangents));
+    }
+    if (broken_base_ <= 0) {
+        return joined("raises the number ", digits(broken_base_),
+                      " to a power with variables; the reader of a .nl file takes positive numbers there");
     }
     return {};
 }
@@ -175,8 +214,8 @@ void NlTape::put_part(NlStream &out, const store::Tape &tape, std::int32_t entry
     const int operation = operation_at(tape, entry);
     if (operation < 0) {
         out.variable(place_[static_cast<std::size_t>(tape.code[entry])]);
-    } else if (operation == TRV_NL_CONSTANT) {
-        out.number(tape.constant[parts_[static_cast<std::size_t>(entry)].summands]);
+    } else if (const double value = parts_[static_cast<std::size_t>(entry)].value; !std::isnan(value)) {
+        out.number(value);
     } else if (is_sum(operation)) {
         put_sum(out, tape, entry, false);
     } else {

@@ -5,6 +5,7 @@
 //     tape.put(out, row)               CONSTANT x MULTIPLY  ->  o2 n2.5 v0
 //
 // Readers know no log2, tan, tanh and logistic: these are written through logarithm, sine and cosine, and exponential.
+// Parts made of constants alone become one number: readers know a power by its exponent being one.
 // Sums and differences inside of sums become one long sum, since a sum that was built term by term would nest as deep
 // as it is long, and readers recurse.
 #ifndef TARVO_NL_TAPE_H
@@ -30,9 +31,11 @@ class NlTape {
 
   private:
     // What is known of the expression that ends with an entry: where it begins, how deep it nests in the file, in how
-    // many summands it falls apart inside of a sum, and how deep tangents nest. A constant's number is in `summands`.
+    // many summands it falls apart inside of a sum, and how deep tangents nest; its value where it is made of constants
+    // alone, else NaN.
     struct Part {
         std::int32_t first, depth, summands, tangents;
+        double value;
     };
     // What is still to be written.
     struct Item {
@@ -43,6 +46,7 @@ class NlTape {
 
     void survey(const store::Tape &tape);
     void survey_operation(const store::Tape &tape, std::int32_t entry);
+    void fold(int operation, std::int32_t entry, Part &part);
     void put_part(NlStream &out, const store::Tape &tape, std::int32_t entry);
     void put_operation(NlStream &out, std::int32_t entry, int operation);
     void put_sum(NlStream &out, const store::Tape &tape, std::int32_t entry, bool inside);
@@ -53,6 +57,7 @@ class NlTape {
     const std::vector<std::int32_t> &place_;
     std::vector<Part> parts_;
     std::vector<Item> items_;
+    double broken_base_ = 1; // of a power that no reader takes; 1 where there is none
 };
 
 } // namespace trv

@@ -179,8 +179,9 @@ class ScipEngine:
             "randomization/randomseedshift": params.Seed,
             "lp/threads": min(params.Threads, 64),
             # SCIP 10.0.2 fixes variables by wrong signs of quadratic rows with products of binaries, and calls what
-            # is left optimal (one in 2500 random integer models).
-            "misc/allowstrongdualreds": not problem.nintegral,
+            # is left optimal (one in 2500 random integer models). In nonlinear models it fixes a variable at a bound
+            # where a logarithm, a root or a broken power is not defined, and ends with "optimal" elsewhere or "unknown".
+            "misc/allowstrongdualreds": not (problem.nintegral or problem.is_nonlinear),
         }
         self._model.resetParams()
         self._model.setParam("misc/catchctrlc", False)

@@ -25,7 +25,8 @@ from __future__ import annotations
 
 import math
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Any
+from itertools import pairwise
+from typing import TYPE_CHECKING, Any, ClassVar
 
 if TYPE_CHECKING:
     from collections.abc import Iterator
@@ -159,7 +160,7 @@ class GeneralConstraints:
             along[phases[-1][0]], up[phases[-1][0]] = -width, -height
         self._add_row(Linear(x.constant - x0, along), 0.0, 0.0)
         self._add_row(Linear(y.constant - y0, up), 0.0, 0.0)
-        for (before, left_ray), (after, right_ray) in zip(phases, phases[1:], strict=False):
+        for (before, left_ray), (after, right_ray) in pairwise(phases):
             switch = self._new("B", 0.0, 1.0)
             if left_ray:
                 self._implies(switch, 1, Linear(0.0, {before: 1.0}), 0.0)
@@ -240,7 +241,7 @@ class GeneralConstraints:
         one, other = sorted(((low - result.constant) / a, (high - result.constant) / a))
         self._lb[j], self._ub[j] = max(self._lb[j], one), min(self._ub[j], other)
 
-    _ADD = {
+    _ADD: ClassVar = {
         MAX: _add_max,
         MIN: _add_min,
         ABS: _add_abs,
@@ -314,7 +315,7 @@ class _Curve:
         """(width, height, whether it is a ray) from left to right, seen from the first point."""
         if self.has_left_ray:
             yield -1.0, -self.left_slope, True
-        for (x, y), (next_x, next_y) in zip(self.points, self.points[1:], strict=False):
+        for (x, y), (next_x, next_y) in pairwise(self.points):
             yield next_x - x, next_y - y, False
         if self.has_right_ray:
             yield 1.0, self.right_slope, True
