@@ -179,8 +179,8 @@ class ScipEngine:
             "randomization/randomseedshift": params.Seed,
             "lp/threads": min(params.Threads, 64),
             # SCIP 10.0.2 fixes variables by wrong signs of quadratic rows with products of binaries, and calls what
-            # is left optimal (one in 2500 random integer models). In nonlinear models it fixes a variable at a bound
-            # where a logarithm, a root or a broken power is not defined, and ends with "optimal" elsewhere or "unknown".
+            # is left optimal (one in 2500 random integer models). In nonlinear models it fixes variables at bounds
+            # where a logarithm, a root or a broken power is not defined, and calls points elsewhere optimal.
             "misc/allowstrongdualreds": not (problem.nintegral or problem.is_nonlinear),
         }
         self._model.resetParams()
