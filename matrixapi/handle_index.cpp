@@ -65,14 +65,20 @@ void keep_axes(Cut &cut, const Layout &layout, int from, int to) {
 
 bool cut_by(Cut &cut, const Layout &layout, std::span<PyObject *const> keys) {
     auto ellipses = std::count(keys.begin(), keys.end(), Py_Ellipsis);
-    int given = static_cast<int>(keys.size()) - static_cast<int>(ellipses);
-    if (ellipses > 1 || given > layout.ndim())
+    auto added = std::count(keys.begin(), keys.end(), Py_None);
+    int given = static_cast<int>(keys.size()) - static_cast<int>(ellipses + added);
+    if (ellipses > 1 || given > layout.ndim() || layout.ndim() + added > NPY_MAXDIMS)
         return false;
     int d = 0;
     for (PyObject *key : keys) {
         if (key == Py_Ellipsis) {
             keep_axes(cut, layout, d, d + layout.ndim() - given);
             d += layout.ndim() - given;
+            continue;
+        }
+        if (key == Py_None) {
+            cut.axes[cut.ndim++] = {1, 0};
+            cut.only_ints = false;
             continue;
         }
         Axis axis{layout.shape()[d], layout.strides()[d]};
@@ -88,26 +94,34 @@ bool cut_by(Cut &cut, const Layout &layout, std::span<PyObject *const> keys) {
 
 } // namespace
 
-Ref basic_index(const IdsNative &native, PyObject *key) {
+bool basic_cut(const Layout &layout, PyObject *key, Layout &part, bool &element) {
     Cut cut;
-    cut.offset = native.layout.offset;
+    cut.offset = layout.offset;
     auto keys = PyTuple_CheckExact(key) ? std::span<PyObject *const>(reinterpret_cast<PyTupleObject *>(key)->ob_item,
                                                                      static_cast<size_t>(PyTuple_GET_SIZE(key)))
                                         : std::span<PyObject *const>(&key, 1);
-    if (!native.block || !cut_by(cut, native.layout, keys))
+    if (!cut_by(cut, layout, keys))
+        return false;
+    element = cut.ndim == 0 && cut.only_ints;
+    part = Layout(cut.ndim);
+    for (int d = 0; d < cut.ndim; ++d) {
+        part.shape()[d] = cut.axes[d].extent;
+        part.strides()[d] = cut.axes[d].stride;
+    }
+    part.offset = cut.offset;
+    return true;
+}
+
+Ref basic_index(const IdsNative &native, PyObject *key) {
+    Layout part;
+    bool element = false;
+    if (!native.block || !basic_cut(native.layout, key, part, element))
         return Ref();
     PyObject *cls = native.of.class_object();
-    if (cut.ndim == 0 && cut.only_ints) {
-        auto id = flat::Buffer<int32_t>::copy_of(native.block->ids.data() + cut.offset, 1);
-        return new_handle(native.of, cls, native.model, BlockRef(std::move(id)), Layout(0));
-    }
-    Layout layout(cut.ndim);
-    for (int d = 0; d < cut.ndim; ++d) {
-        layout.shape()[d] = cut.axes[d].extent;
-        layout.strides()[d] = cut.axes[d].stride;
-    }
-    layout.offset = cut.offset;
-    return new_handle(native.of, cls, native.model, native.block, std::move(layout));
+    if (!element)
+        return new_handle(native.of, cls, native.model, native.block, std::move(part));
+    auto id = flat::Buffer<int32_t>::copy_of(native.block->ids.data() + part.offset, 1);
+    return new_handle(native.of, cls, native.model, BlockRef(std::move(id)), Layout(0));
 }
 
 namespace {

@@ -27,6 +27,8 @@ using pysupport::Ref;
     X(_qearr)                                                                                                          \
     X(_quadparts)                                                                                                      \
     X(_ndle)                                                                                                           \
+    X(_nlearr)                                                                                                         \
+    X(_root)                                                                                                           \
     X(_keep_compact)                                                                                                   \
     X(_attrtype)                                                                                                       \
     X(_colno)                                                                                                          \

@@ -36,11 +36,12 @@ Ref array_text(const Ref &array) {
     return text;
 }
 
-// "array([ ..., dtype=object)" without the part from its last comma on.
+// "array([ ..., dtype=object)" without the part from its last comma on; without a comma (an array of another dtype,
+// which somebody stored) its last character goes.
 Ref without_dtype(const Ref &text) {
     Py_ssize_t length = PyUnicode_GET_LENGTH(text.get());
     Py_ssize_t comma = check_value(PyUnicode_FindChar(text.get(), ',', 0, length, -1));
-    return comma < 0 ? text : check(PyUnicode_Substring(text.get(), 0, comma));
+    return check(PyUnicode_Substring(text.get(), 0, comma < 0 ? length - 1 : comma));
 }
 
 } // namespace
