@@ -111,23 +111,6 @@ def test_what_no_rule_lists_is_left_to_the_other_operand(x):
             use()
 
 
-def test_nonlinear_operations_are_refused_for_now(x):
-    uses = [
-        lambda: x**3,
-        lambda: 2**x,
-        lambda: 1 / x,
-    ]
-    for use in [
-        *uses,
-        lambda: x.nl,
-        lambda: np.ones((2, 2)) / x,
-        lambda: sp.eye_array(2) / x,
-        lambda: np.float64(2) ** x,
-    ]:
-        with pytest.raises(NotImplementedError):
-            use()
-
-
 def test_a_product_with_numbers_makes_no_variable(model):
     x = model.addMVar((30, 40))
     before = _debug.counts()
