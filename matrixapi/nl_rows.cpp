@@ -9,7 +9,7 @@
 #include "matrixapi/rows.h"
 
 #include "matrixapi/mlinexpr.h"
-#include "matrixapi/mlinexpr_operators.h"
+#include "matrixapi/mnlexpr.h"
 #include "matrixapi/nl_node_tapes.h"
 #include "matrixapi/operands.h"
 #include "matrixapi/row_sides.h"
@@ -33,6 +33,7 @@ struct NonlinearSide {
 
     // What the elements are beside their constants, one of the three, and where element i of the shape stands there.
     QuadSide lower;                // up to degree two
+    NodeRef node;                  // of an array of nonlinear expressions
     std::vector<PyObject *> trees; // of scalar objects; NULL where an element is a number
     std::vector<int64_t> strides;
     int64_t offset = 0;
@@ -93,6 +94,16 @@ NonlinearSide lower_side(PyObject *object) {
     return side;
 }
 
+NonlinearSide expression_side(PyObject *expr) {
+    NonlinearSide side;
+    NodeView view;
+    nonlinear_operand(expr, Operand::MNLExpr, view, side.shape);
+    side.node = std::move(view.node);
+    side.strides = std::move(view.strides);
+    side.offset = view.offset;
+    return side;
+}
+
 bool holds_nlexpr(PyObject *array) {
     if (PyArray_TYPE(as_array(array)) != NPY_OBJECT)
         return false;
@@ -107,7 +118,7 @@ NonlinearSide side_of(PyObject *object) {
     case Operand::NLExpr:
         return tree_side(object);
     case Operand::MNLExpr:
-        nonlinear_later();
+        return expression_side(object);
     case Operand::Array:
         return holds_nlexpr(object) ? element_side(plain_array(object).get()) : lower_side(object);
     case Operand::Other:
@@ -142,6 +153,8 @@ struct SideRows {
 
   private:
     int32_t step_in(Program &program) const {
+        if (side.node)
+            return program.add(*side.node);
         if (!side.trees.empty())
             return program.add_trees(side.trees.data(), static_cast<int64_t>(side.trees.size()));
         const auto &[linear, quadratic] = side.lower;
