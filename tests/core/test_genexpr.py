@@ -21,7 +21,7 @@ def test_text_shows_the_call():
     assert repr(genfunc.abs(X)) == "<GenExpr: abs(C0)>"
     assert str(genfunc.pwl(X, [0, 1], [0, 2])) == "pwl(C0, [0.0, 1.0], [0.0, 2.0])"
     assert str(GenExpr("min", (np.ones((2, 3)),), (0, 1))) == "min(<ndarray (2, 3)>, axis=(0, 1))"
-    assert str(genfunc.indicator(X, True, Y <= 2)) == "indicator(C0, 1, <TempConstr: C1 <= 2>)"
+    assert str(genfunc.indicator(X, 1, Y <= 2)) == "indicator(C0, 1, <TempConstr: C1 <= 2>)"
 
 
 @pytest.mark.parametrize("other", [X, X + Y, 3.0, np.float64(3), np.array([1.0, 2]), np.array([X, Y])])
