@@ -161,7 +161,7 @@ def check_elementwise(m, draw):
         return
     handle = m.addConstr(equation)
     assert np.allclose(values(m, point), broadcast_rows(side_value, *map(np.asarray, numbers)))
-    scalar = not any(hasattr(operand, "shape") for operand in (side, *args))
+    scalar = all(np.isscalar(operand) or not hasattr(operand, "shape") for operand in (side, *args))
     assert (type(handle) is GenConstr) == scalar
     assert getattr(handle, "shape", ()) == shape
 
