@@ -7,6 +7,7 @@
 
 #include "matrixapi/handle.h"
 #include "matrixapi/mlinexpr.h"
+#include "matrixapi/mnlexpr.h"
 #include "matrixapi/mquadexpr_operators.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
@@ -215,6 +216,47 @@ Ref join_quadratic(const Routine &routine, Members members) {
     return make_quad_flat(mod.MQuadExpr, flat::gathered(all, joined.at(), joined.shape()), std::move(ndle), model);
 }
 
+// ---- nonlinear expressions
+
+Ref numpy_object_array(const Ref &object) {
+    need_numpy();
+    return check(PyArray_FromAny(object.get(), PyArray_DescrFromType(NPY_OBJECT), 0, 0,
+                                 NPY_ARRAY_CARRAY | NPY_ARRAY_ENSUREARRAY, nullptr));
+}
+
+// By a stranger's routine, which gets to see the trees.
+Ref join_trees(const Routine &routine, Members members) {
+    Ref coerce = check(PyObject_GetAttr(mod.MNLExpr, names._coerce_to_exprtree_array));
+    Ref arrays = list_of(members, [&](PyObject *member) { return check(PyObject_CallOneArg(coerce.get(), member)); });
+    Ref trees = numpy_object_array(routine(arrays));
+    npy_intp n = PyArray_SIZE(as_array(trees));
+    Ref joined = check(PyArray_SimpleNew(PyArray_NDIM(as_array(trees)), PyArray_DIMS(as_array(trees)), NPY_OBJECT));
+    auto **tree = static_cast<PyObject **>(PyArray_DATA(as_array(trees)));
+    auto **element = static_cast<PyObject **>(PyArray_DATA(as_array(joined)));
+    for (npy_intp i = 0; i < n; ++i)
+        Py_XSETREF(element[i], check(mod.core->nlexpr_new(tree[i] ? tree[i] : Py_None)).release());
+    return wrap_nlexprs(mod.MNLExpr, std::move(joined));
+}
+
+// One node, whose elements are picked from the members' nodes: no tree is made.
+Ref join_nonlinear(const Routine &routine, Members members) {
+    if (!routine.of_numpy)
+        return join_trees(routine, members);
+    std::vector<NodeRef> nodes;
+    std::vector<flat::Shape> shapes;
+    for (PyObject *member : members) {
+        NodeView view;
+        flat::Shape shape;
+        nonlinear_operand(member, kind_of(member), view, shape);
+        nodes.push_back(node_of(view, shape));
+        shapes.push_back(std::move(shape));
+    }
+    Positions joined = join_positions(routine, shapes);
+    flat::Shape shape = joined.shape();
+    auto source = flat::Buffer<int64_t>::copy_of(joined.at(), flat::size_of(shape));
+    return make_mnlexpr(mod.MNLExpr, picked_node(std::move(shape), std::move(source), std::move(nodes)));
+}
+
 // ---- the rule
 
 bool all_up_to(Members members, std::initializer_list<PyObject *> classes) {
@@ -235,7 +277,7 @@ Ref join(const Routine &routine, Members members) {
     if (all_up_to(members, {mod.MQuadExpr}))
         return join_quadratic(routine, members);
     if (all_up_to(members, {mod.MQuadExpr, mod.MNLExpr}))
-        fail(PyExc_NotImplementedError, "joining nonlinear matrix expressions is not supported yet");
+        return join_nonlinear(routine, members);
     fail(PyExc_ValueError, "Invalid types for array manipulation routine");
 }
 

@@ -2,11 +2,13 @@
 //
 //   A @ x + b          compact stays compact: the parts are joined, the constants added
 //   x + y  (2-d)       two flat summands that share the ids of x and y
+//   e + nlfunc.exp(x)  nonlinear: handed over to that class
 //   e += x[0]          compact: one more part, a column of ones; full: one more summand, or the LinExpr objects grow
 //
 // Subtraction adds the operand times -1: `factor` goes through all of it. Every function checks first and changes then.
 #include "mlinexpr_operators.h"
 
+#include "matrixapi/mnlexpr.h"
 #include "methods.h"
 #include "mquadexpr_operators.h"
 #include "names.h"
@@ -320,13 +322,6 @@ bool is_linear_operand(Operand kind) {
            kind == Operand::Array || kind == Operand::Sparse || kind == Operand::Scalar;
 }
 
-bool is_quadratic_operand(Operand kind) {
-    return kind == Operand::MQuadExpr || kind == Operand::QuadExpr;
-}
-bool is_nonlinear_operand(Operand kind) {
-    return kind == Operand::MNLExpr || kind == Operand::NLExpr;
-}
-
 Ref add_quadratic(PyObject *self, PyObject *other, Operand kind, double factor) {
     Ref sum = quad_from_mlinexpr(mod.MQuadExpr, self);
     Ref operand = kind == Operand::QuadExpr ? quad_from_quadexpr(mod.MQuadExpr, other) : Ref::borrow(other);
@@ -370,7 +365,7 @@ Ref add(PyObject *self, PyObject *given, double factor) {
     Ref held = kind == Operand::Scalar ? plain_scalar(given) : Ref::borrow(given);
     PyObject *other = held.get();
     if (is_nonlinear_operand(kind))
-        nonlinear_later();
+        return nonlinear_operation(factor > 0 ? TreeOp::Plus : TreeOp::Minus, self, given);
     if (is_quadratic_operand(kind))
         return add_quadratic(self, given, kind, factor);
     if (!is_linear_operand(kind))
@@ -389,20 +384,24 @@ namespace {
 Ref plus(PyObject *self, PyObject *other) {
     return add(self, other, 1.0);
 }
+Ref reflected_plus(PyObject *self, PyObject *other) {
+    return is_nonlinear_operand(kind_of(other)) ? nonlinear_operation(TreeOp::Plus, other, self)
+                                                : add(self, other, 1.0);
+}
 Ref minus(PyObject *self, PyObject *other) {
     return add(self, other, -1.0);
 }
 Ref reflected_minus(PyObject *self, PyObject *other) {
-    if (kind_of(other) == Operand::Other)
+    Operand kind = kind_of(other);
+    if (kind == Operand::Other)
         return Ref::borrow(Py_NotImplemented);
+    if (is_nonlinear_operand(kind))
+        return nonlinear_operation(TreeOp::Minus, other, self);
     return add(scaled(self, -1.0).get(), other, 1.0);
 }
 
 Ref in_place(PyObject *self, PyObject *other, double factor) {
-    Operand kind = kind_of(other);
-    if (is_nonlinear_operand(kind))
-        nonlinear_later();
-    // Not for quadratic operands: Python then forms the sum, which is another object.
+    // Not for quadratic and nonlinear operands: Python then forms the sum, which is another object.
     return Ref::borrow(iadd(self, other, factor) ? self : Py_NotImplemented);
 }
 Ref plus_in_place(PyObject *self, PyObject *other) {
@@ -418,7 +417,7 @@ std::span<Member> addition_members() {
     static Member members[] = {
         operator_of<"__add__", plus>(
             "__add__($self, other)\n--\n\nSum with numbers, variables or expressions, by NumPy's broadcasting."),
-        operator_of<"__radd__", plus>("__radd__($self, other)\n--\n\nAs __add__."),
+        operator_of<"__radd__", reflected_plus>("__radd__($self, other)\n--\n\nAs __add__."),
         operator_of<"__iadd__", plus_in_place>(
             "__iadd__($self, other)\n--\n\nAdd in place; the shape stays. On failure nothing has changed."),
         operator_of<"__sub__", minus>("__sub__($self, other)\n--\n\nself + (-1.0 * other)"),

@@ -2,10 +2,11 @@
 //
 //   2.0 * e        compact stays compact: the coefficients of the joined part and the constant are scaled
 //   e * C          row i times C's element i, by NumPy's broadcasting
-//   e * x, e ** 2  quadratic; e / x, 2 ** e  nonlinear: handed over to those classes
+//   e * x, e ** 2  quadratic; e / x, e ** 3, 2 ** e  nonlinear: handed over to those classes
 #include "mlinexpr_operators.h"
 
 #include "matrixapi/methods.h"
+#include "matrixapi/mnlexpr.h"
 #include "matrixapi/mquadexpr.h"
 #include "names.h"
 
@@ -192,7 +193,7 @@ Ref divide(PyObject *self, PyObject *other) {
         return not_implemented();
     Ref factor = inverse_of(other, kind);
     if (!factor)
-        nonlinear_later();
+        return nonlinear_operation(TreeOp::Divide, self, other);
     return multiply(self, factor.get());
 }
 
@@ -209,46 +210,58 @@ Ref constant_one(const flat::Shape &shape) {
     return add(ones.get(), number_array(1.0).get(), 1.0);
 }
 
-Ref numeric_power(PyObject *self, double exponent, const flat::Shape &shape) {
+// `other` is the exponent as it was given; the result has the broadcast shape.
+Ref numeric_power(PyObject *self, double exponent, PyObject *other, const flat::Shape &shape) {
     if (exponent == 0.0)
         return constant_one(shape);
     if (exponent == 1.0)
         return broadcast_copy(self, shape);
     if (exponent != 2.0)
-        nonlinear_later();
+        return nonlinear_operation(TreeOp::Pow, self, other);
     Ref base = broadcast_copy(self, shape);
     return quadratic_product(base.get(), base.get());
+}
+
+// An array of one element means that element.
+Ref power_of_single(PyObject *self, PyObject *array) {
+    Ref element = check(PyObject_CallMethodNoArgs(array, names.item));
+    Operand kind = kind_of(element.get());
+    if (kind == Operand::Scalar)
+        return numeric_power(self, number(element.get()), array,
+                             broadcast_shapes(shape_of(self), shape_of_array(array)));
+    bool takes = kind != Operand::Other && kind != Operand::Array && kind != Operand::Sparse;
+    return takes ? nonlinear_operation(TreeOp::Pow, self, element.get()) : not_implemented();
 }
 
 Ref power(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
     if (kind == Operand::Other || kind == Operand::Sparse)
         return not_implemented();
-    flat::Shape shape = shape_of(self);
     if (kind == Operand::Scalar)
-        return numeric_power(self, number(other), shape);
-    if (kind != Operand::Array)
-        nonlinear_later();
-    shape = broadcast_shapes(shape, shape_of_array(other));
-    Ref numbers = as_doubles(other);
-    if (!numbers || PyArray_SIZE(as_array(numbers)) != 1)
-        nonlinear_later();
-    return numeric_power(self, *doubles(numbers), shape);
+        return numeric_power(self, number(other), other, shape_of(self));
+    if (kind == Operand::Array && PyArray_SIZE(as_array(other)) == 1)
+        return power_of_single(self, other);
+    return nonlinear_operation(TreeOp::Pow, self, other);
 }
 
 // ---- members
 
-Ref reflected_division(PyObject *, PyObject *other) {
-    if (kind_of(other) == Operand::Other)
-        return not_implemented();
-    nonlinear_later();
+// In the order of the factors where trees tell it.
+Ref reflected_multiply(PyObject *self, PyObject *other) {
+    Operand kind = kind_of(other);
+    return is_quadratic_operand(kind) || is_nonlinear_operand(kind) ? nonlinear_operation(TreeOp::Multiply, other, self)
+                                                                    : multiply(self, other);
 }
 
-Ref reflected_power(PyObject *, PyObject *other) {
+Ref reflected_division(PyObject *self, PyObject *other) {
+    return kind_of(other) == Operand::Other ? not_implemented() : nonlinear_operation(TreeOp::Divide, other, self);
+}
+
+Ref reflected_power(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
     if (kind == Operand::Other || kind == Operand::Sparse)
         return not_implemented();
-    nonlinear_later();
+    return nonlinear_operation(TreeOp::Pow, other, self);
 }
 
 Ref idivide(PyObject *self, PyObject *other) {
@@ -307,7 +320,7 @@ Ref multiply(PyObject *self, PyObject *other) {
     case Operand::Other:
         return not_implemented();
     default:
-        nonlinear_later();
+        return nonlinear_operation(TreeOp::Multiply, self, other);
     }
 }
 
@@ -324,7 +337,7 @@ Ref inverse_of(PyObject *other, Operand kind) {
 std::span<Member> multiplication_members() {
     static Member members[] = {
         operator_of<"__mul__", multiply>("__mul__($self, other)\n--\n\nElement-wise product, by NumPy's broadcasting."),
-        operator_of<"__rmul__", multiply>("__rmul__($self, other)\n--\n\nAs __mul__."),
+        operator_of<"__rmul__", reflected_multiply>("__rmul__($self, other)\n--\n\nAs __mul__."),
         operator_of<"__imul__", imul>(
             "__imul__($self, other)\n--\n\nMultiply by numbers in place; the shape stays. On failure nothing has "
             "changed."),

@@ -134,7 +134,7 @@ Ref polynomial_elements(Ref result) {
     auto **first = static_cast<PyObject **>(PyArray_DATA(as_array(objects)));
     for (npy_intp i = 0; i < PyArray_SIZE(as_array(objects)); ++i)
         if (first[i] && Py_TYPE(first[i]) == mod.core->NLExpr)
-            nonlinear_later();
+            fail(PyExc_TypeError, "elements of an object array are nonlinear: give the array as MNLExpr(array)");
     return elements;
 }
 

@@ -6,6 +6,7 @@
 #include "product_plan.h"
 
 #include "flat_product.h"
+#include "matrixapi/mnlexpr.h"
 #include "matrixapi/mquadexpr.h"
 #include "names.h"
 #include "pysupport/args.h"
@@ -106,7 +107,7 @@ Ref product(PyObject *self, PyObject *other, Side side) {
         return side == Side::Right ? quadratic_matrix_product(self, other) : quadratic_matrix_product(other, self);
     case Operand::MQuadExpr:
     case Operand::MNLExpr:
-        nonlinear_later();
+        return side == Side::Right ? nonlinear_matrix_product(self, other) : nonlinear_matrix_product(other, self);
     default:
         return Ref::borrow(Py_NotImplemented);
     }
@@ -135,7 +136,7 @@ std::span<Member> product_members() {
         method(
             "__matmul__", mlinexpr_product<Side::Right>,
             "__matmul__($self, other)\n--\n\nMatrix product by NumPy's rules: with numbers linear, with variables and "
-            "expressions quadratic."),
+            "linear expressions quadratic, with others nonlinear."),
         method("__rmatmul__", mlinexpr_product<Side::Left>,
                "__rmatmul__($self, other)\n--\n\nother @ self, as __matmul__."),
     };

@@ -5,6 +5,7 @@
 //   q += r                compact: one more part; full: the form grows, or the QuadExpr objects do
 //
 // Subtraction adds the operand times -1. Everything is checked and read before anything changes.
+#include "matrixapi/mnlexpr.h"
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mquadexpr_operators.h"
 #include "matrixapi/mvar.h"
@@ -259,7 +260,7 @@ Ref quad_add(PyObject *self, PyObject *other, double factor) {
         return add_quadratics(self, quad_from_quadexpr(mod.MQuadExpr, other).get(), factor);
     case Operand::MNLExpr:
     case Operand::NLExpr:
-        nonlinear_later();
+        return nonlinear_operation(factor > 0 ? TreeOp::Plus : TreeOp::Minus, self, other);
     default:
         return Ref::borrow(Py_NotImplemented);
     }
@@ -282,11 +283,8 @@ bool quad_iadd(PyObject *self, PyObject *other, double factor) {
     case Operand::QuadExpr:
         iadd_quadratics(self, quad_from_quadexpr(mod.MQuadExpr, other).get(), factor);
         return true;
-    case Operand::MNLExpr:
-    case Operand::NLExpr:
-        nonlinear_later();
     default:
-        return false;
+        return false; // nonlinear ones too: Python then forms the sum, which is another object
     }
 }
 

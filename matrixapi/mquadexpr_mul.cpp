@@ -3,6 +3,8 @@
 //   2.0 * q    compact: the coefficients of the merged part are scaled; full: summands share their variables
 //   q * C      row i times C's element i, by NumPy's broadcasting
 //   q @ M      sums of rows, each times a number; equal pairs of variables are merged
+//   q * x      nonlinear: handed over to that class, as q @ x
+#include "matrixapi/mnlexpr.h"
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mquadexpr_operators.h"
 
@@ -204,7 +206,7 @@ Ref product(PyObject *self, PyObject *other, Side side) {
     case Operand::MLinExpr:
     case Operand::MQuadExpr:
     case Operand::MNLExpr:
-        nonlinear_later();
+        return side == Side::Right ? nonlinear_matrix_product(self, other) : nonlinear_matrix_product(other, self);
     default:
         return Ref::borrow(Py_NotImplemented);
     }
@@ -228,7 +230,7 @@ Ref quad_multiply(PyObject *self, PyObject *other) {
     case Operand::Other:
         return Ref::borrow(Py_NotImplemented);
     default:
-        nonlinear_later();
+        return nonlinear_operation(TreeOp::Multiply, self, other);
     }
 }
 

@@ -1,6 +1,7 @@
 // The operators of MQuadExpr: which operand goes where. Products of a degree above two and all powers are nonlinear.
 #include "matrixapi/mquadexpr_operators.h"
 #include "matrixapi/methods.h"
+#include "matrixapi/mnlexpr.h"
 
 namespace tarvopy {
 
@@ -20,9 +21,17 @@ Ref subtract(PyObject *self, PyObject *other) {
     return quad_add(self, other, -1.0);
 }
 
+Ref reflected_add(PyObject *self, PyObject *other) {
+    return is_nonlinear_operand(kind_of(other)) ? nonlinear_operation(TreeOp::Plus, other, self)
+                                                : quad_add(self, other, 1.0);
+}
+
 Ref reflected_subtract(PyObject *self, PyObject *other) {
-    if (kind_of(other) == Operand::Other)
+    Operand kind = kind_of(other);
+    if (kind == Operand::Other)
         return not_implemented();
+    if (is_nonlinear_operand(kind))
+        return nonlinear_operation(TreeOp::Minus, other, self);
     Ref negative = quad_scaled(self, -1.0);
     return quad_add(negative.get(), other, 1.0);
 }
@@ -33,6 +42,18 @@ Ref add_in_place(PyObject *self, PyObject *other) {
 
 Ref subtract_in_place(PyObject *self, PyObject *other) {
     return quad_iadd(self, other, -1.0) ? Ref::borrow(self) : not_implemented();
+}
+
+Ref reflected_multiply(PyObject *self, PyObject *other) {
+    switch (kind_of(other)) {
+    case Operand::Other:
+    case Operand::Array:
+    case Operand::Sparse:
+    case Operand::Scalar:
+        return quad_multiply(self, other);
+    default:
+        return nonlinear_operation(TreeOp::Multiply, other, self);
+    }
 }
 
 Ref multiply_in_place(PyObject *self, PyObject *other) {
@@ -46,7 +67,7 @@ Ref divide(PyObject *self, PyObject *other) {
         return not_implemented();
     Ref factor = inverse_of(other, kind);
     if (!factor)
-        nonlinear_later();
+        return nonlinear_operation(TreeOp::Divide, self, other);
     return quad_multiply(self, factor.get());
 }
 
@@ -55,15 +76,23 @@ Ref divide_in_place(PyObject *self, PyObject *other) {
     return factor ? quad_imul(self, factor.get()) : not_implemented();
 }
 
-// other / self and self ** other, other ** self.
-Ref nonlinear(PyObject *, PyObject *other) {
-    if (kind_of(other) == Operand::Other)
-        return not_implemented();
-    nonlinear_later();
+Ref reflected_divide(PyObject *self, PyObject *other) {
+    return kind_of(other) == Operand::Other ? not_implemented() : nonlinear_operation(TreeOp::Divide, other, self);
 }
 
-Ref power(PyObject *self, PyObject *other) {
-    return kind_of(other) == Operand::Sparse ? not_implemented() : nonlinear(self, other);
+// By the rules of MNLExpr, where the exponent 2 makes a square.
+Ref power(PyObject *self, PyObject *exponent) {
+    if (kind_of(exponent) == Operand::Other)
+        return not_implemented();
+    Ref base = check(PyObject_CallMethodOneArg(mod.MNLExpr, names._from_mquadexpr, self));
+    return check(PyNumber_Power(base.get(), exponent, Py_None));
+}
+
+Ref reflected_power(PyObject *self, PyObject *other) {
+    Operand kind = kind_of(other);
+    if (kind == Operand::Other || kind == Operand::Sparse)
+        return not_implemented();
+    return nonlinear_operation(TreeOp::Pow, other, self);
 }
 
 Ref negative(PyObject *self) {
@@ -80,28 +109,28 @@ std::span<Member> quad_operator_members() {
     static Member members[] = {
         operator_of<"__add__", add_operator>(
             "__add__($self, other)\n--\n\nSum with numbers, variables or expressions, by NumPy's broadcasting."),
-        operator_of<"__radd__", add_operator>("__radd__($self, other)\n--\n\nAs __add__."),
+        operator_of<"__radd__", reflected_add>("__radd__($self, other)\n--\n\nAs __add__."),
         operator_of<"__iadd__", add_in_place>(
             "__iadd__($self, other)\n--\n\nAdd in place; the shape stays. On failure nothing has changed."),
         operator_of<"__sub__", subtract>("__sub__($self, other)\n--\n\nself + (-1.0 * other)"),
         operator_of<"__rsub__", reflected_subtract>("__rsub__($self, other)\n--\n\n(-1.0 * self) + other"),
         operator_of<"__isub__", subtract_in_place>("__isub__($self, other)\n--\n\nself += -1.0 * other"),
         operator_of<"__mul__", quad_multiply>(
-            "__mul__($self, other)\n--\n\nElement-wise product with numbers, by NumPy's broadcasting."),
-        operator_of<"__rmul__", quad_multiply>("__rmul__($self, other)\n--\n\nAs __mul__."),
+            "__mul__($self, other)\n--\n\nElement-wise product, by NumPy's broadcasting: nonlinear but for numbers."),
+        operator_of<"__rmul__", reflected_multiply>("__rmul__($self, other)\n--\n\nAs __mul__."),
         operator_of<"__imul__", multiply_in_place>("__imul__($self, other)\n--\n\nMultiply by numbers in place; the "
                                                    "shape stays. On failure nothing has changed."),
         operator_of<"__truediv__", divide>(
-            "__truediv__($self, other)\n--\n\nself * (1.0 / other) for numbers and arrays."),
+            "__truediv__($self, other)\n--\n\nself * (1.0 / other) for numbers and arrays; else nonlinear."),
         operator_of<"__itruediv__", divide_in_place>("__itruediv__($self, other)\n--\n\nself *= 1.0 / other"),
-        operator_of<"__rtruediv__", nonlinear>(
+        operator_of<"__rtruediv__", reflected_divide>(
             "__rtruediv__($self, other)\n--\n\nDivision by an expression is nonlinear."),
         operator_of<"__matmul__", quad_matrix_product>(
             "__matmul__($self, other)\n--\n\nMatrix product with a numeric matrix behind, by NumPy's rules."),
         operator_of<"__rmatmul__", quad_reflected_matrix_product>(
             "__rmatmul__($self, other)\n--\n\nMatrix product with a numeric matrix in front."),
         operator_of<"__pow__", power, "exponent">("__pow__($self, exponent)\n--\n\nNonlinear."),
-        operator_of<"__rpow__", power>("__rpow__($self, other)\n--\n\nNonlinear."),
+        operator_of<"__rpow__", reflected_power>("__rpow__($self, other)\n--\n\nNonlinear."),
         plain<"__neg__", negative>("__neg__($self)\n--\n\n-1.0 * self"),
         plain<"__pos__", quad_copy>("__pos__($self)\n--\n\nA copy."),
         operator_of<"__le__", less_equal, "rhs">("__le__($self, rhs)\n--\n\nA TempConstr for Model.addConstr."),

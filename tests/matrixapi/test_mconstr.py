@@ -243,7 +243,7 @@ def test_general_and_nonlinear_rows_must_be_in_the_model(model, cls, name, fixed
             handle.setAttr("RHS", 1)
         with pytest.raises(AttributeError, match=f"^Attribute '{fixed}' cannot be set$"):
             handle.setAttr(fixed, 1.0)
-        with pytest.raises(AttributeError, match="^Shape mismatch$"):
+        with pytest.raises(AttributeError, match=r"^Shape mismatch$"):
             handle.setAttr(name, np.array(["a", "b", "c"]))
     empty = cls.fromlist([[], []])
     assert empty._cmodel is None
