@@ -364,9 +364,9 @@ Ref add(PyObject *self, PyObject *given, double factor) {
     Operand kind = kind_of(given);
     Ref held = kind == Operand::Scalar ? plain_scalar(given) : Ref::borrow(given);
     PyObject *other = held.get();
-    if (is_nonlinear_operand(kind))
+    if (degree_of(given, kind) == 3)
         return nonlinear_operation(factor > 0 ? TreeOp::Plus : TreeOp::Minus, self, given);
-    if (is_quadratic_operand(kind))
+    if (kind == Operand::MQuadExpr || kind == Operand::QuadExpr)
         return add_quadratic(self, given, kind, factor);
     if (!is_linear_operand(kind))
         return Ref::borrow(Py_NotImplemented);
@@ -385,8 +385,8 @@ Ref plus(PyObject *self, PyObject *other) {
     return add(self, other, 1.0);
 }
 Ref reflected_plus(PyObject *self, PyObject *other) {
-    return is_nonlinear_operand(kind_of(other)) ? nonlinear_operation(TreeOp::Plus, other, self)
-                                                : add(self, other, 1.0);
+    return degree_of(other, kind_of(other)) == 3 ? nonlinear_operation(TreeOp::Plus, other, self)
+                                                 : add(self, other, 1.0);
 }
 Ref minus(PyObject *self, PyObject *other) {
     return add(self, other, -1.0);
@@ -395,14 +395,15 @@ Ref reflected_minus(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
     if (kind == Operand::Other)
         return Ref::borrow(Py_NotImplemented);
-    if (is_nonlinear_operand(kind))
+    if (degree_of(other, kind) == 3)
         return nonlinear_operation(TreeOp::Minus, other, self);
     return add(scaled(self, -1.0).get(), other, 1.0);
 }
 
 Ref in_place(PyObject *self, PyObject *other, double factor) {
     // Not for quadratic and nonlinear operands: Python then forms the sum, which is another object.
-    return Ref::borrow(iadd(self, other, factor) ? self : Py_NotImplemented);
+    bool taken = degree_of(other, kind_of(other)) < 3 && iadd(self, other, factor);
+    return Ref::borrow(taken ? self : Py_NotImplemented);
 }
 Ref plus_in_place(PyObject *self, PyObject *other) {
     return in_place(self, other, 1.0);

@@ -191,10 +191,9 @@ Ref divide(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
     if (kind == Operand::Other)
         return not_implemented();
-    Ref factor = inverse_of(other, kind);
-    if (!factor)
+    if (degree_of(other, kind) > 0)
         return nonlinear_operation(TreeOp::Divide, self, other);
-    return multiply(self, factor.get());
+    return multiply(self, inverse_of(other, kind).get());
 }
 
 // The same expression in the broadcast shape.
@@ -249,8 +248,7 @@ Ref power(PyObject *self, PyObject *other) {
 // In the order of the factors where trees tell it.
 Ref reflected_multiply(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
-    return is_quadratic_operand(kind) || is_nonlinear_operand(kind) ? nonlinear_operation(TreeOp::Multiply, other, self)
-                                                                    : multiply(self, other);
+    return degree_of(other, kind) > 1 ? nonlinear_operation(TreeOp::Multiply, other, self) : multiply(self, other);
 }
 
 Ref reflected_division(PyObject *self, PyObject *other) {
@@ -265,7 +263,8 @@ Ref reflected_power(PyObject *self, PyObject *other) {
 }
 
 Ref idivide(PyObject *self, PyObject *other) {
-    Ref factor = inverse_of(other, kind_of(other));
+    Operand kind = kind_of(other);
+    Ref factor = degree_of(other, kind) == 0 ? inverse_of(other, kind) : Ref();
     return factor ? imul(self, factor.get()) : not_implemented();
 }
 
@@ -280,8 +279,11 @@ Ref negative(PyObject *self) {
 } // namespace
 
 Ref imul(PyObject *self, PyObject *other) {
-    switch (kind_of(other)) {
+    Operand kind = kind_of(other);
+    switch (kind) {
     case Operand::Array:
+        if (degree_of(other, kind) > 1)
+            return Ref::borrow(Py_NotImplemented);
         imul_array(self, other);
         break;
     case Operand::Sparse:
@@ -305,7 +307,10 @@ Ref scaled(PyObject *self, double factor) {
 }
 
 Ref multiply(PyObject *self, PyObject *other) {
-    switch (kind_of(other)) {
+    Operand kind = kind_of(other);
+    if (degree_of(other, kind) > 1)
+        return nonlinear_operation(TreeOp::Multiply, self, other);
+    switch (kind) {
     case Operand::Array:
         return multiply_array(self, other);
     case Operand::Sparse:
@@ -317,10 +322,8 @@ Ref multiply(PyObject *self, PyObject *other) {
     case Operand::MLinExpr:
     case Operand::LinExpr:
         return quadratic_product(self, other);
-    case Operand::Other:
-        return not_implemented();
     default:
-        return nonlinear_operation(TreeOp::Multiply, self, other);
+        return not_implemented();
     }
 }
 

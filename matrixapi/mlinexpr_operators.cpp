@@ -82,6 +82,40 @@ Part spread_part(const Part &part, int64_t n) {
     return make_part(flat::gathered(part.summand, first.data(), n), part.vector);
 }
 
+namespace {
+
+int degree_of_kind(Operand kind) {
+    switch (kind) {
+    case Operand::MVar:
+    case Operand::MLinExpr:
+    case Operand::Var:
+    case Operand::LinExpr:
+        return 1;
+    case Operand::MQuadExpr:
+    case Operand::QuadExpr:
+        return 2;
+    case Operand::MNLExpr:
+    case Operand::NLExpr:
+        return 3;
+    default:
+        return 0;
+    }
+}
+
+} // namespace
+
+int degree_of(PyObject *operand, Operand kind) {
+    if (kind != Operand::Array || PyArray_TYPE(as_array(operand)) != NPY_OBJECT)
+        return degree_of_kind(kind);
+    Ref elements = contiguous_objects(operand);
+    auto **first = static_cast<PyObject **>(PyArray_DATA(as_array(elements)));
+    int degree = 0;
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(elements)); ++i)
+        if (Operand element = first[i] ? kind_of(first[i]) : Operand::Other; element != Operand::Array)
+            degree = std::max(degree, degree_of_kind(element));
+    return degree;
+}
+
 // ---- element by element --------------------------------------------------------------------------------------------
 
 Ref object_scalar(PyObject *object) {
@@ -134,7 +168,7 @@ Ref polynomial_elements(Ref result) {
     auto **first = static_cast<PyObject **>(PyArray_DATA(as_array(objects)));
     for (npy_intp i = 0; i < PyArray_SIZE(as_array(objects)); ++i)
         if (first[i] && Py_TYPE(first[i]) == mod.core->NLExpr)
-            fail(PyExc_TypeError, "elements of an object array are nonlinear: give the array as MNLExpr(array)");
+            fail(PyExc_TypeError, "an element became nonlinear, which an array of polynomials cannot hold");
     return elements;
 }
 

@@ -81,13 +81,9 @@ void assert_that(bool holds);
 [[noreturn]] void nonlinear_later();
 
 // ---- arithmetic, shared by operators and their reflected forms
-// Quadratic or nonlinear operands, which no linear expression takes in.
-inline bool is_quadratic_operand(Operand kind) {
-    return kind == Operand::MQuadExpr || kind == Operand::QuadExpr;
-}
-inline bool is_nonlinear_operand(Operand kind) {
-    return kind == Operand::MNLExpr || kind == Operand::NLExpr;
-}
+// 0 numbers (and what is no operand), 1 linear, 2 quadratic, 3 nonlinear; of an array of objects, the highest of its
+// elements.
+int degree_of(PyObject *operand, Operand kind);
 Ref add(PyObject *self, PyObject *other, double factor);   // self + factor * other, or NotImplemented
 Ref scaled(PyObject *self, double factor);                 // factor * self, a new expression
 Ref multiply(PyObject *self, PyObject *other);             // self * other, or NotImplemented

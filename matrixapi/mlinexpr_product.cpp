@@ -98,6 +98,8 @@ Ref numeric_product(PyObject *self, PyObject *matrix, bool sparse, Side side) {
 
 Ref product(PyObject *self, PyObject *other, Side side) {
     Operand kind = kind_of(other);
+    if (degree_of(other, kind) > 1 && kind != Operand::QuadExpr && kind != Operand::NLExpr)
+        return side == Side::Right ? nonlinear_matrix_product(self, other) : nonlinear_matrix_product(other, self);
     switch (kind) {
     case Operand::Array:
     case Operand::Sparse:
@@ -105,9 +107,6 @@ Ref product(PyObject *self, PyObject *other, Side side) {
     case Operand::MVar:
     case Operand::MLinExpr:
         return side == Side::Right ? quadratic_matrix_product(self, other) : quadratic_matrix_product(other, self);
-    case Operand::MQuadExpr:
-    case Operand::MNLExpr:
-        return side == Side::Right ? nonlinear_matrix_product(self, other) : nonlinear_matrix_product(other, self);
     default:
         return Ref::borrow(Py_NotImplemented);
     }

@@ -244,7 +244,10 @@ void scale_parts(std::vector<QuadPart> &parts, double factor) {
 }
 
 Ref quad_add(PyObject *self, PyObject *other, double factor) {
-    switch (kind_of(other)) {
+    Operand kind = kind_of(other);
+    if (degree_of(other, kind) == 3)
+        return nonlinear_operation(factor > 0 ? TreeOp::Plus : TreeOp::Minus, self, other);
+    switch (kind) {
     case Operand::MLinExpr:
     case Operand::MVar:
     case Operand::Array:
@@ -258,16 +261,16 @@ Ref quad_add(PyObject *self, PyObject *other, double factor) {
         return add_quadratics(self, other, factor);
     case Operand::QuadExpr:
         return add_quadratics(self, quad_from_quadexpr(mod.MQuadExpr, other).get(), factor);
-    case Operand::MNLExpr:
-    case Operand::NLExpr:
-        return nonlinear_operation(factor > 0 ? TreeOp::Plus : TreeOp::Minus, self, other);
     default:
         return Ref::borrow(Py_NotImplemented);
     }
 }
 
 bool quad_iadd(PyObject *self, PyObject *other, double factor) {
-    switch (kind_of(other)) {
+    Operand kind = kind_of(other);
+    if (degree_of(other, kind) == 3)
+        return false; // Python then forms the sum, which is another object
+    switch (kind) {
     case Operand::MLinExpr:
     case Operand::MVar:
     case Operand::Array:
@@ -284,7 +287,7 @@ bool quad_iadd(PyObject *self, PyObject *other, double factor) {
         iadd_quadratics(self, quad_from_quadexpr(mod.MQuadExpr, other).get(), factor);
         return true;
     default:
-        return false; // nonlinear ones too: Python then forms the sum, which is another object
+        return false;
     }
 }
 

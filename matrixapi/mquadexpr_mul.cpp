@@ -197,19 +197,12 @@ Ref numeric_product(PyObject *self, PyObject *matrix, bool sparse, Side side) {
 }
 
 Ref product(PyObject *self, PyObject *other, Side side) {
-    switch (kind_of(other)) {
-    case Operand::Array:
-        return numeric_product(self, other, false, side);
-    case Operand::Sparse:
-        return numeric_product(self, other, true, side);
-    case Operand::MVar:
-    case Operand::MLinExpr:
-    case Operand::MQuadExpr:
-    case Operand::MNLExpr:
-        return side == Side::Right ? nonlinear_matrix_product(self, other) : nonlinear_matrix_product(other, self);
-    default:
+    Operand kind = kind_of(other);
+    if ((kind == Operand::Array && degree_of(other, kind) == 0) || kind == Operand::Sparse)
+        return numeric_product(self, other, kind == Operand::Sparse, side);
+    if (kind == Operand::Other || (kind != Operand::Array && !is_matrix(other)))
         return Ref::borrow(Py_NotImplemented);
-    }
+    return side == Side::Right ? nonlinear_matrix_product(self, other) : nonlinear_matrix_product(other, self);
 }
 
 } // namespace
@@ -220,22 +213,26 @@ Ref quad_scaled(PyObject *self, double factor) {
 }
 
 Ref quad_multiply(PyObject *self, PyObject *other) {
-    switch (kind_of(other)) {
+    Operand kind = kind_of(other);
+    if (degree_of(other, kind) > 0)
+        return nonlinear_operation(TreeOp::Multiply, self, other);
+    switch (kind) {
     case Operand::Array:
         return multiply_array(self, other);
     case Operand::Sparse:
         return multiply_array(self, to_dense(other).get());
     case Operand::Scalar:
         return quad_scaled(self, number(other));
-    case Operand::Other:
-        return Ref::borrow(Py_NotImplemented);
     default:
-        return nonlinear_operation(TreeOp::Multiply, self, other);
+        return Ref::borrow(Py_NotImplemented);
     }
 }
 
 Ref quad_imul(PyObject *self, PyObject *other) {
-    switch (kind_of(other)) {
+    Operand kind = kind_of(other);
+    if (degree_of(other, kind) > 0)
+        return Ref::borrow(Py_NotImplemented);
+    switch (kind) {
     case Operand::Array:
         imul_array(self, other);
         break;

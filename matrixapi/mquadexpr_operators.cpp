@@ -22,15 +22,15 @@ Ref subtract(PyObject *self, PyObject *other) {
 }
 
 Ref reflected_add(PyObject *self, PyObject *other) {
-    return is_nonlinear_operand(kind_of(other)) ? nonlinear_operation(TreeOp::Plus, other, self)
-                                                : quad_add(self, other, 1.0);
+    return degree_of(other, kind_of(other)) == 3 ? nonlinear_operation(TreeOp::Plus, other, self)
+                                                 : quad_add(self, other, 1.0);
 }
 
 Ref reflected_subtract(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
     if (kind == Operand::Other)
         return not_implemented();
-    if (is_nonlinear_operand(kind))
+    if (degree_of(other, kind) == 3)
         return nonlinear_operation(TreeOp::Minus, other, self);
     Ref negative = quad_scaled(self, -1.0);
     return quad_add(negative.get(), other, 1.0);
@@ -45,15 +45,8 @@ Ref subtract_in_place(PyObject *self, PyObject *other) {
 }
 
 Ref reflected_multiply(PyObject *self, PyObject *other) {
-    switch (kind_of(other)) {
-    case Operand::Other:
-    case Operand::Array:
-    case Operand::Sparse:
-    case Operand::Scalar:
-        return quad_multiply(self, other);
-    default:
-        return nonlinear_operation(TreeOp::Multiply, other, self);
-    }
+    return degree_of(other, kind_of(other)) > 0 ? nonlinear_operation(TreeOp::Multiply, other, self)
+                                                : quad_multiply(self, other);
 }
 
 Ref multiply_in_place(PyObject *self, PyObject *other) {
@@ -65,14 +58,14 @@ Ref divide(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
     if (kind == Operand::Other)
         return not_implemented();
-    Ref factor = inverse_of(other, kind);
-    if (!factor)
+    if (degree_of(other, kind) > 0)
         return nonlinear_operation(TreeOp::Divide, self, other);
-    return quad_multiply(self, factor.get());
+    return quad_multiply(self, inverse_of(other, kind).get());
 }
 
 Ref divide_in_place(PyObject *self, PyObject *other) {
-    Ref factor = inverse_of(other, kind_of(other));
+    Operand kind = kind_of(other);
+    Ref factor = degree_of(other, kind) == 0 ? inverse_of(other, kind) : Ref();
     return factor ? quad_imul(self, factor.get()) : not_implemented();
 }
 

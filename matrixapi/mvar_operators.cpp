@@ -40,7 +40,7 @@ Ref times_array(PyObject *self, PyObject *array) {
     flat::Shape shape = broadcast_shapes(mvar_shape(self), shape_of_array(array));
     if (allows_compact(shape))
         return check(PyNumber_Multiply(linear_form(self).get(), array));
-    if (as_doubles(array))
+    if (as_doubles(array) || degree_of(array, Operand::Array) > 1)
         return check(PyNumber_Multiply(from_mvar(mod.MLinExpr, self, true).get(), array));
     return wrap_elements(check(PyNumber_Multiply(vararr_of(self).get(), array)));
 }

@@ -39,6 +39,7 @@ using pysupport::Ref;
     X(_typeenum)                                                                                                       \
     X(_typename)                                                                                                       \
     X(_idxarr)                                                                                                         \
+    X(_coerce_to_exprtree_array)                                                                                       \
     X(_from_mquadexpr)                                                                                                 \
     X(_from_mvar)                                                                                                      \
     X(_from_mvar_times_mvar)                                                                                           \

@@ -4,9 +4,18 @@ import numpy as np
 import pytest
 
 import tarvopy
+from nonlinear_trees import trees
 from tarvopy import _debug, concatenate, hstack, vstack
-from tarvopy._core import LinExpr
-from tarvopy._matrixapi import MConstr, MLinExpr, MVar, _apply_array_manipulation_routine, _copy_learr
+from tarvopy._core import LinExpr, _ExprTree
+from tarvopy._matrixapi import (
+    MConstr,
+    MLinExpr,
+    MNLConstr,
+    MNLExpr,
+    MVar,
+    _apply_array_manipulation_routine,
+    _copy_learr,
+)
 
 
 @pytest.fixture
@@ -140,3 +149,52 @@ def test_copied_elements_are_fresh(x):
         assert len({id(e) for e in array.flat}) == array.size
     with pytest.raises(AssertionError):
         _copy_learr("text")
+
+
+def test_one_nonlinear_expression_makes_all_nonlinear(mode, model):
+    x = model.addMVar((2, 3), name="x")
+    n = tarvopy.nlfunc.sin(x)
+    roots = [element._root for element in n._nlearr.flat] if mode == "eager" else None
+    members = [n[1:], x, 2.0 * x[:1] - 1.0, x * x, np.arange(6.0).reshape(2, 3), n[:, ::-1]]
+    for join, oracle in [(vstack, np.vstack), (concatenate, np.concatenate)]:
+        joined = join(members)
+        assert type(joined) is MNLExpr
+        assert trees(joined).tolist() == oracle([trees(member) for member in members]).tolist()
+    flat = concatenate([n, x.T.reshape(2, 3)], axis=None)
+    assert flat.shape == (12,)
+    # New elements over the members' own trees: what changes later in one is not seen in the other.
+    roots = roots or [element._root for element in n._nlearr.flat]
+    assert all(element._root is root for element, root in zip(flat._nlearr[:6], roots, strict=True))
+    before = trees(flat).tolist()
+    n += 1.0
+    assert trees(flat).tolist() == before
+    flat -= 1.0
+    assert trees(n)[0, 0] == ("plus", ("sin", ("variable", 0)), ("constant", 1.0))
+    assert hstack([n[:, 0], np.ones(2)]).shape == (4,)
+    for wrong in (lambda: vstack([n, x[:, :2]]), lambda: hstack([n, x[0]]), lambda: concatenate([n, n], axis=2)):
+        with pytest.raises(ValueError):
+            wrong()
+    with pytest.raises(TypeError, match="None"):
+        vstack([n, np.array([1.0, None, 2.0], dtype=object)])
+
+
+def test_a_routine_of_the_callers_sees_the_trees(mode, model):
+    x = model.addMVar(3)
+    n, seen = tarvopy.nlfunc.exp(x), []
+
+    def joined(arrays):
+        seen.extend(type(tree) for array in arrays for tree in array.flat)
+        return np.concatenate(arrays)[::-1]
+
+    result = _apply_array_manipulation_routine(joined, [n, x])
+    assert set(seen) == {_ExprTree}
+    assert trees(result).tolist() == trees(concatenate([n, x])[::-1]).tolist()
+    with pytest.raises(TypeError, match="_ExprTree"):
+        _apply_array_manipulation_routine(lambda arrays: np.array([1.0, None]), [n])
+
+
+def test_handles_of_nonlinear_rows_do_not_join(model):
+    empty = MNLConstr.fromlist([])
+    for members in ([empty, empty], [empty, MConstr.fromlist([])], [tarvopy.nlfunc.exp(model.addMVar(2)), "a"]):
+        with pytest.raises(ValueError, match=r"^Invalid types for array manipulation routine$"):
+            vstack(members)

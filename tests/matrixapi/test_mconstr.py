@@ -248,3 +248,30 @@ def test_general_and_nonlinear_rows_must_be_in_the_model(model, cls, name, fixed
     empty = cls.fromlist([[], []])
     assert empty._cmodel is None
     assert empty.getAttr("whatever").shape == (2, 0)
+
+
+def test_nonlinear_rows_of_a_model(mode, model):
+    v = model.addVar(name="v")
+    scalars = [model.addConstr(tarvopy.nlfunc.exp(v) <= k, name=f"n{k}") for k in range(4)]
+    rows = MNLConstr.fromlist([scalars[:2], scalars[2:]])
+    assert (type(rows), rows._cmodel, rows._typename, rows.shape) == (MNLConstr, model._cmodel, "MNLConstr", (2, 2))
+    assert repr(rows) == "<MNLConstr (2, 2) *awaiting model update*>"
+    with pytest.raises(TarvoError, match=r"^NLConstr has not yet been added to the model$"):
+        rows.NLName
+    model.update()
+    assert repr(rows) == "<MNLConstr (2, 2)>"
+    assert rows._idxarr().tolist() == [[0, 1], [2, 3]]
+    assert rows[1, 0] is scalars[2]
+    assert rows.tolist() == [scalars[:2], scalars[2:]]
+    rows[1].NLName = ["c", "d"]
+    assert rows.NLName.tolist() == [["n0", "n1"], ["c", "d"]]
+    assert {"NLName", "NLSlack", "_attrtype", "_constrarr"} <= set(dir(rows))
+    with pytest.raises(AttributeError, match="NLSlack"):  # no solution yet
+        rows.NLSlack
+    model.remove(rows[0])
+    model.update()
+    assert repr(rows) == "<MNLConstr (2, 2) (some removed)>"
+    assert rows._idxarr()[1].tolist() == [0, 1]
+    assert rows[1].NLName.tolist() == ["c", "d"]
+    with pytest.raises(TarvoError, match=r"^NLConstr was removed from the model$"):
+        rows.setAttr("NLName", "x")

@@ -115,7 +115,7 @@ def make_objects(thing):
 
 
 def outcome(function):
-    """(result, None) or (None, the kind of refusal); nonlinear results are out of reach here."""
+    """(result, None) or (None, the kind of refusal)"""
     try:
         with np.errstate(all="ignore"):
             return function(), None
@@ -278,7 +278,7 @@ def run(program, eager, looks):
                 make_objects(q)
             try:
                 q = op(other, q) if backwards else op(q, other)
-            except (ValueError, TypeError, NotImplementedError, tarvopy.TarvoError) as refusal:
+            except (ValueError, TypeError, tarvopy.TarvoError) as refusal:
                 trace.append((type(refusal), str(refusal)))
                 continue
             if not isinstance(q, tarvopy.MQuadExpr):

@@ -1,0 +1,247 @@
+"""Random programs with nonlinear operations, with NumPy as the oracle.
+
+A program works on a list of registers: variables, expressions of every degree, arrays and numbers, each with the
+numbers that it stands for. It is run with all objects made at once, with objects on demand, and with looks in between;
+all three leave the same values, trees, and identities of elements and of nodes.
+"""
+
+import operator
+
+import numpy as np
+import pytest
+import scipy.sparse as sp
+from hypothesis import given, settings
+from hypothesis import strategies as st
+
+import tarvopy
+from nonlinear_trees import FUNCTIONS, Numbering, operand_trees, values
+from tarvopy import MLinExpr, MNLExpr, MQuadExpr, MVar, _debug, nlfunc
+from tarvopy._core import NLExpr
+
+SHAPES = [(3,), (3,), (1, 3), (3, 1), (2, 3), (3, 3), (), (1,), (2, 1, 3), (0, 3)]
+KEYS = [0, -1, slice(1, None), slice(None, None, -1), Ellipsis, None, [0, 1], [1, 1, 0], (0, 0), (slice(None), 1)]
+OPERATORS = {"+": np.add, "-": np.subtract, "*": np.multiply, "/": np.divide, "**": np.power, "@": np.matmul}
+PYTHON = {
+    "+": operator.add,
+    "-": operator.sub,
+    "*": operator.mul,
+    "/": operator.truediv,
+    "**": operator.pow,
+    "@": operator.matmul,
+}
+IN_PLACE = {
+    "+": operator.iadd,
+    "-": operator.isub,
+    "*": operator.imul,
+    "/": operator.itruediv,
+    "**": operator.ipow,
+}
+MATRIX = (MVar, MLinExpr, MQuadExpr, MNLExpr)
+SCALAR = (tarvopy.Var, tarvopy.LinExpr, tarvopy.QuadExpr, NLExpr)
+REFUSALS = (ValueError, TypeError, IndexError, tarvopy.TarvoError)
+
+
+class Skip(Exception):
+    """A step that means nothing here, or whose numbers leave the range in which rounding stays small."""
+
+
+class Run:
+    def __init__(self, shapes):
+        self.model = tarvopy.Model()
+        self.point = []
+        self.registers = []  # (what the package holds, what NumPy holds)
+        for shape in shapes:
+            x = self.model.addMVar(shape)
+            numbers = (np.arange(x.size) * 7 + 3 * len(self.point)) % 11 / 4.0 + 0.25
+            self.point.extend(numbers)
+            self.registers.append((x, numbers.reshape(shape)))
+        v, w = self.model.addVar(), self.model.addVar()
+        self.model.update()
+        self.point += [0.75, 1.5]
+        x, numbers = self.registers[0]
+        self.registers += [(nlfunc.sin(x) + x, np.asarray(np.sin(numbers) + numbers)), (2.0 * x - 1.0, 2 * numbers - 1)]
+        self.registers += [(x * x + 0.5, numbers * numbers + 0.5), (v, np.array(0.75)), (v + w, np.array(2.25))]
+        self.registers += [(nlfunc.exp(v), np.asarray(np.exp(0.75))), (-1.5, np.array(-1.5)), (2.0, np.array(2.0))]
+        for array in (np.array([0.5, -1.0, 2.0]), np.array([[2.0]]), np.array([[0.0, 1.0, -2.0]] * 3)):
+            self.registers.append((array, array))
+        self.registers.append((sp.csr_array(array), array))
+
+    def pick(self, number):
+        return self.registers[number % len(self.registers)]
+
+    # ---- steps: (the package's way, NumPy's way)
+
+    def new(self, make, numbers):
+        """A new register, unless both refuse."""
+        with np.errstate(all="ignore"):
+            try:
+                expected = np.array(numbers(), dtype=float, copy=None)
+            except (ValueError, IndexError):
+                with pytest.raises(REFUSALS):
+                    make()
+                return
+        if expected.size and not np.abs(expected).max() < 1e3:  # NaN too
+            raise Skip
+        result = make()
+        if isinstance(result, np.ndarray | np.generic):
+            result = expected  # numbers of both sides are the same array, in place too
+        assert np.shape(result) == expected.shape or getattr(result, "shape", ()) == expected.shape
+        self.registers.append((result, expected))
+
+    def binary(self, sign, i, j):
+        (a, x), (b, y) = self.pick(i), self.pick(j)
+        if sp.issparse(a) and not (sign == "@" and isinstance(b, MATRIX)):
+            raise Skip
+        if sp.issparse(b) and (not isinstance(a, MATRIX) or (sign == "**" and not isinstance(a, MNLExpr))):
+            raise Skip
+        if not isinstance(a, MATRIX + SCALAR) and not isinstance(b, MATRIX + SCALAR):
+            raise Skip
+        if sign == "**" and isinstance(a, MVar) and isinstance(b, tarvopy.LinExpr | tarvopy.QuadExpr):
+            raise Skip
+        if sign == "@" and (isinstance(a, SCALAR) or isinstance(b, SCALAR)):
+            raise Skip
+        self.new(lambda: PYTHON[sign](a, b), lambda: OPERATORS[sign](x, y))
+
+    def function(self, name, i):
+        a, x = self.pick(i)
+        if isinstance(a, np.ndarray) or sp.issparse(a):
+            raise Skip
+        self.new(lambda: getattr(nlfunc, name)(a), lambda: FUNCTIONS[name](x))
+
+    def total(self, axis, i):
+        a, x = self.pick(i)
+        if not isinstance(a, MATRIX) or x.ndim == 0:
+            raise Skip
+        self.new(lambda: a.sum(axis=axis), lambda: x.sum(axis=axis))
+
+    def index(self, key, i):
+        a, x = self.pick(i)
+        if not isinstance(a, MATRIX):
+            raise Skip
+        self.new(lambda: a[key], lambda: x[view_key(key)])
+
+    def join(self, how, i, j):
+        (a, x), (b, y) = self.pick(i), self.pick(j)
+        if not isinstance(a, MATRIX) or not isinstance(b, (*MATRIX, np.ndarray)):
+            raise Skip
+        arguments = {} if how != "concatenate" else {"axis": -1}
+        self.new(lambda: getattr(tarvopy, how)([a, b], **arguments), lambda: getattr(np, how)([x, y], **arguments))
+
+    def in_place(self, sign, i, j):
+        (a, x), (b, y) = self.pick(i), self.pick(j)
+        if not isinstance(a, MNLExpr) or sign == "@":
+            raise Skip
+        with np.errstate(all="ignore"):
+            try:
+                expected = OPERATORS[sign](x, y)
+                fits = expected.shape == x.shape
+            except ValueError:
+                fits = False
+        if not fits:
+            with pytest.raises(REFUSALS):
+                IN_PLACE[sign](a, b)
+            return
+        if expected.size and not np.abs(expected).max() < 1e3:
+            raise Skip
+        assert IN_PLACE[sign](a, b) is a
+        x[...] = expected
+
+    def assign(self, key, i, j):
+        (a, x), (b, y) = self.pick(i), self.pick(j)
+        if not isinstance(a, MNLExpr) or sp.issparse(b):
+            raise Skip
+        try:
+            target = x[view_key(key)]
+            fits = np.broadcast_shapes(target.shape, y.shape) == target.shape
+        except (ValueError, IndexError):
+            fits = False
+        if not fits:
+            with pytest.raises(REFUSALS):
+                a[key] = b
+            return
+        if isinstance(key, list) and (len(set(key)) < len(key) or isinstance(b, MNLExpr)):
+            raise Skip  # of copies: nothing is assigned
+        a[key] = b
+        if not isinstance(key, list):
+            x[view_key(key)] = y
+
+    # ---- what is left
+
+    def check_values(self):
+        for thing, numbers in self.registers:
+            if isinstance(thing, MATRIX + SCALAR):
+                np.testing.assert_allclose(values(thing, self.point), numbers, rtol=1e-6, atol=1e-6)
+
+    def trace(self):
+        numbering, found = Numbering(), []
+        for thing, _ in self.registers:
+            if isinstance(thing, MNLExpr):
+                elements = [numbering.of_object(element) for element in thing._nlearr.flat]
+                roots = [numbering.of_tree(element._root) for element in thing._nlearr.flat]
+                found.append((thing.shape, elements, roots))
+            elif isinstance(thing, NLExpr):
+                found.append((numbering.of_object(thing), numbering.of_tree(thing._root)))
+            else:
+                found.append((type(thing), getattr(thing, "shape", ())))
+        return found, numbering.nodes
+
+
+def view_key(key):
+    """The same elements as a view, where NumPy would give a number."""
+    if isinstance(key, list) or key is Ellipsis:
+        return key
+    return (*(key if isinstance(key, tuple) else (key,)), Ellipsis)
+
+
+def look_at(thing):
+    if isinstance(thing, MNLExpr):
+        thing._nlearr
+    elif isinstance(thing, MVar):
+        thing._vararr
+    elif isinstance(thing, MLinExpr | MQuadExpr):
+        operand_trees(thing)
+
+
+NUMBER = st.integers(0, 30)
+STEPS = st.one_of(
+    st.tuples(st.just("binary"), st.sampled_from(list(OPERATORS)), NUMBER, NUMBER),
+    st.tuples(st.just("binary"), st.sampled_from(list(OPERATORS)), NUMBER, NUMBER),
+    st.tuples(st.just("function"), st.sampled_from(list(FUNCTIONS)), NUMBER),
+    st.tuples(st.just("total"), st.sampled_from([None, 0, -1, 1]), NUMBER),
+    st.tuples(st.just("index"), st.sampled_from(KEYS), NUMBER),
+    st.tuples(st.just("join"), st.sampled_from(["vstack", "hstack", "concatenate"]), NUMBER, NUMBER),
+    st.tuples(st.just("in_place"), st.sampled_from(list(IN_PLACE)), NUMBER, NUMBER),
+    st.tuples(st.just("assign"), st.sampled_from(KEYS), NUMBER, NUMBER),
+)
+
+
+def run(program, eager, looks=()):
+    shapes, steps = program
+    _debug.eager(eager)
+    try:
+        world = Run(shapes)
+        for count, (step, *arguments) in enumerate(steps):
+            if count < len(looks) and looks[count] is not None:
+                look_at(world.pick(looks[count])[0])
+            try:
+                getattr(world, step)(*arguments)
+            except Skip:
+                continue
+        world.check_values()
+        return world.trace()
+    finally:
+        _debug.eager(False)
+
+
+@pytest.mark.filterwarnings("ignore:Chained matrix:UserWarning")
+@settings(max_examples=300, deadline=None)
+@given(
+    st.lists(st.sampled_from(SHAPES), min_size=1, max_size=3),
+    st.lists(STEPS, min_size=1, max_size=10),
+    st.lists(st.none() | NUMBER, max_size=10),
+)
+def test_programs_give_what_numpy_gives_and_never_tell_whether_objects_exist(shapes, steps, looks):
+    program = (shapes, steps)
+    expected = run(program, True)
+    assert run(program, False) == expected
+    assert run(program, False, looks) == expected
