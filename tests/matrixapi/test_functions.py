@@ -172,7 +172,7 @@ def test_one_nonlinear_expression_makes_all_nonlinear(mode, model):
     assert trees(n)[0, 0] == ("plus", ("sin", ("variable", 0)), ("constant", 1.0))
     assert hstack([n[:, 0], np.ones(2)]).shape == (4,)
     for wrong in (lambda: vstack([n, x[:, :2]]), lambda: hstack([n, x[0]]), lambda: concatenate([n, n], axis=2)):
-        with pytest.raises(ValueError, match="dimension|axis"):
+        with pytest.raises(ValueError, match=r"dimension|axis"):
             wrong()
     with pytest.raises(TypeError, match="None"):
         vstack([n, np.array([1.0, None, 2.0], dtype=object)])
