@@ -153,6 +153,7 @@ def test_copied_elements_are_fresh(x):
 
 def test_one_nonlinear_expression_makes_all_nonlinear(mode, model):
     x = model.addMVar((2, 3), name="x")
+    model.update()
     n = tarvopy.nlfunc.sin(x)
     roots = [element._root for element in n._nlearr.flat] if mode == "eager" else None
     members = [n[1:], x, 2.0 * x[:1] - 1.0, x * x, np.arange(6.0).reshape(2, 3), n[:, ::-1]]

@@ -66,8 +66,10 @@ class Run:
             self.registers.append((array, array))
         self.registers.append((sp.csr_array(array), array))
 
-    def pick(self, number):
-        return self.registers[number % len(self.registers)]
+    def pick(self, number, kind=object):
+        """The latest ones under the small numbers, which are drawn most often."""
+        known = [register for register in reversed(self.registers) if isinstance(register[0], kind)]
+        return known[number % len(known)]
 
     # ---- steps: (the package's way, NumPy's way)
 
@@ -109,28 +111,22 @@ class Run:
         self.new(lambda: getattr(nlfunc, name)(a), lambda: FUNCTIONS[name](x))
 
     def total(self, axis, i):
-        a, x = self.pick(i)
-        if not isinstance(a, MATRIX) or x.ndim == 0:
+        a, x = self.pick(i, MATRIX)
+        if x.ndim == 0:
             raise Skip
         self.new(lambda: a.sum(axis=axis), lambda: x.sum(axis=axis))
 
     def index(self, key, i):
-        a, x = self.pick(i)
-        if not isinstance(a, MATRIX):
-            raise Skip
+        a, x = self.pick(i, MATRIX)
         self.new(lambda: a[key], lambda: x[view_key(key)])
 
     def join(self, how, i, j):
-        (a, x), (b, y) = self.pick(i), self.pick(j)
-        if not isinstance(a, MATRIX) or not isinstance(b, (*MATRIX, np.ndarray)):
-            raise Skip
+        (a, x), (b, y) = self.pick(i, MATRIX), self.pick(j, (*MATRIX, np.ndarray))
         arguments = {} if how != "concatenate" else {"axis": -1}
         self.new(lambda: getattr(tarvopy, how)([a, b], **arguments), lambda: getattr(np, how)([x, y], **arguments))
 
     def in_place(self, sign, i, j):
-        (a, x), (b, y) = self.pick(i), self.pick(j)
-        if not isinstance(a, MNLExpr) or sign == "@":
-            raise Skip
+        (a, x), (b, y) = self.pick(i, MNLExpr), self.pick(j)
         with np.errstate(all="ignore"):
             try:
                 expected = OPERATORS[sign](x, y)
@@ -147,12 +143,13 @@ class Run:
         x[...] = expected
 
     def assign(self, key, i, j):
-        (a, x), (b, y) = self.pick(i), self.pick(j)
-        if not isinstance(a, MNLExpr) or sp.issparse(b):
+        (a, x), (b, y) = self.pick(i, MNLExpr), self.pick(j)
+        if sp.issparse(b):
             raise Skip
         try:
             target = x[view_key(key)]
             fits = np.broadcast_shapes(target.shape, y.shape) == target.shape
+            fits = fits and not isinstance(b, tarvopy.LinExpr | tarvopy.QuadExpr)  # taken by operators alone
         except (ValueError, IndexError):
             fits = False
         if not fits:
