@@ -46,19 +46,23 @@ bool is_scalar(PyObject *object) {
 
 using Operands = std::vector<GenOperand>;
 
-// Scalars that stand side by side are read together.
+// A list is read at once, which costs an array of objects: more than a few scalars do one by one.
+constexpr Py_ssize_t worth_an_array = 16;
+
+// The end of the arguments from `first` on that are read together.
+Py_ssize_t end_of_run(PyObject *args, Py_ssize_t first) {
+    Py_ssize_t last = first;
+    while (last < PyTuple_GET_SIZE(args) && is_scalar(PyTuple_GET_ITEM(args, last)))
+        ++last;
+    return last - first >= worth_an_array ? last : first + 1;
+}
+
 void read_arguments(ModelObject *handle, PyObject *args, const char *what, Operands &operands) {
-    Py_ssize_t count = PyTuple_GET_SIZE(args);
-    for (Py_ssize_t first = 0, last; first < count; first = last) {
-        last = first + 1;
-        if (!is_scalar(PyTuple_GET_ITEM(args, first))) {
-            operands.push_back(GenOperand::of(handle, PyTuple_GET_ITEM(args, first), what));
-            continue;
-        }
-        while (last < count && is_scalar(PyTuple_GET_ITEM(args, last)))
-            ++last;
-        Ref run = check(PyTuple_GetSlice(args, first, last));
-        operands.push_back(GenOperand::of_scalars(handle, run.get(), what));
+    for (Py_ssize_t first = 0, last; first < PyTuple_GET_SIZE(args); first = last) {
+        last = end_of_run(args, first);
+        Ref run = last == first + 1 ? Ref() : check(PyTuple_GetSlice(args, first, last));
+        operands.push_back(run ? GenOperand::of_scalars(handle, run.get(), what)
+                               : GenOperand::of(handle, PyTuple_GET_ITEM(args, first), what));
     }
 }
 
