@@ -130,8 +130,10 @@ class ScipEngine:
         import numpy as np
 
         variables = self._model.getVars()
-        where = position[np.fromiter((int(v.name[1:]) for v in variables), np.int64, len(variables))]
+        place = np.fromiter((int(v.name[1:]) for v in variables), np.int64, len(variables))
+        where = position[place]
         kept = where >= 0
+        self._extras = [variables[i] for i in np.argsort(place).tolist() if not kept[i]]
         self._positions = where[kept]
         self._variables = [v for v, keep in zip(variables, kept.tolist(), strict=True) if keep]
 
@@ -139,7 +141,35 @@ class ScipEngine:
         variables = [None] * problem.nvars
         for position, variable in zip(self._positions.tolist(), self._variables, strict=True):
             variables[position] = variable
-        GeneralConstraints(self._package, self._model, problem, variables).add(problem.gens())
+        general = GeneralConstraints(self._package, self._model, problem, variables)
+        general.add(problem.gens())
+        if problem.start is None:
+            return
+        # The start in the file lacks the variables that came after it.
+        values = general.completed(problem.start.tolist())
+        self._give_start([*variables, *self._extras], [*values, *self._extra_values(problem)])
+
+    def _extra_values(self, problem: Problem) -> list[float]:
+        """At the start: of the variable for a nonlinear objective, and of those for semi-continuous variables."""
+        import numpy as np
+
+        start, values = problem.start, []
+        if problem.nqobj or problem.nnlobj:
+            linear = problem.obj @ start + problem.objconstant
+            values.append(_modelapi.evaluate_objective(problem.handle, start) - linear)
+        away = (problem.vtype == b"S") & ((problem.lb > 0) | (problem.ub < 0))
+        return values + np.where(np.isnan(start), np.nan, start != 0)[away].tolist()
+
+    def _give_start(self, variables: list[Any], values: list[float]) -> None:
+        """A solution where each variable has a value; else SCIP completes it in a search of its own."""
+        if all(map(math.isfinite, values)):
+            solution = self._model.createOrigSol()
+        else:
+            solution = self._model.createPartialSol()
+        for variable, value in zip(variables, values, strict=True):
+            if math.isfinite(value):
+                self._model.setSolVal(solution, variable, value)
+        self._model.addSol(solution)
 
     def change(self, problem: Problem, changes: Changes) -> bool:
         """Always anew: SCIP presolves again in any case, and the start lies in the file."""
@@ -181,6 +211,7 @@ class ScipEngine:
             # SCIP 10.0.2 fixes variables by wrong signs of quadratic rows with products of binaries, and calls what
             # is left optimal (one in 2500 random integer models). In nonlinear models it fixes variables at bounds
             # where a logarithm, a root or a broken power is not defined, and calls points elsewhere optimal.
+            "heuristics/completesol/maxunknownrate": 1.0,  # a start without values for what was added is worth it
             "misc/allowstrongdualreds": not (problem.nintegral or problem.is_nonlinear),
         }
         self._model.resetParams()

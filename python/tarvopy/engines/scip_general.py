@@ -29,7 +29,7 @@ from itertools import pairwise
 from typing import TYPE_CHECKING, Any, ClassVar
 
 if TYPE_CHECKING:
-    from collections.abc import Iterator
+    from collections.abc import Callable, Iterator
 
     import numpy as np
 
@@ -55,6 +55,9 @@ class Linear:
     constant: float
     terms: dict[int, float]
 
+    def value(self, values: list[float]) -> float:
+        return self.constant + sum(a * values[j] for j, a in self.terms.items())
+
     def __neg__(self) -> Linear:
         return Linear(-self.constant, {j: -a for j, a in self.terms.items()})
 
@@ -73,6 +76,8 @@ class GeneralConstraints:
         self._scip = scip
         self._variables = variables
         self._numbers: dict[int, int] = {}
+        self._nvars = problem.nvars
+        self._completions: list[Callable[[list[float]], None]] = []
         # What is known of the variables' values: bounds, and the ranges of the functions that they are results of.
         switchable = (problem.vtype == b"S").tolist()
         self._lb = [min(v, 0.0) if s else v for v, s in zip(problem.lb.tolist(), switchable, strict=True)]
@@ -82,6 +87,15 @@ class GeneralConstraints:
         """All of them; gens as Problem.gens() gives them."""
         for kind, args, data in _each(gens):
             self._ADD[kind](self, args, data)
+
+    def completed(self, start: list[float]) -> list[float]:
+        """The values of the model's variables with those that follow for what was added, NaN where a start has gaps."""
+        if any(map(math.isnan, start)):
+            return start + [math.nan] * (len(self._variables) - self._nvars)
+        values = start + [0.0] * (len(self._variables) - self._nvars)
+        for complete in self._completions:
+            complete(values)
+        return values
 
     # ---- one constraint of each type
 
@@ -143,7 +157,15 @@ class GeneralConstraints:
             return
         for a in live:
             self._add_row(result - a, 0.0, _INF)
-        for (switch, value), a, most in zip(self._one_of(len(live)), live, above, strict=True):
+        switches = self._one_of(len(live))
+
+        def complete(values: list[float]) -> None:
+            of_args = [a.value(values) for a in live]
+            switch, value = switches[of_args.index(max(of_args))]
+            values[switch] = float(value)
+
+        self._completions.append(complete)
+        for (switch, value), a, most in zip(switches, live, above, strict=True):
             self._implies(switch, value, result - a, 0.0, most)
 
     def _most_above(self, arg: Linear, args: list[Linear], highest: float) -> float:
@@ -160,8 +182,15 @@ class GeneralConstraints:
             along[phases[-1][0]], up[phases[-1][0]] = -width, -height
         self._add_row(Linear(x.constant - x0, along), 0.0, 0.0)
         self._add_row(Linear(y.constant - y0, up), 0.0, 0.0)
+        switches = []
+        self._completions.append(
+            lambda values: _take_steps(
+                values, curve, x.value(values), y.value(values), [v for v, _ in phases], switches
+            )
+        )
         for (before, left_ray), (after, right_ray) in pairwise(phases):
             switch = self._new("B", 0.0, 1.0)
+            switches.append(switch)
             if left_ray:
                 self._implies(switch, 1, Linear(0.0, {before: 1.0}), 0.0)
             else:
@@ -193,8 +222,14 @@ class GeneralConstraints:
                 return
         row = self._row(self._expression(body), None, upper - body.constant)
         indicator = self._scip.addConsIndicator(row, self._variables[switch], activeone=value == 1)
+        slack = self._note(self._scip.getSlackVarIndicator(indicator), 0.0, beyond)
         if beyond <= _LARGEST_SLACK:
-            self._scip.chgVarUb(self._scip.getSlackVarIndicator(indicator), beyond)
+            self._scip.chgVarUb(self._variables[slack], beyond)
+
+        def complete(values: list[float]) -> None:
+            values[slack] = max(0.0, body.value(values) - upper)
+
+        self._completions.append(complete)
 
     def _add_row(self, body: Linear, lower: float, upper: float) -> None:
         lhs = None if lower == -_INF else lower - body.constant
@@ -208,7 +243,10 @@ class GeneralConstraints:
         return self._sum(a * variables[j] for j, a in body.terms.items())
 
     def _new(self, kind: str, lb: float, ub: float) -> int:
-        self._variables.append(self._scip.addVar(vtype=kind, lb=lb, ub=None if ub == _INF else ub))
+        return self._note(self._scip.addVar(vtype=kind, lb=lb, ub=None if ub == _INF else ub), lb, ub)
+
+    def _note(self, variable: Any, lb: float, ub: float) -> int:
+        self._variables.append(variable)
         self._lb.append(lb)
         self._ub.append(ub)
         return len(self._variables) - 1
@@ -216,7 +254,8 @@ class GeneralConstraints:
     def _number(self, value: int) -> int:
         """A variable with the value 0 or 1."""
         if value not in self._numbers:
-            self._numbers[value] = self._new("B", float(value), float(value))
+            self._numbers[value] = number = self._new("B", float(value), float(value))
+            self._completions.append(lambda values: values.__setitem__(number, float(value)))
         return self._numbers[value]
 
     def _binary(self, arg: Linear) -> Any:
@@ -328,6 +367,28 @@ class _Curve:
         if self.has_right_ray and self.right_slope:
             values.append(math.copysign(_INF, self.right_slope))
         return min(values), max(values)
+
+
+def _take_steps(
+    values: list[float], curve: _Curve, x: float, y: float, variables: list[int], switches: list[int]
+) -> None:
+    """The steps and rays that lead to the point (x, y) of the curve, and the switches between them."""
+    x -= curve.points[0][0]
+    y -= curve.points[0][1]
+    full = []
+    for variable, (width, height, is_ray) in zip(variables, curve.phases(), strict=True):
+        if is_ray:
+            taken = max(0.0, x / width)
+            full.append(taken == 0.0)
+        else:
+            jump = y / height if x == 0.0 and height else float(x >= 0.0)
+            taken = min(1.0, max(0.0, x / width if width else jump))
+            full.append(taken == 1.0)
+        values[variable] = taken
+        x -= width * taken
+        y -= height * taken
+    for switch, before in zip(switches, full, strict=False):
+        values[switch] = float(before)
 
 
 def _ended(points: list[tuple[float, float]], low: float) -> list[tuple[float, float]]:
