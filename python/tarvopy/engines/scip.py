@@ -5,6 +5,11 @@ Python object stands for a row or a term. The file lies in memory where the syst
 file knows besides the model's variables (a variable for a quadratic objective, binary ones for semi-continuous
 variables) stays here.
 
+General constraints are added to what was read (scip_general.py), with values for a start.
+
+SCIP keeps arguments of logarithms and negative powers 1e-9 away from 0, so that a minimum of log(x) at x = 0 comes out
+as -20.7, and takes u ** v with variables in v for exp(v log(u)), which is defined for u > 0 alone.
+
 SCIP keeps its tolerances absolute and one for rows and integrality alike. It has no multipliers for nonlinear models:
 for convex continuous ones they are worked out at its point (multipliers.py).
 
@@ -55,6 +60,7 @@ _STATUS = {
 _WITHOUT_POINT = {TRV.INFEASIBLE, TRV.UNBOUNDED, TRV.INFEASIBLE_OR_UNBOUNDED, TRV.FAILED}
 
 _INFINITY = 1e20  # SCIP's own
+_ENDLESS = 1e19  # objectives beyond it are its infinity, but for a tolerance
 _INT_MAX = 2**31 - 1
 _LONGEST = 1e20  # seconds: its largest time limit
 _TOLERANCES = (1e-9, 1e-3)  # what it takes: its numerics/epsilon is 1e-9
@@ -162,10 +168,8 @@ class ScipEngine:
 
     def _give_start(self, variables: list[Any], values: list[float]) -> None:
         """A solution where each variable has a value; else SCIP completes it in a search of its own."""
-        if all(map(math.isfinite, values)):
-            solution = self._model.createOrigSol()
-        else:
-            solution = self._model.createPartialSol()
+        whole = all(map(math.isfinite, values))
+        solution = self._model.createOrigSol() if whole else self._model.createPartialSol()
         for variable, value in zip(variables, values, strict=True):
             if math.isfinite(value):
                 self._model.setSolVal(solution, variable, value)
@@ -313,6 +317,8 @@ class ScipEngine:
             itercount=result["iterations"],
             nodecount=result["nodes"],
         )
+        if outcome.status == TRV.OPTIMAL and problem.sense * result["objective"] <= -_ENDLESS:
+            outcome.status = TRV.UNBOUNDED  # SCIP takes its infinity for a value where a function goes on beyond it
         if outcome.status == TRV.FAILED:
             outcome.message = f"SCIP ended with its status {result['said']!r}"
         if outcome.status not in _WITHOUT_POINT:

@@ -1,7 +1,8 @@
 """General constraints in SCIP: what a .nl file cannot say, added to the model that was read from one.
 
-    added = GeneralConstraints(package, scip, problem, variables)      variables[j]: SCIP's variable j of the model
-    added.add()
+    general = GeneralConstraints(package, scip, problem, variables)    variables[j]: SCIP's variable j of the model
+    general.add(problem.gens())                                        variables grows by what is added
+    general.completed(start)                                           values for all of them from those of the model's
 
 How each stands there, z being new binary variables and all implications SCIP's indicators:
 
@@ -15,8 +16,8 @@ How each stands there, z being new binary variables and all implications SCIP's 
 
 An implication is never written as a row with a large constant alone: a binary variable that is off by 1e-6 would let
 through a millionth of the constant. Where bounds are known SCIP gets them for the slack of the indicator and makes such
-rows of them, to tighten its relaxation, and holds the implication itself besides. A formulation of piecewise-linear
-functions as special ordered sets needed 100 times the nodes on random models, and never ended without bounds.
+rows of them, to tighten its relaxation, and holds the implication itself besides. Special ordered sets for the pieces of curves
+took 14,000 nodes where the steps take one, on a random model of 12 variables.
 
 Adding takes 10 to 20 us a row or indicator.
 """
@@ -341,6 +342,7 @@ class _Curve:
         low, high = low if low >= xs[0] - far else -_INF, high if high <= xs[-1] + far else _INF
         points = _ended(points, low)
         points = [(-x, y) for x, y in reversed(_ended([(-x, y) for x, y in reversed(points)], -high))]
+        points = [p for i, p in enumerate(points) if i == 0 or p != points[i - 1]]
         self.has_left_ray, self.has_right_ray = math.isinf(low), math.isinf(high)
         self.is_line = len(points) == 2 and points[0][0] < points[1][0]
         if self.is_line:
@@ -373,21 +375,21 @@ def _take_steps(
     values: list[float], curve: _Curve, x: float, y: float, variables: list[int], switches: list[int]
 ) -> None:
     """The steps and rays that lead to the point (x, y) of the curve, and the switches between them."""
+    small = 1e-9 * (1.0 + abs(x))
     x -= curve.points[0][0]
     y -= curve.points[0][1]
-    full = []
+    full = [True]
     for variable, (width, height, is_ray) in zip(variables, curve.phases(), strict=True):
-        if is_ray:
-            taken = max(0.0, x / width)
-            full.append(taken == 0.0)
-        else:
-            jump = y / height if x == 0.0 and height else float(x >= 0.0)
-            taken = min(1.0, max(0.0, x / width if width else jump))
-            full.append(taken == 1.0)
+        if abs(x) <= small:
+            x = 0.0
+        jump = y / height if x == 0.0 and height else float(x >= 0.0)
+        taken = x / width if width else jump
+        taken = max(0.0, taken if is_ray else min(1.0, taken)) if full[-1] else 0.0
+        full.append(taken == 0.0 if is_ray else taken == 1.0)
         values[variable] = taken
         x -= width * taken
         y -= height * taken
-    for switch, before in zip(switches, full, strict=False):
+    for switch, before in zip(switches, full[1:], strict=False):
         values[switch] = float(before)
 
 
