@@ -14,7 +14,7 @@ FORMATTED := $(filter %.cpp %.h,$(NATIVE))
 help:
 	@echo 'make demo    solve the examples on real data, pictures in out/'
 	@echo 'make test    run the tests'
-	@echo 'make bench   measure against arrays by hand, linopy and cvxpy; table in docs/benchmarks.md'
+	@echo 'make bench   measure against arrays by hand, linopy, cvxpy and casadi; table in docs/benchmarks.md'
 	@echo 'make format  format C++ and Python in place'
 	@echo 'make lint    check formatting and style, change nothing'
 	@echo 'make wheel   build a wheel into dist/ and check what it holds'
@@ -33,6 +33,7 @@ test: $(VENV)/installed
 bench: $(VENV)/bench
 	$(RUN) benchmarks/run.py --table docs/benchmarks.md
 	$(RUN) benchmarks/quadratic.py --table docs/benchmarks.md
+	$(RUN) benchmarks/nonlinear.py --table docs/benchmarks.md
 
 format: $(VENV)/packages
 	$(VENV)/bin/ruff format .

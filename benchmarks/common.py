@@ -33,9 +33,13 @@ SIZES = {
     "broadcast": (150, 500),  # x[:, None] * C + y - z <= 0
     "factors": (1000, 10_000),  # n assets: y == F.T w with 100 factors, min y S y + w D w, budget, required return
 }
+# Measured by nonlinear.py: clnlbeam, a clamped beam as an optimal control problem, up to the nonlinear functions as the
+# store keeps them; clnlbeam_nl, further to the written .nl file.
+NONLINEAR_SIZES = {"clnlbeam": (1000, 10_000, 100_000), "clnlbeam_nl": (1000, 10_000, 100_000)}
 QUADRATIC = ("lqcp", "qp", "facsoc", "factors")
-WARM = {"knapsack": 50, "sparserows": 50, "qp": 500}  # sizes of tiny models; 6 for the others
+WARM = {"knapsack": 50, "sparserows": 50, "qp": 500, "clnlbeam": 10, "clnlbeam_nl": 10}  # tiny models; 6 for the others
 M_FAC = 2 * 1.414
+ALPHA = 350.0  # clnlbeam: weight of the angle's cosine
 FACTORS = 100
 
 
@@ -121,6 +125,8 @@ def definition(family, n):
         "rowsum": (n * n, n, n * n),
         "broadcast": (2 * n + n * n, n * n, 3 * n * n),
         "factors": (n + FACTORS, FACTORS + 2, n * FACTORS + FACTORS + 2 * n),
+        "clnlbeam": (3 * (n + 1), 2 * n, 8 * n),  # of the Jacobian
+        "clnlbeam_nl": (3 * (n + 1), 2 * n, 8 * n),
     }[family]
 
 

@@ -6,12 +6,15 @@ there.
 """
 
 import sys
+import tempfile
+from pathlib import Path
 
 import numpy as np
 import scipy.sparse as sp
-from common import M_FAC, WARM, data, lqcp_params, lqcp_weights
+from common import ALPHA, M_FAC, WARM, data, lqcp_params, lqcp_weights
 
 import tarvopy
+from tarvopy import _modelapi, nlfunc
 from tarvopy.problem import Problem
 
 INF = np.inf
@@ -170,14 +173,54 @@ def broadcast(n):
     return loaded(m)
 
 
+def beam(n):
+    """A clamped beam: angle t, height x and bending u at n + 1 points; the model and its objective."""
+    m, h = tarvopy.Model(), 1 / n
+    t = m.addMVar(n + 1, lb=-1, ub=1)
+    x = m.addMVar(n + 1, lb=-0.05, ub=0.05)
+    u = m.addMVar(n + 1, lb=-INF)
+    m.addConstr(x[1:] - x[:-1] - 0.5 * h * (nlfunc.sin(t[1:]) + nlfunc.sin(t[:-1])) == 0)
+    m.addConstr(t[1:] - t[:-1] - 0.5 * h * u[1:] - 0.5 * h * u[:-1] == 0)
+    bending = 0.5 * h * (u[1:] ** 2 + u[:-1] ** 2)
+    total = (bending + 0.5 * ALPHA * h * (nlfunc.cos(t[1:]) + nlfunc.cos(t[:-1]))).sum()
+    m.setObjective(total)
+    m.update()
+    return m, total
+
+
+def clnlbeam(n):
+    m, _ = beam(n)
+    return lambda: written_counts(m)
+
+
+def clnlbeam_nl(n):
+    m, _ = beam(n)
+    with tempfile.TemporaryDirectory() as folder:
+        _modelapi.write_nl(m._cmodel, str(Path(folder, "beam.nl")))
+    return lambda: written_counts(m)
+
+
+def written_counts(m):
+    """Counts as the head of the .nl file has them, but for the row and the variable that stand for the objective."""
+    with tempfile.TemporaryDirectory() as folder:
+        path = Path(folder, "counted.nl")
+        _modelapi.write_nl(m._cmodel, str(path))
+        head = [line.split() for line in path.read_bytes().split(b"\n", 9)[:9]]
+    variables, rows, nonzeros = int(head[1][0]), int(head[1][1]), int(head[7][0])
+    points = m.NumVars // 3
+    return {"vars": variables - 1, "rows": rows - 1, "nz": nonzeros - (2 * points + 1), "_model": m}
+
+
 LINEAR = (basic, knapsack, sparserows, fac, nqueens, network, mxm, sum2d, rowsum, broadcast)
-FAMILIES = {f.__name__: f for f in (*LINEAR, lqcp, qp, facsoc, factors)}
+FAMILIES = {f.__name__: f for f in (*LINEAR, lqcp, qp, facsoc, factors, clnlbeam, clnlbeam_nl)}
 
 
 def differences(family, size):
     """What a family's model and the arrays made by hand do not agree on; empty if they are the same model."""
     from by_hand import ARRAYS
 
+    if family not in ARRAYS:
+        return beam_differences(size)
     want, m = ARRAYS[family](size), FAMILIES[family](size)()["_model"]
     columns, rows = m.getVars(), m.getConstrs()
     integer = np.zeros(len(want.lb)) if want.integer is None else want.integer
@@ -194,6 +237,27 @@ def differences(family, size):
         **quadratic_parts(m, want),
     }
     return [what for what, (got, by_hand) in pairs.items() if not np.array_equal(got, by_hand)]
+
+
+def beam_differences(n):
+    """The same for the beam, whose functions are compared by their values at a point."""
+    m, total = beam(n)
+    x, *_ = _modelapi.open_solution(m._cmodel)
+    x[:] = np.sin(np.arange(x.size) + 1.0)
+    t, height, u = x.reshape(3, n + 1).copy()
+    figures = dict.fromkeys(("objval", "bound", "gap", "runtime", "itercount", "nodecount"), 0.0)
+    _modelapi.commit_solution(m._cmodel, status=tarvopy.TRV.OPTIMAL, has_x=True, has_duals=False, engine="", **figures)
+    h = 1 / n
+    mean = {what: 0.5 * h * (values[1:] + values[:-1]) for what, values in (("sin", np.sin(t)), ("u", u))}
+    objective = 0.5 * h * (u[1:] ** 2 + u[:-1] ** 2 + ALPHA * (np.cos(t[1:]) + np.cos(t[:-1])))
+    pairs = {
+        "counts": (list(written_counts(m).values())[:3], [3 * (n + 1), 2 * n, 8 * n]),
+        "nonlinear rows": ([-c.NLSlack for c in m.getNLConstrs()], np.diff(height) - mean["sin"]),
+        "linear rows": ([-c.Slack for c in m.getConstrs()], np.diff(t) - mean["u"]),
+        "objective": (total.getValue(), objective.sum()),
+        "bounds": ([x.UB for x in m.getVars()], np.repeat([1, 0.05, INF], n + 1)),
+    }
+    return [what for what, (got, by_hand) in pairs.items() if not np.allclose(got, by_hand, rtol=1e-12, atol=1e-15)]
 
 
 def quadratic_parts(m, want):
