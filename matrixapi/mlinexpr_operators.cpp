@@ -303,8 +303,4 @@ void assert_that(bool holds) {
     throw PythonError{};
 }
 
-void nonlinear_later() {
-    fail(PyExc_NotImplementedError, "nonlinear expressions are not supported yet");
-}
-
 } // namespace tarvopy

@@ -78,8 +78,6 @@ void need_fit(const flat::Shape &receiver, const flat::Shape &operand);
 // A plain assertion, as a Python function would make it: AssertionError without a text, unless Python runs with -O.
 void assert_that(bool holds);
 
-[[noreturn]] void nonlinear_later();
-
 // ---- arithmetic, shared by operators and their reflected forms
 // 0 numbers (and what is no operand), 1 linear, 2 quadratic, 3 nonlinear; of an array of objects, the highest of its
 // elements.
