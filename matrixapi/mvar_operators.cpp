@@ -7,6 +7,7 @@
 #include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr.h"
 #include "matrixapi/mlinexpr_operators.h"
+#include "matrixapi/mnlexpr.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
 
@@ -40,13 +41,16 @@ Ref times_array(PyObject *self, PyObject *array) {
     flat::Shape shape = broadcast_shapes(mvar_shape(self), shape_of_array(array));
     if (allows_compact(shape))
         return check(PyNumber_Multiply(linear_form(self).get(), array));
-    if (as_doubles(array) || degree_of(array, Operand::Array) > 1)
+    if (as_doubles(array))
         return check(PyNumber_Multiply(from_mvar(mod.MLinExpr, self, true).get(), array));
     return wrap_elements(check(PyNumber_Multiply(vararr_of(self).get(), array)));
 }
 
 Ref multiply(PyObject *self, PyObject *other) {
-    switch (kind_of(other)) {
+    Operand kind = kind_of(other);
+    if (degree_of(other, kind) > 1)
+        return nonlinear_operation(TreeOp::Multiply, self, other);
+    switch (kind) {
     case Operand::MVar: {
         PyObject *arguments[] = {mod.MQuadExpr, self, other};
         return check(PyObject_VectorcallMethod(names._from_mvar_times_mvar, arguments, 3, nullptr));
@@ -166,17 +170,26 @@ Ref reflected_divide(PyObject *self, PyObject *other) {
 
 // ---- the others
 
+// Nonlinear operations have the variables themselves as their leaves: a linear form costs its constants, too.
+bool is_nonlinear(PyObject *other) {
+    return degree_of(other, kind_of(other)) == 3;
+}
+
 Ref add(PyObject *self, PyObject *other) {
-    return check(PyNumber_Add(linear_form(self).get(), other));
+    return is_nonlinear(other) ? nonlinear_operation(TreeOp::Plus, self, other)
+                               : check(PyNumber_Add(linear_form(self).get(), other));
 }
 Ref subtract(PyObject *self, PyObject *other) {
-    return check(PyNumber_Subtract(linear_form(self).get(), other));
+    return is_nonlinear(other) ? nonlinear_operation(TreeOp::Minus, self, other)
+                               : check(PyNumber_Subtract(linear_form(self).get(), other));
 }
 Ref reflected_subtract(PyObject *self, PyObject *other) {
-    return check(PyNumber_Subtract(other, linear_form(self).get()));
+    return is_nonlinear(other) ? nonlinear_operation(TreeOp::Minus, other, self)
+                               : check(PyNumber_Subtract(other, linear_form(self).get()));
 }
 Ref divide(PyObject *self, PyObject *other) {
-    return check(PyNumber_TrueDivide(linear_form(self).get(), other));
+    return degree_of(other, kind_of(other)) > 0 ? nonlinear_operation(TreeOp::Divide, self, other)
+                                                : check(PyNumber_TrueDivide(linear_form(self).get(), other));
 }
 
 Ref negative(PyObject *self) {
@@ -201,7 +214,8 @@ Member operators[] = {
     operator_of<"__matmul__", matmul>("__matmul__($self, other)\n--\n\nMatrix product, by the rules of numpy.matmul."),
     operator_of<"__rmatmul__", reflected_matmul>(
         "__rmatmul__($self, other)\n--\n\nMatrix product with a dense or sparse matrix on the left."),
-    operator_of<"__truediv__", divide>("__truediv__($self, other)\n--\n\nself / constants."),
+    operator_of<"__truediv__", divide>(
+        "__truediv__($self, other)\n--\n\nself / numbers, linear; by variables and expressions, nonlinear."),
     operator_of<"__rtruediv__", reflected_divide>(
         "__rtruediv__($self, other)\n--\n\nother / self, a nonlinear expression."),
     operator_of<"__pow__", power>(
