@@ -13,7 +13,8 @@
 namespace trv {
 namespace {
 
-// SCIP 10 read 10000 levels and crashed at 30000, with a stack of 8 MB.
+// SCIP 10 read 10000 levels and crashed at 30000, with a stack of 8 MB. Its time grows with the cube of the levels: one
+// second for 800 sines in each other, two minutes for 5000, which its time limit does not end.
 constexpr std::int32_t kDeepest = 5000;
 // A tangent writes its operand twice, nested ones twice as often each.
 constexpr std::int32_t kMostTangents = 8;
