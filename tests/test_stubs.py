@@ -11,7 +11,7 @@ MODULES = sorted(path.stem for path in PACKAGE.glob("*.pyi"))
 # Attributes that a handle looks up in the model store, not in its class.
 STORED = {"LB", "UB", "Obj", "VType", "VarName", "Start", "X", "RC"}
 STORED |= {"RHS", "Sense", "Lower", "Upper", "ConstrName", "Pi", "Slack"}
-STORED |= {"GenName", "GenType"}
+STORED |= {"GenName", "GenType", "NLName", "NLSlack"}
 STORED |= {"QRHS", "QSense", "QName", "QPi", "QSlack"}
 
 
@@ -51,7 +51,7 @@ def test_stub_names_what_the_module_has(name):
 def test_stub_names_the_members_of_each_class(name):
     module = importlib.import_module(f"tarvopy.{name}")
     finished = {"Var", "LinExpr", "QuadExpr", "NLExpr", "_ExprTree", "Constr", "QConstr", "TempConstr"}
-    finished |= {"GenConstr", "GenExpr"}
+    finished |= {"GenConstr", "GenExpr", "NLConstr", "MGenConstr", "MNLConstr", "MNLExpr"}
     finished |= {"MVar", "MLinExpr", "MQuadExpr", "MConstr", "MQConstr"}
     for kind, names in classes(ast.parse((PACKAGE / f"{name}.pyi").read_text())).items():
         if kind in finished:

@@ -341,7 +341,15 @@ class GenExpr:
 
     def __eq__(self, other: object) -> TempConstr: ...  # type: ignore[override]
 
-class NLConstr: ...
+class NLConstr(_Handle):
+    """One nonlinear constraint of a model."""
+
+    @property
+    def _nlconstrno(self) -> int: ...
+
+    NLName: _Text
+    @property
+    def NLSlack(self) -> float: ...
 
 class NLExpr(_Comparisons):
     """A nonlinear expression: the mutable holder of an expression tree. Operators share the trees of their operands.
