@@ -25,6 +25,8 @@ demo: $(VENV)/installed
 	@echo
 	$(RUN) -m examples.portfolio
 	@echo
+	$(RUN) -m examples.ac_power_flow
+	@echo
 	$(RUN) -m examples.circle_packing
 
 test: $(VENV)/installed
