@@ -237,17 +237,12 @@ bool is_small_part(const NodeView &view, const flat::Shape &shape) {
 }
 
 Ref values_of_view(const NodeView &view, const flat::Shape &shape) {
-    Ref values = float_array(shape);
+    if (!is_small_part(view, shape))
+        return node_values(node_of(view, shape));
+    Ref values = float_array(shape), trees = node_trees(view.node);
     auto *to = static_cast<double *>(PyArray_DATA(as_array(values)));
-    if (is_small_part(view, shape)) {
-        Ref trees = node_trees(view.node);
-        for (Walk walk(view, shape); !walk.done(); walk.next())
-            *to++ = tree_value(static_cast<PyObject **>(PyArray_DATA(as_array(trees)))[walk.at()]);
-    } else {
-        Ref all = node_values(view.node);
-        for (Walk walk(view, shape); !walk.done(); walk.next())
-            *to++ = doubles(all)[walk.at()];
-    }
+    for (Walk walk(view, shape); !walk.done(); walk.next())
+        *to++ = tree_value(static_cast<PyObject **>(PyArray_DATA(as_array(trees)))[walk.at()]);
     return values;
 }
 

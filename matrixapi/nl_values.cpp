@@ -24,31 +24,126 @@ Ref model_of(const Step &step) {
     return Ref::borrow(reinterpret_cast<PyObject *>(step.model));
 }
 
-void variable_values(const Step &step, double *to) {
+void read_solution(const Step &step, int64_t n, const int32_t *ids, double *to) {
     TRVmodel *store = mod.core->store(model_of(step).get());
     if (!store)
         throw PythonError{};
-    if (int code = TRVgetdbls(store, "X", step.size, step.ids, 0, to))
+    if (int code = TRVgetdbls(store, "X", n, ids, 0, to))
         check_status(mod.core->raise(store, code));
 }
 
-void linear_values(const Step &step, double *to) {
-    for (int64_t i = 0; i < step.size; ++i)
-        to[i] = step.linear->constant[i];
-    add_linear_values(*step.linear, model_of(step), to);
+// The constants, and the values of the terms.
+void polynomial_values(const flat::Form &linear, const flat::QuadForm *quadratic, const Ref &model, double *to) {
+    for (int64_t i = 0; i < linear.size; ++i)
+        to[i] = linear.constant[i];
+    add_linear_values(linear, model, to);
+    if (quadratic)
+        add_quadratic_values(*quadratic, model, to);
 }
 
-void tree_values(const Step &step, double *to) {
-    for (int64_t i = 0; i < step.size; ++i)
-        check_status(mod.core->tree_value(step.trees[i], to + i));
+void leaf_values(const Step &step, double *to) {
+    switch (step.kind) {
+    case NLNode::Numbers:
+        for (int64_t i = 0; i < step.size; ++i)
+            to[i] = step.numbers ? step.numbers[i] : step.number;
+        return;
+    case NLNode::Variables:
+        return read_solution(step, step.size, step.ids, to);
+    case NLNode::Trees:
+        for (int64_t i = 0; i < step.size; ++i)
+            check_status(mod.core->tree_value(step.trees[i], to + i));
+        return;
+    default:
+        polynomial_values(*step.linear, step.kind == NLNode::Quadratic ? step.quadratic : nullptr, model_of(step), to);
+    }
+}
+
+// ---- parts of leaves ------------------------------------------------------------------------------------------------
+
+// The elements of every step that the last one asks for, by ascending number.
+using Needed = std::vector<std::vector<int64_t>>;
+
+template <class Take> void each_operand(const Step &step, int64_t element, Take take) {
+    auto place = [&](const Step::Operand &operand, int64_t i) { take(operand.step, operand.place(i)); };
+    switch (step.kind) {
+    case NLNode::Sum:
+        for (int64_t j = 0; j < step.extent; ++j)
+            place(step.operands[0], element * step.extent + j);
+        return;
+    case NLNode::Rows:
+        for (int64_t k = step.ptr[element]; k < step.ptr[element + 1]; ++k)
+            take(step.operands[0].step, step.source[k]);
+        return;
+    case NLNode::Picked: {
+        const size_t k = step.picked_operand(step.source[element]);
+        return take(step.operands[k].step, step.source[element] - step.starts[k]);
+    }
+    default:
+        for (const Step::Operand &operand : step.operands)
+            place(operand, element);
+    }
+}
+
+Needed needed_elements(const Program &program) {
+    std::vector<std::vector<bool>> marks;
+    for (const Step &step : program.steps)
+        marks.emplace_back(static_cast<size_t>(step.size), &step == &program.steps.back());
+    Needed needed(marks.size());
+    for (size_t i = marks.size(); i-- > 0;) {
+        const Step &step = program.steps[i];
+        for (int64_t element = 0; element < step.size; ++element) {
+            if (!marks[i][static_cast<size_t>(element)])
+                continue;
+            needed[i].push_back(element);
+            each_operand(step, element, [&](int32_t operand, int64_t place) {
+                marks[static_cast<size_t>(operand)][static_cast<size_t>(place)] = true;
+            });
+        }
+    }
+    return needed;
+}
+
+// The values of these elements alone, as those of a smaller leaf; 0 for others.
+void leaf_values(const Step &step, const std::vector<int64_t> &elements, double *to) {
+    std::fill_n(to, step.size, 0.0);
+    const auto n = static_cast<int64_t>(elements.size());
+    if (n == 0)
+        return;
+    Step smaller = step;
+    smaller.size = n;
+    std::vector<int32_t> ids;
+    std::vector<double> numbers;
+    std::vector<PyObject *> trees;
+    flat::Form linear;
+    flat::QuadForm quadratic;
+    for (int64_t element : elements) {
+        if (step.ids)
+            ids.push_back(step.ids[element]);
+        if (step.numbers)
+            numbers.push_back(step.numbers[element]);
+        if (step.trees)
+            trees.push_back(step.trees[element]);
+    }
+    if (step.kind == NLNode::Linear || step.kind == NLNode::Quadratic)
+        smaller.linear = &(linear = flat::gathered(*step.linear, elements.data(), {n}));
+    if (step.kind == NLNode::Quadratic)
+        smaller.quadratic = &(quadratic = flat::gathered(*step.quadratic, elements.data(), {n}));
+    smaller.ids = ids.data();
+    smaller.numbers = numbers.empty() ? nullptr : numbers.data();
+    smaller.trees = trees.data();
+    std::vector<double> values(elements.size());
+    leaf_values(smaller, values.data());
+    for (size_t i = 0; i < values.size(); ++i)
+        to[elements[i]] = values[i];
 }
 
 // ---- inner nodes ----------------------------------------------------------------------------------------------------
 
 class Evaluation {
   public:
-    explicit Evaluation(const Program &program)
-        : program_(program), values_(program.steps.size()), uses_(values_.size()) {
+    // needed: of leaves the elements that are asked for; empty: all.
+    Evaluation(const Program &program, const Needed &needed)
+        : program_(program), needed_(needed), values_(program.steps.size()), uses_(values_.size()) {
         for (const Step &step : program.steps)
             for (const Step::Operand &operand : step.operands)
                 ++uses_[static_cast<size_t>(operand.step)];
@@ -59,7 +154,7 @@ class Evaluation {
             const Step &step = program_.steps[i];
             values_[i] = Values(step.size);
             if (step.size > 0)
-                evaluate(step, values_[i].write());
+                evaluate(i, step, values_[i].write());
             for (const Step::Operand &operand : step.operands)
                 if (auto used = static_cast<size_t>(operand.step); --uses_[used] == 0)
                     values_[used] = {};
@@ -68,21 +163,8 @@ class Evaluation {
     }
 
   private:
-    void evaluate(const Step &step, double *to) const {
+    void evaluate(size_t i, const Step &step, double *to) const {
         switch (step.kind) {
-        case NLNode::Numbers:
-            for (int64_t i = 0; i < step.size; ++i)
-                to[i] = step.numbers ? step.numbers[i] : step.number;
-            return;
-        case NLNode::Variables:
-            return variable_values(step, to);
-        case NLNode::Linear:
-            return linear_values(step, to);
-        case NLNode::Quadratic:
-            linear_values(step, to);
-            return add_quadratic_values(*step.quadratic, model_of(step), to);
-        case NLNode::Trees:
-            return tree_values(step, to);
         case NLNode::Operation:
             return operation_values(step, to);
         case NLNode::Sum:
@@ -91,6 +173,8 @@ class Evaluation {
             return row_values(step, to);
         case NLNode::Picked:
             return picked_values(step, to);
+        default:
+            needed_.empty() ? leaf_values(step, to) : leaf_values(step, needed_[i], to);
         }
     }
     const double *values_of(const Step::Operand &operand) const {
@@ -130,17 +214,30 @@ class Evaluation {
     }
 
     const Program &program_;
+    const Needed &needed_;
     std::vector<Values> values_;
     std::vector<int64_t> uses_;
 };
+
+Values values_of(const Program &program) {
+    const Needed everything;
+    try {
+        return Evaluation(program, everything).run();
+    } catch (const PythonError &) {
+        // A leaf may hold what no element asks for, and what has no value: a variable that was removed. Whoever looks
+        // at objects never meets it.
+        PyErr_Clear();
+    }
+    const Needed needed = needed_elements(program);
+    return Evaluation(program, needed).run();
+}
 
 } // namespace
 
 Ref node_values(const NodeRef &node) {
     Program program;
     program.add(*node);
-    Values values = Evaluation(program).run();
-    return float_array(node->shape, values.data());
+    return float_array(node->shape, values_of(program).data());
 }
 
 } // namespace tarvopy

@@ -136,6 +136,26 @@ def test_no_values_without_a_solution(mode):
     assert MNLExpr._from_ndarray(np.array([1.5, 2.0])).getValue().tolist() == [1.5, 2.0]
 
 
+def test_values_need_the_elements_that_are_asked_for_only(mode):
+    m = tarvopy.Model()
+    x = variables(m, 4)
+    both, product = nlfunc.exp(x * x - x), nlfunc.sin(2 * x + 1) * x
+    parts = [
+        (both[1:], lambda X: np.exp(X * X - X)[1:]),
+        (product[::-1][:3], lambda X: (np.sin(2 * X + 1) * X)[:0:-1]),
+        (both[[3, 1]].sum(), lambda X: np.exp(X * X - X)[[3, 1]].sum()),
+        (sp.csr_array([[0.0, 1.0, 0.0, 2.0]]) @ both, lambda X: np.array([[1.0, 2.0]]) @ np.exp(X * X - X)[[1, 3]]),
+    ]
+    m.remove(x[0])
+    m.update()
+    X = np.append(np.nan, Point(m).numbers)
+    for part, expected in parts:
+        np.testing.assert_allclose(part.getValue(), expected(X))
+    with pytest.raises(tarvopy.TarvoError) as refused:
+        both.getValue()
+    assert refused.value.code == TRV.Error.NOT_IN_MODEL
+
+
 # ---- what goes where ------------------------------------------------------------------------------------------------
 
 
