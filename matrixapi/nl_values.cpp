@@ -124,8 +124,12 @@ void leaf_values(const Step &step, const std::vector<int64_t> &elements, double 
         if (step.trees)
             trees.push_back(step.trees[element]);
     }
-    if (step.kind == NLNode::Linear || step.kind == NLNode::Quadratic)
-        smaller.linear = &(linear = flat::gathered(*step.linear, elements.data(), {n}));
+    if (step.kind == NLNode::Linear || step.kind == NLNode::Quadratic) {
+        linear = flat::gathered(*step.linear, elements.data(), {n});
+        if (!linear.summands.empty())
+            linear.summands = {flat::joined(linear.summands, n)}; // which reads no variable but those of its terms
+        smaller.linear = &linear;
+    }
     if (step.kind == NLNode::Quadratic)
         smaller.quadratic = &(quadratic = flat::gathered(*step.quadratic, elements.data(), {n}));
     smaller.ids = ids.data();
