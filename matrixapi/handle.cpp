@@ -39,6 +39,17 @@ bool Layout::is_contiguous() const {
 
 // ---- arrays over blocks
 
+Ref strided_array(int type, const Layout &layout, char *memory, Ref owner) {
+    const npy_intp item = type == NPY_INT32 ? sizeof(int32_t) : sizeof(int64_t); // a pointer is as wide
+    npy_intp strides[NPY_MAXDIMS];
+    for (int d = 0; d < layout.ndim(); ++d)
+        strides[d] = layout.strides()[d] * item;
+    Ref array = check(PyArray_New(&PyArray_Type, layout.ndim(), layout.shape(), type, strides,
+                                  memory + layout.offset * item, 0, NPY_ARRAY_WRITEABLE, nullptr));
+    check_status(PyArray_SetBaseObject(as_array(array), owner.release()));
+    return array;
+}
+
 namespace {
 
 using IdBuffer = flat::Buffer<int32_t>;
@@ -47,18 +58,6 @@ constexpr const char *buffer_capsule = "tarvopy ids";
 
 void free_buffer_capsule(PyObject *capsule) {
     delete static_cast<IdBuffer *>(PyCapsule_GetPointer(capsule, buffer_capsule));
-}
-
-// An array of the layout over memory that `owner` keeps alive.
-Ref strided_array(int type, const Layout &layout, char *memory, Ref owner) {
-    const npy_intp item = type == NPY_OBJECT ? sizeof(PyObject *) : sizeof(int32_t);
-    npy_intp strides[NPY_MAXDIMS];
-    for (int d = 0; d < layout.ndim(); ++d)
-        strides[d] = layout.strides()[d] * item;
-    Ref array = check(PyArray_New(&PyArray_Type, layout.ndim(), layout.shape(), type, strides,
-                                  memory + layout.offset * item, 0, NPY_ARRAY_WRITEABLE, nullptr));
-    check_status(PyArray_SetBaseObject(as_array(array), owner.release()));
-    return array;
 }
 
 Ref id_array(const IdBuffer &ids, const Layout &layout) {

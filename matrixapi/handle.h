@@ -104,6 +104,9 @@ class Layout {
     std::unique_ptr<npy_intp[]> many_;
 };
 
+// An array of the layout over memory that `owner` keeps alive, writeable.
+Ref strided_array(int type, const Layout &layout, char *memory, Ref owner);
+
 struct IdsNative final : Native {
     const HandleClass &of;
     Ref model; // the handle; empty where there is no element

@@ -123,14 +123,7 @@ Ref iterate(PyObject *self) {
 
 // The places of a layout's elements in their block, as an array that NumPy can index: `all` is 0, 1, 2, ...
 Ref place_array(const Ref &all, const Layout &layout) {
-    constexpr npy_intp item = sizeof(int64_t);
-    npy_intp strides[NPY_MAXDIMS];
-    for (int d = 0; d < layout.ndim(); ++d)
-        strides[d] = layout.strides()[d] * item;
-    Ref view = check(PyArray_New(&PyArray_Type, layout.ndim(), layout.shape(), NPY_INT64, strides,
-                                 PyArray_BYTES(as_array(all)) + layout.offset * item, 0, NPY_ARRAY_WRITEABLE, nullptr));
-    check_status(PyArray_SetBaseObject(as_array(view), Ref(all).release()));
-    return view;
+    return strided_array(NPY_INT64, layout, PyArray_BYTES(as_array(all)), all);
 }
 
 // The layout of a view that NumPy made of place_array's.

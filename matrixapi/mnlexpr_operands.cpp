@@ -94,15 +94,6 @@ Side mlinexpr_side(PyObject *expr) {
     });
 }
 
-Ref sum_of_terms(PyObject *linexpr, PyObject *quadexpr) {
-    Ref terms = check(mod.core->linexpr_terms(linexpr)), products = check(mod.core->quadexpr_terms(quadexpr));
-    std::vector<PyObject *> children;
-    for (PyObject *list : {terms.get(), products.get()})
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i)
-            children.push_back(PyList_GET_ITEM(list, i));
-    return check(mod.core->tree_node(TreeOp::Plus, static_cast<int64_t>(children.size()), children.data()));
-}
-
 Side elementwise_quadratic(PyObject *expr, const flat::Shape &shape) {
     Ref full = is_compact_quad(expr) ? quad_to_full(expr) : Ref::borrow(expr);
     Ref quadratic = contiguous_objects(qearr(full.get()).get());
@@ -115,7 +106,7 @@ Side elementwise_quadratic(PyObject *expr, const flat::Shape &shape) {
         PyObject *le = slots_of(linear)[i], *qe = slots_of(quadratic)[i];
         need_type(le ? le : Py_None, mod.core->LinExpr, "_linexpr_terms", "LinExpr");
         need_type(qe ? qe : Py_None, mod.core->QuadExpr, "_quadexpr_terms", "QuadExpr");
-        slots_of(trees)[i] = sum_of_terms(le, qe).release();
+        slots_of(trees)[i] = quadratic_tree(le, qe).release();
     }
     return side_of(trees_node(std::move(trees), shape));
 }

@@ -1,4 +1,5 @@
 // The state of MNLExpr: blocks, views of them, and the NLExpr objects made on demand.
+#include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mnlexpr.h"
 
 #include "pysupport/args.h"
@@ -48,34 +49,15 @@ void make_block_objects(NLBlock &block) {
     }
 }
 
-// The block's array as the layout sees it.
-Ref strided_view(const Ref &array, const Layout &layout) {
-    constexpr npy_intp item = sizeof(PyObject *);
-    npy_intp strides[NPY_MAXDIMS];
-    for (int d = 0; d < layout.ndim(); ++d)
-        strides[d] = layout.strides()[d] * item;
-    Ref view =
-        check(PyArray_New(&PyArray_Type, layout.ndim(), layout.shape(), NPY_OBJECT, strides,
-                          PyArray_BYTES(as_array(array)) + layout.offset * item, 0, NPY_ARRAY_WRITEABLE, nullptr));
-    check_status(PyArray_SetBaseObject(as_array(view), Ref(array).release()));
-    return view;
-}
-
-Ref array_of_one(PyObject *element) {
-    Ref array = check(PyArray_SimpleNew(0, nullptr, NPY_OBJECT));
-    *static_cast<PyObject **>(PyArray_DATA(as_array(array))) = Ref::borrow(element).release();
-    return array;
-}
-
 Ref made_array(const NonlinearNative &native) {
     std::shared_ptr<NLBlock> block = native.block;
     make_block_objects(*block);
     if (native.element)
-        return array_of_one(static_cast<PyObject **>(PyArray_DATA(as_array(block->originals)))[native.layout.offset]);
+        return object_scalar(static_cast<PyObject **>(PyArray_DATA(as_array(block->originals)))[native.layout.offset]);
     // NumPy lets resize(refcheck=False) take the memory away below a view.
     if (PyArray_SIZE(as_array(block->objects)) != block->size)
         fail(PyExc_ValueError, "the array behind these elements was resized");
-    return strided_view(block->objects, native.layout);
+    return strided_array(NPY_OBJECT, native.layout, PyArray_BYTES(as_array(block->objects)), block->objects);
 }
 
 // The documented attribute comes first in the dictionary, whatever was stored before.
@@ -120,13 +102,7 @@ flat::Shape nonlinear_shape_of(PyObject *expr) {
 // ---- making ---------------------------------------------------------------------------------------------------------
 
 Ref make_mnlexpr(PyObject *cls, NodeRef node) {
-    auto layout = Layout(static_cast<int>(node->shape.size()));
-    npy_intp step = 1;
-    for (int d = layout.ndim() - 1; d >= 0; --d) {
-        layout.shape()[d] = node->shape[static_cast<size_t>(d)];
-        layout.strides()[d] = step;
-        step *= layout.shape()[d];
-    }
+    Layout layout = Layout::contiguous(static_cast<int>(node->shape.size()), node->shape.data());
     auto block = std::make_shared<NLBlock>();
     block->size = node->size;
     block->node = std::move(node);

@@ -169,6 +169,8 @@ NodeRef picked_node(flat::Shape shape, flat::Buffer<int64_t> source, std::vector
 // ---- trees ----------------------------------------------------------------------------------------------------------
 // All trees of a node, made where they are not yet: a one-dimensional object array in C order. Works without recursion.
 Ref node_trees(const NodeRef &node);
+// The sum of the terms of a LinExpr and a QuadExpr, linear ones first: the tree of an element of an MQuadExpr.
+Ref quadratic_tree(PyObject *linexpr, PyObject *quadexpr);
 
 // ---- values (nl_values.cpp) -----------------------------------------------------------------------------------------
 // The value of every element at the last solution, C order; domain errors are NaN or infinity. Where an inner node's

@@ -66,16 +66,6 @@ void linear_trees(const NLNode &node, NewTrees &out) {
         out.put(check(mod.core->tree_of(elements_of_array(elements)[i])));
 }
 
-// The sum of the terms of both halves, linear ones first.
-Ref quadratic_tree(PyObject *linexpr, PyObject *quadexpr) {
-    Ref terms = check(mod.core->linexpr_terms(linexpr)), products = check(mod.core->quadexpr_terms(quadexpr));
-    std::vector<PyObject *> children;
-    for (PyObject *list : {terms.get(), products.get()})
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i)
-            children.push_back(PyList_GET_ITEM(list, i));
-    return tree_node(TreeOp::Plus, children);
-}
-
 void quadratic_trees(const NLNode &node, NewTrees &out) {
     Ref linear = linexpr_array(node.linear, node.model), quadratic = quadexpr_array(node.quadratic, node.model);
     for (int64_t i = 0; i < node.size; ++i)
@@ -200,6 +190,15 @@ bool push_operands(const NLNode &node, std::vector<NodeRef> &stack) {
 }
 
 } // namespace
+
+Ref quadratic_tree(PyObject *linexpr, PyObject *quadexpr) {
+    Ref terms = check(mod.core->linexpr_terms(linexpr)), products = check(mod.core->quadexpr_terms(quadexpr));
+    std::vector<PyObject *> children;
+    for (PyObject *list : {terms.get(), products.get()})
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i)
+            children.push_back(PyList_GET_ITEM(list, i));
+    return tree_node(TreeOp::Plus, children);
+}
 
 Ref node_trees(const NodeRef &root) {
     need_numpy();
