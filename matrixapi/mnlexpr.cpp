@@ -121,49 +121,54 @@ Ref iterate(PyObject *self) {
 
 // ---- indexing -------------------------------------------------------------------------------------------------------
 
-// The places of a layout's elements in their block, as an array that NumPy can index: `all` is 0, 1, 2, ...
-Ref place_array(const Ref &all, const Layout &layout) {
-    return strided_array(NPY_INT64, layout, PyArray_BYTES(as_array(all)), all);
+// The places of a layout's elements in their block, as an array that NumPy can index. What it is made of is kept, so
+// that many small selections of a large array cost what they select.
+Ref place_array(NLBlock &block, const Layout &layout) {
+    if (!block.places)
+        block.places = check(PyArray_Arange(0, static_cast<double>(block.size), 1, NPY_INT64));
+    return strided_array(NPY_INT64, layout, PyArray_BYTES(as_array(block.places)), block.places);
 }
 
-// The layout of a view that NumPy made of place_array's.
-Layout layout_of(PyArrayObject *view, const Ref &all) {
+// The layout of a view that NumPy made of place_array's, which begin at `start`.
+Layout layout_of(PyArrayObject *view, const char *start) {
     constexpr npy_intp item = sizeof(int64_t);
     Layout layout(PyArray_NDIM(view));
     for (int d = 0; d < layout.ndim(); ++d) {
         layout.shape()[d] = PyArray_DIM(view, d);
         layout.strides()[d] = PyArray_STRIDE(view, d) / item;
     }
-    layout.offset = (PyArray_BYTES(view) - PyArray_BYTES(as_array(all))) / item;
+    layout.offset = (PyArray_BYTES(view) - start) / item;
     return layout;
 }
 
-Ref picked(const NodeRef &node, const Ref &places) {
+Ref copied_elements(const NLBlock &block, const Ref &places) {
     Ref ordered = check(PyArray_FROMANY(places.get(), NPY_INT64, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
     flat::Shape shape = shape_of_array(ordered.get());
+    if (block.objects) {
+        Ref elements = check(PyArray_Ravel(as_array(block.objects), NPY_CORDER));
+        Ref selected = check(PyObject_GetItem(elements.get(), ordered.get()));
+        return make_mnlexpr(mod.MNLExpr, trees_node(roots_of(selected.get()), std::move(shape)));
+    }
     auto source =
         flat::Buffer<int64_t>::copy_of(static_cast<int64_t *>(PyArray_DATA(as_array(ordered))), flat::size_of(shape));
-    return make_mnlexpr(mod.MNLExpr, picked_node(std::move(shape), std::move(source), {node}));
+    return make_mnlexpr(mod.MNLExpr, picked_node(std::move(shape), std::move(source), {block.node}));
 }
 
-// Indexing the places instead of the elements: the key may be an array or an object of any kind, and running its code
-// may make the objects.
-Ref select_by_numpy(PyObject *self, PyObject *key) {
-    NonlinearNative *native = nonlinear_of(self);
-    Ref all = check(PyArray_Arange(0, static_cast<double>(native->block->size), 1, NPY_INT64));
-    Ref selected = check(PyObject_GetItem(place_array(all, native->layout).get(), key));
-    native = nonlinear_of(self);
-    if (!native)
-        return Ref();
+// Indexing the places instead of the elements, once: a key may be an object of any kind, and running its code may make
+// the objects.
+Ref select_by_numpy(const NonlinearNative &native, PyObject *key) {
+    std::shared_ptr<NLBlock> block = native.block;
+    Ref all = place_array(*block, native.layout), base = block->places;
+    Ref selected = check(PyObject_GetItem(all.get(), key));
     if (!PyArray_Check(selected.get())) {
         Layout element(0);
-        element.offset = check_value(PyLong_AsSsize_t(selected.get()));
-        return part_of(*native, std::move(element), true);
+        element.offset = check_value(PyNumber_AsSsize_t(selected.get(), nullptr));
+        return part_of(block, std::move(element), true);
     }
     PyArrayObject *places = as_array(selected);
-    const char *start = PyArray_BYTES(as_array(all)), *data = PyArray_BYTES(places);
-    bool view = PyArray_SIZE(places) > 0 && data >= start && data < start + PyArray_NBYTES(as_array(all));
-    return view ? part_of(*native, layout_of(places, all), false) : picked(native->block->node, selected);
+    const char *start = PyArray_BYTES(as_array(base)), *data = PyArray_BYTES(places);
+    bool view = PyArray_SIZE(places) > 0 && data >= start && data < start + PyArray_NBYTES(as_array(base));
+    return view ? part_of(block, layout_of(places, start), false) : copied_elements(*block, selected);
 }
 
 bool shares_memory(PyObject *selected, PyObject *source) {
@@ -187,9 +192,8 @@ Ref select(PyObject *self, PyObject *key) {
         Layout part;
         bool element = false;
         if (basic_cut(native->layout, key, part, element))
-            return part_of(*native, std::move(part), element);
-        if (Ref selected = select_by_numpy(self, key))
-            return selected;
+            return part_of(native->block, std::move(part), element);
+        return select_by_numpy(*native, key);
     }
     return select_objects(self, key);
 }

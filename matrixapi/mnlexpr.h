@@ -29,6 +29,7 @@ struct NLBlock {
     // stand without objects, the block keeps the objects it made, whatever is written into `objects` itself.
     int64_t elements_out = 0;
     Ref originals; // a copy of `objects`, while elements_out > 0
+    Ref places;    // 0, 1, 2, ... for NumPy to index, once it was asked; while there are no objects
 };
 
 struct NonlinearNative final : Native {
@@ -55,8 +56,8 @@ Ref make_mnlexpr(PyObject *cls, NodeRef node); // objects at once in eager mode
 Ref wrap_nlexprs(PyObject *cls, Ref object_array);
 // New NLExpr around the trees (one-dimensional, C order) in an array of the shape.
 Ref nlexpr_array(const Ref &trees, const flat::Shape &shape);
-// A view of an expression's block.
-Ref part_of(const NonlinearNative &native, Layout part, bool element);
+// A view of a block; `element`: one element taken out.
+Ref part_of(const std::shared_ptr<NLBlock> &block, Layout part, bool element);
 
 // ---- reading --------------------------------------------------------------------------------------------------------
 // An operand of nonlinear arithmetic, as _coerce_to_exprtree_array and NLExpr._coerce_to_exprtree say, as a view of a

@@ -45,8 +45,15 @@ void make_block_objects(NLBlock &block) {
             continue;
         block.objects = std::move(array);
         block.originals = std::move(originals);
+        block.places = Ref();
         block.node = NodeRef(); // `node` frees what only the block held, after the block is whole
     }
+}
+
+// NumPy lets resize(refcheck=False) take the memory away below a view.
+void need_whole(const NLBlock &block) {
+    if (PyArray_SIZE(as_array(block.objects)) != block.size)
+        fail(PyExc_ValueError, "the array behind these elements was resized");
 }
 
 Ref made_array(const NonlinearNative &native) {
@@ -54,9 +61,7 @@ Ref made_array(const NonlinearNative &native) {
     make_block_objects(*block);
     if (native.element)
         return object_scalar(static_cast<PyObject **>(PyArray_DATA(as_array(block->originals)))[native.layout.offset]);
-    // NumPy lets resize(refcheck=False) take the memory away below a view.
-    if (PyArray_SIZE(as_array(block->objects)) != block->size)
-        fail(PyExc_ValueError, "the array behind these elements was resized");
+    need_whole(*block);
     return strided_array(NPY_OBJECT, native.layout, PyArray_BYTES(as_array(block->objects)), block->objects);
 }
 
@@ -118,8 +123,12 @@ Ref wrap_nlexprs(PyObject *cls, Ref object_array) {
     return expr;
 }
 
-Ref part_of(const NonlinearNative &native, Layout part, bool element) {
-    return new_instance(mod.MNLExpr, std::make_unique<NonlinearNative>(native.block, std::move(part), element));
+Ref part_of(const std::shared_ptr<NLBlock> &block, Layout part, bool element) {
+    if (!element || !block->objects)
+        return new_instance(mod.MNLExpr, std::make_unique<NonlinearNative>(block, std::move(part), element));
+    need_whole(*block);
+    PyObject *object = static_cast<PyObject **>(PyArray_DATA(as_array(block->objects)))[part.offset];
+    return wrap_nlexprs(mod.MNLExpr, object_scalar(object ? object : Py_None));
 }
 
 Ref nlexpr_array(const Ref &trees, const flat::Shape &shape) {
