@@ -22,7 +22,7 @@ PLACES = np.array([[0, -3.2], [-2.8, 2.3], [2.8, 2.3], [0, -1.9], [1.6, -1], [1.
 SIDES = np.array([[1, 0], [0, 1], [0, 1], [0, 1], [1, 0], [1, 0], [0, 1], [-1, 0], [-1, 0]])
 STATUS_NAMES = {tarvopy.TRV.OPTIMAL: "optimal", tarvopy.TRV.TIME_LIMIT: "time limit"}
 HEADING = (
-    f"{'network':<22}{'status':<12}{'cost $/h':>12}{'bound':>12}{'gap':>10}{'time':>8}{'pypower':>12}{'losses MW':>11}"
+    f"{'network':<24}{'status':<12}{'cost $/h':>12}{'bound':>12}{'gap':>10}{'time':>8}{'pypower':>12}{'losses MW':>11}"
 )
 
 Panel = tuple[str, System, Operation, np.ndarray]  # title, network, its operation, prices
@@ -39,7 +39,7 @@ def line(name: str, rating: float, operation: Operation, local: float) -> str:
     what = f"{name}, lines at {100 * rating:.0f} %"
     status = STATUS_NAMES.get(operation.status, str(operation.status))
     proven = f"{operation.cost:>12.3f}{operation.bound:>12.3f}{100 * operation.gap:>8.4f} %{operation.seconds:>6.1f} s"
-    return f"{what:<22}{status:<12}{proven}{local:>12.3f}{100 * operation.losses.sum():>11.2f}"
+    return f"{what:<24}{status:<12}{proven}{local:>12.3f}{100 * operation.losses.sum():>11.2f}"
 
 
 def buses(system: System, operation: Operation, price: np.ndarray) -> str:
