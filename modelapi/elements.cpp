@@ -66,9 +66,10 @@ class Removals {
     }
 
     void apply(TRVmodel *store) const {
+        std::vector<TRVremoval> all;
         for (const Removal &removal : removals_)
-            succeed(store,
-                    TRVremove(store, removal.kind, static_cast<int64_t>(removal.ids.size()), removal.ids.data()));
+            all.push_back({removal.kind, static_cast<int64_t>(removal.ids.size()), removal.ids.data()});
+        succeed(store, TRVremoveall(store, static_cast<int32_t>(all.size()), all.data()));
     }
 
   private:

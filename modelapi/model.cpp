@@ -145,8 +145,11 @@ PyMethodDef methods[] = {
         "remove($self, what, /)\n--\n\n"
         "Remove variables or constraints: a scalar or matrix handle, or a list of them. Elements in the model go at "
         "the next\n"
-        "update, pending ones at once. TarvoError (NOT_IN_MODEL) for those of another model; then nothing was "
-        "removed."),
+        "update, pending ones at once. Variables may go together with the nonlinear and general constraints that they "
+        "stand in.\n"
+        "TarvoError for elements of another model (NOT_IN_MODEL) and for variables that stand in a nonlinear or "
+        "general\n"
+        "constraint or in a nonlinear objective that stays; then nothing was removed."),
     row("getVars", model_getVars,
         "getVars($self, /)\n--\n\nThe variables in the model's order, as a list of Var; pending ones are not among "
         "them."),

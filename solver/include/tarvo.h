@@ -293,6 +293,14 @@ TRV_API int TRVaddgens(TRVmodel *model, int type, const TRVgens *gens, const TRV
  * new terms over such variables are refused. Removing what is removed or marked already is fine
  * (NOT_IN_MODEL only for ids that never were). */
 TRV_API int TRVremove(TRVmodel *model, int kind, int64_t n, const int32_t *ids);
+/* The same for several kinds, each named once: all of them or none. Variables may go together with the constraints that
+ * keep them. */
+typedef struct TRVremoval {
+    int kind;
+    int64_t n;
+    const int32_t *ids;
+} TRVremoval;
+TRV_API int TRVremoveall(TRVmodel *model, int32_t count, const TRVremoval *removals);
 /* Applies what is pending. If anything changed since the last solution (attributes and coefficients included), Status
  * becomes NOT_SOLVED and the old X becomes what the next solve may start from (where Start is not set). */
 TRV_API int TRVupdatemodel(TRVmodel *model);

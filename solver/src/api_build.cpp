@@ -142,10 +142,24 @@ int TRVsetobjective(TRVmodel *model, int64_t n, const int32_t *var, const double
 }
 
 int TRVremove(TRVmodel *model, int kind, int64_t n, const int32_t *ids) {
+    const TRVremoval removal{kind, n, ids};
+    return TRVremoveall(model, 1, &removal);
+}
+
+int TRVremoveall(TRVmodel *model, int32_t count, const TRVremoval *removals) {
     return border(model, [&] {
-        requirecount("elements", n);
-        requirepointer("ids", ids, n);
-        model->remove(kind, n, ids);
+        requirecount("removals", count);
+        requirepointer("removals", removals, count);
+        unsigned kinds = 0;
+        for (int32_t k = 0; k < count; k++) {
+            requirecount("elements", removals[k].n);
+            requirepointer("ids", removals[k].ids, removals[k].n);
+            (void)model->registry(removals[k].kind); // refuses what is no kind
+            if (kinds & 1u << removals[k].kind)
+                failf(TRV_ERROR_INVALID_ARGUMENT, "the kind of element %d stands twice", removals[k].kind);
+            kinds |= 1u << removals[k].kind;
+        }
+        model->remove(count, removals);
     });
 }
 

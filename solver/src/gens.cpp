@@ -168,10 +168,10 @@ TRVgens Gens::view(int32_t slot) const {
             data_.data()};
 }
 
-int32_t Gens::genwith(int32_t variable) const {
+int32_t Gens::genwith(int32_t variable, const Buffer<int32_t> &leaving) const {
     for (int32_t i = 0; i < ids.slots(); i++) {
         const int32_t *from = var_.data() + ptr_[argptr_[i]], *to = var_.data() + ptr_[argptr_[i + 1]];
-        if (!ids.gone(i) && std::find(from, to, variable) != to)
+        if (std::find(from, to, variable) != to && !ids.gone(i) && !among(leaving, i))
             return i;
     }
     return -1;
@@ -179,20 +179,10 @@ int32_t Gens::genwith(int32_t variable) const {
 
 // ---- removal and update
 
-void Gens::remove(Uses &uses, int64_t n, const int32_t *removed) {
-    Buffer<int32_t> leaving;
-    leaving.reserve(n);
-    for (int64_t i = 0; i < n; i++) {
-        const int32_t s = ids.slot(removed[i]);
-        if (s >= 0 && !ids.gone(s))
-            leaving.push(s);
-    }
-    ids.remove(n, removed);
-    std::sort(leaving.data(), leaving.end());
-    leaving.cut(std::unique(leaving.data(), leaving.end()) - leaving.data());
-    for (size_t k = 0; k < leaving.size(); k++) {
-        const int64_t from = ptr_[argptr_[leaving[k]]], to = ptr_[argptr_[leaving[k] + 1]];
-        uses.add(to - from, var_.data() + from, -1);
+void Gens::adduses(Uses &uses, const Buffer<int32_t> &slots, int64_t by) const noexcept {
+    for (size_t k = 0; k < slots.size(); k++) {
+        const int64_t from = ptr_[argptr_[slots[k]]], to = ptr_[argptr_[slots[k] + 1]];
+        uses.add(to - from, var_.data() + from, by);
     }
 }
 

@@ -44,13 +44,14 @@ class Gens {
     Buffer<int32_t> type;
 
     int32_t add(const Columns &columns, Uses &uses, int newtype, const TRVgens &gens, const TRVnames *newnames);
-    // Their variables are free to go at once.
-    void remove(Uses &uses, int64_t n, const int32_t *removed);
+    // What the variables of these constraints count for, once more (1) or no longer (-1).
+    void adduses(Uses &uses, const Buffer<int32_t> &slots, int64_t by) const noexcept;
 
     Gen gen(int32_t slot) const;
     TRVgens view(int32_t slot) const;
-    // The first constraint, not marked as removed, that has the variable: its slot, or -1.
-    int32_t genwith(int32_t variable) const;
+    // The first constraint that has the variable, neither marked as removed nor among those that leave: its slot, or
+    // -1.
+    int32_t genwith(int32_t variable, const Buffer<int32_t> &leaving) const;
     void update() noexcept;
 
     // f(slot, Gen) for the constraints in the model, in order.

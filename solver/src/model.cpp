@@ -45,14 +45,15 @@ Names &TRVmodel::names(int kind) {
 }
 
 // A tape has no term that could go with its variable, and a general constraint without it would be another one.
-void TRVmodel::requireunused(int64_t n, const int32_t *variables) {
+void TRVmodel::requireunused(int64_t n, const int32_t *variables, const Buffer<int32_t> &leavingrows,
+                             const Buffer<int32_t> &leavinggens) {
     for (int64_t i = 0; i < n; i++) {
         const int32_t id = variables[i];
         if (id < 0 || !uses.any(id))
             continue;
         std::string what = "remove: the variable ";
         columns.names.append(id, what);
-        const int32_t nlrow = nlrows.rowwith(id), gen = nlrow < 0 ? gens.genwith(id) : -1;
+        const int32_t nlrow = nlrows.rowwith(id, leavingrows), gen = nlrow < 0 ? gens.genwith(id, leavinggens) : -1;
         if (nlrow < 0 && gen < 0)
             fail(TRV_ERROR_INVALID_ARGUMENT, what + " stands in the nonlinear objective; replace that first");
         what += nlrow >= 0 ? " stands in the nonlinear constraint " : " stands in the general constraint ";
@@ -61,16 +62,41 @@ void TRVmodel::requireunused(int64_t n, const int32_t *variables) {
     }
 }
 
-void TRVmodel::remove(int kind, int64_t n, const int32_t *ids) {
-    if (kind == TRV_NLCONSTR)
-        return nlrows.remove(uses, n, ids);
-    if (kind == TRV_GENCONSTR)
-        return gens.remove(uses, n, ids);
-    if (kind == TRV_VAR)
-        requireunused(n, ids);
-    registry(kind).remove(n, ids);
-    if (kind != TRV_VAR || n == 0)
-        return;
+// The uses by what leaves are taken off before the variables are looked at, so that these may go with it.
+void TRVmodel::remove(int32_t count, const TRVremoval *removals) {
+    Buffer<int32_t> leavingrows, leavinggens;
+    for (int32_t k = 0; k < count; k++) {
+        const TRVremoval &r = removals[k];
+        Buffer<int32_t> slots = registry(r.kind).leaving(r.n, r.ids); // a check for the other kinds
+        if (r.kind == TRV_NLCONSTR)
+            leavingrows = std::move(slots);
+        else if (r.kind == TRV_GENCONSTR)
+            leavinggens = std::move(slots);
+    }
+    const auto adduses = [&](int64_t by) {
+        nlrows.adduses(uses, leavingrows, by);
+        gens.adduses(uses, leavinggens, by);
+    };
+    adduses(-1);
+    try {
+        for (int32_t k = 0; k < count; k++)
+            if (removals[k].kind == TRV_VAR)
+                requireunused(removals[k].n, removals[k].ids, leavingrows, leavinggens);
+        for (int32_t k = 0; k < count; k++)
+            if (removals[k].n) // without any the registry keeps its short form
+                registry(removals[k].kind).prepareremoval();
+    } catch (...) {
+        adduses(1);
+        throw;
+    }
+    for (int32_t k = 0; k < count; k++) {
+        registry(removals[k].kind).remove(removals[k].n, removals[k].ids);
+        if (removals[k].kind == TRV_VAR && removals[k].n)
+            variablesremoved();
+    }
+}
+
+void TRVmodel::variablesremoved() {
     nlrows.variablesremoved();
     rows.variablesremoved();
     qrows.variablesremoved();

@@ -36,7 +36,8 @@ struct TRVmodel {
     const store::Registry &registry(int kind) const;
     store::Names &names(int kind);
 
-    void remove(int kind, int64_t n, const int32_t *ids);
+    // Each kind once.
+    void remove(int32_t count, const TRVremoval *removals);
     void update();
     // With the terms of a quadratic part, in the stored form, and a checked tape.
     void setobjective(int64_t n, const int32_t *var, const double *coef, store::QuadTerms &&quadratic,
@@ -60,7 +61,9 @@ struct TRVmodel {
     void setsense(int value);
 
   private:
-    void requireunused(int64_t n, const int32_t *variables);
+    void requireunused(int64_t n, const int32_t *variables, const store::Buffer<int32_t> &leavingrows,
+                       const store::Buffer<int32_t> &leavinggens);
+    void variablesremoved();
     void replacetape(store::NlObjective &&nonlinear) noexcept;
     void writecosts(int64_t n, const int32_t *var, const double *coef);
     void sumcosts(int64_t n, const int32_t *var, const double *coef);

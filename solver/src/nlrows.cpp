@@ -11,6 +11,12 @@ namespace store {
 
 namespace {
 
+// A default name says little of which row of a block is meant.
+std::string placeinblock(int64_t nrows, int64_t row, const TRVnames *names) {
+    const bool named = names && names->form != TRV_NAMES_NONE;
+    return named || nrows == 1 ? "" : ", element " + std::to_string(row) + " of the block";
+}
+
 double checkedside(double value, bool islower, int64_t id) {
     const bool wrong = islower ? value >= TRV_INFINITY : value <= -TRV_INFINITY;
     if (std::isnan(value) || wrong)
@@ -57,8 +63,9 @@ void NlRows::roomtapes(const Columns &columns, const TRVnlrows &rows, const Buff
         const int64_t more = check.check(codeblock[i + 1] - codeblock[i], rows.code + codeblock[i],
                                          rows.nconstants - taken, rows.constant + taken, why);
         if (more < 0)
-            fail(TRV_ERROR_INVALID_ARGUMENT,
-                 "nonlinear constraint " + nameinblock('N', ids.count(), nrows, i, newnames) + ": " + why);
+            fail(TRV_ERROR_INVALID_ARGUMENT, "nonlinear constraint " +
+                                                 nameinblock('N', ids.count(), nrows, i, newnames) +
+                                                 placeinblock(nrows, i, newnames) + ": " + why);
         taken += more;
         constantblock[i + 1] = taken;
     }
@@ -112,10 +119,11 @@ TRVnlrows NlRows::all() const {
             constant_.data()};
 }
 
-int32_t NlRows::rowwith(int32_t variable) const {
+int32_t NlRows::rowwith(int32_t variable, const Buffer<int32_t> &leaving) const {
     for (int32_t i = 0; i < ids.slots(); i++) {
         const Tape one = tape(i);
-        if (!ids.gone(i) && std::find(one.code, one.code + one.n, variable) != one.code + one.n)
+        const bool has = std::find(one.code, one.code + one.n, variable) != one.code + one.n;
+        if (has && !ids.gone(i) && !among(leaving, i))
             return i;
     }
     return -1;
@@ -123,21 +131,10 @@ int32_t NlRows::rowwith(int32_t variable) const {
 
 // ---- removal and update
 
-void NlRows::remove(Uses &uses, int64_t n, const int32_t *removed) {
-    Buffer<int32_t> leaving;
-    leaving.reserve(n);
-    for (int64_t i = 0; i < n; i++) {
-        const int32_t s = ids.slot(removed[i]);
-        if (s >= 0 && !ids.gone(s))
-            leaving.push(s);
-    }
-    ids.remove(n, removed);
-    std::sort(leaving.data(), leaving.end());
-    for (size_t k = 0; k < leaving.size(); k++) {
-        if (k && leaving[k] == leaving[k - 1])
-            continue;
-        const Tape gone = tape(leaving[k]);
-        uses.add(gone.n, gone.code, -1);
+void NlRows::adduses(Uses &uses, const Buffer<int32_t> &slots, int64_t by) const noexcept {
+    for (size_t k = 0; k < slots.size(); k++) {
+        const Tape gone = tape(slots[k]);
+        uses.add(gone.n, gone.code, by);
     }
 }
 

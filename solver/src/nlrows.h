@@ -29,8 +29,8 @@ class NlRows {
 
     int32_t add(const Columns &columns, Uses &uses, int64_t nrows, const TRVnlrows &rows, const double *newlower,
                 int lowerstep, const double *newupper, int upperstep, const TRVnames *newnames);
-    // Their variables are free to go at once.
-    void remove(Uses &uses, int64_t n, const int32_t *removed);
+    // What the variables of these tapes count for, once more (1) or no longer (-1).
+    void adduses(Uses &uses, const Buffer<int32_t> &slots, int64_t by) const noexcept;
 
     NlRow row(int32_t slot) const {
         const int64_t from = ptr_[slot];
@@ -43,8 +43,8 @@ class NlRows {
     TRVnlrows view(int32_t slot) const;
     // The rows in the model, of which there is one at least.
     TRVnlrows all() const;
-    // The first row, not marked as removed, whose tape has the variable: its slot, or -1.
-    int32_t rowwith(int32_t variable) const;
+    // The first row whose tape has the variable, neither marked as removed nor among those that leave: its slot, or -1.
+    int32_t rowwith(int32_t variable, const Buffer<int32_t> &leaving) const;
 
     // Entries of tapes of the rows in the model.
     int64_t codes() const { return codeptr_.empty() ? 0 : codeptr_[ids.committed()]; }

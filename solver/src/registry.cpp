@@ -3,6 +3,7 @@
 
 #include "failure.h"
 
+#include <algorithm>
 #include <cinttypes>
 
 namespace store {
@@ -58,14 +59,26 @@ void Registry::makemaps() {
     identity_ = false;
 }
 
-void Registry::remove(int64_t n, const int32_t *ids) {
-    for (int64_t i = 0; i < n; i++)
+Buffer<int32_t> Registry::leaving(int64_t n, const int32_t *ids) const {
+    Buffer<int32_t> slots;
+    slots.reserve(n);
+    for (int64_t i = 0; i < n; i++) {
         if (ids[i] < 0 || ids[i] >= count_)
             failnotinmodel("remove", kind_, ids[i], false);
-    if (n == 0)
-        return;
+        if (usable(ids[i]))
+            slots.push(slot(ids[i]));
+    }
+    std::sort(slots.data(), slots.end());
+    slots.cut(std::unique(slots.data(), slots.end()) - slots.data());
+    return slots;
+}
+
+void Registry::prepareremoval() {
     gone_.pad(slots_, 0);
     makemaps();
+}
+
+void Registry::remove(int64_t n, const int32_t *ids) noexcept {
     for (int64_t i = 0; i < n; i++) {
         int32_t s = slotof_[ids[i]];
         if (s < 0 || gone_[s])

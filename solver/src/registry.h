@@ -55,8 +55,13 @@ class Registry {
     void reserve(int64_t n);
     int32_t add(int64_t n) noexcept;
 
-    // Pending elements are gone at once, others are marked. Nothing changes if one id never was.
-    void remove(int64_t n, const int32_t *ids);
+    // Slots of those of the ids that are neither removed nor marked, ascending and each once; an error where one never
+    // was.
+    Buffer<int32_t> leaving(int64_t n, const int32_t *ids) const;
+    // Pending elements are gone at once, others are marked. The ids are checked (see leaving) and prepareremoval has
+    // allocated what it takes.
+    void prepareremoval();
+    void remove(int64_t n, const int32_t *ids) noexcept;
 
     // Whether an update would change the model (pending elements that were removed again do not).
     bool changes() const { return slots_ - committed_ - gonepending_ > 0 || gonecount_ - gonepending_ > 0; }

@@ -5,6 +5,8 @@
 #include "buffer.h"
 #include "registry.h"
 
+#include <algorithm>
+
 namespace store {
 
 // 8 bytes a variable from the first such element on: a removal asks about one variable, and must not search all of
@@ -23,5 +25,10 @@ class Uses {
   private:
     Buffer<int64_t> count_; // by id
 };
+
+// Slots in ascending order.
+inline bool among(const Buffer<int32_t> &slots, int32_t slot) {
+    return std::binary_search(slots.data(), slots.data() + slots.size(), slot);
+}
 
 } // namespace store
