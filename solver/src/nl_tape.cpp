@@ -158,6 +158,58 @@ bool NlTape::falls_apart(const store::Tape &tape, std::int32_t entry) const {
     return is_sum(operation_at(tape, entry)) && std::isnan(parts_[static_cast<std::size_t>(entry)].value);
 }
 
+// Of a long sum each operand for itself: the objective of a large model is one tape, and 32 bytes for each of its
+// entries would be more than the model takes. An empty list: in one piece.
+std::vector<store::Tape> NlTape::pieces(const store::Tape &tape) {
+    constexpr std::int64_t kLong = 1 << 16;
+    if (tape.n < kLong || operation_at(tape, static_cast<std::int32_t>(tape.n - 1)) != TRV_NL_SUM) {
+        return {};
+    }
+    std::vector<store::Tape> open;
+    const double *constant = tape.constant;
+    for (std::int64_t k = 0; k < tape.n - 1; ++k) {
+        const int operation = operation_at(tape, static_cast<std::int32_t>(k));
+        if (operation <= TRV_NL_CONSTANT) {
+            open.push_back({1, tape.code + k, constant});
+            constant += operation == TRV_NL_CONSTANT;
+        } else {
+            open.resize(open.size() - static_cast<std::size_t>(store::operandsof(tape.code[k])) + 1);
+            open.back().n = tape.code + k + 1 - open.back().code;
+        }
+    }
+    return open;
+}
+
+// What a piece brings to the sum of all. It is surveyed afterwards.
+NlTape::Part NlTape::part_of_sum(const store::Tape &piece) {
+    survey(piece);
+    Part part = parts_.back();
+    if (!falls_apart(piece, static_cast<std::int32_t>(piece.n - 1))) {
+        part.depth += levels(TRV_NL_SUM);
+        part.summands = 1;
+    }
+    return part;
+}
+
+NlTape::Part NlTape::whole(const store::Tape &tape, const std::vector<store::Tape> &parts) {
+    if (parts.empty()) {
+        survey(tape);
+        return parts_.back();
+    }
+    Part sum{0, 0, 0, 0, 0};
+    double broken_base = 1;
+    for (const store::Tape &piece : parts) {
+        const Part part = part_of_sum(piece);
+        sum.depth = std::max(sum.depth, part.depth);
+        sum.summands += part.summands;
+        sum.tangents = std::max(sum.tangents, part.tangents);
+        sum.value += part.value;
+        broken_base = std::min(broken_base, broken_base_);
+    }
+    broken_base_ = broken_base;
+    return sum;
+}
+
 std::string NlTape::refusal(const store::Tape &tape) {
     if (tape.n == 0) {
         return {};
@@ -165,8 +217,7 @@ std::string NlTape::refusal(const store::Tape &tape) {
     if (tape.n > std::numeric_limits<std::int32_t>::max()) {
         return "has too many operations for a .nl file";
     }
-    survey(tape);
-    const Part &whole = parts_.back();
+    const Part whole = this->whole(tape, pieces(tape));
     if (whole.depth > kDeepest) {
         return joined("nests ", std::to_string(whole.depth), " levels deep; the reader of a .nl file takes ",
                       std::to_string(kDeepest));
@@ -189,8 +240,23 @@ void NlTape::put(NlStream &out, const store::Tape &tape) {
         out.number(0);
         return;
     }
-    survey(tape);
-    items_.assign(1, {Item::kPart, static_cast<std::int32_t>(tape.n - 1), 0});
+    const std::vector<store::Tape> parts = pieces(tape);
+    const Part sum = whole(tape, parts);
+    if (!std::isfinite(sum.value) && !parts.empty()) {
+        out.sum(sum.summands);
+        for (const store::Tape &piece : parts) {
+            survey(piece);
+            put_items(out, piece, summand(piece, static_cast<std::int32_t>(piece.n - 1)));
+        }
+    } else if (!parts.empty()) {
+        out.number(sum.value);
+    } else {
+        put_items(out, tape, {Item::kPart, static_cast<std::int32_t>(tape.n - 1), 0});
+    }
+}
+
+void NlTape::put_items(NlStream &out, const store::Tape &tape, const Item &first) {
+    items_.assign(1, first);
     while (!items_.empty()) {
         const Item item = items_.back();
         items_.pop_back();

@@ -44,6 +44,10 @@ class NlTape {
         double number;
     };
 
+    static std::vector<store::Tape> pieces(const store::Tape &tape);
+    Part part_of_sum(const store::Tape &piece);
+    Part whole(const store::Tape &tape, const std::vector<store::Tape> &parts);
+    void put_items(NlStream &out, const store::Tape &tape, const Item &first);
     void survey(const store::Tape &tape);
     void survey_operation(const store::Tape &tape, std::int32_t entry);
     void fold(int operation, std::int32_t entry, Part &part);

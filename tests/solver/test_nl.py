@@ -314,6 +314,35 @@ def test_sums_built_term_by_term_become_one_sum(tmp_path):
     assert [nl.row(i, x) for i in range(3)] == [2.0 * (n + 1), 2.0 - 2.0 * n, 2 + 2 - (2 - 4) - 2]
 
 
+def long_sum(*special):
+    """The tape of a sum that is longer than what is looked at in one piece, with the special operands in it."""
+    ordinary = [("sin", 0), ("sum", 1, ("neg", 0), 2.0), ("-", 1, ("*", 0.5, 0)), 3.0, ("exp", 1.0), 1]
+    return tape("sum", *ordinary * 2000, *special, *ordinary * 4000)
+
+
+def test_long_sums_say_in_the_file_what_they_say_in_the_store(tmp_path):
+    m = Store()
+    m.addvars(2)
+    rows = [long_sum(("tan", 0), ("sum", 0, 1)), tape("sum", *[2.0] * 70_000)]
+    m.addnlrows([([], *row) for row in rows])
+    nl, _ = written_store(m, tmp_path)
+    x = np.array([0.7, -0.2])
+    assert [nl.row(i, x) for i in range(2)] == pytest.approx([evaluate(*row, x) for row in rows], rel=1e-12)
+
+
+def test_long_sums_are_refused_for_what_is_in_them(tmp_path):
+    chain = 0
+    for _ in range(9):
+        chain = ("tan", chain)
+    for special, message in ((chain, "has 9 tangents in each other"), (("**", -2.0, 0), "raises the number -2 to")):
+        m = Store()
+        m.addvars(2)
+        m.setnlobjective([], [], *long_sum(special))
+        m.update()
+        with pytest.raises(StoreError, match=f"the nonlinear objective {message}"):
+            m.writenl(tmp_path / "model.nl")
+
+
 def test_what_nests_too_deep_for_a_reader_is_refused_by_name(tmp_path):
     deep, tangents = ([0] + [op(name)] * n for name, n in (("sin", 5000), ("tan", 9)))
     for code, message in ((deep, "nests 5001 levels deep"), (tangents, "has 9 tangents in each other")):
