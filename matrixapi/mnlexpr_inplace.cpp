@@ -57,8 +57,11 @@ Ref object_at(const char *place) {
 Pairs pairs_of(PyObject *target, PyObject *trees) {
     Pairs pairs;
     Iterator iterator = iterator_over(target, trees);
-    if (NpyIter_GetIterSize(iterator.get()) == 0)
+    const auto size = static_cast<size_t>(NpyIter_GetIterSize(iterator.get()));
+    if (size == 0)
         return pairs;
+    pairs.elements.reserve(size);
+    pairs.trees.reserve(trees ? size : 0);
     auto *next = NpyIter_GetIterNext(iterator.get(), nullptr);
     if (!next)
         throw PythonError{};

@@ -20,9 +20,6 @@ from tarvopy._matrixapi import MNLExpr
 SHAPES = [(), (3,), (2, 3), (1, 3), (2, 1), (0,)]
 BINARY = [operator.add, operator.sub, operator.mul, operator.truediv, operator.pow]
 IN_PLACE = [operator.iadd, operator.isub, operator.imul, operator.itruediv, operator.ipow]
-# Called directly: which operand comes first is not Python's business here.
-NAMES = ["__radd__", "__rsub__", "__rmul__", "__rtruediv__", "__rpow__"]
-REFLECTED = [lambda e, other, name=name: getattr(e, name)(other) for name in NAMES]
 KEYS = [
     np.s_[...],
     np.s_[:],
@@ -93,10 +90,10 @@ class Program:
         pair = draw(st.sampled_from(self.pairs))
         kind = draw(st.sampled_from(["binary", "reflected", "in place", "index", "assign", "negative", "copy", "look"]))
         if kind in ("binary", "reflected", "in place"):
-            function = draw(st.sampled_from({"binary": BINARY, "in place": IN_PLACE, "reflected": REFLECTED}[kind]))
-            mine, theirs = self.operand(draw)
-            if kind != "reflected" or mine is theirs:
-                self.both(function, (pair[0], mine), (pair[1], theirs))
+            function = draw(st.sampled_from(IN_PLACE if kind == "in place" else BINARY))
+            sides = zip(pair, self.operand(draw), strict=True)
+            mine, theirs = (side[::-1] if kind == "reflected" else side for side in sides)
+            self.both(function, mine, theirs)
         elif kind == "index":
             key = draw(st.sampled_from(KEYS))
             self.both(lambda e: e[key], pair[:1], pair[1:])
