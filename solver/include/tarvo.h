@@ -566,7 +566,8 @@ TRV_API int TRVevalobjective(TRVmodel *model, const double *x, double *value);
 
 /* ---- files ---------------------------------------------------------------------------------------------- */
 /* By ending, in any case: .mps, .qps, .sif (free or fixed form, told apart by its lines) and .lp, each also with .gz,
- * with quadratic objectives and rows. TRVreadmodel wants an empty model and updates it; a file that is refused changes
+ * with quadratic objectives and rows, special ordered sets and indicators (general constraints of other types and
+ * nonlinear rows are refused). TRVreadmodel wants an empty model and updates it; a file that is refused changes
  * nothing. TRVwritemodel updates, refuses what the format cannot say before a byte is written (UNSUPPORTED), and puts
  * the whole file in the old one's place at once. */
 TRV_API int TRVreadmodel(TRVmodel *model, const char *path);

@@ -23,6 +23,27 @@ struct QuadTerms {
     }
 };
 
+// The rows that hold only where a column has a value, 0 or 1.
+struct Indicators {
+    std::vector<std::int32_t> row, column;
+    std::vector<double> value;
+    std::size_t size() const { return row.size(); }
+};
+
+// Special ordered sets, each with its columns and their weights.
+struct OrderedSets {
+    NameTable names;
+    std::vector<int> type; // TRV_GEN_SOS1 or TRV_GEN_SOS2
+    std::vector<std::int64_t> start;
+    std::vector<std::int32_t> column;
+    std::vector<double> weight;
+
+    void add(int newtype, std::string_view name);
+    void add_member(std::int32_t member, double its_weight);
+    // Why the last set is none, empty if all is well: the store refuses such sets, but knows no lines.
+    std::string flaw_of_last(const NameTable &columns) const;
+};
+
 struct FileModel {
     std::string name;
     int sense = TRV_MINIMIZE;
@@ -49,6 +70,9 @@ struct FileModel {
     std::vector<std::int32_t> qrow;
     std::vector<std::int64_t> qstart;
     QuadTerms qterms;
+
+    Indicators indicators;
+    OrderedSets sets;
 };
 
 // Hands the model over in bulk. Takes it, for its arrays are let go as they are used up.

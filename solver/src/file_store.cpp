@@ -1,5 +1,5 @@
 // From a read model file into the model store, in bulk: one call for all variables, one for all linear rows, one for
-// all quadratic rows.
+// all quadratic rows, one for all indicators, and one for each type of sets.
 #include <utility>
 
 #include "file_error.h"
@@ -39,12 +39,16 @@ std::string name_for_unnamed(const NameTable &taken, char letter, std::int32_t i
     return name == usual ? std::string() : name;
 }
 
-// The file's rows told apart: linear ones and quadratic ones, each kind in the file's order. The objective is neither.
+// The file's rows told apart: linear ones, quadratic ones and those of indicators, each kind in the file's order. The
+// objective is none of these.
 struct Split {
-    std::vector<char> kind;           // by the file's number: 'L' 'Q', '-' for the objective
+    struct Kind {
+        std::int32_t count = 0;
+        NameList names;
+    };
+    std::vector<char> kind;           // by the file's number: 'L' 'Q' 'I', '-' for the objective
     std::vector<std::int32_t> number; // among its kind
-    std::int32_t nlinear = 0, nquadratic = 0;
-    NameList linear_names, quadratic_names;
+    Kind linear, quadratic, indicator;
 
     Split(TRVmodel *target, const FileModel &source) {
         const auto nrows = static_cast<std::size_t>(source.rows.size());
@@ -52,23 +56,30 @@ struct Split {
         for (const std::int32_t row : source.qrow) {
             kind[static_cast<std::size_t>(row)] = 'Q';
         }
+        for (const std::int32_t row : source.indicators.row) {
+            kind[static_cast<std::size_t>(row)] = 'I';
+        }
         if (source.objective >= 0) {
             kind[static_cast<std::size_t>(source.objective)] = '-';
         }
-        const std::int32_t linear_id = TRVidcount(target, TRV_CONSTR), quadratic_id = TRVidcount(target, TRV_QCONSTR);
         number.assign(nrows, -1);
         for (std::size_t i = 0; i < nrows; ++i) {
-            if (kind[i] == '-') {
-                continue;
+            if (kind[i] == 'L') {
+                enter(target, source, i, linear, TRV_CONSTR, 'R');
+            } else if (kind[i] == 'Q') {
+                enter(target, source, i, quadratic, TRV_QCONSTR, 'Q');
+            } else if (kind[i] == 'I') {
+                enter(target, source, i, indicator, TRV_GENCONSTR, 'G');
             }
-            const bool linear = kind[i] == 'L';
-            number[i] = linear ? nlinear++ : nquadratic++;
-            const std::string_view name = source.rows[static_cast<std::int32_t>(i)];
-            NameList &names = linear ? linear_names : quadratic_names;
-            names.add(!name.empty() ? name
-                                    : name_for_unnamed(source.rows, linear ? 'R' : 'Q',
-                                                       (linear ? linear_id : quadratic_id) + number[i]));
         }
+    }
+
+  private:
+    void enter(TRVmodel *target, const FileModel &source, std::size_t row, Kind &list, int store_kind, char letter) {
+        number[row] = list.count++;
+        const std::string_view name = source.rows[static_cast<std::int32_t>(row)];
+        list.names.add(
+            !name.empty() ? name : name_for_unnamed(source.rows, letter, TRVidcount(target, store_kind) + number[row]));
     }
 };
 
@@ -89,13 +100,15 @@ class Placer {
   public:
     Placer(const FileModel &source, const Split &split) : source_(source), split_(split), count_(split.kind.size()) {
         each_term(source, [&](std::size_t row, std::size_t, double) { ++count_[row]; });
-        for (std::size_t i = 0; i < count_.size(); ++i) {
-            linear_ += split.kind[i] == 'L' ? count_[i] : 0;
-            quadratic_ += split.kind[i] == 'Q' ? count_[i] : 0;
-        }
     }
-    std::int64_t linear() const { return linear_; }
-    std::int64_t quadratic() const { return quadratic_; }
+    // How many terms rows of this kind have.
+    std::int64_t terms(char kind) const {
+        std::int64_t sum = 0;
+        for (std::size_t i = 0; i < count_.size(); ++i) {
+            sum += split_.kind[i] == kind ? count_[i] : 0;
+        }
+        return sum;
+    }
 
     // All terms of one kind of rows; ptr has an entry more than there are rows.
     void fill(char kind, std::int32_t first, std::int64_t *ptr, std::int32_t *var, double *coef) const {
@@ -122,7 +135,6 @@ class Placer {
     const FileModel &source_;
     const Split &split_;
     std::vector<std::int64_t> count_;
-    std::int64_t linear_ = 0, quadratic_ = 0;
 };
 
 // What was added and is taken back, unless all goes well: reading checked everything, so what can still fail is memory.
@@ -130,16 +142,16 @@ class Added {
   public:
     explicit Added(TRVmodel *target) : target_(target) {}
     ~Added() {
-        for (const Block &block : blocks_) {
-            for (std::int32_t i = 0; i < block.count; ++i) {
-                const std::int32_t id = block.first + i;
-                TRVremove(target_, block.kind, 1, &id);
+        for (auto block = blocks_.rbegin(); block != blocks_.rend(); ++block) { // general constraints hold variables
+            for (std::int32_t i = 0; i < block->count; ++i) {
+                const std::int32_t id = block->first + i;
+                TRVremove(target_, block->kind, 1, &id);
             }
         }
     }
     Added(const Added &) = delete;
     Added &operator=(const Added &) = delete;
-    void expect() { blocks_.reserve(3); }
+    void expect() { blocks_.reserve(blocks_.size() + 6); } // then add cannot fail
     void add(int kind, std::int32_t first, std::int32_t count) { blocks_.push_back({kind, first, count}); }
     void keep() { blocks_.clear(); }
 
@@ -156,12 +168,14 @@ class Storing {
   public:
     Storing(TRVmodel *target, FileModel source)
         : target_(target), source_(std::move(source)), split_(target, source_), added_(target) {
-        added_.expect();
     }
     void run() {
+        added_.expect();
         add_columns();
         add_rows();
         add_quadratic_rows();
+        add_indicators();
+        add_sets();
         set_objective();
         added_.keep();
         check(target_, TRVsetintattr(target_, "ModelSense", source_.sense));
@@ -184,9 +198,10 @@ class Storing {
     void add_rows() {
         const Placer placer(source_, split_);
         fill_quadratic(placer);
-        if (split_.nlinear > 0) {
+        fill_indicators(placer);
+        if (split_.linear.count > 0) {
             TRVrows block;
-            check(target_, TRVopenrows(target_, split_.nlinear, placer.linear(), &block));
+            check(target_, TRVopenrows(target_, split_.linear.count, placer.terms('L'), &block));
             try {
                 placer.fill('L', first_, block.ptr, block.var, block.coef);
                 let_go(source_.entry);
@@ -207,10 +222,10 @@ class Storing {
                 upper.push_back(source_.upper[i]);
             }
         }
-        const TRVnames names = split_.linear_names.list();
+        const TRVnames names = split_.linear.names.list();
         std::int32_t row;
         check(target_, TRVcommitrows(target_, lower.data(), 1, upper.data(), 1, &names, &row));
-        added_.add(TRV_CONSTR, row, split_.nlinear);
+        added_.add(TRV_CONSTR, row, split_.linear.count);
     }
 
     // ---- quadratic
@@ -225,11 +240,11 @@ class Storing {
 
     // Before the linear terms are let go.
     void fill_quadratic(const Placer &placer) {
-        const auto nrows = static_cast<std::size_t>(split_.nquadratic);
+        const auto nrows = static_cast<std::size_t>(split_.quadratic.count);
         if (nrows == 0) {
             return;
         }
-        const auto nterms = static_cast<std::size_t>(placer.quadratic());
+        const auto nterms = static_cast<std::size_t>(placer.terms('Q'));
         quadratic_.ptr.resize(nrows + 1);
         quadratic_.var.resize(nterms);
         quadratic_.coef.resize(nterms);
@@ -265,17 +280,114 @@ class Storing {
     }
 
     void add_quadratic_rows() {
-        if (split_.nquadratic == 0) {
+        if (split_.quadratic.count == 0) {
             return;
         }
         const QuadraticRows &q = quadratic_;
         const TRVqrows rows{q.ptr.data(),   q.var.data(),    q.coef.data(), q.qptr.data(),
                             q.first.data(), q.second.data(), q.qcoef.data()};
-        const TRVnames names = split_.quadratic_names.list();
+        const TRVnames names = split_.quadratic.names.list();
         std::int32_t row;
         check(target_,
-              TRVaddqrows(target_, split_.nquadratic, &rows, q.sense.data(), 1, q.rhs.data(), 1, &names, &row));
-        added_.add(TRV_QCONSTR, row, split_.nquadratic);
+              TRVaddqrows(target_, split_.quadratic.count, &rows, q.sense.data(), 1, q.rhs.data(), 1, &names, &row));
+        added_.add(TRV_QCONSTR, row, split_.quadratic.count);
+    }
+
+    // ---- general constraints
+
+    struct General {
+        std::vector<std::int64_t> argptr{0}, ptr{0}, dataptr{0};
+        std::vector<std::int32_t> var;
+        std::vector<double> coef, data;
+        NameList names;
+        std::int32_t count() const { return static_cast<std::int32_t>(argptr.size()) - 1; }
+
+        void add_term(std::int32_t id, double value) {
+            var.push_back(id);
+            coef.push_back(value);
+        }
+        void close_argument() { ptr.push_back(static_cast<std::int64_t>(var.size())); }
+        void close() {
+            argptr.push_back(static_cast<std::int64_t>(ptr.size()) - 1);
+            dataptr.push_back(static_cast<std::int64_t>(data.size()));
+        }
+    };
+
+    void add_general(int type, const General &g, const TRVnames &names) {
+        const TRVgens gens{g.count(),     g.argptr.data(), g.ptr.data(),     g.var.data(),
+                           g.coef.data(), nullptr,         g.dataptr.data(), g.data.data()};
+        std::int32_t id;
+        check(target_, TRVaddgens(target_, type, &gens, &names, &id));
+        added_.add(TRV_GENCONSTR, id, g.count());
+    }
+
+    // Before the linear terms are let go.
+    void fill_indicators(const Placer &placer) {
+        const auto count = static_cast<std::size_t>(split_.indicator.count);
+        if (count == 0) {
+            return;
+        }
+        std::vector<std::size_t> condition(split_.kind.size()); // by row
+        for (std::size_t i = 0; i < source_.indicators.size(); ++i) {
+            condition[static_cast<std::size_t>(source_.indicators.row[i])] = i;
+        }
+        const auto nterms = static_cast<std::size_t>(placer.terms('I'));
+        std::vector<std::int64_t> ptr(count + 1);
+        std::vector<std::int32_t> var(nterms);
+        std::vector<double> coef(nterms);
+        placer.fill('I', first_, ptr.data(), var.data(), coef.data());
+        for (std::size_t row = 0, i = 0; row < condition.size(); ++row) {
+            if (split_.kind[row] != 'I') {
+                continue;
+            }
+            indicators_.add_term(first_ + source_.indicators.column[condition[row]], 1);
+            indicators_.close_argument();
+            for (auto k = static_cast<std::size_t>(ptr[i]); k < static_cast<std::size_t>(ptr[i + 1]); ++k) {
+                indicators_.add_term(var[k], coef[k]);
+            }
+            indicators_.close_argument();
+            const double value = source_.indicators.value[condition[row]];
+            indicators_.data.insert(indicators_.data.end(), {value, source_.lower[row], source_.upper[row]});
+            indicators_.close();
+            ++i;
+        }
+    }
+
+    void add_indicators() {
+        if (indicators_.count() > 0) {
+            add_general(TRV_GEN_INDICATOR, indicators_, split_.indicator.names.list());
+        }
+    }
+
+    // In the file's order: one call for each run of sets of one type.
+    void add_sets() {
+        const std::vector<int> &type = source_.sets.type;
+        for (std::size_t begin = 0, end = 0; begin < type.size(); begin = end) {
+            while (end < type.size() && type[end] == type[begin]) {
+                ++end;
+            }
+            added_.expect();
+            add_sets(begin, end);
+        }
+    }
+
+    void add_sets(std::size_t begin, std::size_t end) {
+        const OrderedSets &sets = source_.sets;
+        General all;
+        for (std::size_t s = begin; s < end; ++s) {
+            const auto last =
+                s + 1 < sets.start.size() ? static_cast<std::size_t>(sets.start[s + 1]) : sets.column.size();
+            for (auto k = static_cast<std::size_t>(sets.start[s]); k < last; ++k) {
+                all.add_term(first_ + sets.column[k], 1);
+                all.close_argument();
+                all.data.push_back(sets.weight[k]);
+            }
+            const std::string_view name = sets.names[static_cast<std::int32_t>(s)];
+            const std::int32_t id = TRVidcount(target_, TRV_GENCONSTR) + all.count();
+            all.names.add(!name.empty() ? std::string(name) : name_for_unnamed(sets.names, 'G', id));
+            all.close();
+        }
+        add_general(sets.type[begin], all, all.names.list());
     }
 
     void set_objective() {
@@ -299,6 +411,7 @@ class Storing {
     Added added_;
     std::int32_t first_ = 0; // id of the file's first column
     QuadraticRows quadratic_;
+    General indicators_;
 };
 
 } // namespace

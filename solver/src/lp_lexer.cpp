@@ -81,7 +81,7 @@ constexpr Keyword kKeywords[] = {
     {"end", LpSection::end},
     {"sos1", LpSection::unsupported},
     {"sos2", LpSection::unsupported},
-    {"sos", LpSection::unsupported},
+    {"sos", LpSection::sets},
     {"lazy constraints", LpSection::unsupported},
     {"user cuts", LpSection::unsupported},
     {"multi-objectives", LpSection::unsupported},
@@ -306,8 +306,8 @@ void LpLexer::scan_operator() {
     case '=':
         kind = next == '<' ? LpKind::less : next == '>' ? LpKind::greater : LpKind::equal;
         break;
-    default:
-        throw LineError{"':' without a name before it"};
+    default: // of all operators ':' alone is left
+        kind = LpKind::colon;
     }
     const bool two = kind == LpKind::arrow || (c == '=' && (next == '<' || next == '>' || next == '=')) ||
                      ((c == '<' || c == '>') && next == '=');

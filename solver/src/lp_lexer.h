@@ -32,10 +32,11 @@ enum class LpKind {
     less,
     greater,
     equal,
-    arrow
+    arrow,
+    colon // the second one of "S1::"
 };
 
-enum class LpSection { none, minimize, maximize, rows, bounds, general, binary, semi, end, unsupported };
+enum class LpSection { none, minimize, maximize, rows, bounds, general, binary, semi, sets, end, unsupported };
 
 struct LpToken {
     LpKind kind;

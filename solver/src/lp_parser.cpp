@@ -27,8 +27,8 @@ LpKind mirrored(LpKind sense) {
 
 void LpParser::unexpected(const std::string &wanted) {
     const LpToken &token = lexer_.peek();
-    if (token.kind == LpKind::arrow) {
-        throw LineError{"indicator constraints are not supported yet", TRV_ERROR_UNSUPPORTED};
+    if (token.kind == LpKind::colon) {
+        throw LineError{"':' without a name before it"};
     }
     if (token.kind == LpKind::end) {
         throw LineError{joined("the file ends where ", wanted, " is expected")};
@@ -77,6 +77,9 @@ void LpParser::run() {
             break;
         case LpSection::semi:
             each([&] { typed_column('S'); });
+            break;
+        case LpSection::sets:
+            sets();
             break;
         case LpSection::unsupported:
             throw LineError{joined("section ", header.text, " is not supported yet"), TRV_ERROR_UNSUPPORTED};

@@ -4,11 +4,14 @@
 //     parser.run();                     throws FileError, LineError
 //     FileModel model = parser.take();
 //
-// lp_parser.cpp drives the sections and has those of bounds and types, lp_rows.cpp has expressions and rows.
+// lp_parser.cpp drives the sections and has those of bounds and types, lp_rows.cpp has expressions and rows,
+// lp_general.cpp indicators and sets.
 //
 //     expression   sums of  3 x   x   3 * x   7   and brackets  [ 2 x ^2 + 3 x * y ]  or  [ ... ] / 2
 //     row          name: expression <= 5
 //                  name: -5 <= expression <= 5      (an end of line is nothing but a blank)
+//     indicator    name: b = 1 -> row
+//     set          name: S1:: x:1 y:2
 //     bound        x >= 1    -inf <= x <= 5    x = 3    x free
 #ifndef TARVO_LP_PARSER_H
 #define TARVO_LP_PARSER_H
@@ -64,11 +67,18 @@ class LpParser {
     static Sides sides_of(LpKind op, double value);
     Sides sides_around(double left, LpKind op, Rest &middle);
     void add_sides(Sides sides, const Rest &middle);
+    Sides sides(const Rest &left, Rest &middle);
     [[noreturn]] void fail_row(const std::string &what, int code) const;
     LpKind sense();
     bool at_sense();
     double number(const char *wanted);
     std::string row_text() const;
+
+    // Indicators and sets.
+    void condition(std::size_t entries, const Rest &left, LpKind op, double value);
+    void sets();
+    void open_set(std::string_view name, std::string_view type);
+    void close_set();
 
     // Bounds and types.
     void bound();

@@ -256,10 +256,22 @@ void LpParser::row() {
     if (left.is_number() && !left.has_constant) {
         unexpected("a row");
     }
-    const LpKind op = sense();
-    Rest middle = left;
-    const Sides sides = left.is_number() ? sides_around(left.constant, op, middle) : sides_of(op, number("a number"));
-    add_sides(sides, middle);
+    Rest middle;
+    const LpKind op = at_sense() ? lexer_.peek().kind : sense();
+    Sides both = sides(left, middle);
+    const bool indicator = lexer_.peek().kind == LpKind::arrow;
+    if (indicator) {
+        condition(entries, left, op, both.lower);
+        const Rest behind = expression(Target::row);
+        if (behind.is_number() && !behind.has_constant) {
+            unexpected("a row behind ->");
+        }
+        both = sides(behind, middle);
+    }
+    if (indicator && middle.has_bracket) {
+        fail_row("has quadratic terms behind ->", TRV_ERROR_UNSUPPORTED);
+    }
+    add_sides(both, middle);
     want_finite_sums(model_.entry_value, entries,
                      [this](std::size_t k) { return std::pair(model_.entry[k], model_.entry[k]); });
     if (middle.has_bracket) {
@@ -267,6 +279,13 @@ void LpParser::row() {
         model_.qrow.push_back(model_.rows.size() - 1);
         model_.qstart.push_back(static_cast<std::int64_t>(products));
     }
+}
+
+// What follows the first expression of a row. middle: the expression with the terms.
+LpParser::Sides LpParser::sides(const Rest &left, Rest &middle) {
+    const LpKind op = sense();
+    middle = left;
+    return left.is_number() ? sides_around(left.constant, op, middle) : sides_of(op, number("a number"));
 }
 
 LpParser::Sides LpParser::sides_of(LpKind op, double value) {

@@ -41,6 +41,7 @@ class LpWriter {
         check_names(columns_, "variable");
         check_names(model_.rows, "row");
         check_names(model_.qrows, "row");
+        check_names(model_.gens, "general constraint");
         check_quadratic_rows();
     }
 
@@ -50,10 +51,12 @@ class LpWriter {
         put_objective();
         put_rows();
         put_quadratic_rows();
+        put_indicators();
         put_bounds();
         put_types("General", 'I');
         put_types("Binary", 'B');
         put_types("Semi-Continuous", 'S');
+        put_sets();
         file.put("End\n");
         file.commit();
     }
@@ -92,6 +95,10 @@ class LpWriter {
                 meet(qmatrix_.qvar1[k]);
                 meet(qmatrix_.qvar2[k]);
             }
+        }
+        for (const WrittenIndicator &indicator : model_.indicators) {
+            meet(indicator.variable);
+            std::for_each_n(model_.genmatrix.index + indicator.begin, indicator.end - indicator.begin, meet);
         }
         std::int32_t needed = 0; // by the objective
         for (std::int32_t j = 0; j < data_.nvars; ++j) {
@@ -183,24 +190,50 @@ class LpWriter {
     void put_rows() {
         file_->put("Subject To\n");
         for (std::int32_t i = 0; i < data_.nrows; ++i) {
-            const double lower = data_.lower[i], upper = data_.upper[i];
-            const std::int32_t begin = matrix_.start[i], end = matrix_.start[i + 1];
             begin_line(model_.rows[i]);
             file_->put(":");
-            const bool no_terms = begin == end && data_.nvars == 0;
-            const bool both = no_terms || (lower != upper && std::isinf(lower) == std::isinf(upper));
-            if (both) {
-                put_word(side_text(lower));
-                put_word("<=");
+            put_row(data_.lower[i], data_.upper[i], matrix_.index + matrix_.start[i], matrix_.value + matrix_.start[i],
+                    matrix_.start[i + 1] - matrix_.start[i]);
+        }
+    }
+
+    void put_row(double lower, double upper, const std::int32_t *index, const double *value, std::int64_t n) {
+        const bool no_terms = n == 0 && data_.nvars == 0;
+        const bool both = no_terms || (lower != upper && std::isinf(lower) == std::isinf(upper));
+        if (both) {
+            put_word(side_text(lower));
+            put_word("<=");
+        }
+        for (std::int64_t k = 0; k < n; ++k) {
+            put_term(value[k], columns_[index[k]]);
+        }
+        if (n == 0) {
+            put_word(no_terms ? std::string_view("0") : joined("0 ", columns_[0]));
+        }
+        put_word(both || lower == -kInfinity ? "<=" : lower == upper ? "=" : ">=");
+        put_word(side_text(both || lower == -kInfinity ? upper : lower));
+        end_line();
+    }
+
+    void put_indicators() {
+        for (const WrittenIndicator &indicator : model_.indicators) {
+            begin_line(model_.gens[indicator.gen]);
+            file_->put(":");
+            put_word(joined(columns_[indicator.variable], indicator.value == 0 ? " = 0 ->" : " = 1 ->"));
+            put_row(indicator.lower, indicator.upper, model_.genmatrix.index + indicator.begin,
+                    model_.genmatrix.value + indicator.begin, indicator.end - indicator.begin);
+        }
+    }
+
+    void put_sets() {
+        file_->put(model_.sets.empty() ? "" : "SOS\n");
+        for (const WrittenSet &set : model_.sets) {
+            begin_line(model_.gens[set.gen]);
+            file_->put(":");
+            put_word(set.type == 1 ? "S1::" : "S2::");
+            for (std::size_t i = 0; i < set.variable.size(); ++i) {
+                put_word(joined(columns_[set.variable[i]], ":", number_text(set.weight[i], buffer_)));
             }
-            for (std::int32_t k = begin; k < end; ++k) {
-                put_term(matrix_.value[k], columns_[matrix_.index[k]]);
-            }
-            if (begin == end) {
-                put_word(no_terms ? std::string_view("0") : joined("0 ", columns_[0]));
-            }
-            put_word(both || lower == -kInfinity ? "<=" : lower == upper ? "=" : ">=");
-            put_word(side_text(both || lower == -kInfinity ? upper : lower));
             end_line();
         }
     }

@@ -26,10 +26,11 @@ ModelNames::ModelNames(TRVmodel *model, int kind, std::int32_t count)
     char *text = nullptr;
     std::int64_t *offset = nullptr;
     check(model, TRVidsat(model, kind, count, positions.data(), ids_.data()));
-    const char *attribute = kind == TRV_VAR       ? "VarName"
-                            : kind == TRV_CONSTR  ? "ConstrName"
-                            : kind == TRV_QCONSTR ? "QName"
-                                                  : "NLName";
+    const char *attribute = kind == TRV_VAR         ? "VarName"
+                            : kind == TRV_CONSTR    ? "ConstrName"
+                            : kind == TRV_QCONSTR   ? "QName"
+                            : kind == TRV_GENCONSTR ? "GenName"
+                                                    : "NLName";
     check(model, TRVgetstrs(model, attribute, count, ids_.data(), 0, &text, &offset));
     const std::unique_ptr<char, StoreFree> text_owner(text);
     const std::unique_ptr<std::int64_t, StoreFree> offset_owner(offset);

@@ -261,7 +261,38 @@ MpsRowLine fixed_row(std::string_view line) {
     return {fields[0], fields[1]};
 }
 
+constexpr const char *kSetFields = "2 (type, set or column, weight)";
+
+MpsSetLine fixed_set(std::string_view line) {
+    const Fields fields = fixed_split(line);
+    for (const int i : {2, 4, 5}) {
+        want_empty(fields[i], line);
+    }
+    if (!fields[0].empty()) {
+        want_empty(fields[3], line);
+    }
+    if (fields[1].empty() || (fields[0].empty() && fields[3].empty())) {
+        bad_count(1, kSetFields, line);
+    }
+    return {fields[0], fields[1], fields[3]};
+}
+
 } // namespace
+
+MpsSetLine mps_set_line(MpsForm form, std::string_view line) {
+    if (form == MpsForm::fixed) {
+        return fixed_set(line);
+    }
+    Fields fields = split(line);
+    drop_comment(fields, 2);
+    if (fields.count != 2) {
+        bad_count(fields.count, kSetFields, line);
+    }
+    if (fields[0] == "S1" || fields[0] == "S2") {
+        return {fields[0], fields[1], {}};
+    }
+    return {{}, fields[0], fields[1]};
+}
 
 MpsRowLine mps_row_line(MpsForm form, std::string_view line) {
     if (form == MpsForm::fixed) {

@@ -35,6 +35,12 @@ struct MpsBoundLine {
     bool maybe_without_set = false;
 };
 
+// SOS: a set begins with its type, "S1" or "S2", and its name; a member has no type, but a weight.
+struct MpsSetLine {
+    std::string_view type, name, weight;
+};
+
+MpsSetLine mps_set_line(MpsForm form, std::string_view line);
 MpsRowLine mps_row_line(MpsForm form, std::string_view line);
 MpsPairsLine mps_column_line(MpsForm form, std::string_view line);
 MpsPairsLine mps_pairs_line(MpsForm form, std::string_view line); // RHS, RANGES

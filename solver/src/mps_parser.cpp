@@ -24,11 +24,11 @@ const MpsParser::Section MpsParser::kSections[] = {
     {"QCMATRIX", &MpsParser::begin_quadratic_row, &MpsParser::quadratic_line, "COLUMNS", true},
     {"QSECTION", &MpsParser::unsupported, nullptr, ""},
     {"CSECTION", &MpsParser::unsupported, nullptr, ""},
-    {"SOS", &MpsParser::unsupported, nullptr, ""},
+    {"SOS", &MpsParser::no_rest, &MpsParser::set_line, "COLUMNS"},
     {"SOS1", &MpsParser::unsupported, nullptr, ""},
     {"SOS2", &MpsParser::unsupported, nullptr, ""},
     {"SETS", &MpsParser::unsupported, nullptr, ""},
-    {"INDICATORS", &MpsParser::unsupported, nullptr, ""},
+    {"INDICATORS", &MpsParser::no_rest, &MpsParser::indicator_line, "COLUMNS"},
     {"GENCONS", &MpsParser::unsupported, nullptr, ""},
     {"PWLOBJ", &MpsParser::unsupported, nullptr, ""},
     {"LAZYCONS", &MpsParser::unsupported, nullptr, ""},
@@ -88,6 +88,7 @@ void MpsParser::open(const Section &section, std::string_view rest) {
         throw LineError{joined("a second section ", section.name)};
     }
     close_quadratic();
+    close_set();
     if (!section.after.empty() && !was_open(section.after)) {
         throw LineError{joined(section.name, " without ", section.after, " before it")};
     }

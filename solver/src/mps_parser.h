@@ -5,7 +5,7 @@
 //     FileModel model = parser.take();
 //
 // mps_parser.cpp drives lines and sections (the table of sections is there), mps_sections.cpp has what each linear
-// section does, mps_quadratic.cpp what the quadratic ones do.
+// section does, mps_quadratic.cpp what the quadratic ones do, mps_general.cpp those of sets and indicators.
 #ifndef TARVO_MPS_PARSER_H
 #define TARVO_MPS_PARSER_H
 
@@ -64,6 +64,8 @@ class MpsParser {
     void range_line(std::string_view line);
     void bound_line(std::string_view line);
     void quadratic_line(std::string_view line);
+    void set_line(std::string_view line);
+    void indicator_line(std::string_view line);
 
     void choose_objective();
     void marker(std::string_view word);
@@ -79,10 +81,12 @@ class MpsParser {
     void set_type(std::int32_t column, char vtype);
     enum class QuadForm { triangle, half_square, square }; // QUADOBJ, QMATRIX, QCMATRIX
     void open_quadratic(QuadTerms &terms, QuadForm form);
-    std::int32_t quadratic_column(std::string_view name) const;
+    std::int32_t entered_column(std::string_view name) const;
     void add_quadratic(std::int32_t one, std::int32_t other, double value);
     std::string quadratic_pair(std::int32_t one, std::int32_t other) const;
     void close_quadratic();
+    void close_set();
+    void check_indicators() const;
     void close_rows();
     void close_columns();
 
@@ -112,6 +116,7 @@ class MpsParser {
     PairTable pairs_;
     std::vector<char> half_;
     std::vector<char> is_quadratic_; // of each row, once there is a QCMATRIX
+    std::vector<char> is_indicator_; // of each row, once there is an IF
 };
 
 } // namespace trv

@@ -52,13 +52,13 @@ void MpsParser::quadratic_line(std::string_view line) {
     if (!record.marker.empty()) {
         throw LineError{joined("a marker in section ", section_->name)};
     }
-    const std::int32_t one = quadratic_column(record.head);
+    const std::int32_t one = entered_column(record.head);
     for (int i = 0; i < record.npairs; ++i) {
         double value;
         if (!scan_number(record.pair[i].number, value)) {
             throw LineError{joined(shown(record.pair[i].number), " is not a number")};
         }
-        const std::int32_t other = quadratic_column(record.pair[i].name);
+        const std::int32_t other = entered_column(record.pair[i].name);
         // Of x'Qx / 2 each square gets half of its entry; of x'Qx each product gets both of its entries.
         const double factor = quad_form_ == QuadForm::square ? (one == other ? 1 : 2) : (one == other ? 0.5 : 1);
         if (!(std::fabs(value * factor) < TRV_INFINITY)) {
@@ -68,7 +68,7 @@ void MpsParser::quadratic_line(std::string_view line) {
     }
 }
 
-std::int32_t MpsParser::quadratic_column(std::string_view name) const {
+std::int32_t MpsParser::entered_column(std::string_view name) const {
     const std::int32_t column = model_.columns.find(name);
     if (column < 0) {
         throw LineError{joined("unknown column ", shown(name))};

@@ -398,6 +398,7 @@ void MpsParser::close_columns() {
 // ---- ENDATA ---------------------------------------------------------------------------------------------------------
 
 void MpsParser::finish(std::string_view) {
+    check_indicators();
     close_rows();
     close_columns();
     done_ = true;

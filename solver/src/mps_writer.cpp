@@ -32,10 +32,12 @@ class MpsWriter {
         check_names(columns_, "variable");
         check_names(rows_, "row");
         check_names(qrows_, "row");
+        check_names(model_.gens, "general constraint");
+        check_sets();
         choose_objective_name();
         make_row_forms();
         check_quadratic_rows();
-        transpose_quadratic_rows();
+        transpose_other_rows();
     }
 
     void write(const std::string &path) {
@@ -48,6 +50,8 @@ class MpsWriter {
         put_bounds();
         put_quadratic_objective();
         put_quadratic_rows();
+        put_sets();
+        put_indicators();
         file.put("ENDATA\n");
         file.commit();
     }
@@ -93,16 +97,35 @@ class MpsWriter {
         objective_ = model_.objective_name("OBJ");
     }
 
-    void make_row_forms() {
-        forms_.resize(static_cast<std::size_t>(data_.nrows));
-        for (std::int32_t i = 0; i < data_.nrows; ++i) {
-            const Sides sides{data_.lower[i], data_.upper[i]};
-            if (!mps_row_form(sides, forms_[static_cast<std::size_t>(i)])) {
-                char lower[kNumberSize], upper[kNumberSize];
-                refuse(joined("the row ", shown(rows_[i]), " has its lower side ", number_text(sides.lower, lower),
-                              " above its upper side ", number_text(sides.upper, upper)));
+    // In the free form a member is told from the beginning of a set by its first field.
+    void check_sets() const {
+        for (const WrittenSet &set : model_.sets) {
+            for (const std::int32_t member : set.variable) {
+                if (columns_[member] == "S1" || columns_[member] == "S2") {
+                    refuse(joined("the variable ", shown(columns_[member]), " is a member of the set ",
+                                  shown(model_.gens[set.gen]), ", where its name means a type of sets"));
+                }
             }
         }
+    }
+
+    void make_row_forms() {
+        for (std::int32_t i = 0; i < data_.nrows; ++i) {
+            make_row_form(rows_[i], data_.lower[i], data_.upper[i]);
+        }
+        for (const WrittenIndicator &indicator : model_.indicators) {
+            make_row_form(model_.gens[indicator.gen], indicator.lower, indicator.upper);
+        }
+    }
+
+    void make_row_form(std::string_view name, double lower, double upper) {
+        MpsRowForm form;
+        if (!mps_row_form({lower, upper}, form)) {
+            char left[kNumberSize], right[kNumberSize];
+            refuse(joined("the row ", shown(name), " has its lower side ", number_text(lower, left),
+                          " above its upper side ", number_text(upper, right)));
+        }
+        forms_.push_back({name, std::move(form)});
     }
 
     void check_quadratic_rows() const {
@@ -122,21 +145,30 @@ class MpsWriter {
         }
     }
 
-    // The linear terms of quadratic rows stand with the columns, too.
-    void transpose_quadratic_rows() {
+    // The linear terms of quadratic rows and of indicators stand with the columns, too.
+    void transpose_other_rows() {
         by_column_.resize(static_cast<std::size_t>(data_.nvars) + 1);
-        entries_.resize(static_cast<std::size_t>(qmatrix_.nnz));
-        for (std::int64_t k = 0; k < qmatrix_.nnz; ++k) {
-            ++by_column_[static_cast<std::size_t>(qmatrix_.index[k]) + 1];
-        }
+        each_other_term(
+            [&](std::int32_t column, const Entry &) { ++by_column_[static_cast<std::size_t>(column) + 1]; });
         for (std::size_t j = 1; j < by_column_.size(); ++j) {
             by_column_[j] += by_column_[j - 1];
         }
+        entries_.resize(static_cast<std::size_t>(by_column_.back()));
         std::vector<std::int64_t> next(by_column_.begin(), by_column_.end() - 1);
+        each_other_term([&](std::int32_t column, const Entry &entry) {
+            entries_[static_cast<std::size_t>(next[static_cast<std::size_t>(column)]++)] = entry;
+        });
+    }
+
+    template <class F> void each_other_term(F f) const {
         for (std::int32_t i = 0; i < data_.nqrows; ++i) {
             for (std::int32_t k = qmatrix_.start[i]; k < qmatrix_.start[i + 1]; ++k) {
-                entries_[static_cast<std::size_t>(next[static_cast<std::size_t>(qmatrix_.index[k])]++)] = {
-                    i, qmatrix_.value[k]};
+                f(qmatrix_.index[k], Entry{qrows_[i], qmatrix_.value[k]});
+            }
+        }
+        for (const WrittenIndicator &indicator : model_.indicators) {
+            for (std::int64_t k = indicator.begin; k < indicator.end; ++k) {
+                f(model_.genmatrix.index[k], Entry{model_.gens[indicator.gen], model_.genmatrix.value[k]});
             }
         }
     }
@@ -190,8 +222,8 @@ class MpsWriter {
     void put_rows() {
         file_->put("ROWS\n");
         put_line("N", objective_, {}, std::string_view());
-        for (std::int32_t i = 0; i < data_.nrows; ++i) {
-            put_line({&forms_[static_cast<std::size_t>(i)].type, 1}, rows_[i], {}, std::string_view());
+        for (const auto &[name, form] : forms_) {
+            put_line({&form.type, 1}, name, {}, std::string_view());
         }
         for (std::int32_t i = 0; i < data_.nqrows; ++i) {
             const char sense = data_.qsense[i];
@@ -224,7 +256,7 @@ class MpsWriter {
                 put_line({}, columns_[j], rows_[matrix_.index[k]], matrix_.value[k]);
             }
             for (std::size_t k = qbegin; k < qend; ++k) {
-                put_line({}, columns_[j], qrows_[entries_[k].row], entries_[k].value);
+                put_line({}, columns_[j], entries_[k].row, entries_[k].value);
             }
         }
         if (integer_block) {
@@ -237,10 +269,9 @@ class MpsWriter {
         if (!is_default(data_.objconstant)) {
             put_line({}, "RHS", objective_, -data_.objconstant);
         }
-        for (std::int32_t i = 0; i < data_.nrows; ++i) {
-            const MpsRowForm &form = forms_[static_cast<std::size_t>(i)];
+        for (const auto &[name, form] : forms_) {
             if (!is_default(form.rhs)) {
-                put_line({}, "RHS", rows_[i], form.rhs);
+                put_line({}, "RHS", name, form.rhs);
             }
         }
         for (std::int32_t i = 0; i < data_.nqrows; ++i) {
@@ -249,12 +280,11 @@ class MpsWriter {
             }
         }
         bool any = false;
-        for (std::int32_t i = 0; i < data_.nrows; ++i) {
-            const MpsRowForm &form = forms_[static_cast<std::size_t>(i)];
+        for (const auto &[name, form] : forms_) {
             if (!form.range.empty()) {
                 file_->put(any ? "" : "RANGES\n");
                 any = true;
-                put_line({}, "RNG", rows_[i], form.range);
+                put_line({}, "RNG", name, form.range);
             }
         }
     }
@@ -345,9 +375,40 @@ class MpsWriter {
         }
     }
 
+    // Each set, and a line for each of its members: readers take no third field.
+    void put_sets() {
+        file_->put(model_.sets.empty() ? "" : "SOS\n");
+        for (const WrittenSet &set : model_.sets) {
+            put_line(set.type == 1 ? "S1" : "S2", model_.gens[set.gen], {}, std::string_view());
+            for (std::size_t i = 0; i < set.variable.size(); ++i) {
+                char buffer[kNumberSize];
+                const std::string_view member = columns_[set.variable[i]];
+                file_->put("    ");
+                file_->put(member);
+                pad(member.size(), kFixedName);
+                file_->put("  ");
+                pad(0, kFixedName + 2);
+                file_->put(number_text(set.weight[i], buffer));
+                file_->put("\n");
+            }
+        }
+    }
+
+    void put_indicators() {
+        file_->put(model_.indicators.empty() ? "" : "INDICATORS\n");
+        for (const WrittenIndicator &indicator : model_.indicators) {
+            put_line("IF", model_.gens[indicator.gen], columns_[indicator.variable], indicator.value == 0 ? "0" : "1");
+        }
+    }
+
     struct Entry {
-        std::int32_t row;
+        std::string_view row;
         double value;
+    };
+    // A linear row, or that of an indicator.
+    struct RowForm {
+        std::string_view name;
+        MpsRowForm form;
     };
 
     WrittenModel model_;
@@ -356,10 +417,10 @@ class MpsWriter {
     const TRVmatrix &matrix_;
     const TRVqmatrix &qmatrix_;
     std::string objective_;
-    std::vector<std::int64_t> by_column_; // of each column: its first linear term in quadratic rows
+    std::vector<std::int64_t> by_column_; // of each column: its first linear term in quadratic rows and indicators
     std::vector<Entry> entries_;
     std::string_view with_blanks_, longest_; // the first name with blanks, empty if there is none; the longest name
-    std::vector<MpsRowForm> forms_;
+    std::vector<RowForm> forms_;
     FileWriter *file_ = nullptr;
 };
 

@@ -2,7 +2,7 @@
 //
 //     WrittenModel model(store, 1);          1: the matrix by columns, 0: by rows. Updates the model first
 //     model.rows[3]                          "cap[3]"
-//     model.refuse_doubled("MPS: ")          linear and quadratic rows share one list of names in every format
+//     model.refuse_doubled("MPS: ")          rows of all kinds and sets share one list of names
 #ifndef TARVO_WRITTEN_MODEL_H
 #define TARVO_WRITTEN_MODEL_H
 
@@ -12,6 +12,21 @@
 #include "model_names.h"
 
 namespace trv {
+
+// A row that holds where the variable has the value: terms of the matrix of general constraints, from begin to end.
+struct WrittenIndicator {
+    std::int32_t gen, variable;
+    double value, lower, upper;
+    std::int64_t begin, end;
+};
+
+// Variables and weights of a set: the members begin .. end of the numbers and arguments of general constraints.
+struct WrittenSet {
+    std::int32_t gen;
+    int type; // 1 or 2
+    std::vector<std::int32_t> variable;
+    const double *weight;
+};
 
 struct WrittenModel {
     WrittenModel(TRVmodel *model, int by_columns);
@@ -25,13 +40,21 @@ struct WrittenModel {
 
     TRVdata data;
     std::string name;
-    ModelNames columns, rows, qrows;
+    ModelNames columns, rows, qrows, gens;
     TRVmatrix matrix{};
     TRVqmatrix qmatrix{};
     QuadTerms qobjective;
+    TRVgenmatrix genmatrix{};
+    std::vector<WrittenIndicator> indicators;
+    std::vector<WrittenSet> sets;
 
   private:
     void refuse_nonlinear() const;
+    void read_matrices(TRVmodel *model, int by_columns);
+    void read_general();
+    void add_indicator(std::int32_t gen);
+    void add_set(std::int32_t gen);
+    void free_matrices();
     void read_quadratic(TRVmodel *model);
 };
 

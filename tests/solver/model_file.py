@@ -12,7 +12,7 @@ from pathlib import Path
 
 import numpy as np
 
-from solver.store import CONSTR, QCONSTR, VAR, Store
+from solver.store import CONSTR, GENCONSTR, QCONSTR, VAR, Store
 
 SYNTAX, FILE, UNSUPPORTED = 9, 8, 10
 
@@ -39,6 +39,7 @@ def snapshot(store: Store) -> dict:
         "sense": data["sense"],
         "matrix": {(int(i), int(j)): float(v) for i, j, v in zip(index, columns, value, strict=True)},
         **quadratic_snapshot(store, data),
+        "gens": general_snapshot(store),
     }
 
 
@@ -57,6 +58,16 @@ def quadratic_snapshot(store: Store, data: dict) -> dict:
     }
 
 
+def general_snapshot(store: Store) -> list:
+    """(name, type, arguments, numbers), the terms of an argument in no order."""
+    found = store.genmatrix()
+    called = names(store, GENCONSTR, len(found))
+    return [
+        (name, kind, [(dict(terms), constant) for terms, constant in arguments], numbers)
+        for name, (kind, arguments, numbers) in zip(called, found, strict=True)
+    ]
+
+
 def mps(head=HEAD, rows=ROWS, columns=COLUMNS, rhs=" r c 4\n", ranges="", bounds="", end="ENDATA\n"):
     """A small model with one section exchanged; the exchanged section starts at a line that is easy to count."""
     optional = [f"{title}\n{lines}" for title, lines in (("RANGES", ranges), ("BOUNDS", bounds)) if lines]
@@ -72,7 +83,7 @@ def floats(model):
 def names(store: Store, kind: int, count: int) -> list[str]:
     if count == 0:
         return []
-    attribute = {VAR: "VarName", CONSTR: "ConstrName", QCONSTR: "QName"}[kind]
+    attribute = {VAR: "VarName", CONSTR: "ConstrName", QCONSTR: "QName", GENCONSTR: "GenName"}[kind]
     return store.strs(attribute, store.idsat(kind, range(count)))
 
 
@@ -93,10 +104,11 @@ def read_text(text: str | bytes, ending: str = "mps") -> Store:
         return read(path)
 
 
-def built(columns, rows=(), name="", sense=1, constant=0.0, qobj=(), qrows=()):
+def built(columns, rows=(), name="", sense=1, constant=0.0, qobj=(), qrows=(), gens=()):
     """columns: (name, vtype, lb, ub, obj); rows: (name, lower, upper, {column: coefficient}).
 
-    qobj: (column, column, coefficient); qrows: (name, sense, rhs, [(column, coefficient)], products as in qobj).
+    qobj: (column, column, coefficient); qrows: (name, sense, rhs, [(column, coefficient)], products as in qobj);
+    gens: (name, type, arguments, numbers).
     """
     store = Store(name)
     if columns:
@@ -108,6 +120,8 @@ def built(columns, rows=(), name="", sense=1, constant=0.0, qobj=(), qrows=()):
     if qrows:
         names, senses, rhs, linear, products = zip(*qrows, strict=True)
         store.addqrows(list(zip(linear, products, strict=True)), "".join(senses), rhs, list(names))
+    for called, kind, arguments, numbers in gens:
+        store.addgens(kind, [arguments], [numbers], [called])
     if qobj:
         store.setqobjective([(i, column[4]) for i, column in enumerate(columns)], qobj)
     store.call("TRVsetintattr", b"ModelSense", sense)

@@ -221,13 +221,6 @@ DAMAGED = {
         "the variable 'x' is integer and semi-continuous: semi-integer variables are not supported",
         UNSUPPORTED,
     ),
-    "indicator": (
-        lp(rows=" c: x = 1 -> y <= 3\n"),
-        4,
-        "indicator constraints are not supported yet",
-        UNSUPPORTED,
-    ),
-    "SOS": (lp(rest="SOS\n s: S1:: x:1 y:2\n"), 5, "section SOS is not supported yet", UNSUPPORTED),
     "general constraints": (
         lp(rest="General Constraints\n g: x = MAX ( y , 3 )\n"),
         5,
@@ -296,19 +289,3 @@ def test_instances_as_highs_reads_them(path):
     found, oracle = floats(snapshot(read(path))), mps_oracle.read(path)
     for key in SAME:
         assert found[key] == oracle[key], key
-
-
-@pytest.mark.parametrize(
-    ("path", "said"),
-    list(
-        zip(
-            instances("scip_indicator", "scip_sos", pattern="*.lp"),
-            ["line 695: indicator constraints", "line 10: section SOS is", "line 237: section SOS is"],
-            strict=False,
-        )
-    ),
-)
-def test_instances_beyond_the_package_are_refused_by_name(path, said):
-    with pytest.raises(StoreError) as error:
-        read(path)
-    assert said in str(error.value)

@@ -7,7 +7,7 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 from solver.model_file import snapshot
-from solver.store import CONSTR, QCONSTR, VAR, Store, StoreError
+from solver.store import CONSTR, GENCONSTR, QCONSTR, VAR, Store, StoreError
 from solver.test_lp import DAMAGED, OTHERWISE, VALID
 from solver.test_mps_fuzz import read_in_child, written
 
@@ -19,6 +19,7 @@ Subject To
  c: -5 <= x + 2 y[1,2]
   - z <= 5
  q: x + [ y[1,2] ^2 - z*z ] >= 1e-3
+ i: b = 1 -> -1 <= x - z <= 2
 Bounds
  -inf <= x <= 5
  z free
@@ -26,6 +27,10 @@ General
  x
 Semi-Continuous
  y[1,2]
+SOS
+ s: S1:: x:1 z:-2.5
+ S2:: z:3 y[1,2]:1
+ x:2
 End
 """
 
@@ -66,8 +71,8 @@ def test_noise_and_endless_lines(tmp_path):
 
 
 WORDS = st.one_of(
-    st.sampled_from(["min", "max", "st", "bounds", "general", "binary", "semi", "end", "sos", "free", "inf", "nan"]),
-    st.sampled_from([*"xyz32+-*/^[]<=\\", "c:", "q:", "-1.5", "1e30", "^2", "<=", ">=", "->"]),
+    st.sampled_from(["min", "max", "st", "bounds", "general", "binary", "semi", "end", "SOS", "free", "inf", "nan"]),
+    st.sampled_from([*"xyz32+-*/^[]<=\\", "c:", "q:", "S1::", "x:", "-1.5", "1e30", "^2", "<=", ">=", "->"]),
     st.text(max_size=4),
 )
 LINES = st.lists(WORDS, max_size=6).map(" ".join)
@@ -89,8 +94,9 @@ def test_lines_put_anywhere(tmp_path, lines, title, data):
         said = str(error)
     found = snapshot(store)
     assert said is None or (f"{path}, line " in said and found == snapshot(Store("")))
-    for kind, key in ((VAR, "vars"), (CONSTR, "rows"), (QCONSTR, "qrows")):
-        assert len(found[key]) == len(set(found[key])) == store.idcount(kind)
+    for kind, key in ((VAR, "vars"), (CONSTR, "rows"), (QCONSTR, "qrows"), (GENCONSTR, "gens")):
+        called = [gen[0] for gen in found[key]] if kind == GENCONSTR else found[key]
+        assert len(called) == len(set(called)) == store.idcount(kind)
 
 
 def test_every_damage_leaves_the_model_as_it_was(tmp_path):

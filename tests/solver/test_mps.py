@@ -141,10 +141,8 @@ OTHERWISE = {
 PAIRS = "(column, row, number, row, number)"
 SEMI = "semi-integer columns are not supported"
 UNSUPPORTED_SECTIONS = [
-    "SOS",
     "SOS1",
     "SOS2",
-    "INDICATORS",
     "QSECTION",
     "CSECTION k 0 QUAD",
 ]

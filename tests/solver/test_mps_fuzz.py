@@ -51,7 +51,8 @@ def read_in_child(paths):
     return int(done.stdout.split()[-1])
 
 
-SEEDS = [text for text, *_ in VALID.values()] + [text for text, _ in OTHERWISE.values()] + [FIXED]
+GENERAL = mps(end="SOS\n S1 s\n x 1\n y 2.5\n S2 t\n y -1\nINDICATORS\n IF c y 0\nENDATA\n")
+SEEDS = [GENERAL] + [text for text, *_ in VALID.values()] + [text for text, _ in OTHERWISE.values()] + [FIXED]
 
 
 def written(folder, contents, ending="mps"):
