@@ -9,6 +9,7 @@ much again, so what is allowed is a tolerance times ten, on the scale of the lar
 
 from __future__ import annotations
 
+import math
 from typing import TYPE_CHECKING, Any, NamedTuple
 
 from tarvopy import _modelapi
@@ -109,7 +110,9 @@ def judge(problem: Problem, outcome: Outcome, x: np.ndarray, params: Parameters)
         return None
     # The objective of the point that is handed on, not the one the engine had in mind.
     value = _modelapi.evaluate_objective(problem.handle, x)
-    if outcome.bound == outcome.objval:
+    if not math.isfinite(value) and outcome.status == TRV.OPTIMAL:
+        outcome.status, outcome.message = TRV.IMPRECISE, "the objective is not defined at the solution"
+    elif outcome.bound == outcome.objval:
         outcome.bound = value
     outcome.objval = value
     if outcome.status not in (TRV.OPTIMAL, TRV.IMPRECISE):

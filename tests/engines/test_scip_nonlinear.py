@@ -244,3 +244,12 @@ def test_nonlinear_models_have_no_multipliers():
     solved(m, np.exp(-2))
     with pytest.raises(tarvopy.NoDataError, match="the model is nonlinear"):
         _ = row.Pi
+
+
+def test_point_that_the_engine_takes_at_the_rim_of_a_domain_is_stepped_inside():
+    """SCIP's x log(x) is 0 at x = 0, where the logarithm has no value."""
+    m = silent()
+    x = m.addVar(lb=-0.5, ub=0.3)
+    m.setObjective(x * nlfunc.log(x), TRV.MAXIMIZE)
+    solved(m, 0.0)
+    assert pytest.approx(0.0, abs=1e-6) == x.X

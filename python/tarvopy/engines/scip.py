@@ -61,6 +61,8 @@ _WITHOUT_POINT = {TRV.INFEASIBLE, TRV.UNBOUNDED, TRV.INFEASIBLE_OR_UNBOUNDED, TR
 
 _INFINITY = 1e20  # SCIP's own
 _ENDLESS = 1e19  # objectives beyond it are its infinity, but for a tolerance
+_EPSILON = 1e-9  # what it takes for 0
+_NEXT_TO_ZERO = 1e-20  # where roots, and logarithms times their arguments, are 0 but for the rounding
 _INT_MAX = 2**31 - 1
 _LONGEST = 1e20  # seconds: its largest time limit
 _TOLERANCES = (1e-9, 1e-3)  # what it takes: its numerics/epsilon is 1e-9
@@ -112,6 +114,7 @@ class ScipEngine:
 
     def load(self, problem: Problem) -> None:
         self.loads += 1
+        self._handle, self._nonlinear = problem.handle, problem.is_nonlinear
         self._model = model = self._package.Model()
         model.hideOutput()
         model.setParam("misc/catchctrlc", False)
@@ -358,6 +361,24 @@ class ScipEngine:
             x[:], rc[:], pi[:], qpi[:] = self._with_duals
         elif outcome.has_x:
             x[:] = self._point(len(x))
+            if self._nonlinear and not self._is_defined(x):
+                self._step_into_domain(x)
+
+    def _is_defined(self, x: np.ndarray) -> bool:
+        """Whether the objective and all rows have values at x, which stands in the open solution."""
+        row = _modelapi.residuals(self._handle, False)["row"]
+        return math.isfinite(row) and math.isfinite(_modelapi.evaluate_objective(self._handle, x))
+
+    def _step_into_domain(self, x: np.ndarray) -> None:
+        """SCIP takes the root of -1e-10 for that of 0, and x log(x) for 0 at x = 0."""
+        import numpy as np
+
+        given, zeros = x.copy(), np.abs(x) < _EPSILON
+        for instead in (0.0, _NEXT_TO_ZERO):
+            x[zeros] = instead
+            if self._is_defined(x):
+                return
+        x[:] = given
 
     def close(self) -> None:
         """Frees SCIP's memory; of a run that is still under way when that ends."""
