@@ -105,8 +105,10 @@ class Model(_modelapi.ModelBase):
             f.getConstrs()[0].Pi
 
         Integer and binary variables become continuous, fixed at the nearest whole number; a semi-continuous one stands
-        at 0 or lies between its bounds. Variables, rows, names, order and parameters are this model's. NoDataError
-        without a solution.
+        at 0 or lies between its bounds. Each general constraint becomes linear rows, behind the model's own, that say
+        of it what holds at the solution: which argument is the largest, on which piece of a function a point lies,
+        which members of a set are 0. Variables, rows, names, order and parameters are this model's. NoDataError without
+        a solution.
         """
         return self._copied(self._fix_into)
 

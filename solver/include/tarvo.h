@@ -83,7 +83,9 @@ TRV_API void TRVfreemodel(TRVmodel *model); /* NULL is fine */
  *   RELAXED  a semi-continuous variable takes the values between its own and 0. General constraints are left out: what
  *            they say of integers and alternatives is relaxed too
  *   FIXED    at the last solution (NO_DATA without one): integers fixed at the nearest whole number, semi-continuous
- *            variables at 0 or between their bounds, whichever is nearer */
+ *            variables at 0 or between their bounds, whichever is nearer. Each general constraint becomes linear rows,
+ *            behind the others, that say of it what holds there: which argument is the largest, which piece of a
+ *            function a point is on, which members of a set are 0 */
 enum { TRV_COPY_RELAXED = 1, TRV_COPY_FIXED = 2 };
 TRV_API int TRVcopymodel(TRVmodel *model, int form, TRVmodel **out);
 TRV_API const char *TRVgeterrormsg(const TRVmodel *model); /* of the last failed call on this model; "" if none */

@@ -2,6 +2,7 @@
 #include "border.h"
 #include "copy.h"
 #include "elementattr.h"
+#include "fixgens.h"
 
 #include <memory>
 
@@ -57,8 +58,10 @@ int TRVcopymodel(TRVmodel *model, int form, TRVmodel **out) {
         copymodel(*model, *copy);
         if (form == TRV_COPY_RELAXED)
             relaxvariables(copy->columns);
-        else
+        else {
             fixvariables(copy->columns, model->solution.x().data());
+            fixgens(*model, *copy);
+        }
         *out = copy.release();
     });
 }

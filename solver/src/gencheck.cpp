@@ -30,7 +30,24 @@ double piecedistance(double x, double y, double x0, double y0, double x1, double
     return std::max(std::fabs(x - u), std::fabs(y - (y0 + slope * (u - x0))));
 }
 
+// Of piece i, from point i - 1 to point i; the outer ones have no outer end.
+double distanceto(int64_t i, const double *xs, const double *ys, int64_t n, double x, double y) {
+    const double from = i == 1 ? -INFINITY : xs[i - 1], to = i == n - 1 ? INFINITY : xs[i];
+    return piecedistance(x, y, xs[i - 1], ys[i - 1], xs[i], ys[i], from, to);
+}
+
 } // namespace
+
+int64_t nearestpiece(const double *xs, const double *ys, int64_t n, double x, double y) {
+    int64_t best = 1;
+    double distance = INFINITY;
+    for (int64_t i = 1; i < n; i++)
+        if (const double own = distanceto(i, xs, ys, n, x, y); own < distance) {
+            distance = own;
+            best = i;
+        }
+    return best;
+}
 
 GenCheck::Value GenCheck::argument(const Gen &gen, int64_t arg) const {
     Value sum{gen.constant[arg], std::fabs(gen.constant[arg])};
@@ -73,11 +90,7 @@ GenCheck::Residual GenCheck::graph(const Gen &gen) const {
     const int64_t n = gen.ndata / 2;
     const double *xs = gen.data, *ys = gen.data + n;
     const Value y = argument(gen, 0), x = argument(gen, 1);
-    double distance = INFINITY;
-    for (int64_t i = 1; i < n; i++) {
-        const double from = i == 1 ? -INFINITY : xs[i - 1], to = i == n - 1 ? INFINITY : xs[i];
-        distance = std::min(distance, piecedistance(x.value, y.value, xs[i - 1], ys[i - 1], xs[i], ys[i], from, to));
-    }
+    const double distance = distanceto(nearestpiece(xs, ys, n, x.value, y.value), xs, ys, n, x.value, y.value);
     return {distance, 1.0 + std::max(x.largest, y.largest)};
 }
 

@@ -38,4 +38,8 @@ class GenCheck {
     std::vector<double> magnitude_, before_;
 };
 
+// The piece of a piecewise-linear function of n points that (x, y) is nearest to, the k-th going from point k - 1 to
+// point k.
+int64_t nearestpiece(const double *xs, const double *ys, int64_t n, double x, double y);
+
 } // namespace store

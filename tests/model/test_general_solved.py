@@ -1,7 +1,7 @@
 """General constraints solved: the answers of array models are those of enumeration over all values of their variables.
 
 Variables are integer in small ranges (or binary), so that NumPy lists every point; what a function gives is a free
-variable of the model and NumPy's result in the list.
+variable of the model and NumPy's result in the list. The model that fixed() makes of an answer must have it too.
 """
 
 # ruff: noqa: SIM300  (y == function reads as the constraint that it is)
@@ -48,6 +48,11 @@ def best(m, objective, values, allowed=True):
             continue
         assert m.Status == TRV.OPTIMAL
         assert m.ObjVal == pytest.approx(oracle(values), abs=1e-5)
+        with m.fixed() as fixed:
+            assert fixed.NumGenConstrs == 0
+            fixed.optimize()
+            assert fixed.Status == TRV.OPTIMAL
+            assert fixed.ObjVal == pytest.approx(m.ObjVal, abs=1e-5)
 
 
 REDUCTIONS = {"max": np.max, "min": np.min}
@@ -110,6 +115,27 @@ def test_pieces_go_on_beyond_the_ends_and_jumps_take_all_between(m):
     m.setObjective(y.sum(), TRV.MAXIMIZE)
     m.optimize()
     assert np.allclose(y.X, [9, 1, -20], atol=1e-5)
+    with m.fixed() as fixed:
+        fixed.optimize()
+        assert fixed.ObjVal == pytest.approx(-10, abs=1e-5)
+
+
+def test_multipliers_of_what_was_fixed(m):
+    """A price for the room in which the second of three alternatives is the largest."""
+    x = m.addMVar(3, ub=[2.0, 5, 3], name="x")
+    y = m.addVar()
+    room = m.addConstr(x.sum() <= 6)
+    m.addConstr(y == genfunc.max(x))
+    m.addSOS(2, x)
+    m.setObjective(2 * y + x.sum(), TRV.MAXIMIZE)
+    m.optimize()
+    with pytest.raises(tarvopy.NoDataError):
+        _ = room.Pi
+    fixed = m.fixed()
+    fixed.optimize()
+    assert (m.ObjVal, fixed.ObjVal) == (pytest.approx(16), pytest.approx(16))
+    assert fixed.getConstrs()[0].Pi == pytest.approx(1.0)
+    assert fixed.getVars()[1].RC == pytest.approx(2.0)
 
 
 def test_pieces_of_a_continuous_variable_against_a_grid(m):
