@@ -112,6 +112,11 @@ class Documented:
     def __setitem__(self, key, value):
         self.update(self._nlearr[key], trees_of(value), lambda _, tree: tree)
 
+    def __repr__(self):
+        with np.printoptions(formatter={"object": lambda element: f" {element}"}):
+            text = repr(self._nlearr)
+        return f"<MNLExpr {self._nlearr.shape}>\n{text[: text.rfind(',')]})"
+
     def copy(self):
         return Documented(each(NLExpr.copy, self._nlearr))
 
