@@ -14,7 +14,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import tarvopy
-from nonlinear_trees import FUNCTIONS, Numbering, operand_trees, values
+from nonlinear_trees import FUNCTIONS, Numbering, values
 from nonlinear_values import difference
 from tarvopy import MLinExpr, MNLExpr, MQuadExpr, MVar, _debug, nlfunc
 from tarvopy._core import NLExpr
@@ -39,6 +39,7 @@ IN_PLACE = {
 }
 MATRIX = (MVar, MLinExpr, MQuadExpr, MNLExpr)
 SCALAR = (tarvopy.Var, tarvopy.LinExpr, tarvopy.QuadExpr, NLExpr)
+CHANGING = (MLinExpr, MQuadExpr, np.ndarray, tarvopy.LinExpr, tarvopy.QuadExpr, NLExpr)
 REFUSALS = (ValueError, TypeError, IndexError, tarvopy.TarvoError)
 
 
@@ -51,6 +52,7 @@ class Run:
         self.model = tarvopy.Model()
         self.point = []
         self.registers = []  # (what the package holds, what NumPy holds)
+        self.shared = set()  # polynomials of which a part is another register
         for shape in shapes:
             x = self.model.addMVar(shape)
             numbers = (np.arange(x.size) * 7 + 3 * len(self.point)) % 11 / 4.0 + 0.25
@@ -69,7 +71,7 @@ class Run:
         self.registers += [(thing, np.array(value)) for thing, value in expressions + scalars]
         for array in (np.array([0.5, -1.0, 2.0]), np.array([[2.0]]), np.array([[0.0, 1.0, -2.0]] * 3)):
             self.registers.append((array, array))
-        self.registers.append((sp.csr_array(array), array))
+        self.registers.append((sp.csr_array(array), array.copy()))
 
     def pick(self, number, kind=object):
         """The latest ones under the small numbers, which are drawn most often."""
@@ -124,45 +126,54 @@ class Run:
     def index(self, key, i):
         a, x = self.pick(i, MATRIX)
         self.new(lambda: a[key], lambda: x[view_key(key)])
+        if isinstance(a, MLinExpr | MQuadExpr):
+            self.shared |= {id(a), id(self.registers[-1][0])}
 
     def join(self, how, i, j):
         (a, x), (b, y) = self.pick(i, MATRIX), self.pick(j, (*MATRIX, np.ndarray))
         arguments = {} if how != "concatenate" else {"axis": -1}
         self.new(lambda: getattr(tarvopy, how)([a, b], **arguments), lambda: getattr(np, how)([x, y], **arguments))
 
-    def in_place(self, sign, i, j):
-        (a, x), (b, y) = self.pick(i, MNLExpr), self.pick(j)
+    def change_by(self, sign, register, other):
+        (a, x), (b, y) = register, other
         with np.errstate(all="ignore"):
-            try:
-                expected = OPERATORS[sign](x, y)
-                fits = expected.shape == x.shape
-            except ValueError:
-                fits = False
-        if not fits:
-            with pytest.raises(REFUSALS):
-                IN_PLACE[sign](a, b)
-            return
+            expected = OPERATORS[sign](x, y)
         if expected.size and not np.abs(expected).max() < 1e3:
             raise Skip
         assert IN_PLACE[sign](a, b) is a
         x[...] = expected
+
+    def in_place(self, sign, i, j):
+        register, other = self.pick(i, MNLExpr), self.pick(j)
+        if fits(register[1], other[1]):
+            return self.change_by(sign, register, other)
+        with pytest.raises(REFUSALS):
+            IN_PLACE[sign](register[0], other[0])
+
+    def change(self, sign, i, j):
+        """What was made of an operand does not change with it."""
+        (a, x), (b, y) = register, other = self.pick(i, CHANGING), self.pick(j)
+        within = degree(b) <= degree(a) if sign in "+-" else degree(b) == 0
+        if sign == "**" or not within or not fits(x, y) or id(a) in self.shared:
+            raise Skip
+        if isinstance(a, (np.ndarray, *SCALAR)) and not isinstance(b, float):
+            raise Skip
+        self.change_by(sign, register, other)
 
     def assign(self, key, i, j):
         (a, x), (b, y) = self.pick(i, MNLExpr), self.pick(j)
         if sp.issparse(b):
             raise Skip
         try:
-            target = x[view_key(key)]
-            fits = np.broadcast_shapes(target.shape, y.shape) == target.shape
-            fits = fits and not isinstance(b, tarvopy.LinExpr | tarvopy.QuadExpr)  # taken by operators alone
-        except (ValueError, IndexError):
-            fits = False
-        if not fits:
+            takes = fits(x[view_key(key)], y) and not isinstance(b, tarvopy.LinExpr | tarvopy.QuadExpr)
+        except IndexError:
+            takes = False
+        if takes:
+            a[key] = b
+            x[view_key(key)] = y
+        else:
             with pytest.raises(REFUSALS):
                 a[key] = b
-            return
-        a[key] = b
-        x[view_key(key)] = y
 
     # ---- what is left
 
@@ -192,6 +203,20 @@ class Run:
         return found, numbering.nodes
 
 
+def fits(x, y):
+    """Whether y broadcasts into x without making it larger."""
+    try:
+        return np.broadcast_shapes(x.shape, y.shape) == x.shape
+    except ValueError:
+        return False
+
+
+def degree(operand):
+    """What an operator in place has to take in; nothing takes in a nonlinear one here."""
+    kinds = [(MVar, MLinExpr, tarvopy.Var, tarvopy.LinExpr), (MQuadExpr, tarvopy.QuadExpr), (MNLExpr, NLExpr)]
+    return next((number for number, kind in enumerate(kinds, 1) if isinstance(operand, kind)), 0)
+
+
 def view_key(key):
     """The same elements as a view, where NumPy would give a number."""
     if isinstance(key, list) or key is Ellipsis:
@@ -204,8 +229,11 @@ def look_at(thing):
         thing._nlearr
     elif isinstance(thing, MVar):
         thing._vararr
-    elif isinstance(thing, MLinExpr | MQuadExpr):
-        operand_trees(thing)
+    elif isinstance(thing, MLinExpr):
+        thing._matmulparts if thing._is_compact() else thing._learr
+    elif isinstance(thing, MQuadExpr):
+        thing._quadparts if thing._is_compact() else thing._qearr
+        look_at(thing._ndle)
 
 
 NUMBER = st.integers(0, 30)
@@ -217,6 +245,7 @@ STEPS = st.one_of(
     st.tuples(st.just("index"), st.sampled_from(KEYS), NUMBER),
     st.tuples(st.just("join"), st.sampled_from(["vstack", "hstack", "concatenate"]), NUMBER, NUMBER),
     st.tuples(st.just("in_place"), st.sampled_from(list(IN_PLACE)), NUMBER, NUMBER),
+    st.tuples(st.just("change"), st.sampled_from(list(IN_PLACE)), NUMBER, NUMBER),
     st.tuples(st.just("assign"), st.sampled_from(KEYS), NUMBER, NUMBER),
 )
 
