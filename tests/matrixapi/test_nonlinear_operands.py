@@ -270,3 +270,22 @@ def test_operations_on_arrays_make_no_element():
     e = e[1:] @ np.ones(400)
     assert e.shape == (603,)
     assert _debug.counts() == before
+
+
+def test_expressions_over_two_models_are_built_and_refused_by_both(mode):
+    own, other = (tarvopy.Model() for _ in range(2))
+    a, b = own.addMVar(3), other.addMVar(3)
+    for build in (
+        lambda: a + nlfunc.sin(b),
+        lambda: (2.0 * a) * (b * b),
+        lambda: a / b,
+        lambda: (a * a) @ (2.0 * b),
+        lambda: tarvopy.vstack([a, nlfunc.sin(b)]),
+        lambda: nlfunc.exp(a.nl**b),
+    ):
+        for model in (own, other):
+            with pytest.raises(tarvopy.TarvoError) as error:
+                model.addConstr(build() <= 1.0)
+            assert error.value.code == tarvopy.TRV.Error.NOT_IN_MODEL
+            model.update()
+            assert model.NumNLConstrs == 0
