@@ -243,7 +243,7 @@ def test_bad_sides_name_what_is_wrong(mode):
         world.model.addConstr(f + np.array([0, 1e308, 0]) + 1e308 <= 0)
     with pytest.raises(TypeError, match=r"str"):
         world.model.addConstr(world.v <= np.array([nlfunc.sin(world.s), "a", 1], object))
-    with pytest.raises(tarvopy.TarvoError, match="N1: a division by the constant 0"):  # the store's own refusal
+    with pytest.raises(tarvopy.TarvoError, match=r"N1.*: a division by the constant 0"):  # the store's own refusal
         world.model.addConstr(f / np.array([1.0, 0.0, 1.0]) <= 0)
     world.model.update()
     assert world.model.NumNLConstrs == 0
