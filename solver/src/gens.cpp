@@ -15,8 +15,8 @@ namespace {
 class Block {
   public:
     Block(const Columns &columns, int type, const TRVgens &gens, int32_t first, const TRVnames *names)
-        : columns_(columns), type_(type), gens_(gens), first_(first), names_(names),
-          argptr(blockpointers(gens.ngens, gens.argptr)), dataptr(blockpointers(gens.ngens, gens.dataptr)) {
+        : argptr(blockpointers(gens.ngens, gens.argptr)), dataptr(blockpointers(gens.ngens, gens.dataptr)),
+          columns_(columns), type_(type), gens_(gens), first_(first), names_(names) {
         requirepointers(gens.ngens, INT64_MAX, argptr.data());
         requirepointers(gens.ngens, INT64_MAX, dataptr.data());
         ptr = blockpointers(nargs(), gens.ptr);
@@ -27,15 +27,6 @@ class Block {
         requirepointer("data", gens.data, ndata());
     }
 
-  private:
-    const Columns &columns_;
-    const int type_;
-    const TRVgens &gens_;
-    const int32_t first_;
-    const TRVnames *names_;
-    int64_t nterms_ = 0;
-
-  public:
     Buffer<int64_t> argptr, ptr, dataptr;
 
     int64_t nargs() const { return argptr[gens_.ngens]; }
@@ -109,6 +100,13 @@ class Block {
                            number(sums[id]));
         }
     }
+
+    const Columns &columns_;
+    const int type_;
+    const TRVgens &gens_;
+    const int32_t first_;
+    const TRVnames *names_;
+    int64_t nterms_ = 0;
 };
 
 } // namespace

@@ -1,12 +1,14 @@
 """The store against a model of it in plain Python: random sequences of adding, removing, changing and updating."""
 
 import numpy as np
+import pytest
 from hypothesis import HealthCheck, settings
 from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, invariant, precondition, rule
 from scipy.sparse import csc_matrix
 
-from solver.store import CONSTR, QCONSTR, VAR, Store
+from solver.store import CONSTR, GENCONSTR, QCONSTR, VAR, Store, StoreError
+from solver.store_general import MAX
 
 PENDING, PRESENT, MARKED, REMOVED = "pending", "present", "marked", "removed"
 values = st.integers(-3, 3).map(float)
@@ -30,7 +32,7 @@ class Element:
 class StoreMachine(RuleBasedStateMachine):
     def __init__(self):
         super().__init__()
-        self.store, self.vars, self.rows, self.qrows, self.qobj = Store(), [], [], [], {}
+        self.store, self.vars, self.rows, self.qrows, self.gens, self.qobj = Store(), [], [], [], [], {}
 
     def ids(self, elements, *states):
         return [i for i, e in enumerate(elements) if e.state in states]
@@ -72,6 +74,15 @@ class StoreMachine(RuleBasedStateMachine):
         for terms, p in zip(linear, pairs, strict=True):
             self.qrows.append(Element(terms=terms, pairs=summed(p), rhs=rhs, sense=sense))
 
+    @rule(data=st.data(), n=st.integers(0, 3), constant=values)
+    def add_general_constraints(self, data, n, constant):
+        usable = self.ids(self.vars, PENDING, PRESENT)
+        terms = st.dictionaries(st.sampled_from(usable), values.filter(bool), max_size=3) if usable else st.just({})
+        arguments = [[data.draw(terms) for _ in range(data.draw(st.integers(2, 3)))] for _ in range(n)]
+        gens = [[(list(argument.items()), constant) for argument in one] for one in arguments]
+        assert self.store.addgens(MAX, gens) == len(self.gens)
+        self.gens += [Element(arguments=one) for one in gens]
+
     @rule(data=st.data())
     def set_quadratic_objective(self, data):
         pairs = self.drawpairs(data)
@@ -96,6 +107,12 @@ class StoreMachine(RuleBasedStateMachine):
     @rule(data=st.data())
     def remove_variables(self, data):
         ids = data.draw(st.lists(st.integers(0, len(self.vars) - 1), max_size=3)) if self.vars else []
+        gens = [self.gens[i] for i in self.ids(self.gens, PENDING, PRESENT)]
+        held = {v for gen in gens for terms, _ in gen.arguments for v, _ in terms}
+        if held & set(ids):
+            with pytest.raises(StoreError, match="stands in the general constraint"):
+                self.store.remove(VAR, ids)
+            return
         self.remove(VAR, self.vars, ids)
         self.drop_terms(self.ids(self.vars, REMOVED))
 
@@ -103,6 +120,11 @@ class StoreMachine(RuleBasedStateMachine):
     def remove_rows(self, data):
         ids = data.draw(st.lists(st.integers(0, len(self.rows) - 1), max_size=3)) if self.rows else []
         self.remove(CONSTR, self.rows, ids)
+
+    @rule(data=st.data())
+    def remove_general_constraints(self, data):
+        ids = data.draw(st.lists(st.integers(0, len(self.gens) - 1), max_size=3)) if self.gens else []
+        self.remove(GENCONSTR, self.gens, ids)
 
     @rule(data=st.data())
     def remove_quadratic_rows(self, data):
@@ -139,7 +161,7 @@ class StoreMachine(RuleBasedStateMachine):
     @rule()
     def update(self):
         self.store.update()
-        for elements in (self.vars, self.rows, self.qrows):
+        for elements in (self.vars, self.rows, self.qrows, self.gens):
             for e in elements:
                 e.state = {PENDING: PRESENT, MARKED: REMOVED}.get(e.state, e.state)
         self.drop_terms(self.ids(self.vars, REMOVED))
@@ -163,8 +185,19 @@ class StoreMachine(RuleBasedStateMachine):
         assert self.store.qobjective() == [(v, w, self.qobj[v, w]) for v, w in sorted(self.qobj, key=lambda p: p[::-1])]
 
     @invariant()
+    def general_constraints_agree(self):
+        for g in self.ids(self.gens, PENDING, PRESENT, MARKED):
+            assert self.store.gen(g) == (MAX, self.gens[g].arguments, [])
+        column = self.expected_positions(self.vars)
+        assert self.store.genmatrix() == [
+            (MAX, [([(column[v], a) for v, a in terms], c) for terms, c in self.gens[g].arguments], [])
+            for g in self.ids(self.gens, PRESENT, MARKED)
+        ]
+
+    @invariant()
     def positions_agree(self):
-        for kind, elements in ((VAR, self.vars), (CONSTR, self.rows), (QCONSTR, self.qrows)):
+        kinds = (VAR, self.vars), (CONSTR, self.rows), (QCONSTR, self.qrows), (GENCONSTR, self.gens)
+        for kind, elements in kinds:
             expected = self.expected_positions(elements)
             assert self.store.positions(kind, list(expected)) == list(expected.values())
             present = self.ids(elements, PRESENT, MARKED)
