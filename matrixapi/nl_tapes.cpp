@@ -66,7 +66,7 @@ void Tapes::fail_second_model() {
 
 void Tapes::fail_length() const {
     fail(PyExc_ValueError,
-         "element %lld: the expression is longer than 2**28 operations where every use of a shared part is counted",
+         "element %lld: the expression is longer than 2**27 operations where every use of a shared part is counted",
          static_cast<long long>(rows()));
 }
 

@@ -69,7 +69,7 @@ class Tapes {
     }
 
   private:
-    static constexpr size_t most_entries = size_t{1} << 28;
+    static constexpr size_t most_entries = size_t{1} << 27;
     [[noreturn]] static void fail_second_model();
     [[noreturn]] void fail_length() const;
     void reserve_like_first_row();
