@@ -135,7 +135,7 @@ def solve(system: System, log_level: int = 0) -> Operation:
 def prices(system: System) -> np.ndarray:
     """What one MW more of active demand costs at each bus, $/MWh: the cheapest operation with it, less that without.
 
-    Both costs are known to PRICE_GAP: at 5,300 $/h a price is certain to 0.05 $/MWh.
+    Both costs are known to PRICE_GAP: at 5,300 $/h a price is certain to 0.05 $/MWh. NaN where the limit came first.
     """
     flow = PowerFlow(system, PRICE_GAP)
     before = flow.operation().cost
@@ -143,6 +143,7 @@ def prices(system: System) -> np.ndarray:
     for bus in range(system.buses):
         row = flow.balance[bus, 0]
         row.RHS = system.demand[0, bus] + STEP / system.base
-        price[bus] = (flow.operation().cost - before) / STEP
+        after = flow.operation()
+        price[bus] = (after.cost - before) / STEP if after.status == tarvopy.TRV.OPTIMAL else np.nan
         row.RHS = system.demand[0, bus]
     return price
