@@ -218,8 +218,8 @@ class ScipEngine:
             # SCIP 10.0.2 fixes variables by wrong signs of quadratic rows with products of binaries, and calls what
             # is left optimal (one in 2500 random integer models). In nonlinear models it fixes variables at bounds
             # where a logarithm, a root or a broken power is not defined, and calls points elsewhere optimal.
-            # Its LP solver tells stderr, whatever the verbosity, that it cannot go below 1e-10. Of 190 random models none
-            # ended otherwise without.
+            # Its LP solver tells stderr, whatever the verbosity, that it cannot go below 1e-10. Of 190 random models
+            # none ended otherwise without.
             "constraints/nonlinear/tightenlpfeastol": False,
             "heuristics/completesol/maxunknownrate": 1.0,  # a start without values for what was added is worth it
             "misc/allowstrongdualreds": not (problem.nintegral or problem.is_nonlinear),
