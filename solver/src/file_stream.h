@@ -70,7 +70,7 @@ class FileWriter {
     void commit();
 
   private:
-    static constexpr std::size_t kRoom = 1 << 20;
+    static constexpr std::size_t kRoom = 1 << 16; // a call a piece costs nothing any more, and small models should not pay for room
     void open_temporary();
     void discard();
     void put_slowly(std::string_view text);
