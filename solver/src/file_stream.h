@@ -70,7 +70,8 @@ class FileWriter {
     void commit();
 
   private:
-    static constexpr std::size_t kRoom = 1 << 16; // a call a piece costs nothing any more, and small models should not pay for room
+    // A call for each 64 KB costs next to nothing, and small models should not pay for more room.
+    static constexpr std::size_t kRoom = 1 << 16;
     void open_temporary();
     void discard();
     void put_slowly(std::string_view text);
