@@ -103,6 +103,7 @@ TARVOPY_METHOD(function_residuals);
 TARVOPY_METHOD(function_offenders);
 TARVOPY_METHOD(function_element_name);
 TARVOPY_METHOD(function_evaluate_objective);
+TARVOPY_METHOD(function_undefined);
 TARVOPY_METHOD(function_set_solving);
 TARVOPY_METHOD(function_is_solving);
 

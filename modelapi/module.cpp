@@ -89,6 +89,10 @@ PyMethodDef functions[] = {
     function("evaluate_objective", function_evaluate_objective,
              "evaluate_objective($module, handle, x, /)\n--\n\nThe objective at x (float64, by position), constant "
              "included."),
+    function(
+        "undefined", function_undefined,
+        "undefined($module, handle, /)\n--\n\nThe first nonlinear row with a part that is nowhere defined within the "
+        "bounds, and the part; None."),
     function("set_solving", function_set_solving,
              "set_solving($module, handle, flag, /)\n--\n\nMarks the model as being solved: other calls are refused "
              "until it is unmarked."),

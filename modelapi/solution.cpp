@@ -124,6 +124,18 @@ TARVOPY_METHOD(function_residuals) {
     });
 }
 
+TARVOPY_METHOD(function_undefined) {
+    static const Signature signature{"undefined", {"handle"}, 1};
+    (void)self;
+    return border([&] {
+        Arguments given(signature, 0, args, nargs, kwnames);
+        TRVmodel *store = engine_store(given[0]);
+        TRVundefined found;
+        succeed(store, TRVfindundefined(store, &found));
+        return found.row < 0 ? Ref::none() : check(Py_BuildValue("(is)", static_cast<int>(found.row), found.why));
+    });
+}
+
 TARVOPY_METHOD(function_evaluate_objective) {
     static const Signature signature{"evaluate_objective", {"handle", "x"}, 2};
     (void)self;

@@ -189,6 +189,11 @@ def element_name(handle: Any, kind: int, position: int) -> str:
 def evaluate_objective(handle: Any, x: NDArray[np.float64]) -> float:
     """The objective at x (float64 of nvars entries, by position), constant included."""
 
+def undefined(handle: Any) -> tuple[int, str] | None:
+    """The first nonlinear row (its position; the number of rows for the objective) with a part that is nowhere defined
+    within the bounds of the variables, and the part ("the logarithm of what lies in [-5, -1]"); None where all may be.
+    """
+
 def set_solving(handle: Any, flag: bool) -> None:
     """Marks the model as being solved: all calls on it but the above are refused until it is unmarked."""
 

@@ -143,6 +143,11 @@ def _without_engine(problem: Problem, params: Parameters) -> tuple[Outcome, str]
         crossed = _first_crossed(lower, upper)
         if crossed is not None:
             return Outcome(TRV.INFEASIBLE), f"{what} {name(crossed)!r} cross"
+    undefined = _modelapi.undefined(problem.handle) if problem.nnlcodes or problem.nnlobj else None
+    if undefined is not None:
+        row, part = undefined
+        where = f"nonlinear row {problem.nlrow_name(row)!r}" if row < problem.nnlrows else "the objective"
+        return Outcome(TRV.INFEASIBLE), f"{where} has {part}"
     return None if problem.nvars else (_without_variables(problem, params), "the model has no variables")
 
 

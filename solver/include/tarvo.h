@@ -461,6 +461,14 @@ TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
 /* The activities of the nonlinear rows (by position) at x (by position of variables). What is not defined there is NaN
  * or infinite. */
 TRV_API int TRVevalnlrows(TRVmodel *model, const double *x, double *activity);
+/* The first nonlinear row (by position; the objective counts as one more at the end) with a part that is nowhere defined
+ * within the bounds of the variables, and what: "the logarithm of what lies in [-5, -1]". row is -1 where none is seen,
+ * which is no promise: each operand's range is taken for itself. */
+typedef struct TRVundefined {
+    int32_t row;
+    char why[96];
+} TRVundefined;
+TRV_API int TRVfindundefined(TRVmodel *model, TRVundefined *found);
 /* The gradients at x, by reverse differentiation in one pass: the Jacobian of the nonlinear rows by rows, and as one
  * more row at the end the gradient of the whole objective. Every variable that occurs has an entry, also where it is 0,
  * linear terms first, in no order otherwise. Where abs has no derivative, at 0, 0 is taken. Give back with

@@ -1,6 +1,10 @@
 // api_nonlinear.cpp: the functions of tarvo.h for nonlinear rows and objectives.
 #include "border.h"
 #include "jacobian.h"
+#include "tape_range.h"
+
+#include <algorithm>
+#include <cstring>
 
 using namespace store;
 
@@ -12,6 +16,30 @@ void requiretape(const TRVnltape *tape) {
     requirepointer("codes", tape->code, tape->ncodes);
     requirecount("constants", tape->nconstants);
     requirepointer("constants", tape->constant, tape->nconstants);
+}
+
+// A semi-continuous variable may be 0, wherever its bounds are.
+TRVundefined firstundefined(const TRVmodel &model) {
+    const Columns &columns = model.columns;
+    const int32_t n = columns.ids.committed();
+    Buffer<double> lower, upper;
+    for (int32_t j = 0; j < n; j++) {
+        const bool semi = columns.vtype[j] == 'S';
+        lower.push(semi ? std::min(columns.lb[j], 0.0) : columns.lb[j]);
+        upper.push(semi ? std::max(columns.ub[j], 0.0) : columns.ub[j]);
+    }
+    const PointById low(columns.ids, lower.data(), n), high(columns.ids, upper.data(), n);
+    TapeRange range(low.data(), high.data());
+    const int32_t rows = model.nlrows.ids.committed();
+    TRVundefined found{-1, ""};
+    for (int32_t i = 0; i <= rows && found.row < 0; i++) {
+        const std::string why = range.nowhere(i < rows ? model.nlrows.tape(i) : model.nlobjective.tape());
+        if (!why.empty()) {
+            found.row = i;
+            std::strncpy(found.why, why.c_str(), sizeof found.why - 1);
+        }
+    }
+    return found;
 }
 
 } // namespace
@@ -71,6 +99,14 @@ int TRVevalnlrows(TRVmodel *model, const double *x, double *activity) {
         requirepointer("activity", activity, model->nlrows.ids.committed());
         model->purge();
         evaluate(model->nlrows, PointById(model->columns.ids, x, n), activity);
+    });
+}
+
+int TRVfindundefined(TRVmodel *model, TRVundefined *found) {
+    return border(model, [&] {
+        requirepointer("found", found, 1);
+        model->purge();
+        *found = firstundefined(*model);
     });
 }
 

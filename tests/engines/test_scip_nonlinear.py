@@ -154,6 +154,41 @@ def test_infeasible_and_unbounded():
         assert m.Status == TRV.UNBOUNDED
 
 
+@pytest.mark.parametrize(
+    ("f", "part"),
+    [
+        (lambda x, y: nlfunc.exp(nlfunc.log(x)), "the logarithm of what lies in [-5, -1]"),
+        (lambda x, y: y * nlfunc.log2(-(y**2)), "the logarithm of what lies in [-4, -0.25]"),
+        (lambda x, y: nlfunc.sqrt(x * y), "the square root of what lies in [-10, -0.5]"),
+        (lambda x, y: (nlfunc.sin(y) - 3) ** 1.5, "a broken power of what lies in [-4, -2]"),
+        (lambda x, y: nlfunc.exp(x) / (0 * y * y), "a division by 0"),
+        (lambda x, y: nlfunc.log(x * y * x) + nlfunc.tanh(y) / y, None),
+        (lambda x, y: nlfunc.sqrt(nlfunc.abs(x) - 1) + nlfunc.log(nlfunc.tan(y) - x**3 - y**-1), None),
+    ],
+)
+def test_part_that_is_nowhere_defined_is_named(f, part):
+    m = silent()
+    x, y = m.addVar(lb=-5, ub=-1), m.addVar(lb=0.5, ub=2)
+    m.addConstr(nlfunc.exp(y) <= 100)
+    m.addConstr(f(x, y) <= 1000, name="broken")
+    m.optimize()
+    if part is None:
+        assert m.Status == TRV.OPTIMAL
+    else:
+        assert (m.Status, m.why_engine) == (TRV.INFEASIBLE, f"tarvopy: nonlinear row 'broken' has {part}")
+
+
+def test_objective_that_is_nowhere_defined_is_named():
+    m = silent()
+    s = m.addVar(lb=-3, ub=-2, vtype="S")
+    m.setObjective(nlfunc.sqrt(s))
+    m.optimize()
+    assert m.Status == TRV.OPTIMAL  # a semi-continuous variable may be 0
+    m.setObjective(nlfunc.sqrt(s - 1))
+    m.optimize()
+    assert m.why_engine == "tarvopy: the objective has the square root of what lies in [-4, -1]"
+
+
 def test_what_the_engine_cannot_read_is_refused_by_name():
     def chain(f, n):
         m = silent()
