@@ -4,7 +4,7 @@ import numpy as np
 import pytest
 
 import tarvopy
-from tarvopy import TRV, NoDataError, TarvoError
+from tarvopy import TRV, NoDataError, TarvoError, genfunc
 
 
 @pytest.fixture
@@ -156,3 +156,85 @@ def test_the_native_half_writes_into_empty_models_only(m):
     for wrong in (None, 3, m._cmodel):
         with pytest.raises(AttributeError):
             m._relax_into(wrong)
+
+
+# ---- general constraints
+
+
+def solved_fixed(m):
+    """The fixed model, solved: it has linear rows only, and the optimum of its origin."""
+    m.optimize()
+    assert m.Status == TRV.OPTIMAL
+    fixed = m.fixed()
+    fixed.optimize()
+    assert (fixed.Status, fixed.NumGenConstrs) == (TRV.OPTIMAL, 0)
+    assert fixed.ObjVal == pytest.approx(m.ObjVal, abs=1e-5)
+    return fixed
+
+
+@pytest.mark.parametrize(
+    ("function", "sense", "value", "price"), [("max", TRV.MINIMIZE, 4.0, 1.0), ("min", TRV.MAXIMIZE, 3.0, 0.0)]
+)
+def test_the_argument_that_decides_goes_on_deciding(m, function, sense, value, price):
+    """y is max(a, b, 3) or min(a, b, 3) with a = 4 by a row and b in [3.25, 3.5]: a decides, or the number."""
+    y, a, b = m.addVar(lb=-9, ub=9, name="y"), m.addVar(ub=9), m.addVar(lb=3.25, ub=3.5)
+    row = m.addConstr(1 * a == 4)
+    m.addConstr(y == getattr(genfunc, function)(a, b, 3.0), name="top")
+    m.setObjective(1 * y, sense)
+    fixed = solved_fixed(m)
+    assert m.ObjVal == pytest.approx(value)
+    prices = [c.Pi for c in fixed.getConstrs()]
+    assert prices[row.index] == pytest.approx(price)
+
+
+def test_absolute_values_and_pieces_are_lines_at_the_solution(m):
+    """min |x| + f(x), f through (0, 4), (1, 0), (1, 2), (3, 3) for x <= -2 + 3 = 1 as a row: at x = 1 the jump."""
+    x = m.addVar(lb=-5, ub=5, name="x")
+    size, f = m.addVar(ub=9), m.addVar(lb=-9, ub=9)
+    m.addConstr(size == genfunc.abs(x), name="size")
+    m.addConstr(f == genfunc.pwl(x, [0, 1, 1, 3], [4, 0, 2, 3]), name="f")
+    m.setObjective(size + f)
+    row = m.addConstr(1 * x <= 0.5)
+    fixed = solved_fixed(m)
+    assert m.ObjVal == pytest.approx(2.5)  # on the first piece, of slope -4
+    assert fixed.getConstrs()[row.index].Pi == pytest.approx(-3)
+    row.RHS = 9
+    assert solved_fixed(m).ObjVal == pytest.approx(1)  # at the jump
+    row.Sense, row.RHS = ">", 2
+    assert solved_fixed(m).getConstrs()[row.index].Pi == pytest.approx(1.5)
+
+
+def test_indicators_and_logic_are_decided(m):
+    """max x + 3 b - c: b = 1 implies x <= 2, c = 0 implies x >= 7, x <= 8 otherwise: b and c, 2 + 3 - 1 against 8."""
+    x, b, c, both = m.addVar(ub=8, name="x"), *(m.addVar(vtype="B") for _ in range(3))
+    m.addConstr(genfunc.indicator(b, 1, x <= 2), name="low")
+    m.addConstr(genfunc.indicator(c, 0, x >= 7), name="high")
+    m.addConstr(both == genfunc.all(b, c))
+    m.setObjective(x + 3 * b - c + both, TRV.MAXIMIZE)
+    fixed = solved_fixed(m)
+    assert m.ObjVal == pytest.approx(8)
+    m.setObjective(x + 9 * b - c + both, TRV.MAXIMIZE)
+    fixed = solved_fixed(m)
+    assert sorted(r.Pi for r in fixed.getConstrs() if abs(r.Pi) > 1e-6) == [pytest.approx(1)]
+
+
+@pytest.mark.parametrize(("kind", "free"), [(1, [2]), (2, [1, 2])])
+def test_sets_leave_their_nonzeros_free(m, kind, free):
+    x = m.addMVar(4, ub=[1, 2, 5, 1], name="x")
+    m.addSOS(kind, x, [1, 2, 3, 4])
+    m.addConstr(x.sum() <= 6.5)
+    m.setObjective(np.array([1.0, 2, 3, 1]) @ x, TRV.MAXIMIZE)
+    fixed = solved_fixed(m)
+    assert fixed.getConstrs()[0].Pi == pytest.approx(0 if kind == 1 else 2)
+    fixed.setObjective(sum(fixed.getVars()), TRV.MAXIMIZE)  # any other objective finds the same ones free
+    fixed.optimize()
+    assert [i for i, v in enumerate(fixed.getVars()) if v.X > 0.5] == free
+
+
+def test_relaxations_leave_general_constraints_out(m):
+    x, y = m.addVar(ub=3), m.addVar(ub=9)
+    m.addConstr(y == genfunc.abs(x))
+    m.setObjective(1 * y, TRV.MAXIMIZE)
+    relaxed = m.relax()
+    relaxed.optimize()
+    assert (relaxed.NumGenConstrs, relaxed.ObjVal) == (0, 9)
