@@ -1,6 +1,7 @@
 """General constraints through SCIP: each type against enumeration, starts, ranges without end, refusals."""
 
 import itertools
+import json
 import time
 import warnings
 
@@ -333,3 +334,16 @@ def test_thousands_of_indicators_load_in_bulk():
     assert counts["rows"] == 2 * n  # the indicators, and a row of each
     m.optimize()
     assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, pytest.approx(n * (20 + 8 / 3), rel=1e-3))
+
+
+@pytest.mark.parametrize(
+    ("name", "generals"),
+    [("scip_sos/findRoot.lp", 1), ("scip_sos/sparse2.lp", 32), ("scip_indicator/mcf64-4-1.lp", 84)],
+)
+def test_published_instances_have_their_known_optima(name, generals, instances):
+    known = json.loads((instances / "known_optimal_values.json").read_text())["instances"]
+    with tarvopy.read(instances / name) as m:
+        m.params.LogLevel = 0
+        m.optimize()
+        assert m.NumGenConstrs == generals
+        assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, pytest.approx(known[name]["optimal"], rel=1e-6))
