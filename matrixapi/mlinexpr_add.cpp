@@ -355,7 +355,6 @@ bool iadd(PyObject *self, PyObject *given, double factor) {
         iadd_on_compact(self, other, kind, factor);
         return true;
     }
-    convert_to_full(self);
     iadd_full(self, other, kind, factor);
     return true;
 }
@@ -366,12 +365,14 @@ Ref add(PyObject *self, PyObject *given, double factor) {
     PyObject *other = held.get();
     if (degree_of(given, kind) == 3)
         return nonlinear_operation(factor > 0 ? TreeOp::Plus : TreeOp::Minus, self, given);
-    if (kind == Operand::MQuadExpr || kind == Operand::QuadExpr)
-        return add_quadratic(self, given, kind, factor);
-    if (!is_linear_operand(kind))
+    bool quadratic = kind == Operand::MQuadExpr || kind == Operand::QuadExpr;
+    if (!quadratic && !is_linear_operand(kind))
         return Ref::borrow(Py_NotImplemented);
+    bool compact = takes_compact_path(self);
+    if (quadratic)
+        return add_quadratic(self, given, kind, factor);
     // A LinExpr stands outside the compact rules: it makes the receiver full, for good.
-    if (takes_compact_path(self) && kind != Operand::LinExpr)
+    if (compact && kind != Operand::LinExpr)
         return add_on_compact(self, other, kind, factor);
     convert_to_full(self);
     return add_full(self, other, kind, factor);

@@ -87,9 +87,10 @@ Ref multiply_compact(PyObject *self, const Ref &numbers) {
 
 Ref multiply_array(PyObject *self, PyObject *array) {
     Ref numbers = as_doubles(array);
+    bool compact = takes_compact_path(self);
     if (!numbers)
         return multiply_elements(self, plain_array(array).get());
-    return takes_compact_path(self) ? multiply_compact(self, numbers) : multiply_full(self, numbers);
+    return compact ? multiply_compact(self, numbers) : multiply_full(self, numbers);
 }
 
 // ---- in place ------------------------------------------------------------------------------------------------------
@@ -170,10 +171,10 @@ void imul_full(PyObject *self, const Ref &numbers) {
 void imul_array(PyObject *self, PyObject *array) {
     Ref numbers = as_doubles(array);
     bool compact = takes_compact_path(self);
-    if (!compact || !numbers)
+    if (!numbers) {
         convert_to_full(self);
-    if (!numbers)
         return elements_or_nothing(learr(self).get(), plain_array(array).get(), PyNumber_InPlaceMultiply);
+    }
     compact ? imul_compact(self, numbers) : imul_full(self, numbers);
 }
 

@@ -1,6 +1,7 @@
 #include "mlinexpr_operators.h"
 
 #include "names.h"
+#include "pysupport/shapes.h"
 
 #include <cmath>
 #include <string>
@@ -72,7 +73,10 @@ bool value_of(PyObject *operand, Operand kind, Value &value) {
 }
 
 bool takes_compact_path(PyObject *expr) {
-    return is_compact(expr) && keep_compact(mod.MLinExpr);
+    if (is_compact(expr) && keep_compact(mod.MLinExpr))
+        return true;
+    convert_to_full(expr);
+    return false;
 }
 
 Part spread_part(const Part &part, int64_t n) {
@@ -288,8 +292,8 @@ void need_finite(const flat::Form &form) {
 void need_fit(const flat::Shape &receiver, const flat::Shape &operand) {
     flat::Shape shape = broadcast_shapes(receiver, operand);
     if (shape != receiver)
-        fail(PyExc_ValueError, "non-broadcastable output operand with shape %R doesn't match the broadcast shape %R",
-             shape_tuple(receiver).get(), shape_tuple(shape).get());
+        fail(PyExc_ValueError, "non-broadcastable output operand with shape %s doesn't match the broadcast shape %s",
+             shapes::text(receiver).c_str(), shapes::text(shape).c_str());
 }
 
 void assert_that(bool holds) {

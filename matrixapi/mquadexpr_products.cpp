@@ -90,8 +90,6 @@ void settle_receiver(PyObject *expr) {
         return;
     if (takes_compact_path(expr))
         join_parts(expr);
-    else
-        convert_to_full(expr);
 }
 
 void settle_operand(PyObject *expr) {

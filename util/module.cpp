@@ -44,7 +44,7 @@ PyMethodDef methods[] = {
     {"_axis_to_axeslist", as_method(axis_to_axeslist), fast,
      "_axis_to_axeslist(axis, ndim)\n--\n\nFor each axis its number in the result of a reduction, -1 where it is "
      "summed away.\n\naxis: None "
-     "(all), an int or a tuple of ints; IndexError out of range, ValueError for duplicates."},
+     "(all), an int, or a tuple or list of ints; IndexError out of range, ValueError for duplicates."},
     {"_matmul_shape", as_method(matmul_shape), fast,
      "_matmul_shape(s1, s2, do_raise=True)\n--\n\nThe shape of a matrix product; ValueError naming both, or None "
      "without do_raise."},

@@ -35,7 +35,7 @@ Shape read_shape(PyObject *object) {
     return shape;
 }
 
-// Marks an axis in place: -1 in the list. Several axes are given as a tuple, as NumPy wants them.
+// Marks an axis in place: -1 in the list. Several axes are given as a tuple or a list.
 void sum_away(std::vector<int> &axes, PyObject *axis) {
     auto ndim = static_cast<Py_ssize_t>(axes.size());
     Py_ssize_t number = check_value(PyNumber_AsSsize_t(axis, PyExc_IndexError));
@@ -49,9 +49,10 @@ void sum_away(std::vector<int> &axes, PyObject *axis) {
 
 std::vector<int> axes_list(PyObject *axis, Py_ssize_t ndim) {
     std::vector<int> axes(static_cast<size_t>(ndim), axis == Py_None ? -1 : 0);
-    if (PyTuple_Check(axis)) {
-        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(axis); ++i)
-            sum_away(axes, PyTuple_GET_ITEM(axis, i));
+    if (PyTuple_Check(axis) || PyList_Check(axis)) {
+        Ref numbers = check(PySequence_Tuple(axis)); // an axis is read by Python code, which may change a list
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(numbers.get()); ++i)
+            sum_away(axes, PyTuple_GET_ITEM(numbers.get(), i));
     } else if (axis != Py_None) {
         sum_away(axes, axis);
     }

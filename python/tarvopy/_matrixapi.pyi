@@ -12,7 +12,7 @@ from numpy.typing import ArrayLike, NDArray
 from ._core import Constr, GenConstr, LinExpr, NLConstr, NLExpr, QConstr, QuadExpr, TempConstr, Var
 
 type _Shape = tuple[int, ...]
-type _Axes = int | tuple[int, ...] | None
+type _Axes = int | Sequence[int] | None
 type _Linear = MVar | MLinExpr | Var | LinExpr
 type _Quadratic = MQuadExpr | QuadExpr
 type _Nonlinear = MNLExpr | NLExpr

@@ -15,7 +15,7 @@ def _isstr(x: object, /) -> bool: ...
 def _broadcast_shapes(s1: _Shape, s2: _Shape = ...) -> tuple[int, ...]:
     """NumPy's broadcast of one or two shapes. ValueError names both; at most 64 dimensions, 2**63 - 1 elements."""
 
-def _axis_to_axeslist(axis: SupportsIndex | tuple[SupportsIndex, ...] | None, ndim: int) -> list[int]:
+def _axis_to_axeslist(axis: SupportsIndex | Sequence[SupportsIndex] | None, ndim: int) -> list[int]:
     """For each axis its number in the result of a reduction, -1 where it is summed away; None sums all.
 
     IndexError for an axis out of range, ValueError for one that is given twice.

@@ -89,6 +89,32 @@ def test_the_switch_is_compared_with_the_number_one_and_looked_up_on_the_class_t
     assert not Child._from_mvar(x)._is_compact()
 
 
+@pytest.mark.parametrize(
+    "operation",
+    [
+        lambda e: e + 1.0,
+        lambda e: 1.0 - e,
+        lambda e: e + e.item() * e.item(),
+        lambda e: 2.0 * e,
+        lambda e: e * np.ones((1, 2), dtype=object),
+        lambda e: e / np.ones(1),
+        lambda e: -e,
+        lambda e: e @ np.eye(1),
+        lambda e: sp.csr_matrix(np.eye(1)) @ e,
+        lambda e: e * e,
+        lambda e: e @ e,
+    ],
+)
+@pytest.mark.filterwarnings("ignore:Chained matrix multiplications")
+def test_without_compact_results_an_operator_makes_its_receiver_full_for_good(mode, model, switch, operation):
+    e = variables(model, 1) + 1.0
+    before = terms(e.copy())
+    switch(0)
+    assert not operation(e)._is_compact()
+    assert not e._is_compact()
+    assert terms(e) == before
+
+
 def test_state_moves_from_compact_to_full_and_attributes_follow(mode, model):
     x = variables(model, 4)
     e = MLinExpr._from_mvar(x)
