@@ -284,11 +284,14 @@ MpsSetLine mps_set_line(MpsForm form, std::string_view line) {
         return fixed_set(line);
     }
     Fields fields = split(line);
-    drop_comment(fields, 2);
+    const bool begins = fields[0] == "S1" || fields[0] == "S2";
+    if (!begins) { // a set's name that holds " $" may be the one sign of the fixed form, as a row's may
+        drop_comment(fields, 2);
+    }
     if (fields.count != 2) {
         bad_count(fields.count, kSetFields, line);
     }
-    if (fields[0] == "S1" || fields[0] == "S2") {
+    if (begins) {
         return {fields[0], fields[1], {}};
     }
     return {{}, fields[0], fields[1]};

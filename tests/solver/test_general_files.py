@@ -83,6 +83,15 @@ MPS = {
             ("THE SET", SOS2, member(1, 0), [7.0, 8.0]),
         ],
     ),
+    "a blank in the name of a set alone": (
+        mps(
+            rows=" N  obj\n",
+            columns=card("", "x", "obj", "1"),
+            rhs="",
+            end="SOS\n S2 SET $\n" + card("", "x", "", "7") + END,
+        ),
+        [("SET $", SOS2, member(0), [7.0])],
+    ),
     "indicator of a range before the other rows": (
         mps(
             rows=" N obj\n L i\n L c\n",
