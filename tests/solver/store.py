@@ -24,6 +24,7 @@ from solver.store_layout import (
     OpenRows,
     QMatrix,
     QRows,
+    Removal,
     Residuals,
     Result,
     copied,
@@ -257,6 +258,12 @@ class Store(GeneralConstraints):
     def remove(self, kind, ids):
         ids = i32_array(ids)
         self.call("TRVremove", c.c_int(kind), c.c_int64(len(ids)), ptr_to(ids, i32p))
+
+    def removeall(self, kinds):
+        """kinds: pairs (kind, ids)."""
+        kinds = [(kind, i32_array(ids)) for kind, ids in kinds]
+        removals = (Removal * len(kinds))(*[(kind, len(ids), ptr_to(ids, i32p)) for kind, ids in kinds])
+        self.call("TRVremoveall", c.c_int32(len(kinds)), removals)
 
     def update(self):
         self.call("TRVupdatemodel")

@@ -81,6 +81,10 @@ class NlRows(c.Structure):
     )
 
 
+class Removal(c.Structure):
+    _fields_ = layout(("kind", c.c_int), ("n", c.c_int64), ("ids", i32p))
+
+
 class NlTape(c.Structure):
     _fields_ = layout(("ncodes", c.c_int64), ("code", i32p), ("nconstants", c.c_int64), ("constant", f64p))
 

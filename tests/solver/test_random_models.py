@@ -7,11 +7,26 @@ from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, invariant, precondition, rule
 from scipy.sparse import csc_matrix
 
-from solver.store import CONSTR, GENCONSTR, QCONSTR, VAR, Store, StoreError
+from solver.store import CONSTR, GENCONSTR, NLCONSTR, QCONSTR, VAR, Store, StoreError
 from solver.store_general import MAX
+from solver.tapes import evaluate, tape
 
 PENDING, PRESENT, MARKED, REMOVED = "pending", "present", "marked", "removed"
 values = st.integers(-3, 3).map(float)
+
+
+def expressions(usable):
+    """Of operations that are exact on small integers, for tapes."""
+    leaf = st.sampled_from(usable) | values if usable else values
+    return st.recursive(
+        leaf,
+        lambda part: (
+            st.tuples(st.sampled_from(["*", "-"]), part, part)
+            | st.tuples(st.just("neg"), part)
+            | st.tuples(st.just("sum"), part, part, part)
+        ),
+        max_leaves=6,
+    )
 
 
 def summed(pairs):
@@ -32,7 +47,8 @@ class Element:
 class StoreMachine(RuleBasedStateMachine):
     def __init__(self):
         super().__init__()
-        self.store, self.vars, self.rows, self.qrows, self.gens, self.qobj = Store(), [], [], [], [], {}
+        self.store, self.vars, self.rows, self.qrows, self.gens, self.nlrows = Store(), [], [], [], [], []
+        self.qobj, self.nlobj = {}, ([], [])
 
     def ids(self, elements, *states):
         return [i for i, e in enumerate(elements) if e.state in states]
@@ -83,53 +99,80 @@ class StoreMachine(RuleBasedStateMachine):
         assert self.store.addgens(MAX, gens) == len(self.gens)
         self.gens += [Element(arguments=one) for one in gens]
 
-    @rule(data=st.data())
-    def set_quadratic_objective(self, data):
+    def drawtape(self, data):
+        return tape(data.draw(expressions(self.ids(self.vars, PENDING, PRESENT))))
+
+    @rule(data=st.data(), n=st.integers(0, 3), upper=values)
+    def add_nonlinear_rows(self, data, n, upper):
+        usable = self.ids(self.vars, PENDING, PRESENT)
+        rows = [(dict.fromkeys(usable[k:], 3.0), *self.drawtape(data)) for k in range(n)]
+        arrays = [(list(terms.items()), *whole) for terms, *whole in rows]
+        assert self.store.addnlrows(arrays, upper=upper) == len(self.nlrows)
+        self.nlrows += [Element(terms=terms, tape=tuple(whole), upper=upper) for terms, *whole in rows]
+
+    @rule(data=st.data(), nonlinear=st.booleans())
+    def set_objective(self, data, nonlinear):
         pairs = self.drawpairs(data)
-        self.store.setqobjective([(v, self.vars[v].obj) for v in self.ids(self.vars, PENDING, PRESENT)], pairs)
+        terms = [(v, self.vars[v].obj) for v in self.ids(self.vars, PENDING, PRESENT)]
+        self.nlobj = self.drawtape(data) if nonlinear else ([], [])
+        if nonlinear:
+            self.store.setnlobjective(terms, pairs, *self.nlobj)
+        else:
+            self.store.setqobjective(terms, pairs)
         for v in self.ids(self.vars, MARKED):
             self.vars[v].obj = 0.0
         self.qobj = summed(pairs)
 
     def drop_terms(self, gone):
         gone = set(gone)
-        for row in self.rows + self.qrows:
+        for row in self.rows + self.qrows + self.nlrows:
             row.terms = {v: a for v, a in row.terms.items() if v not in gone}
         for row in self.qrows:
             row.pairs = {key: a for key, a in row.pairs.items() if gone.isdisjoint(key)}
         self.qobj = {key: a for key, a in self.qobj.items() if gone.isdisjoint(key)}
 
-    def remove(self, kind, elements, ids):
-        self.store.remove(kind, ids)
+    def leave(self, elements, ids):
         for e in (elements[i] for i in ids):
             e.state = {PENDING: REMOVED, PRESENT: MARKED}.get(e.state, e.state)
 
-    @rule(data=st.data())
-    def remove_variables(self, data):
-        ids = data.draw(st.lists(st.integers(0, len(self.vars) - 1), max_size=3)) if self.vars else []
-        gens = [self.gens[i] for i in self.ids(self.gens, PENDING, PRESENT)]
-        held = {v for gen in gens for terms, _ in gen.arguments for v, _ in terms}
+    def remove(self, kind, elements, ids):
+        self.store.remove(kind, ids)
+        self.leave(elements, ids)
+
+    def drawids(self, data, elements):
+        return data.draw(st.lists(st.integers(0, len(elements) - 1), max_size=3)) if elements else []
+
+    @rule(data=st.data(), together=st.booleans())
+    def remove_variables(self, data, together):
+        """Alone, or with nonlinear rows and general constraints that may hold them."""
+        ids = self.drawids(data, self.vars)
+        gens, rows = (self.drawids(data, elements) if together else [] for elements in (self.gens, self.nlrows))
+        held = {k for k in self.nlobj[0] if k >= 0}
+        for g in set(self.ids(self.gens, PENDING, PRESENT)) - set(gens):
+            held |= {v for terms, _ in self.gens[g].arguments for v, _ in terms}
+        for r in set(self.ids(self.nlrows, PENDING, PRESENT)) - set(rows):
+            held |= {k for k in self.nlrows[r].tape[0] if k >= 0}
+        kinds = [(VAR, ids), (GENCONSTR, gens), (NLCONSTR, rows)]
         if held & set(ids):
-            with pytest.raises(StoreError, match="stands in the general constraint"):
-                self.store.remove(VAR, ids)
+            with pytest.raises(StoreError, match=r"stands in the (general|nonlinear) (constraint|objective)"):
+                self.store.removeall(kinds)
             return
-        self.remove(VAR, self.vars, ids)
+        self.store.removeall(kinds)
+        for elements, gone in (self.vars, ids), (self.gens, gens), (self.nlrows, rows):
+            self.leave(elements, gone)
         self.drop_terms(self.ids(self.vars, REMOVED))
 
     @rule(data=st.data())
     def remove_rows(self, data):
-        ids = data.draw(st.lists(st.integers(0, len(self.rows) - 1), max_size=3)) if self.rows else []
-        self.remove(CONSTR, self.rows, ids)
+        self.remove(CONSTR, self.rows, self.drawids(data, self.rows))
 
     @rule(data=st.data())
     def remove_general_constraints(self, data):
-        ids = data.draw(st.lists(st.integers(0, len(self.gens) - 1), max_size=3)) if self.gens else []
-        self.remove(GENCONSTR, self.gens, ids)
+        self.remove(GENCONSTR, self.gens, self.drawids(data, self.gens))
 
     @rule(data=st.data())
     def remove_quadratic_rows(self, data):
-        ids = data.draw(st.lists(st.integers(0, len(self.qrows) - 1), max_size=3)) if self.qrows else []
-        self.remove(QCONSTR, self.qrows, ids)
+        self.remove(QCONSTR, self.qrows, self.drawids(data, self.qrows))
 
     @precondition(lambda self: self.ids(self.qrows, PENDING, PRESENT, MARKED))
     @rule(data=st.data(), value=values)
@@ -161,7 +204,7 @@ class StoreMachine(RuleBasedStateMachine):
     @rule()
     def update(self):
         self.store.update()
-        for elements in (self.vars, self.rows, self.qrows, self.gens):
+        for elements in (self.vars, self.rows, self.qrows, self.gens, self.nlrows):
             for e in elements:
                 e.state = {PENDING: PRESENT, MARKED: REMOVED}.get(e.state, e.state)
         self.drop_terms(self.ids(self.vars, REMOVED))
@@ -195,9 +238,16 @@ class StoreMachine(RuleBasedStateMachine):
         ]
 
     @invariant()
+    def nonlinear_rows_agree(self):
+        for r in self.ids(self.nlrows, PENDING, PRESENT, MARKED):
+            row = self.nlrows[r]
+            assert self.store.nlrow(r) == (list(row.terms.items()), *row.tape)
+        assert self.store.nlobjective() == tuple(self.nlobj)
+
+    @invariant()
     def positions_agree(self):
-        kinds = (VAR, self.vars), (CONSTR, self.rows), (QCONSTR, self.qrows), (GENCONSTR, self.gens)
-        for kind, elements in kinds:
+        linear = (VAR, self.vars), (CONSTR, self.rows)
+        for kind, elements in (*linear, (QCONSTR, self.qrows), (GENCONSTR, self.gens), (NLCONSTR, self.nlrows)):
             expected = self.expected_positions(elements)
             assert self.store.positions(kind, list(expected)) == list(expected.values())
             present = self.ids(elements, PRESENT, MARKED)
@@ -227,7 +277,7 @@ class StoreMachine(RuleBasedStateMachine):
 
     @invariant()
     def values_agree(self):
-        """Objective and quadratic rows, as engines read them, at a point."""
+        """Objective, quadratic and nonlinear rows, as engines read them, at a point."""
         column = {i: p for i, p in self.expected_positions(self.vars).items() if p >= 0}
         x = np.arange(1.0, len(column) + 1)
         at = {i: x[p] for i, p in column.items()}
@@ -242,7 +292,12 @@ class StoreMachine(RuleBasedStateMachine):
         hessian = upper + np.triu(upper, 1).T
         objective = value({i: v.obj for i, v in enumerate(self.vars)}, self.qobj)
         data = self.store.data()
-        assert data["obj"] @ x + x @ hessian @ x / 2 == objective == self.store.evalobjective(x)
+        byid = np.array([at.get(i, 0.0) for i in range(len(self.vars))])  # pending ones are 0 in a tape
+        nonlinear = evaluate(*self.nlobj, byid) if self.nlobj[0] else 0.0
+        assert data["obj"] @ x + x @ hessian @ x / 2 == objective
+        assert self.store.evalobjective(x) == objective + nonlinear
+        rows = [self.nlrows[i] for i in self.ids(self.nlrows, PRESENT, MARKED)]
+        assert self.store.evalnlrows(x).tolist() == [value(r.terms, {}) + evaluate(*r.tape, byid) for r in rows]
         assert data["nqobj"] == len(entry) == np.count_nonzero(upper)
 
         start, index, entry, qstart, v, w, qentry = self.store.qmatrix()
