@@ -41,14 +41,17 @@ int tempconstr_clear(PyObject *self) {
     return 0;
 }
 
+// A comparison made by hand may have another one as its side, and so on: that many calls of this function in each other
+// would be too many for the stack.
 void tempconstr_dealloc(PyObject *self) {
     PyTypeObject *type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
-    Py_XDECREF(as_tempconstr(self)->lhs);
+    Py_TRASHCAN_BEGIN(self, tempconstr_dealloc) Py_XDECREF(as_tempconstr(self)->lhs);
     Py_XDECREF(as_tempconstr(self)->sense);
     Py_XDECREF(as_tempconstr(self)->rhs);
     PyObject_GC_Del(self);
     Py_DECREF(type);
+    Py_TRASHCAN_END
 }
 
 bool same_sense(PyObject *a, PyObject *b) {

@@ -67,17 +67,8 @@ class NlSource {
     explicit NlSource(TRVmodel *model) {
         check(model, TRVgetdata(model, &data));
         read_objective(model);
-        check(model, TRVviewrows(model, &matrix));
-        if (!matrix.start) {
-            check(model, TRVgetmatrix(model, 0, &matrix));
-            owned_ = true;
-        }
-        const int code = TRVgetqmatrix(model, &qmatrix);
-        if (code != TRV_OK) {
-            give_back();
-        }
-        check(model, code);
         read_tapes(model);
+        read_matrices(model); // last: nobody gives them back when this constructor fails
     }
     ~NlSource() {
         give_back();
@@ -90,7 +81,7 @@ class NlSource {
     TRVmatrix matrix{};
     TRVqmatrix qmatrix{};
     std::vector<std::int32_t> first, second; // the objective's products
-    const double *product = nullptr;
+    std::vector<double> product;
     std::vector<TRVnlrows> nlrows;      // pointers into the store, by position
     TRVnltape tape{};                   // of the objective
     std::vector<std::int32_t> position; // by id of variable, where there are tapes
@@ -101,14 +92,32 @@ class NlSource {
             TRVfreematrix(&matrix);
         }
     }
+    void read_matrices(TRVmodel *model) {
+        check(model, TRVviewrows(model, &matrix));
+        if (!matrix.start) {
+            check(model, TRVgetmatrix(model, 0, &matrix));
+            owned_ = true;
+        }
+        const int code = TRVgetqmatrix(model, &qmatrix);
+        if (code != TRV_OK) {
+            give_back();
+        }
+        check(model, code);
+    }
+    // Products with a pending variable are left out, as pending variables are everywhere.
     void read_objective(TRVmodel *model) {
         std::int64_t count = 0;
         const std::int32_t *one, *other;
-        check(model, TRVgetqobjective(model, &count, &one, &other, &product));
-        first.resize(static_cast<std::size_t>(count));
-        second.resize(static_cast<std::size_t>(count));
-        TRVpositions(model, TRV_VAR, count, one, 0, first.data());
-        TRVpositions(model, TRV_VAR, count, other, 0, second.data());
+        const double *value;
+        check(model, TRVgetqobjective(model, &count, &one, &other, &value));
+        for (std::int64_t k = 0; k < count; ++k) {
+            const std::int32_t i = TRVposition(model, TRV_VAR, one[k]), j = TRVposition(model, TRV_VAR, other[k]);
+            if (i >= 0 && j >= 0) {
+                first.push_back(i);
+                second.push_back(j);
+                product.push_back(value[k]);
+            }
+        }
     }
     void read_tapes(TRVmodel *model) {
         check(model, TRVgetnlobjective(model, &tape));
@@ -240,7 +249,7 @@ class NlWriter {
                 qmatrix_.qstart[qrow + 1] - begin};
     }
     Products objective_products() const {
-        return {source_.first.data(), source_.second.data(), source_.product,
+        return {source_.first.data(), source_.second.data(), source_.product.data(),
                 static_cast<std::int32_t>(source_.first.size())};
     }
 

@@ -283,6 +283,10 @@ def test_tempconstr_keeps_what_it_is_given_and_is_collected():
     loop = []
     loop.append(TempConstr(loop, "=", 1))
     assert "..." in repr(loop[0])
+    chain = 0
+    for _ in range(200_000):  # each the side of the next
+        chain = TempConstr(chain, "<", 1)
+    del chain
     with pytest.raises(TypeError):
         TempConstr(1, 2)
 

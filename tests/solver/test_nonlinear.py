@@ -167,6 +167,12 @@ def test_a_pending_variable_is_zero_in_the_tape_and_no_column_of_the_gradient(st
     assert [a.tolist() for a in store.nljacobian([0.0, 3.0, 0, 0])] == [[0, 1], [1], [1.0]]
     with pytest.raises(StoreError, match="the nonlinear objective has a variable that is pending"):
         store.writenl(tmp_path / "model.nl")
+    store.setqobjective([], [(0, pending, 1.0), (pending, pending, 1.0)])
+    store.writenl(tmp_path / "model.nl")
+    quadratic = (tmp_path / "model.nl").read_bytes()
+    store.setqobjective([], [])
+    store.writenl(tmp_path / "model.nl")
+    assert (tmp_path / "model.nl").read_bytes() == quadratic
 
 
 # ---- what is refused changes nothing
