@@ -95,13 +95,18 @@ bool all_scalar(const Operands &operands) {
 // All x, then all y, for each constraint.
 void append_points(const Ref &genexpr, int64_t count, GenBlock &block) {
     std::vector<double> points;
-    for (int i = 1; i <= 2; ++i) {
-        Doubles given("the points of genfunc.pwl()", argument(genexpr, i, 3), 0.0);
+    int64_t numbers[2];
+    for (int i = 0; i < 2; ++i) {
+        Doubles given("the points of genfunc.pwl()", argument(genexpr, i + 1, 3), 0.0);
         Shape shape = given.shape();
         given.spread(shape);
+        numbers[i] = shape.size;
         for (int64_t k = 0; k < shape.size; ++k)
             points.push_back(given.at(k));
     }
+    if (numbers[0] != numbers[1])
+        fail(PyExc_ValueError, "genfunc.pwl() needs as many xpts as ypts, not %zd and %zd",
+             static_cast<Py_ssize_t>(numbers[0]), static_cast<Py_ssize_t>(numbers[1]));
     for (int64_t i = 0; i < count; ++i)
         block.append_data(points.data(), static_cast<int64_t>(points.size()));
 }

@@ -368,6 +368,7 @@ def test_the_model_refuses_what_is_no_general_constraint(m):
         (genfunc.indicator(x, 1, y <= -INF), TarvoError, "can never hold"),
         (GenExpr("pwl", (x,)), TypeError, "one side of an equation"),
         (y == GenExpr("pwl", (x,)), TypeError, "has 3 arguments, not 1"),
+        (y == GenExpr("pwl", (x, [0, 1, 2], [1])), ValueError, "as many xpts as ypts, not 3 and 1"),
         (y == GenExpr("abs", ()), TypeError, "has 1 arguments, not 0"),
         (y == GenExpr("max", (X,), (3,)), ValueError, r"axis 3 is none of an array of shape \(2,\)"),
         (y == GenExpr("max", ()), TarvoError, "at least 2 arguments"),
