@@ -161,8 +161,6 @@ bool read_array(PyObject *learr, flat::Form &form, Ref &model);
 Ref contiguous_objects(PyObject *array);
 // True when both models may stand in one form; `model` then holds the one that is there.
 bool merge_models(Ref &model, const Ref &other);
-// Adds the value of each element's terms at the last solution; raises what the store says where there is none.
-void add_linear_values(const flat::Form &form, const Ref &model, double *values);
 // A LinExpr or Var as a form of shape (); false where it mixes models.
 bool flat_linexpr(PyObject *linexpr, flat::Form &form, Ref &model);
 

@@ -100,8 +100,7 @@ void add_values(TRVmodel *store, const flat::Summand &summand, double *values) {
     }
 }
 
-} // namespace
-
+// Adds the value of each element's terms at the last solution; raises what the store says where there is none.
 void add_linear_values(const flat::Form &form, const Ref &model, double *values) {
     if (form.nnz() == 0)
         return;
@@ -112,8 +111,6 @@ void add_linear_values(const flat::Form &form, const Ref &model, double *values)
         if (summand.nnz() > 0)
             add_values(store, summand, values);
 }
-
-namespace {
 
 Ref value_of_form(const flat::Form &form, const Ref &model) {
     Ref values = constants_array(form);

@@ -71,8 +71,6 @@ Ref quad_from_mvars(PyObject *cls, PyObject *left, PyObject *right, bool force_f
 bool quad_value(PyObject *expr, flat::QuadForm &form, Ref &model, flat::Form &inner);
 // The documented parts of a compact expression; false as above.
 bool quad_parts(PyObject *expr, std::vector<QuadPart> &parts, Ref &model);
-// As add_linear_values.
-void add_quadratic_values(const flat::QuadForm &form, const Ref &model, double *values);
 // A scalar QuadExpr in numbers, shape (); false where it mixes models.
 bool quad_of_quadexpr(PyObject *quadexpr, flat::QuadForm &form, flat::Form &linear, Ref &model);
 

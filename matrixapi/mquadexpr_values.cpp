@@ -116,15 +116,11 @@ void add_values(const flat::QuadSummand &summand, const Ref &model, double *valu
             values[row] += summand.coefficient(k) * first[static_cast<size_t>(k)] * second[static_cast<size_t>(k)];
 }
 
-} // namespace
-
 void add_quadratic_values(const flat::QuadForm &form, const Ref &model, double *values) {
     for (const flat::QuadSummand &summand : form.summands)
         if (summand.nnz() > 0)
             add_values(summand, model, values);
 }
-
-namespace {
 
 // Parts over variables without common ids: every variable is asked.
 double elementwise_value(PyObject *expr) {

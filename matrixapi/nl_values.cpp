@@ -4,7 +4,6 @@
 //
 // The numbers of a node are given back when the last node that uses them is done.
 #include "matrixapi/mlinexpr.h"
-#include "matrixapi/mquadexpr.h"
 #include "matrixapi/nl_program.h"
 #include "matrixapi/operands.h"
 
@@ -32,13 +31,52 @@ void read_solution(const Step &step, int64_t n, const int32_t *ids, double *to) 
         check_status(mod.core->raise(store, code));
 }
 
-// The constants, and the values of the terms.
-void polynomial_values(const flat::Form &linear, const flat::QuadForm *quadratic, const Ref &model, double *to) {
-    for (int64_t i = 0; i < linear.size; ++i)
-        to[i] = linear.constant[i];
-    add_linear_values(linear, model, to);
+std::vector<double> solution(const Step &step, const flat::Buffer<int32_t> &ids, int64_t n) {
+    std::vector<double> x(static_cast<size_t>(n));
+    if (n > 0)
+        read_solution(step, n, ids.data(), x.data());
+    return x;
+}
+
+void add_terms(const Step &step, const flat::Summand &summand, double *to) {
+    const bool local = !summand.vars.empty(); // the solution by column, or term by term
+    const std::vector<double> x =
+        local ? solution(step, summand.vars, summand.vars.size()) : solution(step, summand.cols, summand.nnz());
+    for (int64_t row = 0; row < summand.nrows; ++row)
+        for (int64_t k = summand.begin(row), end = summand.end(row); k < end; ++k)
+            to[row] += summand.coefficient(k) * x[static_cast<size_t>(local ? summand.column(k) : k)];
+}
+
+void add_terms(const Step &step, const flat::QuadSummand &summand, double *to) {
+    const std::vector<double> x = solution(step, summand.vars1, summand.nnz()),
+                              y = solution(step, summand.vars2, summand.nnz());
+    for (int64_t row = 0; row < summand.nrows; ++row)
+        for (int64_t k = summand.begin(row), end = summand.end(row); k < end; ++k)
+            to[row] += summand.coefficient(k) * (x[static_cast<size_t>(k)] * y[static_cast<size_t>(k)]);
+}
+
+template <class Form> bool has_terms(const Form &form, int64_t element) {
+    return std::any_of(form.summands.begin(), form.summands.end(),
+                       [&](const auto &summand) { return summand.end(element) > summand.begin(element); });
+}
+
+// The terms one after the other in the order of the elements' trees: rounding and the signs of zeros are theirs.
+void polynomial_values(const Step &step, double *to) {
+    const flat::Form &linear = *step.linear;
+    const flat::QuadForm *quadratic = step.kind == NLNode::Quadratic ? step.quadratic : nullptr;
+    std::fill_n(to, step.size, -0.0); // to which any first term adds up unchanged
+    for (const flat::Summand &summand : linear.summands)
+        if (summand.nnz() > 0)
+            add_terms(step, summand, to);
+    for (int64_t i = 0; i < step.size; ++i)
+        if (linear.constant[i] != 0.0)
+            to[i] += linear.constant[i];
+        else if (!has_terms(linear, i) && !(quadratic && has_terms(*quadratic, i)))
+            to[i] = 0.0;
     if (quadratic)
-        add_quadratic_values(*quadratic, model, to);
+        for (const flat::QuadSummand &summand : quadratic->summands)
+            if (summand.nnz() > 0)
+                add_terms(step, summand, to);
 }
 
 void leaf_values(const Step &step, double *to) {
@@ -54,7 +92,7 @@ void leaf_values(const Step &step, double *to) {
             check_status(mod.core->tree_value(step.trees[i], to + i));
         return;
     default:
-        polynomial_values(*step.linear, step.kind == NLNode::Quadratic ? step.quadratic : nullptr, model_of(step), to);
+        polynomial_values(step, to);
     }
 }
 
@@ -204,8 +242,9 @@ class Evaluation {
     void row_values(const Step &step, double *to) const {
         const double *from = values_of(step.operands[0]);
         for (int64_t i = 0; i < step.size; ++i) {
-            double total = 0.0;
-            for (int64_t k = step.ptr[i]; k < step.ptr[i + 1]; ++k)
+            const int64_t first = step.ptr[i], end = step.ptr[i + 1];
+            double total = end > first ? step.coef[first] * from[step.source[first]] : 0.0;
+            for (int64_t k = first + 1; k < end; ++k)
                 total += step.coef[k] * from[step.source[k]];
             to[i] = total;
         }
