@@ -98,6 +98,31 @@ def merge_seconds(parts, size=50):
     return best(work, 3)
 
 
+def in_place_seconds(rounds, shape, look):
+    """Seconds of a loop of sums in place, of an expression whose objects are there or not."""
+    m = tarvopy.Model()
+    x = m.addMVar(2)
+    addend = x @ x if shape == () else x * x
+
+    def work():
+        total = tarvopy.MQuadExpr.zeros(shape)
+        if look:
+            repr((total._quadparts, total._qearr))
+        for _ in range(rounds):
+            total += addend
+        return total
+
+    return best(work, 3)
+
+
+def in_place_costs():
+    for shape in ((), (2,)):
+        for look in (False, True):
+            few, many = in_place_seconds(500, shape, look), in_place_seconds(5000, shape, look)
+            what = f"5000 sums in place instead of 500, shape {shape}{', looked at' if look else ''}"
+            yield what, f"{1e3 * many:.1f} ms, {many / few:.1f} times as long", "linear: 10"
+
+
 def merge_costs():
     few, many = merge_seconds(500), merge_seconds(5000)
     yield "5000 parts instead of 500 added and merged", f"{many:.3f} s, {many / few:.1f} times as long", "linear: 10"
@@ -140,7 +165,7 @@ def lines(root):
     yield ""
     yield "| what | measured | wanted at most |"
     yield "|---|---|---|"
-    for group in (object_costs(), form_costs(), merge_costs(), check_costs(root) if root else ()):
+    for group in (object_costs(), form_costs(), merge_costs(), in_place_costs(), check_costs(root) if root else ()):
         for cells in group:
             yield "| " + " | ".join(cells) + " |"
 

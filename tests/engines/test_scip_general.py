@@ -2,14 +2,13 @@
 
 import itertools
 import json
-import time
 import warnings
 
 import numpy as np
 import pytest
 
 import tarvopy
-from tarvopy import TRV, TarvoError, genfunc, nlfunc, quicksum
+from tarvopy import TRV, TarvoError, _debug, genfunc, nlfunc, quicksum
 
 pytest.importorskip("pyscipopt")
 
@@ -328,9 +327,9 @@ def test_thousands_of_indicators_load_in_bulk():
     x, b = m.addMVar(n, ub=10), m.addMVar(n, vtype="B")
     m.addConstr(genfunc.indicator(b, 1, x + 0.5 * x[::-1] <= 4))
     m.setObjective(x.sum() + 20 * b.sum(), TRV.MAXIMIZE)
-    began = time.perf_counter()
+    before = _debug.counts()
     counts = m.prepare()
-    assert time.perf_counter() - began < 2  # 0.1 s
+    assert _debug.counts() == before  # no object of an element is made
     assert counts["rows"] == 2 * n  # the indicators, and a row of each
     m.optimize()
     assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, pytest.approx(n * (20 + 8 / 3), rel=1e-3))

@@ -1,7 +1,6 @@
 """The operators of quadratic expressions: values against NumPy, states, failures that change nothing."""
 
 import operator
-import time
 
 import numpy as np
 import pytest
@@ -264,24 +263,6 @@ def test_compact_results_share_no_part_with_their_operands(mode, model):
     part = q._quadparts[0]
     assert q._extract_xQy()[1] is not part[1]  # one part is merged as several are
     assert repr(q + q).splitlines()[0] == "<MQuadExpr ()  >"
-
-
-@pytest.mark.parametrize("look", [False, True])
-@pytest.mark.parametrize("shape", [(), (2,)])
-def test_a_loop_of_sums_in_place_costs_its_operands(model, look, shape):
-    x = variables(model, (2,))
-    addend = x @ x if shape == () else x * x
-
-    def seconds(rounds):
-        q = MQuadExpr.zeros(shape)
-        if look:
-            q._quadparts, q._qearr
-        start = time.perf_counter()
-        for _ in range(rounds):
-            q += addend
-        return time.perf_counter() - start
-
-    assert min(seconds(3000) for _ in range(3)) < 30 * min(seconds(300) for _ in range(3))
 
 
 def test_full_route_converts_the_receiver_for_good(model, monkeypatch):
