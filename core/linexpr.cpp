@@ -95,24 +95,25 @@ using Methods = ExpressionMethods<LinExprObject>;
 
 PyMethodDef methods[] = {
     {"terms", get_terms, METH_NOARGS,
-     "terms()\n--\n\nAn iterator over (coefficient, Var) in stored order, as they are now."},
-    {"size", get_size, METH_NOARGS, "size()\n--\n\nThe number of stored terms, duplicates and zeros counted."},
-    {"getConstant", get_constant, METH_NOARGS, "getConstant()\n--\n\nThe constant term."},
+     "terms($self)\n--\n\nAn iterator over (coefficient, Var) in stored order, as they are now."},
+    {"size", get_size, METH_NOARGS, "size($self)\n--\n\nThe number of stored terms, duplicates and zeros counted."},
+    {"getConstant", get_constant, METH_NOARGS, "getConstant($self)\n--\n\nThe constant term."},
     {"getValue", Methods::get_value, METH_NOARGS,
-     "getValue()\n--\n\nThe value at the last solution; NoDataError where there is none."},
+     "getValue($self)\n--\n\nThe value at the last solution; NoDataError where there is none."},
     {"add", method(add_method), METH_FASTCALL | METH_KEYWORDS,
-     "add(expr, mult=1.0)\n--\n\nAdds mult * expr (a number, Var or LinExpr) in place."},
+     "add($self, expr, mult=1.0)\n--\n\nAdds mult * expr (a number, Var or LinExpr) in place."},
     {"addTerms", method(add_terms_method), METH_FASTCALL | METH_KEYWORDS,
-     "addTerms(coeffs, vars)\n--\n\nAppends terms in place: lists or arrays of equal length, or one coefficient for "
+     "addTerms($self, coeffs, vars)\n--\n\nAppends terms in place: lists or arrays of equal length, or one coefficient "
+     "for "
      "one or all "
      "variables.\nOn an error nothing is appended."},
-    {"clear", Methods::clear_contents, METH_NOARGS, "clear()\n--\n\nMakes the expression 0."},
-    {"copy", Methods::make_copy, METH_NOARGS, "copy()\n--\n\nA new expression with the same terms."},
+    {"clear", Methods::clear_contents, METH_NOARGS, "clear($self)\n--\n\nMakes the expression 0."},
+    {"copy", Methods::make_copy, METH_NOARGS, "copy($self)\n--\n\nA new expression with the same terms."},
     {"_flatten", Methods::flatten, METH_NOARGS,
-     "_flatten()\n--\n\nBrings the terms to plain lists, where they always are."},
+     "_flatten($self)\n--\n\nBrings the terms to plain lists, where they always are."},
     {"_normalize", Methods::merge_terms, METH_NOARGS,
-     "_normalize()\n--\n\nMerges the terms of each variable at its first occurrence and drops zero coefficients."},
-    {"_mul", Methods::multiply_by, METH_O, "_mul(factor)\n--\n\nScales in place."},
+     "_normalize($self)\n--\n\nMerges the terms of each variable at its first occurrence and drops zero coefficients."},
+    {"_mul", Methods::multiply_by, METH_O, "_mul($self, factor)\n--\n\nScales in place."},
     {"__copy__", Methods::make_copy, METH_NOARGS, nullptr},
     {"__deepcopy__", Methods::make_copy, METH_O, nullptr},
     {"__reduce_ex__", Methods::refuse_pickling, METH_O, nullptr},

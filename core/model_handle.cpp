@@ -106,7 +106,7 @@ PyMethodDef model_methods[] = {
     {"__copy__", return_self, METH_NOARGS, nullptr},
     {"__deepcopy__", return_self, METH_O, nullptr},
     {"_close", model_close, METH_NOARGS,
-     "_close()\n--\n\nFrees the store. Everything that still refers to the model raises from here on."},
+     "_close($self)\n--\n\nFrees the store. Everything that still refers to the model raises from here on."},
     {}};
 
 PyGetSetDef model_properties[] = {

@@ -70,7 +70,8 @@ PyObject *module_counts(PyObject *, PyObject *) {
 PyMethodDef methods[] = {
     {"_counts", module_counts, METH_NOARGS, "_counts()\n--\n\nHow many objects of the bulk types are alive."},
     {"_quicksum", quicksum, METH_O,
-     "_quicksum(iterable)\n--\n\nThe sum of numbers, variables and expressions in one pass."},
+     "_quicksum(iterable)\n--\n\nThe sum of numbers, variables and expressions, scalar or matrix, in one pass; an "
+     "empty LinExpr for none."},
     {}};
 
 PyModuleDef_Slot slots[] = {

@@ -86,10 +86,10 @@ PyObject *nlexpr_repr(PyObject *self) {
 
 PyMethodDef methods[] = {
     {"getValue", get_value, METH_NOARGS,
-     "getValue()\n--\n\nThe value at the last solution; NoDataError where there is none. Where a function is not "
+     "getValue($self)\n--\n\nThe value at the last solution; NoDataError where there is none. Where a function is not "
      "defined it is NaN or infinite."},
     {"copy", copy_method, METH_NOARGS,
-     "copy()\n--\n\nA new expression around the same tree; changing one does not change the other."},
+     "copy($self)\n--\n\nA new expression around the same tree; changing one does not change the other."},
     {"_from_constant", from_constant, METH_O | METH_STATIC,
      "_from_constant(value, /)\n--\n\nA finite number as an expression."},
     {"_from_var", from_var, METH_O | METH_STATIC, "_from_var(var, /)\n--\n\nA variable as an expression."},

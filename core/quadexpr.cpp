@@ -91,32 +91,36 @@ using Methods = ExpressionMethods<QuadExprObject>;
 
 PyMethodDef methods[] = {
     {"terms", get_terms, METH_NOARGS,
-     "terms()\n--\n\nAn iterator over (coefficient, first Var, second Var) of the quadratic terms in stored order, as "
+     "terms($self)\n--\n\nAn iterator over (coefficient, first Var, second Var) of the quadratic terms in stored "
+     "order, as "
      "they are now."},
     {"size", get_size, METH_NOARGS,
-     "size()\n--\n\nThe number of stored quadratic terms, duplicates and zeros counted."},
+     "size($self)\n--\n\nThe number of stored quadratic terms, duplicates and zeros counted."},
     {"getLinExpr", get_linexpr, METH_NOARGS,
-     "getLinExpr()\n--\n\nThe linear part, constant included: the expression's own LinExpr, not a copy, so changes of "
+     "getLinExpr($self)\n--\n\nThe linear part, constant included: the expression's own LinExpr, not a copy, so "
+     "changes of "
      "it "
      "are changes of this expression."},
     {"getValue", Methods::get_value, METH_NOARGS,
-     "getValue()\n--\n\nThe value at the last solution, linear part included; NoDataError where there is none."},
+     "getValue($self)\n--\n\nThe value at the last solution, linear part included; NoDataError where there is none."},
     {"add", method(add_method), METH_FASTCALL | METH_KEYWORDS,
-     "add(expr, mult=1.0)\n--\n\nAdds mult * expr (a number, Var, LinExpr or QuadExpr) in place."},
+     "add($self, expr, mult=1.0)\n--\n\nAdds mult * expr (a number, Var, LinExpr or QuadExpr) in place."},
     {"addTerms", method(add_terms_method), METH_FASTCALL | METH_KEYWORDS,
-     "addTerms(coeffs, vars1, vars2)\n--\n\nAppends the terms coeffs[k] * vars1[k] * vars2[k] in place: lists or "
+     "addTerms($self, coeffs, vars1, vars2)\n--\n\nAppends the terms coeffs[k] * vars1[k] * vars2[k] in place: lists "
+     "or "
      "arrays "
      "of equal length, or one coefficient for all pairs, or single ones.\nOn an error nothing is appended."},
-    {"clear", Methods::clear_contents, METH_NOARGS, "clear()\n--\n\nMakes the expression 0, its linear part too."},
+    {"clear", Methods::clear_contents, METH_NOARGS, "clear($self)\n--\n\nMakes the expression 0, its linear part too."},
     {"copy", Methods::make_copy, METH_NOARGS,
-     "copy()\n--\n\nA new expression with the same terms and a linear part of its own."},
+     "copy($self)\n--\n\nA new expression with the same terms and a linear part of its own."},
     {"_flatten", Methods::flatten, METH_NOARGS,
-     "_flatten()\n--\n\nBrings the terms to plain lists, where they always are."},
+     "_flatten($self)\n--\n\nBrings the terms to plain lists, where they always are."},
     {"_normalize", Methods::merge_terms, METH_NOARGS,
-     "_normalize()\n--\n\nMerges the terms of each pair of variables, in either order, at its first occurrence, and "
+     "_normalize($self)\n--\n\nMerges the terms of each pair of variables, in either order, at its first occurrence, "
+     "and "
      "those "
      "of each variable in the linear part; drops zero coefficients."},
-    {"_mul", Methods::multiply_by, METH_O, "_mul(factor)\n--\n\nScales in place."},
+    {"_mul", Methods::multiply_by, METH_O, "_mul($self, factor)\n--\n\nScales in place."},
     {"__copy__", Methods::make_copy, METH_NOARGS, nullptr},
     {"__deepcopy__", Methods::make_copy, METH_O, nullptr},
     {"__reduce_ex__", Methods::refuse_pickling, METH_O, nullptr},

@@ -122,16 +122,19 @@ PyObject *refuse_pickling(PyObject *self, PyObject *) {
     return nullptr;
 }
 
-PyMethodDef scalar_methods[] = {
-    {"getAttr", scalar_get_attr, METH_O,
-     "getAttr(attrname)\n--\n\nThe value of an attribute of the model store, by name."},
-    {"setAttr", method(scalar_set_attr), METH_FASTCALL,
-     "setAttr(attrname, value)\n--\n\nSets an attribute of the model store; it acts at once."},
-    {"__copy__", return_self, METH_NOARGS, nullptr},
-    {"__deepcopy__", return_self, METH_O, nullptr},
-    {"__reduce_ex__", refuse_pickling, METH_O, nullptr},
-    {"__dir__", scalar_dir, METH_NOARGS, nullptr},
-    {}};
+PyMethodDef scalar_methods[] = {{"getAttr", scalar_get_attr, METH_O,
+                                 "getAttr($self, attrname)\n--\n\nThe value of an attribute, by name: x.getAttr('UB') "
+                                 "is x.UB. NoDataError for what only "
+                                 "a solve gives and none gave; TarvoError (NOT_IN_MODEL) once the element is removed."},
+                                {"setAttr", method(scalar_set_attr), METH_FASTCALL,
+                                 "setAttr($self, attrname, value)\n--\n\nSets an attribute, at once: x.setAttr('UB', "
+                                 "3) is x.UB = 3. TypeError and TarvoError "
+                                 "for values that it cannot have; then nothing has changed."},
+                                {"__copy__", return_self, METH_NOARGS, nullptr},
+                                {"__deepcopy__", return_self, METH_O, nullptr},
+                                {"__reduce_ex__", refuse_pickling, METH_O, nullptr},
+                                {"__dir__", scalar_dir, METH_NOARGS, nullptr},
+                                {}};
 
 constexpr const char *index_doc =
     "Position in the model; -1 while it awaits the model's update, -2 or less once removed.";
@@ -151,15 +154,27 @@ constexpr const char *index_doc =
                                Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,      \
                                Type##_slots};
 
-TARVOPY_SCALAR(Var, "_colno",
-               "A decision variable. Made by Model.addVar and Model.addMVar; its attributes (LB, UB, Obj, VType, "
-               "VarName, Start, X, RC) read "
-               "and write the model.",
-               TARVOPY_OPERATOR_SLOTS)
-TARVOPY_SCALAR(Constr, "_rowno", "A linear constraint of a model.")
-TARVOPY_SCALAR(QConstr, "_qconstrno", "A quadratic constraint of a model.")
-TARVOPY_SCALAR(GenConstr, "_genconstrno", "A general constraint of a model.")
-TARVOPY_SCALAR(NLConstr, "_nlconstrno", "A nonlinear constraint of a model.")
+TARVOPY_SCALAR(
+    Var, "_colno",
+    "A decision variable, a handle into its model; Model.addVar and the elements of an MVar give it.\n\nIts "
+    "attributes LB, UB, Obj, VType, VarName, Start (settable), X and RC are those of the model. Hashable; == of "
+    "two gives a comparison whose truth is whether they are the same variable.",
+    TARVOPY_OPERATOR_SLOTS)
+TARVOPY_SCALAR(
+    Constr, "_rowno",
+    "A linear row of a model, which Model.addConstr and Model.addRange give.\n\nAttributes: RHS, Sense, Lower, "
+    "Upper, ConstrName (settable), Pi and Slack.")
+TARVOPY_SCALAR(
+    QConstr, "_qconstrno",
+    "A quadratic row of a model, which Model.addConstr gives.\n\nAttributes: QRHS, QName (settable), QSense, QPi "
+    "and QSlack.")
+TARVOPY_SCALAR(GenConstr, "_genconstrno",
+               "A general constraint of a model, which Model.addConstr and Model.addSOS give.\n\nAttributes: GenName "
+               "(settable) and GenType, one of TRV.GEN_MAX to TRV.GEN_SOS2.")
+TARVOPY_SCALAR(
+    NLConstr, "_nlconstrno",
+    "A nonlinear row of a model, which Model.addConstr and Model.addRange give.\n\nAttributes: NLName (settable) "
+    "and NLSlack.")
 
 const char *name_attribute(int kind) {
     switch (kind) {

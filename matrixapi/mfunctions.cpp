@@ -352,11 +352,14 @@ template <MethodFunction function> constexpr PyMethodDef entry(const char *name,
 }
 
 PyMethodDef functions[] = {
-    entry<vstack>(
-        "vstack",
-        "vstack(tup)\n--\n\nJoins along the first axis, as numpy.vstack; ValueError for shapes that do not fit."),
-    entry<hstack>("hstack", "hstack(tup)\n--\n\nJoins along the second axis (vectors: the first), as numpy.hstack."),
-    entry<concatenate>("concatenate", "concatenate(tup, axis=0)\n--\n\nJoins along an axis, as numpy.concatenate."),
+    entry<vstack>("vstack", "vstack(tup)\n--\n\nJoins along the first axis, as numpy.vstack (vectors become rows); see "
+                            "concatenate."),
+    entry<hstack>("hstack", "hstack(tup)\n--\n\nJoins along the second axis (vectors: the first), as numpy.hstack; see "
+                            "concatenate."),
+    entry<concatenate>("concatenate",
+                       "concatenate(tup, axis=0)\n--\n\nJoins variables, expressions and numbers along an axis, as "
+                       "numpy.concatenate: an MVar of MVar only, else the expression that holds all. ValueError for "
+                       "shapes that do not fit."),
     entry<apply_manipulation>(
         "_apply_array_manipulation_routine",
         "_apply_array_manipulation_routine(routine, tup)\n--\n\nJoins by any routine over a list of arrays."),

@@ -18,18 +18,21 @@ class _Error:
 
 
 class TRV:
-    """Senses, kinds of general constraints, statuses and error codes."""
+    """Senses, kinds of variables and of general constraints, statuses and error codes."""
 
     MINIMIZE = 1
+    """Senses of an objective, the values of `ModelSense`."""
     MAXIMIZE = -1
     INFINITY = 1e20
     """Bounds and sides of this magnitude and more mean that there is none."""
 
     LESS_EQUAL = "<"
+    """Senses of a row, the values of `Sense` and `QSense`."""
     GREATER_EQUAL = ">"
     EQUAL = "="
 
     CONTINUOUS = "C"
+    """Kinds of variables, the values of `VType`."""
     BINARY = "B"
     INTEGER = "I"
     SEMICONT = "S"
@@ -46,6 +49,7 @@ class TRV:
     GEN_SOS2 = 8
 
     NOT_SOLVED = 0
+    """How the last solve ended, the values of `Status`."""
     OPTIMAL = 1
     INFEASIBLE = 2
     UNBOUNDED = 3
@@ -56,6 +60,7 @@ class TRV:
     SOLUTION_LIMIT = 8
     INTERRUPTED = 9
     IMPRECISE = 10
+    """The engine says optimal, and the check of its answer says no: see `Model.report`."""
     FAILED = 11
 
     Error = _Error

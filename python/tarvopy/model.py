@@ -17,7 +17,7 @@ if TYPE_CHECKING:
 
 
 class Model(_modelapi.ModelBase):
-    """An optimisation model: variables, linear rows, an objective, and the last solution.
+    """An optimisation model: variables, constraints of any kind, an objective, and the last solution.
 
         with tarvopy.Model("diet") as m:
             x = m.addMVar(10, ub=5.0, name="x")

@@ -23,9 +23,9 @@ def _invalid(message: str) -> TarvoError:
 class _Parameter:
     """A data descriptor that checks what is stored."""
 
-    def __init__(self, default: Any, doc: str) -> None:
+    def __init__(self, default: Any, doc: str, values: str) -> None:
         self.default = default
-        self.__doc__ = doc
+        self.__doc__ = f"{doc} {values}, {default!r} unless set."
 
     def __set_name__(self, owner: type, name: str) -> None:
         self.name = name
@@ -48,7 +48,7 @@ class _Parameter:
 
 class _Real(_Parameter):
     def __init__(self, default: float, low: float, high: float, doc: str) -> None:
-        super().__init__(default, doc)
+        super().__init__(default, doc, f"From {low:g} to {high:g}")
         self.low, self.high = low, high
 
     def checked(self, value: Any) -> float:
@@ -64,7 +64,7 @@ class _Integer(_Parameter):
     """With `unlimited`, infinity is a value too: it stands for no limit."""
 
     def __init__(self, default: float, low: int, high: int, doc: str, unlimited: bool = False) -> None:
-        super().__init__(default, doc)
+        super().__init__(default, doc, f"A whole number from {low} {'on or inf' if unlimited else f'to {high}'}")
         self.low, self.high, self.unlimited = low, high, unlimited
 
     def checked(self, value: Any) -> float:
@@ -85,7 +85,7 @@ class _Integer(_Parameter):
 
 class _Choice(_Parameter):
     def __init__(self, default: str, choices: tuple[str, ...], doc: str) -> None:
-        super().__init__(default, doc)
+        super().__init__(default, doc, f"One of {', '.join(map(repr, choices))}")
         self.choices = choices
 
     def checked(self, value: Any) -> str:
@@ -97,6 +97,9 @@ class _Choice(_Parameter):
 
 
 class _Options(_Parameter):
+    def __init__(self, doc: str) -> None:
+        super().__init__({}, doc, "A dict with strings as keys, copied when it is set")
+
     def __get__(self, params: Parameters | None, owner: type | None = None) -> Any:
         return self if params is None else params._values.setdefault(self.name, {})
 
@@ -118,9 +121,9 @@ class Parameters:
     __slots__ = ("_values",)
 
     TimeLimit = _Real(math.inf, 0.0, math.inf, "Seconds after which a solve stops with TIME_LIMIT.")
-    RelGap = _Real(1e-4, 0.0, math.inf, "Relative gap between objective and bound at which a MIP counts as optimal.")
-    AbsGap = _Real(1e-6, 0.0, math.inf, "Absolute gap between objective and bound at which a MIP counts as optimal.")
-    FeasibilityTol = _Real(1e-7, 1e-10, 1e-2, "By how much rows and bounds may be violated.")
+    RelGap = _Real(1e-4, 0.0, math.inf, "Relative gap between objective and bound that counts as proven.")
+    AbsGap = _Real(1e-6, 0.0, math.inf, "Absolute gap between objective and bound that counts as proven.")
+    FeasibilityTol = _Real(1e-7, 1e-10, 1e-2, "By how much rows and bounds may be violated, absolute.")
     OptimalityTol = _Real(1e-7, 1e-10, 1e-2, "By how much reduced costs may have the wrong sign.")
     IntegralityTol = _Real(1e-6, 1e-10, 1e-1, "How far an integer variable may be from a whole number.")
     Threads = _Integer(0, 0, 1024, "Threads of the engine; 0 leaves the number to it.")
@@ -132,7 +135,7 @@ class Parameters:
         math.inf, 1, 2**53, "Improving solutions after which a solve stops with SOLUTION_LIMIT.", True
     )
     Engine = _Choice("auto", ("auto", "highs", "clarabel", "scip"), 'The engine; "auto" picks the one that fits.')
-    EngineOptions = _Options({}, "Options handed to the engine as they are, by the engine's own names.")
+    EngineOptions = _Options("Options handed to the engine as they are, by the engine's own names.")
 
     def __init__(self) -> None:
         object.__setattr__(self, "_values", {})

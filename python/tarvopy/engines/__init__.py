@@ -1,7 +1,7 @@
 """The solver engines: which there are, which fits a problem, and which are installed.
 
-    tarvopy.engines()                {"highs": "HiGHS 1.15.1", "clarabel": None, ...}: None where the package is not
-    installed pick(problem, "auto")            (class, "HiGHS: linear with 40 integer variables")
+    tarvopy.engines()        {"highs": "HiGHS 1.15.1", "clarabel": None, ...}, None where the package is missing
+    pick(problem, "auto")    (class, "HiGHS: linear with 40 integer variables")
 
 One module of this folder translates for one engine: a class by the protocol `Engine` of base.py, arrays in, arrays out.
 The name of the function is also the name of this folder, so the module itself can be called.
