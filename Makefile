@@ -9,12 +9,13 @@ PYTHON_SOURCES := $(shell find python -name '*.py' -o -name '*.pyi' -o -name py.
 FORMATTED := $(filter %.cpp %.h,$(NATIVE))
 
 .DELETE_ON_ERROR:
-.PHONY: help demo test bench format lint wheel clean FORCE
+.PHONY: help demo test bench docs format lint wheel clean FORCE
 
 help:
 	@echo 'make demo    solve the examples on real data, pictures in out/'
 	@echo 'make test    run the tests'
 	@echo 'make bench   measure against arrays by hand, linopy, cvxpy and casadi; table in docs/benchmarks.md'
+	@echo 'make docs    the pages and the API reference as HTML in build/docs'
 	@echo 'make format  format C++ and Python in place'
 	@echo 'make lint    check formatting and style, change nothing'
 	@echo 'make wheel   build a wheel into dist/ and check what it holds'
@@ -36,6 +37,10 @@ bench: $(VENV)/bench
 	$(RUN) benchmarks/run.py --table docs/benchmarks.md
 	$(RUN) benchmarks/quadratic.py --table docs/benchmarks.md
 	$(RUN) benchmarks/nonlinear.py --table docs/benchmarks.md
+
+docs: $(VENV)/docs
+	$(RUN) -m sphinx -W --keep-going -q docs build/docs
+	@echo 'build/docs/index.html'
 
 format: $(VENV)/packages
 	$(VENV)/bin/ruff format .
@@ -80,4 +85,9 @@ $(VENV)/sources: $(VENV)/packages FORCE
 $(VENV)/bench: $(VENV)/installed
 	$(RUN) tools/requirements.py bench > $(VENV)/requirements-bench.txt
 	$(RUN) -m pip install --quiet --requirement $(VENV)/requirements-bench.txt
+	@touch $@
+
+$(VENV)/docs: $(VENV)/installed
+	$(RUN) tools/requirements.py docs > $(VENV)/requirements-docs.txt
+	$(RUN) -m pip install --quiet --requirement $(VENV)/requirements-docs.txt
 	@touch $@
