@@ -14,13 +14,6 @@ using namespace pysupport;
 
 const CoreApi *core = nullptr;
 
-const TRVattrinfo *find_attribute(const char *name) {
-    const TRVattrinfo *info = TRVfindattr(name);
-    if (!info)
-        fail(PyExc_AttributeError, "unknown attribute '%.200s'", name);
-    return info;
-}
-
 namespace {
 
 const char *type_name(int kind) {
@@ -40,9 +33,9 @@ const char *type_name(int kind) {
 
 } // namespace
 
-const TRVattrinfo *find_attribute(const char *name, int kind) {
-    const TRVattrinfo *info = find_attribute(name);
-    if (info->kind != kind)
+const TRVattrinfo *find_attribute_of(int kind, const char *name) {
+    const TRVattrinfo *info = TRVfindattr(name);
+    if (!info || info->kind != kind)
         fail(PyExc_AttributeError, "'%s' object has no attribute '%.200s'", type_name(kind), name);
     return info;
 }
@@ -77,13 +70,11 @@ Ids::Ids(const int32_t *data, int64_t n) : size(n), ids(data), first(n > 0 ? dat
 
 namespace {
 
-const char *utf8_of(PyObject *name) {
-    if (!PyUnicode_Check(name))
-        fail(PyExc_TypeError, "attribute name must be string, not '%.200s'", Py_TYPE(name)->tp_name);
-    const char *utf8 = PyUnicode_AsUTF8(name);
-    if (!utf8)
-        throw PythonError{};
-    return utf8;
+const TRVattrinfo *find_attribute(PyObject *name) {
+    const TRVattrinfo *info = TRVfindattr(attribute_name(name));
+    if (!info)
+        fail(PyExc_AttributeError, "unknown attribute '%U'", name);
+    return info;
 }
 
 // An empty handle has None for its model; questions about names are answered for it too.
@@ -118,7 +109,7 @@ Ids as_ids(const std::vector<int32_t> &ids) {
 
 // An attribute of elements, not of the model itself.
 const TRVattrinfo *element_attribute(PyObject *name) {
-    const TRVattrinfo *info = find_attribute(utf8_of(name));
+    const TRVattrinfo *info = find_attribute(name);
     if (info->kind == TRV_MODEL)
         fail(PyExc_AttributeError, "'%s' is an attribute of the model", info->name);
     return info;
@@ -130,7 +121,7 @@ PyObject *getattrinfo(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObj
     return border([&] {
         static const Signature signature{"_getattrinfo", {"model", "attrname"}, 2};
         Arguments given(signature, 0, args, nargs, kwnames);
-        const TRVattrinfo *info = find_attribute(utf8_of(given[1]));
+        const TRVattrinfo *info = find_attribute(given[1]);
         check_handle(given[0]);
         return check(Py_BuildValue("iii", info->kind, info->type, info->settable));
     });
@@ -169,7 +160,7 @@ PyObject *prefetchattr(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyOb
     return border([&] {
         static const Signature signature{"_prefetchattr", {"model", "attrname"}, 2};
         Arguments given(signature, 0, args, nargs, kwnames);
-        find_attribute(utf8_of(given[1]));
+        find_attribute(given[1]);
         check_handle(given[0]); // all attributes stand in arrays already: nothing needs preparing
         return Ref::none();
     });
@@ -199,7 +190,7 @@ Ids ids_of_array(PyObject *ids) {
 PyObject *api_get(ModelObject *model, int kind, const char *name, PyObject *ids) {
     return border([&] {
         need_numpy();
-        const TRVattrinfo *info = find_attribute(name, kind);
+        const TRVattrinfo *info = find_attribute_of(kind, name);
         return read_array(open_store(reinterpret_cast<PyObject *>(model)), info, ids_of_array(ids), ids);
     });
 }
@@ -207,7 +198,7 @@ PyObject *api_get(ModelObject *model, int kind, const char *name, PyObject *ids)
 int api_set(ModelObject *model, int kind, const char *name, PyObject *ids, PyObject *source) {
     return border_status([&] {
         need_numpy();
-        const TRVattrinfo *info = find_attribute(name, kind);
+        const TRVattrinfo *info = find_attribute_of(kind, name);
         check_settable(info);
         Values values(info, source, PyArray_SIZE(as_array(ids)));
         values.write(open_store(reinterpret_cast<PyObject *>(model)), ids_of_array(ids));

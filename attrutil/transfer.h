@@ -16,10 +16,9 @@ using pysupport::Ref;
 
 extern const CoreApi *core;
 
-// The attribute; AttributeError for an unknown name.
-const TRVattrinfo *find_attribute(const char *name);
-// The same, with AttributeError "'tarvopy.Var' object has no attribute 'RHS'" for one of another kind.
-const TRVattrinfo *find_attribute(const char *name, int kind);
+// The attribute; AttributeError "'tarvopy.Var' object has no attribute 'RHS'" for an unknown name and one of another
+// kind.
+const TRVattrinfo *find_attribute_of(int kind, const char *name);
 // AttributeError "Attribute 'X' cannot be set".
 void check_settable(const TRVattrinfo *info);
 

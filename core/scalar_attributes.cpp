@@ -5,6 +5,7 @@
 #include "scalars.h"
 
 #include "model_handle.h"
+#include "pysupport/args.h"
 #include "pysupport/numbers.h"
 
 namespace tarvopy::core {
@@ -19,12 +20,7 @@ bool names_attribute(PyObject *name) {
 }
 
 const TRVattrinfo *find_attribute(PyObject *self, PyObject *name) {
-    if (!PyUnicode_Check(name))
-        fail(PyExc_TypeError, "attribute name must be string, not '%.200s'", Py_TYPE(name)->tp_name);
-    const char *utf8 = PyUnicode_AsUTF8(name);
-    if (!utf8)
-        throw PythonError{};
-    const TRVattrinfo *info = TRVfindattr(utf8);
+    const TRVattrinfo *info = TRVfindattr(pysupport::attribute_name(name));
     if (!info || info->kind != kind_of(self))
         fail(PyExc_AttributeError, "'%s' object has no attribute '%U'", Py_TYPE(self)->tp_name, name);
     return info;

@@ -177,7 +177,10 @@ PyObject *repr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject
 
 template <const HandleClass &of> std::span<Member> own_members() {
     static Member members[] = {
-        method("__init__", construct<of>, "Wraps an object array of constraints, which is kept as it is."),
+        method("__init__", construct<of>,
+               &of == &mqconstr_handle
+                   ? "__init__($self, qconstrarr)\n--\n\nWraps an object array of constraints, which is kept as it is."
+                   : "__init__($self, constrarr)\n--\n\nWraps an object array of constraints, which is kept as it is."),
         static_method("fromlist", fromlist<of>,
                       "fromlist(constrlist)\n--\n\nA handle over the given constraints; ValueError for anything else "
                       "in the list."),

@@ -309,6 +309,8 @@ void iadd_on_compact(PyObject *self, PyObject *other, Operand kind, double facto
     case Operand::Sparse:
         return iadd_on_compact(self, to_dense(other).get(), Operand::Array, factor);
     default: {
+        if (kind == Operand::Array && PyArray_TYPE(as_array(other)) == NPY_OBJECT)
+            break; // its elements may be variables and expressions, which no constant takes
         Ref operand = times(other, factor);
         return add_to_const(self, operand.get());
     }

@@ -235,8 +235,10 @@ Ref power_of_single(PyObject *self, PyObject *array) {
 
 Ref power(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
-    if (kind == Operand::Other || kind == Operand::Sparse)
+    if (kind == Operand::Other)
         return not_implemented();
+    if (kind == Operand::Sparse)
+        return power(self, to_dense(other).get());
     if (kind == Operand::Scalar)
         return numeric_power(self, number(other), other, shape_of(self));
     if (kind == Operand::Array && PyArray_SIZE(as_array(other)) == 1)

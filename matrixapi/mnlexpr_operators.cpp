@@ -266,6 +266,8 @@ Ref nonlinear_function(TreeOp op, PyObject *operand) {
 }
 
 Ref nonlinear_power(PyObject *left, PyObject *right) {
+    if (is_sparse(right))
+        return nonlinear_power(left, to_dense(right).get());
     if (is_array_of_two(right))
         return make_mnlexpr(mod.MNLExpr, squared(needed_side(left), shape_of_array(right)));
     if (is_two(right))

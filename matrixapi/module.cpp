@@ -1,8 +1,8 @@
 // The module tarvopy._matrixapi: what happens when it is imported, and the table that the model's native half calls.
 #include "matrixapi/constraint_handles.h"
-#include "matrixapi/mnlexpr.h"
 #include "matrixapi/mfunctions.h"
 #include "matrixapi/mlinexpr.h"
+#include "matrixapi/mnlexpr.h"
 #include "matrixapi/mquadexpr.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/rows.h"

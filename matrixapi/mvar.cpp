@@ -92,6 +92,24 @@ PyObject *mvar_init(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyO
     });
 }
 
+// numpy.fromiter(iterable, "O", len(iterable)): as many items as the length says, whatever the iterator would give.
+Ref array_of_items(PyObject *iterable) {
+    npy_intp n = check_value(PyObject_Size(iterable));
+    Ref array = check(PyArray_SimpleNew(1, &n, NPY_OBJECT));
+    auto **slots = static_cast<PyObject **>(PyArray_DATA(as_array(array)));
+    Ref items = check(PyObject_GetIter(iterable));
+    for (npy_intp i = 0; i < n; ++i) {
+        Ref item = Ref::steal(PyIter_Next(items.get()));
+        if (!item && PyErr_Occurred())
+            throw PythonError{};
+        if (!item)
+            fail(PyExc_ValueError, "iterator too short: Expected %zd but iterator had only %zd items.",
+                 static_cast<Py_ssize_t>(n), static_cast<Py_ssize_t>(i));
+        Py_XSETREF(slots[i], item.release());
+    }
+    return array;
+}
+
 [[noreturn]] void fail_not_a_var(PyObject *element) {
     Ref text = check(PyObject_Format(element, nullptr));
     fail(PyExc_ValueError, "MVar.fromlist expects a list of Vars, '%U' is not valid input", text.get());
@@ -102,17 +120,11 @@ PyObject *mvar_fromlist(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyO
         static const Signature signature{"fromlist", {"varlist"}, 1};
         Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
-        check_value(PyObject_Size(given[0])); // a list, or what has a length like one
-        Ref list = check(PySequence_List(given[0]));
-        npy_intp n = PyList_GET_SIZE(list.get());
-        Ref array = check(PyArray_SimpleNew(1, &n, NPY_OBJECT));
+        Ref array = array_of_items(given[0]);
         auto **slots = static_cast<PyObject **>(PyArray_DATA(as_array(array)));
-        for (npy_intp i = 0; i < n; ++i) {
-            PyObject *element = PyList_GET_ITEM(list.get(), i);
-            if (!PyObject_TypeCheck(element, mod.core->Var))
-                fail_not_a_var(element);
-            slots[i] = Py_NewRef(element);
-        }
+        for (npy_intp i = 0; i < PyArray_SIZE(as_array(array)); ++i)
+            if (!PyObject_TypeCheck(slots[i], mod.core->Var))
+                fail_not_a_var(slots[i]);
         return wrap_mvar(array.get());
     });
 }

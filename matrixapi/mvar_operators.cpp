@@ -127,14 +127,12 @@ Ref power(PyObject *self, PyObject *other) {
         return nonlinear_power(self, other);
     case Operand::Scalar:
         return equals_two(other) ? check(PyNumber_Multiply(self, self)) : nonlinear_power(self, other);
-    case Operand::Var:
-    case Operand::NLExpr:
-    case Operand::MVar:
-    case Operand::MLinExpr:
-    case Operand::MQuadExpr:
-        return nonlinear_power(self, other);
-    default:
+    case Operand::Sparse:
+        return power(self, to_dense(other).get());
+    case Operand::Other:
         return not_handled();
+    default:
+        return nonlinear_power(self, other);
     }
 }
 

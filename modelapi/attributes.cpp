@@ -16,13 +16,8 @@ namespace {
 }
 
 const TRVattrinfo &model_attribute(PyObject *self, PyObject *name) {
-    if (!PyUnicode_Check(name))
-        fail(PyExc_TypeError, "an attribute name is a string, not '%.200s'", Py_TYPE(name)->tp_name);
-    const char *text = PyUnicode_AsUTF8(name);
-    if (!text)
-        throw PythonError{};
-    const TRVattrinfo *info = TRVfindattr(text);
-    if (!info || std::char_traits<char>::length(text) != static_cast<size_t>(PyUnicode_GetLength(name)))
+    const TRVattrinfo *info = TRVfindattr(pysupport::attribute_name(name));
+    if (!info)
         no_attribute(self, name);
     if (info->kind != TRV_MODEL)
         fail(PyExc_AttributeError, "'%.100s' object has no attribute '%U': it is one of %s", Py_TYPE(self)->tp_name,

@@ -56,4 +56,18 @@ Arguments::Arguments(const Signature &signature, int self_counts, PyObject *cons
     }
 }
 
+const char *attribute_name(PyObject *name) {
+    if (!PyUnicode_Check(name))
+        fail(PyExc_TypeError, "attribute name must be string, not '%.200s'", Py_TYPE(name)->tp_name);
+    Py_ssize_t size = 0;
+    const char *utf8 = PyUnicode_AsUTF8AndSize(name, &size);
+    if (!utf8) {
+        if (!PyErr_ExceptionMatches(PyExc_UnicodeEncodeError))
+            throw PythonError{};
+        PyErr_Clear();
+        return "";
+    }
+    return std::strlen(utf8) == static_cast<size_t>(size) ? utf8 : "";
+}
+
 } // namespace pysupport

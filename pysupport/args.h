@@ -42,4 +42,8 @@ class Arguments {
 // For operators and other methods of exactly one argument without a keyword path of their own.
 [[noreturn]] void wrong_count(const char *function, const char *how, Py_ssize_t wanted, Py_ssize_t given);
 
+// The UTF-8 of an attribute's name, for looking it up; "" for a string that no C string holds (a surrogate, a NUL
+// inside) and that is therefore no attribute's name. TypeError for what is not a string.
+const char *attribute_name(PyObject *name);
+
 } // namespace pysupport

@@ -26,6 +26,7 @@ def test_one_object_per_id_while_it_lives(model):
 
 def test_hash_survives_the_object_and_differs_between_models(model):
     first = hash(model.vars[0])
+    gc.collect()  # what other tests left behind
     alive = _core._counts()["Var"]
     model.vars.clear()
     gc.collect()

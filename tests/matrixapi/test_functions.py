@@ -12,6 +12,7 @@ from tarvopy._matrixapi import (
     MLinExpr,
     MNLConstr,
     MNLExpr,
+    MQuadExpr,
     MVar,
     _apply_array_manipulation_routine,
     _copy_learr,
@@ -89,6 +90,20 @@ def test_arrays_become_constants_and_results_share_nothing(x):
     assert texts(joined)[0] == "1.0 x[0,0] + 6.0"
     assert texts(joined)[3] == "1.0 x[0,0] + 1.0"
     assert type(concatenate([np.ones(2), np.zeros(1)])) is MLinExpr
+
+
+def test_arrays_of_expressions_join_whatever_stands_beside_them(x):
+    row = x[0]
+    mixed = np.array([row[0].item(), 2.0, row[1].item() + 1.0], dtype=object)
+    assert [str(e) for e in hstack([row + 1, mixed])._learr[2:]] == [
+        "1.0 x[0,2] + 1.0",
+        "1.0 x[0,0]",
+        "2.0",
+        "1.0 x[0,1] + 1.0",
+    ]
+    joined = hstack([row * row, mixed])
+    assert type(joined) is MQuadExpr
+    assert [str(e) for e in joined._ndle._learr[3:]] == ["1.0 x[0,0]", "2.0", "1.0 x[0,1] + 1.0"]
 
 
 def test_a_join_of_blocks_makes_no_element_objects(model):

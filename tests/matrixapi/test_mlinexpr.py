@@ -556,6 +556,19 @@ def test_an_operand_refused_half_way_changes_nothing(mode, model, op, bad):
         assert terms(e) == [(1.0, [(1.0, i)]) for i in range(3)]
 
 
+@pytest.mark.parametrize(("op", "sign"), [(operator.iadd, 1.0), (operator.isub, -1.0)])
+def test_an_array_of_expressions_is_added_in_place_in_both_states(mode, model, op, sign):
+    x = variables(model, 3)
+    mixed = np.array([x[1].item(), 2.0, x[2].item() + 1.0], dtype=object)
+    for e in (x + 1, (x + 1)._to_full()):
+        assert op(e, mixed) is e
+        assert terms(e) == [
+            (1.0, [(1.0, 0), (sign, 1)]),
+            (1.0 + 2.0 * sign, [(1.0, 1)]),
+            (1.0 + sign, [(1.0, 2), (sign, 2)]),
+        ]
+
+
 COMPACT_WORKERS = {
     "_add_compact_mlinexpr": "other",
     "_add_compact_mlinexpr_compact": "other",

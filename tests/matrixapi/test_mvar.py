@@ -148,6 +148,21 @@ def test_constructors_wrap_what_numpy_makes_of_their_argument(mode, model):
     assert MVar.fromlist([]).shape == (0,)
 
 
+def test_fromlist_takes_as_many_as_the_length_says(model):
+    x = updated(model, 3)
+
+    class Lying(list):
+        def __len__(self):
+            return self.said
+
+    variables = Lying(x.tolist())
+    variables.said = 2
+    assert [v.index for v in MVar.fromlist(variables).tolist()] == [0, 1]
+    variables.said = 4
+    with pytest.raises(ValueError, match="iterator too short: Expected 4 but iterator had only 3 items"):
+        MVar.fromlist(variables)
+
+
 def test_fromlist_names_the_element_that_is_no_variable(model):
     x = updated(model, 2)
     with pytest.raises(ValueError, match="expects a list") as error:
