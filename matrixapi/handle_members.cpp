@@ -254,10 +254,13 @@ template <const HandleClass &of> void add_handle_members(PyObject *namespace_dic
         property("ndim", get_ndim<of>, "Number of axes."),
         property("size", get_size<of>, "Number of elements."),
         method("item", item<of>,
-               "item($self)\n--\n\nThe element of a handle of one element; ValueError for any other size."),
-        method("tolist", tolist<of>, "tolist($self)\n--\n\nThe elements as nested lists."),
+               "item($self)\n--\n\nThe scalar object of a handle of one element; ValueError for any other size."),
+        method("tolist", tolist<of>,
+               "tolist($self)\n--\n\nThe scalar objects as nested lists; makes those that do not exist yet."),
         method("getAttr", get_attr<of>,
-               "getAttr($self, attrname)\n--\n\nAttribute values of all elements, an array of the handle's shape."),
+               "getAttr($self, attrname)\n--\n\nAttribute values of all elements, a new array of the handle's shape "
+               "(float64, int32 or strings): X.getAttr('UB') is\nX.UB. NoDataError for what only a solve gives and "
+               "none gave; TarvoError (NOT_IN_MODEL) for removed elements."),
         method("setAttr", set_attr<of>,
                "setAttr($self, attrname, value)\n--\n\nSets an attribute of all elements: one value for all, or an "
                "array of the "
@@ -284,7 +287,8 @@ template <const HandleClass &of> void add_handle_members(PyObject *namespace_dic
     if (of.prefetches) {
         static Member more[] = {
             method("prefetchAttr", prefetch<of>,
-                   "prefetchAttr($self, attrname)\n--\n\nPrepares a later read of an attribute."),
+                   "prefetchAttr($self, attrname)\n--\n\nSays that an attribute will be read. Attributes stand in "
+                   "arrays, so there is nothing to prepare:\nonly the name is checked (AttributeError)."),
         };
         add_members(namespace_dict, matrix_base, more);
     }

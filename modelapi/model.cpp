@@ -156,10 +156,15 @@ PyMethodDef methods[] = {
     row("getConstrs", model_getConstrs,
         "getConstrs($self, /)\n--\n\nThe linear rows in the model's order, as a list of Constr; pending ones are not "
         "among them."),
-    row("getQConstrs", model_getQConstrs, "getQConstrs($self, /)\n--\n\nThe quadratic rows in the model's order."),
+    row("getQConstrs", model_getQConstrs,
+        "getQConstrs($self, /)\n--\n\nThe quadratic rows in the model's order, as a list of QConstr; pending ones are "
+        "not among them."),
     row("getGenConstrs", model_getGenConstrs,
-        "getGenConstrs($self, /)\n--\n\nThe general constraints in the model's order."),
-    row("getNLConstrs", model_getNLConstrs, "getNLConstrs($self, /)\n--\n\nThe nonlinear rows in the model's order."),
+        "getGenConstrs($self, /)\n--\n\nThe general constraints in the model's order, as a list of GenConstr; pending "
+        "ones are not among them."),
+    row("getNLConstrs", model_getNLConstrs,
+        "getNLConstrs($self, /)\n--\n\nThe nonlinear rows in the model's order, as a list of NLConstr; pending ones "
+        "are not among them."),
     row("getVarByName", model_getVarByName,
         "getVarByName($self, name, /)\n--\n\nThe first Var of this name, pending ones included, or None."),
     row("getConstrByName", model_getConstrByName,

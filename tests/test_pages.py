@@ -66,9 +66,15 @@ def test_examples_print_what_their_comments_say(page):
     assert sum(check(value, comment) for value, comment in printed) == PAGES[page]
 
 
+def test_links_of_the_readme_lead_to_files():
+    targets = re.findall(r"\]\(([^)#:]+)\)", (ROOT / "README.md").read_text())
+    assert len(targets) > 10
+    assert [target for target in targets if not (ROOT / target).is_file()] == []
+
+
 def test_the_api_pages_have_every_public_name():
     pages = "".join(page.read_text() for page in (ROOT / "docs" / "api").glob("*.md"))
-    described = re.findall(r"^\.\. auto\w+:: tarvopy\.(\w+)(?:\(.*\))?$", pages, re.MULTILINE)
+    described = re.findall(r"^\.\. (?:auto\w+|py:data):: tarvopy\.(\w+)(?:\(.*\))?$", pages, re.MULTILINE)
     assert sorted(described) == sorted(tarvopy.__all__)
 
 

@@ -49,7 +49,9 @@ class Offender:
     kind: str
     """"row", "quadratic row", "nonlinear row", "general constraint" or "variable"."""
     name: str
+    """As VarName, ConstrName and so on."""
     violation: float
+    """Absolute."""
     allowed: float
     """What it may be off: ten tolerances on the scale of the largest term involved."""
 
@@ -67,6 +69,7 @@ class Figure:
     allowed: float
     """What that element may be off; NaN where nothing is violated."""
     holds: bool
+    """Whether every element is within what it may be off; True where the figure does not apply."""
     why_not_checked: str
     """Why the figure does not apply, "" where it does."""
     offenders: tuple[Offender, ...]
@@ -78,6 +81,7 @@ class Report:
     """The last solution, held against the model."""
 
     model: str
+    """As m.ModelName."""
     status: int
     """As m.Status."""
     objective: float
@@ -87,6 +91,7 @@ class Report:
     engine: str
     """Name and version."""
     why_engine: str
+    """As m.why_engine."""
     runtime: float
     """Seconds."""
     figures: tuple[Figure, ...]
