@@ -204,8 +204,8 @@ Ref single_tree(const NonlinearNative &native) {
     NodeView view = native.view();
     if (flat::size_of(native.shape()) != 1)
         fail(PyExc_ValueError, "can only convert an array of size 1 to a Python scalar");
-    Ref trees = node_trees(view.node);
-    return Ref::borrow(static_cast<PyObject **>(PyArray_DATA(as_array(trees)))[view.offset]);
+    Ref trees = view_trees(view, native.shape());
+    return Ref::borrow(*static_cast<PyObject **>(PyArray_DATA(as_array(trees))));
 }
 
 Ref item_of(PyObject *self) {
@@ -236,10 +236,10 @@ bool is_small_part(const NodeView &view, const flat::Shape &shape) {
 Ref values_of_view(const NodeView &view, const flat::Shape &shape) {
     if (!is_small_part(view, shape))
         return node_values(node_of(view, shape));
-    Ref values = float_array(shape), trees = node_trees(view.node);
+    Ref values = float_array(shape), trees = view_trees(view, shape);
     auto *to = static_cast<double *>(PyArray_DATA(as_array(values)));
-    for (Walk walk(view, shape); !walk.done(); walk.next())
-        *to++ = tree_value(static_cast<PyObject **>(PyArray_DATA(as_array(trees)))[walk.at()]);
+    for (int64_t i = 0; i < flat::size_of(shape); ++i)
+        to[i] = tree_value(static_cast<PyObject **>(PyArray_DATA(as_array(trees)))[i]);
     return values;
 }
 

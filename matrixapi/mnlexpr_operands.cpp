@@ -230,13 +230,10 @@ Ref roots_of(PyObject *array) {
 
 Ref tree_array(const NodeView &view, const flat::Shape &shape) {
     need_numpy();
-    Ref trees = node_trees(view.node);
+    Ref trees = view_trees(view, shape);
     std::vector<npy_intp> dimensions(shape.begin(), shape.end());
-    Ref array = check(PyArray_SimpleNew(static_cast<int>(shape.size()), dimensions.data(), NPY_OBJECT));
-    PyObject **to = slots_of(array);
-    for (Walk walk(view, shape); !walk.done(); walk.next())
-        *to++ = Ref::borrow(slots_of(trees)[walk.at()]).release();
-    return array;
+    PyArray_Dims dims{dimensions.data(), static_cast<int>(dimensions.size())};
+    return check(PyArray_Newshape(as_array(trees), &dims, NPY_CORDER));
 }
 
 } // namespace tarvopy

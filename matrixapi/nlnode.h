@@ -5,7 +5,7 @@
 //
 // Element i of a node, in C order of its shape, stands for an expression tree. A node is immutable and shared by all
 // that are made of it; it costs some hundred bytes and what its leaves hold, whatever its size. The trees are made when
-// somebody looks (node_trees, once per node, so that all consumers share them as they would have, had every operation
+// somebody looks (once per element, so that all consumers share them as they would have, had every operation
 // made them at once); the store's tapes are written from the nodes (nl_rows.cpp), values are computed from them.
 //
 // Nodes are freed without recursion: a chain of a hundred thousand operations is fine. They belong to one model or to
@@ -19,6 +19,8 @@
 #include "collaborators/core.h"
 
 #include <cstdint>
+#include <memory>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -123,6 +125,8 @@ struct NLNode {
 
     // A one-dimensional object array of ExprTree, C order, once made: see node_trees.
     Ref trees;
+    // Until then the trees of single elements that somebody looked at, by element; see view_trees.
+    std::unique_ptr<std::unordered_map<int64_t, Ref>> some_trees;
 
     NLNode(Kind k, flat::Shape node_shape) : kind(k), shape(std::move(node_shape)), size(flat::size_of(shape)) {}
 };
@@ -169,6 +173,9 @@ NodeRef picked_node(flat::Shape shape, flat::Buffer<int64_t> source, std::vector
 // ---- trees ----------------------------------------------------------------------------------------------------------
 // All trees of a node, made where they are not yet: a one-dimensional object array in C order. Works without recursion.
 Ref node_trees(const NodeRef &node);
+// The trees of the elements that a view shows, in C order: of a small part of a large node these alone are made, and
+// kept with the nodes, so that every element has one tree whoever looks first.
+Ref view_trees(const NodeView &view, const flat::Shape &shape);
 // The sum of the terms of a LinExpr and a QuadExpr, linear ones first: the tree of an element of an MQuadExpr.
 Ref quadratic_tree(PyObject *linexpr, PyObject *quadexpr);
 

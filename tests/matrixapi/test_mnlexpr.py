@@ -409,6 +409,49 @@ def test_expressions_let_go_of_everything(mode, model):
     assert _debug.counts() == before
 
 
+def kinds_of_nodes(x, v):
+    """An array of each kind of node, large enough for single elements to be made alone."""
+    n, A = MNLExpr._from_mvar(x), np.arange(36.0).reshape(6, 6) - 7
+    return {
+        "operations": nlfunc.sin(x) * 2 - v,
+        "a number for all, a variable for all": n * 0 + NLExpr(v[0].item()),
+        "sums": nlfunc.exp(x)[:, ::2].sum(axis=0)[None, :] + np.ones((6, 1)),
+        "sparse product": sp.csr_array(A * (A % 3 == 0)) @ n,
+        "dense product": n @ (np.arange(64.0).reshape(8, 8) % 3),
+        "linear": nlfunc.exp(A @ x + 1 - x[0]),
+        "quadratic": nlfunc.cos(x * x + 2 * x * v - x),
+        "selected": tarvopy.concatenate((n * 2, nlfunc.log(x)))[[3, 1, 7, 11]],
+        "long join": tarvopy.vstack([n[i % 6] * i for i in range(80)]),
+        "part of a larger one": ((n[:, None, :] - n[None, :, :]) ** 2)[::-1, 1:, ::-2],
+    }
+
+
+def test_single_elements_have_the_trees_that_all_have(model):
+    x, v = variables(model, (6, 8)), variables(model, 8)
+    for name, e in kinds_of_nodes(x, v).items():
+        first, last = (0,) * e.ndim, (-1,) * e.ndim
+        users = e - e * v[0]
+        early = {key: (e[key].item()._root, users[key].item()._root) for key in (first, last)}
+        if name != "sums":
+            users._nlearr  # makes all trees of e, too
+        for key, (tree, user) in early.items():
+            assert e._nlearr[key]._root is tree is user.args[0] is user.args[1].args[0], name
+            assert users._nlearr[key]._root is user, name
+        assert texts(e) == [str(nle) for nle in kinds_of_nodes(x, v)[name]._nlearr.flat], name
+
+
+def test_looking_at_one_element_makes_its_tree_alone(model):
+    x = nlfunc.exp(variables(model, 1000))
+    distances = (x[:, None] - x[None, :]) ** 2
+    before = _debug.counts()["_ExprTree"]
+    assert "** 2" in repr(distances[0, 1])
+    assert distances[0, 1].item()._root is distances[0, 1].item()._root
+    assert _debug.counts()["_ExprTree"] - before == 6  # two variables, two exp, minus, square
+    with pytest.raises(NoDataError):
+        distances[2, 1].getValue()
+    assert _debug.counts()["_ExprTree"] - before <= 10
+
+
 def test_chains_of_a_hundred_thousand_operations(model):
     length = 100_000
     e = nlfunc.sin(variables(model, 2))
