@@ -76,6 +76,8 @@ def test_the_api_pages_have_every_public_name():
     pages = "".join(page.read_text() for page in (ROOT / "docs" / "api").glob("*.md"))
     described = re.findall(r"^\.\. (?:auto\w+|py:data):: tarvopy\.(\w+)(?:\(.*\))?$", pages, re.MULTILINE)
     assert sorted(described) == sorted(tarvopy.__all__)
+    members = re.findall(r"^\.\. auto\w+:: tarvopy\.Model\.(\w+)$", pages, re.MULTILINE)
+    assert sorted(members) == [name for name in dir(tarvopy.Model) if not name.startswith("_")]
 
 
 def test_the_page_of_attributes_has_them_all():
