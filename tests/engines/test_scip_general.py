@@ -335,6 +335,23 @@ def test_thousands_of_indicators_load_in_bulk():
     assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, pytest.approx(n * (20 + 8 / 3), rel=1e-3))
 
 
+@pytest.mark.parametrize("of", ["curve", "max"])
+def test_a_thousand_pieces_take_no_longer_search(of):
+    m = silent(TimeLimit=15)  # a second; more than a minute where SCIP probes every piece of a curve
+    xs = np.arange(1001)
+    ys = 5 * np.sin(0.01 * xs) + 5
+    y = m.addVar(lb=-INF)
+    if of == "curve":
+        m.addConstr(y == genfunc.pwl(m.addVar(ub=1000), xs, ys))
+    else:
+        m.addConstr(y == genfunc.max(m.addMVar(1001, lb=-INF, ub=3) - xs))
+    m.setObjective(y if of == "curve" else -y)
+    began = time.perf_counter()
+    m.optimize()
+    assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, pytest.approx(ys.min() if of == "curve" else -3.0))
+    assert time.perf_counter() - began < 4
+
+
 @pytest.mark.parametrize(
     ("name", "generals"),
     [("scip_sos/findRoot.lp", 1), ("scip_sos/sparse2.lp", 32), ("scip_indicator/mcf64-4-1.lp", 84)],

@@ -154,6 +154,23 @@ def test_infeasible_and_unbounded():
         assert m.Status == TRV.UNBOUNDED
 
 
+@pytest.mark.parametrize("f", [nlfunc.log, lambda x: nlfunc.log(x * x + 1)])
+@pytest.mark.parametrize("as_row", [False, True])
+def test_slow_growth_without_end_has_no_optimum(f, as_row):
+    m = silent()
+    x = m.addVar(name="far")
+    if as_row:
+        t = m.addVar()
+        m.addConstr(t <= f(x))
+    m.setObjective(t if as_row else f(x), TRV.MAXIMIZE)
+    with pytest.warns(RuntimeWarning, match="'far', which has no bound there, ran off to .* may be unbounded"):
+        m.optimize()
+    assert m.Status == TRV.IMPRECISE
+    assert not hasattr(m, "Gap")
+    x.UB = 1.0
+    solved(m, f(tarvopy.NLExpr(1.0)).getValue())
+
+
 @pytest.mark.parametrize(
     ("f", "part"),
     [

@@ -62,7 +62,11 @@ _WITHOUT_POINT = {TRV.INFEASIBLE, TRV.UNBOUNDED, TRV.INFEASIBLE_OR_UNBOUNDED, TR
 _INFINITY = 1e20  # SCIP's own
 _ENDLESS = 1e19  # objectives beyond it are its infinity, but for a tolerance
 _EPSILON = 1e-9  # what it takes for 0
+_FARTHEST = 1e12  # of variables without a bound there: beyond, a sum is rounded by more than any tolerance
 _NEXT_TO_ZERO = 1e-20  # where roots, and logarithms times their arguments, are 0 but for the rounding
+# Fixing each binary variable of a chain in turn fixes all others: with 1000 pieces of a curve that took a minute, and
+# the search half a second.
+_MOST_PROBED = 100
 _INT_MAX = 2**31 - 1
 _LONGEST = 1e20  # seconds: its largest time limit
 _TOLERANCES = (1e-9, 1e-3)  # what it takes: its numerics/epsilon is 1e-9
@@ -125,8 +129,7 @@ class ScipEngine:
         if problem.objconstant:
             model.addObjoffset(problem.objconstant)
         self._map_variables(position)
-        if problem.ngens:
-            self._add_general(problem)
+        self._most_switches = self._add_general(problem) if problem.ngens else 0
         self._counts = {
             "vars": model.getNVars(False),
             "rows": model.getNConss(False),
@@ -146,17 +149,19 @@ class ScipEngine:
         self._positions = where[kept]
         self._variables = [v for v, keep in zip(variables, kept.tolist(), strict=True) if keep]
 
-    def _add_general(self, problem: Problem) -> None:
+    def _add_general(self, problem: Problem) -> int:
+        """Returns the most binary variables that one of them has."""
         variables = [None] * problem.nvars
         for position, variable in zip(self._positions.tolist(), self._variables, strict=True):
             variables[position] = variable
         general = GeneralConstraints(self._package, self._model, problem, variables)
         general.add(problem.gens())
         if problem.start is None:
-            return
+            return general.most_switches
         # The start in the file lacks the variables that came after it.
         values = general.completed(problem.start.tolist())
         self._give_start([*variables, *self._extras], [*values, *self._extra_values(problem)])
+        return general.most_switches
 
     def _extra_values(self, problem: Problem) -> list[float]:
         """At the start: of the variable for a nonlinear objective, and of those for semi-continuous variables."""
@@ -224,6 +229,8 @@ class ScipEngine:
             "heuristics/completesol/maxunknownrate": 1.0,  # a start without values for what was added is worth it
             "misc/allowstrongdualreds": not (problem.nintegral or problem.is_nonlinear),
         }
+        if self._most_switches > _MOST_PROBED:
+            options["propagating/probing/maxprerounds"] = 0
         self._model.resetParams()
         self._model.setParam("misc/catchctrlc", False)
         for name, value in [*options.items(), *params.EngineOptions.items()]:
@@ -333,9 +340,27 @@ class ScipEngine:
             if abs(result["bound"]) < _INFINITY:
                 outcome.bound = result["bound"]
         self._with_duals = None
+        if outcome.status == TRV.OPTIMAL and outcome.has_x and self._nonlinear:
+            self._doubt_what_ran_off(outcome, problem)
         if outcome.status == TRV.OPTIMAL and outcome.has_x and not problem.nintegral and problem.is_convex:
             self._add_multipliers(outcome, problem)
         return outcome
+
+    def _doubt_what_ran_off(self, outcome: Outcome, problem: Problem) -> None:
+        """SCIP ends the search for the maximum of log(x) at 1e16, and calls what it has there the optimum."""
+        import numpy as np
+
+        if not (np.isinf(problem.lb).any() or np.isinf(problem.ub).any()):
+            return
+        x = self._point(problem.nvars)
+        off = ((x > _FARTHEST) & np.isinf(problem.ub)) | ((x < -_FARTHEST) & np.isinf(problem.lb))
+        if off.any():
+            j = int(off.argmax())
+            outcome.status, outcome.bound = TRV.IMPRECISE, NAN
+            outcome.message = (
+                f"the variable {problem.var_name(j)!r}, which has no bound there, ran off to {x[j]:.3g}; "
+                "the model may be unbounded"
+            )
 
     def _add_multipliers(self, outcome: Outcome, problem: Problem) -> None:
         """(x, rc, pi, qpi) at the optimum of a convex continuous model, where they hold."""

@@ -78,6 +78,8 @@ class GeneralConstraints:
         self._variables = variables
         self._numbers: dict[int, int] = {}
         self._nvars = problem.nvars
+        #: The most binary variables that one constraint has.
+        self.most_switches = 0
         self._completions: list[Callable[[list[float]], None]] = []
         # What is known of the variables' values: bounds, and the ranges of the functions that they are results of.
         switchable = (problem.vtype == b"S").tolist()
@@ -183,6 +185,7 @@ class GeneralConstraints:
             along[phases[-1][0]], up[phases[-1][0]] = -width, -height
         self._add_row(Linear(x.constant - x0, along), 0.0, 0.0)
         self._add_row(Linear(y.constant - y0, up), 0.0, 0.0)
+        self.most_switches = max(self.most_switches, len(phases) - 1)
         switches = []
         self._completions.append(
             lambda values: _take_steps(
@@ -206,6 +209,7 @@ class GeneralConstraints:
         if n == 2:
             switch = self._new("B", 0.0, 1.0)
             return [(switch, 1), (switch, 0)]
+        self.most_switches = max(self.most_switches, n)
         switches = [self._new("B", 0.0, 1.0) for _ in range(n)]
         self._add_row(Linear(-1.0, dict.fromkeys(switches, 1.0)), 0.0, 0.0)
         return [(switch, 1) for switch in switches]
