@@ -4,6 +4,11 @@ import os
 from pathlib import Path
 
 import pytest
+from hypothesis import HealthCheck, settings
+
+# A machine with other work on it draws and runs examples slowly, which says nothing about this package.
+settings.register_profile("shared machine", deadline=None, suppress_health_check=[HealthCheck.too_slow])
+settings.load_profile("shared machine")
 
 
 @pytest.fixture(params=["flat", "eager"])

@@ -3,9 +3,9 @@
 
 #include "blockpointers.h"
 #include "failure.h"
+#include "termflaw.h"
 
 #include <algorithm>
-#include <unordered_map>
 
 namespace store {
 
@@ -78,27 +78,15 @@ class Block {
         const std::string name = nameinblock('G', first_, gens_.ngens, g, names_);
         fail(code, std::string("general constraint ") + name + " (" + gentypename(type_) + "): " + why);
     }
-    // Looks for the term that was refused, in the caller's own terms: those of a refused block may be half tidy.
     void nameterms() const {
         each([&](int64_t g, int64_t from, int64_t to) {
-            for (int64_t a = from; a < to; a++)
-                nameterms(g, a, argument(a - from));
+            for (int64_t a = from; a < to; a++) {
+                const int64_t at = gens_.ptr[a];
+                const TermFlaw flaw = termflaw(columns_.ids, gens_.ptr[a + 1] - at, gens_.var + at, gens_.coef + at);
+                if (flaw.code)
+                    refuse(g, flaw.code, argument(a - from) + ": " + flaw.why);
+            }
         });
-    }
-    void nameterms(int64_t g, int64_t a, const std::string &what) const {
-        std::unordered_map<int32_t, double> sums;
-        for (int64_t k = gens_.ptr[a]; k < gens_.ptr[a + 1]; k++) {
-            const int32_t id = gens_.var[k];
-            if (!columns_.ids.usable(id))
-                refuse(g, TRV_ERROR_NOT_IN_MODEL,
-                       what + " has the variable with id " + std::to_string(id) +
-                           (id >= 0 && id < columns_.ids.count() ? ", which was removed from the model"
-                                                                 : ", which is not in the model"));
-            if (!isfinite(sums[id] += gens_.coef[k]))
-                refuse(g, TRV_ERROR_INVALID_ARGUMENT,
-                       what + ": the coefficient of the variable with id " + std::to_string(id) + " is " +
-                           number(sums[id]));
-        }
     }
 
     const Columns &columns_;

@@ -3,6 +3,7 @@
 
 #include "blockpointers.h"
 #include "failure.h"
+#include "termflaw.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -12,9 +13,34 @@ namespace store {
 namespace {
 
 // A default name says little of which row of a block is meant.
-std::string placeinblock(int64_t nrows, int64_t row, const TRVnames *names) {
+[[noreturn]] void refuse(int code, int32_t first, int64_t nrows, int64_t row, const TRVnames *names,
+                         const std::string &why) {
     const bool named = names && names->form != TRV_NAMES_NONE;
-    return named || nrows == 1 ? "" : ", element " + std::to_string(row) + " of the block";
+    const std::string place = named || nrows == 1 ? "" : ", element " + std::to_string(row) + " of the block";
+    fail(code, "nonlinear constraint " + nameinblock('N', first, nrows, row, names) + place + ": " + why);
+}
+
+// A variable that is gone is an error of its own kind.
+int refusalcode(const Registry &variables, int64_t n, const int32_t *code) {
+    const bool gone = std::any_of(code, code + n, [&](int32_t c) { return c >= 0 && !variables.usable(c); });
+    return gone ? TRV_ERROR_NOT_IN_MODEL : TRV_ERROR_INVALID_ARGUMENT;
+}
+
+void requirelinear(const TRVnlrows &rows, const Buffer<int64_t> &block) {
+    const int64_t n = requireterms("linear terms", block);
+    requirepointers(static_cast<int64_t>(block.size()) - 1, n, block.data());
+    requirepointer("variables of terms", rows.var, n);
+    requirepointer("coefficients", rows.coef, n);
+}
+
+// The refused one among the linear terms, with its row's name.
+void nameterms(const Registry &variables, int32_t first, int64_t nrows, const TRVnlrows &rows, const TRVnames *names) {
+    for (int64_t i = 0; rows.ptr && i < nrows; i++) {
+        const int64_t at = rows.ptr[i];
+        const TermFlaw flaw = termflaw(variables, rows.ptr[i + 1] - at, rows.var + at, rows.coef + at);
+        if (flaw.code)
+            refuse(flaw.code, first, nrows, i, names, flaw.why);
+    }
 }
 
 double checkedside(double value, bool islower, int64_t id) {
@@ -39,9 +65,7 @@ void NlRows::roomsides(int64_t nrows, const double *newlower, int lowerstep, con
 }
 
 void NlRows::roomlinear(const Columns &columns, const TRVnlrows &rows, Buffer<int64_t> &block) {
-    const int64_t nrows = static_cast<int64_t>(block.size()) - 1, n = requireterms("linear terms", block);
-    requirepointer("variables of terms", rows.var, n);
-    requirepointer("coefficients", rows.coef, n);
+    const int64_t nrows = static_cast<int64_t>(block.size()) - 1, n = block[nrows];
     int32_t *var = var_.room(n);
     double *coef = coef_.room(n);
     moveterms(var, rows.var, n);
@@ -63,9 +87,8 @@ void NlRows::roomtapes(const Columns &columns, const TRVnlrows &rows, const Buff
         const int64_t more = check.check(codeblock[i + 1] - codeblock[i], rows.code + codeblock[i],
                                          rows.nconstants - taken, rows.constant + taken, why);
         if (more < 0)
-            fail(TRV_ERROR_INVALID_ARGUMENT, "nonlinear constraint " +
-                                                 nameinblock('N', ids.count(), nrows, i, newnames) +
-                                                 placeinblock(nrows, i, newnames) + ": " + why);
+            refuse(refusalcode(columns.ids, codeblock[i + 1] - codeblock[i], rows.code + codeblock[i]), ids.count(),
+                   nrows, i, newnames, why);
         taken += more;
         constantblock[i + 1] = taken;
     }
@@ -87,7 +110,13 @@ int32_t NlRows::add(const Columns &columns, Uses &uses, int64_t nrows, const TRV
     Buffer<int64_t> block = blockpointers(nrows, rows.ptr), codeblock = blockpointers(nrows, rows.codeptr),
                     constantblock = blockpointers(nrows, nullptr);
     roomsides(nrows, newlower, lowerstep, newupper, upperstep);
-    roomlinear(columns, rows, block);
+    requirelinear(rows, block);
+    try {
+        roomlinear(columns, rows, block);
+    } catch (const Failure &) {
+        nameterms(columns.ids, ids.count(), nrows, rows, newnames);
+        throw;
+    }
     roomtapes(columns, rows, codeblock, constantblock, newnames);
     uses.reserve(columns.ids);
     names.add(ids.count(), nrows, newnames);
@@ -212,7 +241,7 @@ NlObjective::NlObjective(const Columns &columns, const TRVnltape &tape) {
     std::string why;
     const int64_t taken = TapeCheck(columns.ids).check(tape.ncodes, tape.code, tape.nconstants, tape.constant, why);
     if (taken < 0)
-        fail(TRV_ERROR_INVALID_ARGUMENT, "objective: " + why);
+        fail(refusalcode(columns.ids, tape.ncodes, tape.code), "objective: " + why);
     if (taken != tape.nconstants)
         failf(TRV_ERROR_INVALID_ARGUMENT, "objective: the tape takes %" PRId64 " of %" PRId64 " constants", taken,
               tape.nconstants);
