@@ -86,11 +86,7 @@ Ref full_copy(PyObject *member) {
         PyErr_SetNone(PyExc_AssertionError);
         throw PythonError{};
     }
-    flat::Form zero;
-    zero.shape = shape_of_array(member);
-    zero.size = flat::size_of(zero.shape);
-    Ref full = make_flat(mod.MLinExpr, std::move(zero), Ref());
-    return check(PyNumber_InPlaceAdd(full.get(), member));
+    return from_elements(member);
 }
 
 // A fresh object array of LinExpr.
@@ -259,12 +255,15 @@ Ref join_nonlinear(const Routine &routine, Members members) {
 
 // ---- the rule
 
-bool all_up_to(Members members, std::initializer_list<PyObject *> classes) {
-    return std::all_of(members.begin(), members.end(), [&](PyObject *member) {
-        return is_linear_member(member) || std::any_of(classes.begin(), classes.end(), [&](PyObject *cls) {
-                   return PyObject_TypeCheck(member, reinterpret_cast<PyTypeObject *>(cls));
-               });
-    });
+// The highest degree among the members, elements of object arrays included.
+int degree_of_all(Members members) {
+    int degree = 1;
+    for (PyObject *member : members) {
+        if (!is_linear_member(member) && !is_mquadexpr(member) && !is_mnlexpr(member))
+            fail(PyExc_ValueError, "Invalid types for array manipulation routine");
+        degree = std::max(degree, degree_of(member, kind_of(member)));
+    }
+    return degree;
 }
 
 // The first class that can hold every member decides.
@@ -272,13 +271,14 @@ Ref join(const Routine &routine, Members members) {
     for (const HandleClass *of : {&mvar_handle, &mconstr_handle, &mqconstr_handle, &mgenconstr_handle})
         if (all_of_class(members, of->class_object()))
             return join_handles(routine, members, *of);
-    if (all_up_to(members, {}))
-        return join_linear(routine, members);
-    if (all_up_to(members, {mod.MQuadExpr}))
-        return join_quadratic(routine, members);
-    if (all_up_to(members, {mod.MQuadExpr, mod.MNLExpr}))
+    switch (degree_of_all(members)) {
+    case 3:
         return join_nonlinear(routine, members);
-    fail(PyExc_ValueError, "Invalid types for array manipulation routine");
+    case 2:
+        return join_quadratic(routine, members);
+    default:
+        return join_linear(routine, members);
+    }
 }
 
 Ref apply_routine(const Routine &routine, PyObject *sequence) {

@@ -326,7 +326,9 @@ bool is_linear_operand(Operand kind) {
 
 Ref add_quadratic(PyObject *self, PyObject *other, Operand kind, double factor) {
     Ref sum = quad_from_mlinexpr(mod.MQuadExpr, self);
-    Ref operand = kind == Operand::QuadExpr ? quad_from_quadexpr(mod.MQuadExpr, other) : Ref::borrow(other);
+    Ref operand = kind == Operand::QuadExpr ? quad_from_quadexpr(mod.MQuadExpr, other)
+                  : kind == Operand::Array  ? quad_from_elements(other)
+                                            : Ref::borrow(other);
     return quad_add(sum.get(), operand.get(), factor);
 }
 
@@ -361,17 +363,25 @@ bool iadd(PyObject *self, PyObject *given, double factor) {
     return true;
 }
 
+Ref from_elements(PyObject *array) {
+    flat::Form zero;
+    zero.shape = shape_of_array(array);
+    zero.size = flat::size_of(zero.shape);
+    Ref full = make_flat(mod.MLinExpr, std::move(zero), Ref());
+    return check(PyNumber_InPlaceAdd(full.get(), array));
+}
+
 Ref add(PyObject *self, PyObject *given, double factor) {
     Operand kind = kind_of(given);
     Ref held = kind == Operand::Scalar ? plain_scalar(given) : Ref::borrow(given);
     PyObject *other = held.get();
-    if (degree_of(given, kind) == 3)
+    int degree = degree_of(given, kind);
+    if (degree == 3)
         return nonlinear_operation(factor > 0 ? TreeOp::Plus : TreeOp::Minus, self, given);
-    bool quadratic = kind == Operand::MQuadExpr || kind == Operand::QuadExpr;
-    if (!quadratic && !is_linear_operand(kind))
+    if (degree < 2 && !is_linear_operand(kind))
         return Ref::borrow(Py_NotImplemented);
     bool compact = takes_compact_path(self);
-    if (quadratic)
+    if (degree == 2)
         return add_quadratic(self, given, kind, factor);
     // A LinExpr stands outside the compact rules: it makes the receiver full, for good.
     if (compact && kind != Operand::LinExpr)
@@ -405,7 +415,7 @@ Ref reflected_minus(PyObject *self, PyObject *other) {
 
 Ref in_place(PyObject *self, PyObject *other, double factor) {
     // Not for quadratic and nonlinear operands: Python then forms the sum, which is another object.
-    bool taken = degree_of(other, kind_of(other)) < 3 && iadd(self, other, factor);
+    bool taken = degree_of(other, kind_of(other)) < 2 && iadd(self, other, factor);
     return Ref::borrow(taken ? self : Py_NotImplemented);
 }
 Ref plus_in_place(PyObject *self, PyObject *other) {

@@ -285,7 +285,7 @@ Ref imul(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
     switch (kind) {
     case Operand::Array:
-        if (degree_of(other, kind) > 1)
+        if (degree_of(other, kind) > 0)
             return Ref::borrow(Py_NotImplemented);
         imul_array(self, other);
         break;
@@ -311,11 +311,12 @@ Ref scaled(PyObject *self, double factor) {
 
 Ref multiply(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
-    if (degree_of(other, kind) > 1)
+    int degree = degree_of(other, kind);
+    if (degree > 1)
         return nonlinear_operation(TreeOp::Multiply, self, other);
     switch (kind) {
     case Operand::Array:
-        return multiply_array(self, other);
+        return degree == 1 ? quadratic_product(self, from_elements(other).get()) : multiply_array(self, other);
     case Operand::Sparse:
         return multiply_array(self, to_dense(other).get());
     case Operand::Scalar:

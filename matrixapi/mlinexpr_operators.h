@@ -86,6 +86,8 @@ Ref add(PyObject *self, PyObject *other, double factor);   // self + factor * ot
 Ref scaled(PyObject *self, double factor);                 // factor * self, a new expression
 Ref multiply(PyObject *self, PyObject *other);             // self * other, or NotImplemented
 bool iadd(PyObject *self, PyObject *other, double factor); // self += factor * other; false: no operand of ours
+// A fresh full expression with the value of an array of numbers and scalar linear expressions.
+Ref from_elements(PyObject *array);
 // One more (csr_matrix, MVar) pair of a compact expression: its list grows in place, a tuple becomes a list.
 void append_pair(PyObject *self, const Ref &pair);
 Ref imul(PyObject *self, PyObject *other);                      // self *= other, or NotImplemented

@@ -245,8 +245,11 @@ void scale_parts(std::vector<QuadPart> &parts, double factor) {
 
 Ref quad_add(PyObject *self, PyObject *other, double factor) {
     Operand kind = kind_of(other);
-    if (degree_of(other, kind) == 3)
+    int degree = degree_of(other, kind);
+    if (degree == 3)
         return nonlinear_operation(factor > 0 ? TreeOp::Plus : TreeOp::Minus, self, other);
+    if (degree == 2 && kind == Operand::Array)
+        return add_quadratics(self, quad_from_elements(other).get(), factor);
     switch (kind) {
     case Operand::MLinExpr:
     case Operand::MVar:
@@ -268,8 +271,13 @@ Ref quad_add(PyObject *self, PyObject *other, double factor) {
 
 bool quad_iadd(PyObject *self, PyObject *other, double factor) {
     Operand kind = kind_of(other);
-    if (degree_of(other, kind) == 3)
+    int degree = degree_of(other, kind);
+    if (degree == 3)
         return false; // Python then forms the sum, which is another object
+    if (degree == 2 && kind == Operand::Array) {
+        iadd_quadratics(self, quad_from_elements(other).get(), factor);
+        return true;
+    }
     switch (kind) {
     case Operand::MLinExpr:
     case Operand::MVar:

@@ -9,6 +9,7 @@
 #include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mquadexpr_dict.h"
+#include "matrixapi/mquadexpr_operators.h"
 #include "matrixapi/operands.h"
 
 #include "pysupport/args.h"
@@ -104,7 +105,10 @@ Ref converted_numbers(PyObject *value) {
 
 void assign(PyObject *expr, PyObject *key, PyObject *value) {
     quad_convert_to_full(expr);
-    switch (kind_of(value)) {
+    Operand kind = kind_of(value);
+    if (kind == Operand::Array && degree_of(value, kind) == 2)
+        return set_quadratic(expr, key, quad_from_elements(value).get());
+    switch (kind) {
     case Operand::QuadExpr:
         return set_quadratic(expr, key, quad_from_quadexpr(mod.MQuadExpr, value).get());
     case Operand::MQuadExpr:

@@ -35,6 +35,9 @@ Ref quad_imul(PyObject *self, PyObject *other);
 Ref quad_matrix_product(PyObject *self, PyObject *matrix);           // self @ matrix
 Ref quad_reflected_matrix_product(PyObject *self, PyObject *matrix); // matrix @ self
 
+// The value of an object array of scalars of degree two at most, a copy; TypeError for other elements.
+Ref quad_from_elements(PyObject *array);
+
 // An object array of products, as NumPy gives it, as a pair: an MLinExpr of their linear parts, normalised, and the
 // array, whose QuadExpr objects keep the quadratic terms alone.
 Ref split_lin_quad(PyObject *products);

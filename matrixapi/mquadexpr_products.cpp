@@ -398,6 +398,22 @@ Ref quadratic_matrix_product(PyObject *a, PyObject *b) {
     return matrix_product_of(a, b, a_receives ? a : b, a_receives ? b : a);
 }
 
+Ref quad_from_elements(PyObject *array) {
+    Ref given = contiguous_objects(array);
+    Ref elements = check(PyArray_SimpleNew(PyArray_NDIM(as_array(array)), PyArray_DIMS(as_array(array)), NPY_OBJECT));
+    auto **from = static_cast<PyObject **>(PyArray_DATA(as_array(given)));
+    auto **to = static_cast<PyObject **>(PyArray_DATA(as_array(elements)));
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(elements)); ++i) {
+        Ref element = Ref::borrow(from[i] ? from[i] : Py_None);
+        if (is_mvar(element.get()) || is_mlinexpr(element.get()) || is_mquadexpr(element.get()))
+            element = check(PyObject_CallMethodNoArgs(element.get(), names.item));
+        Ref copy = check(mod.core->quadexpr_new());
+        check_status(mod.core->quadexpr_add(copy.get(), element.get(), 1.0));
+        Py_XSETREF(to[i], copy.release());
+    }
+    return split_result(std::move(elements));
+}
+
 Ref split_lin_quad(PyObject *products) {
     Split halves = split(Ref::borrow(products));
     return check(PyTuple_Pack(2, halves.ndle.get(), halves.qearr.get()));

@@ -48,7 +48,8 @@ Ref times_array(PyObject *self, PyObject *array) {
 
 Ref multiply(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);
-    if (degree_of(other, kind) > 1)
+    int degree = degree_of(other, kind);
+    if (degree > 1)
         return nonlinear_operation(TreeOp::Multiply, self, other);
     switch (kind) {
     case Operand::MVar: {
@@ -56,7 +57,7 @@ Ref multiply(PyObject *self, PyObject *other) {
         return check(PyObject_VectorcallMethod(names._from_mvar_times_mvar, arguments, 3, nullptr));
     }
     case Operand::Array:
-        return times_array(self, other);
+        return degree == 1 ? check(PyNumber_Multiply(linear_form(self).get(), other)) : times_array(self, other);
     case Operand::Scalar:
         return check(PyNumber_InPlaceMultiply(linear_form(self).get(), other));
     default:

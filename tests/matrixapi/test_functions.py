@@ -194,6 +194,22 @@ def test_one_nonlinear_expression_makes_all_nonlinear(mode, model):
         vstack([n, np.array([1.0, None, 2.0], dtype=object)])
 
 
+def test_arrays_of_scalar_expressions_count_by_the_degree_of_their_elements(mode, model):
+    x = model.addMVar(2, name="x")
+    v = model.addVar(name="v")
+    model.update()
+    arrays = [np.array(pair, dtype=object) for pair in ((v, 2.0), (v * v, v), (tarvopy.nlfunc.exp(v), v * v))]
+    for degree, array in enumerate(arrays, 1):
+        for least, member in enumerate((x, x * x, tarvopy.nlfunc.sin(x)), 1):
+            joined = hstack([member, array])
+            assert type(joined) is (MLinExpr, tarvopy.MQuadExpr, MNLExpr)[max(degree, least) - 1]
+            assert trees(joined).tolist() == [*trees(member), *trees(hstack([array]))]
+    assert [str(e.item()) for e in hstack(arrays[1:])] == ["v ** 2", "v", "exp(v)", "v ** 2"]
+    for strange in (None, "text"):
+        with pytest.raises(TypeError, match=r"NoneType|str"):
+            hstack([x * x, np.array([v * v, strange], dtype=object)])
+
+
 def test_a_routine_of_the_callers_sees_the_trees(mode, model):
     x = model.addMVar(3)
     n, seen = tarvopy.nlfunc.exp(x), []

@@ -210,6 +210,55 @@ def test_object_arrays_count_by_the_degree_of_their_elements(given):
     assert looks(given) == before
 
 
+@pytest.mark.parametrize("name", ["variables", "compact", "full", "quadratic"])
+def test_sums_with_arrays_of_scalar_quadratics_are_quadratic(given, name):
+    v, self = given.v, given.matrices[name]
+    square = (given.x * given.x)[1]
+    before = looks(given)
+    for elements in ((1.0, v * v - 5.0, v), (v * v, square, 2.0 * v + 1.0)):
+        array = np.empty(3, dtype=object)
+        array[:] = elements
+        scalars = [square.item() if element is square else element for element in elements]
+        for op, result in [
+            (operator.add, self + array),
+            (operator.sub, self - array),
+            (operator.add, operator.iadd(0.0 + self, array)),
+            (operator.sub, operator.isub(0.0 + self, array)),
+            (lambda a, b: a + b, array + self),
+            (lambda a, b: -1.0 * a + b, array - self),
+        ]:
+            assert type(result) is MQuadExpr
+            assert result.shape == self.shape
+            for i in np.ndindex(self.shape):
+                assert str(result[i].item()) == str(op(self[i].item(), tarvopy.QuadExpr(scalars[i[-1]])))
+        assert array[0] is elements[0]
+        target = given.matrices["quadratic"].copy()
+        target[1] = array
+        assert [str(e.item()) for e in target[1]] == [str(tarvopy.QuadExpr(scalar)) for scalar in scalars]
+    assert looks(given) == before
+    for wrong in (None, "a", np.ones(2)):
+        with pytest.raises(TypeError):
+            self + np.array([v * v, wrong, 1.0], dtype=object)
+
+
+@pytest.mark.parametrize("name", ["variables", "compact", "full"])
+def test_arrays_of_scalar_linear_expressions_take_part_as_expressions(given, name):
+    v, self = given.v, given.matrices[name]
+    array = np.array([v, 2.0, v - 1.0], dtype=object)
+    for op, result, kind in [
+        (operator.add, self + array, MLinExpr),
+        (operator.add, operator.iadd(0.0 + self, array), MLinExpr),
+        (operator.sub, operator.isub(0.0 + self, array), MLinExpr),
+        (operator.mul, self * array, MQuadExpr),
+        (operator.mul, operator.imul(1.0 * self, array), MQuadExpr),
+        (operator.mul, array * self, MQuadExpr),
+    ]:
+        assert type(result) is kind
+        for i in np.ndindex(self.shape):
+            whole = tarvopy.QuadExpr(op(tarvopy.LinExpr(self[i].item()), array[i[-1]]))
+            assert sorted(str(result[i].item()).split(" ")) == sorted(str(whole).split(" "))
+
+
 def test_matrix_products_of_a_degree_beyond_two_multiply_term_by_term(given):
     square = given.model.addMVar((3, 3), name="s")
     given.model.update()
