@@ -33,12 +33,22 @@ Ref as_nonlinear_matrix(PyObject *object) {
     return {};
 }
 
+// What to write instead, for what looks like an operand.
+const char *advice_for(PyObject *object) {
+    if (classify(object).kind == OperandKind::Array || PyList_Check(object) || PyTuple_Check(object))
+        return ": NumPy's functions take arrays of numbers; tarvopy.hstack([array]) makes an expression of an array of "
+               "variables or expressions";
+    if (Py_TYPE(object) == state.GenExpr)
+        return ": add a variable v with addConstr(v == genfunc...) and use v";
+    return "";
+}
+
 Ref apply_to_matrix(TreeOp op, PyObject *object) {
     const char *name = info_of(op).name;
     Ref matrix = as_nonlinear_matrix(object);
     if (!matrix)
-        fail(PyExc_TypeError, "nlfunc.%s() takes numbers and expressions, not '%.200s'", name,
-             Py_TYPE(object)->tp_name);
+        fail(PyExc_TypeError, "nlfunc.%s() takes numbers and expressions, not '%.200s'%s", name,
+             Py_TYPE(object)->tp_name, advice_for(object));
     std::string builder_name = std::string("_from_") + name;
     Ref builder = check(PyObject_GetAttrString(as_object(state.ExprTree), builder_name.c_str()));
     return check(PyObject_CallMethod(matrix.get(), "_dispatch_unary_op", "O", builder.get()));

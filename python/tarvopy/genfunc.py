@@ -84,10 +84,9 @@ def indicator(binary: Any, value: Any, tempconstr: TempConstr) -> GenExpr:
 
     binary: a binary variable, or an array of them; value: 0 or 1 (or False or True, or an array of these); tempconstr:
     a comparison of linear expressions with <=, >= or ==. The three broadcast. That the variables are binary is looked
-    at when the model is solved. TypeError for what is no comparison; other values are refused by the model.
+    at when the model is solved. TypeError for what is no comparison or no number; other values are refused by the
+    model.
     """
-    import numpy as np
-
     if not isinstance(tempconstr, TempConstr):
         advice = ": it was evaluated before, so no variable took part" if isinstance(tempconstr, bool) else ""
         raise TypeError(
@@ -95,7 +94,7 @@ def indicator(binary: Any, value: Any, tempconstr: TempConstr) -> GenExpr:
         )
     lhs, rhs = _taken("indicator", tempconstr.lhs), _taken("indicator", tempconstr.rhs)
     comparison = TempConstr(lhs, tempconstr.sense, rhs)
-    taken = value if _isscalar(value) else np.array(value, dtype=np.float64)
+    taken = value if _isscalar(value) else _numbers("indicator", value, "value")
     return GenExpr("indicator", (_taken("indicator", binary), taken, comparison))
 
 
@@ -146,8 +145,14 @@ def _taken_array(function: str, argument: Any) -> Any:
     else:
         raise _not_linear(function, argument)
     if array.dtype == object:
-        array.flat = [_taken(function, element) for element in array.flat]
+        array.flat = [_taken_element(function, element) for element in array.flat]
     return array
+
+
+def _taken_element(function: str, element: Any) -> Any:
+    if isinstance(element, list | tuple):
+        raise ValueError(f"genfunc.{function}() takes nested lists of one length, as NumPy does")
+    return _taken(function, element)
 
 
 def _require_scalars(function: str, sequence: list[Any] | tuple[Any, ...]) -> None:
@@ -190,13 +195,28 @@ def _axes(axis: Any, ndim: int) -> tuple[int, ...]:
     return tuple(range(ndim)) if axis is None else tuple(map(int, normalize_axis_tuple(axis, ndim)))
 
 
-# ---- points
+# ---- numbers
+
+
+def _numbers(function: str, given: Any, name: str) -> Any:
+    """A copy as float64. NumPy alone would read texts as numbers, and drop imaginary parts."""
+    import numpy as np
+
+    try:
+        array = np.array(given)
+    except ValueError:
+        raise ValueError(
+            f"genfunc.{function}() takes {name} as a sequence of numbers, not of unlike sequences"
+        ) from None
+    if array.dtype.kind not in "biuf":
+        for element in array.flat:
+            if not _isscalar(element):
+                raise TypeError(f"genfunc.{function}() takes numbers as {name}, not {_kind(element)}")
+    return array.astype(np.float64)
 
 
 def _points(given: Any, name: str) -> Any:
-    import numpy as np
-
-    points = np.array(given, dtype=np.float64)
+    points = _numbers("pwl", given, name)
     if points.ndim != 1:
         raise ValueError(f"genfunc.pwl() takes {name} as one sequence of numbers, not of shape {points.shape}")
     points.flags.writeable = False

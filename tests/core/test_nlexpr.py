@@ -20,7 +20,7 @@ from hypothesis import strategies as st
 
 import native
 from native import NativeModel
-from tarvopy import nlfunc
+from tarvopy import genfunc, nlfunc
 from tarvopy._core import LinExpr, NLExpr, QuadExpr, TempConstr, _counts, _ExprTree, _quicksum
 from tarvopy._exception import NoDataError, TarvoError
 
@@ -330,6 +330,11 @@ def test_functions_know_their_names_and_refuse_what_is_no_expression():
     for bad in ("a", None, [X], np.ones(2), 1j, object(), nlfunc.exp(X)._root):
         with pytest.raises(TypeError, match=r"nlfunc\.exp\(\) takes numbers and expressions"):
             nlfunc.exp(bad)
+    for array in ([X], (X, 1), np.ones(2), np.array([X])):
+        with pytest.raises(TypeError, match=r"NumPy's functions take arrays of numbers; tarvopy.hstack\(\[array\]\)"):
+            nlfunc.exp(array)
+    with pytest.raises(TypeError, match=r"add a variable v with addConstr\(v == genfunc"):
+        nlfunc.exp(genfunc.max(X, 1))
 
 
 def test_foreign_operands_are_declined():

@@ -337,6 +337,18 @@ def test_arguments_that_are_not_linear_are_refused_when_the_function_is_called(m
         genfunc.pwl(x, [0, 1], [0, 1, 2])
     with pytest.raises(ValueError, match=r"one sequence of numbers, not of shape \(2, 2\)"):
         genfunc.pwl(x, np.ones((2, 2)), np.ones(4))
+    with pytest.raises(ValueError, match="nested lists of one length"):
+        genfunc.max([[x, 1], [2]])
+    for wrong in ("1", 1j, None, x, X, ["0", "1"], [0, 1j], np.array([0, 1j]), [x, 1], iter([0, 1])):
+        for name, call in (
+            ("xpts", lambda e: genfunc.pwl(x, e, [0, 1])),
+            ("ypts", lambda e: genfunc.pwl(x, [0, 1], e)),
+            ("value", lambda e: genfunc.indicator(x, e, x <= 1)),
+        ):
+            with pytest.raises(TypeError, match=rf"takes numbers as {name}, not '"):
+                call(wrong)
+    with pytest.raises(ValueError, match="takes value as a sequence of numbers, not of unlike sequences"):
+        genfunc.indicator(x, [[0, 1], [1]], x <= 1)
     with pytest.raises(TypeError, match="takes a comparison as its third argument, not 'bool': it was evaluated"):
         genfunc.indicator(x, 1, x is X)
 
