@@ -23,6 +23,12 @@ Ref increase(PyObject *self, PyObject *other) {
     return Ref::none();
 }
 
+// The operand must be compact too.
+template <Operator work> Ref by_compact(PyObject *self, PyObject *other) {
+    assert_that(is_mlinexpr(other) && is_compact(other));
+    return work(self, other);
+}
+
 Ref scale(PyObject *self, PyObject *other) {
     assert_that(!imul(self, other).is(Py_NotImplemented));
     return Ref::none();
@@ -63,13 +69,14 @@ template <Operator work, Text name, Text operand = "other"> Member on_full(const
 std::span<Member> worker_members() {
     static Member members[] = {
         on_compact<sum, "_add_compact_mlinexpr">("Compact receiver plus any MLinExpr."),
-        on_compact<sum, "_add_compact_mlinexpr_compact">("Two compact operands."),
+        on_compact<by_compact<sum>, "_add_compact_mlinexpr_compact">("Two compact operands."),
         on_full<sum, "_add_full_mlinexpr">("Full receiver plus MLinExpr."),
         on_full<sum, "_add_full_ndarray">("Full receiver plus numeric array."),
         on_compact<increase, "_iadd_compact_var", "var">("Adds a variable to every element."),
         on_compact<increase, "_iadd_compact_linexpr", "le">("Adds a scalar expression to every element."),
         on_compact<increase, "_iadd_compact_mlinexpr">("Compact receiver increased by any MLinExpr."),
-        on_compact<increase, "_iadd_compact_mlinexpr_compact">("Compact receiver increased by a compact one."),
+        on_compact<by_compact<increase>, "_iadd_compact_mlinexpr_compact">(
+            "Compact receiver increased by a compact one."),
         on_full<increase, "_iadd_full_scalar", "c">("Adds a number to every element."),
         on_full<increase, "_iadd_full_ndarray", "a">("Adds numbers element by element."),
         on_full<increase, "_iadd_full_mlinexpr">("Adds expressions element by element."),
