@@ -179,17 +179,6 @@ Ref negative(PyObject *self) {
     return dispatch(self, Builder(TreeOp::Uminus));
 }
 
-bool is_two(PyObject *object) {
-    return is_scalar(object) && number(object) == 2.0;
-}
-
-// An array of one element, and that a 2.
-bool is_array_of_two(PyObject *object) {
-    need_numpy();
-    return is_array(object) && PyArray_SIZE(as_array(object)) == 1 &&
-           is_two(check(PyObject_CallMethodNoArgs(object, names.item)).get());
-}
-
 // The shape grows by the unit axes that an exponent of one element may have in front.
 NodeRef squared(const Side &base, const flat::Shape &exponent) {
     Side spread{{}, broadcast_shapes(base.shape, exponent)};

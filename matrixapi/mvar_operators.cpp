@@ -102,15 +102,6 @@ Ref reflected_matmul(PyObject *self, PyObject *other) {
 
 // ---- powers and division
 
-bool equals_two(PyObject *number) {
-    Ref two = check(PyFloat_FromDouble(2.0));
-    return check_status(PyObject_RichCompareBool(number, two.get(), Py_EQ));
-}
-
-bool is_array_of_two(PyObject *array) {
-    return PyArray_SIZE(as_array(array)) == 1 && equals_two(check(PyObject_CallMethodNoArgs(array, names.item)).get());
-}
-
 Ref square(PyObject *self, const flat::Shape &shape) {
     Ref x = check(PyObject_CallMethodOneArg(self, names.reshape, shape_tuple(shape).get()));
     return check(PyNumber_Multiply(x.get(), x.get()));
@@ -127,7 +118,7 @@ Ref power(PyObject *self, PyObject *other) {
             return square(self, broadcast_shapes(mvar_shape(self), shape_of_array(other)));
         return nonlinear_power(self, other);
     case Operand::Scalar:
-        return equals_two(other) ? check(PyNumber_Multiply(self, self)) : nonlinear_power(self, other);
+        return is_two(other) ? check(PyNumber_Multiply(self, self)) : nonlinear_power(self, other);
     case Operand::Sparse:
         return power(self, to_dense(other).get());
     case Operand::Other:

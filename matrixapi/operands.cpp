@@ -77,6 +77,15 @@ double number(PyObject *scalar) {
     return value;
 }
 
+bool is_two(PyObject *object) {
+    return is_scalar(object) && number(object) == 2.0;
+}
+
+bool is_array_of_two(PyObject *object) {
+    return is_array(object) && PyArray_SIZE(as_array(object)) == 1 &&
+           is_two(check(PyObject_CallMethodNoArgs(object, names.item)).get());
+}
+
 Ref plain_scalar(PyObject *scalar) {
     bool plain = PyFloat_Check(scalar) || PyLong_Check(scalar) || (numpy_loaded() && PyArray_IsScalar(scalar, Generic));
     return plain ? Ref::borrow(scalar) : check(PyFloat_FromDouble(number(scalar)));

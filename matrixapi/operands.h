@@ -36,6 +36,9 @@ bool is_scalar(PyObject *object); // a plain number, as _util._isscalar says
 
 // The value of a number; throws for one that float() refuses (complex).
 double number(PyObject *scalar);
+// The exponent that keeps a power quadratic: the number 2; an array of one element, and that a 2.
+bool is_two(PyObject *object);
+bool is_array_of_two(PyObject *object);
 // The number as Python or NumPy compute with it: a Fraction or a Decimal, which meet no float array, becomes a float.
 Ref plain_scalar(PyObject *scalar);
 

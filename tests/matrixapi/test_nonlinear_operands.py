@@ -112,7 +112,8 @@ def test_an_array_of_one_exponent_is_that_exponent_in_the_broadcast_shape(given)
     for exponent in (half, half.astype(object)):
         assert trees(e**exponent).tolist() == expected("pow", e, half).tolist()
     for scalar in (given.v, given.nonlinear["scalar"], given.scalars["LinExpr"]):
-        assert trees(e ** np.array(scalar, dtype=object)).tolist() == expected("pow", e, scalar).tolist()
+        for self in (e, given.x):
+            assert trees(self ** np.array(scalar, dtype=object)).tolist() == expected("pow", self, scalar).tolist()
     for strange in (np.array("a"), np.array(None), np.array({}, dtype=object)):
         with pytest.raises(TypeError):
             e**strange
