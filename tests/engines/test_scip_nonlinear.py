@@ -171,6 +171,20 @@ def test_slow_growth_without_end_has_no_optimum(f, as_row):
     solved(m, f(tarvopy.NLExpr(1.0)).getValue())
 
 
+@pytest.mark.parametrize("f", [nlfunc.log, lambda x: 1 / x, lambda x: 1000 - x**-0.5])
+def test_objective_that_falls_without_end_at_a_pole_has_no_optimum(f):
+    m = silent()
+    x = m.addVar(lb=-1, ub=1, name="p")
+    m.setObjective(f(x))
+    with pytest.warns(RuntimeWarning, match="the objective leaps where 'p', at .*, nears 0"):
+        m.optimize()
+    assert m.Status == TRV.IMPRECISE
+    for harmless in (x * nlfunc.log(x), nlfunc.sqrt(x), nlfunc.log(x + 1e-3) - 1e6 * x):
+        m.setObjective(harmless)
+        m.optimize()
+        assert m.Status == TRV.OPTIMAL
+
+
 @pytest.mark.parametrize(
     ("f", "part"),
     [

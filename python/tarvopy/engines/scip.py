@@ -8,7 +8,8 @@ variables) stays here.
 General constraints are added to what was read (scip_general.py), with values for a start.
 
 SCIP keeps arguments of logarithms and negative powers 1e-9 away from 0, so that a minimum of log(x) at x = 0 comes out
-as -20.7, and takes u ** v with variables in v for exp(v log(u)), which is defined for u > 0 alone.
+as -20.7; where the objective leaps there, the answer is called imprecise. It takes u ** v with variables in v for
+exp(v log(u)), which is defined for u > 0 alone.
 
 SCIP keeps its tolerances absolute and one for rows and integrality alike. It has no multipliers for nonlinear models:
 for convex continuous ones they are worked out at its point (multipliers.py).
@@ -63,6 +64,8 @@ _INFINITY = 1e20  # SCIP's own
 _ENDLESS = 1e19  # objectives beyond it are its infinity, but for a tolerance
 _EPSILON = 1e-9  # what it takes for 0
 _FARTHEST = 1e12  # of variables without a bound there: beyond, a sum is rounded by more than any tolerance
+_BESIDE_ZERO = 1e-8  # where the arguments of logarithms and negative powers end for it
+_BEYOND_ROUNDING = 1e-3  # no change of a variable within its tolerance moves a fair objective as much
 _NEXT_TO_ZERO = 1e-20  # where roots, and logarithms times their arguments, are 0 but for the rounding
 # Fixing each binary variable of a chain in turn fixes all others: with 1000 pieces of a curve that took a minute, and
 # the search half a second.
@@ -341,26 +344,13 @@ class ScipEngine:
                 outcome.bound = result["bound"]
         self._with_duals = None
         if outcome.status == TRV.OPTIMAL and outcome.has_x and self._nonlinear:
-            self._doubt_what_ran_off(outcome, problem)
+            x = self._point(problem.nvars)
+            doubt = _ran_off(problem, x) or _at_a_pole(problem, x)
+            if doubt is not None:
+                outcome.status, outcome.bound, outcome.message = TRV.IMPRECISE, NAN, doubt
         if outcome.status == TRV.OPTIMAL and outcome.has_x and not problem.nintegral and problem.is_convex:
             self._add_multipliers(outcome, problem)
         return outcome
-
-    def _doubt_what_ran_off(self, outcome: Outcome, problem: Problem) -> None:
-        """SCIP ends the search for the maximum of log(x) at 1e16, and calls what it has there the optimum."""
-        import numpy as np
-
-        if not (np.isinf(problem.lb).any() or np.isinf(problem.ub).any()):
-            return
-        x = self._point(problem.nvars)
-        off = ((x > _FARTHEST) & np.isinf(problem.ub)) | ((x < -_FARTHEST) & np.isinf(problem.lb))
-        if off.any():
-            j = int(off.argmax())
-            outcome.status, outcome.bound = TRV.IMPRECISE, NAN
-            outcome.message = (
-                f"the variable {problem.var_name(j)!r}, which has no bound there, ran off to {x[j]:.3g}; "
-                "the model may be unbounded"
-            )
 
     def _add_multipliers(self, outcome: Outcome, problem: Problem) -> None:
         """(x, rc, pi, qpi) at the optimum of a convex continuous model, where they hold."""
@@ -425,6 +415,34 @@ def _endless_side(problem: Problem) -> str | None:
     if qrows.any():
         return f"quadratic row {problem.qrow_name(int(qrows.nonzero()[0][0]))!r} asks for an infinite value"
     return None
+
+
+def _ran_off(problem: Problem, x: np.ndarray) -> str | None:
+    """SCIP ends the search for the maximum of log(x) at 1e16, and calls what it has there the optimum."""
+    import numpy as np
+
+    off = ((x > _FARTHEST) & np.isinf(problem.ub)) | ((x < -_FARTHEST) & np.isinf(problem.lb))
+    if not off.any():
+        return None
+    j = int(off.argmax())
+    name = problem.var_name(j)
+    return f"the variable {name!r}, which has no bound there, ran off to {x[j]:.3g}; the model may be unbounded"
+
+
+def _at_a_pole(problem: Problem, x: np.ndarray) -> str | None:
+    """What SCIP calls the minimum of log(x) or -1/x at x = 1e-9 is an end of its own making."""
+    import numpy as np
+
+    near = (x != 0) & (np.abs(x) < _BESIDE_ZERO)
+    if not problem.nnlobj or not near.any():
+        return None
+    value = _modelapi.evaluate_objective(problem.handle, x)
+    moved = np.where(near, 10.0 * x, x)
+    change = _modelapi.evaluate_objective(problem.handle, moved) - value - problem.obj @ (moved - x)
+    if not abs(change) > _BEYOND_ROUNDING * (1.0 + abs(value)):
+        return None
+    j = int(near.argmax())
+    return f"the objective leaps where {problem.var_name(j)!r}, at {x[j]:.3g}, nears 0; the model may be unbounded"
 
 
 def _combined(first: dict[str, Any], second: dict[str, Any]) -> dict[str, Any]:
