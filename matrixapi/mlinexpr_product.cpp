@@ -98,7 +98,10 @@ Ref numeric_product(PyObject *self, PyObject *matrix, bool sparse, Side side) {
 
 Ref product(PyObject *self, PyObject *other, Side side) {
     Operand kind = kind_of(other);
-    if (degree_of(other, kind) > 1 && kind != Operand::QuadExpr && kind != Operand::NLExpr)
+    const int degree = degree_of(other, kind);
+    if (kind == Operand::Array && degree == 1)
+        return product(self, from_elements(other).get(), side);
+    if (degree > 1 && kind != Operand::QuadExpr && kind != Operand::NLExpr)
         return side == Side::Right ? nonlinear_matrix_product(self, other) : nonlinear_matrix_product(other, self);
     switch (kind) {
     case Operand::Array:

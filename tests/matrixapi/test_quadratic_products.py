@@ -310,6 +310,18 @@ def test_split_moves_linear_parts_out_of_the_objects(model):
     assert all(qe.getLinExpr().size() == 0 and qe.getLinExpr().getConstant() == 0.0 for qe in products)
 
 
+@pytest.mark.filterwarnings("ignore:Chained matrix multiplications")
+def test_a_matrix_product_with_an_array_of_linear_expressions_is_quadratic(mode, model):
+    x = variables(model, (2,))
+    linear = np.array([2.0 * x._vararr[1] + 1.0, 3.0], dtype=object)
+    point = Point(model)
+    at = point.of(x)
+    for e in (x + 1.0, (x + 1.0)._to_full()):
+        for q in (e @ linear, linear @ e):
+            assert isinstance(q, MQuadExpr)
+            np.testing.assert_allclose(value(point, q), (at + 1.0) @ [2.0 * at[1] + 1.0, 3.0])
+
+
 # ---- joins ---------------------------------------------------------------------------------------------------------
 
 
