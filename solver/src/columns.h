@@ -10,8 +10,8 @@
 namespace store {
 
 struct Columns {
-    Registry ids{TRV_VAR};
     Names names{'C'};
+    Registry ids{TRV_VAR, names};
     Buffer<double> lb, ub, obj;
     Buffer<char> vtype;
     Buffer<double> start; // NaN for none; may be shorter than the others, then none

@@ -50,9 +50,8 @@ void getsolution(const Registry &registry, Attr attr, const Selection &which, in
     const char *what = infoof(attr).name;
     eachslot(registry, what, which, [&](int64_t i, int32_t s) {
         if (s >= solved)
-            failf(TRV_ERROR_NO_DATA,
-                  "%s: the %s with id %" PRId64 " was added after the last solve; call optimize() first", what,
-                  kindname(registry.kind()), which.id(i));
+            fail(TRV_ERROR_NO_DATA, std::string(what) + ": " + registry.called(which.id(i)) +
+                                        " was added after the last solve; call optimize() first");
         out[i] = from[s];
     });
 }

@@ -58,13 +58,6 @@ const char *kindsname(int kind) {
     return "elements";
 }
 
-void failnotinmodel(const char *what, int kind, int64_t id, bool removed) {
-    if (removed)
-        failf(TRV_ERROR_NOT_IN_MODEL, "%s: the %s with id %" PRId64 " was removed from the model", what, kindname(kind),
-              id);
-    failf(TRV_ERROR_NOT_IN_MODEL, "%s: the model has no %s with id %" PRId64, what, kindname(kind), id);
-}
-
 std::string number(double value) {
     char text[40];
     std::snprintf(text, sizeof text, "%.15g", value);

@@ -23,9 +23,6 @@ struct Failure {
 const char *kindname(int kind);
 const char *kindsname(int kind);
 
-// The element cannot be used: it was removed, or never was.
-[[noreturn]] void failnotinmodel(const char *what, int kind, int64_t id, bool removed);
-
 // "1e+20" instead of 20 digits, "nan", "inf".
 std::string number(double value);
 // "'Z'", or "character 200" where it does not print.

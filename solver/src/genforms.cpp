@@ -82,7 +82,7 @@ std::string indicator(const Gen &gen) {
     return notvariable(gen, 0);
 }
 
-std::string set(const Gen &gen) {
+std::string set(const Registry &known, const Gen &gen) {
     if (gen.ndata != gen.nargs)
         return "takes one weight for each of its " + std::to_string(gen.nargs) + " variables, not " +
                std::to_string(gen.ndata);
@@ -101,11 +101,10 @@ std::string set(const Gen &gen) {
         return "two of its weights are " + number(*twice);
     std::sort(variables.begin(), variables.end());
     const auto same = std::adjacent_find(variables.begin(), variables.end());
-    return same == variables.end() ? ""
-                                   : "the variable with id " + std::to_string(*same) + " stands in it more than once";
+    return same == variables.end() ? "" : known.called(*same) + " stands in it more than once";
 }
 
-std::string form(const Gen &gen) {
+std::string form(const Registry &variables, const Gen &gen) {
     switch (gen.type) {
     case TRV_GEN_PWL:
         return points(gen);
@@ -113,7 +112,7 @@ std::string form(const Gen &gen) {
         return indicator(gen);
     case TRV_GEN_SOS1:
     case TRV_GEN_SOS2:
-        return set(gen);
+        return set(variables, gen);
     default:
         if (gen.ndata)
             return "takes no numbers, not " + std::to_string(gen.ndata);
@@ -127,9 +126,9 @@ const char *gentypename(int type) {
     return kForms[type].name;
 }
 
-std::string genrefusal(const Gen &gen) {
+std::string genrefusal(const Registry &variables, const Gen &gen) {
     std::string why = argumentcount(gen);
-    return why.empty() ? form(gen) : why;
+    return why.empty() ? form(variables, gen) : why;
 }
 
 } // namespace store

@@ -57,7 +57,7 @@ class Block {
             const int64_t at = dataptr[g];
             const Gen gen{type_, to - from,       ptr.data() + from,   var,
                           coef,  constant + from, dataptr[g + 1] - at, data + at};
-            const std::string why = genrefusal(gen);
+            const std::string why = genrefusal(columns_.ids, gen);
             if (!why.empty())
                 refuse(g, TRV_ERROR_INVALID_ARGUMENT, why);
             if (type_ == TRV_GEN_INDICATOR)

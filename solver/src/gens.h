@@ -35,12 +35,12 @@ struct Gen {
 const char *gentypename(int type);
 // What is wrong with the number of arguments and of numbers, with the form of an argument or with the numbers; empty
 // where nothing is. The terms must be tidy.
-std::string genrefusal(const Gen &gen);
+std::string genrefusal(const Registry &variables, const Gen &gen);
 
 class Gens {
   public:
-    Registry ids{TRV_GENCONSTR};
     Names names{'G'};
+    Registry ids{TRV_GENCONSTR, names};
     Buffer<int32_t> type;
 
     int32_t add(const Columns &columns, Uses &uses, int newtype, const TRVgens &gens, const TRVnames *newnames);

@@ -51,14 +51,13 @@ void TRVmodel::requireunused(int64_t n, const int32_t *variables, const Buffer<i
         const int32_t id = variables[i];
         if (id < 0 || !uses.any(id))
             continue;
-        std::string what = "remove: the variable ";
-        columns.names.append(id, what);
+        const std::string what = "remove: " + columns.ids.called(id);
         const int32_t nlrow = nlrows.rowwith(id, leavingrows), gen = nlrow < 0 ? gens.genwith(id, leavinggens) : -1;
         if (nlrow < 0 && gen < 0)
             fail(TRV_ERROR_INVALID_ARGUMENT, what + " stands in the nonlinear objective; replace that first");
-        what += nlrow >= 0 ? " stands in the nonlinear constraint " : " stands in the general constraint ";
-        nlrow >= 0 ? nlrows.names.append(nlrows.ids.idat(nlrow), what) : gens.names.append(gens.ids.idat(gen), what);
-        fail(TRV_ERROR_INVALID_ARGUMENT, what + "; remove that first");
+        const std::string where =
+            nlrow >= 0 ? nlrows.ids.called(nlrows.ids.idat(nlrow)) : gens.ids.called(gens.ids.idat(gen));
+        fail(TRV_ERROR_INVALID_ARGUMENT, what + " stands in " + where + "; remove that first");
     }
 }
 
@@ -166,10 +165,10 @@ void TRVmodel::setsense(int value) {
 
 namespace {
 
-void requirecost(int32_t id, double cost) {
+void requirecost(const Registry &variables, int32_t id, double cost) {
     if (!isfinite(cost))
-        failf(TRV_ERROR_INVALID_ARGUMENT, "objective: the coefficient of the variable with id %d is %s", id,
-              number(cost).c_str());
+        fail(TRV_ERROR_INVALID_ARGUMENT,
+             "objective: the coefficient of " + variables.called(id) + " is " + number(cost));
 }
 
 // Coefficients of one row. Asking a long row for many is done by an index, so that reading whole rows is not quadratic.
@@ -209,7 +208,7 @@ void TRVmodel::sumcosts(int64_t n, const int32_t *var, const double *coef) {
     for (int64_t k = 0; k < n; k++) {
         double &cost = costs[columns.ids.slot(var[k])];
         cost += coef[k];
-        requirecost(var[k], cost);
+        requirecost(columns.ids, var[k], cost);
     }
     for (int32_t s = 0; s < columns.ids.slots(); s++)
         write(columns.obj[s], costs[s], Changes::kCosts, s);
@@ -235,7 +234,7 @@ void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, Q
     bool ascending = true;
     for (int64_t k = 0; k < n; k++) {
         columns.ids.requireusable(var[k], "objective");
-        requirecost(var[k], coef[k]);
+        requirecost(columns.ids, var[k], coef[k]);
         ascending &= k == 0 || var[k] > var[k - 1];
     }
     if (nonlinear.tape().n)
@@ -268,8 +267,8 @@ void TRVmodel::setcoefficients(int64_t n, const int32_t *rowids, const int32_t *
         rows.ids.require(rowids[i], "coefficient");
         columns.ids.requireusable(vars[i], "coefficient");
         if (!isfinite(values[i]))
-            failf(TRV_ERROR_INVALID_ARGUMENT, "the coefficient of the variable with id %d in the row with id %d is %s",
-                  vars[i], rowids[i], number(values[i]).c_str());
+            fail(TRV_ERROR_INVALID_ARGUMENT, "the coefficient of " + columns.ids.called(vars[i]) + " in " +
+                                                 rows.ids.called(rowids[i]) + " is " + number(values[i]));
     }
     if (n)
         rows.purge(columns);

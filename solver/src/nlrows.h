@@ -23,8 +23,8 @@ struct NlRow {
 
 class NlRows {
   public:
-    Registry ids{TRV_NLCONSTR};
     Names names{'N'};
+    Registry ids{TRV_NLCONSTR, names};
     Buffer<double> lower, upper; // +-INFINITY for none
 
     int32_t add(const Columns &columns, Uses &uses, int64_t nrows, const TRVnlrows &rows, const double *newlower,

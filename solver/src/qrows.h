@@ -30,8 +30,8 @@ struct QRow {
 
 class QRows {
   public:
-    Registry ids{TRV_QCONSTR};
     Names names{'Q'};
+    Registry ids{TRV_QCONSTR, names};
     Buffer<double> rhs; // +-INFINITY for none
     Buffer<char> sense; // '<' '>' '='
 

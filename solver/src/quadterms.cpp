@@ -56,9 +56,9 @@ void requirepair(const Registry &variables, const char *what, int32_t var1, int3
     variables.requireusable(var1, what);
     variables.requireusable(var2, what);
     if (!isfinite(coef))
-        failf(TRV_ERROR_INVALID_ARGUMENT,
-              "%s: the coefficient of the product of the variables with ids %d and %d is %s", what, var1, var2,
-              number(coef).c_str());
+        fail(TRV_ERROR_INVALID_ARGUMENT, std::string(what) + ": the coefficient of the product of " +
+                                             variables.called(var1) + " and " + variables.called(var2) + " is " +
+                                             number(coef));
 }
 
 void requirerow(const Registry &variables, int64_t row, int64_t n, const PairSpan &terms) {

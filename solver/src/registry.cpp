@@ -2,6 +2,7 @@
 #include "registry.h"
 
 #include "failure.h"
+#include "names.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -11,13 +12,29 @@ namespace store {
 int32_t Registry::require(int64_t id, const char *what) const {
     int32_t s = slot(id);
     if (s < 0)
-        failnotinmodel(what, kind_, id, id >= 0 && id < count_);
+        failabsent(id, what);
     return s;
 }
 
 void Registry::requireusable(int64_t id, const char *what) const {
     if (gone(require(id, what)))
-        failnotinmodel(what, kind_, id, true);
+        failabsent(id, what);
+}
+
+std::string Registry::called(int64_t id) const {
+    std::string text = std::string("the ") + kindname(kind_) + " ";
+    names_.append(static_cast<int32_t>(id), text);
+    return text;
+}
+
+std::string Registry::absence(int64_t id) const {
+    if (id >= 0 && id < count_)
+        return called(id) + " was removed from the model";
+    return std::string("the model has no ") + kindname(kind_) + " with id " + std::to_string(id);
+}
+
+void Registry::failabsent(int64_t id, const char *what) const {
+    fail(TRV_ERROR_NOT_IN_MODEL, std::string(what) + ": " + absence(id));
 }
 
 void Registry::requireroom(int64_t n) const {
@@ -64,7 +81,7 @@ Buffer<int32_t> Registry::leaving(int64_t n, const int32_t *ids) const {
     slots.reserve(n);
     for (int64_t i = 0; i < n; i++) {
         if (ids[i] < 0 || ids[i] >= count_)
-            failnotinmodel("remove", kind_, ids[i], false);
+            failabsent(ids[i], "remove");
         if (usable(ids[i]))
             slots.push(slot(ids[i]));
     }

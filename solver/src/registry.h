@@ -11,13 +11,19 @@
 
 #include "buffer.h"
 
+#include <string>
+
 namespace store {
+
+class Names;
 
 enum : int32_t { kPending = -1, kRemoved = -2 };
 
 class Registry {
   public:
-    explicit Registry(int kind) : kind_(kind) {}
+    // The names are those of its elements, for the texts of errors.
+    Registry(int kind, const Names &names) : kind_(kind), names_(names) {}
+    Registry(const Registry &) = delete;
 
     int kind() const { return kind_; }
     int32_t count() const { return count_; }         // ids ever given
@@ -48,6 +54,10 @@ class Registry {
     // As slot, but an error for what is not in the model.
     int32_t require(int64_t id, const char *what) const;
     void requireusable(int64_t id, const char *what) const;
+    // "the variable x[1]"; also of a removed one. Only for ids that were given.
+    std::string called(int64_t id) const;
+    // Why an element cannot be used: "the row demand was removed from the model", "the model has no row with id 9".
+    std::string absence(int64_t id) const;
 
     // An error if n more would exceed 2^31-1 ids.
     void requireroom(int64_t n) const;
@@ -78,9 +88,11 @@ class Registry {
     void commit() noexcept;
 
   private:
+    [[noreturn]] void failabsent(int64_t id, const char *what) const;
     void makemaps();
 
     int kind_;
+    const Names &names_;
     int32_t count_ = 0, slots_ = 0, committed_ = 0;
     int32_t gonecount_ = 0, gonepending_ = 0;
     bool identity_ = true;

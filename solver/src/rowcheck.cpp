@@ -45,8 +45,8 @@ Scan scanrow(int64_t n, const int32_t *var, const double *coef, int32_t count) {
     for (int64_t k = 0; k < n; k++) {
         variables.requireusable(var[k], what);
         if (!isfinite(coef[k]))
-            failf(TRV_ERROR_INVALID_ARGUMENT, "%s: the coefficient of the variable with id %d is %s", what, var[k],
-                  number(coef[k]).c_str());
+            fail(TRV_ERROR_INVALID_ARGUMENT,
+                 std::string(what) + ": the coefficient of " + variables.called(var[k]) + " is " + number(coef[k]));
     }
     failf(TRV_ERROR_INVALID_ARGUMENT, "%s: invalid terms", what);
 }

@@ -98,8 +98,8 @@ class Marker {
 
 class Rows {
   public:
-    Registry ids{TRV_CONSTR};
     Names names{'R'};
+    Registry ids{TRV_CONSTR, names};
     Buffer<double> lower, upper;
     Buffer<char> sense; // '<' '>' '=' 'R'; a free row says which side its next RHS will be
 

@@ -138,10 +138,7 @@ int64_t TapeCheck::check(int64_t n, const int32_t *code, int64_t nconstants, con
     for (int64_t k = 0; k < n; k++) {
         if (code[k] >= 0) {
             if (code[k] >= count || (!plain && !variables_.usable(code[k]))) {
-                const bool removed = code[k] < count;
-                why = text(removed ? "the variable with id %" PRId64 " was removed from the model"
-                                   : "the model has no variable with id %" PRId64,
-                           code[k]);
+                why = variables_.absence(code[k]);
                 return -1;
             }
             stack_[depth_++] = NAN;

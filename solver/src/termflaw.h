@@ -19,14 +19,11 @@ inline TermFlaw termflaw(const Registry &variables, int64_t n, const int32_t *va
     std::unordered_map<int32_t, double> sums;
     for (int64_t k = 0; k < n; k++) {
         const int32_t id = var[k];
-        const std::string variable = "the variable with id " + std::to_string(id);
-        if (!variables.usable(id)) {
-            const bool removed = id >= 0 && id < variables.count();
-            return {TRV_ERROR_NOT_IN_MODEL, removed ? variable + " was removed from the model"
-                                                    : "the model has no variable with id " + std::to_string(id)};
-        }
+        if (!variables.usable(id))
+            return {TRV_ERROR_NOT_IN_MODEL, variables.absence(id)};
         if (!isfinite(sums[id] += coef[k]))
-            return {TRV_ERROR_INVALID_ARGUMENT, "the coefficient of " + variable + " is " + number(sums[id])};
+            return {TRV_ERROR_INVALID_ARGUMENT,
+                    "the coefficient of " + variables.called(id) + " is " + number(sums[id])};
     }
     return {};
 }

@@ -420,7 +420,7 @@ def test_two_models_never_meet(m):
 
 
 def test_sets_take_variables_of_any_shape_and_refuse_the_rest(mode, m):
-    X, y = m.addMVar((2, 2)), m.addVar()
+    X, y = m.addMVar((2, 2)), m.addVar(name="y")
     m.addSOS(kind=2, vars=X.T, weights=[[4, 3], [2, 1]])
     m.addSOS(1, np.array([y, X[0, 0].item()], dtype=object))
     assert stored(m) == [
@@ -434,7 +434,7 @@ def test_sets_take_variables_of_any_shape_and_refuse_the_rest(mode, m):
         (("1", X), ValueError, "is 1 or 2, not '1'"),
         ((1, []), ValueError, "one variable at least"),
         ((1, X, [1, 2]), ValueError, "2 weights for 4 variables"),
-        ((1, [y, y]), TarvoError, "more than once"),
+        ((1, [y, y]), TarvoError, "the variable y stands in it more than once"),
         ((1, X, np.ones(4)), TarvoError, "two of its weights are 1"),
         ((1, X, [1, 2, 3, INF]), TarvoError, "inf"),
         ((1, [y + 1]), TypeError, "takes variables, their arrays and lists of them, not 'tarvopy.LinExpr'"),

@@ -127,14 +127,14 @@ def test_large_blocks_are_tidied_like_small_ones(nrows):
     [
         ([0, 1, 2], [0, 9], [1, 1], NOT_IN_MODEL, "row 1 of the block: the model has no variable with id 9"),
         ([0, 2], [0, -1], [1, 1], NOT_IN_MODEL, "row 0 of the block: the model has no variable with id -1"),
-        ([0, 2], [0, 1], [1, NAN], INVALID, "row 0 of the block: the coefficient of the variable with id 1 is nan"),
-        ([0, 2], [0, 1], [INF, 1], INVALID, "row 0 of the block: the coefficient of the variable with id 0 is inf"),
+        ([0, 2], [0, 1], [1, NAN], INVALID, "row 0 of the block: the coefficient of the variable C1 is nan"),
+        ([0, 2], [0, 1], [INF, 1], INVALID, "row 0 of the block: the coefficient of the variable C0 is inf"),
         (
             [0, 2],
             [1, 1],
             [9e19, 9e19],
             INVALID,
-            "row 0 of the block: the coefficient of the variable with id 1 is 1.8e+20",
+            "row 0 of the block: the coefficient of the variable C1 is 1.8e+20",
         ),
         ([1, 2], [0, 1], [1, 1], INVALID, "row pointers begin with 1, not with 0"),
         ([0, 2, 1, 2], [0, 1], [1, 1], INVALID, "row pointers decrease from 2 to 1 at row 1"),
@@ -162,10 +162,10 @@ def test_rows_over_removed_variables_are_refused(store):
     pending = store.addvars(1)
     store.remove(VAR, [0, pending])
     for v in (0, pending):
-        message = f"row 0 of the block: the variable with id {v} was removed from the model"
+        message = f"row 0 of the block: the variable C{v} was removed from the model"
         refused(store, NOT_IN_MODEL, message, lambda v=v: store.addrows([{v: 1.0}]))
     store.update()
-    message = "row 0 of the block: the variable with id 0 was removed from the model"
+    message = "row 0 of the block: the variable C0 was removed from the model"
     refused(store, NOT_IN_MODEL, message, lambda: store.addrows([{0: 1.0}]))
 
 
@@ -206,7 +206,7 @@ def test_bad_objectives_are_refused_whole(store):
     refused(
         store, NOT_IN_MODEL, "objective: the model has no variable with id 5", lambda: store.setobjective([(5, 1.0)])
     )
-    message = "objective: the coefficient of the variable with id 1 is nan"
+    message = "objective: the coefficient of the variable C1 is nan"
     refused(store, INVALID, message, lambda: store.setobjective([(0, 9.0), (1, NAN)]))
     message = "the constant of the objective is inf"
     refused(store, INVALID, message, lambda: store.setobjective([(0, 9.0)], constant=INF))
@@ -218,7 +218,7 @@ def test_coefficients_are_set_all_or_none(store):
     store.setcoefs([0, 0, 0, 0], [2, 0, 2, 1], [1.0, 0.0, 4.0, 3.0])
     assert store.row(0) == [(1, 3.0), (2, 4.0)]
     assert store.coefs([0, 0, 0], [0, 1, 2]) == [0.0, 3.0, 4.0]
-    message = "the coefficient of the variable with id 1 in the row with id 0 is nan"
+    message = "the coefficient of the variable C1 in the row R0 is nan"
     refused(store, INVALID, message, lambda: store.setcoefs([0, 0], [0, 1], [8.0, NAN]))
     message = "coefficient: the model has no row with id 3"
     refused(store, NOT_IN_MODEL, message, lambda: store.setcoefs([0, 3], [0, 0], [8.0, 1.0]))

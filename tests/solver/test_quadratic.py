@@ -116,17 +116,19 @@ LINEAR, SQUARE = [(0, 1.0)], [(0, 0, 1.0)]
         (
             {"rows": [(LINEAR, [(2, 1, NAN)])]},
             INVALID,
-            "quadratic row 0 of the block: the coefficient of the product of the variables with ids 1 and 2 is nan",
+            "quadratic row 0 of the block: "
+            "the coefficient of the product of the variable C1 and the variable C2 is nan",
         ),
         (
             {"rows": [(LINEAR, [(2, 1, 9e19), (1, 2, 9e19)])]},
             INVALID,
-            "quadratic row 0 of the block: the coefficient of the product of the variables with ids 1 and 2 is 1.8e+20",
+            "quadratic row 0 of the block: "
+            "the coefficient of the product of the variable C1 and the variable C2 is 1.8e+20",
         ),
         (
             {"rows": [([(3, INF)], SQUARE)]},
             INVALID,
-            "row 0 of the block: the coefficient of the variable with id 3 is inf",
+            "row 0 of the block: the coefficient of the variable C3 is inf",
         ),
         ({"rows": [(LINEAR, SQUARE)], "sense": "R"}, INVALID, "QSense of quadratic row 1 is 'R', not one of < > ="),
         ({"rows": [(LINEAR, SQUARE)], "rhs": NAN}, INVALID, "QRHS of quadratic row 1 is nan"),
@@ -164,7 +166,7 @@ def test_bad_row_pointers_are_refused(store, qptr, code, message):
 def test_removed_variables_are_refused_in_new_terms(store):
     store.remove(VAR, [2])
     for call in (lambda: store.addqrows([([], [(0, 2, 1.0)])]), lambda: store.setqobjective([], [(2, 0, 1.0)])):
-        with pytest.raises(StoreError, match="the variable with id 2 was removed from the model") as caught:
+        with pytest.raises(StoreError, match="the variable C2 was removed from the model") as caught:
             call()
         assert caught.value.code == NOT_IN_MODEL
 
@@ -224,7 +226,7 @@ def test_removed_rows_are_gone_at_update_and_pending_ones_at_once(store):
     store.update()
     assert store.positions(QCONSTR, range(3)) == [-2, -2, 0]
     assert store.dbls("QRHS", [2]).tolist() == [2.0]
-    with pytest.raises(StoreError, match="quadratic row: the quadratic row with id 0 was removed from the model"):
+    with pytest.raises(StoreError, match="quadratic row: the quadratic row Q0 was removed from the model"):
         store.qrow(0)
 
 
@@ -298,7 +300,7 @@ def test_results_of_quadratic_rows(solved):
     solved.setdbls("QRHS", [0], 7.0)
     assert solved.dbls("QSlack", [0]).tolist() == [1.0]
     solved.addqrows([([], [])])
-    message = "QPi: the quadratic row with id 1 was added after the last solve; call optimize\\(\\) first"
+    message = "QPi: the quadratic row Q1 was added after the last solve; call optimize\\(\\) first"
     with pytest.raises(StoreError, match=message) as caught:
         solved.dbls("QPi", range(2))
     assert caught.value.code == NO_DATA

@@ -113,10 +113,10 @@ def test_elements_added_after_the_solve_have_no_values(store):
     solve(store)
     store.addvars(1)
     store.addrows([{0: 1.0}])
-    message = "{}: the {} with id 2 was added after the last solve; call optimize() first"
-    nodata(message.format("X", "variable"), lambda: store.dbls("X", range(3)))
-    nodata(message.format("Pi", "row"), lambda: store.dbls("Pi", [0, 2]))
-    nodata(message.format("Slack", "row"), lambda: store.dbls("Slack", [0, 2]))
+    message = "{}: the {} was added after the last solve; call optimize() first"
+    nodata(message.format("X", "variable C2"), lambda: store.dbls("X", range(3)))
+    nodata(message.format("Pi", "row R2"), lambda: store.dbls("Pi", [0, 2]))
+    nodata(message.format("Slack", "row R2"), lambda: store.dbls("Slack", [0, 2]))
 
 
 def test_models_with_integers_have_no_duals(store):
