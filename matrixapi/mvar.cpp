@@ -382,7 +382,7 @@ Member members[] = {
     method("_indexed_data", mvar_indexed_data,
            "_indexed_data($self, a, dtype)\n--\n\nThis handle's entries of a vector over the whole model."),
     method("_toexpr", mvar_toexpr, "_toexpr($self)\n--\n\nThe linear expression 1.0 * self."),
-    property("nl", mvar_nl, "The variables as a nonlinear expression."),
+    property("nl", mvar_nl, "The variables as a nonlinear expression, an MNLExpr of the same shape."),
 };
 
 } // namespace
