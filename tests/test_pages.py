@@ -27,7 +27,7 @@ PAGES = {
     "docs/sparse.md": 9,
     "docs/tutorial.md": 21,
 }
-BLOCK = re.compile(r"(?:^<!-- not run: \S.* -->\n+)?^```python\n(.*?)^```", re.DOTALL | re.MULTILINE)
+BLOCK = re.compile(r"(?:^<!-- not run: \S[^\n]* -->\n+)?^```python\n(.*?)^```", re.DOTALL | re.MULTILINE)
 PRINT = re.compile(r"^( *)print\((.*?)\)(?:  # (.*))?$", re.MULTILINE)
 NUMBER = r"-?(?:inf|\d[-\d.e]*)"
 NUMBERS = re.compile(rf"({NUMBER}|\[(?:{NUMBER}(?:, )?)*\])(?=$|:)")
