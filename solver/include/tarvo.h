@@ -461,9 +461,9 @@ TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
 /* The activities of the nonlinear rows (by position) at x (by position of variables). What is not defined there is NaN
  * or infinite. */
 TRV_API int TRVevalnlrows(TRVmodel *model, const double *x, double *activity);
-/* The first nonlinear row (by position; the objective counts as one more at the end) with a part that is nowhere defined
- * within the bounds of the variables, and what: "the logarithm of what lies in [-5, -1]". row is -1 where none is seen,
- * which is no promise: each operand's range is taken for itself. */
+/* The first nonlinear row (by position; the objective counts as one more at the end) with a part that is nowhere
+ * defined within the bounds of the variables, and what: "the logarithm of what lies in [-5, -1]". row is -1 where none
+ * is seen, which is no promise: each operand's range is taken for itself. */
 typedef struct TRVundefined {
     int32_t row;
     char why[96];
