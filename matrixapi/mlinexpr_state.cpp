@@ -5,6 +5,7 @@
 //   e._learr = a       drops the native form; what the other attributes showed stays
 #include "matrixapi/mlinexpr.h"
 
+#include "matrixapi/dict_members.h"
 #include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr_dict.h"
 #include "matrixapi/mvar.h"
@@ -422,26 +423,6 @@ int set_const(PyObject *self, PyObject *value, void *) {
     return set_documented(self, names._const, value);
 }
 
-PyObject *get_dict(PyObject *self, void *) {
-    return border([&] {
-        make_all(self);
-        return Ref::borrow(instance_dict(self));
-    });
-}
-
-int set_dict(PyObject *self, PyObject *value, void *) {
-    return border_status([&] { replace_dict(self, value); });
-}
-
-PyObject *getstate(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        static const Signature signature{"__getstate__", {}, 0};
-        Arguments(signature, 1, args, nargs, kwnames);
-        make_all(self);
-        return check(PyDict_Copy(instance_dict(self)));
-    });
-}
-
 void expect_attribute(PyObject *self, PyObject *name, bool wanted) {
     if (assertions_on() && (documented(self, name) != Py_None) != wanted) {
         PyErr_SetNone(PyExc_AssertionError);
@@ -479,8 +460,8 @@ std::span<Member> state_members() {
                  "full state."),
         property("_const", get_const, set_const,
                  "The compact state's constants, a float64 array that carries the shape; None in the full state."),
-        property("__dict__", get_dict, set_dict, "The documented attributes, all of them made."),
-        method("__getstate__", getstate, "__getstate__($self)\n--\n\nWhat copying and pickling take over."),
+        dict_member<make_all>(),
+        state_member<make_all>(),
         method("_is_compact", is_compact_method,
                "_is_compact($self)\n--\n\nWhether the expression is in the compact state."),
         plain<"_to_full", to_full>("_to_full($self)\n--\n\nA new full expression of the same value."),

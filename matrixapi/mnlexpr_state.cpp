@@ -1,4 +1,5 @@
 // The state of MNLExpr: blocks, views of them, and the NLExpr objects made on demand.
+#include "matrixapi/dict_members.h"
 #include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mnlexpr.h"
 
@@ -173,33 +174,13 @@ int set_array(PyObject *self, PyObject *value, void *) {
     });
 }
 
-PyObject *get_dict(PyObject *self, void *) {
-    return border([&] {
-        make(self);
-        return Ref::borrow(instance_dict(self));
-    });
-}
-
-int set_dict(PyObject *self, PyObject *value, void *) {
-    return border_status([&] { replace_dict(self, value); });
-}
-
-PyObject *getstate(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        static const Signature signature{"__getstate__", {}, 0};
-        Arguments(signature, 1, args, nargs, kwnames);
-        make(self);
-        return check(PyDict_Copy(instance_dict(self)));
-    });
-}
-
 } // namespace
 
 std::span<Member> nonlinear_state_members() {
     static Member members[] = {
         property("_nlearr", get_array, set_array, "The elements, an object array of NLExpr; made when first read."),
-        property("__dict__", get_dict, set_dict, "The instance dictionary."),
-        method("__getstate__", getstate, "__getstate__($self)\n--\n\nWhat copying and pickling take over."),
+        dict_member<make>(),
+        state_member<make>(),
     };
     return members;
 }

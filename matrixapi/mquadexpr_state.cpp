@@ -3,6 +3,7 @@
 //   q._quadparts     CompactNative: makes the triples, drops the native parts, and the list rules from then on
 //   q._qearr         Flat: makes the QuadExpr objects, drops the form, and the array rules
 //   q._ndle          a real attribute at any time
+#include "matrixapi/dict_members.h"
 #include "matrixapi/methods.h"
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mvar.h"
@@ -291,26 +292,6 @@ int set_ndle(PyObject *self, PyObject *value, void *) {
     return set_documented(self, names._ndle, value);
 }
 
-PyObject *get_dict(PyObject *self, void *) {
-    return border([&] {
-        make_all_quad(self);
-        return Ref::borrow(instance_dict(self));
-    });
-}
-
-int set_dict(PyObject *self, PyObject *value, void *) {
-    return border_status([&] { replace_dict(self, value); });
-}
-
-PyObject *getstate(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        static const Signature signature{"__getstate__", {}, 0};
-        Arguments(signature, 1, args, nargs, kwnames);
-        make_all_quad(self);
-        return check(PyDict_Copy(instance_dict(self)));
-    });
-}
-
 PyObject *is_compact_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         static const Signature signature{"_is_compact", {}, 0};
@@ -348,11 +329,11 @@ std::span<Member> quad_state_members() {
                  "The compact state's list of parts (x, Q, y), two MVar and a coo_matrix: the sum of x'Qy. None in the "
                  "full state."),
         property("_ndle", get_ndle, set_ndle, "The linear and constant part, an MLinExpr that carries the shape."),
-        property("__dict__", get_dict, set_dict, "The documented attributes, all of them made."),
+        dict_member<make_all_quad>(),
         property("shape", get_shape, "The shape, a tuple."),
         property("ndim", get_ndim, "The number of dimensions."),
         property("size", get_size, "The number of elements."),
-        method("__getstate__", getstate, "__getstate__($self)\n--\n\nWhat copying and pickling take over."),
+        state_member<make_all_quad>(),
         method("_is_compact", is_compact_method,
                "_is_compact($self)\n--\n\nWhether the expression is in the compact state."),
         plain<"_to_full", quad_to_full>("_to_full($self)\n--\n\nA new full expression of the same value."),
