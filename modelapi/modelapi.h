@@ -84,7 +84,7 @@ TARVOPY_METHOD(model_fix_into);
 // files.cpp
 TARVOPY_METHOD(model_read);
 TARVOPY_METHOD(model_write);
-// quadratic.cpp, nonlinear.cpp, problem.cpp, solution.cpp: functions over the handle
+// quadratic.cpp, genmatrix.cpp, problem.cpp, solution.cpp: functions over the handle
 TARVOPY_METHOD(function_hessian);
 TARVOPY_METHOD(function_write_nl);
 TARVOPY_METHOD(function_qmatrix);

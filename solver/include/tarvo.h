@@ -1,7 +1,7 @@
 /* tarvo.h: the model store, libtarvo140, behind a C interface.
  *
- * A TRVmodel keeps variables (columns), linear, quadratic and nonlinear rows, the objective, what is pending,
- * attributes and the last solution. It knows nothing of Python and of any engine.
+ * A TRVmodel keeps variables (columns), linear, quadratic and nonlinear rows, general constraints, the objective, what
+ * is pending, attributes and the last solution. It knows nothing of Python and of any engine.
  *
  *   TRVmodel *m;  int32_t x;
  *   TRVnewmodel("diet", &m);

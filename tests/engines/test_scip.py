@@ -7,15 +7,10 @@ import numpy as np
 import pytest
 
 import tarvopy
+from silent_models import silent
 from tarvopy import TRV, TarvoError
 
 pytest.importorskip("pyscipopt")
-
-
-def silent():
-    m = tarvopy.Model()
-    m.params.LogLevel = 0
-    return m
 
 
 def quadratic(x, Q):

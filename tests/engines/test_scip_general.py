@@ -2,36 +2,22 @@
 
 import itertools
 import json
-import warnings
 
 import numpy as np
 import pytest
 
 import tarvopy
+from silent_models import silent
 from tarvopy import TRV, TarvoError, _debug, genfunc, nlfunc, quicksum
 
 pytest.importorskip("pyscipopt")
+# An imprecise answer warns.
+pytestmark = pytest.mark.filterwarnings("error::RuntimeWarning")
 
 INF = np.inf
 VALUES = range(-3, 4)
 #: No solution but that of a start.
 _START_ALONE = {"heuristics/trivial/freq": -1, "heuristics/completesol/freq": -1}
-
-
-@pytest.fixture(autouse=True)
-def no_imprecise_answer():
-    with warnings.catch_warnings():
-        warnings.simplefilter("error", RuntimeWarning)
-        yield
-
-
-def silent(**params):
-    m = tarvopy.Model()
-    m.params.LogLevel = 0
-    m.params.TimeLimit = 30
-    for name, value in params.items():
-        setattr(m.params, name, value)
-    return m
 
 
 def curve(x, xs, ys):

@@ -1,15 +1,17 @@
 """SCIP with nonlinear rows and objectives: functions against dense samples, domains, mixtures, starts, ends."""
 
 import itertools
-import warnings
 
 import numpy as np
 import pytest
 
 import tarvopy
+from silent_models import silent
 from tarvopy import TRV, TarvoError, nlfunc
 
 pytest.importorskip("pyscipopt")
+# An imprecise answer warns.
+pytestmark = pytest.mark.filterwarnings("error::RuntimeWarning")
 
 INF = np.inf
 FUNCTIONS = {
@@ -25,22 +27,6 @@ FUNCTIONS = {
     "logistic": (lambda z: 1 / (1 + np.exp(-z)), -3, 3),
     "abs": (np.abs, -3, 3),
 }
-
-
-@pytest.fixture(autouse=True)
-def no_imprecise_answer():
-    with warnings.catch_warnings():
-        warnings.simplefilter("error", RuntimeWarning)
-        yield
-
-
-def silent(**params):
-    m = tarvopy.Model()
-    m.params.LogLevel = 0
-    m.params.TimeLimit = 30
-    for name, value in params.items():
-        setattr(m.params, name, value)
-    return m
 
 
 def solved(m, expected, **tolerance):

@@ -1,4 +1,4 @@
-// The nonlinear half of what an engine reads: general constraints.
+// What an engine reads of general constraints.
 
 #include "views.h"
 
