@@ -167,8 +167,7 @@ class Added {
 class Storing {
   public:
     Storing(TRVmodel *target, FileModel source)
-        : target_(target), source_(std::move(source)), split_(target, source_), added_(target) {
-    }
+        : target_(target), source_(std::move(source)), split_(target, source_), added_(target) {}
     void run() {
         added_.expect();
         add_columns();
