@@ -29,6 +29,9 @@ from dataclasses import dataclass
 from itertools import pairwise
 from typing import TYPE_CHECKING, Any, ClassVar
 
+from tarvopy._trv import TRV
+from tarvopy.engines.scip_curves import Curve, take_steps
+
 if TYPE_CHECKING:
     from collections.abc import Callable, Iterator
 
@@ -36,13 +39,8 @@ if TYPE_CHECKING:
 
     from tarvopy.problem import Problem
 
-#: Types, as tarvo.h numbers them.
-MAX, MIN, ABS, AND, OR, PWL, INDICATOR, SOS1, SOS2 = range(9)
-
 #: More than this is no bound for a slack: what it cuts off drowns in the tolerances.
 _LARGEST_SLACK = 1e7
-#: A bound so many times the width of a curve away from it becomes no end point: the piece would make all others tiny.
-_FAR = 100.0
 #: For so many arguments of max and min all differences are bounded, their number being the square.
 _FEW = 8
 
@@ -137,7 +135,7 @@ class GeneralConstraints:
     def _add_pwl(self, args: list[Linear], data: list[float]) -> None:
         half = len(data) // 2
         y, x = args
-        curve = _Curve(data[:half], data[half:], *self._range(x))
+        curve = Curve(data[:half], data[half:], *self._range(x))
         self._narrow(y, *curve.range())
         if curve.is_line:
             slope, (x0, y0) = curve.left_slope, curve.points[0]
@@ -177,7 +175,7 @@ class GeneralConstraints:
             return max((self._range(other - arg)[1] for other in args if other is not arg), default=0.0)
         return highest - self._range(arg)[0]
 
-    def _steps(self, y: Linear, x: Linear, curve: _Curve) -> None:
+    def _steps(self, y: Linear, x: Linear, curve: Curve) -> None:
         (x0, y0), along, up = curve.points[0], dict(x.terms), dict(y.terms)
         phases = []
         for width, height, is_ray in curve.phases():
@@ -188,9 +186,7 @@ class GeneralConstraints:
         self.most_switches = max(self.most_switches, len(phases) - 1)
         switches = []
         self._completions.append(
-            lambda values: _take_steps(
-                values, curve, x.value(values), y.value(values), [v for v, _ in phases], switches
-            )
+            lambda values: take_steps(values, curve, x.value(values), y.value(values), [v for v, _ in phases], switches)
         )
         for (before, left_ray), (after, right_ray) in pairwise(phases):
             switch = self._new("B", 0.0, 1.0)
@@ -286,15 +282,15 @@ class GeneralConstraints:
         self._lb[j], self._ub[j] = max(self._lb[j], one), min(self._ub[j], other)
 
     _ADD: ClassVar = {
-        MAX: _add_max,
-        MIN: _add_min,
-        ABS: _add_abs,
-        AND: _add_and,
-        OR: _add_or,
-        PWL: _add_pwl,
-        INDICATOR: _add_indicator,
-        SOS1: _add_sos1,
-        SOS2: _add_sos2,
+        TRV.GEN_MAX: _add_max,
+        TRV.GEN_MIN: _add_min,
+        TRV.GEN_ABS: _add_abs,
+        TRV.GEN_AND: _add_and,
+        TRV.GEN_OR: _add_or,
+        TRV.GEN_PWL: _add_pwl,
+        TRV.GEN_INDICATOR: _add_indicator,
+        TRV.GEN_SOS1: _add_sos1,
+        TRV.GEN_SOS2: _add_sos2,
     }
 
 
@@ -314,8 +310,8 @@ def not_binary(problem: Problem) -> str | None:
     import numpy as np
 
     kinds, argptr, ptr, index, *_ = problem.gens()
-    concerned = np.repeat(np.isin(kinds, (AND, OR)), np.diff(argptr))
-    concerned[argptr[:-1][kinds == INDICATOR]] = True
+    concerned = np.repeat(np.isin(kinds, (TRV.GEN_AND, TRV.GEN_OR)), np.diff(argptr))
+    concerned[argptr[:-1][kinds == TRV.GEN_INDICATOR]] = True
     args = (concerned & (np.diff(ptr) > 0)).nonzero()[0]  # the others are the numbers 0 and 1
     variables = index[ptr[args]]
     between = (problem.lb >= 0) & (problem.ub <= 1)
@@ -326,77 +322,3 @@ def not_binary(problem: Problem) -> str | None:
     gen = int(np.searchsorted(argptr, args[wrong[0]], side="right")) - 1
     name = problem.var_name(int(variables[wrong[0]]))
     return f"general constraint {problem.gen_name(gen)!r} takes binary variables only, not {name!r}"
-
-
-class _Curve:
-    """A piecewise-linear function where its argument can be: low and high become its ends, or it has rays there."""
-
-    def __init__(self, xs: list[float], ys: list[float], low: float, high: float) -> None:
-        self.left_slope = (ys[1] - ys[0]) / (xs[1] - xs[0])
-        self.right_slope = (ys[-1] - ys[-2]) / (xs[-1] - xs[-2])
-        points = list(zip(xs, ys, strict=True))
-        far = _FAR * (xs[-1] - xs[0])
-        low, high = low if low >= xs[0] - far else -_INF, high if high <= xs[-1] + far else _INF
-        points = _ended(points, low)
-        points = [(-x, y) for x, y in reversed(_ended([(-x, y) for x, y in reversed(points)], -high))]
-        points = [p for i, p in enumerate(points) if i == 0 or p != points[i - 1]]
-        self.has_left_ray, self.has_right_ray = math.isinf(low), math.isinf(high)
-        self.is_line = len(points) == 2 and points[0][0] < points[1][0]
-        if self.is_line:
-            self.left_slope = (points[1][1] - points[0][1]) / (points[1][0] - points[0][0])
-        # The piece next to a ray is a part of it.
-        elif len(points) > 2:
-            points = points[self.has_left_ray : len(points) - self.has_right_ray]
-        self.points = points
-
-    def phases(self) -> Iterator[tuple[float, float, bool]]:
-        """(width, height, whether it is a ray) from left to right, seen from the first point."""
-        if self.has_left_ray:
-            yield -1.0, -self.left_slope, True
-        for (x, y), (next_x, next_y) in pairwise(self.points):
-            yield next_x - x, next_y - y, False
-        if self.has_right_ray:
-            yield 1.0, self.right_slope, True
-
-    def range(self) -> tuple[float, float]:
-        """The least and the largest value."""
-        values = [y for _, y in self.points]
-        if self.has_left_ray and self.left_slope:
-            values.append(math.copysign(_INF, -self.left_slope))
-        if self.has_right_ray and self.right_slope:
-            values.append(math.copysign(_INF, self.right_slope))
-        return min(values), max(values)
-
-
-def _take_steps(
-    values: list[float], curve: _Curve, x: float, y: float, variables: list[int], switches: list[int]
-) -> None:
-    """The steps and rays that lead to the point (x, y) of the curve, and the switches between them."""
-    small = 1e-9 * (1.0 + abs(x))
-    x -= curve.points[0][0]
-    y -= curve.points[0][1]
-    full = [True]
-    for variable, (width, height, is_ray) in zip(variables, curve.phases(), strict=True):
-        if abs(x) <= small:
-            x = 0.0
-        jump = y / height if x == 0.0 and height else float(x >= 0.0)
-        taken = x / width if width else jump
-        taken = max(0.0, taken if is_ray else min(1.0, taken)) if full[-1] else 0.0
-        full.append(taken == 0.0 if is_ray else taken == 1.0)
-        values[variable] = taken
-        x -= width * taken
-        y -= height * taken
-    for switch, before in zip(switches, full[1:], strict=False):
-        values[switch] = float(before)
-
-
-def _ended(points: list[tuple[float, float]], low: float) -> list[tuple[float, float]]:
-    """The points from low on, which becomes the first where the first piece is no jump."""
-    if math.isinf(low):
-        return points
-    while len(points) > 2 and points[1][0] < low:
-        points = points[1:]
-    (x0, y0), (x1, y1) = points[:2]
-    if x0 == x1 or (len(points) == 2 and x1 <= low):
-        return points
-    return [(low, y0 + (low - x0) * (y1 - y0) / (x1 - x0)), *points[1:]]
