@@ -43,24 +43,22 @@ void nameterms(const Registry &variables, int32_t first, int64_t nrows, const TR
     }
 }
 
-double checkedside(double value, bool islower, int64_t id) {
-    const bool wrong = islower ? value >= TRV_INFINITY : value <= -TRV_INFINITY;
-    if (std::isnan(value) || wrong)
-        failf(TRV_ERROR_INVALID_ARGUMENT, "the %s side of nonlinear constraint %" PRId64 " is %s",
-              islower ? "lower" : "upper", id, number(value).c_str());
-    return normalized(value);
-}
-
 } // namespace
 
 // ---- adding
 
-void NlRows::roomsides(int64_t nrows, const double *newlower, int lowerstep, const double *newupper, int upperstep) {
-    const int64_t first = ids.count();
+void NlRows::roomsides(int64_t nrows, const double *newlower, int lowerstep, const double *newupper, int upperstep,
+                       const TRVnames *newnames) {
     double *l = lower.room(nrows), *u = upper.room(nrows);
     for (int64_t i = 0; i < nrows; i++) {
-        l[i] = checkedside(newlower[i * lowerstep], true, first + i);
-        u[i] = checkedside(newupper[i * upperstep], false, first + i);
+        l[i] = normalized(newlower[i * lowerstep]);
+        u[i] = normalized(newupper[i * upperstep]);
+        if (std::isnan(l[i]) || l[i] == INFINITY)
+            refuse(TRV_ERROR_INVALID_ARGUMENT, ids.count(), nrows, i, newnames,
+                   "its lower side is " + number(newlower[i * lowerstep]));
+        if (std::isnan(u[i]) || u[i] == -INFINITY)
+            refuse(TRV_ERROR_INVALID_ARGUMENT, ids.count(), nrows, i, newnames,
+                   "its upper side is " + number(newupper[i * upperstep]));
     }
 }
 
@@ -109,7 +107,7 @@ int32_t NlRows::add(const Columns &columns, Uses &uses, int64_t nrows, const TRV
     }
     Buffer<int64_t> block = blockpointers(nrows, rows.ptr), codeblock = blockpointers(nrows, rows.codeptr),
                     constantblock = blockpointers(nrows, nullptr);
-    roomsides(nrows, newlower, lowerstep, newupper, upperstep);
+    roomsides(nrows, newlower, lowerstep, newupper, upperstep, newnames);
     requirelinear(rows, block);
     try {
         roomlinear(columns, rows, block);

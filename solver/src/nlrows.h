@@ -65,7 +65,8 @@ class NlRows {
     }
 
   private:
-    void roomsides(int64_t nrows, const double *newlower, int lowerstep, const double *newupper, int upperstep);
+    void roomsides(int64_t nrows, const double *newlower, int lowerstep, const double *newupper, int upperstep,
+                   const TRVnames *newnames);
     void roomlinear(const Columns &columns, const TRVnlrows &rows, Buffer<int64_t> &block);
     void roomtapes(const Columns &columns, const TRVnlrows &rows, const Buffer<int64_t> &codeblock,
                    Buffer<int64_t> &constantblock, const TRVnames *newnames);

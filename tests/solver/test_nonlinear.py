@@ -231,9 +231,9 @@ def test_bad_tapes_are_refused_with_the_row_named(store, code, constants, why):
 @pytest.mark.parametrize(
     ("arguments", "message"),
     [
-        ({"lower": NAN}, "the lower side of nonlinear constraint 0 is nan"),
-        ({"lower": INF}, "the lower side of nonlinear constraint 0 is inf"),
-        ({"upper": -1e20}, "the upper side of nonlinear constraint 0 is -1e+20"),
+        ({"lower": NAN}, "nonlinear constraint N0: its lower side is nan"),
+        ({"lower": INF}, "nonlinear constraint N0: its lower side is inf"),
+        ({"upper": -1e20}, "nonlinear constraint N0: its upper side is -1e+20"),
         ({"constant": np.ones(1)}, "the tapes take 0 of 1 constants"),
         ({"codeptr": [0, 2, 1]}, "row pointers decrease from 2 to 1 at row 1"),
         ({"codeptr": [1, 1]}, "row pointers begin with 1, not with 0"),
