@@ -70,7 +70,7 @@ def read(path: Path) -> tarvopy.Model:
     for variable, (low, high) in zip(x, bounds, strict=True):
         variable.LB, variable.UB = low, high
     for row, (body, (low, high)) in enumerate(zip(bodies, sides, strict=True)):
-        _add_row(m, body + _terms(linear.get(row, []), x), low, high)
+        add_row(m, body + _terms(linear.get(row, []), x), low, high)
     m.setObjective(objective + _terms(gradient, x), sense)
     return m
 
@@ -127,7 +127,8 @@ def _interval(words: list[str]) -> tuple[float, float]:
     return low, high
 
 
-def _add_row(m: tarvopy.Model, body, low: float, high: float) -> None:
+def add_row(m: tarvopy.Model, body, low: float, high: float) -> None:
+    """low <= body <= high, of any degree."""
     if low == high:
         m.addConstr(body == low)
         return

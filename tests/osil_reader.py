@@ -4,13 +4,13 @@
 matrices and cones are not.
 """
 
-import math
 import operator
 import xml.etree.ElementTree as ET
 from functools import reduce
 from pathlib import Path
 
 import tarvopy
+from nl_reader import add_row
 from tarvopy import TRV, nlfunc
 
 _OPERATIONS = {
@@ -96,13 +96,7 @@ def _expression(element: ET.Element, x: list):
 def _add_row(m: tarvopy.Model, body, element: ET.Element) -> None:
     constant = float(element.get("constant", "0"))
     low, high = (_number(element.get(side, none)) - constant for side, none in (("lb", "-INF"), ("ub", "INF")))
-    if low == high:
-        m.addConstr(body == low)
-        return
-    if low > -math.inf:
-        m.addConstr(body >= low)
-    if high < math.inf:
-        m.addConstr(body <= high)
+    add_row(m, body, low, high)
 
 
 def _set_objective(m: tarvopy.Model, body, element: ET.Element, x: list) -> None:

@@ -47,14 +47,13 @@ def test_stub_names_what_the_module_has(name):
     assert public(native) <= set(stated(tree.body))
 
 
-@pytest.mark.parametrize("name", ["_core", "_matrixapi"])
+@pytest.mark.parametrize("name", ["_core", "_matrixapi", "_modelapi"])
 def test_stub_names_the_members_of_each_class(name):
     module = importlib.import_module(f"tarvopy.{name}")
-    finished = {"Var", "LinExpr", "QuadExpr", "NLExpr", "_ExprTree", "Constr", "QConstr", "TempConstr"}
-    finished |= {"GenConstr", "GenExpr", "NLConstr", "MGenConstr", "MNLConstr", "MNLExpr"}
-    finished |= {"MVar", "MLinExpr", "MQuadExpr", "MConstr", "MQConstr"}
     for kind, names in classes(ast.parse((PACKAGE / f"{name}.pyi").read_text())).items():
-        if kind in finished:
-            assert public(names) - STORED == public(dir(getattr(module, kind))) - STORED, kind
-            operators = {member for member in names if member.startswith("__")}
-            assert operators <= set(dir(getattr(module, kind))), kind
+        if not hasattr(module, kind):  # what several classes share stands in a class of the stub alone
+            assert kind.startswith("_"), kind
+            continue
+        assert public(names) - STORED == public(dir(getattr(module, kind))) - STORED, kind
+        operators = {member for member in names if member.startswith("__")}
+        assert operators <= set(dir(getattr(module, kind))), kind
