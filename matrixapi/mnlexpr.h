@@ -8,8 +8,8 @@
 // in-place operation on a flat array as a whole gives its block another node, which the views see too; on a part, it
 // makes the objects first. All functions throw PythonError; arguments are borrowed.
 //
-// The state stands in mnlexpr_state.cpp, operands in mnlexpr_operands.cpp, operators in mnlexpr_operators.cpp,
-// what writes into elements in mnlexpr_inplace.cpp.
+// The state stands in mnlexpr_state.cpp, operands in mnlexpr_operands.cpp, operators in mnlexpr_operators.cpp, matrix
+// products and sums in mnlexpr_products.cpp, what writes into elements in mnlexpr_inplace.cpp.
 #pragma once
 
 #include "matrixapi/handle.h"
@@ -62,7 +62,7 @@ Ref part_of(const std::shared_ptr<NLBlock> &block, Layout part, bool element);
 // ---- reading --------------------------------------------------------------------------------------------------------
 // An operand of nonlinear arithmetic, as _coerce_to_exprtree_array and NLExpr._coerce_to_exprtree say, as a view of a
 // node (strides over its own shape) and its shape: any kind but Operand::Other; a snapshot. Sparse matrices are made
-// dense. A scalar has shape (). False for Operand::Other. Foreign elements raise the texts' TypeErrors. Compact
+// dense. A scalar has shape (). False for Operand::Other. Foreign elements raise the TypeErrors of these. Compact
 // operands join their parts, as conversions to full elements do.
 bool nonlinear_operand(PyObject *object, Operand kind, NodeView &view, flat::Shape &shape);
 Ref nlearr(PyObject *expr); // makes: the object array
