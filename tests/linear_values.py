@@ -6,6 +6,7 @@ point.value(e)            what e stands for, summed up from its terms
 variables(model, shape)   an MVar whose variables are in the model
 looked(e)                 the same expression, full and with its objects made
 terms(e)                  [(constant, [(coefficient, variable index), ...]), ...] of the elements in C order
+state(e)                  COMPACT or FULL: which documented attributes are there
 """
 
 import numpy as np
@@ -48,3 +49,11 @@ def terms(expr: MLinExpr) -> list:
     full = expr.copy()
     full._convert_to_full()
     return [(le.getConstant(), [(c, v.index) for c, v in le.terms()]) for le in full._learr.flat]
+
+
+def state(expr):
+    """The documented attributes as an ordinary object would show them: which ones are not None."""
+    return {name for name, value in vars(expr).items() if value is not None}
+
+
+COMPACT, FULL = {"_matmulparts", "_const"}, {"_learr"}
