@@ -48,6 +48,9 @@ namespace {
 void getsolution(const Registry &registry, Attr attr, const Selection &which, int32_t solved,
                  const Buffer<double> &from, double *out) {
     const char *what = infoof(attr).name;
+    const int32_t block = blockof(registry, which);
+    if (block >= 0 && block + which.n <= solved)
+        return moveterms(out, from.data() + block, which.n);
     eachslot(registry, what, which, [&](int64_t i, int32_t s) {
         if (s >= solved)
             fail(TRV_ERROR_NO_DATA, std::string(what) + ": " + registry.called(which.id(i)) +

@@ -16,20 +16,31 @@ struct Selection {
     int64_t id(int64_t i) const { return ids ? ids[i] : static_cast<int64_t>(first) + i; }
 };
 
+// The slot of the first element where the others follow one by one: a block to be copied, at a tenth of the cost of
+// asking for each. Else -1.
+inline int32_t blockof(const Registry &registry, const Selection &which) {
+    return which.ids ? -1 : registry.run(which.first, which.n);
+}
+
 // f(i, slot) for each; an error where one is not in the model.
 template <class F> void eachslot(const Registry &registry, const char *what, const Selection &which, F f) {
+    const int32_t block = blockof(registry, which);
+    if (block >= 0) {
+        for (int64_t i = 0; i < which.n; i++)
+            f(i, static_cast<int32_t>(block + i));
+        return;
+    }
     for (int64_t i = 0; i < which.n; i++)
         f(i, registry.require(which.id(i), what));
 }
 
 template <class T>
 void gather(const Registry &registry, const char *what, const Selection &which, const Buffer<T> &from, T *out) {
-    const bool range = !which.ids && registry.identity() && which.first >= 0;
-    if (range && static_cast<int64_t>(which.first) + which.n <= registry.count()) {
-        moveterms(out, from.data() + which.first, which.n);
-        return;
-    }
-    eachslot(registry, what, which, [&](int64_t i, int32_t s) { out[i] = from[s]; });
+    const int32_t block = blockof(registry, which);
+    if (block >= 0)
+        moveterms(out, from.data() + block, which.n);
+    else
+        eachslot(registry, what, which, [&](int64_t i, int32_t s) { out[i] = from[s]; });
 }
 
 void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out);

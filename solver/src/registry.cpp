@@ -9,13 +9,6 @@
 
 namespace store {
 
-int32_t Registry::require(int64_t id, const char *what) const {
-    int32_t s = slot(id);
-    if (s < 0)
-        failabsent(id, what);
-    return s;
-}
-
 void Registry::requireusable(int64_t id, const char *what) const {
     if (gone(require(id, what)))
         failabsent(id, what);

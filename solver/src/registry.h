@@ -42,6 +42,13 @@ class Registry {
         int32_t s = slot(id);
         return s < committed_ ? s : static_cast<int32_t>(kPending);
     }
+    // The slot of the first of n ids in a row, the others following one by one; -1 where one has no slot. Slots ascend
+    // as ids do, so the two ends tell; but until the next update a pending element that was removed leaves its slot
+    // empty.
+    int32_t run(int64_t first, int64_t n) const {
+        const int32_t low = n > 0 && !gonepending_ ? slot(first) : -1;
+        return low >= 0 && slot(first + n - 1) == low + n - 1 ? low : -1;
+    }
     int32_t idat(int32_t slot) const { return identity_ ? slot : idat_[slot]; }
     // Removed at the next update, or removed while pending.
     bool gone(int32_t slot) const { return gonecount_ && static_cast<size_t>(slot) < gone_.size() && gone_[slot]; }
@@ -52,7 +59,12 @@ class Registry {
     }
 
     // As slot, but an error for what is not in the model.
-    int32_t require(int64_t id, const char *what) const;
+    int32_t require(int64_t id, const char *what) const {
+        int32_t s = slot(id);
+        if (s < 0)
+            failabsent(id, what);
+        return s;
+    }
     void requireusable(int64_t id, const char *what) const;
     // "the variable x[1]"; also of a removed one. Only for ids that were given.
     std::string called(int64_t id) const;

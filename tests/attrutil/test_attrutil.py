@@ -164,6 +164,19 @@ def test_arrays_by_id_have_shape_and_dtype(model):
     assert api.get(model.handle, VAR, b"LB", np.zeros((0, 3), dtype=np.int32)).shape == (0, 3)
 
 
+def test_arrays_of_almost_consecutive_ids_read_each_of_them():
+    n = 3000
+    model = NativeModel(n)
+    lb = np.random.default_rng(1).random(n)
+    ids = np.arange(n, dtype=np.int32)
+    api.set(model.handle, VAR, b"LB", ids, lb)
+    for start, place in [(0, 0), (0, 1), (0, 1023), (0, 1024), (7, 2048), (7, n - 8), (0, n - 1)]:
+        some = ids[start:].copy()
+        assert (api.get(model.handle, VAR, b"LB", some) == lb[some]).all()
+        some[place] = 500
+        assert (api.get(model.handle, VAR, b"LB", some) == lb[some]).all()
+
+
 def test_arrays_by_id_refuse_what_does_not_fit(model):
     ids = np.arange(3, dtype=np.int32)
     with pytest.raises(AttributeError, match=r"^'tarvopy.Var' object has no attribute 'RHS'$"):

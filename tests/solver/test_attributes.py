@@ -1,5 +1,7 @@
 """Attributes by name: the table, reading and writing by id, sides and senses of rows, names."""
 
+import itertools
+
 import pytest
 
 from solver.store import (
@@ -139,6 +141,38 @@ def test_removed_elements_have_no_attributes(store):
     store.remove(VAR, [1, pending])  # again is fine
     refused(NOT_IN_MODEL, "remove: the model has no variable with id 9", lambda: store.remove(VAR, [0, 9]))
     assert store.positions(VAR, [0]) == [0]
+
+
+@pytest.mark.parametrize("removed", [(), (0,), (3,), (2, 3, 6), (7,), (3, 9)])
+def test_ranges_of_ids_read_as_their_elements_do(removed):
+    m = Store()
+    m.addvars(8, lb=range(8))
+    m.update()
+    m.remove(VAR, [i for i in removed if i < 8])
+    m.update()
+    m.addvars(3, lb=[8.0, 9.0, 10.0])
+    m.remove(VAR, [i for i in removed if i >= 8])
+    here = [i for i in range(8) if i not in removed]
+    m.solved([10.0 * i for i in here])
+
+    def read(attribute, ids):
+        try:
+            return m.dbls(attribute, ids).tolist()
+        except StoreError as error:
+            return error.code, str(error)
+
+    for first, last in itertools.combinations_with_replacement(range(-1, 12), 2):
+        ids = range(first, last)
+        assert read("LB", ids) == read("LB", list(ids))
+        assert read("X", ids) == read("X", list(ids))
+        if set(ids) <= {*here, 8, 9, 10} - {*removed}:
+            assert read("LB", ids) == list(ids)
+        else:
+            assert read("LB", ids)[0] == NOT_IN_MODEL
+        if set(ids) <= set(here):
+            assert read("X", ids) == [10.0 * i for i in ids]
+        else:
+            assert read("X", ids)[0] in (NOT_IN_MODEL, NO_DATA)
 
 
 def test_binaries_keep_their_bounds_within_zero_and_one(store):
