@@ -37,6 +37,7 @@ bench: $(VENV)/bench
 	$(RUN) benchmarks/run.py --table docs/benchmarks.md
 	$(RUN) benchmarks/quadratic.py --table docs/benchmarks.md
 	$(RUN) benchmarks/nonlinear.py --table docs/benchmarks.md
+	$(RUN) benchmarks/everyday.py --table docs/benchmarks.md
 
 # -E: Sphinx sees no change of a compiled docstring, and reports moved names as double.
 docs: $(VENV)/docs

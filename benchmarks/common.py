@@ -145,3 +145,10 @@ def work(family, n):
     """Nonzeros, those of the Hessian included, that times and bytes are divided by."""
     more = {"lqcp": 2 * n + 1, "qp": n, "factors": n + FACTORS * (FACTORS + 1) // 2}
     return definition(family, n)[2] + more.get(family, 0)
+
+
+def put_section(path, title, lines):
+    """Replaces the section of a Markdown file that begins with the title, or adds it at the end."""
+    before, _, after = path.read_text().partition(title)
+    rest = after[after.find("\n## ") :] if "\n## " in after else ""
+    path.write_text(before.rstrip() + "\n\n" + "\n".join(lines) + "\n" + rest)

@@ -153,13 +153,6 @@ def lines(reps):
         yield from group
 
 
-def put(path, made):
-    """Replaces the section in the file, or adds it at the end."""
-    before, _, after = path.read_text().partition(TITLE)
-    rest = after[after.find("\n## ") :] if "\n## " in after else ""
-    path.write_text(before.rstrip() + "\n\n" + "\n".join(made) + "\n" + rest)
-
-
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--reps", type=int, default=3)
@@ -170,7 +163,7 @@ def main():
         made.append(line)
         print(line, flush=True)
     if chosen.table:
-        put(chosen.table, made)
+        common.put_section(chosen.table, TITLE, made)
 
 
 if __name__ == "__main__":

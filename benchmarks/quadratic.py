@@ -16,6 +16,7 @@ from pathlib import Path
 
 import numpy as np
 import scipy.sparse as sp
+from common import put_section
 
 import tarvopy
 from tarvopy import TRV, TarvoError, _modelapi
@@ -180,8 +181,7 @@ def main():
         made.append(line)
         print(line, flush=True)
     if chosen.table:
-        above = chosen.table.read_text().split(TITLE)[0].rstrip()
-        chosen.table.write_text(above + "\n\n" + "\n".join(made) + "\n")
+        put_section(chosen.table, TITLE, made)
 
 
 if __name__ == "__main__":
