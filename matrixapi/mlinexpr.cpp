@@ -411,6 +411,9 @@ PyObject *getitem(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObj
     return border([&] {
         static const Signature signature{"__getitem__", {"obj"}, 1};
         Arguments given(signature, 1, args, nargs, kwnames);
+        convert_to_full(self);
+        if (Ref shared = shared_selection(self, given[0]))
+            return shared;
         Ref selected = check(PyObject_GetItem(learr(self).get(), given[0]));
         if (!PyArray_Check(selected.get()))
             selected = object_scalar(std::move(selected));

@@ -6,7 +6,7 @@
 //
 //   CompactNative   `_const` in the dictionary, parts (row pointers, columns, values, ids) in LinearNative::parts
 //   CompactMade     `_const` and the list `_matmulparts` of (csr_matrix, MVar) pairs in the dictionary; the list rules
-//   Flat            full, LinearNative::form, no LinExpr exists
+//   Flat            full, LinearNative::form, no LinExpr exists; with its slices' forms as members of SharedElements
 //   Objects         full, `_learr` in the dictionary; the array rules
 //
 //   A @ x           CompactNative, one part       e._matmulparts   -> CompactMade
@@ -56,6 +56,22 @@ Part make_part(flat::Summand summand, SharedVector vector);
 // scale * I over the variables.
 Part identity_part(flat::Buffer<int32_t> ids, double scale = 1.0);
 
+// Elements that several flat expressions share (mlinexpr_shared.cpp).
+struct LinearNative;
+struct SharedElements {
+    flat::Form form; // of all elements; nobody changes it
+    Ref places;      // 0, 1, 2, ... in its shape
+    std::vector<LinearNative *> members;
+    bool made = false;
+};
+struct Membership {
+    std::shared_ptr<SharedElements> shared; // empty: the elements are the expression's own
+    Ref places;                             // int64 array of the expression's shape: which elements
+    PyObject *expr = nullptr;               // who has the native form (borrowed)
+    size_t index = 0;                       // among the members
+    void leave();
+};
+
 struct LinearNative final : Native {
     bool compact = false;
     Ref model;               // the handle all ids belong to; empty while no variable occurs
@@ -63,9 +79,11 @@ struct LinearNative final : Native {
     // The entries of the one part's matrix as they were given, while its rows are not laid out: x @ Q costs a copy of
     // Q's entries, and x @ Q @ x never asks for an order. Sorting costs ten times the copy.
     flat::Coo given;
-    flat::Form form; // full
-    uint64_t stamp;  // another one after every change: whoever ran Python code compares it
+    flat::Form form;       // full
+    Membership membership; // full
+    uint64_t stamp;        // another one after every change: whoever ran Python code compares it
     LinearNative() : Native(Linear), stamp(next_stamp()) {}
+    ~LinearNative() override;
     static uint64_t next_stamp() {
         static uint64_t last = 0;
         return ++last;
@@ -195,6 +213,12 @@ void become_objects(PyObject *expr, Ref learr);
 Ref matmulparts(PyObject *expr);
 // Makes: the object array of a full expression (a compact one is converted in place first).
 Ref learr(PyObject *expr);
+// expr[key] of a flat expression, flat too; both share their elements from now on. Empty: look at the objects.
+Ref shared_selection(PyObject *expr, PyObject *key);
+// Makes: the objects of all expressions that share elements with this one.
+void make_shared_elements(PyObject *expr);
+// Before a flat form is changed in place: where elements are shared, it becomes objects, which all see change.
+void prepare_change(PyObject *expr);
 // Makes: a new object array of LinExpr of the form's shape.
 Ref linexpr_array(const flat::Form &form, const Ref &model);
 // Writes `contents` (an array as linexpr_array gives it, private to the caller) into the LinExpr of `region` one by

@@ -273,6 +273,7 @@ void iadd_full(PyObject *self, PyObject *other, Operand kind, double factor) {
     flat::Shape shape = shape_of(self);
     need_fit(shape, operand.form.shape);
     flat::Form spread = flat::broadcast(operand.form, shape);
+    prepare_change(self);
     if (LinearNative *native = linear_of(self)) {
         Ref model = native->model;
         if (merge_models(model, operand.model))

@@ -276,6 +276,7 @@ Ref copy_of(PyObject *expr) {
 }
 
 void take_over(PyObject *expr, flat::Form form, Ref model) {
+    prepare_change(expr);
     if (state_of(expr) != State::Objects)
         return become_flat(expr, std::move(form), std::move(model));
     Ref contents = linexpr_array(form, model);

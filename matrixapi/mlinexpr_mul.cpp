@@ -159,6 +159,7 @@ void imul_full(PyObject *self, const Ref &numbers) {
     need_fit(shape, shape_of_array(numbers.get()));
     if (flat::size_of(shape) > 0)
         need_finite_array(numbers);
+    prepare_change(self);
     if (LinearNative *native = linear_of(self)) {
         native->form = PyArray_SIZE(as_array(numbers)) == 1
                            ? flat::scaled(native->form, *doubles(numbers))

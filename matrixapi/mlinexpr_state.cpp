@@ -252,6 +252,10 @@ Ref make_zeros(PyObject *cls, const flat::Shape &shape) {
 Ref learr(PyObject *expr) {
     convert_to_full(expr);
     while (LinearNative *native = linear_of(expr)) {
+        if (native->membership.shared) {
+            make_shared_elements(expr);
+            continue;
+        }
         flat::Form form = native->form;
         Ref model = native->model;
         uint64_t stamp = native->stamp;

@@ -181,6 +181,7 @@ void each_element(PyObject *expr, int (*work)(PyObject *), const char *method) {
 }
 
 void clear_full(PyObject *expr) {
+    prepare_change(expr);
     LinearNative *native = linear_of(expr);
     if (native && !native->compact)
         become_flat(expr, zeros_like(native->form.shape), {});
@@ -202,6 +203,7 @@ int32_t largest_id(const flat::Summand &summand) {
 void normalize(PyObject *expr) {
     if (is_compact(expr))
         return;
+    prepare_change(expr);
     LinearNative *native = linear_of(expr);
     if (!native)
         return each_element(expr, mod.core->linexpr_normalize, "_normalize");

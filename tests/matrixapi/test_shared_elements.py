@@ -1,0 +1,148 @@
+"""Slices of linear expressions share their elements with the whole, whether the objects exist or not."""
+
+import random
+
+import numpy as np
+import pytest
+
+import tarvopy
+from tarvopy import _debug
+
+KINDS = ["slice"] * 3 + ["take", "add", "scale", "subtract", "tidy", "clear", "assign", "copy", "drop", "look"]
+SLICES = [slice(None), slice(1, None), slice(None, None, -1), slice(0, 2), slice(1, 1), 0, 1]
+
+
+def made():
+    return {kind: _debug.counts()[kind] for kind in ("Var", "LinExpr")}
+
+
+def cube():
+    m = tarvopy.Model()
+    x, y = m.addMVar((4, 4, 4)), m.addMVar((4, 4, 4))
+    m.update()
+    return m, 2 * x + y + 1
+
+
+def test_shifted_differences_make_no_objects():
+    m, e = cube()
+    before = made()
+    slices = [e[1:], e[:-1], e[:, ::2, 1:][1], e[0, 0, 0], e[[0, 0, 3]], e[np.ones((4, 4, 4), bool)]]
+    m.addConstr(slices[0] - slices[1] <= 1)
+    m.update()
+    del slices[::2]
+    assert made() == before
+    assert str(m.getRow(m.getConstrs()[0])) == "2.0 C16 + 1.0 C80 - 2.0 C0 - 1.0 C64"
+
+
+def test_one_look_makes_the_elements_of_all(mode):
+    _, e = cube()
+    whole, part, element, repeated = e, e[1:, ::2], e[1, 0, 0], e[[0, 1, 1]]
+    assert part[0]._learr[0, 0] is element._learr[()] is whole._learr[1, 0, 0]
+    assert repeated._learr[1, 0, 0] is repeated._learr[2, 0, 0] is element._learr[()]
+    assert e[0:0]._learr.shape == (0, 4, 4)
+
+
+@pytest.mark.parametrize(
+    ("change", "text"),
+    [
+        (lambda s: s.__iadd__(1.0), "2.0 C16 + 1.0 C80 + 2.0"),
+        (lambda s: s.__isub__(s), "0.0"),
+        (lambda s: s.__imul__(3.0), "6.0 C16 + 3.0 C80 + 3.0"),
+        (lambda s: s.clear(), "0.0"),
+        (lambda s: s.__setitem__((), 5.0), "5.0"),
+    ],
+)
+def test_a_change_in_place_is_seen_by_all(mode, change, text):
+    _, e = cube()
+    part, other, copy = e[1], e[1, 0], e[1].copy()
+    change(part)
+    if text == "0.0":
+        part._normalize()
+    seen = [part._learr[0, 0], e._learr[1, 0, 0], other._learr[0]]
+    assert [str(element) for element in seen] == [text] * 3
+    assert (str(e._learr[0, 0, 0]), str(copy._learr[0, 0])) == ("2.0 C0 + 1.0 C64 + 1.0", "2.0 C16 + 1.0 C80 + 1.0")
+
+
+def step(r, x, expressions):
+    e = r.choice(expressions)
+    kind = r.choice(
+        [
+            "slice",
+            "slice",
+            "slice",
+            "take",
+            "add",
+            "scale",
+            "subtract",
+            "tidy",
+            "clear",
+            "assign",
+            "copy",
+            "drop",
+            "look",
+        ]
+    )
+    if kind == "slice":
+        expressions.append(e[tuple(r.choice(SLICES) for _ in e.shape)])
+    elif kind == "take":
+        expressions.append(e[[0, 0, 1]])
+    elif kind == "add":
+        e += r.choice([1, 2 * x[0, 0], r.choice(expressions)])
+    elif kind == "scale":
+        e *= r.choice([2.0, -1.0, 0.0])
+    elif kind == "subtract":
+        e -= r.choice(expressions)
+    elif kind == "tidy":
+        e._normalize()
+    elif kind == "clear" and r.random() < 0.3:
+        e.clear()
+    elif kind == "assign":
+        e[r.randrange(2)] = r.choice([0, x[0, 1], r.choice(expressions)])
+    elif kind == "copy":
+        expressions.append(e.copy())
+    elif kind == "drop" and len(expressions) > 1:
+        expressions[:] = [other for other in expressions if other is not e]
+    elif kind == "look":
+        str(e._learr)
+
+
+def outcome(seed, eager):
+    """What a random program leaves: errors, values, and which elements are the same object."""
+    r, log, numbers = random.Random(seed), [], {}
+    _debug.eager(eager)
+    try:
+        m = tarvopy.Model()
+        x, y = m.addMVar((3, 4)), m.addMVar((3, 4))
+        m.update()
+        expressions = [2 * x + y + 1]
+        for _ in range(14):
+            try:
+                step(r, x, expressions)
+            except (tarvopy.TarvoError, ValueError, IndexError, TypeError) as error:
+                log.append((type(error), str(error)))
+        for e in expressions:
+            elements = e._learr.ravel().tolist()
+            log.append((e.shape, [(str(v), numbers.setdefault(id(v), len(numbers))) for v in elements]))
+    finally:
+        _debug.eager(False)
+    return log
+
+
+def test_programs_do_not_tell_whether_objects_exist():
+    for seed in range(600):
+        assert outcome(seed, False) == outcome(seed, True), seed
+
+
+def test_a_key_that_looks_or_changes_while_it_is_read():
+    class Key:
+        def __init__(self, work):
+            self.work = work
+
+        def __index__(self):
+            self.work()
+            return 1
+
+    for work in (lambda e: e._learr, lambda e: e.__imul__(2.0), lambda e: e.clear()):
+        _, e = cube()
+        part = e[Key(lambda e=e, work=work: work(e))]
+        assert part._learr[0, 0] is e._learr[1, 0, 0]
