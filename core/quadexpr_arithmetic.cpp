@@ -136,7 +136,7 @@ void add_to(QuadExprObject *self, const Operand &operand, double mult) {
 }
 
 void scale(QuadExprObject *self, const Scaling &scaling) {
-    Ref coeffs = scaled_coeffs(items_of(self->coeffs), scaling);
+    Ref coeffs = scaled_coeffs(items_of(self->coeffs), scaling); // nothing fails after the linear part has changed
     if (self->linear)
         scale(as_linexpr(self->linear), scaling);
     Ref old = Ref::steal(std::exchange(self->coeffs, coeffs.release()));

@@ -4,6 +4,7 @@
 #include "operators.h"
 
 #include <cstdio>
+#include <memory>
 
 namespace tarvopy::core {
 
@@ -257,11 +258,10 @@ Label label_of(PyObject *scalar) {
     char *text = nullptr;
     int64_t *offset = nullptr;
     if (TRVgetstrs(store, name_attribute(kind), 1, nullptr, self->id, &text, &offset) != TRV_OK)
-        return {"(unnamed)", false};
-    Label label{std::string(text + offset[0], text + offset[1]), true};
-    TRVfree(text);
-    TRVfree(offset);
-    return label;
+        throw std::bad_alloc(); // all else was looked at above
+    const std::unique_ptr<char, void (*)(void *)> text_owner(text, TRVfree);
+    const std::unique_ptr<int64_t, void (*)(void *)> offset_owner(offset, TRVfree);
+    return {std::string(text + offset[0], text + offset[1]), true};
 }
 
 void add_scalar_types(PyObject *module) {

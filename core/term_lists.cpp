@@ -50,8 +50,11 @@ Ref scaled_coeffs(Items coeffs, const Scaling &scaling) {
 }
 
 void truncate(PyObject *list, Py_ssize_t size) {
-    if (PyList_SetSlice(list, size, PyList_GET_SIZE(list), nullptr) < 0)
-        PyErr_Clear(); // shrinking does not fail
+    for (Py_ssize_t last = PyList_GET_SIZE(list) - 1; last >= size; --last) {
+        PyObject *item = PyList_GET_ITEM(list, last);
+        Py_SET_SIZE(list, last);
+        Py_DECREF(item);
+    }
 }
 
 } // namespace tarvopy::core

@@ -112,4 +112,14 @@ void store(PyObject *object, PyObject *name, PyObject *value) {
     check_status(PyDict_SetItem(instance_dict(object), name, value));
 }
 
+// The dictionary stays the same object, which others may hold, unless there is no memory to fill it again.
+void refill(PyObject *object, const Ref &entries) {
+    PyObject *dict = instance_dict(object);
+    PyDict_Clear(dict);
+    if (PyDict_Update(dict, entries.get()) < 0) {
+        PyErr_Clear();
+        Ref old = Ref::steal(std::exchange(matrix(object)->dict, Ref(entries).release()));
+    }
+}
+
 } // namespace tarvopy

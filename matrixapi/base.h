@@ -63,6 +63,8 @@ void replace_dict(PyObject *object, PyObject *value);
 // An attribute of the instance dictionary alone: borrowed, NULL without an error where it is missing.
 PyObject *stored(PyObject *object, PyObject *name);
 void store(PyObject *object, PyObject *name, PyObject *value);
+// Makes `entries` all that the instance dictionary holds, or changes nothing.
+void refill(PyObject *object, const Ref &entries);
 
 // For tests: every new native form is turned into objects at once (tarvopy._debug.eager).
 extern bool eager;

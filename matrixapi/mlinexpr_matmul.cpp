@@ -305,8 +305,8 @@ flat::Shape product_shape(PyObject *given, PyObject *mvar, Side side) {
         flat::Shape a = operand_shape(given), x = mvar_shape(mvar);
         return side == Side::Right ? matmul_shape(a, x) : matmul_shape(x, a);
     } catch (const PythonError &) {
-        if (!PyErr_ExceptionMatches(PyExc_Exception))
-            throw; // an interrupt is no failure of the shapes
+        if (!PyErr_ExceptionMatches(PyExc_Exception) || PyErr_ExceptionMatches(PyExc_MemoryError))
+            throw; // an interrupt is no failure of the shapes, nor is a lack of memory
         Ref raised = Ref::steal(PyErr_GetRaisedException());
         cannot_construct(raised.get());
     } catch (const std::invalid_argument &error) {

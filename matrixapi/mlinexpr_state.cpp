@@ -74,17 +74,12 @@ PyObject *documented(PyObject *expr, PyObject *name) {
 }
 
 void show(PyObject *expr, PyObject *learr, PyObject *parts, PyObject *constant) {
-    PyObject *dict = instance_dict(expr);
-    Ref others;
-    if (PyDict_GET_SIZE(dict) > 0) {
-        others = check(PyDict_Copy(dict)); // keeps everything alive while the dictionary is rebuilt
-        PyDict_Clear(dict);
-    }
-    check_status(PyDict_SetItem(dict, names._learr, learr));
-    check_status(PyDict_SetItem(dict, names._matmulparts, parts));
-    check_status(PyDict_SetItem(dict, names._const, constant));
-    if (others)
-        check_status(PyDict_Update(dict, others.get()));
+    Ref entries = check(PyDict_New());
+    check_status(PyDict_SetItem(entries.get(), names._learr, learr));
+    check_status(PyDict_SetItem(entries.get(), names._matmulparts, parts));
+    check_status(PyDict_SetItem(entries.get(), names._const, constant));
+    check_status(PyDict_Update(entries.get(), instance_dict(expr)));
+    refill(expr, entries);
 }
 
 void store_documented(PyObject *expr, PyObject *learr, PyObject *parts, PyObject *constant) {

@@ -47,23 +47,19 @@ int QuadNative::traverse(visitproc visit, void *arg) {
 void store_quad_documented(PyObject *expr, PyObject *qearr, PyObject *quadparts, PyObject *ndle) {
     PyObject *documented_names[] = {names._qearr, names._quadparts, names._ndle};
     PyObject *values[] = {qearr, quadparts, ndle};
-    Ref old[3], made = check(PyDict_New());
+    Ref old[3]; // alive until the expression is whole again
     for (int i = 0; i < 3; ++i)
         old[i] = Ref::borrow(stored(expr, documented_names[i]));
-    PyObject *dict = instance_dict(expr);
     if (old[0] && old[1] && old[2]) {
         for (int i = 0; i < 3; ++i)
-            check_status(PyDict_SetItem(dict, documented_names[i], values[i]));
+            check_status(PyDict_SetItem(instance_dict(expr), documented_names[i], values[i]));
     } else {
         // Rebuilt, so that the documented attributes stand before what users stored.
+        Ref entries = check(PyDict_New());
         for (int i = 0; i < 3; ++i)
-            if (old[i])
-                check_status(PyDict_DelItem(dict, documented_names[i]));
-        Ref others = check(PyDict_Copy(dict));
-        PyDict_Clear(dict);
-        for (int i = 0; i < 3; ++i)
-            check_status(PyDict_SetItem(dict, documented_names[i], values[i]));
-        check_status(PyDict_Update(dict, others.get()));
+            check_status(PyDict_SetItem(entries.get(), documented_names[i], values[i]));
+        check_status(PyDict_Merge(entries.get(), instance_dict(expr), 0));
+        refill(expr, entries);
     }
     drop_native(expr);
 }

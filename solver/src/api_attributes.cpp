@@ -39,9 +39,13 @@ void setstrings(TRVmodel &model, Attr attr, const Selection &which, const char *
         requirepointer(infoof(attr).name, text, offset[which.n]);
         requirenonull(infoof(attr).name, text + offset[0], offset[which.n] - offset[0]);
     }
-    for (int64_t i = 0; i < which.n; i++)
-        model.names(kind).rename(static_cast<int32_t>(which.id(i)),
-                                 {text + offset[i], static_cast<size_t>(offset[i + 1] - offset[i])});
+    std::vector<int32_t> ids(static_cast<size_t>(which.n));
+    std::vector<std::string> names(ids.size());
+    for (size_t i = 0; i < ids.size(); i++) {
+        ids[i] = static_cast<int32_t>(which.id(static_cast<int64_t>(i)));
+        names[i].assign(text + offset[i], static_cast<size_t>(offset[i + 1] - offset[i]));
+    }
+    model.names(kind).rename(ids, std::move(names));
 }
 
 } // namespace

@@ -10,13 +10,15 @@
 
 namespace store {
 
+// Without memory for the message the call is out of memory, which needs none.
 inline int keepmessage(TRVmodel *model, int code, const char *text) noexcept {
     try {
         model->error = text;
+        return code;
     } catch (...) {
-        model->error.clear(); // no memory even for the message: the code says so
+        model->error.clear();
+        return TRV_ERROR_OUT_OF_MEMORY;
     }
-    return code;
 }
 
 template <class F> int border(TRVmodel *model, F f) noexcept {

@@ -3,6 +3,8 @@
 
 #include "failure.h"
 
+#include <algorithm>
+
 namespace store {
 
 void Chunk::own() {
@@ -54,11 +56,11 @@ void Chunk::maketight() {
     limit.free();
 }
 
-// To the end of the chunk, with room for half as many terms more, so that filling rows one term at a time is linear in
-// all.
-void Chunk::moverow(int32_t i) {
+// To the end of the chunk, with room for n terms more, and half as many as there are, so that filling rows one term at
+// a time is linear in all.
+void Chunk::moverow(int32_t i, int64_t n) {
     const Row old = row(i);
-    const int64_t from = ptr[i], to = ptr[nrows], space = old.n + old.n / 2 + 4;
+    const int64_t from = ptr[i], to = ptr[nrows], space = old.n + std::max(old.n / 2 + 4, n);
     if (to + space > INT32_MAX)
         fail(TRV_ERROR_SIZE_LIMIT, "a block of rows with 2147483647 terms can take no more");
     var.room(space);
@@ -72,11 +74,14 @@ void Chunk::moverow(int32_t i) {
     limit[i] = ptr[nrows] = static_cast<int32_t>(to + space);
 }
 
-void Chunk::append(int32_t i, int32_t id, double value) {
+void Chunk::prepare(int32_t i, int64_t n) {
     own();
     makeloose();
-    if (stop[i] == limit[i])
-        moverow(i);
+    if (limit[i] - stop[i] < n)
+        moverow(i, n);
+}
+
+void Chunk::append(int32_t i, int32_t id, double value) {
     var[stop[i]] = id;
     coef[stop[i]] = value;
     stop[i]++;
@@ -84,12 +89,10 @@ void Chunk::append(int32_t i, int32_t id, double value) {
 }
 
 void Chunk::set(int32_t i, int64_t k, double value) {
-    own();
     if (value != 0.0) {
         coef[ptr[i] + k] = value;
         return;
     }
-    makeloose();
     const int64_t at = ptr[i] + k, rest = stop[i] - at - 1;
     moveterms(var.data() + at, var.data() + at + 1, rest);
     moveterms(coef.data() + at, coef.data() + at + 1, rest);

@@ -142,6 +142,8 @@ class Added {
   public:
     explicit Added(TRVmodel *target) : target_(target) {}
     ~Added() {
+        if (!blocks_.empty())
+            TRVsetobjective(target_, 0, nullptr, nullptr, 0, 0);
         for (auto block = blocks_.rbegin(); block != blocks_.rend(); ++block) { // general constraints hold variables
             for (std::int32_t i = 0; i < block->count; ++i) {
                 const std::int32_t id = block->first + i;
@@ -176,9 +178,9 @@ class Storing {
         add_indicators();
         add_sets();
         set_objective();
+        check(target_, TRVsetstrattr(target_, "ModelName", source_.name.c_str()));
         added_.keep();
         check(target_, TRVsetintattr(target_, "ModelSense", source_.sense));
-        check(target_, TRVsetstrattr(target_, "ModelName", source_.name.c_str()));
         check(target_, TRVupdatemodel(target_));
     }
 

@@ -272,6 +272,7 @@ void TRVmodel::setcoefficients(int64_t n, const int32_t *rowids, const int32_t *
     }
     if (n)
         rows.purge(columns);
+    rows.prepareset(n, rowids, vars, values);
     for (int64_t i = 0; i < n; i++) {
         const int32_t r = rows.ids.slot(rowids[i]), c = columns.ids.slot(vars[i]);
         if (!rows.set(r, columns, vars[i], values[i]) || r >= rows.ids.committed())

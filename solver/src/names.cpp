@@ -153,8 +153,20 @@ void Names::append(int32_t id, std::string &out) const {
     out += ']';
 }
 
-void Names::rename(int32_t id, std::string_view name) {
-    renamed_[id] = name;
+void Names::rename(const std::vector<int32_t> &ids, std::vector<std::string> names) {
+    std::vector<int32_t> added;
+    added.reserve(ids.size());
+    try {
+        for (int32_t id : ids)
+            if (renamed_.try_emplace(id).second)
+                added.push_back(id);
+    } catch (...) {
+        for (int32_t id : added)
+            renamed_.erase(id);
+        throw;
+    }
+    for (size_t i = 0; i < ids.size(); i++)
+        renamed_.find(ids[i])->second.swap(names[i]);
     index_.free();
     indexed_ = 0;
 }

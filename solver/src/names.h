@@ -25,8 +25,8 @@ class Names {
     bool any() const { return !blocks_.empty() || !renamed_.empty(); } // or all have their default names
     // Puts the name at the end of a string.
     void append(int32_t id, std::string &out) const;
-    // An empty name gives the default name back.
-    void rename(int32_t id, std::string_view name);
+    // The elements with these ids are called names. An empty name gives the default name back. Failing changes nothing.
+    void rename(const std::vector<int32_t> &ids, std::vector<std::string> names);
     // The first element in the registry with this name, -1 for none. The first call makes an index of 16 bytes an
     // element and later ones extend it; renaming drops it.
     int32_t find(const Registry &registry, std::string_view name);

@@ -237,6 +237,30 @@ int64_t Rows::find(const Row &row, int32_t id) {
     return found == end ? -1 : found - row.var;
 }
 
+// Of equal pairs each may count as a term more, which only takes room.
+void Rows::prepareset(int64_t n, const int32_t *rowids, const int32_t *vars, const double *values) {
+    Buffer<int32_t> growing;
+    for (int64_t k = 0; k < n; k++) {
+        const int32_t slot = ids.slot(rowids[k]);
+        Chunk &chunk = chunks_[chunkat(slot)];
+        const Row row = chunk.row(slot - chunk.first);
+        const bool present = find(row, vars[k]) >= 0;
+        if (!present && values[k] != 0.0)
+            growing.push(slot);
+        else if (present && values[k] == 0.0)
+            chunk.prepare(slot - chunk.first, 0);
+        else if (present)
+            chunk.own();
+    }
+    std::sort(growing.data(), growing.end());
+    for (size_t k = 0, end = 0; k < growing.size(); k = end) {
+        while (end < growing.size() && growing[end] == growing[k])
+            end++;
+        Chunk &chunk = chunks_[chunkat(growing[k])];
+        chunk.prepare(growing[k] - chunk.first, static_cast<int64_t>(end - k));
+    }
+}
+
 bool Rows::set(int32_t slot, const Columns &columns, int32_t id, double value) {
     Chunk &chunk = chunks_[chunkat(slot)];
     const int32_t i = slot - chunk.first;

@@ -77,10 +77,12 @@ struct Chunk {
     void makeloose();
     void maketight();
     void set(int32_t i, int64_t k, double value); // 0 takes the k-th term away
-    void append(int32_t i, int32_t id, double value);
+    // Everything that setting terms of row i and appending n to it needs memory for.
+    void prepare(int32_t i, int64_t n);
+    void append(int32_t i, int32_t id, double value); // n times at most since prepare
 
   private:
-    void moverow(int32_t i);
+    void moverow(int32_t i, int64_t n);
 };
 
 // Finds duplicates within one row: where each variable was met last, counted over all rows since the array was cleared.
@@ -113,7 +115,9 @@ class Rows {
     Row row(int32_t slot) const;
     // Position of the term in its row, -1 where there is none.
     static int64_t find(const Row &row, int32_t id);
-    // One coefficient; false if it already had this value.
+    // The part of setting these coefficients that needs memory; it changes nothing that shows.
+    void prepareset(int64_t n, const int32_t *rowids, const int32_t *vars, const double *values);
+    // One coefficient that was prepared; false if it already had this value.
     bool set(int32_t slot, const Columns &columns, int32_t id, double value);
     // Terms in the rows of the model.
     int64_t nonzeros(const Columns &columns) const;

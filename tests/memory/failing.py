@@ -1,0 +1,99 @@
+"""Makes this package's requests for memory fail, one after the other, in operations that are given by a table.
+
+An operation is `name: (prepare, operate)`. prepare() makes the operands, a list; operate(*operands) runs with the
+failure and ends in MemoryError or in what it gives without one. `state(operands)` says what must then be as before,
+and `outcome(result, operands)` what must be equal whether or not a failure came first.Further words of a row
+say what it need not do, see below.
+"""
+
+import ctypes
+import gc
+import subprocess
+import sysconfig
+import tempfile
+from pathlib import Path
+
+from tarvopy import _core
+
+# Enough for every table here; an operation that asks for more is not met to its end, which is an error.
+LIMIT = 5000
+
+ONCE = "cannot be tried again, or has other ids then"
+PARTLY = "may stop between two elements"
+ALONE = "needs memory to take back what it did, so only one request fails"
+
+
+def _compiled(folder: str) -> ctypes.PyDLL:
+    source, library = Path(__file__).with_name("failing_allocations.cpp"), Path(folder) / "failing_allocations.so"
+    include = sysconfig.get_path("include")
+    subprocess.run(
+        ["c++", "-std=c++20", "-O1", "-g", "-fPIC", "-shared", f"-I{include}", str(source), "-o", str(library)],
+        check=True,
+    )
+    return ctypes.PyDLL(str(library))
+
+
+class Requests:
+    """The requests for memory of the libraries beside tarvopy._core."""
+
+    def __init__(self) -> None:
+        with tempfile.TemporaryDirectory() as folder:
+            self.library = _compiled(folder)
+        self.replaced = self.library.install(str(Path(_core.__file__).parent).encode())
+        assert self.replaced > 0, "no library was found"
+
+    def fail(self, operate, operands, number: int, forever: bool):
+        """(what was returned or raised, how many requests failed)."""
+        self.library.arm(ctypes.c_long(number), forever)
+        try:
+            result = operate(*operands)
+        except Exception as error:
+            failed = self.library.disarm()
+            return error.with_traceback(None), failed
+        return result, self.library.disarm()
+
+
+def difference(now: str, then: str) -> str:
+    """Where two texts part."""
+    same = next((i for i, (a, b) in enumerate(zip(now, then, strict=False)) if a != b), min(len(now), len(then)))
+    at = max(same - 60, 0)
+    return f"...{now[at : at + 160]}... was ...{then[at : at + 160]}..."
+
+
+def walk(requests: Requests, prepare, operate, state, outcome, *words: str) -> int:
+    """Runs the operation with each of its requests failing in turn, alone and with all that come after it; returns how
+    many there are. Raises AssertionError at what must not be."""
+    operands = prepare()
+    expected = outcome(operate(*operands), operands)
+    for number in range(1, LIMIT):
+        for forever in (False,) if ALONE in words else (False, True):
+            operands = prepare()
+            before = state(operands)
+            result, failed = requests.fail(operate, operands, number, forever)
+            if not failed:
+                return number - 1
+            where = f"request {number}{' and later' if forever else ''}"
+            if isinstance(result, Exception):
+                assert isinstance(result, MemoryError), f"{where}: {result!r}"
+                assert PARTLY in words or state(operands) == before, f"{where}: {difference(state(operands), before)}"
+                if {ONCE, PARTLY} & set(words):
+                    continue
+                result = operate(*operands)
+            met = outcome(result, operands)
+            assert met == expected, f"{where}: {difference(met, expected)}"
+    raise AssertionError(f"more than {LIMIT} requests")
+
+
+def run(table, state, outcome) -> None:
+    """Walks through the table; the name of each operation is printed before it runs, so that a crash has a name."""
+    requests = Requests()
+    faults = 0
+    for name, (prepare, operate, *words) in table.items():
+        print(name, end=" ", flush=True)
+        try:
+            print(walk(requests, prepare, operate, state, outcome, *words), flush=True)
+        except Exception as error:
+            faults += 1
+            print("FAULT", repr(error), flush=True)
+        gc.collect()
+    assert not faults, f"{faults} operations"

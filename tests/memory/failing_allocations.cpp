@@ -1,0 +1,325 @@
+// Makes requests for memory fail, in the libraries of one folder only: the next but n, or that one and all after it.
+//
+//   install(folder)      once; afterwards  arm(n, forever)  ...  disarm()  on the thread that is to meet the failures
+//
+// NumPy, SciPy and CPython do not survive every failure of their own, so the allocator as a whole cannot be made to
+// fail. Instead the table through which a library calls other libraries (its global offset table) is rewritten for the
+// functions below: only what the library itself asks for passes here. A call into Python's C API counts as a request,
+// as each of them may end in MemoryError.
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <dlfcn.h>
+#include <link.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+thread_local bool armed = false, forever = false;
+thread_local long countdown = 0, seen = 0, failed = 0;
+
+bool refuse() {
+    if (!armed)
+        return false;
+    seen++;
+    if (--countdown > 0 || (countdown < 0 && !forever))
+        return false;
+    failed++;
+    return true;
+}
+
+// ---- the C and C++ heaps
+// ---------------------------------------------------------------------------------------------
+void *failing_malloc(size_t bytes) {
+    return refuse() ? nullptr : std::malloc(bytes);
+}
+void *failing_calloc(size_t n, size_t bytes) {
+    return refuse() ? nullptr : std::calloc(n, bytes);
+}
+void *failing_realloc(void *block, size_t bytes) {
+    return refuse() ? nullptr : std::realloc(block, bytes);
+}
+void *failing_mmap(void *at, size_t bytes, int protection, int flags, int file, off_t offset) {
+    return refuse() ? MAP_FAILED : mmap(at, bytes, protection, flags, file, offset);
+}
+void *failing_mremap(void *old, size_t before, size_t bytes, int flags) {
+    return refuse() ? MAP_FAILED : mremap(old, before, bytes, flags);
+}
+void *failing_new(size_t bytes) {
+    if (refuse())
+        throw std::bad_alloc();
+    return ::operator new(bytes);
+}
+void *failing_new_array(size_t bytes) {
+    if (refuse())
+        throw std::bad_alloc();
+    return ::operator new[](bytes);
+}
+
+// ---- Python's C API
+// --------------------------------------------------------------------------------------------------
+void *failing_raw(size_t bytes) {
+    return refuse() ? nullptr : PyObject_Malloc(bytes);
+}
+PyObject *failing_float(double value) {
+    return refuse() ? PyErr_NoMemory() : PyFloat_FromDouble(value);
+}
+char *failing_double_text(double value, char format, int precision, int flags, int *type) {
+    return refuse() ? reinterpret_cast<char *>(PyErr_NoMemory())
+                    : PyOS_double_to_string(value, format, precision, flags, type);
+}
+PyObject *failing_format(const char *format, ...) {
+    if (refuse())
+        return PyErr_NoMemory();
+    va_list arguments;
+    va_start(arguments, format);
+    PyObject *text = PyUnicode_FromFormatV(format, arguments);
+    va_end(arguments);
+    return text;
+}
+PyObject *failing_build(const char *format, ...) {
+    if (refuse())
+        return PyErr_NoMemory();
+    va_list arguments;
+    va_start(arguments, format);
+    PyObject *value = Py_VaBuildValue(format, arguments);
+    va_end(arguments);
+    return value;
+}
+PyObject *failing_pack(Py_ssize_t n, ...) {
+    PyObject *tuple = refuse() ? PyErr_NoMemory() : PyTuple_New(n);
+    if (!tuple)
+        return nullptr;
+    va_list arguments;
+    va_start(arguments, n);
+    for (Py_ssize_t i = 0; i < n; i++)
+        PyTuple_SET_ITEM(tuple, i, Py_NewRef(va_arg(arguments, PyObject *)));
+    va_end(arguments);
+    return tuple;
+}
+std::vector<PyObject *> listed(va_list arguments) {
+    std::vector<PyObject *> all;
+    while (PyObject *argument = va_arg(arguments, PyObject *))
+        all.push_back(argument);
+    return all;
+}
+PyObject *failing_call(PyObject *callable, ...) {
+    if (refuse())
+        return PyErr_NoMemory();
+    va_list arguments;
+    va_start(arguments, callable);
+    const std::vector<PyObject *> all = listed(arguments);
+    va_end(arguments);
+    return PyObject_Vectorcall(callable, all.data(), all.size(), nullptr);
+}
+PyObject *failing_method(PyObject *object, PyObject *name, ...) {
+    if (refuse())
+        return PyErr_NoMemory();
+    va_list arguments;
+    va_start(arguments, name);
+    std::vector<PyObject *> all = listed(arguments);
+    va_end(arguments);
+    all.insert(all.begin(), object);
+    return PyObject_VectorcallMethod(name, all.data(), all.size(), nullptr);
+}
+
+// Functions that take up to six pointers or whole numbers, which travel alike. First those that return NULL with an
+// error, then, from `statuses` on, those that return -1 with one.
+constexpr const char *plain[] = {"_PyObject_New",
+                                 "_PyObject_GC_New",
+                                 "PyList_New",
+                                 "PyList_AsTuple",
+                                 "PyList_GetSlice",
+                                 "PyTuple_New",
+                                 "PyTuple_GetSlice",
+                                 "PyDict_New",
+                                 "PyDict_Copy",
+                                 "PyDict_Keys",
+                                 "PyLong_FromLong",
+                                 "PyLong_FromLongLong",
+                                 "PyLong_FromSsize_t",
+                                 "PyLong_FromSize_t",
+                                 "PyUnicode_FromString",
+                                 "PyUnicode_FromStringAndSize",
+                                 "PyUnicode_InternFromString",
+                                 "PyUnicode_DecodeUTF8",
+                                 "PyUnicode_Join",
+                                 "PyUnicode_Substring",
+                                 "PyUnicode_FromFormatV",
+                                 "PyUnicode_AsUTF8",
+                                 "PyUnicode_AsUTF8AndSize",
+                                 "PyCapsule_New",
+                                 "PySlice_New",
+                                 "PySeqIter_New",
+                                 "PyObject_GetIter",
+                                 "PyObject_Str",
+                                 "PyObject_Repr",
+                                 "PyObject_Format",
+                                 "PyObject_GetAttr",
+                                 "PyObject_GetAttrString",
+                                 "PyObject_GetItem",
+                                 "PyObject_Call",
+                                 "PyObject_CallOneArg",
+                                 "PyObject_CallNoArgs",
+                                 "PyObject_Vectorcall",
+                                 "PyObject_VectorcallMethod",
+                                 "PySequence_List",
+                                 "PySequence_Tuple",
+                                 "PySequence_Fast",
+                                 "PySequence_GetItem",
+                                 "PyNumber_Add",
+                                 "PyNumber_Subtract",
+                                 "PyNumber_Multiply",
+                                 "PyNumber_TrueDivide",
+                                 "PyNumber_Power",
+                                 "PyNumber_InPlaceAdd",
+                                 "PyNumber_InPlaceMultiply",
+                                 "PyNumber_MatrixMultiply",
+                                 "PyNumber_Index",
+                                 "PyType_GenericNew",
+                                 "PyCMethod_New",
+                                 "PyList_Append",
+                                 "PyList_Extend",
+                                 "PyList_SetSlice",
+                                 "PyDict_SetItem",
+                                 "PyDict_SetItemString",
+                                 "PyDict_Update",
+                                 "PyDict_Merge",
+                                 "PyObject_SetAttr",
+                                 "PyObject_SetItem"};
+constexpr size_t functions = std::size(plain), statuses = functions - 9;
+std::array<void *, functions> originals;
+
+template <size_t K> void *failing_plain(void *a, void *b, void *c, void *d, void *e, void *f) {
+    if (refuse()) {
+        PyErr_NoMemory();
+        return reinterpret_cast<void *>(K < statuses ? 0L : -1L);
+    }
+    using Function = void *(*)(void *, void *, void *, void *, void *, void *);
+    return reinterpret_cast<Function>(originals[K])(a, b, c, d, e, f);
+}
+
+struct Hook {
+    std::string name;
+    void *replacement;
+};
+
+template <class Function> void *address(Function *function) {
+    return reinterpret_cast<void *>(function);
+}
+
+template <size_t... K> void add_plain(std::vector<Hook> &hooks, std::index_sequence<K...>) {
+    ((originals[K] = dlsym(RTLD_DEFAULT, plain[K]),
+      originals[K] ? hooks.push_back({plain[K], address(failing_plain<K>)}) : void()),
+     ...);
+}
+
+std::vector<Hook> all_hooks() {
+    std::vector<Hook> hooks = {{"malloc", address(failing_malloc)},
+                               {"calloc", address(failing_calloc)},
+                               {"realloc", address(failing_realloc)},
+                               {"mmap", address(failing_mmap)},
+                               {"mremap", address(failing_mremap)},
+                               {"_Znwm", address(failing_new)},
+                               {"_Znam", address(failing_new_array)},
+                               {"PyObject_Malloc", address(failing_raw)},
+                               {"PyFloat_FromDouble", address(failing_float)},
+                               {"PyOS_double_to_string", address(failing_double_text)},
+                               {"PyUnicode_FromFormat", address(failing_format)},
+                               {"Py_BuildValue", address(failing_build)},
+                               {"PyTuple_Pack", address(failing_pack)},
+                               {"PyObject_CallFunctionObjArgs", address(failing_call)},
+                               {"PyObject_CallMethodObjArgs", address(failing_method)}};
+    add_plain(hooks, std::make_index_sequence<functions>());
+    return hooks;
+}
+
+// ---- the tables of a library
+// -----------------------------------------------------------------------------------------
+struct Search {
+    const char *folder;
+    std::vector<Hook> hooks;
+    int replaced;
+};
+
+void write_entry(ElfW(Addr) place, void *value) {
+    const auto page = static_cast<ElfW(Addr)>(sysconf(_SC_PAGESIZE));
+    const ElfW(Addr) first = place / page * page;
+    if (mprotect(reinterpret_cast<void *>(first), place + sizeof(void *) - first, PROT_READ | PROT_WRITE) == 0)
+        *reinterpret_cast<void **>(place) = value;
+}
+
+void replace(Search &search, ElfW(Addr) base, const ElfW(Rela) * entries, size_t n, const ElfW(Sym) * symbols,
+             const char *text) {
+    for (size_t i = 0; i < n; i++) {
+        const auto kind = ELF64_R_TYPE(entries[i].r_info);
+        if (kind != R_X86_64_JUMP_SLOT && kind != R_X86_64_GLOB_DAT)
+            continue;
+        const char *name = text + symbols[ELF64_R_SYM(entries[i].r_info)].st_name;
+        for (const Hook &hook : search.hooks)
+            if (hook.name == name) {
+                write_entry(base + entries[i].r_offset, hook.replacement);
+                search.replaced++;
+            }
+    }
+}
+
+int visit(dl_phdr_info *library, size_t, void *argument) {
+    auto &search = *static_cast<Search *>(argument);
+    if (!std::strstr(library->dlpi_name, search.folder))
+        return 0;
+    const ElfW(Dyn) *dynamic = nullptr;
+    for (int i = 0; i < library->dlpi_phnum; i++)
+        if (library->dlpi_phdr[i].p_type == PT_DYNAMIC)
+            dynamic = reinterpret_cast<const ElfW(Dyn) *>(library->dlpi_addr + library->dlpi_phdr[i].p_vaddr);
+    ElfW(Addr) found[DT_NUM] = {};
+    for (; dynamic && dynamic->d_tag != DT_NULL; dynamic++)
+        if (dynamic->d_tag < DT_NUM)
+            found[dynamic->d_tag] = dynamic->d_un.d_ptr;
+    const auto *symbols = reinterpret_cast<const ElfW(Sym) *>(found[DT_SYMTAB]);
+    const auto *text = reinterpret_cast<const char *>(found[DT_STRTAB]);
+    const auto entries = [&](int table, int bytes) {
+        replace(search, library->dlpi_addr, reinterpret_cast<const ElfW(Rela) *>(found[table]),
+                found[bytes] / sizeof(ElfW(Rela)), symbols, text);
+    };
+    entries(DT_JMPREL, DT_PLTRELSZ);
+    entries(DT_RELA, DT_RELASZ);
+    return 0;
+}
+
+} // namespace
+
+// Returns how many entries of tables were replaced; a library that is loaded later is not met.
+extern "C" int install(const char *folder) {
+    Search search{folder, all_hooks(), 0};
+    dl_iterate_phdr(visit, &search);
+    return search.replaced;
+}
+
+// Request number n from here (counted from 1) fails, and with `on` every later one.
+extern "C" void arm(long n, int on) {
+    countdown = n;
+    forever = on != 0;
+    seen = failed = 0;
+    armed = true;
+}
+
+// Returns how many requests failed.
+extern "C" long disarm() {
+    armed = false;
+    return failed;
+}
+
+extern "C" long requests() {
+    return seen;
+}

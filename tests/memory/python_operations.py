@@ -1,0 +1,207 @@
+"""Failing requests for memory in the Python names: scalars, expressions, arrays, models. Run as a program: a crash ends
+it and not the tests. With the word eager matrix objects make their elements at once."""
+
+import sys
+
+import numpy as np
+import scipy.sparse as sp
+
+import tarvopy as tv
+from memory.failing import ALONE, ONCE, PARTLY, run
+from tarvopy import TRV, _debug, genfunc, nlfunc
+from tarvopy._core import LinExpr, QuadExpr
+
+N = 6
+NUMBERS = np.arange(N) + 0.5
+MATRIX = np.arange(float(N * N)).reshape(N, N) % 5
+SPARSE = sp.csr_array(MATRIX)
+
+
+def fresh():
+    m = tv.Model("a model")
+    m.params.LogLevel = 0
+    return m
+
+
+def scalars():
+    """A model, three variables, a linear, a quadratic and a nonlinear expression."""
+    m = fresh()
+    x, y, z = (m.addVar(name=f"variable {i}") for i in range(3))
+    m.update()
+    return [m, x, y, z, 2 * x + y + 1, x * y + 2 * z * z + y, nlfunc.sin(x * y) + z]
+
+
+def arrays():
+    """A model, its variables, linear, quadratic and nonlinear arrays of one shape."""
+    m = fresh()
+    x = m.addMVar(N, name="x")
+    m.update()
+    return [m, x, 2 * x + 1, x * x + x, nlfunc.exp(x) + x]
+
+
+def used():
+    """The same after their element objects were looked at."""
+    operands = arrays()
+    for array in operands[1:]:
+        list(array)
+    return operands
+
+
+def built():
+    m = fresh()
+    x = m.addMVar(N, ub=5.0, name="x")
+    rows = m.addConstr(MATRIX @ x <= NUMBERS, name="rows")
+    quadratic = m.addConstr(x[0] * x[0] + x[1] <= 4, name="quadratic")
+    m.setObjective(x @ x - x.sum())
+    m.update()
+    return [m, x, rows, quadratic]
+
+
+def said(value):
+    """Text that tells values apart: of an array its elements, of a model what it holds."""
+    if isinstance(value, tv.Model):
+        counts = [value.getAttr(name) for name in ("NumVars", "NumConstrs", "NumQConstrs", "NumNLConstrs")]
+        rows = [(str(value.getRow(c)), c.RHS, c.Sense, c.ConstrName) for c in value.getConstrs()]
+        columns = [(v.VarName, v.LB, v.UB, v.Obj, v.VType, v.index) for v in value.getVars()]
+        return f"{counts} {columns} {rows} {value.ModelSense}"
+    if isinstance(value, (list, tuple)):
+        return [said(item) for item in value]
+    if sp.issparse(value):
+        return repr(value.toarray().tolist())
+    return f"{type(value).__name__} {value}".replace("  >", ">")  # two blanks: the compact form, which may become full
+
+
+def state(operands):
+    return str([said(value) for value in operands])
+
+
+def outcome(result, operands):
+    before = state(operands)
+    operands[0].update()
+    return f"{said(result)} {before} {said(operands[0])}"
+
+
+def inplace(name):
+    def operate(left, right):
+        return getattr(left, name)(right)
+
+    return operate
+
+
+SCALARS = {
+    "LinExpr": lambda m, x, y, z, e, q, f: [LinExpr(x), LinExpr([1.0, 2.0], [x, y]), LinExpr(e)],
+    "QuadExpr": lambda m, x, y, z, e, q, f: [QuadExpr(x), QuadExpr(q), QuadExpr(e)],
+    "sums": lambda m, x, y, z, e, q, f: [x + y, 1 + x, x - e, e + e, e - 2, q + x, q - e, q + q, f + x, f - q],
+    "products": lambda m, x, y, z, e, q, f: [2 * x, x * y, e * y, e * e, -q, q * 3, x**2, e**2, x / 2, e / 4],
+    "nonlinear products": lambda m, x, y, z, e, q, f: [q * x, f * e, x / y, f / q, x**3, 2**x, -f, x**y, q**2],
+    "functions": lambda m, x, y, z, e, q, f: [nlfunc.log(x), nlfunc.tanh(e), nlfunc.sqrt(q), nlfunc.exp(f)],
+    "comparisons": lambda m, x, y, z, e, q, f: [x <= y, e == 3, q >= x, f <= 2.0, e >= 3, f == q],
+    "texts": lambda m, x, y, z, e, q, f: [str(x), repr(e), str(q), repr(f), str(e <= 1), repr(q == 2), str(f >= 1)],
+    "terms": lambda m, x, y, z, e, q, f: [list(e.terms()), list(q.terms()), q.getLinExpr(), e.getConstant()],
+    "copies": lambda m, x, y, z, e, q, f: [e.copy(), q.copy(), f.copy()],
+    "attributes": lambda m, x, y, z, e, q, f: [x.VarName, x.LB, y.VType, x.getAttr("UB"), x.index],
+    "set a bound": lambda m, x, y, z, e, q, f: setattr(x, "LB", -3.0),
+    "set a name": lambda m, x, y, z, e, q, f: setattr(x, "VarName", "another name" * 3),
+    "quicksum": lambda m, x, y, z, e, q, f: [tv.quicksum([x, y, e, 3]), tv.quicksum([x, q]), tv.quicksum([f, x, q])],
+    "add": lambda m, x, y, z, e, q, f: e.add(x, 2.0),
+    "addTerms": lambda m, x, y, z, e, q, f: e.addTerms([1.0, 2.0, 3.0], [x, y, z]),
+    "addTerms quadratic": lambda m, x, y, z, e, q, f: q.addTerms([1.0, 2.0], [x, y], [z, z]),
+    "addVar": lambda m, x, y, z, e, q, f: m.addVar(lb=1.0, ub=2.0, obj=3.0, vtype="I", name="a variable's name"),
+    "addConstr": lambda m, x, y, z, e, q, f: m.addConstr(e <= 3, name="the name of a row"),
+    "addConstr quadratic": lambda m, x, y, z, e, q, f: m.addConstr(q <= 3, name="the name of a row"),
+    "addConstr nonlinear": lambda m, x, y, z, e, q, f: m.addConstr(f <= 3, name="the name of a row"),
+    "setObjective": lambda m, x, y, z, e, q, f: m.setObjective(q, TRV.MAXIMIZE),
+    "setObjective nonlinear": lambda m, x, y, z, e, q, f: m.setObjective(f),
+    "model": lambda m, x, y, z, e, q, f: tv.Model("another"),
+    "getVars": lambda m, x, y, z, e, q, f: [m.getVars(), m.getVarByName("variable 1")],
+    "remove a variable": lambda m, x, y, z, e, q, f: m.remove(y),
+}
+INPLACE = {
+    "e += x": lambda m, x, y, z, e, q, f: inplace("__iadd__")(e, x),
+    "e -= e": lambda m, x, y, z, e, q, f: inplace("__isub__")(e, 3 * x - y),
+    "e *= 2": lambda m, x, y, z, e, q, f: inplace("__imul__")(e, 2.0),
+    "q += q": lambda m, x, y, z, e, q, f: inplace("__iadd__")(q, x * z + y),
+    "f += q": lambda m, x, y, z, e, q, f: inplace("__iadd__")(f, q),
+    "f *= e": lambda m, x, y, z, e, q, f: inplace("__imul__")(f, e),
+}
+ARRAYS = {
+    "sums": lambda m, x, e, q, f: [x + 1, x + x, e + x, e - NUMBERS, q + e, q - 1, f + x, f - q, NUMBERS + x],
+    "products": lambda m, x, e, q, f: [2 * x, NUMBERS * e, x * x, e * x, -q, q / 2, x**2, e**2],
+    "nonlinear products": lambda m, x, e, q, f: [q * x, f * e, x / e, f / q, x**3, 2**x, -f, x**x],
+    "functions": lambda m, x, e, q, f: [nlfunc.log(x), nlfunc.tanh(e), nlfunc.sqrt(q), nlfunc.exp(f)],
+    "matrix products": lambda m, x, e, q, f: [MATRIX @ x, SPARSE @ x, e @ MATRIX, x @ SPARSE, x @ x, SPARSE @ e],
+    "quadratic products": lambda m, x, e, q, f: [x @ MATRIX @ x, MATRIX @ q, q @ SPARSE, e @ x, SPARSE @ q],
+    "nonlinear matrix products": lambda m, x, e, q, f: [MATRIX @ f, f @ SPARSE, f @ x],
+    "broadcast": lambda m, x, e, q, f: [x[:, None] + x, e[:, None] * NUMBERS, q + MATRIX, f[:, None] + x],
+    "reductions": lambda m, x, e, q, f: [x.sum(), e.sum(axis=0), q.sum(), f.sum()],
+    "indexing": lambda m, x, e, q, f: [x[1:3], e[::2], q[[0, 2]], f[-1], x[0], e[1], q[2], x[NUMBERS > 2]],
+    "shapes": lambda m, x, e, q, f: [x.reshape(2, 3).T, x[:, None].diagonal(), e.copy(), q.copy(), f.copy()],
+    "joins": lambda m, x, e, q, f: [
+        tv.concatenate([x, e]),
+        tv.hstack([x, x]),
+        tv.vstack([e, q]),
+        tv.concatenate([q, f]),
+    ],
+    "elements": lambda m, x, e, q, f: [x.tolist(), list(e), list(q), list(f)],
+    "texts": lambda m, x, e, q, f: [str(x), repr(e), str(q), repr(f)],
+    "comparisons": lambda m, x, e, q, f: [x <= 1, e == NUMBERS, q <= x, f >= 2, x <= NUMBERS, MATRIX @ x == NUMBERS],
+    "attributes": lambda m, x, e, q, f: [x.LB, x.VarName, x.VType, x.getAttr("UB")],
+    "set attributes": lambda m, x, e, q, f: [setattr(x, "UB", NUMBERS)],
+    "set names": lambda m, x, e, q, f: [setattr(x, "VarName", [f"a rather long name {i}" for i in range(N)])],
+    "addMVar": lambda m, x, e, q, f: m.addMVar((2, 3), lb=-1.0, ub=[1, 2, 3], obj=1.0, name="another"),
+    "addConstr": lambda m, x, e, q, f: m.addConstr(MATRIX @ x <= NUMBERS, name="rows"),
+    "addConstr sparse": lambda m, x, e, q, f: m.addConstr(SPARSE @ x + e <= NUMBERS, name="rows"),
+    "addConstr quadratic": lambda m, x, e, q, f: m.addConstr(q <= NUMBERS, name="rows"),
+    "addConstr nonlinear": lambda m, x, e, q, f: m.addConstr(f <= NUMBERS, name="rows"),
+    "setObjective": lambda m, x, e, q, f: m.setObjective(q.sum()),
+    "setObjective nonlinear": lambda m, x, e, q, f: m.setObjective(f.sum()),
+    "addConstr general": lambda m, x, e, q, f: m.addConstr(x[0] == genfunc.max(x[1:], 3.0), name="general"),
+    "addConstr pieces": lambda m, x, e, q, f: m.addConstr(x[:3] == genfunc.pwl(x[3:], [0, 1, 2], [0, 1, 4])),
+    "addSOS": lambda m, x, e, q, f: m.addSOS(1, x),
+    "addRange": lambda m, x, e, q, f: m.addRange(e, -1.0, NUMBERS + 2),
+}
+ASSIGNMENTS = {
+    "e += x": lambda m, x, e, q, f: inplace("__iadd__")(e, x),
+    "e -= numbers": lambda m, x, e, q, f: inplace("__isub__")(e, NUMBERS),
+    "e *= numbers": lambda m, x, e, q, f: inplace("__imul__")(e, NUMBERS),
+    "q += e": lambda m, x, e, q, f: inplace("__iadd__")(q, e),
+    "q *= 2": lambda m, x, e, q, f: inplace("__imul__")(q, 2.0),
+    "f += q": lambda m, x, e, q, f: inplace("__iadd__")(f, q),
+    "f *= x": lambda m, x, e, q, f: inplace("__imul__")(f, x),
+    "e[i] = x": lambda m, x, e, q, f: e.__setitem__(slice(1, 3), x[:2]),
+    "q[i] = e": lambda m, x, e, q, f: q.__setitem__(slice(1, 3), e[:2]),
+    "f[i] = q": lambda m, x, e, q, f: f.__setitem__(slice(1, 3), q[:2]),
+}
+MODELS = {
+    "update": lambda m, x, rows, quadratic: m.update(),
+    "getA": lambda m, x, rows, quadratic: m.getA(),
+    "attributes of rows": lambda m, x, rows, quadratic: [rows.RHS, rows.Sense, rows.ConstrName, quadratic.QRHS],
+    "getRow": lambda m, x, rows, quadratic: [m.getRow(rows[0]), m.getConstrs(), m.getA()],
+    "remove": lambda m, x, rows, quadratic: m.remove(rows),
+    "remove variables": lambda m, x, rows, quadratic: m.remove(x[2:4]),
+    "setCoeff": lambda m, x, rows, quadratic: m.setCoeff(rows[0], x[0], 9.0),
+    "relax": lambda m, x, rows, quadratic: m.relax(),
+    "prepare": lambda m, x, rows, quadratic: str(m.prepare()),
+}
+
+GROUPS = {
+    "scalars": (scalars, SCALARS),
+    "scalars in place": (scalars, INPLACE),
+    "arrays": (arrays, ARRAYS),
+    "arrays with objects": (used, ARRAYS),
+    "arrays in place": (arrays, ASSIGNMENTS, PARTLY),
+    "arrays with objects in place": (used, ASSIGNMENTS, PARTLY),
+    "models": (built, MODELS),
+}
+
+TABLE = {
+    f"{group}: {name}": (prepare, operate, *words, *((ONCE, ALONE) if name.startswith("add") else ()))
+    for group, (prepare, operations, *words) in GROUPS.items()
+    for name, operate in operations.items()
+}
+
+if __name__ == "__main__":
+    words = sys.argv[1:]
+    _debug.eager("eager" in words)
+    wanted = set(words) - {"eager"} or {name.split(":")[0] for name in TABLE}
+    run({name: row for name, row in TABLE.items() if wanted & {name, name.split(":")[0]}}, state, outcome)
