@@ -136,12 +136,7 @@ int TRVaddrows(TRVmodel *model, int64_t nrows, const int64_t *ptr, const int32_t
 }
 
 int TRVsetobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, double constant, int sense) {
-    return border(model, [&] {
-        requirecount("terms", n);
-        requirepointer("variables of terms", var, n);
-        requirepointer("coefficients", coef, n);
-        model->setobjective(n, var, coef, {}, {}, constant, sense);
-    });
+    return border(model, [&] { model->setobjective(n, var, coef, {}, {}, constant, sense); });
 }
 
 int TRVremove(TRVmodel *model, int kind, int64_t n, const int32_t *ids) {

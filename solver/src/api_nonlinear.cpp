@@ -62,13 +62,6 @@ int TRVsetnlobjective(TRVmodel *model, int64_t n, const int32_t *var, const doub
                       const int32_t *var1, const int32_t *var2, const double *qcoef, const TRVnltape *tape,
                       double constant, int sense) {
     return border(model, [&] {
-        requirecount("terms", n);
-        requirepointer("variables of terms", var, n);
-        requirepointer("coefficients", coef, n);
-        requirecount("quadratic terms", nq);
-        requirepointer("first variables of quadratic terms", var1, nq);
-        requirepointer("second variables of quadratic terms", var2, nq);
-        requirepointer("coefficients of quadratic terms", qcoef, nq);
         requiretape(tape);
         QuadTerms quadratic = sortedpairs(model->columns.ids, nq, var1, var2, qcoef);
         NlObjective nonlinear(model->columns, *tape);

@@ -7,13 +7,6 @@ using namespace store;
 int TRVsetqobjective(TRVmodel *model, int64_t n, const int32_t *var, const double *coef, int64_t nq,
                      const int32_t *var1, const int32_t *var2, const double *qcoef, double constant, int sense) {
     return border(model, [&] {
-        requirecount("terms", n);
-        requirepointer("variables of terms", var, n);
-        requirepointer("coefficients", coef, n);
-        requirecount("quadratic terms", nq);
-        requirepointer("first variables of quadratic terms", var1, nq);
-        requirepointer("second variables of quadratic terms", var2, nq);
-        requirepointer("coefficients of quadratic terms", qcoef, nq);
         QuadTerms quadratic = sortedpairs(model->columns.ids, nq, var1, var2, qcoef);
         model->setobjective(n, var, coef, std::move(quadratic), {}, constant, sense);
     });

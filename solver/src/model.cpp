@@ -227,6 +227,9 @@ void TRVmodel::replacetape(NlObjective &&nonlinear) noexcept {
 
 void TRVmodel::setobjective(int64_t n, const int32_t *var, const double *coef, QuadTerms &&quadratic,
                             NlObjective &&nonlinear, double constant, int newsense) {
+    requirecount("terms", n);
+    requirepointer("variables of terms", var, n);
+    requirepointer("coefficients", coef, n);
     if (newsense != TRV_MINIMIZE && newsense != TRV_MAXIMIZE && newsense != 0)
         failf(TRV_ERROR_INVALID_ARGUMENT, "sense %d is not 1 (minimize), -1 (maximize) or 0 (as it is)", newsense);
     if (!isfinite(constant))

@@ -258,6 +258,10 @@ int64_t tidypairs(const Registry &variables, PairMarker &marker, int64_t nrows, 
 
 QuadTerms sortedpairs(const Registry &variables, int64_t n, const int32_t *var1, const int32_t *var2,
                       const double *coef) {
+    requirecount("quadratic terms", n);
+    requirepointer("first variables of quadratic terms", var1, n);
+    requirepointer("second variables of quadratic terms", var2, n);
+    requirepointer("coefficients of quadratic terms", coef, n);
     requirepairs(variables, n, var1, var2, coef);
     if (!bycolumns(n, var1, var2) || anyzero(n, coef))
         return sorted(variables, n, var1, var2, coef);
