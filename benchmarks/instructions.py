@@ -3,7 +3,8 @@
     python benchmarks/instructions.py [--renew]
 
 Prints a table; --renew writes the counts into instruction_budgets.json: after a change that is worth its cost, or one
-that made something cheaper. A count belongs to the compiler, the interpreter and NumPy, so renew with the build of `make test`:
+that made something cheaper. A count belongs to the compiler, the interpreter and NumPy, so renew with
+the build of `make test`:
 
     .venv/bin/python benchmarks/instructions.py --renew
 
