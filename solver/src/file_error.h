@@ -39,6 +39,9 @@ std::string shown(std::string_view text);
 // The same, whole: for paths.
 std::string in_quotes(std::string_view path);
 
+// For a byte below the blank that no line may hold.
+[[noreturn]] void refuse_control(char c);
+
 // "path, line 7: what"
 std::string placed(std::string_view path, std::int64_t line, std::string_view what);
 

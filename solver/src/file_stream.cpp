@@ -20,14 +20,22 @@ namespace {
 constexpr std::size_t kPiece = 1 << 20;
 constexpr std::size_t kLongestLine = 1 << 28; // noise without line ends must not eat the memory
 
+// An archive that unpacks to much more than this is none of a model (5 to 20 times is usual, 60 was seen), and ten
+// megabytes of it would fill any memory. Deflate ends at 1032.
+constexpr std::int64_t kMostUnpacked = 250, kUnpackedWithoutDoubt = 1 << 26;
+
 std::string reason(int error) {
     return std::generic_category().message(error);
 }
 
-// zlib puts the path before its messages, and so do we.
-std::string without(const std::string &path, std::string_view message) {
-    const std::string prefix = path + ": ";
-    return std::string(message.starts_with(prefix) ? message.substr(prefix.size()) : message);
+std::string no_file(mode_t mode) {
+    return S_ISDIR(mode) ? reason(EISDIR) : "it is a pipe or a device, not a file";
+}
+
+// zlib puts "<fd:3>: " before its messages.
+std::string_view without_descriptor(std::string_view message) {
+    const std::size_t colon = message.find(": ");
+    return message.starts_with('<') && colon != std::string_view::npos ? message.substr(colon + 2) : message;
 }
 
 } // namespace
@@ -38,12 +46,40 @@ bool ends_with_gz(std::string_view path) {
 
 // ---- reading --------------------------------------------------------------------------------------------------------
 
+namespace {
+
+// Of files alone: a pipe without a writer would be waited for, and none is read twice, as MPS may be (see read_mps); a
+// device may never end.
+int open_file(const std::string &path) {
+    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat status;
+    if (descriptor < 0 || fstat(descriptor, &status) != 0) {
+        throw FileError{TRV_ERROR_FILE, joined("cannot open ", in_quotes(path), ": ", reason(errno))};
+    }
+    if (!S_ISREG(status.st_mode)) {
+        close(descriptor);
+        throw FileError{TRV_ERROR_FILE, joined("cannot open ", in_quotes(path), ": ", no_file(status.st_mode))};
+    }
+    return descriptor;
+}
+
+void skip_byte_order_mark(std::string_view &line) {
+    if (line.starts_with("\xFF\xFE") || line.starts_with("\xFE\xFF")) {
+        throw LineError{"the file is UTF-16 text: UTF-8 is read"};
+    }
+    if (line.starts_with("\xEF\xBB\xBF")) {
+        line.remove_prefix(3);
+    }
+}
+
+} // namespace
+
 LineReader::LineReader(std::string path) : path_(std::move(path)), file_(nullptr), buffer_(kPiece) {
-    errno = 0;
-    file_ = gzopen(path_.c_str(), "rb");
+    const int descriptor = open_file(path_);
+    file_ = gzdopen(descriptor, "rb");
     if (file_ == nullptr) {
-        const int error = errno != 0 ? errno : ENOMEM;
-        throw FileError{TRV_ERROR_FILE, joined("cannot open ", in_quotes(path_), ": ", reason(error))};
+        close(descriptor);
+        throw FileError{TRV_ERROR_FILE, joined("cannot open ", in_quotes(path_), ": ", reason(ENOMEM))};
     }
     gzbuffer(file_, kPiece / 4);
 }
@@ -62,10 +98,7 @@ bool LineReader::refill() {
         begin_ = 0;
     }
     if (end_ == buffer_.size()) {
-        if (buffer_.size() >= kLongestLine) {
-            ++number_;
-            throw LineError{joined("longer than ", std::to_string(kLongestLine), " bytes")};
-        }
+        check_long_line();
         buffer_.resize(buffer_.size() * 2);
     }
     errno = 0;
@@ -75,12 +108,30 @@ bool LineReader::refill() {
     const int system_error = errno;
     const char *message = gzerror(file_, &status);
     if (got < 0 || (status != Z_OK && status != Z_STREAM_END)) {
-        throw FileError{TRV_ERROR_FILE, joined("cannot read ", in_quotes(path_), ": ",
-                                               status == Z_ERRNO ? reason(system_error) : without(path_, message))};
+        throw FileError{TRV_ERROR_FILE,
+                        joined("cannot read ", in_quotes(path_), ": ",
+                               status == Z_ERRNO ? reason(system_error) : std::string(without_descriptor(message)))};
     }
     at_end_ = got < wanted;
     end_ += static_cast<std::size_t>(got);
+    unpacked_ += got;
+    if (unpacked_ > kUnpackedWithoutDoubt && unpacked_ / kMostUnpacked > gzoffset(file_)) {
+        throw FileError{TRV_ERROR_FILE, joined("cannot read ", in_quotes(path_), ": it unpacks to more than ",
+                                               std::to_string(kMostUnpacked), " times its size, as no model does")};
+    }
     return true;
+}
+
+// Before more room is made for it. A zero byte is looked for here because empty disk blocks have nothing else.
+void LineReader::check_long_line() {
+    if (std::memchr(buffer_.data(), '\0', end_) != nullptr) {
+        ++number_;
+        refuse_control('\0');
+    }
+    if (buffer_.size() >= kLongestLine) {
+        ++number_;
+        throw LineError{joined("longer than ", std::to_string(kLongestLine), " bytes")};
+    }
 }
 
 bool LineReader::next(std::string_view &line) {
@@ -104,7 +155,9 @@ bool LineReader::next(std::string_view &line) {
             break;
         }
     }
-    ++number_;
+    if (++number_ == 1) {
+        skip_byte_order_mark(line);
+    }
     if (line.ends_with('\r')) {
         line.remove_suffix(1);
     }
@@ -128,9 +181,13 @@ FileWriter::FileWriter(const std::string &path) : path_(path), target_(path), bu
     if (!missing) {
         target_ = real.string();
     }
-    open_temporary();
     struct stat old;
-    if (stat(target_.c_str(), &old) == 0 && fchmod(descriptor_, old.st_mode & 07777) != 0) {
+    const bool exists = stat(target_.c_str(), &old) == 0;
+    if (exists) {
+        check_replaceable(old.st_mode);
+    }
+    open_temporary();
+    if (exists && fchmod(descriptor_, old.st_mode & 07777) != 0) {
         const int error = errno;
         discard();
         refuse(error);
@@ -144,10 +201,23 @@ FileWriter::FileWriter(const std::string &path) : path_(path), target_(path), bu
     }
 }
 
-// Not mkstemp, which makes private files: this one gets the rights that the user's umask gives to any new file.
+// A new file takes the place of the old one, which asks for no right to write the old one: so that is asked here. Of a
+// pipe or a device (/dev/full) the name itself would be lost.
+void FileWriter::check_replaceable(mode_t mode) const {
+    if (!S_ISREG(mode)) {
+        throw FileError{TRV_ERROR_FILE, joined("cannot write ", in_quotes(path_), ": ", no_file(mode))};
+    }
+    if (access(target_.c_str(), W_OK) != 0) {
+        refuse(errno);
+    }
+}
+
+// Not mkstemp, which makes private files: this one gets the rights that the user's umask gives to any new file. Its
+// name is not made of the target's, which may be as long as names can be.
 void FileWriter::open_temporary() {
+    const std::string folder = target_.substr(0, target_.rfind('/') + 1);
     for (int attempt = 0; descriptor_ < 0; ++attempt) {
-        temporary_ = joined(target_, ".", std::to_string(getpid()), "-", std::to_string(attempt), ".tmp");
+        temporary_ = joined(folder, ".tarvo-", std::to_string(getpid()), "-", std::to_string(attempt), ".tmp");
         descriptor_ = open(temporary_.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666);
         if (descriptor_ < 0 && (errno != EEXIST || attempt == 1000)) {
             refuse(errno);

@@ -9,6 +9,8 @@
 #ifndef TARVO_FILE_STREAM_H
 #define TARVO_FILE_STREAM_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -32,7 +34,8 @@ class LineReader {
     LineReader(const LineReader &) = delete;
     LineReader &operator=(const LineReader &) = delete;
 
-    // False at the end. The line is without its end, "\n" or "\r\n"; a last line needs none.
+    // False at the end. The line is without its end, "\n" or "\r\n" (a last line needs none), and the first one
+    // without a byte order mark.
     bool next(std::string_view &line);
     std::int64_t number() const { return number_; } // of the last line, from 1
     const std::string &path() const { return path_; }
@@ -41,12 +44,13 @@ class LineReader {
 
   private:
     bool refill();
+    void check_long_line();
 
     std::string path_;
     gzFile_s *file_;
     std::vector<char> buffer_;
     std::size_t begin_ = 0, end_ = 0;
-    std::int64_t number_ = 0;
+    std::int64_t number_ = 0, unpacked_ = 0;
     bool at_end_ = false;
 };
 
@@ -72,6 +76,7 @@ class FileWriter {
   private:
     // A call for each 64 KB costs next to nothing, and small models should not pay for more room.
     static constexpr std::size_t kRoom = 1 << 16;
+    void check_replaceable(mode_t mode) const;
     void open_temporary();
     void discard();
     void put_slowly(std::string_view text);

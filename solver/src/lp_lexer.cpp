@@ -135,9 +135,6 @@ bool LpLexer::next_line() {
     if (!lines_.next(line)) {
         return false;
     }
-    if (lines_.number() == 1 && line.starts_with("\xEF\xBB\xBF")) {
-        line.remove_prefix(3);
-    }
     at_ = line.data();
     end_ = at_ + line.size();
     at_begin_ = true;
@@ -166,7 +163,7 @@ void LpLexer::scan() {
     const char c = *at_;
     switch (class_of(c)) {
     case kControl:
-        throw LineError{joined("control character ", shown({&c, 1}), " in the line")};
+        refuse_control(c);
     case kDigit:
         scan_number();
         break;

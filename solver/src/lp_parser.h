@@ -34,10 +34,7 @@ class LpParser {
         double constant = 0;
         bool has_constant = false, has_terms = false, has_bracket = false;
         bool is_number() const { return !has_terms && !has_bracket; }
-        void add(double value) {
-            constant = has_constant ? constant + value : value;
-            has_constant = true;
-        }
+        void add(double value);
     };
 
     [[noreturn]] void unexpected(const std::string &wanted);
@@ -50,7 +47,7 @@ class LpParser {
     void bracket(Target target, double sign);
     void product(QuadTerms &terms, double sign);
     bool take_signs(double &sign);
-    void want_finite(double coefficient) const;
+    void want_finite(double coefficient, std::string_view variable) const;
     template <class Names>
     void want_finite_sums(const std::vector<double> &values, std::size_t begin, Names names) const;
     void want_finite_products(const QuadTerms &terms, std::size_t begin) const;

@@ -23,6 +23,15 @@ double side(double value) {
 
 } // namespace
 
+void LpParser::Rest::add(double value) {
+    const double sum = has_constant ? constant + value : value;
+    if (std::isnan(sum)) {
+        throw LineError{"inf - inf among the constants has no value"};
+    }
+    constant = sum;
+    has_constant = true;
+}
+
 // ---- expressions ----------------------------------------------------------------------------------------------------
 
 bool LpParser::take_signs(double &sign) {
@@ -56,11 +65,12 @@ std::int32_t LpParser::enter_column() {
     return column;
 }
 
-void LpParser::want_finite(double coefficient) const {
+void LpParser::want_finite(double coefficient, std::string_view variable) const {
     if (std::fabs(coefficient) >= TRV_INFINITY) {
         char buffer[kNumberSize];
-        throw LineError{joined("the coefficient ", number_text(coefficient, buffer), " is infinite"), TRV_ERROR_SYNTAX,
-                        lexer_.taken_line()};
+        throw LineError{joined("the coefficient ", number_text(coefficient, buffer), " of ", shown(variable),
+                               " is infinite (from 1e20 on)"),
+                        TRV_ERROR_SYNTAX, lexer_.taken_line()};
     }
 }
 
@@ -149,7 +159,7 @@ void LpParser::term(Target target, double sign, Rest &rest) {
         lexer_.take();
     }
     if (lexer_.peek().kind == LpKind::name) {
-        want_finite(value);
+        want_finite(value, lexer_.peek().text);
         linear(target, sign * value);
         rest.has_terms = true;
     } else if (times || lexer_.peek().kind == LpKind::open) {
@@ -181,8 +191,9 @@ void LpParser::bracket(Target target, double sign) {
             terms.value[k] /= 2;
         }
     }
-    std::for_each(terms.value.begin() + static_cast<std::ptrdiff_t>(begin), terms.value.end(),
-                  [this](double value) { want_finite(value); });
+    for (std::size_t k = begin; k < terms.size(); ++k) {
+        want_finite(terms.value[k], model_.columns[terms.first[k]]);
+    }
 }
 
 // x ^2,  3 x * y,  3 * x * y

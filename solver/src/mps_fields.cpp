@@ -11,10 +11,6 @@
 namespace trv {
 namespace {
 
-[[noreturn]] void bad_character(char c) {
-    throw LineError{joined("control character ", shown({&c, 1}), " in the line")};
-}
-
 [[noreturn]] void bad_count(int count, const char *expected, std::string_view line) {
     throw LineError{joined(std::to_string(count), count == 1 ? " field" : " fields", ", expected ", expected, ": ",
                            shown(trimmed(line)))};
@@ -24,7 +20,7 @@ void check_characters(std::string_view line, bool tabs) {
     const auto bad = std::find_if(line.begin(), line.end(),
                                   [&](char c) { return static_cast<unsigned char>(c) < ' ' && !(tabs && c == '\t'); });
     if (bad != line.end()) {
-        bad_character(*bad);
+        refuse_control(*bad);
     }
 }
 
@@ -54,7 +50,7 @@ Fields split(std::string_view line) {
             ++p;
         }
         if (p != end && !is_blank(*p)) {
-            bad_character(*p);
+            refuse_control(*p);
         }
         fields.at[static_cast<std::size_t>(fields.count++)] = {start, static_cast<std::size_t>(p - start)};
     }

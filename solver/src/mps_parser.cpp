@@ -48,9 +48,6 @@ bool MpsParser::was_open(std::string_view section) const {
 void MpsParser::run() {
     std::string_view line;
     while (!done_ && lines_.next(line)) {
-        if (lines_.number() == 1 && line.starts_with("\xEF\xBB\xBF")) {
-            line.remove_prefix(3);
-        }
         if (line.empty() || line.front() == '*') {
             continue;
         }

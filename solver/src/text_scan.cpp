@@ -182,6 +182,13 @@ std::string in_quotes(std::string_view path) {
     return joined("'", escaped(path, std::string::npos));
 }
 
+void refuse_control(char c) {
+    const char *advice = c == '\0'   ? " (is the file UTF-16? UTF-8 is read)"
+                         : c == '\r' ? " (lines end in LF or in CR LF)"
+                                     : "";
+    throw LineError{joined("control character ", shown({&c, 1}), " in the line", advice)};
+}
+
 std::string placed(std::string_view path, std::int64_t line, std::string_view what) {
     const std::string whole = escaped(path, std::string::npos);
     const std::int64_t shown_line = std::max<std::int64_t>(line, 1); // an empty file ends before its first line

@@ -161,7 +161,11 @@ DAMAGED = {
     "two equalities": (lp(rows=" 1 = x = 2\n"), 4, "the two signs of the row do not agree"),
     "three sides": (lp(rows=" c: 1 <= x <= 2 <= 3\n"), 4, "'<=' stands where a row is expected"),
     "row twice": (lp(rows=" c: x <= 1\n c: y <= 1\n"), 5, "a second row 'c'"),
-    "infinite coefficient": (lp(rows=" c: 1e20 x <= 1\n"), 4, "the coefficient 1e+20 is infinite"),
+    "infinite coefficient": (
+        lp(rows=" c: 1e20 x <= 1\n"),
+        4,
+        "the coefficient 1e+20 of 'x' is infinite (from 1e20 on)",
+    ),
     "infinite sum": (lp(" o: 9e19 x + 9e19 x\n"), 2, "the coefficients of 'x' add up to infinity"),
     "infinite sum in a row": (
         lp(rows=" c: 6e19 x + 9e19 y\n + 6e19 x <= 1\n d: x <= 1\n"),
@@ -189,7 +193,11 @@ DAMAGED = {
         "the row 'c' has an infinite side that nothing meets",
     ),
     "infinite equality": (lp(rows=" c: x = inf\n"), 4, "the row 'c' has an infinite side that nothing meets"),
-    "control character": (lp(rows=" c: x\0 <= 1\n"), 4, r"control character '\x00' in the line"),
+    "control character": (
+        lp(rows=" c: x\0 <= 1\n"),
+        4,
+        r"control character '\x00' in the line (is the file UTF-16? UTF-8 is read)",
+    ),
     "name that is not UTF-8": (
         lp().encode().replace(b"c: x", b"c: x\xe9"),
         4,
@@ -244,7 +252,7 @@ DAMAGED = {
     "bracket over three": (lp(" obj: [ x^2 ]/3\n"), 2, "'3' stands where 2 is expected"),
     "bracket with a coefficient": (lp(" obj: 3 [ x^2 ]\n"), 2, "'[' stands where a variable is expected"),
     "product outside of a bracket": (lp(rows=" c: x * y <= 1\n"), 4, f"'*' stands where {SIGN} is expected"),
-    "infinite product": (lp(" obj: [ 1e20 x^2 ]\n"), 2, "the coefficient 1e+20 is infinite"),
+    "infinite product": (lp(" obj: [ 1e20 x^2 ]\n"), 2, "the coefficient 1e+20 of 'x' is infinite (from 1e20 on)"),
     "quadratic row with two sides": (
         lp(rows=" q: 1 <= [ x^2 ] <= 4\n d: x <= 1\n"),
         4,

@@ -261,8 +261,16 @@ DAMAGED = {
     ),
     "semi-integer by SI": (bounded("SI b x 5"), 11, SEMI, UNSUPPORTED),
     "second set, damaged all the same": (bounded("UP b x 4\n UP b2 x word"), 12, "'word' is not a number"),
-    "zero byte": (mps(columns=" x\0 c 1\n"), 6, r"control character '\x00' in the line"),
-    "zero byte in a header": (mps("NAME \0\n"), 1, r"control character '\x00' in the line"),
+    "zero byte": (
+        mps(columns=" x\0 c 1\n"),
+        6,
+        r"control character '\x00' in the line (is the file UTF-16? UTF-8 is read)",
+    ),
+    "zero byte in a header": (
+        mps("NAME \0\n"),
+        1,
+        r"control character '\x00' in the line (is the file UTF-16? UTF-8 is read)",
+    ),
     "long text": (mps(columns=f" x c {'9a' * 99}\n"), 6, "'" + "9a" * 30 + "'... is not a number"),
     **{
         f"section {s}": (mps(end=s + "\nENDATA\n"), 10, f"section {s.split()[0]} is not supported yet", UNSUPPORTED)

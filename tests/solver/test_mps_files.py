@@ -170,7 +170,9 @@ def test_a_damaged_file_changes_nothing(tmp_path):
     ("name", "code", "said"),
     [
         ("none.mps", FILE, "cannot open '{}': No such file or directory"),
-        ("folder.mps", FILE, "cannot read '{}': Is a directory"),
+        ("folder.mps", FILE, "cannot open '{}': Is a directory"),
+        ("pipe.mps", FILE, "cannot open '{}': it is a pipe or a device, not a file"),
+        ("zero.mps", FILE, "cannot open '{}': it is a pipe or a device, not a file"),
         ("m.xyz", UNSUPPORTED, "the ending of '{}' is none of .mps, .qps, .sif, .lp, each also with .gz"),
         (".mps", UNSUPPORTED, None),
     ],
@@ -178,6 +180,8 @@ def test_a_damaged_file_changes_nothing(tmp_path):
 def test_files_that_cannot_be_read(name, code, said, tmp_path, monkeypatch):
     monkeypatch.chdir(tmp_path)
     (tmp_path / "folder.mps").mkdir()
+    os.mkfifo(tmp_path / "pipe.mps")
+    (tmp_path / "zero.mps").symlink_to("/dev/zero")
     with pytest.raises(StoreError) as error:
         read(name)
     assert error.value.code == code
@@ -207,6 +211,9 @@ def test_compressed_files(tmp_path):
     with pytest.raises(StoreError) as error:
         read(packed)
     assert (error.value.code, str(error.value)) == (FILE, f"cannot read '{packed}': incorrect data check")
+    packed.write_bytes(gzip.compress(b"\n" * 80_000_000))
+    with pytest.raises(StoreError, match="it unpacks to more than 250 times its size"):
+        read(packed)
 
 
 @pytest.mark.parametrize("path", instances("netlib", "miplib", "infeasible"), ids=lambda path: path.name)

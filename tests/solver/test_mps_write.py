@@ -183,11 +183,29 @@ def test_a_failure_while_writing_leaves_the_old_file(tmp_path):
     assert os.listdir(tmp_path) == ["m.mps"]
 
 
-def test_a_folder_that_is_not_there(tmp_path):
-    path = tmp_path / "none" / "m.mps"
-    with pytest.raises(StoreError) as error:
-        write(Store(""), path)
-    assert (error.value.code, str(error.value)) == (FILE, f"cannot write '{path}': No such file or directory")
+def test_places_where_nothing_can_be_written_stay_as_they_are(tmp_path):
+    pipe, link = tmp_path / "pipe.mps", tmp_path / "link.mps"
+    os.mkfifo(pipe)
+    link.symlink_to(pipe)
+    (tmp_path / "folder.mps").mkdir()
+    no_file = "it is a pipe or a device, not a file"
+    for path, said in (
+        (tmp_path / "none" / "m.mps", "No such file or directory"),
+        (tmp_path / "folder.mps", "Is a directory"),
+        (link, no_file),
+        (pipe, no_file),
+    ):
+        with pytest.raises(StoreError) as error:
+            write(Store(""), path)
+        assert (error.value.code, str(error.value)) == (FILE, f"cannot write '{path}': {said}")
+    assert stat.S_ISFIFO(pipe.stat().st_mode)
+    assert sorted(os.listdir(tmp_path)) == ["folder.mps", "link.mps", "pipe.mps"]
+
+
+def test_a_name_as_long_as_names_can_be(tmp_path):
+    path = tmp_path / ("m" * 251 + ".mps")
+    write(Store("long"), path)
+    assert os.listdir(tmp_path) == [path.name]
 
 
 def test_rights_and_links_of_the_old_file_stay(tmp_path):
