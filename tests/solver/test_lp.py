@@ -196,7 +196,7 @@ DAMAGED = {
     "control character": (
         lp(rows=" c: x\0 <= 1\n"),
         4,
-        r"control character '\x00' in the line (is the file UTF-16? UTF-8 is read)",
+        r"control character '\x00' in the line (UTF-16? UTF-8 is read)",
     ),
     "name that is not UTF-8": (
         lp().encode().replace(b"c: x", b"c: x\xe9"),

@@ -264,12 +264,12 @@ DAMAGED = {
     "zero byte": (
         mps(columns=" x\0 c 1\n"),
         6,
-        r"control character '\x00' in the line (is the file UTF-16? UTF-8 is read)",
+        r"control character '\x00' in the line (UTF-16? UTF-8 is read)",
     ),
     "zero byte in a header": (
         mps("NAME \0\n"),
         1,
-        r"control character '\x00' in the line (is the file UTF-16? UTF-8 is read)",
+        r"control character '\x00' in the line (UTF-16? UTF-8 is read)",
     ),
     "long text": (mps(columns=f" x c {'9a' * 99}\n"), 6, "'" + "9a" * 30 + "'... is not a number"),
     **{
