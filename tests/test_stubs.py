@@ -6,13 +6,16 @@ from pathlib import Path
 
 import pytest
 
+import tarvopy
+
 PACKAGE = Path(__file__).resolve().parents[1] / "python" / "tarvopy"
 MODULES = sorted(path.stem for path in PACKAGE.glob("*.pyi"))
-# Attributes that a handle looks up in the model store, not in its class.
+# Attributes that a handle or a model looks up in the model store, not in its class.
 STORED = {"LB", "UB", "Obj", "VType", "VarName", "Start", "X", "RC"}
 STORED |= {"RHS", "Sense", "Lower", "Upper", "ConstrName", "Pi", "Slack"}
 STORED |= {"GenName", "GenType", "NLName", "NLSlack"}
 STORED |= {"QRHS", "QSense", "QName", "QPi", "QSlack"}
+STORED |= set(tarvopy.Model()._attributes())
 
 
 def public(names):

@@ -1,7 +1,7 @@
 """The public names; see the modules they come from."""
 
 from collections.abc import Iterable
-from typing import Any
+from typing import Any, overload
 
 from tarvopy import genfunc as genfunc
 from tarvopy import nlfunc as nlfunc
@@ -15,6 +15,7 @@ from tarvopy._core import QConstr as QConstr
 from tarvopy._core import QuadExpr as QuadExpr
 from tarvopy._core import TempConstr as TempConstr
 from tarvopy._core import Var as Var
+from tarvopy._core import _Number, _Numbers
 from tarvopy._exception import NoDataError as NoDataError
 from tarvopy._exception import TarvoError as TarvoError
 from tarvopy._matrixapi import MConstr as MConstr
@@ -35,6 +36,15 @@ from tarvopy.model import read as read
 
 inf: float
 
+@overload
+def quicksum(iterable: Iterable[_Number | Var | LinExpr]) -> LinExpr: ...  # type: ignore[overload-overlap]
+@overload
+def quicksum(iterable: Iterable[_Number | Var | LinExpr | QuadExpr]) -> QuadExpr: ...  # type: ignore[overload-overlap]
+@overload
+def quicksum(iterable: Iterable[_Number | Var | LinExpr | QuadExpr | NLExpr]) -> NLExpr: ...  # type: ignore[overload-overlap]
+@overload
+def quicksum(iterable: Iterable[_Number | _Numbers | Var | LinExpr | MVar | MLinExpr]) -> MLinExpr: ...
+@overload
 def quicksum(iterable: Iterable[Any]) -> Any:
     """The sum of numbers, variables and expressions (scalar or matrix) in one pass; an empty LinExpr for none."""
 

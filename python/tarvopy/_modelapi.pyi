@@ -6,19 +6,60 @@ when everything else refuses; they raise TarvoError with code CLOSED for a close
 
 import os
 from collections.abc import Sequence
-from typing import Any, overload
+from typing import Any, Self, overload
 
 import numpy as np
 import scipy.sparse
 from numpy.typing import ArrayLike, NDArray
 
-from tarvopy._core import Constr, GenConstr, GenExpr, LinExpr, NLConstr, NLExpr, QConstr, QuadExpr, TempConstr, Var
-from tarvopy._matrixapi import MConstr, MLinExpr, MNLExpr, MQConstr, MQuadExpr, MVar
+from tarvopy._core import (
+    Constr,
+    GenConstr,
+    GenExpr,
+    LinExpr,
+    NLConstr,
+    NLExpr,
+    QConstr,
+    QuadExpr,
+    TempConstr,
+    Var,
+    _Number,
+)
+from tarvopy._matrixapi import MConstr, MGenConstr, MLinExpr, MNLConstr, MNLExpr, MQConstr, MQuadExpr, MVar
 
 __version__: str
 
+class _Read[T]:
+    """An attribute of the model; NoDataError where it is not there yet."""
+
+    @overload
+    def __get__(self, model: None, owner: type) -> Self: ...
+    @overload
+    def __get__(self, model: object, owner: type) -> T: ...
+
+class _ReadSet[T](_Read[T]):
+    def __set__(self, model: object, value: T) -> None: ...
+
 class ModelBase:
     """The native half of Model; the docstrings stand with the functions."""
+
+    NumVars: _Read[int]
+    NumConstrs: _Read[int]
+    NumQConstrs: _Read[int]
+    NumGenConstrs: _Read[int]
+    NumNLConstrs: _Read[int]
+    NumNZs: _Read[int]
+    Status: _Read[int]
+    ModelSense: _ReadSet[int]
+    ModelName: _ReadSet[str]
+    ObjConstant: _ReadSet[float]
+    ObjVal: _Read[float]
+    ObjBound: _Read[float]
+    Gap: _Read[float]
+    Runtime: _Read[float]
+    IterCount: _Read[float]
+    NodeCount: _Read[float]
+    EngineName: _Read[str]
 
     def __init__(self, name: str = "") -> None: ...
     @property
@@ -35,10 +76,13 @@ class ModelBase:
         vtype: str | ArrayLike = "C",
         name: str | ArrayLike | None = "",
     ) -> MVar: ...
-    def addConstr(self, tempconstr: TempConstr | GenExpr, name: str | ArrayLike | None = "") -> Any:
+    @overload
+    def addConstr[Handle](self, tempconstr: TempConstr[Handle], name: str | ArrayLike | None = "") -> Handle:
         """Constr, QConstr, NLConstr or GenConstr when both sides are scalar, else MConstr, MQConstr, MNLConstr or
         MGenConstr."""
 
+    @overload
+    def addConstr(self, tempconstr: GenExpr, name: str | ArrayLike | None = "") -> GenConstr | MGenConstr: ...
     def addSOS(
         self,
         kind: int,
@@ -46,13 +90,22 @@ class ModelBase:
         weights: ArrayLike | None = None,
         name: str | ArrayLike | None = "",
     ) -> GenConstr: ...
+    @overload
+    def addRange(  # type: ignore[overload-overlap]
+        self, expr: Var | LinExpr, lb: _Number, ub: _Number, name: str | ArrayLike | None = ""
+    ) -> Constr: ...
+    @overload
+    def addRange(  # type: ignore[overload-overlap]
+        self, expr: NLExpr, lb: _Number, ub: _Number, name: str | ArrayLike | None = ""
+    ) -> NLConstr: ...
+    @overload
     def addRange(
-        self,
-        expr: Var | LinExpr | NLExpr | MVar | MLinExpr | MNLExpr,
-        lb: ArrayLike,
-        ub: ArrayLike,
-        name: str | ArrayLike | None = "",
-    ) -> Any: ...
+        self, expr: Var | LinExpr | MVar | MLinExpr, lb: ArrayLike, ub: ArrayLike, name: str | ArrayLike | None = ""
+    ) -> MConstr: ...
+    @overload
+    def addRange(
+        self, expr: NLExpr | MNLExpr, lb: ArrayLike, ub: ArrayLike, name: str | ArrayLike | None = ""
+    ) -> MNLConstr: ...
     def setObjective(
         self,
         expr: float | Var | LinExpr | QuadExpr | NLExpr | MVar | MLinExpr | MQuadExpr | MNLExpr,
@@ -70,7 +123,7 @@ class ModelBase:
     def getQConstrByName(self, name: str) -> QConstr | None: ...
     def setCoeff(self, constr: Constr | MConstr, var: Var | MVar, value: ArrayLike) -> None: ...
     @overload
-    def getCoeff(self, constr: Constr, var: Var) -> float: ...
+    def getCoeff(self, constr: Constr, var: Var) -> float: ...  # type: ignore[overload-overlap]
     @overload
     def getCoeff(self, constr: Constr | MConstr, var: Var | MVar) -> NDArray[np.float64]: ...
     def getA(self) -> scipy.sparse.csr_matrix: ...
