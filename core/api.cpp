@@ -136,18 +136,6 @@ int api_quadexpr_assign(PyObject *self, PyObject *other) {
 
 // ---- expression trees
 
-// Runs make(i) for each element; what was made is dropped again when one fails.
-template <class Make> int fill(int64_t n, PyObject **out, Make make) {
-    int64_t made = 0;
-    int status = border_status([&] {
-        for (; made < n; ++made)
-            out[made] = make(made).release();
-    });
-    while (status < 0 && made > 0)
-        Py_DECREF(out[--made]);
-    return status;
-}
-
 PyObject *api_tree_constant(double value) {
     return border([&] { return constant_tree(finite_constant(value)); });
 }
@@ -155,15 +143,13 @@ PyObject *api_tree_constant(double value) {
 int api_tree_variables(ModelObject *model, int64_t n, const int32_t *ids, int64_t step, PyObject **out) {
     return border_status([&] {
         scalars_of(model, TRV_VAR, n, ids, step, out);
-        int64_t done = 0;
         try {
-            for (; done < n; ++done) {
-                Ref leaf = variable_tree(out[done]);
-                Py_SETREF(out[done], leaf.release());
+            for (int64_t i = 0; i < n; ++i) {
+                Ref leaf = variable_tree(out[i]);
+                Py_SETREF(out[i], leaf.release());
             }
         } catch (...) {
-            for (int64_t i = 0; i < n; ++i)
-                Py_DECREF(out[i]);
+            clear_slots(out, n);
             throw;
         }
     });
@@ -192,7 +178,8 @@ PyObject *api_tree_node(TreeOp op, int64_t n, PyObject *const *children) {
 }
 
 int api_tree_nodes(TreeOp op, int64_t count, int64_t n, PyObject *const *children, PyObject **out) {
-    return fill(count, out, [&](int64_t i) { return checked_node(op, children + i * n, n); });
+    return border_status(
+        [&] { fill_slots(out, count, [&](int64_t i) { return checked_node(op, children + i * n, n); }); });
 }
 
 int api_tree_builder(PyObject *callable) {
@@ -208,7 +195,9 @@ PyObject *api_nlexpr_new(PyObject *tree) {
 }
 
 int api_nlexprs(int64_t count, PyObject *const *trees, PyObject **out) {
-    return fill(count, out, [&](int64_t i) { return make_nlexpr(Ref::borrow(as_object(checked_tree(trees[i])))); });
+    return border_status([&] {
+        fill_slots(out, count, [&](int64_t i) { return make_nlexpr(Ref::borrow(as_object(checked_tree(trees[i])))); });
+    });
 }
 
 int api_nlexpr_set_root(PyObject *self, PyObject *tree) {

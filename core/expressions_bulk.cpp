@@ -100,17 +100,9 @@ class Variables {
     size_t at_ = 0;
 };
 
-// out[row] = make(first term of the row, its size); on failure no reference is kept.
+// out[row] = make(row, its first term, its size); on failure no reference is kept.
 template <class Make> void make_rows(int64_t nrows, const int64_t *ptr, PyObject **out, Make make) {
-    int64_t made = 0;
-    try {
-        for (; made < nrows; ++made)
-            out[made] = make(made, ptr[made] - ptr[0], ptr[made + 1] - ptr[made]).release();
-    } catch (...) {
-        while (made > 0)
-            Py_DECREF(out[--made]);
-        throw;
-    }
+    fill_slots(out, nrows, [&](int64_t row) { return make(row, ptr[row] - ptr[0], ptr[row + 1] - ptr[row]); });
 }
 
 } // namespace

@@ -229,8 +229,7 @@ void scalars_of(ModelObject *model, int kind, int64_t n, const int32_t *ids, int
             out[made] = object ? Py_NewRef(as_object(object)) : as_object(make_scalar(model, type, table, count, id));
         }
     } catch (...) {
-        while (made > 0)
-            Py_DECREF(out[--made]);
+        clear_slots(out, made);
         throw;
     }
 }

@@ -10,7 +10,9 @@ using pysupport::border;
 using pysupport::border_status;
 using pysupport::check;
 using pysupport::check_status;
+using pysupport::clear_slots;
 using pysupport::fail;
+using pysupport::fill_slots;
 using pysupport::PythonError;
 using pysupport::Ref;
 

@@ -11,6 +11,7 @@
 
 #include "pysupport/ref.h"
 
+#include <cstdint>
 #include <new>
 #include <stdexcept>
 #include <type_traits>
@@ -62,6 +63,24 @@ inline void translate() noexcept {
     }
 }
 } // namespace detail
+
+// Drops n references and leaves NULL: the slots may be those of an array, which drops what it holds when it ends.
+inline void clear_slots(PyObject **slots, int64_t n) {
+    while (n > 0)
+        Py_CLEAR(slots[--n]);
+}
+
+// out[i] = make(i), n references; on failure none.
+template <class Make> void fill_slots(PyObject **out, int64_t n, Make make) {
+    int64_t made = 0;
+    try {
+        for (; made < n; ++made)
+            out[made] = make(made).release();
+    } catch (...) {
+        clear_slots(out, made);
+        throw;
+    }
+}
 
 // Runs a body that returns a Ref, and gives its reference to the interpreter.
 template <class Body> PyObject *border(Body &&body) noexcept {

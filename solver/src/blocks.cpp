@@ -21,7 +21,11 @@ struct alignas(16) Head {
 };
 
 constexpr std::size_t page = 4096;
+#ifdef __SANITIZE_ADDRESS__
+constexpr std::size_t large = SIZE_MAX; // all blocks are of the C heap, where an overrun and a late use are seen
+#else
 constexpr std::size_t large = 256 * 1024;
+#endif
 constexpr std::size_t always_kept = 64 * 1024 * 1024;
 constexpr int places = 32;
 
