@@ -176,11 +176,7 @@ void LineReader::drain() {
 // ---- writing --------------------------------------------------------------------------------------------------------
 
 FileWriter::FileWriter(const std::string &path) : path_(path), target_(path), buffer_(kRoom) {
-    std::error_code missing;
-    const std::filesystem::path real = std::filesystem::canonical(path, missing); // through a link, to the file itself
-    if (!missing) {
-        target_ = real.string();
-    }
+    follow_links();
     struct stat old;
     const bool exists = stat(target_.c_str(), &old) == 0;
     if (exists) {
@@ -198,6 +194,18 @@ FileWriter::FileWriter(const std::string &path) : path_(path), target_(path), bu
             discard();
             refuse(ENOMEM);
         }
+    }
+}
+
+// To the file itself, which need not be there yet: the links stay.
+void FileWriter::follow_links() {
+    namespace fs = std::filesystem;
+    std::error_code none;
+    for (int depth = 0; fs::is_symlink(target_, none); ++depth) {
+        if (depth == 40) { // where the system stops too
+            refuse(ELOOP);
+        }
+        target_ = (fs::path(target_).parent_path() / fs::read_symlink(target_, none)).string();
     }
 }
 

@@ -76,6 +76,7 @@ class FileWriter {
   private:
     // A call for each 64 KB costs next to nothing, and small models should not pay for more room.
     static constexpr std::size_t kRoom = 1 << 16;
+    void follow_links();
     void check_replaceable(mode_t mode) const;
     void open_temporary();
     void discard();

@@ -188,10 +188,12 @@ def test_places_where_nothing_can_be_written_stay_as_they_are(tmp_path):
     os.mkfifo(pipe)
     link.symlink_to(pipe)
     (tmp_path / "folder.mps").mkdir()
+    (tmp_path / "loop.mps").symlink_to("loop.mps")
     no_file = "it is a pipe or a device, not a file"
     for path, said in (
         (tmp_path / "none" / "m.mps", "No such file or directory"),
         (tmp_path / "folder.mps", "Is a directory"),
+        (tmp_path / "loop.mps", "Too many levels of symbolic links"),
         (link, no_file),
         (pipe, no_file),
     ):
@@ -199,7 +201,7 @@ def test_places_where_nothing_can_be_written_stay_as_they_are(tmp_path):
             write(Store(""), path)
         assert (error.value.code, str(error.value)) == (FILE, f"cannot write '{path}': {said}")
     assert stat.S_ISFIFO(pipe.stat().st_mode)
-    assert sorted(os.listdir(tmp_path)) == ["folder.mps", "link.mps", "pipe.mps"]
+    assert sorted(os.listdir(tmp_path)) == ["folder.mps", "link.mps", "loop.mps", "pipe.mps"]
 
 
 def test_a_name_as_long_as_names_can_be(tmp_path):
@@ -213,8 +215,13 @@ def test_rights_and_links_of_the_old_file_stay(tmp_path):
     path.write_text("old")
     path.chmod(0o640)
     link.symlink_to(path)
-    write(Store("new"), link)
-    assert link.is_symlink()
+    for way in ("m.mps", "../" + tmp_path.name + "/fresh.mps"):  # the latter is not there yet
+        link.unlink()
+        link.symlink_to(way)
+        write(Store("new"), link)
+        assert link.is_symlink()
+    assert fresh.exists()
+    fresh.unlink()
     assert path.read_text().startswith("NAME          new\n")
     assert stat.S_IMODE(path.stat().st_mode) == 0o640
     mask = os.umask(0o022)
