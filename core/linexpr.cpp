@@ -29,6 +29,10 @@ PyObject *linexpr_new(PyTypeObject *, PyObject *args, PyObject *kwargs) {
         PyObject *arg = nullptr, *vars = nullptr;
         if (!PyArg_ParseTupleAndKeywords(args, kwargs, "|OO:LinExpr", const_cast<char **>(keywords), &arg, &vars))
             throw PythonError{};
+        if (vars == Py_None)
+            vars = nullptr;
+        if (!arg && vars)
+            fail(PyExc_TypeError, "LinExpr() takes variables behind their coefficients: LinExpr(coeffs, vars)");
         if (!arg)
             return empty_linexpr(0.0);
         if (!vars)

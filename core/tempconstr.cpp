@@ -75,12 +75,12 @@ int tempconstr_bool(PyObject *object) {
 PyObject *tempconstr_repr(PyObject *object) {
     return border([&] {
         auto *self = as_tempconstr(object);
-        const char *sign = same_sense(self->sense, state.equal)        ? "=="
-                           : same_sense(self->sense, state.less_equal) ? "<="
-                                                                       : ">=";
+        bool constant = same_sense(self->sense, state.equal) || same_sense(self->sense, state.less_equal) ||
+                        same_sense(self->sense, state.greater_equal);
         if (Py_ReprEnter(object) != 0) // a side may hold this object
             return check(PyUnicode_FromString("<TempConstr: ...>"));
-        Ref text = Ref::steal(PyUnicode_FromFormat("<TempConstr: %S %s %S>", self->lhs, sign, self->rhs));
+        Ref text = Ref::steal(
+            PyUnicode_FromFormat("<TempConstr: %S %S%s %S>", self->lhs, self->sense, constant ? "=" : "", self->rhs));
         Py_ReprLeave(object);
         return check(text.release());
     });

@@ -30,6 +30,8 @@ def test_construction(model):
     for wrong in ("x", None, [x], np.ones(2), 1j):
         with pytest.raises(TypeError):
             LinExpr(wrong)
+    with pytest.raises(TypeError):
+        LinExpr(vars=[x, y])
 
 
 def test_text_puts_the_constant_last_and_shows_signs(model):
@@ -275,6 +277,7 @@ def test_tempconstr_keeps_what_it_is_given_and_is_collected():
     side = Side()
     constraint = TempConstr(side, "<", [1])
     assert (constraint.lhs, constraint.sense, constraint.rhs) == (side, "<", [1])
+    assert [repr(TempConstr(1, sense, 2))[13:-1] for sense in ("<", "=", "<=")] == ["1 <= 2", "1 == 2", "1 <= 2"]
     side.cycle = constraint
     reference = weakref.ref(side)
     del side, constraint
