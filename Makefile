@@ -9,11 +9,12 @@ PYTHON_SOURCES := $(shell find python -name '*.py' -o -name '*.pyi' -o -name py.
 FORMATTED := $(filter %.cpp %.h,$(NATIVE))
 
 .DELETE_ON_ERROR:
-.PHONY: help demo test sanitize sanitize-short bench docs format lint wheel clean FORCE
+.PHONY: help demo test night sanitize sanitize-short bench docs format lint wheel clean FORCE
 
 help:
 	@echo 'make demo    solve the examples on real data, pictures in out/'
 	@echo 'make test    run the tests'
+	@echo 'make night   hold 200,000 random programs against NumPy (hours; what fails is tried first from then on)'
 	@echo 'make sanitize  run them with checks of addresses and of undefined behaviour (sanitize-short: the floors below engines)'
 	@echo 'make bench   measure against arrays by hand, linopy, cvxpy and casadi; table in docs/benchmarks.md'
 	@echo 'make docs    the pages and the API reference as HTML in build/docs'
@@ -33,6 +34,9 @@ demo: $(VENV)/installed
 
 test: $(VENV)/installed
 	$(RUN) -m pytest
+
+night: $(VENV)/installed
+	$(RUN) -m pytest tests/programs --hypothesis-profile=night
 
 sanitize: build/sanitize/built
 	$(SANITIZED) -m pytest

@@ -136,7 +136,8 @@ Contents contents_of_numbers(const Ref &array) {
     return contents;
 }
 
-// Whatever can be added in place to an all-zero expression of the region's shape.
+// Whatever can be added in place to an all-zero expression: of an array's own shape, as leading extents of 1 do not
+// count here but would in a sum, else of the region's.
 Contents contents_of_addable(PyObject *expr, PyObject *key, PyObject *value) {
     if (is_array(value))
         if (Ref array = as_doubles(value))
@@ -144,7 +145,7 @@ Contents contents_of_addable(PyObject *expr, PyObject *key, PyObject *value) {
     if (is_mvar(value))
         return contents_of_expression(from_mvar(mod.MLinExpr, value, true).get());
     flat::Form zero;
-    zero.shape = region_of(expr, key).shape();
+    zero.shape = is_array(value) ? shape_of_array(value) : region_of(expr, key).shape();
     zero.size = flat::size_of(zero.shape);
     Ref scratch = make_flat(mod.MLinExpr, std::move(zero), {});
     Ref sum = check(PyNumber_InPlaceAdd(scratch.get(), value));

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <string>
+#include <unordered_map>
 
 namespace tarvopy {
 
@@ -248,12 +249,18 @@ void elements_or_nothing(PyObject *array, PyObject *operand, BinaryFunction func
     PyArrayMultiIterObject *multi = over_both(iterator, array);
     Ref results = check(PyArray_SimpleNew(PyArray_NDIM(target), PyArray_DIMS(target), NPY_OBJECT));
     auto **result = static_cast<PyObject **>(PyArray_DATA(as_array(results)));
+    std::unordered_map<PyObject *, PyObject *> latest; // an element that stands in several places changes several times
     for (; PyArray_MultiIter_NOTDONE(multi); ++result) {
         PyObject *value = *static_cast<PyObject **>(PyArray_MultiIter_DATA(multi, 1));
         Ref element = check(PyArray_GETITEM(target, static_cast<char *>(PyArray_MultiIter_DATA(multi, 0))));
-        if (is_expression(element.get()))
-            element = copy_expression(element.get());
+        auto known = latest.end();
+        if (is_expression(element.get())) {
+            known = latest.try_emplace(element.get(), element.get()).first;
+            element = is_expression(known->second) ? copy_expression(known->second) : Ref::borrow(known->second);
+        }
         *result = check(function(element.get(), value ? value : Py_None)).release();
+        if (known != latest.end())
+            known->second = *result;
         PyArray_MultiIter_NEXT(multi);
     }
     results = polynomial_elements(std::move(results));

@@ -84,8 +84,8 @@ Ref numeric_product(PyObject *self, PyObject *matrix, bool sparse, Side side) {
     bool countable = (sparse || numbers) && (compact || expr_value(self, value));
     if (!compact)
         warn_chained();
-    if (!countable)
-        return element_product(self, matrix, side);
+    if (!countable) // NumPy's sum over no objects is the number 0, which is no expression
+        return flat::size_of(expr) == 0 ? make_zeros(mod.MLinExpr, shape) : element_product(self, matrix, side);
     need_finite_matrix(matrix, numbers);
     Plan plan = sparse ? plan_sparse(expr, matrix, given, side) : plan_dense(expr, numbers, side);
     if (compact ? shape_of(self) != expr : value.form.shape != expr) // the matrix may have run Python code

@@ -302,7 +302,11 @@ flat::Coo coo_of_attributes(PyObject *sparse, int64_t rows, int64_t cols) {
 
 flat::Csr csr_of(PyObject *sparse) {
     need_numpy();
-    Ref csr = has_format(sparse, "csr") ? Ref::borrow(sparse) : check(PyObject_CallMethodNoArgs(sparse, names.tocsr));
+    Ref own = Ref::borrow(sparse);
+    if (has_format(sparse, "coo") &&
+        sparse_shape(sparse).size() == 1) // SciPy would add up its doubled entries in place
+        own = check(PyObject_CallMethodNoArgs(sparse, names.copy));
+    Ref csr = has_format(sparse, "csr") ? std::move(own) : check(PyObject_CallMethodNoArgs(own.get(), names.tocsr));
     flat::Shape shape = sparse_shape(csr.get());
     if (shape.size() == 1) // a one-dimensional sparse array is one row
         shape.insert(shape.begin(), 1);

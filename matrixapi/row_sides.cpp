@@ -82,6 +82,9 @@ Side array_side(PyObject *given) {
         return numeric_side(numbers);
     if (PyArray_TYPE(as_array(array)) == NPY_OBJECT)
         return element_side(array.get());
+    if (PyTypeNum_ISFLOAT(PyArray_TYPE(as_array(array)))) // longdouble, rounded as by an operator
+        return numeric_side(
+            check(PyArray_FROM_OTF(array.get(), NPY_DOUBLE, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_FORCECAST)));
     fail(PyExc_TypeError, "an array of dtype %R is no side of a linear constraint", PyArray_DESCR(as_array(array)));
 }
 

@@ -7,8 +7,9 @@ import pytest
 from hypothesis import HealthCheck, settings
 
 # A machine with other work on it draws and runs examples slowly, which says nothing about this package.
-settings.register_profile("shared machine", deadline=None, suppress_health_check=[HealthCheck.too_slow])
-settings.load_profile("shared machine")
+settings.register_profile("ci", deadline=None, suppress_health_check=[HealthCheck.too_slow])
+settings.register_profile("night", settings.get_profile("ci"), max_examples=200_000)
+settings.load_profile("ci")
 
 
 @pytest.fixture(params=["flat", "eager"])

@@ -1,6 +1,6 @@
 """Numbers for variables, and what expressions then stand for.
 
-point = Point(model)      every variable gets a number, and the numbers become the model's solution
+point = Point(model)      every variable gets a number (or those given), and the numbers become the model's solution
 point.of(x)               those of an MVar, in its shape
 point.value(e)            what e stands for, summed up from its terms
 variables(model, shape)   an MVar whose variables are in the model
@@ -16,10 +16,10 @@ from tarvopy._matrixapi import MLinExpr, MVar
 
 
 class Point:
-    def __init__(self, model):
+    def __init__(self, model, numbers=None):
         model.update()
         x, *_ = _modelapi.open_solution(model._cmodel)
-        self.numbers = (np.arange(x.size) * 7) % 23 - 8.0
+        self.numbers = (np.arange(x.size) * 7) % 23 - 8.0 if numbers is None else numbers
         x[:] = self.numbers
         figures = dict.fromkeys(("objval", "bound", "gap", "runtime", "itercount", "nodecount"), 0.0)
         _modelapi.commit_solution(model._cmodel, status=TRV.OPTIMAL, has_x=True, has_duals=False, engine="", **figures)

@@ -3,12 +3,10 @@
 import numpy as np
 import pytest
 import scipy.sparse as sp
-from hypothesis import given, settings
-from hypothesis import strategies as st
 
 import tarvopy
 from linear_values import Point, looked, terms, variables
-from tarvopy import TRV, _debug
+from tarvopy import TRV
 from tarvopy._core import LinExpr
 from tarvopy._exception import NoDataError, TarvoError
 from tarvopy._matrixapi import MLinExpr
@@ -272,74 +270,3 @@ def test_assignment_between_models_is_refused_only_by_the_model(mode, model):
     with pytest.raises(TarvoError) as error:
         model.addConstr(e <= 0)
     assert error.value.code == TRV.Error.NOT_IN_MODEL
-
-
-# ---- programs ------------------------------------------------------------------------------------------------------
-
-STEPS = st.sampled_from(
-    ["copy", "slice", "assign", "shift", "add", "sum", "clear", "normalize", "full", "look", "print", "join"]
-)
-
-
-@settings(max_examples=150, deadline=None)
-@given(
-    shape=st.sampled_from([(4,), (1, 4), (3, 2)]),
-    steps=st.lists(st.tuples(STEPS, st.integers(0, 5), st.integers(0, 3)), max_size=12),
-)
-def test_programs_agree_whether_objects_exist_or_not(shape, steps):
-    """Values, states, texts and which elements are the same object, in the two modes and against numbers."""
-
-    def run(eager, looks):
-        former = _debug.eager(eager)
-        try:
-            model = tarvopy.Model()
-            x = variables(model, shape)
-            point = Point(model)
-            pool, numbers, texts = [x + 1.0], [point.of(x) + 1.0], []
-            for step, at, argument in steps:
-                e, n = pool[at % len(pool)], numbers[at % len(pool)]
-                if looks:
-                    e._learr, e._matmulparts
-                if step == "copy":
-                    pool.append(e.copy())
-                    numbers.append(n.copy())
-                elif step == "slice" and e.ndim:
-                    pool.append(e[argument % e.shape[0] :])
-                    numbers.append(n[argument % e.shape[0] :])
-                elif step == "assign" and e.ndim:
-                    e[argument % e.shape[0]] = argument
-                    n[argument % e.shape[0]] = argument
-                elif step == "shift" and e.ndim:
-                    e[1:] = e[:-1]
-                    n[1:] = n[:-1].copy()
-                elif step == "add":
-                    e += argument
-                    n += argument
-                elif step == "sum":
-                    pool.append(e.sum())
-                    numbers.append(np.array(n.sum()))
-                elif step == "clear":
-                    e.clear()
-                    n[...] = 0.0
-                elif step == "normalize":
-                    e._normalize()
-                elif step == "full":
-                    e._convert_to_full()
-                elif step == "look":
-                    e._learr, e._matmulparts
-                elif step == "join" and e._is_compact():
-                    e += x.reshape(e.shape) if e.size == x.size else 0
-                    n += point.of(x).reshape(n.shape) if e.size == x.size else 0
-                texts.append((repr(e), e._is_compact()))
-            for e, n in zip(pool, numbers, strict=True):
-                np.testing.assert_allclose(point.value(e), n, atol=1e-9)
-                np.testing.assert_allclose(e.getValue(), n, atol=1e-9)
-            flat = [le for e in pool for le in e[...]._learr.flat]
-            first = {id(le): i for i, le in reversed(list(enumerate(flat)))}
-            return texts, [first[id(le)] for le in flat]
-        finally:
-            _debug.eager(former)
-
-    plain = run(False, False)
-    assert run(True, False) == plain
-    assert run(False, True) == plain

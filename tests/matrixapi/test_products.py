@@ -51,6 +51,14 @@ def test_what_is_no_real_number_is_refused(mode, x, dtype):
         sp.csr_matrix(NUMBERS.astype(complex)) @ x
 
 
+def test_a_sparse_vector_keeps_its_doubled_entries(mode, x):
+    """SciPy's conversion to rows adds them up in the matrix itself."""
+    vector = sp.coo_array(([1.0, 2.0, 3.0], ([0, 1, 0],)), shape=(x.size,))
+    expected = vector.toarray()
+    x @ vector
+    np.testing.assert_array_equal(vector.toarray(), expected)
+
+
 def test_variables_of_several_models_form_parts_of_themselves(mode, x):
     other = tarvopy.Model()
     y = other.addMVar(1, name="y")
