@@ -332,14 +332,24 @@ Ref multiply(PyObject *self, PyObject *other) {
     }
 }
 
+namespace {
+
+// A divisor in double precision: NumPy's reciprocal of a short float is as short, and a third would be off by 1e-4.
+Ref divisor(PyObject *other, Operand kind) {
+    if (kind == Operand::Scalar)
+        return numpy_loaded() && PyArray_IsScalar(other, Generic) ? number_array(number(other)) : plain_scalar(other);
+    Ref given = kind == Operand::Sparse ? to_dense(other) : Ref::borrow(other);
+    Ref numbers = as_doubles(given.get());
+    return numbers ? numbers : given;
+}
+
+} // namespace
+
 Ref inverse_of(PyObject *other, Operand kind) {
     if (kind != Operand::Array && kind != Operand::Sparse && kind != Operand::Scalar)
         return {};
     Ref one = check(PyFloat_FromDouble(1.0));
-    Ref numbers = kind == Operand::Sparse   ? to_dense(other)
-                  : kind == Operand::Scalar ? plain_scalar(other)
-                                            : Ref::borrow(other);
-    return check(PyNumber_TrueDivide(one.get(), numbers.get()));
+    return check(PyNumber_TrueDivide(one.get(), divisor(other, kind).get()));
 }
 
 std::span<Member> multiplication_members() {

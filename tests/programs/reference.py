@@ -108,6 +108,8 @@ def number_of(variable: int) -> float:
 def checked(numbers) -> np.ndarray:
     numbers = np.asarray(numbers)
     if numbers.dtype.kind == "c":
+        if not numbers.size:
+            raise Meaningless  # without elements nothing shows what they would be
         return numbers
     if numbers.dtype == object and any(isinstance(number, complex) for number in numbers.flat):
         raise Meaningless  # a broken power of a negative Python number
@@ -253,7 +255,7 @@ class Reference:
             return self.binary(sign, i, j)
         self.refuse_to_try(sign, a, b)
         if is_complex(b):
-            return Refused("complex numbers")
+            return computed(SIGNS[sign], a.numbers, b.numbers)
         numbers = b.numbers  # a copy: what the receiver shares with the operand is read before it changes
         if sign == "/" and not np.all(numbers):
             raise Meaningless
@@ -366,6 +368,7 @@ class Reference:
         if value.kind == "Sparse":
             return "NumPy: a sparse matrix is no sequence of numbers"
         if is_complex(value):
+            checked(value.numbers)
             return "complex numbers"
         if value.degree > thing.degree:
             return "an element cannot hold a higher degree"
@@ -439,8 +442,6 @@ class Reference:
         self.refuse_to_try(sense, a, b)
         if a.kind == "Sparse":
             raise Meaningless  # SciPy compares the entries
-        if is_complex(a) or is_complex(b):
-            return Refused("complex numbers")
         difference = computed(np.subtract, a.numbers, b.numbers)
         if isinstance(difference, Refused):
             return difference
