@@ -49,12 +49,4 @@ Ref scaled_coeffs(Items coeffs, const Scaling &scaling) {
     return list;
 }
 
-void truncate(PyObject *list, Py_ssize_t size) {
-    for (Py_ssize_t last = PyList_GET_SIZE(list) - 1; last >= size; --last) {
-        PyObject *item = PyList_GET_ITEM(list, last);
-        Py_SET_SIZE(list, last);
-        Py_DECREF(item);
-    }
-}
-
 } // namespace tarvopy::core

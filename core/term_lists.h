@@ -6,6 +6,8 @@
 
 #include "state.h"
 
+#include "pysupport/lists.h"
+
 #include <array>
 #include <span>
 #include <unordered_map>
@@ -37,7 +39,7 @@ void fill_coeffs(const Ref &list, Py_ssize_t at, Items coeffs, const Scaling &sc
 Ref copied_vars(Items vars);
 Ref scaled_coeffs(Items coeffs, const Scaling &scaling);
 
-void truncate(PyObject *list, Py_ssize_t size);
+using pysupport::truncate;
 
 // Appends to all lists of equal length or, on failure, to none. A list may be extended by itself.
 template <size_t N> void extend_all(const std::array<PyObject *, N> &lists, const std::array<PyObject *, N> &more) {

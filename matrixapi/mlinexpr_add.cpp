@@ -12,6 +12,7 @@
 #include "methods.h"
 #include "mquadexpr_operators.h"
 #include "names.h"
+#include "pysupport/lists.h"
 
 namespace tarvopy {
 
@@ -86,6 +87,27 @@ void append_part(PyObject *self, Part part, const Ref &model) {
         return;
     }
     append_pair(self, part_pair(part, model));
+}
+
+void drop_last_part(PyObject *self) {
+    if (LinearNative *native = linear_of(self))
+        return native->parts.pop_back();
+    Ref list = matmulparts(self);
+    truncate(list.get(), PyList_GET_SIZE(list.get()) - 1);
+}
+
+// More parts and more constants, or neither: a part can be taken away again without memory.
+void append(PyObject *self, std::vector<Part> more, const Ref &model, PyObject *constant) {
+    size_t appended = 0;
+    try {
+        for (; appended < more.size(); ++appended)
+            append_part(self, std::move(more[appended]), model);
+        add_to_const(self, constant);
+    } catch (...) {
+        for (; appended > 0; --appended)
+            drop_last_part(self);
+        throw;
+    }
 }
 
 // Parts may be appended if their variables are of the receiver's model.
@@ -226,9 +248,10 @@ bool iadd_compact_scalar_expr(PyObject *self, PyObject *other, double factor) {
         return false;
     int64_t n = flat::size_of(shape_of(self));
     Ref constant = check(PyFloat_FromDouble(factor * value.form.constant.uniform));
-    add_to_const(self, constant.get());
+    std::vector<Part> more;
     if (n > 0) // an empty expression never holds parts
-        append_part(self, repeated_row(value.form, n, factor), value.model);
+        more.push_back(repeated_row(value.form, n, factor));
+    append(self, std::move(more), value.model, constant.get());
     return true;
 }
 
@@ -241,10 +264,9 @@ bool iadd_compact_compact(PyObject *self, PyObject *other, double factor) {
     Ref constant = times(const_array(other), factor);
     for (Part &part : more)
         part = spread_part(scaled_part(part, factor), n);
-    add_to_const(self, constant.get());
-    if (n > 0)
-        for (Part &part : more)
-            append_part(self, std::move(part), model);
+    if (n == 0)
+        more.clear();
+    append(self, std::move(more), model, constant.get());
     return true;
 }
 

@@ -150,8 +150,16 @@ void imul_compact(PyObject *self, const Ref &numbers) {
         scale_constant(constant, numbers);
         return set_parts(self, std::move(parts), std::move(model));
     }
+    Ref before = check(PyArray_NewCopy(as_array(constant), NPY_KEEPORDER));
     scale_constant(constant, numbers);
-    scale_made_part(self, numbers, factors);
+    try {
+        scale_made_part(self, numbers, factors);
+    } catch (...) {
+        Ref error = Ref::steal(PyErr_GetRaisedException());
+        PyArray_CopyInto(as_array(constant), as_array(before));
+        PyErr_SetRaisedException(error.release());
+        throw;
+    }
 }
 
 void imul_full(PyObject *self, const Ref &numbers) {

@@ -1,5 +1,7 @@
 #include "mlinexpr_operators.h"
 
+#include "elements_before.h"
+#include "mquadexpr_dict.h"
 #include "names.h"
 #include "pysupport/shapes.h"
 
@@ -217,14 +219,6 @@ bool all_of_type(PyObject *array, PyTypeObject *type) {
                        [type](PyObject *element) { return element && PyObject_TypeCheck(element, type); });
 }
 
-// The QuadExpr of one array take over the contents of those of another, one by one.
-void assign_quadexprs(PyObject *array, PyObject *contents) {
-    Ref to = contiguous_objects(array), from = contiguous_objects(contents);
-    for (npy_intp i = 0; i < PyArray_SIZE(as_array(to)); ++i)
-        check_status(mod.core->quadexpr_assign(static_cast<PyObject **>(PyArray_DATA(as_array(to)))[i],
-                                               static_cast<PyObject **>(PyArray_DATA(as_array(from)))[i]));
-}
-
 } // namespace
 
 void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction function) {
@@ -232,6 +226,7 @@ void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction functi
     Ref spread = private_operands(operand);
     Ref iterator = check(PyArray_MultiIterNew(2, array, spread.get()));
     PyArrayMultiIterObject *multi = over_both(iterator, array);
+    ElementsBefore before(array);
     while (PyArray_MultiIter_NOTDONE(multi)) {
         auto *slot = static_cast<char *>(PyArray_MultiIter_DATA(multi, 0));
         PyObject *value = *static_cast<PyObject **>(PyArray_MultiIter_DATA(multi, 1));
@@ -241,6 +236,7 @@ void elements_in_place(PyObject *array, PyObject *operand, BinaryFunction functi
             check_status(PyArray_SETITEM(target, slot, changed.get()));
         PyArray_MultiIter_NEXT(multi);
     }
+    before.done();
 }
 
 void elements_or_nothing(PyObject *array, PyObject *operand, BinaryFunction function) {
@@ -268,7 +264,7 @@ void elements_or_nothing(PyObject *array, PyObject *operand, BinaryFunction func
     if (all_of_type(array, core.LinExpr) && all_of_type(results.get(), core.LinExpr))
         exchange_contents(array, results.get());
     else if (all_of_type(array, core.QuadExpr) && all_of_type(results.get(), core.QuadExpr))
-        assign_quadexprs(array, results.get());
+        QuadExchange(array, results.get()).run();
     else
         check_status(PyArray_CopyInto(target, as_array(results)));
 }

@@ -5,10 +5,12 @@
 //   q += r                compact: one more part; full: the form grows, or the QuadExpr objects do
 //
 // Subtraction adds the operand times -1. Everything is checked and read before anything changes.
+#include "matrixapi/elements_before.h"
 #include "matrixapi/mnlexpr.h"
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mquadexpr_operators.h"
 #include "matrixapi/mvar.h"
+#include "pysupport/lists.h"
 
 namespace tarvopy {
 
@@ -128,6 +130,14 @@ void append_part(PyObject *self, QuadPart part, Ref model) {
     check_status(PyList_Append(part_list(self).get(), part_triple(part, model).get()));
 }
 
+// Takes back what append_part did; needs no memory.
+void drop_last_part(PyObject *self) {
+    if (QuadNative *native = quadratic_of(self); native && native->compact)
+        return native->parts.pop_back();
+    Ref list = part_list(self);
+    truncate(list.get(), PyList_GET_SIZE(list.get()) - 1);
+}
+
 // False: the full path.
 bool iadd_compact_compact(PyObject *self, PyObject *other, double factor) {
     std::vector<QuadPart> more;
@@ -137,18 +147,28 @@ bool iadd_compact_compact(PyObject *self, PyObject *other, double factor) {
         return false;
     more = own_quad_parts(std::move(more));
     scale_parts(more, factor);
-    iadd(own_ndle(self).get(), own_ndle(other).get(), factor);
-    if (!more.empty() && flat::size_of(quad_shape_of(self)) > 0)
+    Ref linear = own_ndle(self), other_linear = own_ndle(other);
+    bool grows = !more.empty() && flat::size_of(quad_shape_of(self)) > 0;
+    if (grows)
         append_part(self, std::move(more[0]), std::move(model));
+    try {
+        iadd(linear.get(), other_linear.get(), factor);
+    } catch (...) {
+        if (grows)
+            drop_last_part(self);
+        throw;
+    }
     return true;
 }
 
-// Objects that only Python's own operators know: tried on copies first, so that a refusal changes neither half.
+// Objects that only Python's own operators know: a refusal changes neither half.
 void iadd_quad_elements(PyObject *self, PyObject *other, double factor) {
     Ref elements = qearr(self), operand = times(quad_elements_of(other).get(), factor);
-    polynomial_elements(check(PyNumber_Add(elements.get(), operand.get())));
-    iadd(own_ndle(self).get(), own_ndle(other).get(), factor);
+    Ref linear = own_ndle(self), more = own_ndle(other);
+    ElementsBefore before(elements.get());
     elements_or_nothing(elements.get(), operand.get(), PyNumber_InPlaceAdd);
+    iadd(linear.get(), more.get(), factor);
+    before.done();
 }
 
 // Where no object exists the form grows by the operand's summands, which costs nothing per term.
@@ -158,8 +178,17 @@ bool can_grow(PyObject *self, const flat::Shape &shape, const Ref &model) {
     return native && native->form.shape == shape && merge_models(merged, model);
 }
 
-void grow(QuadNative &native, const flat::QuadForm &more, const Ref &model) {
-    flat::add(native.form, more);
+// Afterwards grow() needs no memory; in a loop the room doubles.
+void prepare_growth(QuadNative &native, const flat::QuadForm &more) {
+    auto &summands = native.form.summands;
+    size_t size = summands.size() + more.summands.size();
+    if (summands.capacity() < size)
+        summands.reserve(std::max(size, 2 * summands.size()));
+}
+
+void grow(QuadNative &native, flat::QuadForm more, const Ref &model) {
+    native.form.summands.insert(native.form.summands.end(), std::make_move_iterator(more.summands.begin()),
+                                std::make_move_iterator(more.summands.end()));
     if (!native.model)
         native.model = model;
     native.stamp = LinearNative::next_stamp();
@@ -177,12 +206,15 @@ void iadd_full_quadratics(PyObject *self, PyObject *other, double factor) {
     if (!can_grow(self, spread.shape, operand.model)) {
         // The objects themselves are increased, by a private copy of the operand.
         Ref elements = qearr(self), numbers = quadexpr_array(spread, operand.model);
+        ElementsBefore before(elements.get());
+        elements_in_place(elements.get(), numbers.get(), PyNumber_InPlaceAdd);
         iadd(linear.get(), more.get(), factor);
-        return elements_in_place(elements.get(), numbers.get(), PyNumber_InPlaceAdd);
+        return before.done();
     }
+    prepare_growth(*quadratic_of(self), spread);
     iadd(linear.get(), more.get(), factor);
     if (QuadNative *native = quadratic_of(self))
-        return grow(*native, spread, operand.model);
+        return grow(*native, std::move(spread), operand.model);
     // Making objects of the linear half ran Python code that made these, too.
     elements_in_place(qearr(self).get(), quadexpr_array(spread, operand.model).get(), PyNumber_InPlaceAdd);
 }

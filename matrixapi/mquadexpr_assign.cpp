@@ -42,8 +42,9 @@ void assign_linear(PyObject *expr, PyObject *key, PyObject *value) {
 void set_linear(PyObject *expr, PyObject *key, PyObject *value) {
     Region region = region_of(expr, key);
     Ref empty = quadexpr_array(flat::zero_quad(shape_of_array(region.elements.get())), {});
+    QuadExchange exchange(region.elements.get(), empty.get());
     assign_linear(expr, key, value);
-    exchange_quad_contents(region.elements.get(), empty.get());
+    exchange.run();
 }
 
 // NumPy's rule for assignment: leading extents of 1 do not count, the others are equal or spread.
@@ -87,8 +88,9 @@ void set_quadratic(PyObject *expr, PyObject *key, PyObject *value) {
         fail(PyExc_ValueError, "setting an array element with a sequence.");
     Ref contents = spread_elements(value, fitting_shape(given, to), to);
     Ref linear = Ref::borrow(ndle_of(value));
+    QuadExchange exchange(region.elements.get(), contents.get());
     assign_linear(expr, key, linear.get());
-    exchange_quad_contents(region.elements.get(), contents.get());
+    exchange.run();
 }
 
 // What float64 makes of a list or the like.

@@ -147,7 +147,7 @@ void quad_take_over(PyObject *expr, flat::QuadForm form, Ref model) {
     if (quad_state_of(expr) != State::Objects)
         return quad_become_flat(expr, std::move(form), std::move(model));
     Ref contents = quadexpr_array(form, model);
-    exchange_quad_contents(qearr(expr).get(), contents.get());
+    QuadExchange(qearr(expr).get(), contents.get()).run();
 }
 
 namespace {

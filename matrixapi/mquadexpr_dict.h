@@ -32,8 +32,17 @@ bool is_zero(const flat::Form &form);
 // Makes: a new object array of QuadExpr of the form's shape.
 Ref quadexpr_array(const flat::QuadForm &form, const Ref &model);
 // Writes `contents` (private QuadExpr) into the QuadExpr of `region` one by one, linear parts included; a repeated
-// target keeps the last. TypeError, with nothing changed, for an element that is no QuadExpr.
-void exchange_quad_contents(PyObject *region, PyObject *contents);
+// target keeps the last. TypeError, with nothing changed, for an element that is no QuadExpr. All that may fail is done
+// before run(), so that the linear half of the expression may change in between.
+class QuadExchange {
+  public:
+    QuadExchange(PyObject *region, PyObject *contents);
+    void run();
+
+  private:
+    std::vector<Ref> targets_;
+    Ref sources_;
+};
 void expect_quadexprs(PyObject *region);
 // Element by element: new QuadExpr, copies of those of a full expression.
 Ref copied_quadexprs(PyObject *array);

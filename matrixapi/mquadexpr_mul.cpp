@@ -4,6 +4,7 @@
 //   q * C      row i times C's element i, by NumPy's broadcasting
 //   q @ M      sums of rows, each times a number; equal pairs of variables are merged
 //   q * x      nonlinear: handed over to that class, as q @ x
+#include "matrixapi/elements_before.h"
 #include "matrixapi/mnlexpr.h"
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mquadexpr_operators.h"
@@ -92,10 +93,10 @@ bool imul_compact(PyObject *self, const Ref &numbers) {
     Ref model;
     if (!merged_quad_parts(self, parts, model))
         return false;
+    scale_parts(parts, *doubles(numbers));
     imul(own_ndle(self).get(), numbers.get());
     if (parts.empty())
         return true;
-    scale_parts(parts, *doubles(numbers));
     set_quad_parts(self, std::move(parts), std::move(model));
     return true;
 }
@@ -104,22 +105,32 @@ void imul_full(PyObject *self, const Ref &numbers) {
     quad_convert_to_full(self);
     QuadValue value;
     if (quadratic_of(self) && quad_numbers(self, value)) {
+        flat::QuadForm product = times_rows(value.form, numbers, quad_shape_of(self));
         imul(own_ndle(self).get(), numbers.get());
-        return quad_take_over(self, times_rows(value.form, numbers, quad_shape_of(self)), std::move(value.model));
+        QuadNative *native = quadratic_of(self);
+        if (!native || native->compact) // Python code that ran meanwhile looked at the objects
+            return quad_take_over(self, std::move(product), std::move(value.model));
+        native->form = std::move(product);
+        native->model = std::move(value.model);
+        native->stamp = LinearNative::next_stamp();
+        return;
     }
     Ref elements = qearr(self);
-    imul(own_ndle(self).get(), numbers.get());
+    ElementsBefore before(elements.get());
     elements_in_place(elements.get(), numbers.get(), PyNumber_InPlaceMultiply);
+    imul(own_ndle(self).get(), numbers.get());
+    before.done();
 }
 
-// Numbers that only Python's own operators know: tried on copies first, so that a refusal changes neither half.
+// Numbers that only Python's own operators know: a refusal changes neither half.
 void imul_elements(PyObject *self, PyObject *array) {
     Ref plain = plain_array(array);
     quad_convert_to_full(self);
     Ref elements = qearr(self);
-    polynomial_elements(check(PyNumber_Multiply(elements.get(), plain.get())));
-    imul(own_ndle(self).get(), plain.get());
+    ElementsBefore before(elements.get());
     elements_or_nothing(elements.get(), plain.get(), PyNumber_InPlaceMultiply);
+    imul(own_ndle(self).get(), plain.get());
+    before.done();
 }
 
 void imul_array(PyObject *self, PyObject *array) {

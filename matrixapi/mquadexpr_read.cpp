@@ -152,7 +152,7 @@ namespace {
 
 // A linear part that somebody got from getLinExpr() stays this expression's own and shows the new contents.
 void exchange_linear(QuadExprObject *target, QuadExprObject *source) {
-    if (!target->linear)
+    if (!target->linear || !source->linear)
         return std::swap(target->linear, source->linear);
     auto *a = reinterpret_cast<LinExprObject *>(target->linear);
     auto *b = reinterpret_cast<LinExprObject *>(source->linear);
@@ -163,21 +163,26 @@ void exchange_linear(QuadExprObject *target, QuadExprObject *source) {
 
 } // namespace
 
-void exchange_quad_contents(PyObject *region, PyObject *contents) {
+QuadExchange::QuadExchange(PyObject *region, PyObject *contents) : sources_(contiguous_objects(contents)) {
     expect_quadexprs(region);
-    Ref targets = contiguous_objects(region), sources = contiguous_objects(contents);
-    npy_intp n = PyArray_SIZE(as_array(targets));
-    // All that may fail comes first. A target that comes twice may get its linear part on the way.
-    bool any_linear = false;
-    for (npy_intp i = 0; i < n; ++i)
-        any_linear |= quadexpr(elements_in(targets)[i])->linear || quadexpr(elements_in(sources)[i])->linear;
-    for (npy_intp i = 0; any_linear && i < n; ++i)
-        if (!mod.core->quadexpr_linear(elements_in(sources)[i]))
-            throw PythonError{};
+    Ref targets = contiguous_objects(region);
+    const npy_intp n = PyArray_SIZE(as_array(targets));
+    targets_.reserve(static_cast<size_t>(n));
+    bool any_linear = false; // a target that comes twice may get its linear part on the way
     for (npy_intp i = 0; i < n; ++i) {
-        QuadExprObject *a = quadexpr(elements_in(targets)[i]), *b = quadexpr(elements_in(sources)[i]);
-        if (any_linear)
-            exchange_linear(a, b);
+        targets_.push_back(Ref::borrow(elements_in(targets)[i]));
+        any_linear |= quadexpr(elements_in(targets)[i])->linear || quadexpr(elements_in(sources_)[i])->linear;
+    }
+    for (npy_intp i = 0; any_linear && i < n; ++i)
+        if (!mod.core->quadexpr_linear(elements_in(sources_)[i]))
+            throw PythonError{};
+}
+
+void QuadExchange::run() {
+    PyObject **source = elements_in(sources_);
+    for (const Ref &target : targets_) {
+        QuadExprObject *a = quadexpr(target.get()), *b = quadexpr(*source++);
+        exchange_linear(a, b);
         std::swap(a->coeffs, b->coeffs);
         std::swap(a->vars1, b->vars1);
         std::swap(a->vars2, b->vars2);

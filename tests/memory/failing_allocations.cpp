@@ -1,6 +1,8 @@
 // Makes requests for memory fail, in the libraries of one folder only: the next but n, or that one and all after it.
 //
 //   install(folder)      once; afterwards  arm(n, forever)  ...  disarm()  on the thread that is to meet the failures
+//   install_arrays(t)    NumPy's table t of functions, again whenever another library may have bound it
+//   install_type(type)   objects of this type come from tp_alloc
 //
 // NumPy, SciPy and CPython do not survive every failure of their own, so the allocator as a whole cannot be made to
 // fail. Instead the table through which a library calls other libraries (its global offset table) is rewritten for the
@@ -9,8 +11,13 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#define NPY_NO_DEPRECATED_API NPY_2_0_API_VERSION
+#define NPY_TARGET_VERSION NPY_2_0_API_VERSION
+#include <numpy/ndarrayobject.h>
+
 #include <array>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -38,8 +45,11 @@ bool refuse() {
     return true;
 }
 
-// ---- the C and C++ heaps
-// ---------------------------------------------------------------------------------------------
+template <class Function> void *address(Function *function) {
+    return reinterpret_cast<void *>(function);
+}
+
+// ---- the C and C++ heaps --------------------------------------------------------------------------------------------
 void *failing_malloc(size_t bytes) {
     return refuse() ? nullptr : std::malloc(bytes);
 }
@@ -66,8 +76,7 @@ void *failing_new_array(size_t bytes) {
     return ::operator new[](bytes);
 }
 
-// ---- Python's C API
-// --------------------------------------------------------------------------------------------------
+// ---- Python's C API -------------------------------------------------------------------------------------------------
 void *failing_raw(size_t bytes) {
     return refuse() ? nullptr : PyObject_Malloc(bytes);
 }
@@ -214,10 +223,6 @@ struct Hook {
     void *replacement;
 };
 
-template <class Function> void *address(Function *function) {
-    return reinterpret_cast<void *>(function);
-}
-
 template <size_t... K> void add_plain(std::vector<Hook> &hooks, std::index_sequence<K...>) {
     ((originals[K] = dlsym(RTLD_DEFAULT, plain[K]),
       originals[K] ? hooks.push_back({plain[K], address(failing_plain<K>)}) : void()),
@@ -244,12 +249,68 @@ std::vector<Hook> all_hooks() {
     return hooks;
 }
 
-// ---- the tables of a library
-// -----------------------------------------------------------------------------------------
+// ---- NumPy's C API: a table of pointers, of which the libraries get a copy that fails -------------------------------
+
+struct ArrayFunction {
+    size_t place;  // in the table
+    int reference; // the argument whose reference it takes over, or -1
+    bool status;   // -1 is its error, not NULL
+};
+
+constexpr size_t table_size = 379; // of the headers; an older NumPy has fewer, and other tables behind them
+std::array<void *, table_size> numpy_functions, failing_table;
+
+// With a table that holds each place's number, the macros of NumPy's headers give the places.
+std::vector<ArrayFunction> array_functions() {
+    std::array<void *, table_size> PyArray_API;
+    for (size_t i = 0; i < table_size; i++)
+        PyArray_API[i] = reinterpret_cast<void *>(i);
+#define PLACE(function) reinterpret_cast<size_t>(&function)
+    return {{PLACE(PyArray_New), -1, false},         {PLACE(PyArray_NewFromDescr), 1, false},
+            {PLACE(PyArray_FromArray), 1, false},    {PLACE(PyArray_FromAny), 1, false},
+            {PLACE(PyArray_CheckFromAny), 1, false}, {PLACE(PyArray_NewCopy), -1, false},
+            {PLACE(PyArray_NewLikeArray), 2, false}, {PLACE(PyArray_Zeros), 2, false},
+            {PLACE(PyArray_Empty), 2, false},        {PLACE(PyArray_Arange), -1, false},
+            {PLACE(PyArray_Ravel), -1, false},       {PLACE(PyArray_Flatten), -1, false},
+            {PLACE(PyArray_TakeFrom), -1, false},    {PLACE(PyArray_Newshape), -1, false},
+            {PLACE(PyArray_EnsureArray), 0, false},  {PLACE(PyArray_ToList), -1, false},
+            {PLACE(PyArray_IterNew), -1, false},     {PLACE(PyArray_MultiIterNew), -1, false},
+            {PLACE(NpyIter_MultiNew), -1, false},    {PLACE(PyArray_DescrNewFromType), -1, false},
+            {PLACE(PyArray_CopyInto), -1, true},     {PLACE(PyArray_CopyAnyInto), -1, true},
+            {PLACE(PyArray_SetBaseObject), 1, true}};
+#undef PLACE
+}
+
+const std::vector<ArrayFunction> hooked = array_functions();
+
+// Ten arguments: what a function has not is there on the stack, and is not looked at.
+template <size_t K>
+void *failing_array(void *a, void *b, void *c, void *d, void *e, void *f, void *g, void *h, void *i, void *j) {
+    if (refuse()) {
+        void *first[] = {a, b, c};
+        if (hooked[K].reference >= 0)
+            Py_XDECREF(static_cast<PyObject *>(first[hooked[K].reference]));
+        PyErr_NoMemory();
+        return reinterpret_cast<void *>(hooked[K].status ? -1L : 0L);
+    }
+    using Function = void *(*)(void *, void *, void *, void *, void *, void *, void *, void *, void *, void *);
+    return reinterpret_cast<Function>(numpy_functions[hooked[K].place])(a, b, c, d, e, f, g, h, i, j);
+}
+
+template <size_t... K> void add_array_functions(std::index_sequence<K...>) {
+    ((failing_table[hooked[K].place] = address(failing_array<K>)), ...);
+}
+
+PyObject *failing_object(PyTypeObject *type, Py_ssize_t items) {
+    return refuse() ? PyErr_NoMemory() : PyType_GenericAlloc(type, items);
+}
+
+// ---- the tables of a library ----------------------------------------------------------------------------------------
 struct Search {
     const char *folder;
     std::vector<Hook> hooks;
     int replaced;
+    void *table = nullptr; // NumPy's
 };
 
 void write_entry(ElfW(Addr) place, void *value) {
@@ -272,6 +333,25 @@ void replace(Search &search, ElfW(Addr) base, const ElfW(Rela) * entries, size_t
                 search.replaced++;
             }
     }
+}
+
+// A variable of the library that points to NumPy's table points to the failing one from now on.
+int rebind(dl_phdr_info *library, size_t, void *argument) {
+    auto &search = *static_cast<Search *>(argument);
+    if (!std::strstr(library->dlpi_name, search.folder))
+        return 0;
+    for (int i = 0; i < library->dlpi_phnum; i++) {
+        const ElfW(Phdr) &segment = library->dlpi_phdr[i];
+        if (segment.p_type != PT_LOAD || !(segment.p_flags & PF_W))
+            continue;
+        auto *words = reinterpret_cast<void **>(library->dlpi_addr + segment.p_vaddr); // data of pointers: aligned
+        for (size_t k = 0; k < segment.p_memsz / sizeof(void *); k++)
+            if (words[k] == search.table) {
+                words[k] = failing_table.data();
+                search.replaced++;
+            }
+    }
+    return 0;
 }
 
 int visit(dl_phdr_info *library, size_t, void *argument) {
@@ -304,6 +384,21 @@ extern "C" int install(const char *folder) {
     Search search{folder, all_hooks(), 0};
     dl_iterate_phdr(visit, &search);
     return search.replaced;
+}
+
+// Returns how many variables now point to the failing table.
+extern "C" int install_arrays(const char *folder, void *table) {
+    std::memcpy(numpy_functions.data(), table, sizeof numpy_functions);
+    failing_table = numpy_functions;
+    add_array_functions(std::make_index_sequence<23>());
+    Search search{folder, {}, 0, table};
+    dl_iterate_phdr(rebind, &search);
+    return search.replaced;
+}
+
+extern "C" void install_type(PyObject *type) {
+    if (auto *slots = reinterpret_cast<PyTypeObject *>(type); slots->tp_alloc == PyType_GenericAlloc)
+        slots->tp_alloc = failing_object;
 }
 
 // Request number n from here (counted from 1) fails, and with `on` every later one.

@@ -7,7 +7,7 @@ import numpy as np
 import scipy.sparse as sp
 
 import tarvopy as tv
-from memory.failing import ALONE, ONCE, PARTLY, run
+from memory.failing import ALONE, ONCE, run
 from tarvopy import TRV, _debug, genfunc, nlfunc
 from tarvopy._core import LinExpr, QuadExpr
 
@@ -189,8 +189,8 @@ GROUPS = {
     "scalars in place": (scalars, INPLACE),
     "arrays": (arrays, ARRAYS),
     "arrays with objects": (used, ARRAYS),
-    "arrays in place": (arrays, ASSIGNMENTS, PARTLY),
-    "arrays with objects in place": (used, ASSIGNMENTS, PARTLY),
+    "arrays in place": (arrays, ASSIGNMENTS),
+    "arrays with objects in place": (used, ASSIGNMENTS),
     "models": (built, MODELS),
 }
 
