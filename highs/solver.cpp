@@ -73,8 +73,9 @@ HighsInt Solver::load(const ModelArrays &m) {
                             m.upper, m.start, m.index, m.value);
 }
 
-void Solver::start(bool keep_log) {
+void Solver::start(bool keep_log, double tree_iterations) {
     keep_log_ = keep_log;
+    tree_iterations_ = tree_iterations;
     log_.clear();
     failure_.clear();
     progress_ = Progress{};
@@ -160,7 +161,8 @@ void Solver::callback(int type, const char *message, const HighsCallbackDataOut 
         return;
     }
     if (in) // written every time: HiGHS keeps the flag, and an interrupted instance would stop every later run at once
-        in->user_interrupt = self.interrupt_;
+        in->user_interrupt = self.interrupt_ || (type == kHighsCallbackMipInterrupt && out &&
+                                                 out->mip_total_lp_iterations >= self.tree_iterations_);
     if (!out)
         return;
     std::lock_guard lock(self.mutex_);

@@ -58,7 +58,8 @@ class Solver : public std::enable_shared_from_this<Solver> {
     void set_house_defaults(); // needed again whenever HiGHS' options were reset
     HighsInt load(const ModelArrays &model);
 
-    void start(bool keep_log);
+    // A tree search ends at its next check beyond so many LP iterations; HiGHS' own limit stands for one LP.
+    void start(bool keep_log, double tree_iterations);
     bool wait(double seconds);              // (*) true once the run is over
     Progress progress();                    // (*)
     std::string take_log();                 // (*) what the engine said since the last call
@@ -81,6 +82,7 @@ class Solver : public std::enable_shared_from_this<Solver> {
     std::atomic<bool> running_ = false;
     std::atomic<bool> interrupt_ = false;
     bool keep_log_ = false;
+    double tree_iterations_ = HUGE_VAL;
     std::chrono::steady_clock::time_point began_;
     Progress progress_;
     std::string log_;

@@ -357,9 +357,10 @@ PyObject *solver_set_start(PyObject *self, PyObject *values) {
 PyObject *solver_start(PyObject *self, PyObject *args) {
     return border([&] {
         int keep_log = 0;
-        if (!PyArg_ParseTuple(args, "|p:start", &keep_log))
+        double tree_iterations = HUGE_VAL;
+        if (!PyArg_ParseTuple(args, "|pd:start", &keep_log, &tree_iterations))
             throw PythonError{};
-        idle(self).start(keep_log);
+        idle(self).start(keep_log, tree_iterations);
         return Ref::none();
     });
 }
@@ -491,7 +492,8 @@ PyMethodDef methods[] = {
     {"set_start", solver_set_start, METH_O,
      "set_start(values): where a tree search may begin; NaN where nothing is known. Returns how many are known."},
     {"start", solver_start, METH_VARARGS,
-     "start(keep_log=False): runs HiGHS on a thread of its own and returns at once."},
+     "start(keep_log=False, tree_iterations=inf): runs HiGHS on a thread of its own and returns at once. A tree search "
+     "is interrupted beyond so many LP iterations."},
     {"wait", solver_wait, METH_O, "wait(seconds): True once the run is over. Other Python threads run meanwhile."},
     {"progress", solver_progress, METH_NOARGS,
      "(seconds, iterations, nodes, incumbent, bound); None where there is none."},

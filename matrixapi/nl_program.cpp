@@ -1,6 +1,8 @@
 // Array nodes laid out for passes over their elements.
 #include "matrixapi/nl_program.h"
 
+#include <cmath>
+
 #include "matrixapi/operands.h"
 
 namespace tarvopy {
@@ -124,6 +126,25 @@ int32_t Program::add(const NLNode &root) {
         }
     }
     return places_.at(&root);
+}
+
+double Program::least_entries(int32_t of) const {
+    std::vector<double> counts(static_cast<size_t>(of) + 1, 1.0);
+    for (size_t i = 0; i < counts.size(); ++i) {
+        const Step &step = steps[i];
+        if (step.operands.empty() || step.kind == NLNode::Rows) // a row may have no terms
+            continue;
+        double least = HUGE_VAL, sum = 0.0;
+        for (const Step::Operand &operand : step.operands) {
+            const double count = counts[static_cast<size_t>(operand.step)];
+            least = std::min(least, count);
+            sum += count;
+        }
+        counts[i] = step.kind == NLNode::Picked ? least
+                    : step.kind == NLNode::Sum  ? sum * static_cast<double>(step.extent)
+                                                : sum + 1.0;
+    }
+    return counts.back();
 }
 
 int32_t Program::add_linear(const flat::Form &form, ModelObject *model) {

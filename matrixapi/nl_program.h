@@ -95,6 +95,8 @@ class Program {
     }
     // What term k of Rows multiplies.
     Element source(const Step &rows, int64_t k) const { return at(rows.operands[0].step, rows.source[k]); }
+    // The least entries that the tape of an element has, every use of a part counted.
+    double least_entries(int32_t step) const;
     // Leaves without a node.
     int32_t add_linear(const flat::Form &form, ModelObject *model);
     int32_t add_quadratic(const flat::Form &linear, const flat::QuadForm &quadratic, ModelObject *model);

@@ -178,6 +178,9 @@ void check_models(const Program &program, Tapes &tapes) {
 
 void write_rows(const std::vector<SideRows> &sides, const Program &program, int64_t nrows, Tapes &tapes) {
     NodeTapes nodes(program, tapes);
+    for (const SideRows &side : sides)
+        if (side.step >= 0 && nrows > 0)
+            tapes.check_entries(program.least_entries(side.step));
     tapes.reserve_rows(nrows);
     for (int64_t row = 0; row < nrows; ++row) {
         double constant = sides[0].constant(row);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <unordered_map>
 
 namespace tarvopy {
 
@@ -66,7 +67,9 @@ void Tapes::fail_second_model() {
 
 void Tapes::fail_length() const {
     fail(PyExc_ValueError,
-         "element %lld: the expression is longer than 2**27 operations where every use of a shared part is counted",
+         "element %lld: the expression is longer than 2**27 operations where every use of a shared part is counted; "
+         "give "
+         "such a part a variable of its own",
          static_cast<long long>(rows()));
 }
 
@@ -87,7 +90,41 @@ bool subtracts(TreeOp op, Py_ssize_t i) {
     return op == TreeOp::Uminus || (op == TreeOp::Minus && i == 1);
 }
 
+// So many entries are written (in a tenth of a second) before it is asked how many a tree has in all.
+constexpr size_t kCountBeyond = size_t{1} << 20;
+
+// How many entries a tree has, every use of a part counted: each node is looked at once.
+double entries_of(const ExprTreeObject *root) {
+    std::unordered_map<const ExprTreeObject *, double> counts;
+    std::vector<std::pair<const ExprTreeObject *, Py_ssize_t>> open{{root, 0}};
+    while (!open.empty()) {
+        auto &[tree, next] = open.back();
+        const bool leaf = is_constant(tree) || tree->op == TreeOp::Variable;
+        if (!leaf && next < tree->child_count()) {
+            const ExprTreeObject *child = tree->child(next++);
+            if (!counts.contains(child))
+                open.emplace_back(child, 0);
+            continue;
+        }
+        double count = 1.0;
+        for (Py_ssize_t i = 0; !leaf && i < tree->child_count(); ++i)
+            count += counts[tree->child(i)];
+        counts[tree] = count;
+        open.pop_back();
+    }
+    return counts[root];
+}
+
 } // namespace
+
+// To be called between entries.
+void TreeTapes::check_length() {
+    out_.check_length();
+    if (whole_.counted || out_.code.size() - whole_.begin < kCountBeyond)
+        return;
+    out_.check_entries(entries_of(whole_.tree));
+    whole_.counted = true;
+}
 
 void TreeTapes::put_variable(const ExprTreeObject *tree) {
     out_.variable(variable_id(out_, tree));
@@ -102,9 +139,10 @@ void TreeTapes::enter_sum(const ExprTreeObject *tree, bool negative) {
 
 void TreeTapes::add(const ExprTreeObject *tree, bool negative) {
     sums_.clear();
+    whole_ = {tree, out_.code.size(), false};
     enter_sum(tree, negative);
     while (!sums_.empty()) {
-        out_.check_length();
+        check_length();
         Frame &top = sums_.back();
         if (top.next == top.tree->child_count()) {
             sums_.pop_back();
@@ -114,6 +152,7 @@ void TreeTapes::add(const ExprTreeObject *tree, bool negative) {
         const ExprTreeObject *child = top.tree->child(top.next++);
         enter_sum(child, sign); // `top` may have moved
     }
+    whole_ = {};
 }
 
 // What is neither a sum nor a difference. A factor that is a constant takes the sign.
@@ -155,6 +194,9 @@ void TreeTapes::enter(const ExprTreeObject *tree) {
 
 void TreeTapes::put(const ExprTreeObject *tree) {
     open_.clear();
+    const bool alone = !whole_.tree;
+    if (alone)
+        whole_ = {tree, out_.code.size(), false};
     enter(tree);
     while (!open_.empty()) {
         Frame &top = open_.back();
@@ -166,9 +208,11 @@ void TreeTapes::put(const ExprTreeObject *tree) {
             out_.sum(top.tree->child_count());
         else
             out_.operation(top.tree->op);
-        out_.check_length();
+        check_length();
         open_.pop_back();
     }
+    if (alone)
+        whole_ = {};
 }
 
 } // namespace tarvopy

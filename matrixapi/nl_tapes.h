@@ -67,6 +67,11 @@ class Tapes {
         if (code.size() - row_code_ > most_entries || var.size() - row_var_ > most_entries)
             fail_length();
     }
+    // The same for what is still to be written, where it is known: at once, and not after seconds of writing.
+    void check_entries(double count) const {
+        if (count > static_cast<double>(most_entries))
+            fail_length();
+    }
 
   private:
     static constexpr size_t most_entries = size_t{1} << 27;
@@ -98,8 +103,16 @@ class TreeTapes {
     void enter(const ExprTreeObject *tree);
     void add_summand(const ExprTreeObject *tree, bool negative);
     void put_variable(const ExprTreeObject *tree);
+    void check_length();
 
+    // What the caller gave, and where it begins in the code.
+    struct Whole {
+        const ExprTreeObject *tree = nullptr;
+        size_t begin = 0;
+        bool counted = false;
+    };
     Tapes &out_;
+    Whole whole_;
     std::vector<Frame> sums_, open_;
 };
 

@@ -66,7 +66,7 @@ class Solver:
     def set_start(self, values: _Doubles) -> int:
         """Where a tree search may begin, NaN where nothing is known; returns how many values are known."""
 
-    def start(self, keep_log: bool = False) -> None:
+    def start(self, keep_log: bool = False, tree_iterations: float = ...) -> None:
         """Runs HiGHS on a thread of its own and returns at once."""
 
     def wait(self, seconds: float) -> bool:

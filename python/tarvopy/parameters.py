@@ -130,7 +130,9 @@ class Parameters:
     Seed = _Integer(0, 0, _INT32_MAX, "Seed of the engine's random choices.")
     LogLevel = _Integer(1, 0, 2, "0 silent, 1 progress in one line, 2 the engine's own log.")
     NodeLimit = _Integer(math.inf, 0, 2**53, "Branch-and-bound nodes after which a solve stops with NODE_LIMIT.", True)
-    IterationLimit = _Integer(math.inf, 0, 2**53, "Iterations of an LP solve that stop it with ITERATION_LIMIT.", True)
+    IterationLimit = _Integer(
+        math.inf, 0, 2**53, "Iterations, of all LPs together, after which a solve stops with ITERATION_LIMIT.", True
+    )
     SolutionLimit = _Integer(
         math.inf, 1, 2**53, "Improving solutions after which a solve stops with SOLUTION_LIMIT.", True
     )

@@ -583,7 +583,7 @@ TRV_API int TRVevalobjective(TRVmodel *model, const double *x, double *value);
 TRV_API int TRVreadmodel(TRVmodel *model, const char *path);
 TRV_API int TRVwritemodel(TRVmodel *model, const char *path);
 /* For an engine: the updated model as a binary .nl file without names, the initial guess (Start) in it. UNSUPPORTED
- * where an expression nests too deep for a reader (5000 levels, or 8 tangents in each other). The file's variables:
+ * where an expression nests too deep for a reader (800 levels, or 8 tangents in each other). The file's variables:
  * position[0..nvars) says which of the model's each one is, -1 for those that the file has besides (one for a quadratic
  * objective; a binary one for each semi-continuous variable that 0 lies outside the bounds of, which must be finite).
  * Free position with TRVfree. The objective's constant is left out. */

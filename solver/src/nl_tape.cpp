@@ -13,9 +13,10 @@
 namespace trv {
 namespace {
 
-// SCIP 10 read 10000 levels and crashed at 30000, with a stack of 8 MB. Its time grows with the cube of the levels: one
-// second for 800 sines in each other, two minutes for 5000, which its time limit does not end.
-constexpr std::int32_t kDeepest = 5000;
+// SCIP 10 read 10000 levels and crashed at 30000, with a stack of 8 MB. Its time grows with the cube of the levels, and
+// neither its time limit nor an interrupt ends it: for 800 levels seconds (7 for sines in each other, 22 for quotients,
+// on a busy machine), for 5000 the better part of an hour.
+constexpr std::int32_t kDeepest = 800;
 // A tangent writes its operand twice, nested ones twice as often each.
 constexpr std::int32_t kMostTangents = 8;
 constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
@@ -220,7 +221,7 @@ std::string NlTape::refusal(const store::Tape &tape) {
     const Part whole = this->whole(tape, pieces(tape));
     if (whole.depth > kDeepest) {
         return joined("nests ", std::to_string(whole.depth), " levels deep; the reader of a .nl file takes ",
-                      std::to_string(kDeepest));
+                      std::to_string(kDeepest), ": give parts of it variables of their own");
     }
     if (whole.tangents > kMostTangents) {
         return joined("has ", std::to_string(whole.tangents), " tangents in each other; a .nl file takes ",

@@ -231,6 +231,22 @@ def test_iteration_and_time_limits_of_an_lp(instances):
     assert m.IterCount > 20
 
 
+@pytest.mark.parametrize("engine", ["highs", "scip"])
+def test_iterations_of_all_relaxations_of_a_tree_search_count(engine, tmp_path):
+    path = tmp_path / "split.mps"
+    path.write_text(market_split())
+    m = tarvopy.read(path)
+    m.params.LogLevel, m.params.Engine, m.params.TimeLimit = 0, engine, 30
+    iterations = []
+    for limit in (0, 50, 500):
+        m.params.IterationLimit = limit
+        m.optimize()
+        assert m.Status == TRV.ITERATION_LIMIT
+        assert m.IterCount >= limit
+        iterations.append(m.IterCount)
+    assert iterations[0] <= 50 < iterations[2] < 5000
+
+
 # ---- starts, parameters, engines -----------------------------------------------------------------------------------
 
 
@@ -297,7 +313,6 @@ def test_parameters_reach_the_engine():
         "Seed": ("random_seed", 7),
         "NodeLimit": ("mip_max_nodes", 11),
         "SolutionLimit": ("mip_max_improving_sols", 13),
-        "IterationLimit": ("simplex_iteration_limit", 17),
     }
     for name, (_, value) in wanted.items():
         setattr(m.params, name, value)

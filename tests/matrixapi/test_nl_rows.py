@@ -2,6 +2,7 @@
 written from array nodes are those written from the elements' trees."""
 
 import itertools
+import time
 
 import numpy as np
 import pytest
@@ -280,3 +281,19 @@ def test_a_sum_of_a_hundred_thousand_elements():
     (row,) = nlrows(m)
     assert (len(row.linear), set(row.linear.values())) == (100_000, {-2.0})
     assert (len(row.code), row.code[-1]) == (200_001, sumof(100_000))
+
+
+@pytest.mark.parametrize("doubled", ["one by one", "array", "elements"])
+def test_a_part_that_is_doubled_sixty_times_is_refused_at_once(doubled):
+    m = tarvopy.Model()
+    x = variables(m, 2)
+    expr = nlfunc.exp(x[0] if doubled == "one by one" else x)
+    for _ in range(60):
+        expr = nlfunc.sqrt(expr * expr) + 0.5 * expr
+    if doubled == "elements":
+        expr._nlearr
+    began = time.monotonic()
+    for use in (lambda: m.addConstr(expr <= 2), lambda: m.setObjective(expr if doubled == "one by one" else expr[0])):
+        with pytest.raises(ValueError, match=r"longer than 2\*\*27 operations .* variable of its own"):
+            use()
+    assert time.monotonic() - began < 4

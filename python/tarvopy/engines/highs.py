@@ -87,6 +87,8 @@ class HighsEngine:
         self._first: dict[str, Any] | None = None  # result of the first run while a second look is under way
         self._time_left = self._node_limit = math.inf
         self._keep_log = False
+        self._tree_iterations = math.inf
+        self._told = False  # to stop, by interrupt()
         self.loads = 0
         self.changes_sent = 0  # calls, each of which may carry many
 
@@ -167,12 +169,19 @@ class HighsEngine:
         self._time_left = params.TimeLimit
         self._node_limit = params.NodeLimit
         self._keep_log = params.LogLevel >= 2
-        self._set_options(params)
+        self._set_options(problem, params)
         if problem.nintegral and problem.start is not None:
             self._solver.set_start(_usable_start(problem))
-        self._solver.start(self._keep_log)
+        self._run()
 
-    def _set_options(self, params: Parameters) -> None:
+    def _run(self) -> None:
+        self._told = False
+        self._solver.start(self._keep_log, self._tree_iterations)
+
+    def _set_options(self, problem: Problem, params: Parameters) -> None:
+        # HiGHS' limits stand for one LP; in a tree search, where one that is cut short says nothing, all are counted.
+        self._tree_iterations = params.IterationLimit if problem.nintegral else math.inf
+        iterations = _INT_MAX if problem.nintegral else min(params.IterationLimit, _INT_MAX)
         options = {
             "time_limit": params.TimeLimit,
             "mip_rel_gap": params.RelGap,
@@ -184,9 +193,9 @@ class HighsEngine:
             "random_seed": params.Seed,
             "mip_max_nodes": min(params.NodeLimit, _INT_MAX),
             "mip_max_improving_sols": min(params.SolutionLimit, _INT_MAX),
-            "simplex_iteration_limit": min(params.IterationLimit, _INT_MAX),
-            "ipm_iteration_limit": min(params.IterationLimit, _INT_MAX),
-            "pdlp_iteration_limit": min(params.IterationLimit, _INT_MAX),
+            "simplex_iteration_limit": iterations,
+            "ipm_iteration_limit": iterations,
+            "pdlp_iteration_limit": iterations,
         }
         self._solver.reset_options()
         for name, value in [*options.items(), *params.EngineOptions.items()]:
@@ -209,6 +218,7 @@ class HighsEngine:
         return self._solver.take_log()
 
     def interrupt(self) -> None:
+        self._told = True
         self._solver.interrupt()
 
     # ---- the answer
@@ -229,7 +239,7 @@ class HighsEngine:
         self._set_costs(np.zeros(problem.nvars))
         self._solver.set_option("time_limit", left)
         self._solver.set_option("mip_max_improving_sols", 1)
-        self._solver.start(self._keep_log)
+        self._run()
         return True
 
     def refine(self, problem: Problem, params: Parameters) -> bool:
@@ -241,12 +251,12 @@ class HighsEngine:
         }
         self._first = None
         self._time_left = params.TimeLimit
-        self._set_options(params)
+        self._set_options(problem, params)
         if not problem.nintegral:
             tolerances["solver"] = "simplex" if params.EngineOptions.get("solver") == "ipm" else "ipm"
         for name, value in tolerances.items():
             self._solver.set_option(name, value)
-        self._solver.start(self._keep_log)
+        self._run()
         return True
 
     def _set_costs(self, obj: np.ndarray) -> None:
@@ -282,6 +292,8 @@ class HighsEngine:
         status = _STATUS.get(result["model_status"], TRV.FAILED)
         if status == TRV.SOLUTION_LIMIT and result["nodes"] >= self._node_limit:
             return TRV.NODE_LIMIT  # HiGHS has one status for both
+        if status == TRV.INTERRUPTED and not self._told:
+            return TRV.ITERATION_LIMIT  # nobody else interrupts
         if result["model_status"] == _UNKNOWN and result["primal"]:
             return TRV.IMPRECISE
         return status
