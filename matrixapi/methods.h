@@ -8,12 +8,14 @@
 #pragma once
 
 #include "matrixapi/names.h"
+#include "matrixapi/operands.h"
 
 #include "pysupport/args.h"
 #include "pysupport/classes.h"
 #include "pysupport/numpy.h"
 
 #include <algorithm>
+#include <string_view>
 
 namespace tarvopy {
 
@@ -45,10 +47,14 @@ using Operator = Ref (*)(PyObject *self, PyObject *other);
 template <Text name, Text operand, Operator rule>
 PyObject *operator_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return pysupport::border([&] {
-        if (nargs == 1 && !kwnames)
+        constexpr bool product = std::string_view(name.chars).ends_with("matmul__");
+        if (nargs == 1 && !kwnames) {
+            need_bearable_operand(self, args[0], product);
             return rule(self, args[0]);
+        }
         static const pysupport::Signature signature(name.chars, {operand.chars}, 1);
         pysupport::Arguments given(signature, 1, args, nargs, kwnames);
+        need_bearable_operand(self, given[0], product);
         return rule(self, given[0]);
     });
 }

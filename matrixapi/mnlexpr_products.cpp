@@ -88,19 +88,10 @@ flat::Shape shape_of_sparse(PyObject *sparse) {
 
 // The stored entries by row of the result (a right operand's by column), in ascending order, no place twice.
 flat::Csr entries_of(PyObject *sparse, const flat::Shape &shape, Side side) {
-    const bool by_row = side == Side::Left || shape.size() == 1; // SciPy stores a vector as one row
-    Ref compressed = check(PyObject_CallMethod(sparse, by_row ? "tocsr" : "tocsc", nullptr));
-    Ref canonical = check(PyObject_GetAttrString(compressed.get(), "has_canonical_format"));
-    if (!check_status(PyObject_IsTrue(canonical.get()))) {
-        compressed = check(PyObject_CallMethodNoArgs(compressed.get(), names.copy)); // may be the caller's own
-        check(PyObject_CallMethod(compressed.get(), "sum_duplicates", nullptr));
-    }
-    const int64_t rows = shape.size() == 1 ? 1 : shape[0], columns = shape.back();
-    Ref pointers = check(PyObject_GetAttr(compressed.get(), names.indptr));
-    Ref indices = check(PyObject_GetAttr(compressed.get(), names.indices));
-    Ref values = check(PyObject_GetAttr(compressed.get(), names.data));
-    return csr_from_arrays(pointers.get(), indices.get(), values.get(), by_row ? rows : columns,
-                           by_row ? columns : rows);
+    const bool by_row = side == Side::Left || shape.size() == 1; // a vector is stored as one row
+    flat::Coo entries = entries_of(stored_matrix(sparse, shape));
+    entries.sums = true;
+    return flat::compressed(by_row ? entries : flat::transposed(std::move(entries)));
 }
 
 // The lines of the operand that meet the matrix: all but its contracted axis, in C order of the result.

@@ -63,14 +63,12 @@ using pysupport::Ref;
     X(transpose)                                                                                                       \
     X(diagonal)                                                                                                        \
     X(squeeze)                                                                                                         \
-    X(toarray)                                                                                                         \
     X(array)                                                                                                           \
     X(concatenate)                                                                                                     \
     X(hstack)                                                                                                          \
     X(vstack)                                                                                                          \
     X(axis)                                                                                                            \
     X(format)                                                                                                          \
-    X(tocsr)                                                                                                           \
     X(indptr)                                                                                                          \
     X(indices)                                                                                                         \
     X(data)                                                                                                            \

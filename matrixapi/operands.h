@@ -47,7 +47,8 @@ Ref plain_scalar(PyObject *scalar);
 Ref as_doubles(PyObject *array);
 // The array itself, as an exact ndarray (a subclass is seen as its base): what the element-wise path works on.
 Ref plain_array(PyObject *array);
-Ref to_dense(PyObject *sparse); // sparse.toarray()
+// A float64 array; places named twice are sums. TypeError for entries that are no real numbers.
+Ref to_dense(PyObject *sparse);
 
 flat::Shape shape_of_array(PyObject *array);
 // Of a Python shape tuple.
@@ -56,7 +57,19 @@ inline const double *doubles(const Ref &array) {
     return static_cast<const double *>(PyArray_DATA(pysupport::as_array(array)));
 }
 
-// NumPy's broadcast of two shapes; ValueError naming both.
+// More elements than any operation here may have: a shape like (2**40,) costs nothing as a view of one number, and all
+// memory as soon as somebody copies it. Asked before anything is copied.
+inline constexpr int64_t most_elements = int64_t{1} << 31;
+bool too_large(const flat::Shape &shape);
+// ValueError for an array too large to be an operand, or whose elements would be too many together with those of
+// `self`; shapes that do not fit are no matter here.
+void check_large_operand(PyObject *self, PyObject *array, bool matrix_product);
+inline void need_bearable_operand(PyObject *self, PyObject *other, bool matrix_product) {
+    if (pysupport::is_array(other) && PyArray_SIZE(pysupport::as_array(other)) >= (1 << 20))
+        check_large_operand(self, other, matrix_product);
+}
+
+// NumPy's broadcast of two shapes; ValueError naming both, also where the result is too large.
 flat::Shape broadcast_shapes(const flat::Shape &a, const flat::Shape &b);
 // Of a matrix product, by NumPy's rules; ValueError naming both.
 flat::Shape matmul_shape(const flat::Shape &a, const flat::Shape &b);
@@ -67,11 +80,11 @@ flat::Shape leading(const flat::Shape &shape);
 // Pointers, columns and lengths are checked (ValueError); int64, unsorted and doubled columns are fine and stay as they
 // are.
 flat::Csr csr_of(PyObject *sparse);
-// The same where the result's shape was computed before: reading may run Python code (a format's own tocsr), so a
+// The same where the result's shape was computed before: reading may run Python code (a format's own tocoo), so a
 // matrix that is no longer of the expected shape is a ValueError.
 flat::Csr csr_of(PyObject *sparse, const flat::Shape &expected);
 // A checked copy of a SciPy matrix as it is stored, without any sorting: the rows, the columns of a csc_matrix (the
-// rows of the transposed matrix), or the entries of a coo_matrix. Other formats are turned into rows by SciPy.
+// rows of the transposed matrix), or the entries of a coo_matrix. Other formats are turned into rows.
 struct StoredMatrix {
     enum Layout { Rows, Columns, Entries } layout = Rows;
     flat::Csr csr;     // rows, columns

@@ -6,6 +6,7 @@
 #include "matrixapi/operands.h"
 
 #include "pysupport/numpy.h"
+#include "pysupport/shapes.h"
 
 namespace tarvopy {
 
@@ -140,24 +141,8 @@ Side linear_side(PyObject *object) {
     }
 }
 
-namespace {
-
-constexpr int64_t most_elements = int64_t{1} << 31;
-
-bool too_large(const flat::Shape &shape) {
-    int64_t size = 1;
-    if (std::find(shape.begin(), shape.end(), 0) != shape.end())
-        return false;
-    for (int64_t extent : shape)
-        if (__builtin_mul_overflow(size, extent, &size) || size > most_elements)
-            return true;
-    return false;
-}
-
-} // namespace
-
 flat::Shape common_shape(const flat::Shape &a, const flat::Shape &b) {
-    flat::Shape shape = broadcast_shapes(a, b);
+    flat::Shape shape = a == b ? a : shapes::broadcast(a, b);
     if (too_large(shape))
         fail(PyExc_ValueError, "a constraint over shapes %S and %S has more than 2**31 elements", shape_tuple(a).get(),
              shape_tuple(b).get());
