@@ -9,8 +9,6 @@
 
 namespace tarvopy::core {
 
-namespace {
-
 bool is_sparse(PyObject *object) {
     PyObject *modules = PyImport_GetModuleDict(); // borrowed
     PyObject *sparse =
@@ -27,6 +25,8 @@ bool is_sparse(PyObject *object) {
     return check_status(PyObject_IsTrue(answer.get())) == 1;
 }
 
+namespace {
+
 Ref not_implemented() {
     return Ref::borrow(Py_NotImplemented);
 }
@@ -40,6 +40,24 @@ Ref as_nonlinear_matrix(const Ref &module, PyObject *nlexpr) {
                                  static_cast<char *>(PyArray_DATA(pysupport::as_array(array))), element.get()));
     return check(PyObject_CallMethod(module.get(), "MNLExpr", "O", array.get()));
 }
+
+// How many operators on arrays run within each other. An object array that holds itself leads back here without end,
+// and each round takes kilobytes of the stack: the interpreter's own limit counts calls and comes too late.
+class Depth {
+  public:
+    Depth() {
+        if (depth_ == limit)
+            fail(PyExc_RecursionError, "arrays are nested more than %d deep, or hold themselves", limit);
+        ++depth_;
+    }
+    ~Depth() { --depth_; }
+    Depth(const Depth &) = delete;
+
+  private:
+    static constexpr int limit = 64; // as many as an array has dimensions
+    static thread_local int depth_;
+};
+thread_local int Depth::depth_ = 0;
 
 // A 0-dimensional matrix object of the same value, for what involves arrays.
 Ref as_matrix(const Operand &operand) {
@@ -69,6 +87,7 @@ PyObject *dispatch(PyObject *a, PyObject *b, Worker worker, General general) {
         if (left.kind == OperandKind::Foreign || right.kind == OperandKind::Foreign)
             return not_implemented();
         if (left.kind == OperandKind::Array || right.kind == OperandKind::Array) {
+            Depth depth;
             Ref x = as_matrix(left), y = as_matrix(right);
             return check(general(x.get(), y.get()));
         }

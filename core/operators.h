@@ -31,6 +31,7 @@ struct Operand {
 };
 
 Operand classify(PyObject *object);
+bool is_sparse(PyObject *object); // a SciPy matrix
 // The value of a Number; may run its __float__. what ("Constant", "Multiplier") names it in the refusal of infinity and
 // NaN.
 double finite_number(PyObject *object, const char *what);

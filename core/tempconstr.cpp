@@ -3,7 +3,7 @@
 //
 //   x + y <= 3        TempConstr(<LinExpr>, "<", 3)
 //   A @ x >= b        TempConstr(<MLinExpr>, ">", array)
-#include "state.h"
+#include "operators.h"
 
 #include <structmember.h>
 
@@ -72,6 +72,16 @@ int tempconstr_bool(PyObject *object) {
     });
 }
 
+struct ReprEntered {
+    PyObject *object;
+    ~ReprEntered() { Py_ReprLeave(object); }
+};
+
+// A sparse matrix by its kind and shape: its entries, which may be damaged, are SciPy's to print when somebody asks.
+Ref side_text(PyObject *side) {
+    return check(is_sparse(side) ? PyObject_Repr(side) : PyObject_Str(side));
+}
+
 PyObject *tempconstr_repr(PyObject *object) {
     return border([&] {
         auto *self = as_tempconstr(object);
@@ -79,10 +89,10 @@ PyObject *tempconstr_repr(PyObject *object) {
                         same_sense(self->sense, state.greater_equal);
         if (Py_ReprEnter(object) != 0) // a side may hold this object
             return check(PyUnicode_FromString("<TempConstr: ...>"));
-        Ref text = Ref::steal(
-            PyUnicode_FromFormat("<TempConstr: %S %S%s %S>", self->lhs, self->sense, constant ? "=" : "", self->rhs));
-        Py_ReprLeave(object);
-        return check(text.release());
+        ReprEntered entered{object};
+        Ref lhs = side_text(self->lhs), rhs = side_text(self->rhs);
+        return check(
+            PyUnicode_FromFormat("<TempConstr: %U %S%s %U>", lhs.get(), self->sense, constant ? "=" : "", rhs.get()));
     });
 }
 
