@@ -92,10 +92,11 @@ Head *new_mapping(std::size_t mapped) {
     return head;
 }
 
-void *take_large(std::size_t bytes) {
+// What comes from the shelf holds what it held; a new mapping is zero throughout.
+void *take_large(std::size_t bytes, bool zero) {
     const std::size_t mapped = mapping_for(bytes);
     std::lock_guard<std::mutex> lock(mutex);
-    Head *head = shelf.find(mapped);
+    Head *head = zero ? nullptr : shelf.find(mapped);
     if (!head && !(head = new_mapping(mapped))) {
         shelf.clear(); // what is kept may be what is missing
         if (!(head = new_mapping(mapped)))
@@ -142,7 +143,16 @@ void *moved(Head *head, std::size_t bytes) {
 void *take(std::size_t bytes) {
     if (bytes > SIZE_MAX / 2)
         return nullptr;
-    return bytes < large ? small_block(nullptr, bytes) : take_large(bytes);
+    return bytes < large ? small_block(nullptr, bytes) : take_large(bytes, false);
+}
+
+void *zeros(std::size_t bytes) {
+    if (bytes > SIZE_MAX / 2)
+        return nullptr;
+    if (bytes >= large)
+        return take_large(bytes, true);
+    void *block = small_block(nullptr, bytes);
+    return block ? std::memset(block, 0, bytes) : nullptr;
 }
 
 void *resize(void *block, std::size_t bytes) {

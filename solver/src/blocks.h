@@ -1,6 +1,7 @@
 // blocks.h: memory for arrays of plain values, on its way from one large array to the next.
 //
 //   double *coef = static_cast<double *>(blocks::take(8 * n));   not cleared; NULL when there is no memory
+//   double *lb = blocks::zeros(8 * n);                           all 0, and no page taken before it is written
 //   coef = blocks::resize(coef, 8 * more);
 //   blocks::give(coef);                                          NULL is fine
 //   blocks::trim();                                              what is kept goes back to the system
@@ -17,6 +18,7 @@
 namespace blocks {
 
 void *take(std::size_t bytes);
+void *zeros(std::size_t bytes);
 void *resize(void *block, std::size_t bytes); // as realloc: the old block stays when NULL comes back
 void give(void *block) noexcept;
 void trim() noexcept;

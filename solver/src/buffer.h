@@ -77,6 +77,19 @@ template <class T> class Buffer {
         }
         return data_ + size_;
     }
+    // As room, where the n elements are 0 already: in the first block without a page being touched.
+    T *zeros(size_t n) {
+        if (!data_ && n <= SIZE_MAX / 2 / sizeof(T)) {
+            data_ = static_cast<T *>(blocks::zeros(n * sizeof(T)));
+            if (!data_)
+                throw std::bad_alloc();
+            capacity_ = n;
+            return data_;
+        }
+        T *p = room(n);
+        std::memset(static_cast<void *>(p), 0, n * sizeof(T));
+        return p;
+    }
     void grow(size_t n) noexcept { size_ += n; }
     void cut(size_t n) noexcept { size_ = n; }
     void resize(size_t n) {

@@ -33,25 +33,63 @@ char Columns::checkedtype(char value, int64_t id) {
     return value;
 }
 
+namespace {
+
+// n values where a caller has them; step 0 is one for all.
+struct Given {
+    const double *from;
+    int step;
+    int64_t n;
+};
+
+// Copies what is given to the end of an array, each value as `checked` has it. Finite values are the rule: only where
+// there are others is each looked at. Zeros are not written over memory that holds them.
+template <class Checked> double *place(Buffer<double> &array, const Given &given, Checked checked) {
+    if (given.n && given.step == 0) {
+        const double value = checked(*given.from, 0);
+        if (value == 0.0 && !std::signbit(value))
+            return array.zeros(given.n);
+        double *to = array.room(given.n);
+        std::fill_n(to, given.n, value);
+        return to;
+    }
+    double *to = array.room(given.n);
+    bool finite = true;
+    for (int64_t i = 0; i < given.n; i++) {
+        to[i] = given.from[i * given.step];
+        finite &= isfinite(to[i]);
+    }
+    for (int64_t i = 0; !finite && i < given.n; i++)
+        to[i] = checked(given.from[i], i);
+    return to;
+}
+
+} // namespace
+
 int32_t Columns::add(int64_t n, const double *lower, int lbstep, const double *upper, int ubstep, const double *cost,
                      int objstep, const char *type, int typestep, const TRVnames *newnames) {
     ids.reserve(n);
-    double *l = lb.room(n), *u = ub.room(n), *c = obj.room(n);
+    const int64_t first = ids.count();
+    const bool binary = n && typestep == 0 && *type == 'B'; // all of them
+    double *l = place(lb, {lower, lbstep, n}, [&](double value, int64_t i) {
+        value = checkedlb(value, first + i);
+        return binary && lbstep == 0 ? std::max(value, 0.0) : value;
+    });
+    double *u = place(ub, {upper, ubstep, n}, [&](double value, int64_t i) {
+        value = checkedub(value, first + i);
+        return binary && ubstep == 0 ? std::min(value, 1.0) : value;
+    });
+    place(obj, {cost, objstep, n}, [&](double value, int64_t i) { return checkedobj(value, first + i); });
     char *t = vtype.room(n);
-    int64_t first = ids.count();
-    for (int64_t i = 0; i < n; i++)
-        l[i] = checkedlb(lower[i * lbstep], first + i);
-    for (int64_t i = 0; i < n; i++)
-        u[i] = checkedub(upper[i * ubstep], first + i);
-    for (int64_t i = 0; i < n; i++)
-        c[i] = checkedobj(cost[i * objstep], first + i);
-    for (int64_t i = 0; i < n; i++) {
+    if (n && typestep == 0)
+        std::fill_n(t, n, checkedtype(*type, first));
+    for (int64_t i = 0; typestep && i < n; i++)
         t[i] = checkedtype(type[i * typestep], first + i);
+    for (int64_t i = 0; (typestep || (binary && (lbstep || ubstep))) && i < n; i++)
         if (t[i] == 'B') {
             l[i] = std::max(l[i], 0.0);
             u[i] = std::min(u[i], 1.0);
         }
-    }
     names.add(static_cast<int32_t>(first), n, newnames);
     lb.grow(n);
     ub.grow(n);

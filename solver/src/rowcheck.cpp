@@ -122,9 +122,20 @@ bool pointershold(int64_t nrows, int64_t nnz, const int64_t *ptr) {
     return hold;
 }
 
+constexpr int64_t kBlock = 4096; // terms looked at several times while they are in the nearest cache
+
+bool plainterms(int64_t n, const int32_t *var, const double *coef, uint32_t count) {
+    bool plain = true;
+    for (int64_t k = 0; k < n; k++)
+        plain &= static_cast<uint32_t>(var[k]) < count;
+    for (int64_t k = 0; k < n; k++)
+        plain &= isfinite(coef[k]) & (coef[k] != 0.0);
+    return plain;
+}
+
 // Where the ids do not ascend, one row must end and another begin: counted over all terms, and over the ends of rows.
-int64_t descents(int64_t n, const int32_t *var) {
-    int64_t count = 0;
+int32_t descents(int64_t n, const int32_t *var) {
+    int32_t count = 0;
     for (int64_t k = 1; k < n; k++)
         count += var[k] <= var[k - 1];
     return count;
@@ -148,13 +159,14 @@ bool tidyalready(const Registry &variables, int64_t nrows, int64_t nnz, const in
     if (!variables.identity() || variables.anygone() || !pointershold(nrows, nnz, ptr))
         return false;
     const int64_t n = ptr[nrows];
-    const uint32_t count = static_cast<uint32_t>(variables.count());
-    bool plain = true;
-    for (int64_t k = 0; k < n; k++)
-        plain &= static_cast<uint32_t>(var[k]) < count;
-    for (int64_t k = 0; k < n; k++)
-        plain &= isfinite(coef[k]) & (coef[k] != 0.0);
-    return plain && descents(n, var) == descentsatends(nrows, ptr, var);
+    int64_t down = 0;
+    for (int64_t from = 0; from < n; from += kBlock) {
+        const int64_t terms = std::min(kBlock, n - from);
+        if (!plainterms(terms, var + from, coef + from, static_cast<uint32_t>(variables.count())))
+            return false;
+        down += descents(from ? terms + 1 : terms, from ? var + from - 1 : var);
+    }
+    return down == descentsatends(nrows, ptr, var);
 }
 
 int64_t tidyterms(const Registry &variables, Marker &marker, int64_t nrows, int64_t nnz, int64_t *ptr, int32_t *var,

@@ -20,6 +20,23 @@ void requireblock(int64_t nnz) {
 constexpr int64_t kSharedFull =
     1 << 20; // a shared chunk takes no more then, so that growing it never doubles the store
 
+// Copies a side of n rows; whether it is as the store keeps it. One number for all may be infinite, then normalized
+// here, where `allowed`; among several the finite ones are the rule, and a block with others is to be gone through one
+// by one.
+template <class Allowed> bool copyside(int64_t n, const double *from, int step, double *to, Allowed allowed) {
+    if (n && step == 0) {
+        const bool fits = allowed(*from);
+        std::fill_n(to, n, fits ? normalized(*from) : *from);
+        return fits;
+    }
+    bool finite = true;
+    for (int64_t i = 0; i < n; i++) {
+        to[i] = from[i * step];
+        finite &= isfinite(to[i]);
+    }
+    return finite;
+}
+
 } // namespace
 
 // ---- sides
@@ -127,20 +144,20 @@ int32_t Rows::addopen(int64_t nnz, const double *low, int lowstep, const double 
     ids.reserve(n);
     double *l = lower.room(n), *u = upper.room(n);
     char *s = sense.room(n);
-    for (int64_t i = 0; i < n; i++) {
-        l[i] = low[i * lowstep];
-        u[i] = up[i * upstep];
-    }
-    // Finite sides are the rule: only a block with others is gone through one by one.
-    bool finite = true;
-    for (int64_t i = 0; i < n; i++)
-        finite &= isfinite(l[i]) & isfinite(u[i]);
-    for (int64_t i = 0; !finite && i < n; i++) {
+    bool plain = copyside(n, low, lowstep, l, [](double v) { return v < TRV_INFINITY; });
+    plain &= copyside(n, up, upstep, u, [](double v) { return v > -TRV_INFINITY; });
+    for (int64_t i = 0; !plain && i < n; i++) {
         l[i] = checkedlower(l[i], first + i, "Lower");
         u[i] = checkedupper(u[i], first + i, "Upper");
     }
-    for (int64_t i = 0; i < n; i++)
-        s[i] = senseof(l[i], u[i]);
+    // A side that is one number for all, and says the sense alone, spares a look at each row.
+    if (n && low == up && lowstep == upstep)
+        std::memset(s, '=', n);
+    else if (n && lowstep == 0 && std::isinf(*l))
+        std::memset(s, '<', n);
+    else
+        for (int64_t i = 0; i < n; i++)
+            s[i] = senseof(l[i], u[i]);
     preparechunk(nnz);
     names.add(static_cast<int32_t>(first), n, newnames); // the last step that can fail
     finishchunk(nnz);

@@ -32,6 +32,32 @@ def test_bounds_of_binaries_are_cut_and_large_ones_mean_none():
     assert a.ub.tolist() == [1, 0.75, 1, inf, inf]
 
 
+def filled(values, spread):
+    """The arrays of a model with two blocks of five variables, or the refusal of the second."""
+    m = tarvopy.Model()
+    m.addMVar(2)
+    given_values = {k: np.full(5, v) if k in spread else v for k, v in values.items()}
+    try:
+        m.addMVar(5, **given_values)
+    except TarvoError as error:
+        return str(error)
+    a = arrays(m)
+    return [np.array(v).tobytes() for v in (a.lb, a.ub, a.obj)], a.vtype
+
+
+_NUMBERS = st.sampled_from([0.0, -0.0, 1.0, -2.5, inf, -inf, 1e20, -1e30, np.nan])
+
+
+@given(
+    st.fixed_dictionaries(
+        {}, optional={"lb": _NUMBERS, "ub": _NUMBERS, "obj": _NUMBERS, "vtype": st.sampled_from("CBIS")}
+    ),
+    st.sets(st.sampled_from(["lb", "ub", "obj", "vtype"])),
+)
+def test_one_value_is_the_same_value_for_each(values, spread):
+    assert filled(values, spread) == filled(values, ())
+
+
 def test_crossed_bounds_are_stored_as_they_are():
     m = tarvopy.Model()
     m.addVar(lb=2, ub=1)
