@@ -4,7 +4,9 @@
 #include "options.h"
 #include "solver.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <ranges>
 #include <vector>
 
 namespace tarvopy::highs {
@@ -71,17 +73,15 @@ void solver_dealloc(PyObject *self) {
 
 // HiGHS' variable types of a model's characters; empty for a pure LP.
 std::vector<HighsInt> integrality_of(std::span<const char> vtype) {
-    std::vector<HighsInt> types(vtype.size());
-    bool any = false;
-    for (size_t i = 0; i < vtype.size(); ++i) {
-        types[i] = vtype[i] == 'C'   ? kHighsVarTypeContinuous
-                   : vtype[i] == 'S' ? kHighsVarTypeSemiContinuous
-                                     : kHighsVarTypeInteger;
-        any = any || types[i] != kHighsVarTypeContinuous;
-    }
-    if (!any)
-        types.clear();
-    return types;
+    if (std::ranges::count(vtype, 'C') == std::ssize(vtype))
+        return {};
+    const auto type_of = [](char letter) {
+        return letter == 'C'   ? kHighsVarTypeContinuous
+               : letter == 'S' ? kHighsVarTypeSemiContinuous
+                               : kHighsVarTypeInteger;
+    };
+    const auto types = vtype | std::views::transform(type_of);
+    return {types.begin(), types.end()}; // written once, not zeroed before
 }
 
 struct LoadArguments {

@@ -94,7 +94,7 @@ TARVOPY_METHOD(function_cone_duals);
 TARVOPY_METHOD(function_genmatrix);
 TARVOPY_METHOD(function_problem);
 TARVOPY_METHOD(function_matrix);
-TARVOPY_METHOD(function_rows_in_place);
+TARVOPY_METHOD(function_columns);
 TARVOPY_METHOD(function_changes);
 TARVOPY_METHOD(function_clear_changes);
 TARVOPY_METHOD(function_open_solution);

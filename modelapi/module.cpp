@@ -34,9 +34,9 @@ PyMethodDef functions[] = {
     function("problem", function_problem,
              "problem($module, handle, /)\n--\n\nRead-only views and numbers of the store by the field names of "
              "problem.Problem."),
-    function("rows_in_place", function_rows_in_place,
-             "rows_in_place($module, handle, /)\n--\n\nThe matrix by rows as views of the store, None where it is not "
-             "in one piece."),
+    function("columns", function_columns,
+             "columns($module, handle, /)\n--\n\nThe matrix by columns for reading, not copied where it need not be: "
+             "(start, index, value)."),
     function("matrix", function_matrix,
              "matrix($module, handle, csc, /)\n--\n\nThe matrix by columns or by rows, freshly made: (start, index, "
              "value)."),

@@ -98,21 +98,22 @@ Ref matrix_arrays(TRVmodel *store, bool csc) {
     return matrix_arrays(matrix);
 }
 
-TARVOPY_METHOD(function_rows_in_place) {
-    static const Signature signature{"rows_in_place", {"handle"}, 1};
+TARVOPY_METHOD(function_columns) {
+    static const Signature signature{"columns", {"handle"}, 1};
     (void)self;
     return border([&] {
         Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
         TRVmodel *store = engine_store(given[0]);
         Ref pin = pinned(store);
-        TRVmatrix rows;
-        succeed(store, TRVviewrows(store, &rows));
-        if (!rows.start)
-            return Ref::none();
-        Ref start = view(pin.get(), NPY_INT32, rows.nmajor + 1, rows.start);
-        Ref index = view(pin.get(), NPY_INT32, rows.nnz, rows.index);
-        Ref value = doubles(pin.get(), rows.nnz, rows.value);
+        TRVmatrix columns;
+        const double *values;
+        succeed(store, TRVviewcolumns(store, &columns, &values));
+        const bool copied = values == columns.value;
+        Ref keeper = kept<TRVmatrix, TRVfreematrix>(columns, "tarvopy._modelapi.matrix");
+        Ref start = view(keeper.get(), NPY_INT32, columns.nmajor + 1, columns.start);
+        Ref index = view(keeper.get(), NPY_INT32, columns.nnz, columns.index);
+        Ref value = doubles(copied ? keeper.get() : pin.get(), columns.nnz, values);
         return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));
     });
 }

@@ -146,8 +146,9 @@ def problem(handle: Any) -> dict[str, Any]:
 def matrix(handle: Any, csc: bool) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
     """The matrix by columns or by rows, freshly made: (start, index, value)."""
 
-def rows_in_place(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]] | None:
-    """The matrix by rows where the store holds it in one piece, else None: index and value are views of the store."""
+def columns(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
+    """The matrix by columns, read-only: (start, index, value). Values that stand in this order in the store are a view
+    of it."""
 
 def hessian(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
     """The objective's Hessian H (obj x + x'Hx/2), its upper triangle by columns: (start, index, value)."""

@@ -104,9 +104,9 @@ class Problem:
         """A by rows: (start int32 of nrows + 1, column index int32, value float64), in stored order."""
         return _modelapi.matrix(self.handle, False)
 
-    def rows_in_place(self) -> tuple[np.ndarray, np.ndarray, np.ndarray] | None:
-        """What csr() gives, as read-only views of the store, where its rows lie in one piece; else None."""
-        return _modelapi.rows_in_place(self.handle)
+    def columns(self) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+        """What csc() gives, for reading only: values that stand in this order in the store are not copied."""
+        return _modelapi.columns(self.handle)
 
     def hessian(self) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
         """H of the objective, its upper triangle by columns: (start of nvars + 1, row index, value).

@@ -435,8 +435,9 @@ typedef struct TRVgenmatrix {
 TRV_API int TRVgetgenmatrix(TRVmodel *model, TRVgenmatrix *matrix);
 TRV_API void TRVfreegenmatrix(TRVgenmatrix *matrix);
 
-/* Keeps the memory that the pointers of TRVgetdata, TRVviewrows and TRVopensolution lead to, as they stand at this
- * call, readable until TRVunpin, whatever becomes of the model, its end included. Afterwards it may show old values. */
+/* Keeps the memory that the pointers of TRVgetdata, TRVviewrows, TRVviewcolumns and TRVopensolution lead to, as they
+ * stand at this call, readable until TRVunpin, whatever becomes of the model, its end included. Afterwards it may show
+ * old values. */
 typedef struct TRVpinned TRVpinned;
 TRV_API int TRVpin(TRVmodel *model, TRVpinned **pin);
 TRV_API void TRVunpin(TRVpinned *pin);
@@ -457,6 +458,10 @@ TRV_API int TRVgethessian(TRVmodel *model, TRVmatrix *upper);
 /* The matrix by rows where the store holds it in one piece, as one large block of rows does: all three point into the
  * store, valid until its next change. Elsewhere start is NULL. */
 TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
+/* The matrix by columns for reading: as TRVgetmatrix makes it, but its values are to be found at *value. Where they
+ * stand in this order in the store already (each column at most once, ascending through all rows) they are not copied:
+ * *value then points into the store, valid until its next change, and matrix->value is NULL. */
+TRV_API int TRVviewcolumns(TRVmodel *model, TRVmatrix *matrix, const double **value);
 
 /* The activities of the nonlinear rows (by position) at x (by position of variables). What is not defined there is NaN
  * or infinite. */

@@ -100,6 +100,15 @@ int TRVviewrows(TRVmodel *model, TRVmatrix *matrix) {
     });
 }
 
+int TRVviewcolumns(TRVmodel *model, TRVmatrix *matrix, const double **value) {
+    return border(model, [&] {
+        requirepointer("matrix", matrix, 1);
+        requirepointer("value", value, 1);
+        *matrix = columnsinplace(*model, *value);
+        blocks::trim(); // as TRVgetdata: what the transposition took beside
+    });
+}
+
 void TRVfreematrix(TRVmatrix *matrix) {
     if (!matrix)
         return;

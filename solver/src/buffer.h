@@ -15,6 +15,7 @@
 #include "blocks.h"
 #include "pins.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -79,16 +80,17 @@ template <class T> class Buffer {
     }
     // As room, where the n elements are 0 already: in the first block without a page being touched.
     T *zeros(size_t n) {
-        if (!data_ && n <= SIZE_MAX / 2 / sizeof(T)) {
-            data_ = static_cast<T *>(blocks::zeros(n * sizeof(T)));
-            if (!data_)
-                throw std::bad_alloc();
-            capacity_ = n;
-            return data_;
+        if (data_) {
+            T *p = room(n);
+            std::fill_n(p, n, T{});
+            return p;
         }
-        T *p = room(n);
-        std::memset(static_cast<void *>(p), 0, n * sizeof(T));
-        return p;
+        void *p = n > SIZE_MAX / 2 / sizeof(T) ? nullptr : blocks::zeros(n * sizeof(T));
+        if (!p)
+            throw std::bad_alloc();
+        data_ = static_cast<T *>(p);
+        capacity_ = n;
+        return data_;
     }
     void grow(size_t n) noexcept { size_ += n; }
     void cut(size_t n) noexcept { size_ = n; }

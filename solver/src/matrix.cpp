@@ -3,8 +3,10 @@
 #include "matrix.h"
 
 #include "failure.h"
+#include "scatter.h"
 
 #include <algorithm>
+#include <functional>
 
 namespace store {
 
@@ -15,10 +17,11 @@ struct Making {
     Buffer<int32_t> start, index;
     Buffer<double> value;
 
-    Making(int32_t nmajor, int64_t nnz) {
+    // Starts alone, the others for whoever fills them.
+    explicit Making(int32_t nmajor) { start.room(nmajor + 2); }
+    Making(int32_t nmajor, int64_t nnz) : Making(nmajor) {
         if (nnz > INT32_MAX)
             failf(TRV_ERROR_SIZE_LIMIT, "%lld nonzeros exceed the limit of 2147483647", static_cast<long long>(nnz));
-        start.room(nmajor + 2);
         index.room(nnz);
         value.room(nnz);
     }
@@ -52,18 +55,22 @@ template <class Position> TRVmatrix bycolumns(const TRVmodel &model, Position po
     });
     for (int32_t c = 0; c < n; c++)
         start[c + 2] += start[c + 1];
-    int32_t *index = made.index.data();
-    double *value = made.value.data();
-    model.rows.each([&](int32_t r, const Row &row) {
-        for (int64_t k = 0; k < row.n; k++) {
-            const int32_t c = position(row.var[k]);
-            if (c < 0)
-                continue;
-            const int32_t at = start[c + 1]++;
-            index[at] = r;
-            value[at] = row.coef[k];
-        }
-    });
+    const Places places{start + 1, made.index.data(), made.value.data()};
+    const auto scatter = [&](auto &&put) {
+        model.rows.each([&](int32_t r, const Row &row) {
+            for (int64_t k = 0; k < row.n; k++) {
+                const int32_t c = position(row.var[k]);
+                if (c >= 0)
+                    put(Entry{c, r, row.coef[k]});
+            }
+        });
+    };
+    if (nnz >= kManyEntries && farapart(model.rows)) {
+        Bins bins(n, places);
+        scatter([&](const Entry &entry) { bins.put(entry); });
+        bins.empty();
+    } else
+        scatter([&](const Entry &entry) { places.put(entry); });
     return made.finish(n, nnz);
 }
 
@@ -98,17 +105,56 @@ TRVmatrix matrixbycolumns(TRVmodel &model) {
     return mapped(model) ? bycolumns(model, Mapped{model.columns.ids}) : bycolumns(model, Same{});
 }
 
-TRVmatrix rowsinplace(TRVmodel &model) {
-    const int32_t n = model.rows.ids.committed();
+namespace {
+
+// The chunk that holds all rows of the model by position, tight and not empty; NULL where there is none.
+const Chunk *inonepiece(TRVmodel &model) {
     if (mapped(model) || model.rows.chunks().size() != 1)
-        return {};
+        return nullptr;
     const Chunk &chunk = model.rows.chunks().front();
-    const int64_t nnz = chunk.nrows == n ? chunk.ptr[n] : 0;
-    if (nnz == 0 || nnz > INT32_MAX || chunk.loose())
+    const int32_t n = model.rows.ids.committed();
+    const bool whole = !chunk.loose() && chunk.nrows == n && chunk.ptr[n] > 0;
+    return whole ? &chunk : nullptr;
+}
+
+// No column comes twice, and they come in order: by columns the terms stand as they do by rows.
+bool ascendingthroughout(const Chunk &chunk) {
+    const int32_t *var = chunk.var.data();
+    return std::adjacent_find(var, var + chunk.nnz, std::greater_equal<>()) == var + chunk.nnz;
+}
+
+// Starts and indices for values that stand in the chunk.
+TRVmatrix besidevalues(const Chunk &chunk, int32_t ncols) {
+    Making made(ncols);
+    int32_t *start = made.start.data(), c = 0;
+    const size_t nnz = chunk.nnz;
+    for (size_t k = 0; k < nnz; k++)
+        while (c <= chunk.var[k])
+            start[c++] = static_cast<int32_t>(k);
+    std::fill(start + c, start + ncols + 1, static_cast<int32_t>(nnz));
+    int32_t *index = chunk.nrows == 1 ? made.index.zeros(nnz) : made.index.room(nnz);
+    for (int32_t i = 0; chunk.nrows > 1 && i < chunk.nrows; i++)
+        std::fill(index + chunk.ptr[i], index + chunk.ptr[i + 1], i);
+    return made.finish(ncols, nnz);
+}
+
+} // namespace
+
+TRVmatrix rowsinplace(TRVmodel &model) {
+    const Chunk *chunk = inonepiece(model);
+    if (!chunk)
         return {};
     // The struct serves owned matrices too; callers of a view only read.
-    return {n, nnz, const_cast<int32_t *>(chunk.ptr.data()), const_cast<int32_t *>(chunk.var.data()),
-            const_cast<double *>(chunk.coef.data())};
+    return {chunk->nrows, chunk->ptr[chunk->nrows], const_cast<int32_t *>(chunk->ptr.data()),
+            const_cast<int32_t *>(chunk->var.data()), const_cast<double *>(chunk->coef.data())};
+}
+
+TRVmatrix columnsinplace(TRVmodel &model, const double *&value) {
+    const Chunk *chunk = inonepiece(model);
+    const bool asitstands = chunk && ascendingthroughout(*chunk);
+    const TRVmatrix made = asitstands ? besidevalues(*chunk, model.columns.ids.committed()) : matrixbycolumns(model);
+    value = asitstands ? chunk->coef.data() : made.value;
+    return made;
 }
 
 TRVmatrix matrixbyrows(TRVmodel &model) {

@@ -9,5 +9,8 @@ TRVmatrix matrixbycolumns(TRVmodel &model);
 TRVmatrix matrixbyrows(TRVmodel &model);
 // The arrays are the store's own; without start where the rows do not lie in one piece.
 TRVmatrix rowsinplace(TRVmodel &model);
+// By columns, with `value` for the values: those of the matrix, or the store's own where they stand in this order; the
+// matrix has none then.
+TRVmatrix columnsinplace(TRVmodel &model, const double *&value);
 
 } // namespace store
