@@ -21,6 +21,8 @@ struct ModelObject {
     // and clears the flag before it reads anything through Python objects.
     int solving;
     PyObject *weakrefs;
+    // So many elements are about to be added: their objects may be made already (modelapi/new_handle.h).
+    int64_t ahead;
 };
 
 // Var, Constr, QConstr, GenConstr, NLConstr: one object per id while it lives; no __dict__, no collector.

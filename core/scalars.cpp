@@ -238,7 +238,7 @@ void check_ids(ModelObject *model, int kind, int64_t n, const int32_t *ids, int6
     // Ids are never used again, so objects may be made after closing too; using them then says that the model is
     // closed.
     uint32_t end =
-        model->store ? static_cast<uint32_t>(TRVidcount(model->store, kind)) : static_cast<uint32_t>(INT32_MAX);
+        model->store ? static_cast<uint32_t>(TRVidcount(model->store, kind) + model->ahead) : uint32_t{INT32_MAX};
     uint32_t largest = 0; // negative ids come out above every count
     for (int64_t i = 0; i < n; ++i)
         largest = std::max(largest, static_cast<uint32_t>(ids[i * step]));

@@ -10,6 +10,8 @@
 #include "matrixapi/mquadexpr.h"
 #include "names.h"
 
+#include <cstring>
+
 namespace tarvopy {
 
 using namespace pysupport;
@@ -134,6 +136,17 @@ void scale_constant(const Ref &constant, const Ref &numbers) {
         values[i] *= factors[one ? 0 : i];
 }
 
+// NumPy's own copying may need memory, which an array in the usual order does not.
+void put_back(const Ref &constant, const Ref &before) {
+    if (PyArray_ISCARRAY(as_array(constant))) {
+        std::memcpy(PyArray_DATA(as_array(constant)), PyArray_DATA(as_array(before)), PyArray_NBYTES(as_array(before)));
+        return;
+    }
+    Ref error = Ref::steal(PyErr_GetRaisedException());
+    PyArray_CopyInto(as_array(constant), as_array(before));
+    PyErr_SetRaisedException(error.release());
+}
+
 void imul_compact(PyObject *self, const Ref &numbers) {
     flat::Shape shape = shape_of(self);
     if (flat::size_of(shape) > 0)
@@ -150,14 +163,12 @@ void imul_compact(PyObject *self, const Ref &numbers) {
         scale_constant(constant, numbers);
         return set_parts(self, std::move(parts), std::move(model));
     }
-    Ref before = check(PyArray_NewCopy(as_array(constant), NPY_KEEPORDER));
+    Ref before = check(PyArray_NewCopy(as_array(constant), NPY_CORDER));
     scale_constant(constant, numbers);
     try {
         scale_made_part(self, numbers, factors);
     } catch (...) {
-        Ref error = Ref::steal(PyErr_GetRaisedException());
-        PyArray_CopyInto(as_array(constant), as_array(before));
-        PyErr_SetRaisedException(error.release());
+        put_back(constant, before);
         throw;
     }
 }

@@ -4,6 +4,7 @@
 // side survives that as "no bound".
 
 #include "general.h"
+#include "new_handle.h"
 #include "row_blocks.h"
 
 #include <algorithm>
@@ -28,6 +29,7 @@ Ref add_linear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense, N
     require_model(rows.block().model, handle, "the comparison has variables");
     Shape shape = rows.shape();
     const TRVnames *block = names.block(shape);
+    NewHandle made(handle, TRV_CONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
     Scratch<double> bounds = rows.write_into(store);
     bool free = to_bounds(rows.block().scalar, shape.size, bounds.get(), sense);
@@ -35,7 +37,7 @@ Ref add_linear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense, N
     int32_t first = rows.commit(sides.lower, sides.lowerstep, sides.upper, sides.upperstep, block);
     if (free && sense == Sense::Greater)
         free_rows_keep_their_sense(store, first, shape.size, sides.lower);
-    return constraint_handle(handle, store, TRV_CONSTR, shape, first, rows.block().scalar);
+    return made.take(first);
 }
 
 Ref add_quadratic(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense, Names &names) {
@@ -45,9 +47,10 @@ Ref add_quadratic(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense
     const TRVnames *block = names.block(shape);
     rows.write();
     to_bounds(rows.block().scalar, shape.size, rows.constants(), sense);
+    NewHandle made(handle, TRV_QCONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
     int32_t first = rows.commit(store, sense, block);
-    return constraint_handle(handle, store, TRV_QCONSTR, shape, first, rows.block().scalar);
+    return made.take(first);
 }
 
 Ref add_nonlinear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense, Names &names) {
@@ -57,9 +60,10 @@ Ref add_nonlinear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense
     const TRVnames *block = names.block(shape);
     to_bounds(rows.block().scalar, shape.size, rows.constants(), sense);
     OneSided sides(sense, rows.constants());
+    NewHandle made(handle, TRV_NLCONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
     int32_t first = rows.commit(store, sides.lower, sides.lowerstep, sides.upper, sides.upperstep, block);
-    return constraint_handle(handle, store, TRV_NLCONSTR, shape, first, rows.block().scalar);
+    return made.take(first);
 }
 
 } // namespace
@@ -123,11 +127,12 @@ Ref add_linear_range(ModelObject *handle, PyObject *expr, PyObject *zeros, Doubl
     require_model(rows.block().model, handle, "the expression has variables");
     Shape shape = rows.shape();
     const TRVnames *block = names.block(shape);
+    NewHandle made(handle, TRV_CONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
     Scratch<double> lower = rows.write_into(store);
     Scratch<double> upper = to_ranges(rows.block().scalar, shape, lb, ub, lower.get());
     int32_t first = rows.commit(lower.get(), 1, upper.get(), 1, block);
-    return constraint_handle(handle, store, TRV_CONSTR, shape, first, rows.block().scalar);
+    return made.take(first);
 }
 
 Ref add_nonlinear_range(ModelObject *handle, PyObject *expr, PyObject *zeros, Doubles &lb, Doubles &ub, Names &names) {
@@ -136,9 +141,10 @@ Ref add_nonlinear_range(ModelObject *handle, PyObject *expr, PyObject *zeros, Do
     Shape shape = rows.shape();
     const TRVnames *block = names.block(shape);
     Scratch<double> upper = to_ranges(rows.block().scalar, shape, lb, ub, rows.constants());
+    NewHandle made(handle, TRV_NLCONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
     int32_t first = rows.commit(store, rows.constants(), 1, upper.get(), 1, block);
-    return constraint_handle(handle, store, TRV_NLCONSTR, shape, first, rows.block().scalar);
+    return made.take(first);
 }
 
 } // namespace

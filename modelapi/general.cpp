@@ -10,6 +10,7 @@
 #include "general.h"
 
 #include "gen_block.h"
+#include "new_handle.h"
 #include "pysupport/numbers.h"
 
 #include <algorithm>
@@ -122,9 +123,8 @@ void append_points(const Ref &genexpr, int64_t count, GenBlock &block) {
 
 Ref add_block(ModelObject *handle, GenBlock &block, int type, const Shape &shape, bool scalar, Names &names) {
     const TRVnames *own_names = names.block(shape);
-    TRVmodel *store = store_of(handle);
-    int32_t first = block.commit(store, type, own_names);
-    return constraint_handle(handle, store, TRV_GENCONSTR, shape, first, scalar);
+    NewHandle made(handle, TRV_GENCONSTR, shape, scalar);
+    return made.take(block.commit(store_of(handle), type, own_names));
 }
 
 } // namespace

@@ -146,20 +146,4 @@ bool to_bounds(bool scalar, int64_t nrows, double *constants, Sense sense) {
     return free;
 }
 
-Ref constraint_handle(ModelObject *handle, TRVmodel *store, int kind, const Shape &shape, int32_t first, bool scalar) {
-    PyTypeObject *type = kind == TRV_QCONSTR     ? matrix().MQConstr
-                         : kind == TRV_GENCONSTR ? matrix().MGenConstr
-                         : kind == TRV_NLCONSTR  ? matrix().MNLConstr
-                                                 : matrix().MConstr;
-    PyObject *made =
-        scalar ? core().scalar(handle, kind, first) : matrix().mconstr(type, handle, first, shape.ndim, shape.dims);
-    if (made)
-        return Ref::steal(made);
-    std::vector<int32_t> ids(shape.size);
-    for (int64_t i = 0; i < shape.size; ++i)
-        ids[i] = first + static_cast<int32_t>(i);
-    TRVremove(store, kind, shape.size, ids.data());
-    throw PythonError{};
-}
-
 } // namespace tarvopy::modelapi

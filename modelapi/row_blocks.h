@@ -106,8 +106,4 @@ void check_bound(bool scalar, int64_t row, double bound, bool minus_ok, bool plu
 // The constants of a block become bounds in place. Returns whether some row has none.
 bool to_bounds(bool scalar, int64_t nrows, double *constants, Sense sense);
 
-// The handle of new rows: scalar ones give an element, others the matrix handle of their shape. Takes the rows back
-// where it cannot be made.
-Ref constraint_handle(ModelObject *handle, TRVmodel *store, int kind, const Shape &shape, int32_t first, bool scalar);
-
 } // namespace tarvopy::modelapi

@@ -1,5 +1,6 @@
 // addSOS: variables in an order, of which few may be nonzero.
 
+#include "new_handle.h"
 #include "row_blocks.h"
 
 namespace tarvopy::modelapi {
@@ -102,10 +103,11 @@ TARVOPY_METHOD(model_addSOS) {
         std::vector<double> ones(count, 1.0);
         const int64_t whole[] = {0, count};
         const TRVgens gens{1, whole, ptr.data(), members.ids.data(), ones.data(), nullptr, whole, weights.data()};
+        NewHandle made(handle, TRV_GENCONSTR, shape, true);
         TRVmodel *store = store_of(handle);
         int32_t first;
         succeed(store, TRVaddgens(store, type, &gens, own_names, &first));
-        return constraint_handle(handle, store, TRV_GENCONSTR, shape, first, true);
+        return made.take(first);
     });
 }
 

@@ -2,25 +2,11 @@
 // nothing is made per element, in Python or here.
 
 #include "arguments.h"
+#include "new_handle.h"
 
 #include <cmath>
 
 namespace tarvopy::modelapi {
-
-namespace {
-
-// Takes back what was added when its handle cannot be made.
-Ref handle_or_remove(TRVmodel *store, int kind, int64_t count, int32_t first, PyObject *made) {
-    if (made)
-        return Ref::steal(made);
-    std::vector<int32_t> ids(count);
-    for (int64_t i = 0; i < count; ++i)
-        ids[i] = first + static_cast<int32_t>(i);
-    TRVremove(store, kind, count, ids.data());
-    throw PythonError{};
-}
-
-} // namespace
 
 TARVOPY_METHOD(model_addVar) {
     static const Signature signature{"addVar", {"lb", "ub", "obj", "vtype", "name"}, 0};
@@ -35,10 +21,11 @@ TARVOPY_METHOD(model_addVar) {
         const Shape scalar{};
         vtype.spread(scalar);
         const TRVnames *block = names.block(scalar);
+        NewHandle made(handle, TRV_VAR, scalar, true);
         TRVmodel *store = store_of(handle);
         int32_t id;
         succeed(store, TRVaddvars(store, 1, &lb, 0, &ub, 0, &obj, 0, vtype.data(), 0, block, &id));
-        return handle_or_remove(store, TRV_VAR, 1, id, core().scalar(handle, TRV_VAR, id));
+        return made.take(id);
     });
 }
 
@@ -56,12 +43,12 @@ TARVOPY_METHOD(model_addMVar) {
         obj.spread(shape);
         vtype.spread(shape);
         const TRVnames *block = names.block(shape);
-        const MatrixApi &api = matrix();
+        NewHandle made(handle, TRV_VAR, shape, false);
         TRVmodel *store = store_of(handle);
         int32_t first;
         succeed(store, TRVaddvars(store, shape.size, lb.data(), lb.step(), ub.data(), ub.step(), obj.data(), obj.step(),
                                   vtype.data(), vtype.step(), block, &first));
-        return handle_or_remove(store, TRV_VAR, shape.size, first, api.mvar(handle, first, shape.ndim, shape.dims));
+        return made.take(first);
     });
 }
 

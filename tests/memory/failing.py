@@ -8,6 +8,7 @@ say what it need not do, see below.
 
 import ctypes
 import gc
+import random
 import subprocess
 import sysconfig
 import tempfile
@@ -27,11 +28,9 @@ ALONE = "needs memory to take back what it did, so only one request fails"
 
 def _compiled(folder: str) -> ctypes.PyDLL:
     source, library = Path(__file__).with_name("failing_allocations.cpp"), Path(folder) / "failing_allocations.so"
-    include = sysconfig.get_path("include")
-    subprocess.run(
-        ["c++", "-std=c++20", "-O1", "-g", "-fPIC", "-shared", f"-I{include}", f"-I{np.get_include()}", str(source), "-o", str(library)],
-        check=True,
-    )
+    headers = [f"-I{sysconfig.get_path('include')}", f"-I{np.get_include()}"]
+    options = ["-std=c++20", "-O1", "-g", "-fPIC", "-shared"]
+    subprocess.run(["c++", *options, *headers, str(source), "-o", str(library)], check=True)
     return ctypes.PyDLL(str(library))
 
 
@@ -72,19 +71,19 @@ def difference(now: str, then: str) -> str:
     return f"...{now[at : at + 160]}... was ...{then[at : at + 160]}..."
 
 
-def walk(requests: Requests, prepare, operate, state, outcome, *words: str) -> int:
+def walk(requests: Requests, numbers, prepare, operate, state, outcome, *words: str) -> int:
     """Runs the operation with each of its requests failing in turn, alone and with all that come after it; returns how
-    many there are. Raises AssertionError at what must not be."""
+    many failed. Raises AssertionError at what must not be."""
     operands = prepare()
     expected = outcome(operate(*operands), operands)
     requests.bind_arrays()
-    for number in range(1, LIMIT):
+    for tried, number in enumerate(numbers):
         for forever in (False,) if ALONE in words else (False, True):
             operands = prepare()
             before = state(operands)
             result, failed = requests.fail(operate, operands, number, forever)
             if not failed:
-                return number - 1
+                return tried
             where = f"request {number}{' and later' if forever else ''}"
             if isinstance(result, Exception):
                 assert isinstance(result, MemoryError), f"{where}: {result!r}"
@@ -97,17 +96,22 @@ def walk(requests: Requests, prepare, operate, state, outcome, *words: str) -> i
     raise AssertionError(f"more than {LIMIT} requests")
 
 
-def run(table, state, outcome) -> None:
-    """Walks through the table; the name of each operation is printed before it runs, so that a crash has a name."""
-    requests = Requests()
-    faults = 0
+def run(table, state, outcome, every: int = 1, seed: int = 0) -> None:
+    """Walks through the table, with every k-th request from a random one on; the name of each operation is printed
+    before it runs, so that a crash has a name."""
+    requests, first = Requests(), random.Random(seed)
+    print("every", every, "seed", seed)
+    faults = total = 0
     for name, (prepare, operate, *words) in table.items():
         print(name, end=" ", flush=True)
         try:
-            print(walk(requests, prepare, operate, state, outcome, *words), flush=True)
+            numbers = range(first.randint(1, every), LIMIT, every)
+            tried = walk(requests, numbers, prepare, operate, state, outcome, *words)
+            print(tried, flush=True)
+            total += tried
         except Exception as error:
             faults += 1
             print("FAULT", repr(error), flush=True)
         gc.collect()
-    print(requests.array_libraries, "libraries call NumPy through the failing table")
+    print(total, "requests;", requests.array_libraries, "libraries call NumPy through the failing table")
     assert not faults, f"{faults} operations"

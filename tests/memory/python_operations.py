@@ -1,5 +1,6 @@
 """Failing requests for memory in the Python names: scalars, expressions, arrays, models. Run as a program: a crash ends
-it and not the tests. With the word eager matrix objects make their elements at once."""
+it and not the tests. Words: groups or names of operations (all), eager (matrix objects make their elements at once),
+every=5 seed=3 (each fifth request, from a random one on)."""
 
 import sys
 
@@ -7,7 +8,7 @@ import numpy as np
 import scipy.sparse as sp
 
 import tarvopy as tv
-from memory.failing import ALONE, ONCE, run
+from memory.failing import ONCE, run
 from tarvopy import TRV, _debug, genfunc, nlfunc
 from tarvopy._core import LinExpr, QuadExpr
 
@@ -195,13 +196,15 @@ GROUPS = {
 }
 
 TABLE = {
-    f"{group}: {name}": (prepare, operate, *words, *((ONCE, ALONE) if name.startswith("add") else ()))
+    f"{group}: {name}": (prepare, operate, *words, *((ONCE,) if name.startswith("add") else ()))
     for group, (prepare, operations, *words) in GROUPS.items()
     for name, operate in operations.items()
 }
 
 if __name__ == "__main__":
     words = sys.argv[1:]
+    options = {name: int(value) for name, equals, value in (word.partition("=") for word in words) if equals}
     _debug.eager("eager" in words)
-    wanted = set(words) - {"eager"} or {name.split(":")[0] for name in TABLE}
-    run({name: row for name, row in TABLE.items() if wanted & {name, name.split(":")[0]}}, state, outcome)
+    wanted = {word for word in words if "=" not in word} - {"eager"} or set(GROUPS)
+    table = {name: row for name, row in TABLE.items() if wanted & {name, name.split(":")[0]}}
+    run(table, state, outcome, **options)
