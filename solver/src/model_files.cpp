@@ -34,7 +34,8 @@ const Format &format_of(std::string_view path) {
         }
     }
     throw FileError{TRV_ERROR_UNSUPPORTED,
-                    joined("the ending of ", in_quotes(path), " is none of .mps, .qps, .sif, .lp, each also with .gz")};
+                    joined("the ending of ", in_quotes(path),
+                           " is none of .mps, .qps, .sif, .lp (models), .sol (solutions), each also with .gz")};
 }
 
 void want_empty(TRVmodel *model) {

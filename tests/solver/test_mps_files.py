@@ -173,7 +173,11 @@ def test_a_damaged_file_changes_nothing(tmp_path):
         ("folder.mps", FILE, "cannot open '{}': Is a directory"),
         ("pipe.mps", FILE, "cannot open '{}': it is a pipe or a device, not a file"),
         ("zero.mps", FILE, "cannot open '{}': it is a pipe or a device, not a file"),
-        ("m.xyz", UNSUPPORTED, "the ending of '{}' is none of .mps, .qps, .sif, .lp, each also with .gz"),
+        (
+            "m.xyz",
+            UNSUPPORTED,
+            "the ending of '{}' is none of .mps, .qps, .sif, .lp (models), .sol (solutions), each also with .gz",
+        ),
         (".mps", UNSUPPORTED, None),
     ],
 )
