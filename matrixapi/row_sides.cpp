@@ -79,6 +79,9 @@ Side element_side(PyObject *array) {
 
 Side array_side(PyObject *given) {
     Ref array = plain_array(given);
+    flat::Shape shape = shape_of_array(array.get());
+    if (too_large(shape)) // a broadcast view of one number: reading it would fill all memory
+        fail(PyExc_ValueError, "a side of shape %S has more than 2**31 elements", shape_tuple(shape).get());
     if (Ref numbers = as_doubles(array.get()))
         return numeric_side(numbers);
     if (PyArray_TYPE(as_array(array)) == NPY_OBJECT)

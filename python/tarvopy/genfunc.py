@@ -20,6 +20,7 @@ The functions bear the names of Python's own, so use them through the module.
 from __future__ import annotations
 
 import builtins
+import math
 from typing import Any
 
 from tarvopy._core import GenExpr, LinExpr, NLExpr, QuadExpr, TempConstr, Var
@@ -139,6 +140,7 @@ def _taken_array(function: str, argument: Any) -> Any:
         _require_scalars(function, argument)
         array = np.array(argument, dtype=object)
     elif isinstance(argument, np.ndarray) or hasattr(argument, "__array__"):
+        _require_size(function, argument)
         array = np.array(argument)
     elif hasattr(argument, "toarray"):
         array = argument.toarray()
@@ -198,10 +200,18 @@ def _axes(axis: Any, ndim: int) -> tuple[int, ...]:
 # ---- numbers
 
 
+def _require_size(function: str, given: Any) -> None:
+    """A broadcast view of one number may be larger than all memory once it is copied."""
+    shape = getattr(given, "shape", ())
+    if isinstance(shape, tuple) and math.prod(shape) > 2**31:
+        raise ValueError(f"genfunc.{function}() takes at most 2**31 elements, not an array of shape {shape}")
+
+
 def _numbers(function: str, given: Any, name: str) -> Any:
     """A copy as float64. NumPy alone would read texts as numbers, and drop imaginary parts."""
     import numpy as np
 
+    _require_size(function, given)
     try:
         array = np.array(given)
     except ValueError:

@@ -8,7 +8,7 @@ from hypothesis import strategies as st
 
 import tarvopy
 from model_arrays import arrays, shape_of
-from tarvopy import TRV, LinExpr, TarvoError
+from tarvopy import TRV, LinExpr, TarvoError, genfunc, nlfunc
 from tarvopy._debug import counts
 
 inf = tarvopy.inf
@@ -211,6 +211,15 @@ def test_a_refused_size_names_both_shapes(m):
     with pytest.raises(ValueError, match=r"\(131072, 1\).*\(131072,\)|\(131072,\).*\(131072, 1\)"):
         m.addConstr(x <= np.zeros(1 << 17))
     assert m.NumConstrs == 0
+
+
+def test_a_view_larger_than_memory_is_refused_before_it_is_copied(m):
+    v = m.addVar()
+    view = np.broadcast_to(1.0, (2**16, 2**16))
+    sides = (v, v * v, nlfunc.exp(v))
+    for make in (*(lambda side=side: m.addConstr(side <= view) for side in sides), lambda: genfunc.max(v, view)):
+        with pytest.raises(ValueError, match=r"\(65536, 65536\)"):
+            make()
 
 
 def test_two_models_never_mix(mode, m):
