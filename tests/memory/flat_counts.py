@@ -1,5 +1,5 @@
 """Repeats each operation of the tables, whole, with failing requests for memory and refused, and counts what stays:
-blocks of memory, references of types and of shared objects, the package's own objects. Run as a program."""
+blocks of memory, references of types, the package's own objects. Run as a program."""
 
 import gc
 import sys
@@ -14,7 +14,6 @@ from tarvopy import _core
 ROUNDS = 12
 TYPES = [*(getattr(_core, name) for name in ("Var", "Constr", "LinExpr", "QuadExpr", "NLExpr", "TempConstr", "_Model"))]
 TYPES += [tv.MVar, tv.MConstr, tv.MLinExpr, tv.MQuadExpr, tv.MNLExpr, tv.Model, np.ndarray]
-SHARED = [np.dtype(np.float64), np.dtype(object), np.dtype(np.int32), np.dtype(np.int64), np.dtype(np.bool_)]
 
 REFUSED = {
     "kind of operand": lambda m, x, e, q, f: e + object(),
@@ -36,7 +35,7 @@ REFUSED = {
 
 
 def counts() -> dict:
-    found = {f"references of {item!r}": sys.getrefcount(item) for item in TYPES + SHARED}
+    found = {f"references of {item!r}": sys.getrefcount(item) for item in TYPES}
     found |= {f"living {what}": count for what, count in _core._counts().items()}
     gc.collect()
     return found | {"blocks": sys.getallocatedblocks()}
