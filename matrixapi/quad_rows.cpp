@@ -142,14 +142,6 @@ void subtract(QuadSide &left, const QuadSide &right) {
     flat::add(left.quad, flat::broadcast(right.quad, shape), -1.0);
 }
 
-// The difference of two infinite sides is NaN, too.
-void refuse_nan(const flat::Constant &constant) {
-    const flat::Buffer<double> &values = constant.values;
-    if (std::isnan(constant.uniform) ||
-        std::any_of(values.data(), values.data() + values.size(), [](double value) { return std::isnan(value); }))
-        fail_nan();
-}
-
 // lhs - rhs.
 std::unique_ptr<Block> difference(PyObject *lhs, PyObject *rhs, bool *scalar) {
     QuadSide left = quadratic_side(lhs);
@@ -160,7 +152,6 @@ std::unique_ptr<Block> difference(PyObject *lhs, PyObject *rhs, bool *scalar) {
         *scalar = *scalar && right.linear.scalar;
         subtract(left, right);
     }
-    refuse_nan(left.linear.form.constant);
     return std::make_unique<Block>(
         Block{std::move(left.linear.form), std::move(left.quad), std::move(left.linear.model)});
 }

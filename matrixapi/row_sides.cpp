@@ -17,10 +17,6 @@ void fail_models() {
     throw PythonError{};
 }
 
-void fail_nan() {
-    fail(PyExc_ValueError, "NaN is no constant of a constraint or an objective");
-}
-
 void take_numbers(Side &side) {
     if (!side.numbers)
         return;

@@ -32,6 +32,5 @@ Ref element_linexpr(PyObject *element);
 flat::Shape common_shape(const flat::Shape &a, const flat::Shape &b);
 
 [[noreturn]] void fail_models();
-[[noreturn]] void fail_nan();
 
 } // namespace tarvopy

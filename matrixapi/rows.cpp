@@ -31,18 +31,6 @@ struct Block {
                     // the caller's own
 };
 
-bool holds_nan(const double *values, int64_t size) {
-    return std::any_of(values, values + size, [](double value) { return std::isnan(value); });
-}
-
-// Infinite numbers pass: they are bounds.
-void refuse_nan(const Block &block) {
-    const flat::Constant &constant = block.form.constant;
-    if (std::isnan(constant.uniform) || holds_nan(constant.values.data(), constant.values.size()) ||
-        (block.subtracted && holds_nan(doubles(block.subtracted), PyArray_SIZE(as_array(block.subtracted)))))
-        fail_nan();
-}
-
 void subtract(Block &block, Side right) {
     flat::Shape shape = common_shape(block.form.shape, right.form.shape);
     if (!merge_models(block.model, right.model))
@@ -67,7 +55,6 @@ std::unique_ptr<Block> difference(PyObject *lhs, PyObject *rhs, bool *scalar) {
         *scalar = *scalar && right.scalar;
         subtract(*block, std::move(right));
     }
-    refuse_nan(*block);
     return block;
 }
 
@@ -83,13 +70,8 @@ void write_constants(const Block &held, double *constants) {
     if (broadcast_shapes(own, form.shape) != form.shape)
         fail(PyExc_ValueError, "the array of a constraint's side was resized while its rows were added");
     flat::broadcast_values(doubles(held.subtracted), own, form.shape, constants);
-    bool nan = false;
-    for (int64_t i = 0; i < form.size; ++i) {
+    for (int64_t i = 0; i < form.size; ++i)
         constants[i] = form.constant[i] - constants[i];
-        nan |= std::isnan(constants[i]); // the difference of two infinite sides, too
-    }
-    if (nan)
-        fail_nan();
 }
 
 int degree_of_elements(PyObject *array) {

@@ -32,7 +32,7 @@ Ref add_linear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense, N
     NewHandle made(handle, TRV_CONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
     Scratch<double> bounds = rows.write_into(store);
-    bool free = to_bounds(rows.block().scalar, shape.size, bounds.get(), sense);
+    bool free = to_bounds(shape.size, bounds.get());
     OneSided sides(sense, bounds.get());
     int32_t first = rows.commit(sides.lower, sides.lowerstep, sides.upper, sides.upperstep, block);
     if (free && sense == Sense::Greater)
@@ -46,7 +46,7 @@ Ref add_quadratic(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense
     Shape shape = rows.shape();
     const TRVnames *block = names.block(shape);
     rows.write();
-    to_bounds(rows.block().scalar, shape.size, rows.constants(), sense);
+    to_bounds(shape.size, rows.constants());
     NewHandle made(handle, TRV_QCONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
     int32_t first = rows.commit(store, sense, block);
@@ -58,7 +58,7 @@ Ref add_nonlinear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense
     require_model(rows.block().model, handle, "the comparison has variables");
     Shape shape = rows.shape();
     const TRVnames *block = names.block(shape);
-    to_bounds(rows.block().scalar, shape.size, rows.constants(), sense);
+    to_bounds(shape.size, rows.constants());
     OneSided sides(sense, rows.constants());
     NewHandle made(handle, TRV_NLCONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
@@ -108,7 +108,7 @@ Ref zeros_of(const Shape &shape) {
 }
 
 // The constants of the rows become their lower sides in place, and the upper ones stand in what is returned.
-Scratch<double> to_ranges(bool scalar, const Shape &shape, Doubles &lb, Doubles &ub, double *constants) {
+Scratch<double> to_ranges(const Shape &shape, Doubles &lb, Doubles &ub, double *constants) {
     lb.spread(shape);
     ub.spread(shape);
     Scratch<double> upper = scratch<double>(shape.size);
@@ -116,8 +116,6 @@ Scratch<double> to_ranges(bool scalar, const Shape &shape, Doubles &lb, Doubles 
         double constant = constants[i];
         constants[i] = lb.at(i) - constant;
         upper[i] = ub.at(i) - constant;
-        check_bound(scalar, i, constants[i], true, false);
-        check_bound(scalar, i, upper[i], false, true);
     }
     return upper;
 }
@@ -130,7 +128,7 @@ Ref add_linear_range(ModelObject *handle, PyObject *expr, PyObject *zeros, Doubl
     NewHandle made(handle, TRV_CONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
     Scratch<double> lower = rows.write_into(store);
-    Scratch<double> upper = to_ranges(rows.block().scalar, shape, lb, ub, lower.get());
+    Scratch<double> upper = to_ranges(shape, lb, ub, lower.get());
     int32_t first = rows.commit(lower.get(), 1, upper.get(), 1, block);
     return made.take(first);
 }
@@ -140,7 +138,7 @@ Ref add_nonlinear_range(ModelObject *handle, PyObject *expr, PyObject *zeros, Do
     require_model(rows.block().model, handle, "the expression has variables");
     Shape shape = rows.shape();
     const TRVnames *block = names.block(shape);
-    Scratch<double> upper = to_ranges(rows.block().scalar, shape, lb, ub, rows.constants());
+    Scratch<double> upper = to_ranges(shape, lb, ub, rows.constants());
     NewHandle made(handle, TRV_NLCONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
     int32_t first = rows.commit(store, rows.constants(), 1, upper.get(), 1, block);

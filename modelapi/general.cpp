@@ -155,8 +155,8 @@ namespace {
 
 // The constants of the rows as bounds, broadcast to one an indicator, which has them among its numbers; the rows
 // themselves lose them.
-Scratch<double> take_bounds(GenOperand &rows, const Shape &shape, Sense sense) {
-    to_bounds(rows.scalar(), rows.nrows(), rows.constants(), sense);
+Scratch<double> take_bounds(GenOperand &rows, const Shape &shape) {
+    to_bounds(rows.nrows(), rows.constants());
     Ref own = check(PyArray_SimpleNewFromData(rows.shape().ndim, const_cast<npy_intp *>(rows.shape().dims), NPY_DOUBLE,
                                               rows.constants()));
     Ref spread = broadcast(pysupport::as_array(own), shape, NPY_DOUBLE);
@@ -189,7 +189,7 @@ Ref add_indicator(ModelObject *handle, PyObject *object, Names &names) {
                               "two numbers");
     Shape shape = common_shape(operands).joined(value.shape());
     value.spread(shape);
-    Scratch<double> bounds = take_bounds(operands[1], shape, sense);
+    Scratch<double> bounds = take_bounds(operands[1], shape);
     GenBlock block(shape);
     block.append(operands[0]);
     block.append(operands[1]);

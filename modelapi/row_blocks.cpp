@@ -115,35 +115,13 @@ OneSided::OneSided(Sense sense, const double *bounds)
         upper = &plus;
 }
 
-namespace {
-
-[[noreturn]] void bad_bound(bool scalar, int64_t row, const char *what) {
-    std::string place = scalar ? std::string("the row") : "row " + std::to_string(row) + " of the block";
-    refuse(TRV_ERROR_INVALID_ARGUMENT, (place + " " + what).c_str());
-}
-
-} // namespace
-
-void check_bound(bool scalar, int64_t row, double bound, bool minus_ok, bool plus_ok) {
-    if (std::isnan(bound))
-        bad_bound(scalar, row, "has NaN for its bound: a side is NaN, or both are infinite");
-    if (bound <= -TRV_INFINITY && !minus_ok)
-        bad_bound(scalar, row, "can never hold: its upper bound is minus infinity");
-    if (bound >= TRV_INFINITY && !plus_ok)
-        bad_bound(scalar, row, "can never hold: its lower bound is infinity");
-}
-
-bool to_bounds(bool scalar, int64_t nrows, double *constants, Sense sense) {
-    bool minus_ok = sense == Sense::Greater, plus_ok = sense == Sense::Less, free = false;
+bool to_bounds(int64_t nrows, double *constants) {
+    bool finite = true;
     for (int64_t i = 0; i < nrows; ++i) {
-        double bound = 0.0 - constants[i]; // so that no bound becomes -0.0
-        if (!(std::fabs(bound) < TRV_INFINITY)) [[unlikely]] {
-            check_bound(scalar, i, bound, minus_ok, plus_ok);
-            free = true;
-        }
-        constants[i] = bound;
+        constants[i] = 0.0 - constants[i]; // so that no bound becomes -0.0
+        finite &= std::fabs(constants[i]) < TRV_INFINITY;
     }
-    return free;
+    return !finite;
 }
 
 } // namespace tarvopy::modelapi

@@ -99,11 +99,8 @@ struct OneSided {
     OneSided(Sense sense, const double *bounds);
 };
 
-// A bound that is NaN, or "none" on the wrong side, which can never hold: TarvoError (INVALID_ARGUMENT) that names the
-// row of the block.
-void check_bound(bool scalar, int64_t row, double bound, bool minus_ok, bool plus_ok);
-
-// The constants of a block become bounds in place. Returns whether some row has none.
-bool to_bounds(bool scalar, int64_t nrows, double *constants, Sense sense);
+// The constants of a block become bounds in place. Returns whether one is infinite, or NaN: the store, which knows the
+// names, refuses those that can never hold.
+bool to_bounds(int64_t nrows, double *constants);
 
 } // namespace tarvopy::modelapi

@@ -26,7 +26,9 @@ void puttype(TRVmodel &model, int32_t s, char type) {
 
 void settypes(TRVmodel &model, const Selection &which, const char *values, int step) {
     const Registry &ids = model.columns.ids;
-    eachslot(ids, "VType", which, [&](int64_t i, int32_t) { Columns::checkedtype(values[i * step], which.id(i)); });
+    eachslot(ids, "VType", which, [&](int64_t i, int32_t) {
+        Columns::checkedtype(values[i * step], [&] { return ids.called(which.id(i)); });
+    });
     for (int64_t i = 0; i < which.n; i++)
         puttype(model, ids.slot(which.id(i)), values[i * step]);
 }
@@ -34,12 +36,13 @@ void settypes(TRVmodel &model, const Selection &which, const char *values, int s
 void checksense(const Rows &rows, int64_t id, int32_t s, char sense) {
     const char now = rows.sense[s];
     if (sense != '<' && sense != '>' && sense != '=' && !(sense == 'R' && now == 'R'))
-        failf(TRV_ERROR_INVALID_ARGUMENT, "Sense of row %" PRId64 " is %s, not one of < > =%s", id,
-              character(sense).c_str(), sense == 'R' ? "; set Lower and Upper to make a row two-sided" : "");
+        fail(TRV_ERROR_INVALID_ARGUMENT, "Sense of " + rows.ids.called(id) + " is " + character(sense) +
+                                             ", not one of '<', '>', '='" +
+                                             (sense == 'R' ? ": set Lower and Upper to make a row two-sided" : ""));
     const double rhs = now == '>' ? rows.lower[s] : rows.upper[s];
     if (sense == '=' && std::isinf(rhs))
-        failf(TRV_ERROR_INVALID_ARGUMENT,
-              "Sense of row %" PRId64 ": a row without a right-hand side cannot become an equation", id);
+        fail(TRV_ERROR_INVALID_ARGUMENT, "Sense of " + rows.ids.called(id) +
+                                             ": a row without a right-hand side cannot become an equation; set RHS");
 }
 
 // The right-hand side stays, the other side follows the sense. A free row stays free.

@@ -1,37 +1,9 @@
 // columns.cpp: adding variables and their checks.
 #include "columns.h"
 
-#include "failure.h"
-
 #include <algorithm>
-#include <cinttypes>
 
 namespace store {
-
-double Columns::checkedlb(double value, int64_t id) {
-    if (std::isnan(value) || value >= TRV_INFINITY)
-        failf(TRV_ERROR_INVALID_ARGUMENT, "LB of variable %" PRId64 " is %s", id, number(value).c_str());
-    return normalized(value);
-}
-
-double Columns::checkedub(double value, int64_t id) {
-    if (std::isnan(value) || value <= -TRV_INFINITY)
-        failf(TRV_ERROR_INVALID_ARGUMENT, "UB of variable %" PRId64 " is %s", id, number(value).c_str());
-    return normalized(value);
-}
-
-double Columns::checkedobj(double value, int64_t id) {
-    if (!isfinite(value))
-        failf(TRV_ERROR_INVALID_ARGUMENT, "Obj of variable %" PRId64 " is %s", id, number(value).c_str());
-    return value;
-}
-
-char Columns::checkedtype(char value, int64_t id) {
-    if (value != 'C' && value != 'B' && value != 'I' && value != 'S')
-        failf(TRV_ERROR_INVALID_ARGUMENT, "VType of variable %" PRId64 " is %s, not one of C B I S", id,
-              character(value).c_str());
-    return value;
-}
 
 namespace {
 
@@ -69,28 +41,29 @@ template <class Checked> double *place(Buffer<double> &array, const Given &given
 int32_t Columns::add(int64_t n, const double *lower, int lbstep, const double *upper, int ubstep, const double *cost,
                      int objstep, const char *type, int typestep, const TRVnames *newnames) {
     ids.reserve(n);
-    const int64_t first = ids.count();
+    const int32_t first = ids.count();
+    const auto who = [&](int64_t i) { return [=] { return calledinblock(TRV_VAR, first, n, i, newnames); }; };
     const bool binary = n && typestep == 0 && *type == 'B'; // all of them
     double *l = place(lb, {lower, lbstep, n}, [&](double value, int64_t i) {
-        value = checkedlb(value, first + i);
+        value = checkedlb(value, who(i));
         return binary && lbstep == 0 ? std::max(value, 0.0) : value;
     });
     double *u = place(ub, {upper, ubstep, n}, [&](double value, int64_t i) {
-        value = checkedub(value, first + i);
+        value = checkedub(value, who(i));
         return binary && ubstep == 0 ? std::min(value, 1.0) : value;
     });
-    place(obj, {cost, objstep, n}, [&](double value, int64_t i) { return checkedobj(value, first + i); });
+    place(obj, {cost, objstep, n}, [&](double value, int64_t i) { return checkedobj(value, who(i)); });
     char *t = vtype.room(n);
     if (n && typestep == 0)
-        std::fill_n(t, n, checkedtype(*type, first));
+        std::fill_n(t, n, checkedtype(*type, who(0)));
     for (int64_t i = 0; typestep && i < n; i++)
-        t[i] = checkedtype(type[i * typestep], first + i);
+        t[i] = checkedtype(type[i * typestep], who(i));
     for (int64_t i = 0; (typestep || (binary && (lbstep || ubstep))) && i < n; i++)
         if (t[i] == 'B') {
             l[i] = std::max(l[i], 0.0);
             u[i] = std::min(u[i], 1.0);
         }
-    names.add(static_cast<int32_t>(first), n, newnames);
+    names.add(first, n, newnames);
     lb.grow(n);
     ub.grow(n);
     obj.grow(n);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "buffer.h"
+#include "failure.h"
 #include "names.h"
 #include "registry.h"
 #include "tarvo.h"
@@ -29,11 +30,28 @@ struct Columns {
         vtype.guard(yard);
     }
 
-    // What one value becomes when it is stored; an error names the id.
-    static double checkedlb(double value, int64_t id);
-    static double checkedub(double value, int64_t id);
-    static double checkedobj(double value, int64_t id);
-    static char checkedtype(char value, int64_t id);
+    // What one value becomes when it is stored; an error says who it is of.
+    template <class Who> static double checkedlb(double value, Who who) {
+        if (std::isnan(value) || value >= TRV_INFINITY)
+            failvalue("LB", who, value);
+        return normalized(value);
+    }
+    template <class Who> static double checkedub(double value, Who who) {
+        if (std::isnan(value) || value <= -TRV_INFINITY)
+            failvalue("UB", who, value);
+        return normalized(value);
+    }
+    template <class Who> static double checkedobj(double value, Who who) {
+        if (!isfinite(value))
+            failvalue("Obj", who, value, "it must be finite");
+        return value;
+    }
+    template <class Who> static char checkedtype(char value, Who who) {
+        if (value != 'C' && value != 'B' && value != 'I' && value != 'S')
+            fail(TRV_ERROR_INVALID_ARGUMENT,
+                 "VType of " + who() + " is " + character(value) + ", not one of 'C', 'B', 'I', 'S'");
+        return value;
+    }
 };
 
 } // namespace store

@@ -187,9 +187,14 @@ void checkthenset(const Registry &registry, const char *what, const Selection &w
     }
 }
 
-double checkedstart(double value, int64_t id) {
+// The element with this id as an error calls it: made only where one is.
+auto calling(const Registry &registry, int64_t id) {
+    return [&registry, id] { return registry.called(id); };
+}
+
+double checkedstart(const Registry &variables, double value, int64_t id) {
     if (!std::isnan(value) && !isfinite(value))
-        failf(TRV_ERROR_INVALID_ARGUMENT, "Start of variable %" PRId64 " is %s", id, number(value).c_str());
+        failvalue("Start", calling(variables, id), value, "it must be finite");
     return value;
 }
 
@@ -200,25 +205,26 @@ void setvariables(TRVmodel &model, Attr attr, const Selection &which, const doub
     case Attr::LB:
         return checkthenset(
             columns.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t) { return Columns::checkedlb(v, id); },
+            [&](double v, int64_t id, int32_t) { return Columns::checkedlb(v, calling(columns.ids, id)); },
             [&](int32_t s, double v) {
                 model.write(columns.lb[s], columns.vtype[s] == 'B' ? std::max(v, 0.0) : v, Changes::kBounds, s);
             });
     case Attr::UB:
         return checkthenset(
             columns.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t) { return Columns::checkedub(v, id); },
+            [&](double v, int64_t id, int32_t) { return Columns::checkedub(v, calling(columns.ids, id)); },
             [&](int32_t s, double v) {
                 model.write(columns.ub[s], columns.vtype[s] == 'B' ? std::min(v, 1.0) : v, Changes::kBounds, s);
             });
     case Attr::Obj:
         return checkthenset(
             columns.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t) { return Columns::checkedobj(v, id); },
+            [&](double v, int64_t id, int32_t) { return Columns::checkedobj(v, calling(columns.ids, id)); },
             [&](int32_t s, double v) { model.write(columns.obj[s], v, Changes::kCosts, s); });
     default:
         return checkthenset(
-            columns.ids, what, which, values, step, [&](double v, int64_t id, int32_t) { return checkedstart(v, id); },
+            columns.ids, what, which, values, step,
+            [&](double v, int64_t id, int32_t) { return checkedstart(columns.ids, v, id); },
             [&](int32_t s, double v) {
                 columns.start.pad(columns.ids.slots(), NAN);
                 columns.start[s] = v;
@@ -231,10 +237,10 @@ void putsides(TRVmodel &model, int32_t s, double lower, double upper) {
     model.write(model.rows.upper[s], upper, Changes::kSides, s);
 }
 
-double checkedrhs(double value, int64_t id, char sense) {
+template <class Who> double checkedrhs(double value, Who who, char sense) {
     if (std::isnan(value) || (sense == '=' && !isfinite(value)))
-        failf(TRV_ERROR_INVALID_ARGUMENT, "RHS of row %" PRId64 " is %s", id, number(value).c_str());
-    return sense == '>' ? Rows::checkedlower(value, id, "RHS") : Rows::checkedupper(value, id, "RHS");
+        failvalue("RHS", who, value);
+    return sense == '>' ? Rows::checkedlower(value, who, "RHS") : Rows::checkedupper(value, who, "RHS");
 }
 
 // The sense stays; only a two-sided row that loses its upper side turns into '>'.
@@ -253,12 +259,12 @@ void setrows(TRVmodel &model, Attr attr, const Selection &which, const double *v
     case Attr::RHS:
         return checkthenset(
             rows.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t s) { return checkedrhs(v, id, rows.sense[s]); },
+            [&](double v, int64_t id, int32_t s) { return checkedrhs(v, calling(rows.ids, id), rows.sense[s]); },
             [&](int32_t s, double v) { putrhs(model, s, normalized(v)); });
     case Attr::Lower:
         return checkthenset(
             rows.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t) { return Rows::checkedlower(v, id, what); },
+            [&](double v, int64_t id, int32_t) { return Rows::checkedlower(v, calling(rows.ids, id), what); },
             [&](int32_t s, double v) {
                 putsides(model, s, v, rows.upper[s]);
                 rows.sense[s] = Rows::senseof(v, rows.upper[s]);
@@ -266,7 +272,7 @@ void setrows(TRVmodel &model, Attr attr, const Selection &which, const double *v
     default:
         return checkthenset(
             rows.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t) { return Rows::checkedupper(v, id, what); },
+            [&](double v, int64_t id, int32_t) { return Rows::checkedupper(v, calling(rows.ids, id), what); },
             [&](int32_t s, double v) {
                 putsides(model, s, rows.lower[s], v);
                 rows.sense[s] = Rows::senseof(rows.lower[s], v);
@@ -279,7 +285,9 @@ void setqrows(TRVmodel &model, const Selection &which, const double *values, int
     QRows &qrows = model.qrows;
     checkthenset(
         qrows.ids, "QRHS", which, values, step,
-        [&](double v, int64_t id, int32_t s) { return QRows::checkedrhs(v, qrows.sense[s], id, "QRHS"); },
+        [&](double v, int64_t id, int32_t s) {
+            return QRows::checkedrhs(v, qrows.sense[s], calling(qrows.ids, id), "QRHS");
+        },
         [&](int32_t s, double v) { model.writeqrhs(s, v); });
 }
 

@@ -59,6 +59,8 @@ const char *kindsname(int kind) {
 }
 
 std::string number(double value) {
+    if (std::isnan(value))
+        return "nan"; // printf shows the sign that some have
     char text[40];
     std::snprintf(text, sizeof text, "%.15g", value);
     return text;

@@ -15,6 +15,11 @@ struct Failure {
     std::string text;
 };
 
+// What is wrong with one row of a block: whoever knows the block's names says which (see names.h).
+struct RowFailure : Failure {
+    int64_t row;
+};
+
 [[noreturn]] void fail(int code, std::string text);
 // printf's formats, since the messages are mostly numbers.
 [[noreturn]] void failf(int code, const char *format, ...) __attribute__((format(printf, 2, 3)));
@@ -35,6 +40,14 @@ inline double normalized(double v) {
     if (v >= TRV_INFINITY)
         return INFINITY;
     return v <= -TRV_INFINITY ? -INFINITY : v;
+}
+
+// "UB of the variable x is -inf: no value meets it", where who() is asked for only now. why: what is wrong with an
+// infinite one.
+template <class Who>
+[[noreturn]] void failvalue(const char *what, Who who, double value, const char *why = "no value meets it") {
+    std::string text = std::string(what) + " of " + who() + " is " + number(value);
+    fail(TRV_ERROR_INVALID_ARGUMENT, std::isnan(value) ? text : text + ": " + why);
 }
 
 // A count handed over by the caller.

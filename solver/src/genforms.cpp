@@ -44,10 +44,11 @@ std::string logical(const Gen &gen) {
     return "";
 }
 
-std::string infinite(const Gen &gen) {
-    for (int64_t k = 0; k < gen.ndata; k++)
-        if (!isfinite(gen.data[k]))
-            return "number " + std::to_string(k) + " is " + number(gen.data[k]);
+// each: what the numbers are, "weight".
+std::string infinite(const char *each, int64_t n, const double *values) {
+    for (int64_t k = 0; k < n; k++)
+        if (!isfinite(values[k]))
+            return std::string(each) + " " + std::to_string(k) + " is " + number(values[k]);
     return "";
 }
 
@@ -56,7 +57,9 @@ std::string points(const Gen &gen) {
     const double *x = gen.data;
     if (gen.ndata % 2 || n < 2)
         return "takes at least two points, all x and then all y, not " + std::to_string(gen.ndata) + " numbers";
-    if (std::string why = infinite(gen); !why.empty())
+    if (std::string why = infinite("the x of point", n, x); !why.empty())
+        return why;
+    if (std::string why = infinite("the y of point", n, x + n); !why.empty())
         return why;
     for (int64_t i = 1; i < n; i++) {
         if (x[i] < x[i - 1])
@@ -92,7 +95,7 @@ std::string set(const Registry &known, const Gen &gen) {
             return notvariable(gen, a);
         variables.push_back(gen.variable(a));
     }
-    if (std::string why = infinite(gen); !why.empty())
+    if (std::string why = infinite("weight", gen.ndata, gen.data); !why.empty())
         return why;
     std::vector<double> weights(gen.data, gen.data + gen.ndata);
     std::sort(weights.begin(), weights.end());

@@ -3,7 +3,6 @@
 
 #include "blockpointers.h"
 #include "failure.h"
-#include "termflaw.h"
 
 #include <algorithm>
 
@@ -38,9 +37,9 @@ class Block {
     void tidy(Marker &marker, int32_t *var, double *coef) {
         try {
             tidyterms(columns_.ids, marker, nargs(), nterms_, ptr.data(), var, coef);
-        } catch (const Failure &failure) {
-            nameterms();
-            throw;
+        } catch (const RowFailure &failure) {
+            const int64_t *from = std::upper_bound(argptr.data(), argptr.data() + gens_.ngens + 1, failure.row) - 1;
+            refuse(from - argptr.data(), failure.code, argument(failure.row - *from) + ": " + failure.text);
         }
     }
     void requireconstants() const {
@@ -75,20 +74,9 @@ class Block {
             f(g, argptr[g], argptr[g + 1]);
     }
     [[noreturn]] void refuse(int64_t g, int code, const std::string &why) const {
-        const std::string name = nameinblock('G', first_, gens_.ngens, g, names_);
-        fail(code, std::string("general constraint ") + name + " (" + gentypename(type_) + "): " + why);
+        const std::string who = calledinblock(TRV_GENCONSTR, first_, gens_.ngens, g, names_);
+        fail(code, who + " (" + gentypename(type_) + "): " + why);
     }
-    void nameterms() const {
-        each([&](int64_t g, int64_t from, int64_t to) {
-            for (int64_t a = from; a < to; a++) {
-                const int64_t at = gens_.ptr[a];
-                const TermFlaw flaw = termflaw(columns_.ids, gens_.ptr[a + 1] - at, gens_.var + at, gens_.coef + at);
-                if (flaw.code)
-                    refuse(g, flaw.code, argument(a - from) + ": " + flaw.why);
-            }
-        });
-    }
-
     const Columns &columns_;
     const int type_;
     const TRVgens &gens_;

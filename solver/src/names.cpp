@@ -211,12 +211,27 @@ int32_t Names::find(const Registry &registry, std::string_view name) {
     return -1;
 }
 
-std::string nameinblock(char letter, int32_t first, int64_t n, int64_t i, const TRVnames *names) {
-    Names block(letter);
+namespace {
+
+char letterof(int kind) {
+    return kind == TRV_VAR         ? 'C'
+           : kind == TRV_CONSTR    ? 'R'
+           : kind == TRV_QCONSTR   ? 'Q'
+           : kind == TRV_GENCONSTR ? 'G'
+                                   : 'N';
+}
+
+} // namespace
+
+std::string calledinblock(int kind, int32_t first, int64_t n, int64_t i, const TRVnames *names) {
+    Names block(letterof(kind));
     block.add(first, n, names);
-    std::string name;
-    block.append(static_cast<int32_t>(first + i), name);
-    return name;
+    std::string text = std::string("the ") + kindname(kind) + " ";
+    block.append(static_cast<int32_t>(first + i), text);
+    const bool named = names && names->form != TRV_NAMES_NONE;
+    if (!named && n > 1)
+        text += " (element " + std::to_string(i) + " of " + std::to_string(n) + ")";
+    return text;
 }
 
 } // namespace store

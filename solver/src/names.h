@@ -6,6 +6,7 @@
 #pragma once
 
 #include "buffer.h"
+#include "failure.h"
 #include "registry.h"
 #include "tarvo.h"
 
@@ -60,7 +61,17 @@ class Names {
     int32_t indexed_ = 0; // ids below are in it
 };
 
-// The name that element i of a block would have: blocks are refused before their names are kept.
-std::string nameinblock(char letter, int32_t first, int64_t n, int64_t i, const TRVnames *names);
+// What element i of a block would be called, "the row cap[1]": blocks are refused before their names are kept. A
+// default name says little of which element is meant: "the row R17 (element 1 of 3)".
+std::string calledinblock(int kind, int32_t first, int64_t n, int64_t i, const TRVnames *names);
+
+// Does the work; of what is wrong with one row it says which row of the block that is.
+template <class Work> auto namingrows(int kind, int32_t first, int64_t n, const TRVnames *names, Work work) {
+    try {
+        return work();
+    } catch (const RowFailure &failure) {
+        fail(failure.code, calledinblock(kind, first, n, failure.row, names) + ": " + failure.text);
+    }
+}
 
 } // namespace store

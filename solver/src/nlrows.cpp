@@ -3,7 +3,6 @@
 
 #include "blockpointers.h"
 #include "failure.h"
-#include "termflaw.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -12,12 +11,9 @@ namespace store {
 
 namespace {
 
-// A default name says little of which row of a block is meant.
 [[noreturn]] void refuse(int code, int32_t first, int64_t nrows, int64_t row, const TRVnames *names,
                          const std::string &why) {
-    const bool named = names && names->form != TRV_NAMES_NONE;
-    const std::string place = named || nrows == 1 ? "" : ", element " + std::to_string(row) + " of the block";
-    fail(code, "nonlinear constraint " + nameinblock('N', first, nrows, row, names) + place + ": " + why);
+    fail(code, calledinblock(TRV_NLCONSTR, first, nrows, row, names) + ": " + why);
 }
 
 // A variable that is gone is an error of its own kind.
@@ -33,16 +29,6 @@ void requirelinear(const TRVnlrows &rows, const Buffer<int64_t> &block) {
     requirepointer("coefficients", rows.coef, n);
 }
 
-// The refused one among the linear terms, with its row's name.
-void nameterms(const Registry &variables, int32_t first, int64_t nrows, const TRVnlrows &rows, const TRVnames *names) {
-    for (int64_t i = 0; rows.ptr && i < nrows; i++) {
-        const int64_t at = rows.ptr[i];
-        const TermFlaw flaw = termflaw(variables, rows.ptr[i + 1] - at, rows.var + at, rows.coef + at);
-        if (flaw.code)
-            refuse(flaw.code, first, nrows, i, names, flaw.why);
-    }
-}
-
 } // namespace
 
 // ---- adding
@@ -53,12 +39,11 @@ void NlRows::roomsides(int64_t nrows, const double *newlower, int lowerstep, con
     for (int64_t i = 0; i < nrows; i++) {
         l[i] = normalized(newlower[i * lowerstep]);
         u[i] = normalized(newupper[i * upperstep]);
+        const auto who = [&] { return calledinblock(TRV_NLCONSTR, ids.count(), nrows, i, newnames); };
         if (std::isnan(l[i]) || l[i] == INFINITY)
-            refuse(TRV_ERROR_INVALID_ARGUMENT, ids.count(), nrows, i, newnames,
-                   "its lower side is " + number(newlower[i * lowerstep]));
+            failvalue("the lower side", who, newlower[i * lowerstep]);
         if (std::isnan(u[i]) || u[i] == -INFINITY)
-            refuse(TRV_ERROR_INVALID_ARGUMENT, ids.count(), nrows, i, newnames,
-                   "its upper side is " + number(newupper[i * upperstep]));
+            failvalue("the upper side", who, newupper[i * upperstep]);
     }
 }
 
@@ -109,12 +94,7 @@ int32_t NlRows::add(const Columns &columns, Uses &uses, int64_t nrows, const TRV
                     constantblock = blockpointers(nrows, nullptr);
     roomsides(nrows, newlower, lowerstep, newupper, upperstep, newnames);
     requirelinear(rows, block);
-    try {
-        roomlinear(columns, rows, block);
-    } catch (const Failure &) {
-        nameterms(columns.ids, ids.count(), nrows, rows, newnames);
-        throw;
-    }
+    namingrows(TRV_NLCONSTR, ids.count(), nrows, newnames, [&] { roomlinear(columns, rows, block); });
     roomtapes(columns, rows, codeblock, constantblock, newnames);
     uses.reserve(columns.ids);
     names.add(ids.count(), nrows, newnames);

@@ -5,29 +5,22 @@
 #include "failure.h"
 
 #include <algorithm>
-#include <cinttypes>
 
 namespace store {
 
 // ---- adding
 
-double QRows::checkedrhs(double value, char sense, int64_t id, const char *what) {
-    const bool none = (sense == '<' && value >= TRV_INFINITY) || (sense == '>' && value <= -TRV_INFINITY);
-    if (!isfinite(value) && !none)
-        failf(TRV_ERROR_INVALID_ARGUMENT, "%s of quadratic row %" PRId64 " is %s", what, id, number(value).c_str());
-    return normalized(value);
-}
-
-void QRows::roomsides(int64_t nrows, const char *newsense, int sensestep, const double *newrhs, int rhsstep) {
-    const int64_t first = ids.count();
+void QRows::roomsides(int64_t nrows, const char *newsense, int sensestep, const double *newrhs, int rhsstep,
+                      const TRVnames *newnames) {
     char *s = sense.room(nrows);
     double *r = rhs.room(nrows);
     for (int64_t i = 0; i < nrows; i++) {
         s[i] = newsense[i * sensestep];
+        const auto who = [&] { return calledinblock(TRV_QCONSTR, ids.count(), nrows, i, newnames); };
         if (s[i] != '<' && s[i] != '>' && s[i] != '=')
-            failf(TRV_ERROR_INVALID_ARGUMENT, "QSense of quadratic row %" PRId64 " is %s, not one of < > =", first + i,
-                  character(s[i]).c_str());
-        r[i] = checkedrhs(newrhs[i * rhsstep], s[i], first + i, "QRHS");
+            fail(TRV_ERROR_INVALID_ARGUMENT,
+                 "QSense of " + who() + " is " + character(s[i]) + ", not one of '<', '>', '='");
+        r[i] = checkedrhs(newrhs[i * rhsstep], s[i], who, "the right-hand side");
     }
 }
 
@@ -64,9 +57,11 @@ int32_t QRows::add(const Columns &columns, int64_t nrows, const TRVqrows &rows, 
         pointers->room(nrows);
     }
     Buffer<int64_t> block = blockpointers(nrows, rows.ptr), qblock = blockpointers(nrows, rows.qptr);
-    roomsides(nrows, newsense, sensestep, newrhs, rhsstep);
-    roomlinear(columns, rows, block);
-    roomquadratic(columns, rows, qblock);
+    roomsides(nrows, newsense, sensestep, newrhs, rhsstep, newnames);
+    namingrows(TRV_QCONSTR, ids.count(), nrows, newnames, [&] {
+        roomlinear(columns, rows, block);
+        roomquadratic(columns, rows, qblock);
+    });
     names.add(ids.count(), nrows, newnames);
     sense.grow(nrows);
     rhs.grow(nrows);

@@ -73,12 +73,18 @@ class QRows {
     }
 
     // What one right-hand side becomes when it is stored; an error names the id.
-    static double checkedrhs(double value, char sense, int64_t id, const char *what);
+    template <class Who> static double checkedrhs(double value, char sense, Who who, const char *what) {
+        const bool none = (sense == '<' && value >= TRV_INFINITY) || (sense == '>' && value <= -TRV_INFINITY);
+        if (!isfinite(value) && !none)
+            failvalue(what, who, value);
+        return normalized(value);
+    }
 
   private:
     void roomlinear(const Columns &columns, const TRVqrows &rows, Buffer<int64_t> &block);
     void roomquadratic(const Columns &columns, const TRVqrows &rows, Buffer<int64_t> &block);
-    void roomsides(int64_t nrows, const char *newsense, int sensestep, const double *newrhs, int rhsstep);
+    void roomsides(int64_t nrows, const char *newsense, int sensestep, const double *newrhs, int rhsstep,
+                   const TRVnames *newnames);
     template <class Gone> void filter(Gone gone, bool wholerows) noexcept;
 
     Buffer<int64_t> ptr_, qptr_; // slots + 1, or empty

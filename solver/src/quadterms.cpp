@@ -52,20 +52,26 @@ bool allusable(const Registry &variables, int64_t n, const PairSpan &terms) {
     return usable;
 }
 
-void requirepair(const Registry &variables, const char *what, int32_t var1, int32_t var2, double coef) {
-    variables.requireusable(var1, what);
-    variables.requireusable(var2, what);
-    if (!isfinite(coef))
-        fail(TRV_ERROR_INVALID_ARGUMENT, std::string(what) + ": the coefficient of the product of " +
-                                             variables.called(var1) + " and " + variables.called(var2) + " is " +
-                                             number(coef));
+// What is wrong with a product, TRV_OK if nothing is.
+Failure pairflaw(const Registry &variables, int32_t var1, int32_t var2, double coef) {
+    for (const int32_t var : {var1, var2})
+        if (!variables.usable(var))
+            return {TRV_ERROR_NOT_IN_MODEL, variables.absence(var)};
+    if (isfinite(coef))
+        return {TRV_OK, ""};
+    return {TRV_ERROR_INVALID_ARGUMENT, "the coefficient of the product of " + variables.called(var1) + " and " +
+                                            variables.called(var2) + " is " + number(coef)};
+}
+
+void requireproduct(const Registry &variables, int32_t var1, int32_t var2, double coef) {
+    if (const Failure flaw = pairflaw(variables, var1, var2, coef); flaw.code)
+        fail(flaw.code, "objective: " + flaw.text);
 }
 
 void requirerow(const Registry &variables, int64_t row, int64_t n, const PairSpan &terms) {
-    char what[64];
-    std::snprintf(what, sizeof what, "quadratic row %" PRId64 " of the block", row);
     for (int64_t k = 0; k < n; k++)
-        requirepair(variables, what, terms.var1[k], terms.var2[k], terms.coef[k]);
+        if (const Failure flaw = pairflaw(variables, terms.var1[k], terms.var2[k], terms.coef[k]); flaw.code)
+            throw RowFailure{flaw, row};
 }
 
 uint64_t keyof(int32_t major, int32_t minor) {
@@ -167,7 +173,7 @@ QuadTerms merged(const Registry &variables, const Buffer<Entry> &sorted) {
     }
     for (int64_t k = 0; k < kept; k++)
         if (!isfinite(out.coef[k]))
-            requirepair(variables, "objective", out.var1[k], out.var2[k], out.coef[k]);
+            requireproduct(variables, out.var1[k], out.var2[k], out.coef[k]);
     terms.grow(kept);
     return terms;
 }
@@ -203,7 +209,7 @@ void requirepairs(const Registry &variables, int64_t n, const int32_t *var1, con
         usable &=
             (static_cast<uint32_t>(var1[k]) < limit) & (static_cast<uint32_t>(var2[k]) < limit) & isfinite(coef[k]);
     for (int64_t k = 0; !usable && k < n; k++)
-        requirepair(variables, "objective", var1[k], var2[k], coef[k]);
+        requireproduct(variables, var1[k], var2[k], coef[k]);
 }
 
 } // namespace

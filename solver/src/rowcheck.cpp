@@ -40,15 +40,15 @@ Scan scanrow(int64_t n, const int32_t *var, const double *coef, int32_t count) {
 }
 
 [[noreturn]] void refuserow(const Registry &variables, int64_t row, int64_t n, const int32_t *var, const double *coef) {
-    char what[64];
-    std::snprintf(what, sizeof what, "row %" PRId64 " of the block", row);
     for (int64_t k = 0; k < n; k++) {
-        variables.requireusable(var[k], what);
+        if (!variables.usable(var[k]))
+            throw RowFailure{{TRV_ERROR_NOT_IN_MODEL, variables.absence(var[k])}, row};
         if (!isfinite(coef[k]))
-            fail(TRV_ERROR_INVALID_ARGUMENT,
-                 std::string(what) + ": the coefficient of " + variables.called(var[k]) + " is " + number(coef[k]));
+            throw RowFailure{{TRV_ERROR_INVALID_ARGUMENT,
+                              "the coefficient of " + variables.called(var[k]) + " is " + number(coef[k])},
+                             row};
     }
-    failf(TRV_ERROR_INVALID_ARGUMENT, "%s: invalid terms", what);
+    throw RowFailure{{TRV_ERROR_INVALID_ARGUMENT, "invalid terms"}, row};
 }
 
 bool shorthasdoubles(int64_t n, const int32_t *var) {

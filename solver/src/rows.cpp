@@ -49,18 +49,6 @@ char Rows::senseof(double lower, double upper) {
     return std::isinf(upper) ? '>' : 'R';
 }
 
-double Rows::checkedlower(double value, int64_t row, const char *what) {
-    if (std::isnan(value) || value >= TRV_INFINITY)
-        failf(TRV_ERROR_INVALID_ARGUMENT, "%s of row %" PRId64 " is %s", what, row, number(value).c_str());
-    return normalized(value);
-}
-
-double Rows::checkedupper(double value, int64_t row, const char *what) {
-    if (std::isnan(value) || value <= -TRV_INFINITY)
-        failf(TRV_ERROR_INVALID_ARGUMENT, "%s of row %" PRId64 " is %s", what, row, number(value).c_str());
-    return normalized(value);
-}
-
 // ---- adding
 
 TRVrows Rows::open(int64_t nrows, int64_t nnz) {
@@ -96,8 +84,10 @@ int32_t Rows::commit(const Columns &columns, const double *low, int lowstep, con
     } closing{*this};
 
     Chunk &from = small_ ? staging_ : block_;
-    const int64_t nnz =
-        tidyterms(columns.ids, marker_, opennrows_, opennnz_, openptr_.data(), from.var.data(), from.coef.data());
+    const int64_t nnz = namingrows(TRV_CONSTR, ids.count(), opennrows_, newnames, [&] {
+        return tidyterms(columns.ids, marker_, opennrows_, opennnz_, openptr_.data(), from.var.data(),
+                         from.coef.data());
+    });
     return addopen(nnz, low, lowstep, up, upstep, newnames);
 }
 
@@ -138,7 +128,8 @@ int32_t Rows::share(const Columns &columns, int64_t nrows, const TRVsharedrows &
 // The terms of the open block are in the stored form.
 int32_t Rows::addopen(int64_t nnz, const double *low, int lowstep, const double *up, int upstep,
                       const TRVnames *newnames) {
-    const int64_t n = opennrows_, first = ids.count();
+    const int64_t n = opennrows_;
+    const int32_t first = ids.count();
     requirepointer("Lower", low, n);
     requirepointer("Upper", up, n);
     ids.reserve(n);
@@ -147,8 +138,9 @@ int32_t Rows::addopen(int64_t nnz, const double *low, int lowstep, const double 
     bool plain = copyside(n, low, lowstep, l, [](double v) { return v < TRV_INFINITY; });
     plain &= copyside(n, up, upstep, u, [](double v) { return v > -TRV_INFINITY; });
     for (int64_t i = 0; !plain && i < n; i++) {
-        l[i] = checkedlower(l[i], first + i, "Lower");
-        u[i] = checkedupper(u[i], first + i, "Upper");
+        const auto who = [&] { return calledinblock(TRV_CONSTR, first, n, i, newnames); };
+        l[i] = checkedlower(l[i], who, "the lower side");
+        u[i] = checkedupper(u[i], who, "the upper side");
     }
     // A side that is one number for all, and says the sense alone, spares a look at each row.
     if (n && low == up && lowstep == upstep)
@@ -159,7 +151,7 @@ int32_t Rows::addopen(int64_t nnz, const double *low, int lowstep, const double 
         for (int64_t i = 0; i < n; i++)
             s[i] = senseof(l[i], u[i]);
     preparechunk(nnz);
-    names.add(static_cast<int32_t>(first), n, newnames); // the last step that can fail
+    names.add(first, n, newnames); // the last step that can fail
     finishchunk(nnz);
     lower.grow(n);
     upper.grow(n);

@@ -154,8 +154,16 @@ class Rows {
     }
 
     static char senseof(double lower, double upper);
-    static double checkedlower(double value, int64_t row, const char *what);
-    static double checkedupper(double value, int64_t row, const char *what);
+    template <class Who> static double checkedlower(double value, Who who, const char *what) {
+        if (std::isnan(value) || value >= TRV_INFINITY)
+            failvalue(what, who, value);
+        return normalized(value);
+    }
+    template <class Who> static double checkedupper(double value, Who who, const char *what) {
+        if (std::isnan(value) || value <= -TRV_INFINITY)
+            failvalue(what, who, value);
+        return normalized(value);
+    }
 
   private:
     int32_t addopen(int64_t nnz, const double *low, int lowstep, const double *up, int upstep,

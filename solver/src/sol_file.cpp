@@ -67,8 +67,11 @@ void read_line(TRVmodel *model, std::string_view line, std::string &name, Starts
     }
     double value;
     const std::string_view number = line.substr(blank + 1);
-    if (!scan_number(number, value) || std::isinf(value)) {
-        throw LineError{joined(shown(number), " is not a finite number")};
+    if (!scan_number(number, value)) {
+        throw LineError{joined(shown(number), " is not a number")};
+    }
+    if (std::fabs(value) >= TRV_INFINITY) {
+        throw LineError{joined("the value ", shown(number), " is infinite (from 1e20 on)")};
     }
     name = trimmed(line.substr(0, blank));
     std::int32_t id = -1;

@@ -71,9 +71,15 @@ def test_an_infinite_side_is_none_or_can_never_hold(m, xy):
     m.addRange(nlfunc.exp(x), -np.inf, 1e20)
     p = problem(m)
     assert (p.nllower.tolist(), p.nlupper.tolist()) == ([-np.inf] * 2, [np.inf] * 2)
-    refused(lambda: m.addConstr(nlfunc.exp(x) <= -np.inf), "the row can never hold: its upper bound is minus infinity")
-    refused(lambda: m.addRange(x**3, np.inf, np.inf), "the row can never hold: its lower bound is infinity")
-    with pytest.raises((TarvoError, ValueError), match="NaN"):
+    refused(
+        lambda: m.addConstr(nlfunc.exp(x) <= -np.inf),
+        "the upper side of the nonlinear constraint N2 is -inf: no value meets it",
+    )
+    refused(
+        lambda: m.addRange(x**3, np.inf, np.inf),
+        "the lower side of the nonlinear constraint N2 is inf: no value meets it",
+    )
+    with pytest.raises((TarvoError, ValueError), match="is nan"):
         m.addConstr(nlfunc.exp(x) >= np.nan)
     assert m.NumNLConstrs == 2
 
@@ -94,8 +100,8 @@ BROKEN = [
 def test_constants_without_a_value_are_refused_with_the_row_named(m, xy, make, text):
     x, _ = xy
     broken = make()
-    refused(lambda: m.addConstr(nlfunc.sin(x) + broken <= 1, name="r"), f"nonlinear constraint r: {text}")
-    refused(lambda: m.addConstr(x * broken <= 1), f"nonlinear constraint N0: {text}")
+    refused(lambda: m.addConstr(nlfunc.sin(x) + broken <= 1, name="r"), f"the nonlinear constraint r: {text}")
+    refused(lambda: m.addConstr(x * broken <= 1), f"the nonlinear constraint N0: {text}")
     refused(lambda: m.setObjective(nlfunc.sin(x) + broken), f"objective: {text}")
     assert (m.NumNLConstrs, problem(m).nnlobj) == (0, 0)
 
@@ -103,7 +109,7 @@ def test_constants_without_a_value_are_refused_with_the_row_named(m, xy, make, t
 def test_a_division_by_a_constant_zero_is_refused_with_the_row_named(m, xy):
     x, _ = xy
     zero = constant(1) - 1
-    text = "nonlinear constraint r: a division by the constant 0"
+    text = "the nonlinear constraint r: a division by the constant 0"
     refused(lambda: m.addConstr(nlfunc.exp(x) / zero <= 1, name="r"), text)
 
 
@@ -177,8 +183,8 @@ def test_ranges_of_arrays(m):
 def test_the_element_of_an_array_that_has_no_value_is_named(m):
     x = m.addMVar(3)
     bad, text = nlfunc.exp(x) / np.array([1.0, 0.0, 0.0]), "a division by the constant 0"
-    refused(lambda: m.addConstr(bad <= 1, name="r"), f"nonlinear constraint r[1]: {text}")
-    refused(lambda: m.addConstr(bad <= 1), f"nonlinear constraint N1, element 1 of the block: {text}")
+    refused(lambda: m.addConstr(bad <= 1, name="r"), f"the nonlinear constraint r[1]: {text}")
+    refused(lambda: m.addConstr(bad <= 1), f"the nonlinear constraint N1 (element 1 of 3): {text}")
 
 
 def test_an_array_of_one_element_is_an_objective(m):

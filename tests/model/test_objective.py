@@ -48,7 +48,7 @@ def test_Obj_set_later_changes_the_objective(m):
     [
         (lambda x, X: (X,), ValueError),
         (lambda x, X: (X[:0],), ValueError),
-        (lambda x, X: (float("nan"),), ValueError),
+        (lambda x, X: (float("nan"),), TarvoError),
         (lambda x, X: (float("inf"),), TarvoError),
         (lambda x, X: (x <= 1,), TypeError),
         (lambda x, X: (None,), TypeError),

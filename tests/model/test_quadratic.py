@@ -170,9 +170,9 @@ def test_infinite_sides_mean_none_or_are_refused(m):
     rows = [m.addConstr(x * x <= INF), m.addConstr(x * x >= -INF)]
     assert [(row.QSense, row.QRHS) for row in rows] == [("<", INF), (">", -INF)]
     for comparison in (x * x >= INF, x * x <= -INF, x * x == INF):
-        with pytest.raises(TarvoError, match="the row can never hold"):
+        with pytest.raises(TarvoError, match=r"of the quadratic row Q\d is -?inf: no value meets it"):
             m.addConstr(comparison)
-    with pytest.raises(ValueError, match="NaN is no constant of a constraint"):
+    with pytest.raises(TarvoError, match="is nan"):
         m.addConstr(x * x <= np.array([1.0, np.nan]))
     assert m.NumQConstrs == 2
 

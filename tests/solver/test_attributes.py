@@ -96,22 +96,25 @@ def test_writes_act_at_once_also_on_pending_elements(store):
 @pytest.mark.parametrize(
     ("call", "message"),
     [
-        (lambda m: m.setdbls("LB", [0, 2], [5.0, NAN]), "LB of variable 2 is nan"),
-        (lambda m: m.setdbls("UB", [0, 2], [5.0, -INF]), "UB of variable 2 is -inf"),
-        (lambda m: m.setdbls("Obj", [0, 2], [5.0, INF]), "Obj of variable 2 is inf"),
-        (lambda m: m.setdbls("Start", [0, 2], [5.0, INF]), "Start of variable 2 is inf"),
-        (lambda m: m.setdbls("RHS", [0, 2], [5.0, INF]), "RHS of row 2 is inf"),
-        (lambda m: m.setdbls("RHS", [0, 1], [5.0, 1e20]), "RHS of row 1 is 1e+20"),
-        (lambda m: m.setdbls("Lower", [0, 2], [5.0, INF]), "Lower of row 2 is inf"),
-        (lambda m: m.setchars("VType", [0, 2], "IZ"), "VType of variable 2 is 'Z', not one of C B I S"),
-        (lambda m: m.setchars("Sense", [0, 2], ">x"), "Sense of row 2 is 'x', not one of < > ="),
+        (lambda m: m.setdbls("LB", [0, 2], [5.0, NAN]), "LB of the variable x[2] is nan"),
+        (lambda m: m.setdbls("UB", [0, 2], [5.0, -INF]), "UB of the variable x[2] is -inf: no value meets it"),
+        (lambda m: m.setdbls("Obj", [0, 2], [5.0, INF]), "Obj of the variable x[2] is inf: it must be finite"),
+        (lambda m: m.setdbls("Start", [0, 2], [5.0, INF]), "Start of the variable x[2] is inf: it must be finite"),
+        (lambda m: m.setdbls("RHS", [0, 2], [5.0, INF]), "RHS of the row R2 is inf: no value meets it"),
+        (lambda m: m.setdbls("RHS", [0, 1], [5.0, 1e20]), "RHS of the row R1 is 1e+20: no value meets it"),
+        (lambda m: m.setdbls("Lower", [0, 2], [5.0, INF]), "Lower of the row R2 is inf: no value meets it"),
+        (
+            lambda m: m.setchars("VType", [0, 2], "IZ"),
+            "VType of the variable x[2] is 'Z', not one of 'C', 'B', 'I', 'S'",
+        ),
+        (lambda m: m.setchars("Sense", [0, 2], ">x"), "Sense of the row R2 is 'x', not one of '<', '>', '='"),
         (
             lambda m: m.setchars("Sense", [0], "R"),
-            "Sense of row 0 is 'R', not one of < > =; set Lower and Upper to make a row two-sided",
+            "Sense of the row R0 is 'R', not one of '<', '>', '=': set Lower and Upper to make a row two-sided",
         ),
         (
             lambda m: m.setchars("Sense", [0, 4], "=="),
-            "Sense of row 4: a row without a right-hand side cannot become an equation",
+            "Sense of the row R4: a row without a right-hand side cannot become an equation; set RHS",
         ),
     ],
 )

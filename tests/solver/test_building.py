@@ -63,12 +63,12 @@ def test_bounds_of_binaries_are_cut_and_crossed_bounds_kept():
 @pytest.mark.parametrize(
     ("arguments", "message"),
     [
-        ({"lb": [0.0, NAN]}, "LB of variable 4 is nan"),
-        ({"lb": INF}, "LB of variable 3 is inf"),
-        ({"ub": [-1e30, 0.0]}, "UB of variable 3 is -1e+30"),
-        ({"obj": [1.0, -INF]}, "Obj of variable 4 is -inf"),
-        ({"obj": 1e20}, "Obj of variable 3 is 1e+20"),
-        ({"vtype": "CX"}, "VType of variable 4 is 'X', not one of C B I S"),
+        ({"lb": [0.0, NAN]}, "LB of the variable C4 (element 1 of 2) is nan"),
+        ({"lb": INF}, "LB of the variable C3 (element 0 of 2) is inf: no value meets it"),
+        ({"ub": [-1e30, 0.0]}, "UB of the variable C3 (element 0 of 2) is -1e+30: no value meets it"),
+        ({"obj": [1.0, -INF]}, "Obj of the variable C4 (element 1 of 2) is -inf: it must be finite"),
+        ({"obj": 1e20}, "Obj of the variable C3 (element 0 of 2) is 1e+20: it must be finite"),
+        ({"vtype": "CX"}, "VType of the variable C4 (element 1 of 2) is 'X', not one of 'C', 'B', 'I', 'S'"),
         ({"names": ("x", (3,))}, "names: the shape has 3 elements where 2 are added"),
     ],
 )
@@ -125,16 +125,16 @@ def test_large_blocks_are_tidied_like_small_ones(nrows):
 @pytest.mark.parametrize(
     ("ptr", "var", "coef", "code", "message"),
     [
-        ([0, 1, 2], [0, 9], [1, 1], NOT_IN_MODEL, "row 1 of the block: the model has no variable with id 9"),
-        ([0, 2], [0, -1], [1, 1], NOT_IN_MODEL, "row 0 of the block: the model has no variable with id -1"),
-        ([0, 2], [0, 1], [1, NAN], INVALID, "row 0 of the block: the coefficient of the variable C1 is nan"),
-        ([0, 2], [0, 1], [INF, 1], INVALID, "row 0 of the block: the coefficient of the variable C0 is inf"),
+        ([0, 1, 2], [0, 9], [1, 1], NOT_IN_MODEL, "the row R2 (element 1 of 2): the model has no variable with id 9"),
+        ([0, 2], [0, -1], [1, 1], NOT_IN_MODEL, "the row R1: the model has no variable with id -1"),
+        ([0, 2], [0, 1], [1, NAN], INVALID, "the row R1: the coefficient of the variable C1 is nan"),
+        ([0, 2], [0, 1], [INF, 1], INVALID, "the row R1: the coefficient of the variable C0 is inf"),
         (
             [0, 2],
             [1, 1],
             [9e19, 9e19],
             INVALID,
-            "row 0 of the block: the coefficient of the variable C1 is 1.8e+20",
+            "the row R1: the coefficient of the variable C1 is 1.8e+20",
         ),
         ([1, 2], [0, 1], [1, 1], INVALID, "row pointers begin with 1, not with 0"),
         ([0, 2, 1, 2], [0, 1], [1, 1], INVALID, "row pointers decrease from 2 to 1 at row 1"),
@@ -149,9 +149,9 @@ def test_bad_rows_are_refused_whole(store, ptr, var, coef, code, message):
 @pytest.mark.parametrize(
     ("sides", "message"),
     [
-        ({"lower": NAN}, "Lower of row 1 is nan"),
-        ({"lower": [0.0, INF]}, "Lower of row 2 is inf"),
-        ({"upper": [-1e20, 0.0]}, "Upper of row 1 is -1e+20"),
+        ({"lower": NAN}, "the lower side of the row R1 (element 0 of 2) is nan"),
+        ({"lower": [0.0, INF]}, "the lower side of the row R2 (element 1 of 2) is inf: no value meets it"),
+        ({"upper": [-1e20, 0.0]}, "the upper side of the row R1 (element 0 of 2) is -1e+20: no value meets it"),
     ],
 )
 def test_bad_sides_are_refused_whole(store, sides, message):
@@ -162,10 +162,10 @@ def test_rows_over_removed_variables_are_refused(store):
     pending = store.addvars(1)
     store.remove(VAR, [0, pending])
     for v in (0, pending):
-        message = f"row 0 of the block: the variable C{v} was removed from the model"
+        message = f"the row R1: the variable C{v} was removed from the model"
         refused(store, NOT_IN_MODEL, message, lambda v=v: store.addrows([{v: 1.0}]))
     store.update()
-    message = "row 0 of the block: the variable C0 was removed from the model"
+    message = "the row R1: the variable C0 was removed from the model"
     refused(store, NOT_IN_MODEL, message, lambda: store.addrows([{0: 1.0}]))
 
 
@@ -185,7 +185,7 @@ def test_terms_are_written_where_they_stay(store, nnz):
 def test_a_failed_commit_closes_the_block(store):
     rows = store.openrows(1, 1)
     rows.ptr[0], rows.ptr[1], rows.var[0], rows.coef[0] = 0, 1, 77, 1.0
-    refused(store, NOT_IN_MODEL, "row 0 of the block: the model has no variable with id 77", store.commitrows)
+    refused(store, NOT_IN_MODEL, "the row R1: the model has no variable with id 77", store.commitrows)
     refused(store, INVALID, "no block of rows is open", store.commitrows)
 
 

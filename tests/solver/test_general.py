@@ -106,7 +106,7 @@ def test_nothing_is_an_empty_block(store):
         (OR, (0, ([(1, -1.0)], 1.0)), [], "OR): argument 1 is neither a variable nor the number 0 or 1"),
         (PWL, (0, 1), [0.0, 1.0], "PWL): takes at least two points, all x and then all y, not 2 numbers"),
         (PWL, (0, 1), [0.0, 1.0, 2.0, 0.0, 1.0], "PWL): takes at least two points"),
-        (PWL, (0, 1), [0.0, 1.0, 0.0, INF], "PWL): number 3 is inf"),
+        (PWL, (0, 1), [0.0, 1.0, 0.0, INF], "PWL): the y of point 1 is inf"),
         (PWL, (0, 1), [0.0, -1.0, 0.0, 1.0], "PWL): the x of its points decrease from 0 to -1"),
         (PWL, (0, 1), [0.0, 1.0, 1.0, 0.0, 1.0, 2.0], "last two points have the same x, 1"),
         (PWL, (0, 1), [0.0, 0.0, 1.0, 0.0, 1.0, 2.0], "first two or last two points have the same x, 0"),
@@ -127,7 +127,7 @@ def test_nothing_is_an_empty_block(store):
         (SOS2, (0, ([(1, 1.0)], 1.0)), [1.0, 2.0], "SOS2): argument 1 is not one variable with coefficient 1"),
         (SOS2, (0, 1, 2), [1.0, 2.0, 1.0], "SOS2): two of its weights are 1"),
         (SOS1, (0, 1, 0), [1.0, 2.0, 3.0], "SOS1): the variable C0 stands in it more than once"),
-        (SOS1, (0, 1), [1.0, NAN], "SOS1): number 1 is nan"),
+        (SOS1, (0, 1), [1.0, NAN], "SOS1): weight 1 is nan"),
     ],
 )
 def test_what_is_refused_is_named_and_changes_nothing(store, kind, arguments, numbers, text):
@@ -136,7 +136,7 @@ def test_what_is_refused_is_named_and_changes_nothing(store, kind, arguments, nu
     for names, called in ((None, "G1"), (("bad", (2,)), r"bad[1]")):
         with pytest.raises(StoreError) as caught:
             store.addgens(kind, [good[0], arguments], [good[1], numbers], names)
-        assert str(caught.value).startswith(f"general constraint {called} (")
+        assert str(caught.value).startswith(f"the general constraint {called} (")
         assert text in str(caught.value)
         assert caught.value.code == (NOT_IN_MODEL if "model" in text else INVALID)
     assert store.idcount(GENCONSTR) == 0

@@ -210,7 +210,7 @@ def test_bad_tapes_are_refused_with_the_row_named(store, code, constants, why):
     with pytest.raises(StoreError) as caught:
         store.addnlrows([([], [2], []), ([(1, 1.0)], code, constants)], names=("ball", (2,)))
     expected = NOT_IN_MODEL if "variable" in why else INVALID
-    assert (caught.value.code, str(caught.value)) == (expected, "nonlinear constraint ball[1]: " + why)
+    assert (caught.value.code, str(caught.value)) == (expected, "the nonlinear constraint ball[1]: " + why)
     with pytest.raises(StoreError) as caught:
         store.setnlobjective([(0, 5.0)], [], code, constants)
     assert (caught.value.code, str(caught.value)) == (expected, "objective: " + why)
@@ -231,9 +231,9 @@ def test_bad_tapes_are_refused_with_the_row_named(store, code, constants, why):
 @pytest.mark.parametrize(
     ("arguments", "message"),
     [
-        ({"lower": NAN}, "nonlinear constraint N0: its lower side is nan"),
-        ({"lower": INF}, "nonlinear constraint N0: its lower side is inf"),
-        ({"upper": -1e20}, "nonlinear constraint N0: its upper side is -1e+20"),
+        ({"lower": NAN}, "the lower side of the nonlinear constraint N0 is nan"),
+        ({"lower": INF}, "the lower side of the nonlinear constraint N0 is inf: no value meets it"),
+        ({"upper": -1e20}, "the upper side of the nonlinear constraint N0 is -1e+20: no value meets it"),
         ({"constant": np.ones(1)}, "the tapes take 0 of 1 constants"),
         ({"codeptr": [0, 2, 1]}, "row pointers decrease from 2 to 1 at row 1"),
         ({"codeptr": [1, 1]}, "row pointers begin with 1, not with 0"),

@@ -106,34 +106,44 @@ LINEAR, SQUARE = [(0, 1.0)], [(0, 0, 1.0)]
         (
             {"rows": [(LINEAR, SQUARE), ([], [(0, 4, 1.0)])]},
             NOT_IN_MODEL,
-            "quadratic row 1 of the block: the model has no variable with id 4",
+            "the quadratic row Q2 (element 1 of 2): the model has no variable with id 4",
         ),
         (
             {"rows": [([], [(-1, 0, 1.0)])]},
             NOT_IN_MODEL,
-            "quadratic row 0 of the block: the model has no variable with id -1",
+            "the quadratic row Q1: the model has no variable with id -1",
         ),
         (
             {"rows": [(LINEAR, [(2, 1, NAN)])]},
             INVALID,
-            "quadratic row 0 of the block: "
-            "the coefficient of the product of the variable C1 and the variable C2 is nan",
+            "the quadratic row Q1: the coefficient of the product of the variable C1 and the variable C2 is nan",
         ),
         (
             {"rows": [(LINEAR, [(2, 1, 9e19), (1, 2, 9e19)])]},
             INVALID,
-            "quadratic row 0 of the block: "
-            "the coefficient of the product of the variable C1 and the variable C2 is 1.8e+20",
+            "the quadratic row Q1: the coefficient of the product of the variable C1 and the variable C2 is 1.8e+20",
         ),
         (
             {"rows": [([(3, INF)], SQUARE)]},
             INVALID,
-            "row 0 of the block: the coefficient of the variable C3 is inf",
+            "the quadratic row Q1: the coefficient of the variable C3 is inf",
         ),
-        ({"rows": [(LINEAR, SQUARE)], "sense": "R"}, INVALID, "QSense of quadratic row 1 is 'R', not one of < > ="),
-        ({"rows": [(LINEAR, SQUARE)], "rhs": NAN}, INVALID, "QRHS of quadratic row 1 is nan"),
-        ({"rows": [(LINEAR, SQUARE)], "sense": "=", "rhs": INF}, INVALID, "QRHS of quadratic row 1 is inf"),
-        ({"rows": [(LINEAR, SQUARE)], "rhs": -1e20}, INVALID, "QRHS of quadratic row 1 is -1e+20"),
+        (
+            {"rows": [(LINEAR, SQUARE)], "sense": "R"},
+            INVALID,
+            "QSense of the quadratic row Q1 is 'R', not one of '<', '>', '='",
+        ),
+        ({"rows": [(LINEAR, SQUARE)], "rhs": NAN}, INVALID, "the right-hand side of the quadratic row Q1 is nan"),
+        (
+            {"rows": [(LINEAR, SQUARE)], "sense": "=", "rhs": INF},
+            INVALID,
+            "the right-hand side of the quadratic row Q1 is inf: no value meets it",
+        ),
+        (
+            {"rows": [(LINEAR, SQUARE)], "rhs": -1e20},
+            INVALID,
+            "the right-hand side of the quadratic row Q1 is -1e+20: no value meets it",
+        ),
         ({"rows": [(LINEAR, SQUARE)], "names": ["a\0b"]}, INVALID, "names: a name holds a null character"),
     ],
 )
@@ -211,7 +221,7 @@ def test_attributes_of_quadratic_rows(store, committed):
         store.setchars("QSense", [0], "<")
     assert caught.value.code == ATTRIBUTE_KIND
     for id, value in ((1, INF), (0, -INF), (2, INF), (3, NAN)):
-        with pytest.raises(StoreError, match=f"QRHS of quadratic row {id} is") as caught:
+        with pytest.raises(StoreError, match="QRHS of the quadratic row ball is") as caught:
             store.setdbls("QRHS", [1, id], [5.0, value])
     assert store.dbls("QRHS", [1]).tolist() == [2.0]
 
