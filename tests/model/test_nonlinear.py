@@ -71,15 +71,10 @@ def test_an_infinite_side_is_none_or_can_never_hold(m, xy):
     m.addRange(nlfunc.exp(x), -np.inf, 1e20)
     p = problem(m)
     assert (p.nllower.tolist(), p.nlupper.tolist()) == ([-np.inf] * 2, [np.inf] * 2)
-    refused(
-        lambda: m.addConstr(nlfunc.exp(x) <= -np.inf),
-        "the upper side of the nonlinear constraint N2 is -inf: no value meets it",
-    )
-    refused(
-        lambda: m.addRange(x**3, np.inf, np.inf),
-        "the lower side of the nonlinear constraint N2 is inf: no value meets it",
-    )
-    with pytest.raises((TarvoError, ValueError), match="is nan"):
+    side = "side of the nonlinear constraint N2 is"
+    refused(lambda: m.addConstr(nlfunc.exp(x) <= -np.inf), f"the upper {side} -inf: no value meets it")
+    refused(lambda: m.addRange(x**3, np.inf, np.inf), f"the lower {side} inf: no value meets it")
+    with pytest.raises(TarvoError, match="is nan"):
         m.addConstr(nlfunc.exp(x) >= np.nan)
     assert m.NumNLConstrs == 2
 
