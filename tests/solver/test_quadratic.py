@@ -224,7 +224,7 @@ def test_attributes_of_quadratic_rows(store, committed):
         store.setchars("QSense", [0], "<")
     assert caught.value.code == ATTRIBUTE_KIND
     for id, value in ((1, INF), (0, -INF), (2, INF), (3, NAN)):
-        with pytest.raises(StoreError, match=r"QRHS of the quadratic row (ball|q\[0\]) is") as caught:
+        with pytest.raises(StoreError, match="QRHS of the quadratic row") as caught:
             store.setdbls("QRHS", [1, id], [5.0, value])
     assert store.dbls("QRHS", [1]).tolist() == [2.0]
 
