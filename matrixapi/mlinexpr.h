@@ -20,6 +20,7 @@
 #include "matrixapi/flat.h"
 #include "matrixapi/flat_product.h"
 #include "matrixapi/names.h"
+#include "matrixapi/shared_elements.h"
 
 #include "pysupport/classes.h"
 
@@ -56,22 +57,6 @@ Part make_part(flat::Summand summand, SharedVector vector);
 // scale * I over the variables.
 Part identity_part(flat::Buffer<int32_t> ids, double scale = 1.0);
 
-// Elements that several flat expressions share (mlinexpr_shared.cpp).
-struct LinearNative;
-struct SharedElements {
-    flat::Form form; // of all elements; nobody changes it
-    Ref places;      // 0, 1, 2, ... in its shape
-    std::vector<LinearNative *> members;
-    bool made = false;
-};
-struct Membership {
-    std::shared_ptr<SharedElements> shared; // empty: the elements are the expression's own
-    Ref places;                             // int64 array of the expression's shape: which elements
-    PyObject *expr = nullptr;               // who has the native form (borrowed)
-    size_t index = 0;                       // among the members
-    void leave();
-};
-
 struct LinearNative final : Native {
     bool compact = false;
     Ref model;               // the handle all ids belong to; empty while no variable occurs
@@ -79,9 +64,9 @@ struct LinearNative final : Native {
     // The entries of the one part's matrix as they were given, while its rows are not laid out: x @ Q costs a copy of
     // Q's entries, and x @ Q @ x never asks for an order. Sorting costs ten times the copy.
     flat::Coo given;
-    flat::Form form;       // full
-    Membership membership; // full
-    uint64_t stamp;        // another one after every change: whoever ran Python code compares it
+    flat::Form form;                     // full
+    Membership<LinearNative> membership; // full
+    uint64_t stamp;                      // another one after every change: whoever ran Python code compares it
     LinearNative() : Native(Linear), stamp(next_stamp()) {}
     ~LinearNative() override;
     static uint64_t next_stamp() {

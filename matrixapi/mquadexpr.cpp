@@ -355,8 +355,11 @@ bool is_view(PyObject *selected, PyObject *source) {
 }
 
 Ref select(PyObject *self, PyObject *key) {
-    Ref elements = qearr(self);
-    Ref ndle = check(PyObject_GetItem(ndle_of(self), key)), selected = check(PyObject_GetItem(elements.get(), key));
+    quad_convert_to_full(self);
+    Ref ndle = check(PyObject_GetItem(ndle_of(self), key));
+    if (Ref shared = shared_quad_selection(self, key, ndle))
+        return shared;
+    Ref elements = qearr(self), selected = check(PyObject_GetItem(elements.get(), key));
     if (!PyArray_Check(selected.get()))
         return make_quad_objects(mod.MQuadExpr, object_scalar(selected.get()), std::move(ndle));
     bool view = is_view(selected.get(), elements.get());

@@ -36,11 +36,13 @@ struct QuadPart {
 
 struct QuadNative final : Native {
     bool compact = false;
-    Ref model;                   // the handle all ids belong to; empty while no variable occurs
-    std::vector<QuadPart> parts; // compact
-    flat::QuadForm form;         // full
-    uint64_t stamp;              // another one after every change
+    Ref model;                         // the handle all ids belong to; empty while no variable occurs
+    std::vector<QuadPart> parts;       // compact
+    flat::QuadForm form;               // full
+    Membership<QuadNative> membership; // full
+    uint64_t stamp;                    // another one after every change
     QuadNative() : Native(Quadratic), stamp(LinearNative::next_stamp()) {}
+    ~QuadNative() override;
     int traverse(visitproc visit, void *arg) override;
 };
 
@@ -86,6 +88,10 @@ void quad_become_flat(PyObject *expr, flat::QuadForm form, Ref model); // the re
 void quad_take_over(PyObject *expr, flat::QuadForm form, Ref model);
 Ref quadparts(PyObject *expr); // makes: the list of a compact expression
 Ref qearr(PyObject *expr);     // makes: the object array of a full expression (a compact one is converted in place)
+// As shared_selection, make_shared_elements and prepare_change of mlinexpr.h; ndle is the linear half of the selection.
+Ref shared_quad_selection(PyObject *expr, PyObject *key, const Ref &ndle);
+void make_shared_quad_elements(PyObject *expr);
+void prepare_quad_change(PyObject *expr);
 
 // `_keep_compact` of the class as it says it now, taken as a truth value.
 bool keeps_compact_quad(PyObject *cls);

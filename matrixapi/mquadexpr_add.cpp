@@ -196,6 +196,7 @@ void grow(QuadNative &native, flat::QuadForm more, const Ref &model) {
 
 void iadd_full_quadratics(PyObject *self, PyObject *other, double factor) {
     quad_convert_to_full(self);
+    prepare_quad_change(self);
     QuadValue operand;
     if (!quad_numbers(other, operand))
         return iadd_quad_elements(self, other, factor);

@@ -144,6 +144,7 @@ void quad_become_flat(PyObject *expr, flat::QuadForm form, Ref model) {
 }
 
 void quad_take_over(PyObject *expr, flat::QuadForm form, Ref model) {
+    prepare_quad_change(expr);
     if (quad_state_of(expr) != State::Objects)
         return quad_become_flat(expr, std::move(form), std::move(model));
     Ref contents = quadexpr_array(form, model);

@@ -190,6 +190,10 @@ Ref quad_from_mlinexpr(PyObject *cls, PyObject *mlinexpr, bool force_full) {
 Ref qearr(PyObject *expr) {
     quad_convert_to_full(expr);
     while (QuadNative *native = quadratic_of(expr)) {
+        if (native->membership.shared) {
+            make_shared_quad_elements(expr);
+            continue;
+        }
         flat::QuadForm form = native->form;
         Ref model = native->model;
         uint64_t stamp = native->stamp;

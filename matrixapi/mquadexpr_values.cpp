@@ -197,6 +197,7 @@ Ref clear_quad_array(PyObject *array) {
 }
 
 Ref clear(PyObject *expr) {
+    prepare_quad_change(expr);
     State state = quad_state_of(expr);
     check(PyObject_CallMethodNoArgs(ndle_of(expr), names.clear));
     if (is_compact(state))
@@ -214,6 +215,7 @@ Ref flatten(PyObject *expr) { // QuadExpr keeps its terms in plain lists at any 
 }
 
 Ref normalize(PyObject *expr) {
+    prepare_quad_change(expr);
     State state = quad_state_of(expr);
     check(PyObject_CallMethodNoArgs(ndle_of(expr), names._normalize));
     if (state == State::Objects)
