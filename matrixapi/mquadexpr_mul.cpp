@@ -103,12 +103,14 @@ bool imul_compact(PyObject *self, const Ref &numbers) {
 
 void imul_full(PyObject *self, const Ref &numbers) {
     quad_convert_to_full(self);
+    prepare_quad_change(self);
     QuadValue value;
     if (quadratic_of(self) && quad_numbers(self, value)) {
         flat::QuadForm product = times_rows(value.form, numbers, quad_shape_of(self));
         imul(own_ndle(self).get(), numbers.get());
         QuadNative *native = quadratic_of(self);
-        if (!native || native->compact) // Python code that ran meanwhile looked at the objects
+        if (!native || native->compact ||
+            native->membership.shared) // Python code that ran meanwhile looked at the objects
             return quad_take_over(self, std::move(product), std::move(value.model));
         native->form = std::move(product);
         native->model = std::move(value.model);

@@ -6,7 +6,6 @@ import pytest
 import tarvopy
 from tarvopy import _debug
 
-
 START = {"linear": lambda x, y: 2 * x + y + 1, "quadratic": lambda x, y: 2 * x * y + x + 1}
 
 
