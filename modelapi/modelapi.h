@@ -84,13 +84,14 @@ TARVOPY_METHOD(model_fix_into);
 // files.cpp
 TARVOPY_METHOD(model_read);
 TARVOPY_METHOD(model_write);
-// quadratic.cpp, genmatrix.cpp, problem.cpp, solution.cpp: functions over the handle
+// quadratic.cpp, stacked.cpp, genmatrix.cpp, problem.cpp, solution.cpp: functions over the handle
 TARVOPY_METHOD(function_hessian);
 TARVOPY_METHOD(function_write_nl);
 TARVOPY_METHOD(function_qmatrix);
 TARVOPY_METHOD(function_curvature);
 TARVOPY_METHOD(function_cones);
 TARVOPY_METHOD(function_cone_duals);
+TARVOPY_METHOD(function_stacked_columns);
 TARVOPY_METHOD(function_genmatrix);
 TARVOPY_METHOD(function_problem);
 TARVOPY_METHOD(function_matrix);

@@ -58,6 +58,9 @@ PyMethodDef functions[] = {
         "cone_duals", function_cone_duals,
         "cone_duals($module, handle, native, s, z, qpi, /)\n--\n\nWrites the multipliers of the rows that are cones "
         "into qpi, from the cones' slacks and duals."),
+    function("stacked_columns", function_stacked_columns,
+             "stacked_columns($module, columns, blocks, /)\n--\n\nBlocks of rows, one under the other, as columns: "
+             "(start, index, value)."),
     function(
         "genmatrix", function_genmatrix,
         "genmatrix($module, handle, /)\n--\n\nThe general constraints, freshly made: (type, argptr, ptr, index, value, "

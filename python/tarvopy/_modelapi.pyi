@@ -5,7 +5,7 @@ when everything else refuses; they raise TarvoError with code CLOSED for a close
 """
 
 import os
-from collections.abc import Sequence
+from collections.abc import Iterable, Sequence
 from typing import Any, Self, overload
 
 import numpy as np
@@ -176,6 +176,16 @@ def curvature(handle: Any) -> tuple[int, NDArray[np.int8]]:
 
 def cones(handle: Any) -> dict[str, Any]:
     """The quadratic rows as second-order cones by the field names of problem.Cones (without `handle`)."""
+
+def stacked_columns(
+    columns: int, blocks: Iterable[tuple[Any, Any, Any, Any, float]]
+) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
+    """Blocks of rows, one under the other, as columns: (start, index, value), rows ascending in each column.
+
+    A block is (start, index, value, chosen, sign): sign times the rows of a CSR matrix, int32 and float64, that the
+    bool array chosen names (None: all). Where start, index and value are None, row i has one entry, sign in column i.
+    TypeError for another dtype, ValueError for rows that do not fit, OverflowError from 2**31 entries on.
+    """
 
 def cone_duals(
     handle: Any, native: Any, s: NDArray[np.float64], z: NDArray[np.float64], qpi: NDArray[np.float64]

@@ -14,6 +14,7 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any
 
+from tarvopy import _modelapi
 from tarvopy.problem import LINEAR
 
 if TYPE_CHECKING:
@@ -23,6 +24,9 @@ if TYPE_CHECKING:
     from scipy import sparse
 
     from tarvopy.problem import Cones, Problem
+
+    Rows = tuple[np.ndarray, np.ndarray, np.ndarray]
+    """A CSR matrix: start, index, value."""
 
 
 @dataclass(slots=True)
@@ -37,11 +41,11 @@ class _Rows:
     """Equations, fixed variables, upper sides, lower sides, upper bounds, lower bounds: Clarabel's order."""
 
     @classmethod
-    def of(cls, problem: Problem, matrix: sparse.csr_matrix) -> _Rows:
+    def of(cls, problem: Problem, empty: np.ndarray) -> _Rows:
         import numpy as np
 
         lower, upper = _sides(problem)
-        empty = (np.diff(matrix.indptr) == 0) & (lower <= 0.0) & (upper >= 0.0)  # holds whatever x is
+        empty = empty & (lower <= 0.0) & (upper >= 0.0)  # holds whatever x is
         lower, upper = np.where(empty, -np.inf, lower), np.where(empty, np.inf, upper)
         lb, ub = problem.lb.copy(), problem.ub.copy()
         equal, fixed = lower == upper, lb == ub
@@ -61,16 +65,33 @@ class _Rows:
         values = (self.upper, self.ub, self.upper, -self.lower, self.ub, -self.lb)
         return np.concatenate([*(v[mask] for v, mask in zip(values, self.masks, strict=True)), offset])
 
-    def matrix(self, rows: sparse.csr_matrix, conic: list[sparse.csr_matrix]) -> sparse.csc_matrix:
+    def matrix(self, rows: list[Rows], conic: Cones | None) -> sparse.csc_matrix:
         """Clarabel's A."""
+        import numpy as np
         from scipy import sparse
 
         equal, fixed, up, low, ub, lb = self.masks
-        parts = [
-            *(_chosen(rows, equal), _units(fixed, 1.0), _chosen(rows, up), -_chosen(rows, low)),
-            *(_units(ub, 1.0), _units(lb, -1.0), *conic),
-        ]
-        return sparse.vstack([part for part in parts if part.shape[0]] or parts[:1], format="csc")
+        ends = np.cumsum([len(start) - 1 for start, _, _ in rows])
+        blocks: list[tuple[Any, ...]] = []
+
+        def add_rows(mask: np.ndarray, sign: float) -> None:
+            blocks.extend((*part, mine, sign) for part, mine in zip(rows, np.split(mask, ends[:-1]), strict=True))
+
+        def add_bounds(mask: np.ndarray, sign: float) -> None:
+            blocks.append((None, None, None, mask, sign))
+
+        add_rows(equal, 1.0)
+        add_bounds(fixed, 1.0)
+        add_rows(up, 1.0)
+        add_rows(low, -1.0)
+        add_bounds(ub, 1.0)
+        add_bounds(lb, -1.0)
+        height = sum(int(np.count_nonzero(mask)) for mask in self.masks)
+        if conic is not None:
+            blocks.append((conic.start, conic.index, conic.value, None, 1.0))
+            height += len(conic.offset)
+        start, index, value = _modelapi.stacked_columns(len(lb), blocks)
+        return sparse.csc_matrix((value, index, start), shape=(height, len(lb)))
 
     def multipliers(self, z: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
         """Of the rows and of the bounds, of the minimisation, from Clarabel's z."""
@@ -91,8 +112,8 @@ class ClarabelForm:
 
     sense: int
     nrows: int
-    matrix: sparse.csr_matrix
-    """All linear rows: those of the model, then its quadratic ones (empty where they have quadratic terms)."""
+    empty: np.ndarray
+    """Which rows have no linear term: those of the model, then its quadratic ones."""
     rows: _Rows
     conic: Cones | None
     offset: np.ndarray
@@ -105,27 +126,23 @@ class ClarabelForm:
     @classmethod
     def of(cls, problem: Problem) -> ClarabelForm:
         import numpy as np
-        from scipy import sparse
 
-        n = problem.nvars
         matrix = _linear_rows(problem)
-        rows = _Rows.of(problem, matrix)
+        empty = np.concatenate([start[1:] == start[:-1] for start, _, _ in matrix])
+        rows = _Rows.of(problem, empty)
         conic = problem.cones() if problem.nqrows > problem.nqlinear else None
-        offset, blocks = np.empty(0), []
-        if conic is not None:
-            offset = conic.offset
-            blocks.append(sparse.csr_matrix((conic.value, conic.index, conic.start), shape=(len(offset), n)))
+        offset = np.empty(0) if conic is None else conic.offset
         linear = problem.curvature()[1] == LINEAR
-        a = rows.matrix(matrix, blocks)
+        a = rows.matrix(matrix, conic)
         b = rows.sides(offset)
         return cls(
-            *(problem.sense, problem.nrows, matrix, rows, conic, offset),
+            *(problem.sense, problem.nrows, empty, rows, conic, offset),
             *(_hessian(problem), _costs(problem), a, b, linear),
         )
 
     def retell(self, problem: Problem) -> bool:
         """Takes over sense, costs, sides and bounds; False, with nothing changed, where other ones are finite."""
-        rows = _Rows.of(problem, self.matrix)
+        rows = _Rows.of(problem, self.empty)
         if not rows.same_kinds(self.rows):
             return False
         self.sense, self.rows = problem.sense, rows
@@ -156,21 +173,6 @@ class ClarabelForm:
         return self.sense * bounds, self.sense * rows[: self.nrows], qpi
 
 
-def _chosen(rows: sparse.csr_matrix, mask: np.ndarray) -> sparse.csr_matrix:
-    """Some of the rows; as they are where all are meant, which saves a copy of the largest array there is."""
-    return rows if mask.all() else rows[mask]
-
-
-def _units(mask: np.ndarray, sign: float) -> sparse.csr_matrix:
-    """A row with one entry for each variable in the mask: half the time that a choice of rows of an identity takes."""
-    import numpy as np
-    from scipy import sparse
-
-    index = mask.nonzero()[0].astype(np.int32)
-    start = np.arange(len(index) + 1, dtype=np.int32)
-    return sparse.csr_matrix((np.full(len(index), sign), index, start), shape=(len(index), len(mask)))
-
-
 def _costs(problem: Problem) -> np.ndarray:
     return problem.sense * problem.obj
 
@@ -185,21 +187,12 @@ def _hessian(problem: Problem) -> sparse.csc_matrix:
     return sparse.csc_matrix((problem.sense * value, index, start), shape=(n, n))
 
 
-def _linear_rows(problem: Problem) -> sparse.csr_matrix:
-    """The rows of the model, then the quadratic ones with their linear terms, where they have no other."""
-    import numpy as np
-    from scipy import sparse
-
-    start, index, value = problem.csr()
-    rows = sparse.csr_matrix((value, index, start), shape=(problem.nrows, problem.nvars))
-    if not problem.nqrows:
-        return rows
-    start, index, value, qstart = problem.qmatrix()[:4]
-    linear = sparse.csr_matrix((value, index, start), shape=(problem.nqrows, problem.nvars))
-    keep = sparse.diags((np.diff(qstart) == 0).astype(float), format="csr")
-    linear = (keep @ linear).tocsr()
-    linear.eliminate_zeros()
-    return sparse.vstack([rows, linear], format="csr")
+def _linear_rows(problem: Problem) -> list[Rows]:
+    """The rows of the model, then the linear terms of the quadratic ones, of which only those without others count."""
+    rows = [problem.csr()]
+    if problem.nqrows:
+        rows.append(problem.qmatrix()[:3])
+    return rows
 
 
 def _sides(problem: Problem) -> tuple[np.ndarray, np.ndarray]:
