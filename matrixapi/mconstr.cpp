@@ -6,6 +6,8 @@
 
 #include "pysupport/args.h"
 
+#include <algorithm>
+
 namespace tarvopy {
 
 using namespace pysupport;
@@ -80,12 +82,29 @@ PyObject *construct(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyO
          text.get());
 }
 
+// A list or tuple of nothing but elements as an array, without what NumPy asks of each item, a microsecond; else empty.
+Ref array_of_elements(PyObject *items, const HandleClass &of) {
+    if (!PyList_CheckExact(items) && !PyTuple_CheckExact(items))
+        return {};
+    npy_intp n = PySequence_Fast_GET_SIZE(items);
+    PyObject **item = PySequence_Fast_ITEMS(items);
+    if (!std::all_of(item, item + n, [&](PyObject *object) { return Py_IS_TYPE(object, of.scalar_type()); }))
+        return {};
+    Ref array = check(PyArray_SimpleNew(1, &n, NPY_OBJECT));
+    auto **slots = static_cast<PyObject **>(PyArray_DATA(as_array(array)));
+    for (npy_intp i = 0; i < n; ++i)
+        Py_XSETREF(slots[i], Py_NewRef(item[i]));
+    return array;
+}
+
 template <const HandleClass &of>
 PyObject *fromlist(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         static const Signature signature{"fromlist", {"constrlist"}, 1};
         Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
+        if (Ref plain = array_of_elements(given[0], of))
+            return wrap_objects(of, plain.get());
         Ref array = check(PyArray_FromAny(given[0], PyArray_DescrFromType(NPY_OBJECT), 0, 0,
                                           NPY_ARRAY_ENSURECOPY | NPY_ARRAY_ENSUREARRAY, nullptr));
         Ref elements = check(PyObject_GetAttr(array.get(), names.flat));
