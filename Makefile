@@ -49,6 +49,7 @@ bench: $(VENV)/bench
 	$(RUN) benchmarks/quadratic.py --table docs/benchmarks.md
 	$(RUN) benchmarks/nonlinear.py --table docs/benchmarks.md
 	$(RUN) benchmarks/everyday.py --table docs/benchmarks.md
+	$(RUN) benchmarks/growth.py --table docs/benchmarks.md --picture docs/growth.svg
 
 # -E: Sphinx sees no change of a compiled docstring, and reports moved names as double.
 docs: $(VENV)/docs
