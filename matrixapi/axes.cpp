@@ -1,6 +1,7 @@
 #include "matrixapi/axes.h"
 
 #include "matrixapi/names.h"
+#include "matrixapi/printing.h"
 
 namespace tarvopy {
 
@@ -10,7 +11,7 @@ namespace {
 
 [[noreturn]] void invalid_axes(PyObject *axis) {
     PyErr_Clear();
-    Ref text = check(PyObject_Format(axis, nullptr));
+    Ref text = text_of(axis);
     Ref message = check(PyUnicode_FromFormat("Invalid axis specifications: %U", text.get()));
     const char *utf8 = PyUnicode_AsUTF8(message.get());
     if (!utf8)

@@ -3,6 +3,7 @@
 #include "matrixapi/constraint_handles.h"
 
 #include "matrixapi/handle_index.h"
+#include "matrixapi/printing.h"
 
 #include "pysupport/args.h"
 
@@ -77,7 +78,7 @@ PyObject *construct(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyO
 [[noreturn]] void fail_wrong_element(const HandleClass &of, PyObject *element) {
     if (of.checks_membership) // these two name no element, to this very text
         fail(PyExc_ValueError, "%s.fromlist expects a list of %ss, '{obj}' is not valid input", of.name, of.element);
-    Ref text = check(PyObject_Format(element, nullptr));
+    Ref text = text_of(element);
     fail(PyExc_ValueError, "%s.fromlist expects a list of %ss, '%U' is not valid input", of.name, of.element,
          text.get());
 }

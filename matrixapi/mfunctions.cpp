@@ -335,6 +335,14 @@ PyObject *copy_learr(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObje
     });
 }
 
+PyObject *dense(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"_dense", {"matrix"}, 1};
+        Arguments given(signature, 0, args, nargs, kwnames);
+        return is_sparse(given[0]) ? to_dense(given[0]) : check(PyObject_CallMethod(given[0], "toarray", nullptr));
+    });
+}
+
 PyObject *copy_learr_qearr(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         static const Signature signature{"_copy_learr_qearr", {"x"}, 1};
@@ -366,6 +374,8 @@ PyMethodDef functions[] = {
     entry<copy_learr>("_copy_learr", "_copy_learr(x)\n--\n\nA fresh object array of LinExpr with the value of x."),
     entry<copy_learr_qearr>("_copy_learr_qearr",
                             "_copy_learr_qearr(x)\n--\n\nA pair of fresh object arrays, of LinExpr and of QuadExpr."),
+    entry<dense>("_dense",
+                 "_dense(matrix)\n--\n\nThe numbers of a sparse matrix as an array; its indices are checked."),
     {nullptr, nullptr, 0, nullptr},
 };
 

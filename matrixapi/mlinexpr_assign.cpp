@@ -10,6 +10,7 @@
 #include "matrixapi/methods.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
+#include "matrixapi/printing.h"
 
 #include "pysupport/args.h"
 #include "pysupport/numpy.h"
@@ -150,7 +151,7 @@ Contents contents_of_addable(PyObject *expr, PyObject *key, PyObject *value) {
     Ref scratch = make_flat(mod.MLinExpr, std::move(zero), {});
     Ref sum = check(PyNumber_InPlaceAdd(scratch.get(), value));
     if (!is_mlinexpr(sum.get()))
-        fail(PyExc_ValueError, "Cannot assign %S to MLinExpr", value);
+        fail(PyExc_ValueError, "Cannot assign %U to MLinExpr", text_of(value).get());
     return contents_of_expression(sum.get());
 }
 
@@ -170,7 +171,7 @@ void assign(PyObject *expr, PyObject *key, PyObject *value) {
         return write(expr, key, contents_of_numbers(float_array({}, &constant)));
     }
     default:
-        fail(PyExc_ValueError, "Cannot assign %S to MLinExpr", value);
+        fail(PyExc_ValueError, "Cannot assign %U to MLinExpr", text_of(value).get());
     }
 }
 

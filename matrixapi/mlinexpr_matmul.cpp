@@ -7,6 +7,7 @@
 
 #include "flat_product.h"
 #include "names.h"
+#include "printing.h"
 #include "pysupport/args.h"
 
 #include <optional>
@@ -296,7 +297,7 @@ Ref full_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side, cons
 
 // ValueError "Cannot construct MLinExpr from <text>"; a pending exception gives its own text.
 [[noreturn]] void cannot_construct(PyObject *object) {
-    Ref text = check(PyObject_Str(object));
+    Ref text = text_of(object);
     fail(PyExc_ValueError, "Cannot construct MLinExpr from %U", text.get());
 }
 

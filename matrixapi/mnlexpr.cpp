@@ -43,7 +43,7 @@ bool is_matrix_operand(Operand kind) {
 void need_matrix_operand(PyObject *object) {
     if (is_matrix_operand(kind_of(object)))
         return;
-    Ref text = check(PyObject_Format(object, nullptr));
+    Ref text = text_of(object);
     fail(PyExc_TypeError, "Unsupported operand '%U'", text.get());
 }
 

@@ -10,6 +10,7 @@
 #include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mnlexpr.h"
+#include "matrixapi/printing.h"
 
 #include <memory>
 
@@ -170,7 +171,7 @@ void assign(PyObject *self, PyObject *key, PyObject *value) {
     Ref target = PyArray_Check(selected.get()) ? std::move(selected) : object_scalar(selected.get());
     Operand kind = kind_of(value);
     if (!is_assignable(kind)) {
-        Ref text = check(PyObject_Format(value, nullptr));
+        Ref text = text_of(value);
         fail(PyExc_ValueError, "Cannot assign %U to MNLExpr", text.get());
     }
     NodeView view;

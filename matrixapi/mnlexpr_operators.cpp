@@ -9,6 +9,7 @@
 #include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mnlexpr.h"
+#include "matrixapi/printing.h"
 
 #include <optional>
 
@@ -37,7 +38,7 @@ std::optional<Side> side_of(PyObject *object) {
 Side needed_side(PyObject *object) {
     std::optional<Side> side = side_of(object);
     if (!side) {
-        Ref text = check(PyObject_Format(object, nullptr));
+        Ref text = text_of(object);
         fail(PyExc_TypeError, "Unsupported operand '%U'", text.get());
     }
     return std::move(*side);

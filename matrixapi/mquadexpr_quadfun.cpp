@@ -25,10 +25,11 @@ constexpr const char *entry_of_q = "An entry of Q";
 
 // The numbers of Q in stored order: all of a dense matrix, the stored ones of a sparse one.
 void need_finite_matrix(PyObject *matrix) {
-    Ref data = is_sparse(matrix)
-                   ? check(PyObject_GetAttr(check(PyObject_CallMethod(matrix, "tocoo", nullptr)).get(), names.data))
-                   : Ref::borrow(matrix);
-    data = check(PyArray_FROMANY(data.get(), NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
+    if (is_sparse(matrix)) {
+        flat::Coo entries = entries_of(stored_matrix(matrix, shape_attribute(matrix)));
+        return need_finite(entries.value.data(), entries.nnz(), entry_of_q);
+    }
+    Ref data = check(PyArray_FROMANY(matrix, NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
     need_finite(doubles(data), PyArray_SIZE(as_array(data)), entry_of_q);
 }
 

@@ -12,6 +12,7 @@
 #include "matrixapi/handle_index.h"
 #include "matrixapi/mlinexpr.h"
 #include "matrixapi/mvar_operators.h"
+#include "matrixapi/printing.h"
 
 #include "pysupport/args.h"
 
@@ -111,7 +112,7 @@ Ref array_of_items(PyObject *iterable) {
 }
 
 [[noreturn]] void fail_not_a_var(PyObject *element) {
-    Ref text = check(PyObject_Format(element, nullptr));
+    Ref text = text_of(element);
     fail(PyExc_ValueError, "MVar.fromlist expects a list of Vars, '%U' is not valid input", text.get());
 }
 

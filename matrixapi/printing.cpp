@@ -1,6 +1,8 @@
 // The text of arrays: NumPy prints the elements through a function of ours.
 #include "matrixapi/printing.h"
 
+#include "matrixapi/operands.h"
+
 #include "pysupport/numpy.h"
 
 namespace tarvopy {
@@ -48,6 +50,12 @@ Ref without_dtype(const Ref &text) {
 
 Ref printed_elements(const Ref &array) {
     return without_dtype(array_text(array));
+}
+
+Ref text_of(PyObject *object) {
+    if (is_sparse(object))
+        csr_of(object);
+    return check(PyObject_Format(object, nullptr));
 }
 
 } // namespace tarvopy

@@ -9,4 +9,8 @@ namespace tarvopy {
 // closing parenthesis.
 Ref printed_elements(const Ref &array);
 
+// What format() makes of an object, for a message. A sparse matrix is checked first: SciPy crashes over the text of a
+// damaged one.
+Ref text_of(PyObject *object);
+
 } // namespace tarvopy

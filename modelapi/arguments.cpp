@@ -50,6 +50,10 @@ Shape::Shape(PyObject *object) {
         // A tuple of its own: __index__ of an element may change the caller's list.
         if (!PySequence_Check(object) || PyUnicode_Check(object) || PyBytes_Check(object) || PyByteArray_Check(object))
             fail(PyExc_TypeError, "a shape is an int or a tuple of ints, not '%.200s'", Py_TYPE(object)->tp_name);
+        Py_ssize_t announced =
+            pysupport::check_value(PyObject_LengthHint(object, 0)); // a view of 2**40 elements is none
+        if (announced > NPY_MAXDIMS)
+            fail(PyExc_ValueError, "a shape has at most %d dimensions, not %zd", NPY_MAXDIMS, announced);
         Ref extents = check(PySequence_Tuple(object));
         Py_ssize_t count = PyTuple_GET_SIZE(extents.get());
         if (count > NPY_MAXDIMS)

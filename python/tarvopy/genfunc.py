@@ -128,7 +128,7 @@ def _taken(function: str, argument: Any) -> Any:
 def _taken_array(function: str, argument: Any) -> Any:
     import numpy as np
 
-    from tarvopy._matrixapi import MLinExpr, MNLExpr, MQuadExpr, MVar
+    from tarvopy._matrixapi import MLinExpr, MNLExpr, MQuadExpr, MVar, _dense
 
     if isinstance(argument, MVar):
         return argument
@@ -143,7 +143,7 @@ def _taken_array(function: str, argument: Any) -> Any:
         _require_size(function, argument)
         array = np.array(argument)
     elif hasattr(argument, "toarray"):
-        array = argument.toarray()
+        array = _dense(argument)
     else:
         raise _not_linear(function, argument)
     if array.dtype == object:

@@ -1,9 +1,23 @@
-"""Objects that misbehave while the model reads them end in exceptions; each program runs in a process of its own."""
+"""Objects that misbehave while they are read, huge shapes, and threads: errors or results, never a crash. What might
+crash runs in a process of its own.
+"""
 
+import itertools
+import operator
+import os
+import random
+import resource
 import subprocess
 import sys
+import threading
+from pathlib import Path
 
+import numpy as np
 import pytest
+import scipy.sparse as sp
+
+import tarvopy
+from tarvopy import nlfunc
 
 PRELUDE = """
 import gc, numpy as np, scipy.sparse as sp, tarvopy
@@ -77,3 +91,89 @@ def test_hostile_objects_end_in_exceptions(name):
     done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, check=False)
     assert done.returncode == 0, done.stderr + done.stdout
     assert done.stdout.strip()
+
+
+CASES = int(os.environ.get("TARVOPY_HOSTILE_CASES", "4000"))  # any number for a night
+
+
+def test_the_table_of_members_and_operands_ends_in_answers():
+    program = Path(__file__).with_name("hostile_table.py")
+    memory = 8 << 30  # what is refused must not be allocated before
+    done = subprocess.run(
+        [sys.executable, program, "0", str(CASES)], capture_output=True, text=True, check=False,
+        preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (memory, memory)),
+    )  # fmt: skip
+    assert done.returncode == 0, done.stderr[-3000:]
+    assert sum(eval(done.stdout).values()) == CASES
+
+
+def test_huge_operands_are_refused_before_anything_is_copied(mode):
+    m = tarvopy.Model()
+    x = m.addMVar(4)
+    many, column = np.broadcast_to(1.0, (2**40,)), np.broadcast_to(1.0, (2**30, 1))
+    wide = sp.coo_array((4, 2**31 + 5))
+    kinds = [x, 2 * x + 1, sp.eye_array(4, format="csr") @ x, x * x, nlfunc.exp(x)]
+    uses = [operator.add, operator.sub, operator.mul, operator.truediv, operator.matmul]
+    for kind, use, huge in itertools.product(kinds, uses, (many, column, wide)):
+        if use is not operator.matmul or huge is not column:
+            with pytest.raises(ValueError, match=r"more than 2\*\*31 elements|too large|inner dimensions"):
+                use(kind, huge)
+    for name in ("lb", "obj"):
+        with pytest.raises(ValueError, match=r"more than 2\*\*31"):
+            m.addMVar(4, **{name: many})
+    with pytest.raises(ValueError, match="at most 64 dimensions"):
+        m.addMVar(many)
+
+
+def test_an_object_array_that_holds_itself_is_a_recursion_error(mode):
+    m = tarvopy.Model()
+    x, v = m.addMVar(4), m.addVar()
+    ring = np.empty(4, object)
+    ring[:] = 1.0
+    ring[0] = ring
+    for use in (lambda: x + ring, lambda: v * ring, lambda: (2 * x + 1) * ring):
+        with pytest.raises(RecursionError, match="hold themselves"):
+            use()
+
+
+def test_threads_on_one_model_meet_errors_or_results_and_leave_it_whole():
+    """While one thread solves, the others build, read, remove and change arrays in place."""
+    m = tarvopy.Model()
+    m.params.LogLevel = 0
+    x = m.addMVar(20, ub=4.0)
+    rows = m.addConstr(np.arange(400.0).reshape(20, 20) % 7 @ x <= 50)
+    m.setObjective(-x.sum())
+    e, q = 2 * x + 1, x * x
+    refused, wrong = [], []
+    acts = [
+        m.optimize, m.update, lambda: m.addVar(), lambda: m.addConstr(e <= 99), lambda: m.remove(m.getVars()[20:]),
+        lambda: operator.iadd(e, x), lambda: operator.imul(q, 0.5), lambda: e.__setitem__(slice(2, 9), 3.0), e.clear,
+        lambda: (e._learr, q._qearr), lambda: (x.X, rows.Pi), lambda: setattr(x, "UB", 4.0),
+        lambda: m.remove(m.getConstrs()[20:]),
+    ]  # fmt: skip
+
+    def work(seed):
+        draw = random.Random(seed)
+        for _ in range(60):
+            try:
+                draw.choice(acts)()
+            except tarvopy.TarvoError as error:
+                refused.append(error)
+            except Exception as error:
+                wrong.append(error)
+
+    before = sys.getswitchinterval()
+    sys.setswitchinterval(1e-6)
+    try:
+        threads = [threading.Thread(target=work, args=(seed,)) for seed in range(5)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join(60)
+    finally:
+        sys.setswitchinterval(before)
+    assert not wrong
+    assert refused
+    m.remove(m.getConstrs()[20:])
+    m.optimize()
+    assert m.Status == tarvopy.TRV.OPTIMAL
