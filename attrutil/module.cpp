@@ -94,7 +94,7 @@ namespace {
 const TRVattrinfo *find_attribute(PyObject *name) {
     const TRVattrinfo *info = TRVfindattr(attribute_name(name));
     if (!info)
-        fail(PyExc_AttributeError, "unknown attribute '%U'", name);
+        fail(PyExc_AttributeError, "there is no attribute '%U'", name);
     return info;
 }
 

@@ -14,7 +14,7 @@ template <typename Work> int guarded(TRVmodel *model, const char *path, Work wor
         return TRV_ERROR_INVALID_ARGUMENT;
     }
     if (path == nullptr || *path == '\0') {
-        return TRVfail(model, TRV_ERROR_INVALID_ARGUMENT, "no file name");
+        return TRVfail(model, TRV_ERROR_INVALID_ARGUMENT, "the path of the file is empty");
     }
     try {
         work();

@@ -42,7 +42,7 @@ def test_info_is_kind_type_and_settable(model):
     assert _getattrinfo(model.handle, "Sense") == (2, CHAR, 1)
     assert _getattrinfo(model.handle, "ConstrName") == (2, STRING, 1)
     assert _getattrinfo(None, "VType") == (1, CHAR, 1)
-    with pytest.raises(AttributeError, match="unknown attribute 'Nope'"):
+    with pytest.raises(AttributeError, match="there is no attribute 'Nope'"):
         _getattrinfo(model.handle, "Nope")
     with pytest.raises(TypeError):
         _getattrinfo(model.handle, 3)

@@ -112,4 +112,4 @@ def test_files_that_are_not_there(tmp_path):
     assert error.value.code == FILE
     with pytest.raises(StoreError) as error:
         read(Store(""), "")
-    assert (error.value.code, str(error.value)) == (INVALID, "no file name")
+    assert (error.value.code, str(error.value)) == (INVALID, "the path of the file is empty")
