@@ -125,16 +125,40 @@ ModelArrays arrays_of(const LoadArguments &given) {
     return model;
 }
 
+enum class Loaded { Accepted, Refused, OutOfMemory };
+
+// Without the interpreter's lock, since millions of rows take most of a second.
+Loaded load_aside(Solver &solver, const ModelArrays &model) {
+    try {
+        return solver.load(model) == kHighsStatusError ? Loaded::Refused : Loaded::Accepted;
+    } catch (const std::bad_alloc &) {
+        return Loaded::OutOfMemory;
+    }
+}
+
+// What is read of the arguments, which the caller holds, stands until the call returns. No border around the part
+// without the lock: see solver_wait.
 PyObject *solver_load(PyObject *self, PyObject *args, PyObject *kwargs) {
-    return border([&] {
+    ModelArrays model;
+    std::vector<HighsInt> types;
+    Ref read = Ref::steal(border([&] {
         LoadArguments given(args, kwargs);
-        Solver &solver = idle(self);
-        ModelArrays model = arrays_of(given);
-        std::vector<HighsInt> types;
+        idle(self);
+        model = arrays_of(given);
         if (given.vtype != Py_None)
             types = integrality_of(characters(given.vtype, "vtype", model.ncols));
         model.integrality = types.empty() ? nullptr : types.data();
-        accepted(solver.load(model), "the model");
+        return Ref::none();
+    }));
+    if (!read)
+        return nullptr;
+    Solver &solver = *shared(self);
+    Loaded loaded;
+    Py_BEGIN_ALLOW_THREADS loaded = load_aside(solver, model);
+    Py_END_ALLOW_THREADS return border([&] {
+        if (loaded == Loaded::OutOfMemory)
+            throw std::bad_alloc();
+        accepted(loaded == Loaded::Refused ? kHighsStatusError : kHighsStatusOk, "the model");
         return Ref::none();
     });
 }

@@ -16,8 +16,11 @@ from types import FrameType
 from typing import TYPE_CHECKING, Any
 
 from tarvopy import _modelapi
+from tarvopy.engines.worker import Worker
 
 if TYPE_CHECKING:
+    from collections.abc import Callable
+
     from tarvopy.engines.base import Engine
     from tarvopy.progress import Reporter
 
@@ -40,6 +43,7 @@ class CtrlC:
     def __init__(self) -> None:
         self.count = 0
         self.answered = False
+        self._acknowledged = False
         self._restore = False
 
     def __enter__(self) -> CtrlC:
@@ -56,6 +60,12 @@ class CtrlC:
     @property
     def unanswered(self) -> bool:
         return self.count > 0 and not self.answered
+
+    def acknowledge(self, reporter: Reporter) -> None:
+        """Says once that it was heard."""
+        if not self._acknowledged:
+            self._acknowledged = True
+            reporter.line(ACKNOWLEDGEMENT)
 
     def _handle(self, _signal: int, _frame: FrameType | None) -> None:
         self.count += 1
@@ -81,7 +91,26 @@ def fly(engine: Engine, reporter: Reporter, ctrl_c: CtrlC) -> bool:
             stopping = True
             ctrl_c.answered = True
             engine.interrupt()
-            reporter.line(ACKNOWLEDGEMENT)
+            ctrl_c.acknowledge(reporter)
+
+
+def aside(step: Callable[[], Any], reporter: Reporter, ctrl_c: CtrlC) -> Any:
+    """The result of a long step before the engine runs, which nothing can cut short: Ctrl-C is acknowledged meanwhile,
+    and what comes next sees it. Also who leaves by the second one waits for the step, which reads the model.
+    """
+    worker, leave = Worker(step), False
+    while True:
+        try:
+            if worker.wait(STEP):
+                break
+        except KeyboardInterrupt:
+            leave = leave or ctrl_c.count != 0
+            ctrl_c.count = max(ctrl_c.count, 1)
+        if ctrl_c.count:
+            ctrl_c.acknowledge(reporter)
+    if leave:
+        raise KeyboardInterrupt
+    return worker.result()
 
 
 def abandon(engine: Engine, handle: Any) -> None:

@@ -83,6 +83,12 @@ class Problem:
         return cls(handle, **_modelapi.problem(handle))
 
     @property
+    def entries(self) -> int:
+        """What there is to read: nonzeros, quadratic terms, entries of tapes; general constraints are a hundred."""
+        quadratic, nonlinear = self.nqobj + self.nqterms + self.nqlinterms, self.nnlcodes + self.nnlobj
+        return self.nnz + quadratic + nonlinear + 100 * self.ngens
+
+    @property
     def is_mip(self) -> bool:
         return self.nintegral > 0
 

@@ -128,6 +128,38 @@ say(m.Status)
     assert code == 0
 
 
+def test_ctrl_c_is_acknowledged_while_an_engine_is_loaded(hard):
+    child = Child(
+        """
+import tarvopy.solve
+tarvopy.solve._MUCH = 0                         # a large model
+load = HighsEngine.load
+def slow(*args):
+    time.sleep(1.5)
+    load(*args)
+    say("loaded")
+HighsEngine.load = slow
+interrupt_after(0.4)
+m.optimize()
+say(m.Status)
+interrupt_after(0.4, 0.8)
+m.addVar()
+try:
+    m.optimize()
+except KeyboardInterrupt:                       # only when nobody reads the model any more
+    say("left", m.NumVars)
+""",
+        hard,
+    )
+    lines, code = child.finish()
+    assert lines[0].startswith(ACKNOWLEDGED)
+    assert lines[1:3] == ["loaded", "9"]
+    assert lines[3].startswith(ACKNOWLEDGED)
+    assert lines[4] == "loaded"
+    assert lines[5].startswith("left")
+    assert code == 0
+
+
 def test_other_handlers_and_other_threads(hard):
     child = Child(
         """

@@ -171,6 +171,35 @@ def test_objective_that_falls_without_end_at_a_pole_has_no_optimum(f):
         assert m.Status == TRV.OPTIMAL
 
 
+@pytest.mark.parametrize("as_row", [False, True])
+@pytest.mark.parametrize("f", [nlfunc.tan, lambda y: 1 / (y - 1), lambda y: 1 / y, lambda y: nlfunc.log(y + 1)])
+def test_row_that_leaps_beside_the_solution_proves_nothing(f, as_row):
+    m = silent()
+    y = m.addVar(lb=-1, ub=3)
+    if as_row:
+        t = m.addVar(lb=-INF)
+        m.addConstr(t >= f(y))
+        m.setObjective(t + 0)
+    else:
+        m.setObjective(f(y))
+    with pytest.warns(RuntimeWarning, match="leaps"):
+        m.optimize()
+    assert m.Status == TRV.IMPRECISE
+
+
+def test_steep_functions_are_no_leaps():
+    m = silent()
+    x = m.addMVar(3, ub=3, name="x")
+    t = m.addMVar(3, lb=-INF)
+    m.addConstr(t[0] >= nlfunc.sqrt(x[0]))
+    m.addConstr(t[1] >= x[1] ** 0.3)
+    m.addConstr(t[2] >= nlfunc.tanh(1e5 * (x[2] - 1)))
+    m.addConstr(x[2] >= 1)
+    m.setObjective(t.sum())
+    m.optimize()
+    assert (m.Status, m.ObjVal) == (TRV.OPTIMAL, pytest.approx(0, abs=1e-6))
+
+
 @pytest.mark.parametrize(
     ("f", "part"),
     [

@@ -31,6 +31,7 @@ from tarvopy import _modelapi
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
 from tarvopy.engines.base import NAN, Outcome, Progress
+from tarvopy.engines.scip_doubts import doubt_of
 from tarvopy.engines.scip_general import GeneralConstraints, not_binary
 from tarvopy.engines.scip_limits import stop_after_iterations
 from tarvopy.engines.scip_log import ScipLog, memory_folder
@@ -64,14 +65,12 @@ _WITHOUT_POINT = {TRV.INFEASIBLE, TRV.UNBOUNDED, TRV.INFEASIBLE_OR_UNBOUNDED, TR
 _INFINITY = 1e20  # SCIP's own
 _ENDLESS = 1e19  # objectives beyond it are its infinity, but for a tolerance
 _EPSILON = 1e-9  # what it takes for 0
-_FARTHEST = 1e12  # of variables without a bound there: beyond, a sum is rounded by more than any tolerance
-_BESIDE_ZERO = 1e-8  # where the arguments of logarithms and negative powers end for it
-_BEYOND_ROUNDING = 1e-3  # no change of a variable within its tolerance moves a fair objective as much
 _NEXT_TO_ZERO = 1e-20  # where roots, and logarithms times their arguments, are 0 but for the rounding
 # Fixing each binary variable of a chain in turn fixes all others: with 1000 pieces of a curve that took a minute, and
 # the search half a second.
 _MOST_PROBED = 100
 _INT_MAX = 2**31 - 1
+_OKAY = 1  # SCIP_RETCODE
 _LONGEST = 1e20  # seconds: its largest time limit
 _TOLERANCES = (1e-9, 1e-3)  # what it takes: its numerics/epsilon is 1e-9
 _EXACT_GAP = 1e-9  # for convex continuous models, whose optimum is not a matter of enumeration
@@ -85,6 +84,22 @@ def _package() -> Any:
             TRV.ERROR_UNSUPPORTED, "The engine SCIP is not installed: pip install 'pyscipopt==6.3.*'"
         ) from None
     return pyscipopt
+
+
+def _read(package: Any, model: Any, path: str) -> None:
+    """Reads a .nl file, 10 us an operation, as `readProblem` does, but without the interpreter's lock: the thread that
+    waits would not hear of Ctrl-C.
+    """
+    import ctypes
+
+    library = ctypes.CDLL(package.scip.__file__)  # and what it is linked with
+    pointer = ctypes.pythonapi.PyCapsule_GetPointer
+    pointer.restype, pointer.argtypes = ctypes.c_void_p, (ctypes.py_object, ctypes.c_char_p)
+    scip = pointer(model.to_ptr(give_ownership=False), b"scip")
+    read = library.SCIPreadProb
+    read.restype, read.argtypes = ctypes.c_int, (ctypes.c_void_p, ctypes.c_char_p, ctypes.c_char_p)
+    if read(scip, os.fsencode(path), b"nl") != _OKAY:
+        raise TarvoError(TRV.ERROR_UNSUPPORTED, "SCIP cannot read the model")
 
 
 class ScipEngine:
@@ -129,7 +144,7 @@ class ScipEngine:
         with tempfile.TemporaryDirectory(prefix="tarvopy-", dir=memory_folder()) as folder:
             path = os.path.join(folder, "model.nl")
             position = _modelapi.write_nl(problem.handle, path)
-            model.readProblem(path, "nl")
+            _read(self._package, model, path)
         if problem.objconstant:
             model.addObjoffset(problem.objconstant)
         self._map_variables(position)
@@ -359,7 +374,7 @@ class ScipEngine:
         self._with_duals = None
         if outcome.status == TRV.OPTIMAL and outcome.has_x and self._nonlinear:
             x = self._point(problem.nvars)
-            doubt = _ran_off(problem, x) or _at_a_pole(problem, x)
+            doubt = doubt_of(problem, x)
             if doubt is not None:
                 outcome.status, outcome.bound, outcome.message = TRV.IMPRECISE, NAN, doubt
         if outcome.status == TRV.OPTIMAL and outcome.has_x and not problem.nintegral and problem.is_convex:
@@ -429,34 +444,6 @@ def _endless_side(problem: Problem) -> str | None:
     if qrows.any():
         return f"quadratic row {problem.qrow_name(int(qrows.nonzero()[0][0]))!r} asks for an infinite value"
     return None
-
-
-def _ran_off(problem: Problem, x: np.ndarray) -> str | None:
-    """SCIP ends the search for the maximum of log(x) at 1e16, and calls what it has there the optimum."""
-    import numpy as np
-
-    off = ((x > _FARTHEST) & np.isinf(problem.ub)) | ((x < -_FARTHEST) & np.isinf(problem.lb))
-    if not off.any():
-        return None
-    j = int(off.argmax())
-    name = problem.var_name(j)
-    return f"the variable {name!r}, which has no bound there, ran off to {x[j]:.3g}; the model may be unbounded"
-
-
-def _at_a_pole(problem: Problem, x: np.ndarray) -> str | None:
-    """What SCIP calls the minimum of log(x) or -1/x at x = 1e-9 is an end of its own making."""
-    import numpy as np
-
-    near = (x != 0) & (np.abs(x) < _BESIDE_ZERO)
-    if not problem.nnlobj or not near.any():
-        return None
-    value = _modelapi.evaluate_objective(problem.handle, x)
-    moved = np.where(near, 10.0 * x, x)
-    change = _modelapi.evaluate_objective(problem.handle, moved) - value - problem.obj @ (moved - x)
-    if not abs(change) > _BEYOND_ROUNDING * (1.0 + abs(value)):
-        return None
-    j = int(near.argmax())
-    return f"the objective leaps where {problem.var_name(j)!r}, at {x[j]:.3g}, nears 0; the model may be unbounded"
 
 
 def _combined(first: dict[str, Any], second: dict[str, Any]) -> dict[str, Any]:

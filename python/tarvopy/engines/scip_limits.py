@@ -8,17 +8,22 @@ thread that it runs on and needs the interpreter's lock for it, a few microsecon
 
 from __future__ import annotations
 
+import weakref
 from typing import Any
 
 
 def stop_after_iterations(package: Any, scip: Any, limit: float) -> None:
+    model = weakref.ref(scip)
+
     class LpIterations(package.Eventhdlr):
         def eventinit(self) -> None:
             for event in (package.SCIP_EVENTTYPE.LPSOLVED, package.SCIP_EVENTTYPE.NODEFOCUSED):
-                self.model.catchEvent(event, self)
+                model().catchEvent(event, self)
 
         def eventexec(self, _event: Any) -> None:
-            if self.model.getNLPIterations() >= limit:
-                self.model.interruptSolve()
+            if model().getNLPIterations() >= limit:
+                model().interruptSolve()
 
-    scip.includeEventhdlr(LpIterations(), "tarvopy-iterations", "ends the run after so many LP iterations")
+    handler = LpIterations()
+    scip.includeEventhdlr(handler, "tarvopy-iterations", "ends the run after so many LP iterations")
+    handler.model = None  # the package holds each by the other, in a way that the collector cannot see: 1 MB a model
