@@ -93,8 +93,9 @@ def draw(measured, path):
             (begin, seconds), end = curves["tarvopy"][-1], curves["tarvopy"][0][0]
             axis.loglog([end, begin], [seconds * end / begin, seconds], ":", lw=0.8, color="black", label="linear")
         axis.set_title(family)
+        axis.minorticks_off()
     named = {label: line for axis in axes.flat for line, label in zip(*axis.get_legend_handles_labels(), strict=True)}
-    figure.legend(named.values(), named.keys(), loc="outside lower center", ncols=len(named))
+    figure.legend(named.values(), named.keys(), loc="outside upper center", ncols=len(named))
     figure.supxlabel("nonzeros")
     figure.supylabel("seconds from the first variable to the loaded engine")
     figure.savefig(path, metadata={"Date": None} if path.suffix == ".svg" else None)
