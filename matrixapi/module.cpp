@@ -54,7 +54,10 @@ PyObject *api_mconstr(PyTypeObject *type, ModelObject *model, int32_t first, int
     if (foreign)
         fail(PyExc_TypeError, "%s with elements that are no %s", of.name, of.element);
     Ref text = check(PyUnicode_FromFormat("%s with elements of several models", of.name));
-    fail_tarvo(TRV_ERROR_NOT_IN_MODEL, PyUnicode_AsUTF8(text.get()));
+    const char *utf8 = PyUnicode_AsUTF8(text.get());
+    if (!utf8)
+        throw PythonError{};
+    fail_tarvo(TRV_ERROR_NOT_IN_MODEL, utf8);
 }
 
 PyObject *api_ids(PyObject *handle, ModelObject **model) {

@@ -296,11 +296,12 @@ Names::Names(PyObject *object) {
     if (!object || object == Py_None)
         return;
     if (PyUnicode_Check(object)) {
-        if (utf8(object).empty())
+        std::string_view prefix = utf8(object);
+        if (prefix.empty())
             return;
         prefix_ = Ref::borrow(object);
         names_.form = TRV_NAMES_SHAPE;
-        names_.prefix = PyUnicode_AsUTF8(object);
+        names_.prefix = prefix.data(); // ends with a null character, as all text that Python gives
         return;
     }
     need_numpy();

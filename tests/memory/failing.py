@@ -40,10 +40,12 @@ class Requests:
     def __init__(self) -> None:
         with tempfile.TemporaryDirectory() as folder:
             self.library = _compiled(folder)
+        names = ("MVar", "MConstr", "MLinExpr", "MQuadExpr", "MNLExpr", "Model")
+        types = [getattr(tarvopy, name) for name in names]  # loads all libraries: later ones would not be met
         self.folder = str(Path(_core.__file__).parent).encode()
         assert self.library.install(self.folder) > 0, "no library was found"
-        for name in ("MVar", "MConstr", "MLinExpr", "MQuadExpr", "MNLExpr", "Model"):
-            self.library.install_type(ctypes.py_object(getattr(tarvopy, name)))
+        for each in types:
+            self.library.install_type(ctypes.py_object(each))
         get = ctypes.pythonapi.PyCapsule_GetPointer
         get.restype, get.argtypes = ctypes.c_void_p, [ctypes.py_object, ctypes.c_char_p]
         self.table = ctypes.c_void_p(get(np._core._multiarray_umath._ARRAY_API, None))

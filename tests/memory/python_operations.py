@@ -151,6 +151,7 @@ ARRAYS = {
     "set names": lambda m, x, e, q, f: [setattr(x, "VarName", [f"a rather long name {i}" for i in range(N)])],
     "addMVar": lambda m, x, e, q, f: m.addMVar((2, 3), lb=-1.0, ub=[1, 2, 3], obj=1.0, name="another"),
     "addConstr": lambda m, x, e, q, f: m.addConstr(MATRIX @ x <= NUMBERS, name="rows"),
+    "addConstr without bounds": lambda m, x, e, q, f: m.addConstr(MATRIX @ x >= NUMBERS - np.inf, name="rows"),
     "addConstr sparse": lambda m, x, e, q, f: m.addConstr(SPARSE @ x + e <= NUMBERS, name="rows"),
     "addConstr quadratic": lambda m, x, e, q, f: m.addConstr(q <= NUMBERS, name="rows"),
     "addConstr nonlinear": lambda m, x, e, q, f: m.addConstr(f <= NUMBERS, name="rows"),
