@@ -192,6 +192,29 @@ void write_by_name(PyObject *self, const HandleClass &of, PyObject *name, const 
     }
 }
 
+// With these a traceback asks whether another name was meant, as the interpreter sees to where an attribute is read.
+void complete_error(PyObject *self, PyObject *name) {
+    Ref error = Ref::steal(PyErr_GetRaisedException());
+    if (PyErr_GivenExceptionMatches(error.get(), PyExc_AttributeError)) {
+        check_status(PyObject_SetAttrString(error.get(), "name", name));
+        check_status(PyObject_SetAttrString(error.get(), "obj", self));
+    }
+    PyErr_SetRaisedException(error.release());
+}
+
+AttributeInfo settable_info(PyObject *model, PyObject *self, const HandleClass &of, PyObject *name) {
+    try {
+        AttributeInfo info = attribute_info(model, name);
+        check_kind(self, of, info, of.set_refusal, name);
+        if (info.settable)
+            return info;
+    } catch (const PythonError &) {
+        complete_error(self, name);
+        throw;
+    }
+    fail(PyExc_AttributeError, "Attribute '%U' cannot be set", name);
+}
+
 } // namespace
 
 void set_attribute(PyObject *self, const HandleClass &of, PyObject *name, PyObject *value) {
@@ -199,12 +222,8 @@ void set_attribute(PyObject *self, const HandleClass &of, PyObject *name, PyObje
     Ref handle = model_of_handle(self);
     bool known = handle.is_none() || is_model(handle.get());
     AttributeInfo info{of.kind, -1, true};
-    if (known) {
-        info = attribute_info(handle.get(), name);
-        check_kind(self, of, info, of.set_refusal, name);
-        if (!info.settable)
-            fail(PyExc_AttributeError, "Attribute '%U' cannot be set", name);
-    }
+    if (known)
+        info = settable_info(handle.get(), self, of, name);
     if (handle.is_none())
         return;
     flat::Shape shape = handle_shape(self, of);

@@ -166,8 +166,14 @@ class Model(_modelapi.ModelBase):
         # A property, of this class or of one derived from it, is set as in any class (or refuses to be).
         if name.startswith("_") or hasattr(getattr(type(self), name, None), "__set__"):
             object.__setattr__(self, name, value)
-        else:
+            return
+        if hasattr(type(self), name):
+            raise AttributeError(f"{name!r} is a method of {type(self).__name__!r} and cannot be set")
+        try:
             self.setAttr(name, value)
+        except AttributeError as error:
+            error.name, error.obj = name, self  # a traceback then asks whether another name was meant
+            raise
 
     def __dir__(self) -> list[str]:
         return sorted({*super().__dir__(), *self._attributes()})

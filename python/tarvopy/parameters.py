@@ -144,19 +144,25 @@ class Parameters:
 
     def __setattr__(self, name: str, value: Any) -> None:
         if name not in _NAMES:
-            raise AttributeError(self._unknown(name))
+            raise self._unknown(name)
         object.__setattr__(self, name, value)
 
     def __getattr__(self, name: str) -> Any:
-        raise AttributeError(self._unknown(name))
+        raise self._unknown(name)
 
-    @staticmethod
-    def _unknown(name: str) -> str:
+    def _unknown(self, name: str) -> AttributeError:
         from difflib import get_close_matches
 
         by_lower = {known.lower(): known for known in _NAMES}
         close = get_close_matches(name.lower(), by_lower, 1)
-        return f"there is no parameter {name!r}" + (f"; did you mean {by_lower[close[0]]}?" if close else "")
+        hint = f"did you mean {by_lower[close[0]]}?" if close else f"there are {', '.join(_NAMES)}"
+        return AttributeError(
+            f"there is no parameter {name!r}; {hint}", obj=self
+        )  # obj: tracebacks add no hint to ours
+
+    def check_options(self) -> None:
+        """EngineOptions is a dict that programs write to; what stands in it is checked before a solve."""
+        type(self).EngineOptions.checked(self.EngineOptions)
 
     def reset(self) -> None:
         """All parameters back to their defaults."""

@@ -57,6 +57,7 @@ def prepare(model: Model) -> dict[str, int]:
 
 def optimize(model: Model) -> None:
     """Solves the model; its solution attributes say how it went."""
+    model.params.check_options()
     reporter = Reporter(model.params.LogLevel)
     with CtrlC() as ctrl_c:
         outcome, offence = _solve_claimed(model, reporter, ctrl_c)

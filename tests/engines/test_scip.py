@@ -120,7 +120,7 @@ def test_multipliers_need_highs_but_the_optimum_does_not(monkeypatch):
     def missing():
         raise TarvoError(TRV.ERROR_UNSUPPORTED, "The engine HiGHS is not installed")
 
-    monkeypatch.setattr("tarvopy.engines.multipliers._open", missing)
+    monkeypatch.setattr("tarvopy.engines.multipliers.open_library", missing)
     m = silent()
     m.params.Engine = "scip"
     x = m.addVar(lb=-10, ub=10)
@@ -228,6 +228,9 @@ def test_unknown_engine_option_is_named():
     m, _ = hard()
     m.params.EngineOptions = {"limits/nonsense": 1}
     with pytest.raises(TarvoError, match="limits/nonsense"):
+        m.optimize()
+    m.params.EngineOptions[3] = 1
+    with pytest.raises(TypeError, match="the keys of parameter EngineOptions are strings, not 'int'"):
         m.optimize()
 
 

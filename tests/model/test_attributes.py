@@ -5,6 +5,7 @@ import math
 import pickle
 import subprocess
 import sys
+import traceback
 
 import numpy as np
 import pytest
@@ -202,13 +203,27 @@ def test_parameters_keep_checked_values(m):
         ("EngineOptions", {1: 2}, TypeError, "keys of parameter EngineOptions are strings"),
         ("timelimit", 1, AttributeError, "no parameter 'timelimit'; did you mean TimeLimit?"),
         ("TimeLimt", 1, AttributeError, "did you mean TimeLimit?"),
-        ("zzz", 1, AttributeError, "there is no parameter 'zzz'$"),
+        ("zzz", 1, AttributeError, "there is no parameter 'zzz'; there are TimeLimit, RelGap, AbsGap, "),
     ],
 )
 def test_refused_parameters_keep_their_values(m, name, value, error, message):
     with pytest.raises(error, match=message):
         setattr(m.params, name, value)
     assert repr(m.params) == "<Parameters all at their defaults>"
+
+
+def test_tracebacks_ask_whether_another_name_was_meant(m):
+    x = m.addMVar(2)
+    wrong = ((m, "modelsense", "ModelSense"), (m.params, "timelimit", "TimeLimit"), (x, "ub", "UB"))
+    for owner, name, meant in (*wrong, (x[0].item(), "ub", "UB")):
+        for act in (lambda: getattr(owner, name), lambda: setattr(owner, name, 1)):  # noqa: B023
+            with pytest.raises(AttributeError) as error:
+                act()
+            text = "".join(traceback.format_exception_only(error.value))
+            assert text.lower().count("did you mean") == 1
+            assert meant in text
+    with pytest.raises(AttributeError, match="'optimize' is a method of 'Model' and cannot be set"):
+        m.optimize = 3
 
 
 def test_parameters_are_documented():
