@@ -25,7 +25,6 @@ from typing import TYPE_CHECKING, Any
 
 from tarvopy import _modelapi
 from tarvopy._exception import NoDataError
-from tarvopy._trv import TRV
 from tarvopy.check import BOUNDS, COMPLEMENTARITY, INTEGRALITY, ROWS, SLACK, STATIONARITY, Limit, element_of, limits
 from tarvopy.problem import Problem
 from tarvopy.progress import status_word
@@ -128,9 +127,7 @@ def make(model: Model, worst: int) -> Report:
     if worst < 0:
         raise ValueError(f"report() shows 0 or more offenders a figure, not {worst}")
     status = model.Status  # applies what is pending, which may end the solution
-    if not _has(model, "ObjVal"):
-        why = f"there is no solution to report on (status: {status_word(status)}): call optimize() first"
-        raise NoDataError(TRV.ERROR_NO_DATA, why)
+    objective = model.ObjVal
     handle, problem = model._cmodel, Problem.of(model._cmodel)
     elements = problem.nvars + problem.nrows + problem.nqrows + problem.nnlrows + problem.ngens
     worst = min(worst, 2 * elements)  # value and multiplier of each
@@ -138,21 +135,13 @@ def make(model: Model, worst: int) -> Report:
     return Report(
         model=model.ModelName,
         status=status,
-        objective=model.ObjVal,
+        objective=objective,
         engine_objective=model._claimed,
         engine=model.EngineName,
         why_engine=model.why_engine or "",
         runtime=model.Runtime,
         figures=tuple(_figure(problem, limit, has_duals, worst) for limit in limits(residuals, problem, model.params)),
     )
-
-
-def _has(model: Model, attribute: str) -> bool:
-    try:
-        model.getAttr(attribute)
-    except NoDataError:
-        return False
-    return True
 
 
 def _residuals(handle: Any) -> tuple[dict[str, Any], bool]:

@@ -115,9 +115,10 @@ def test_quadratic_rows_are_offenders_like_others(monkeypatch):
 
 
 def test_without_a_solution_there_is_no_report(m):
-    for act in (lambda: None, lambda: (m.optimize(), m.getVars()[0].setAttr("LB", 9.0)), m.optimize):
+    changed = lambda: (m.optimize(), m.getVars()[0].setAttr("LB", 9.0))  # noqa: E731
+    for act, why in ((lambda: None, "call optimize"), (changed, "call optimize"), (m.optimize, "Status INFEASIBLE")):
         act()
-        with pytest.raises(NoDataError, match=r"there is no solution to report on \(status: .*\): call optimize"):
+        with pytest.raises(NoDataError, match=why):
             m.report()
     with pytest.raises(ValueError, match="0 or more"):
         m.report(-1)
