@@ -1,6 +1,6 @@
 """The runs of one solve: the first answer, and where an optimum does not hold one step more precision.
 
-    answer = best_answer(model, problem, engine, runs)
+    answer = best_answer(model, engine, Runs(problem, params, reporter, ctrl_c))
 
 That step is a run of the same engine with tighter tolerances, and then, where params.Engine leaves the choice open, a
 run of another engine that can take the problem. The answer with the smallest violation stays. Ctrl-C and the time limit

@@ -15,7 +15,7 @@ from typing import TYPE_CHECKING
 
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
-from tarvopy.engines.base import counted, nonlinear_parts
+from tarvopy.engines.base import counted, integral_parts, nonlinear_parts
 from tarvopy.problem import CONE, CONVEX, NONCONVEX, ROUNDED
 
 if TYPE_CHECKING:
@@ -99,15 +99,15 @@ def describe(problem: Problem) -> str:
         parts = [
             *nonlinear_parts(problem),
             *_quadratic_parts(problem),
-            _integral(problem) or "all variables continuous",
+            integral_parts(problem) or "all variables continuous",
         ]
         return ", ".join(parts)
     if not problem.is_quadratic:
         cancelled = f" (all terms of {counted(problem.nqrows, 'quadratic row')} cancel)" if problem.nqrows else ""
-        integral = _integral(problem)
+        integral = integral_parts(problem)
         return f"linear{cancelled} with {integral}" if integral else f"linear{cancelled}, all variables continuous"
     if problem.nintegral:
-        return ", ".join([*_quadratic_parts(problem), _integral(problem)])
+        return ", ".join([*_quadratic_parts(problem), integral_parts(problem)])
     return _nonconvex(problem) or _convex(problem)
 
 
@@ -137,15 +137,6 @@ def _convex(problem: Problem) -> str:
     parts += [counted(convex, "convex quadratic row")] if convex else []
     parts += [counted(cones, "second-order cone row")] if cones else []
     return f"{', '.join(parts)}, all variables continuous"
-
-
-def _integral(problem: Problem) -> str:
-    """ "3 integer and 1 semi-continuous variable", "" where all are continuous."""
-    if not problem.nintegral:
-        return ""
-    semi = int((problem.vtype == b"S").sum())
-    parts = [(problem.nintegral - semi, "integer variable"), (semi, "semi-continuous variable")]
-    return " and ".join(counted(n, kind) for n, kind in parts if n)
 
 
 # ---- what is installed -----------------------------------------------------------------------------------------------

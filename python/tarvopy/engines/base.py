@@ -57,6 +57,13 @@ def nonlinear_parts(problem: Problem) -> list[str]:
     return parts + [counted(n, kind) for n, kind in kinds if n]
 
 
+def integral_parts(problem: Problem) -> str:
+    """ "3 integer variables and 1 semi-continuous variable", "" where all are continuous."""
+    semi = int((problem.vtype == b"S").sum()) if problem.nintegral else 0
+    parts = [(problem.nintegral - semi, "integer variable"), (semi, "semi-continuous variable")]
+    return " and ".join(counted(n, kind) for n, kind in parts if n)
+
+
 def counted(n: int, what: str) -> str:
     return f"{n} {what}" + ("s" if n != 1 else "")
 

@@ -14,7 +14,7 @@ from typing import TYPE_CHECKING, Any
 
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
-from tarvopy.engines.base import Outcome, Progress, nonlinear_parts
+from tarvopy.engines.base import Outcome, Progress, integral_parts, nonlinear_parts
 from tarvopy.engines.clarabel_form import ClarabelForm
 from tarvopy.engines.worker import Worker
 from tarvopy.problem import CONE, NONCONVEX
@@ -107,7 +107,7 @@ class ClarabelEngine:
         if problem.is_nonlinear:
             return ", ".join(nonlinear_parts(problem))
         if problem.nintegral:
-            return _integral(problem)
+            return integral_parts(problem)
         objective, rows = problem.curvature()
         if objective == NONCONVEX:
             return "the quadratic objective is not convex"
@@ -395,12 +395,6 @@ def _try_out(settings: Any, options: dict[str, Any]) -> None:
 
 def _tolerance(wanted: float, tighter: float) -> float:
     return max(_SMALLEST_TOLERANCE, tighter * min(_LARGEST_TOLERANCE, _TIGHTER * wanted))
-
-
-def _integral(problem: Problem) -> str:
-    semi = int((problem.vtype == b"S").sum())
-    counts = [(problem.nintegral - semi, "integer"), (semi, "semi-continuous")]
-    return " and ".join(f"{n} {kind} variable{'s' if n != 1 else ''}" for n, kind in counts if n)
 
 
 ENGINE = ClarabelEngine

@@ -17,7 +17,7 @@ from typing import TYPE_CHECKING, Any
 from tarvopy import _highs
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
-from tarvopy.engines.base import NAN, Outcome, Progress, nonlinear_parts
+from tarvopy.engines.base import NAN, Outcome, Progress, counted, nonlinear_parts
 
 if TYPE_CHECKING:
     import numpy as np
@@ -56,7 +56,7 @@ _SMALLEST_TOLERANCE = 1e-10
 _START_TOLERANCE = 1e-6
 
 
-def _open() -> None:
+def open_library() -> None:
     """Opens the library of the installed highsbox, once for the process."""
     if _highs.version() is not None:
         return
@@ -81,7 +81,7 @@ class HighsEngine:
     name = "HiGHS"
 
     def __init__(self) -> None:
-        _open()
+        open_library()
         self._solver = _highs.Solver()
         self._first: dict[str, Any] | None = None  # result of the first run while a second look is under way
         self._time_left = self._node_limit = math.inf
@@ -93,7 +93,7 @@ class HighsEngine:
 
     @classmethod
     def full_name(cls) -> str:
-        _open()
+        open_library()
         return f"{cls.name} {_highs.version()}"
 
     @classmethod
@@ -103,8 +103,7 @@ class HighsEngine:
         if problem.nqobj:
             return "the objective is quadratic"
         if problem.is_quadratic:
-            count = problem.nqrows - problem.nqlinear
-            return f"{count} quadratic row{'s' if count > 1 else ''}"
+            return counted(problem.nqrows - problem.nqlinear, "quadratic row")
         if not problem.nintegral:
             return None
         semi = problem.vtype.view("u1") == ord("S")  # texts are compared twenty times as slowly

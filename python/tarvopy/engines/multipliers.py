@@ -18,7 +18,7 @@ from dataclasses import dataclass
 from typing import TYPE_CHECKING
 
 from tarvopy import _highs
-from tarvopy.engines.highs import _open
+from tarvopy.engines.highs import open_library
 
 if TYPE_CHECKING:
     import numpy as np
@@ -44,7 +44,7 @@ def recover(
     """
     import numpy as np
 
-    _open()
+    open_library()
     found = None
     for _ in range(_STEPS + 1):
         here = _Point.at(problem, x)

@@ -268,7 +268,7 @@ class ScipEngine:
     def _set_option(self, name: str, value: Any) -> None:
         try:
             self._model.setParam(name, value)
-        except (KeyError, LookupError):
+        except LookupError:
             raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, f"SCIP has no option {name!r}") from None
         except Exception as error:
             raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, f"SCIP's option {name!r}, {value!r}: {error}") from None
@@ -282,8 +282,7 @@ class ScipEngine:
             return True
         if self._stop and self.running:
             self.interrupt()  # a request that came while SCIP was setting out is forgotten by it
-        over = self._worker.wait(seconds)
-        return over
+        return self._worker.wait(seconds)
 
     def interrupt(self) -> None:
         self._stop = True
