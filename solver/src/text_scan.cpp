@@ -183,9 +183,7 @@ std::string in_quotes(std::string_view path) {
 }
 
 void refuse_control(char c) {
-    const char *advice = c == '\0'   ? " (UTF-16? UTF-8 is read)"
-                         : c == '\r' ? " (lines end in LF or in CR LF)"
-                                     : "";
+    const char *advice = c == '\0' ? " (UTF-16? UTF-8 is read)" : c == '\r' ? " (lines end in LF or in CR LF)" : "";
     throw LineError{joined("control character ", shown({&c, 1}), " in the line", advice)};
 }
 
