@@ -103,11 +103,11 @@ def aside(step: Callable[[], Any], reporter: Reporter, ctrl_c: CtrlC) -> Any:
         try:
             if worker.wait(STEP):
                 break
+            if ctrl_c.count:
+                ctrl_c.acknowledge(reporter)
         except KeyboardInterrupt:
             leave = leave or ctrl_c.count != 0
             ctrl_c.count = max(ctrl_c.count, 1)
-        if ctrl_c.count:
-            ctrl_c.acknowledge(reporter)
     if leave:
         raise KeyboardInterrupt
     return worker.result()

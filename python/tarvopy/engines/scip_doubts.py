@@ -56,11 +56,15 @@ def _at_a_pole(problem: Problem, x: np.ndarray) -> str | None:
 
 
 def _at_an_edge(problem: Problem, x: np.ndarray) -> str | None:
-    """Of t >= tan(y) or t >= 1 / (y - 1) SCIP finds t = -1e9, next to where the row leaps to the other side of 0."""
+    """Of t >= tan(y) or t >= 1 / (y - 1) SCIP finds t = -1e9, next to where the row leaps to the other side of 0.
+
+    Variables at their bounds stay there: what is defined at a bound has no pole there, and a root is endlessly steep.
+    """
     value = _nonlinear_objective(problem, x)
+    inside = (problem.vtype == b"C") & (x != problem.lb) & (x != problem.ub)
     for step in (_STEP, -_STEP):
         near = np.clip(x + step * np.maximum(1.0, np.abs(x)), problem.lb, problem.ub)
-        near = np.where(problem.vtype == b"C", near, x)
+        near = np.where(inside, near, x)
         change = abs(_nonlinear_objective(problem, near) - value) if problem.nnlobj else 0.0
         if math.isfinite(change) and change > _LEAP * (1.0 + abs(value)):
             return "the objective leaps next to the solution; the model may be unbounded"
@@ -75,9 +79,16 @@ def _nonlinear_objective(problem: Problem, x: np.ndarray) -> float:
 
 
 def _broken_row(problem: Problem, x: np.ndarray) -> str | None:
-    """The row that x breaks most if that is a leap; one that is not defined there says nothing."""
+    """The nonlinear row that x breaks most if that is a leap; one that is not defined there says nothing. Other rows
+    cannot leap, however large their coefficients.
+    """
     _modelapi.open_solution(problem.handle)[0][:] = x
     found = _modelapi.residuals(problem.handle, False)
     if found["worstrow"] < 0 or not math.isfinite(found["row"]) or found["row"] <= _LEAP * found["rowscale"]:
         return None
-    return " ".join(element_of(problem, ROWS, found["worstrow"]))
+    first = problem.nrows + problem.nqrows
+    end = first + problem.nnlrows
+    for violation, scale, element in _modelapi.offenders(problem.handle, False, ROWS, end + problem.ngens):
+        if first <= element < end:
+            return " ".join(element_of(problem, ROWS, element)) if violation > _LEAP * scale else None
+    return None
