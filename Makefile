@@ -12,16 +12,16 @@ FORMATTED := $(filter %.cpp %.h,$(NATIVE))
 .PHONY: help demo test night sanitize sanitize-short bench docs format lint wheel clean FORCE
 
 help:
-	@echo 'make demo    solve the examples on real data, pictures in out/'
-	@echo 'make test    run the tests'
-	@echo 'make night   hold 200,000 random programs against NumPy (hours; what fails is tried first from then on)'
-	@echo 'make sanitize  run them with checks of addresses and of undefined behaviour (sanitize-short: the floors below engines)'
-	@echo 'make bench   measure against arrays by hand, linopy, cvxpy and casadi; table in docs/benchmarks.md'
-	@echo 'make docs    the pages and the API reference as HTML in build/docs'
-	@echo 'make format  format C++ and Python in place'
-	@echo 'make lint    check formatting and style, change nothing'
-	@echo 'make wheel   build a wheel into dist/ and check what it holds'
-	@echo 'make clean   remove everything that make made'
+	@echo 'make demo     solve the examples on real data, pictures in out/'
+	@echo 'make test     run the tests'
+	@echo 'make night    hold 200,000 random programs against NumPy (hours; what fails is tried first from then on)'
+	@echo 'make sanitize run the tests with checks of addresses and of undefined behaviour (sanitize-short: without engines)'
+	@echo 'make bench    measure against arrays by hand, linopy, cvxpy and casadi; table in docs/benchmarks.md'
+	@echo 'make docs     the pages and the API reference as HTML in build/docs'
+	@echo 'make format   format C++ and Python in place'
+	@echo 'make lint     check formatting and style, change nothing'
+	@echo 'make wheel    build a wheel into dist/ and check what it holds'
+	@echo 'make clean    remove everything that make made'
 
 demo: $(VENV)/installed
 	$(RUN) -m examples.unit_commitment
