@@ -3,8 +3,8 @@
 Array("int16", (2, 3), "reversed", 4).make()    an array of small numbers, of every dtype and layout
 Number("float32", 2).make()                     a number of Python or NumPy
 Sparse("csr", "array", "float64", (2, 3), 1).make()
-literals(shape)                                 strategy: any of these, broadcasting with `shape` more often than not
-keys(shape)                                     strategy: indices into an array of this shape, a few of them wrong
+Dice(draw).pick(options)                        one choice of a hypothesis strategy; the functions below take dice
+literal(dice, shape), index_into(dice, shape)   an operand or an index that fits to this shape more often than not
 """
 
 from dataclasses import dataclass
@@ -95,90 +95,104 @@ class Sparse:
 
 
 NUMPY_NUMBERS = ["bool_", *DTYPES[1:12], "longdouble"]
-SEEDS = st.integers(0, 3 * DIGITS.size - 1)
-NUMBERS = st.one_of(
-    st.builds(Number, st.just("int"), st.sampled_from([2, 1, -1, 0, 3])),
-    st.builds(Number, st.just("float"), st.sampled_from([2.0, -1.0, 0.5, 3.0, 0.0])),
-    st.builds(Number, st.sampled_from(["python bool", *NUMPY_NUMBERS]), st.sampled_from([1, 2, 0])),
-)
-COMPLEX = st.one_of(
-    st.builds(Number, st.sampled_from(["python complex", "complex64", "complex128"]), st.just(2)),
-    st.builds(Array, st.just("complex128"), st.sampled_from(SHAPES), st.just("C"), SEEDS),
-)
+SEEDS = 3 * DIGITS.size
 
 
-@st.composite
-def fitting(draw, shape: tuple) -> tuple:
+class Dice:
+    """Every choice is an integer: hypothesis takes one from a range much faster than from a strategy made anew."""
+
+    def __init__(self, draw):
+        self.draw = draw
+
+    def below(self, bound: int) -> int:
+        return self.draw(st.integers(0, bound - 1))
+
+    def pick(self, options):
+        return options[self.below(len(options))]
+
+    def coin(self) -> bool:
+        return bool(self.below(2))
+
+
+def fitting(dice: Dice, shape: tuple) -> tuple:
     """A shape that broadcasts with another: some extents are 1, leading ones may be missing or added."""
-    found = tuple(draw(st.sampled_from([extent, extent, 1])) for extent in shape)
-    return draw(st.sampled_from([shape, shape, found, found[1:], (1, *shape), shape[-1:]]))
+    found = tuple(dice.pick([extent, extent, 1]) for extent in shape)
+    return dice.pick([shape, shape, found, found[1:], (1, *shape), shape[-1:]])
 
 
-@st.composite
-def sparse_matrices(draw, shape: tuple):
+def number(dice: Dice) -> Number:
+    kind = dice.pick(["int", "float", "python bool", dice.pick(NUMPY_NUMBERS)])
+    return Number(kind, dice.pick({"int": [2, 1, -1, 0, 3], "float": [2.0, -1.0, 0.5, 3.0, 0.0]}.get(kind, [1, 2, 0])))
+
+
+def array(dice: Dice, shape: tuple) -> Array:
+    return Array(dice.pick(DTYPES), shape, dice.pick(LAYOUTS), dice.below(SEEDS))
+
+
+def complex_numbers(dice: Dice) -> Number | Array:
+    if dice.coin():
+        return Array("complex128", dice.pick(SHAPES), "C", dice.below(SEEDS))
+    return Number(dice.pick(["python complex", "complex64", "complex128"]), 2)
+
+
+def sparse_matrix(dice: Dice, shape: tuple) -> Sparse:
+    dtype, seed = dice.pick(SPARSE_DTYPES), dice.below(SEEDS)
     if len(shape) == 1:
-        return draw(st.builds(Sparse, st.sampled_from(FLAT_FORMATS), st.just("array"), DTYPE, st.just(shape), SEEDS))
+        return Sparse(dice.pick(FLAT_FORMATS), "array", dtype, shape, seed)
     if len(shape) != 2:
-        shape = draw(st.sampled_from([s for s in SHAPES if len(s) == 2]))
-    family = st.sampled_from(["matrix", "array"])
-    return draw(st.builds(Sparse, st.sampled_from(FORMATS), family, DTYPE, st.just(shape), SEEDS))
+        shape = dice.pick([s for s in SHAPES if len(s) == 2])
+    return Sparse(dice.pick(FORMATS), dice.pick(["matrix", "array"]), dtype, shape, seed)
 
 
-DTYPE = st.sampled_from(SPARSE_DTYPES)
-
-
-@st.composite
-def literals(draw, shape: tuple, for_product: bool = False):
-    kind = draw(st.sampled_from(["array"] * 6 + ["sparse"] * 3 + ["number"] * 4 + ["complex"] * (draw(SEEDS) == 5)))
-    if kind in ("number", "complex") and (kind == "complex" or not for_product):
-        return draw(NUMBERS if kind == "number" else COMPLEX)
+def literal(dice: Dice, shape: tuple, for_product: bool = False) -> Array | Number | Sparse:
+    """Any of these, broadcasting with this shape, or making a matrix product with it, more often than not."""
+    kind = dice.pick(["array"] * 6 + ["sparse"] * 3 + ["number"] * 4)
+    if dice.below(80) == 79:
+        return complex_numbers(dice)
+    if kind == "number" and not for_product:
+        return number(dice)
     if for_product and shape:
-        inner = st.sampled_from([shape[-1], shape[-2:][0]])
-        shape = draw(st.tuples(inner) | st.tuples(inner, inner) | st.tuples(st.sampled_from([0, 1, 2, 3]), inner))
-    shape = draw(st.sampled_from(SHAPES)) if draw(st.integers(0, 7)) == 7 else draw(fitting(shape))
-    if kind == "sparse":
-        return draw(sparse_matrices(shape))
-    return draw(st.builds(Array, st.sampled_from(DTYPES), st.just(shape), st.sampled_from(LAYOUTS), SEEDS))
+        inner = dice.pick([shape[-1], shape[-2:][0]])
+        shape = dice.pick([(inner,), (inner, inner), (dice.below(4), inner), (inner, dice.below(4))])
+    elif dice.below(8) == 7:
+        shape = dice.pick(SHAPES)
+    else:
+        shape = fitting(dice, shape)
+    return sparse_matrix(dice, shape) if kind == "sparse" else array(dice, shape)
 
 
 # ---- indices ---------------------------------------------------------------------------------------------------------
 
-BOUND = st.none() | st.integers(-4, 4)
-SLICES = st.builds(slice, BOUND, BOUND, st.sampled_from([None, 1, 2, -1, -2]))
-WRONG = st.sampled_from([7, -5, [0, 7], "a", 1.5, [True, False, True, True, True], (0, 0, 0, 0)])
+BOUNDS = [None, None, 0, 1, 2, 3, -1, -2, -4]
+WRONG = [7, -5, [0, 7], "a", 1.5, [True, False, True, True, True], (0, 0, 0, 0)]
 
 
-@st.composite
-def positions(draw, extent: int):
+def position(dice: Dice, extent: int):
     """What stands for one axis."""
-    number = st.integers(-extent, extent - 1) if extent else st.just(0)
-    kind = draw(st.sampled_from(["slice", "slice", "number", "list", "array", "mask"]))
+    kind = dice.pick(["slice", "slice", "number", "list", "array", "mask"])
     if kind == "slice":
-        return draw(SLICES)
-    if kind == "number":
-        made = draw(number)
-        return draw(st.sampled_from([made, made, np.int64(made), np.int8(made), np.array(made)]))
+        return slice(dice.pick(BOUNDS), dice.pick(BOUNDS), dice.pick([None, 1, 2, -1, -2]))
     if kind == "mask":
-        return np.array(draw(st.lists(st.booleans(), min_size=extent, max_size=extent)), dtype=bool)
-    size = draw(st.sampled_from([1, 2, 3])) if extent else 0
-    found = draw(st.lists(number, min_size=size, max_size=size))
+        return np.array([dice.coin() for _ in range(extent)], dtype=bool)
+    size = 1 if kind == "number" else 1 + dice.below(3)
+    found = [dice.below(2 * extent) - extent for _ in range(size)] if extent else []
+    if kind == "number" and found:
+        return dice.pick([found[0], np.int64(found[0]), np.int8(found[0]), np.array(found[0])])
     if kind == "list" and found:
         return found
-    return np.array(found, dtype=draw(st.sampled_from(["int64", "int32", "int8"])))
+    return np.array(found, dtype=dice.pick(["int64", "int32", "int8"]))
 
 
-@st.composite
-def keys(draw, shape: tuple):
-    kind = draw(st.sampled_from(["parts"] * 9 + ["mask", "grid", "wrong"]))
+def index_into(dice: Dice, shape: tuple):
+    """An index into an array of this shape; a few are wrong."""
+    kind = dice.pick(["parts"] * 9 + ["mask", "grid", "wrong"])
     if kind == "wrong":
-        return draw(WRONG)
+        return dice.pick(WRONG)
     if kind == "mask":
-        return digits(shape, draw(SEEDS)) > 0.5
+        return digits(shape, dice.below(SEEDS)) > 0.5
     if kind == "grid" and len(shape) > 1 and 0 not in shape:
         return np.array([[0], [shape[0] - 1]]), np.array([0, -1])
-    parts = [draw(positions(extent)) for extent in shape[: draw(st.integers(0, len(shape)))]]
-    for stray in draw(st.sampled_from([(), (), (Ellipsis,), (None,), (None, Ellipsis)])):
-        parts.insert(draw(st.integers(0, len(parts))), stray)
-    if len(parts) == 1 and draw(st.booleans()):
-        return parts[0]
-    return tuple(parts)
+    parts = [position(dice, extent) for extent in shape[: dice.below(len(shape) + 1)]]
+    for stray in dice.pick([(), (), (Ellipsis,), (None,), (None, Ellipsis)]):
+        parts.insert(dice.below(len(parts) + 1), stray)
+    return parts[0] if len(parts) == 1 and dice.coin() else tuple(parts)

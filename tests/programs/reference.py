@@ -293,9 +293,7 @@ class Reference:
         return self.made(kind_of(thing.degree, thing), -thing.numbers)
 
     def positive(self, i):
-        thing = self.things[i]
-        if not thing.is_matrix:
-            raise Meaningless
+        thing = self.matrix(i)
         if thing.kind == "MNLExpr":
             return Refused("arrays of nonlinear expressions have no unary plus")
         return self.copy(i, "copy")

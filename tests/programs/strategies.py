@@ -7,8 +7,8 @@ program is drawn, so that indices and shapes fit more often than not, and steps 
 from hypothesis import strategies as st
 
 from nonlinear_trees import FUNCTIONS
-from programs.literals import SEEDS, SHAPES, fitting, keys, literals
-from programs.reference import IN_PLACE, SIGNS, Meaningless, Reference, Refused, Thing
+from programs.literals import SEEDS, SHAPES, Dice, fitting, index_into, literal
+from programs.reference import SIGNS, Meaningless, Reference, Refused, Thing
 
 
 class Program:
@@ -57,20 +57,19 @@ class Program:
         return True
 
 
-@st.composite
-def operands(draw, program: Program, shape: tuple, for_product=False) -> int:
+def operand(dice: Dice, program: Program, shape: tuple, for_product=False) -> int:
     """A thing that is there, or a new one that fits to this shape more often than not."""
-    kind = draw(st.sampled_from(["old"] * 5 + ["literal"] * 5 + ["variables", "objects"]))
+    kind = dice.pick(["old"] * 5 + ["literal"] * 5 + ["variables", "objects"])
     if kind == "old":
-        return draw(st.integers(0, len(program.things) - 1))
+        return dice.below(len(program.things))
     if kind == "literal":
-        program.add(("literal", draw(literals(shape, for_product))))
+        program.add(("literal", literal(dice, shape, for_product)))
     elif kind == "variables":
-        program.add(("mvar", draw(fitting(shape)), draw(st.booleans())))
+        program.add(("mvar", fitting(dice, shape), dice.coin()))
     else:
-        scalars = [place for place, thing in enumerate(program.things) if thing.is_scalar]
-        members = draw(st.lists(st.sampled_from([None, *scalars]), min_size=1, max_size=3))
-        program.add(("objects", draw(fitting(shape)), members, draw(SEEDS)))
+        scalars = [None, *(place for place, thing in enumerate(program.things) if thing.is_scalar)]
+        members = [dice.pick(scalars) for _ in range(1 + dice.below(3))]
+        program.add(("objects", fitting(dice, shape), members, dice.below(SEEDS)))
     return len(program.things) - 1
 
 
@@ -96,62 +95,46 @@ EVERYTHING += ["sum", "join", "view", "function", "constraint", "other"]
 SHARING = ["index"] * 4 + ["in_place"] * 3 + ["assign", "other"]
 
 
-@st.composite
-def steps(draw, program: Program, kinds: list) -> tuple:
+def others(i: int) -> list[tuple]:
+    """Statements without a second operand."""
+    found = [(name, i) for name in ("negative", "positive", "item", "as_nonlinear", "clear", "show", "scribble")]
+    found += [("copy", i, how) for how in ("copy", "deepcopy")]
+    return [*found, *(("tidy", i, how) for how in ("_normalize", "_flatten")), ("iterate", i, 1), ("var",)]
+
+
+def step(dice: Dice, program: Program, kinds: list) -> tuple:
     arrays = [place for place, thing in enumerate(program.things) if thing.is_matrix]
-    # The latest ones under the small numbers, which are drawn most often and come first when a failure is shrunk.
-    i = arrays[-1 - draw(st.integers(0, len(arrays) - 1))]
-    shape = program.things[i].shape
-    kind = draw(st.sampled_from(kinds))
+    kind = dice.pick(kinds)
     if kind in ("assign", "in_place"):  # variables do not change
-        changing = [place for place in arrays if program.things[place].kind != "MVar"]
-        i = changing[-1 - draw(st.integers(0, len(changing) - 1))] if changing else i
-        shape = program.things[i].shape
+        arrays = [place for place in arrays if program.things[place].kind != "MVar"] or arrays
+    i = arrays[-1 - dice.below(len(arrays))]  # the latest first, to which a failure shrinks
+    shape = program.things[i].shape
     if kind in ("binary", "in_place"):
-        sign = draw(st.sampled_from(list(SIGNS if kind == "binary" else IN_PLACE)))
-        j = draw(operands(program, shape, sign == "@"))
-        backwards = kind == "binary" and draw(st.booleans())
-        return (kind, sign, j, i) if backwards else (kind, sign, i, j)
+        sign = dice.pick(list(SIGNS))
+        j = operand(dice, program, shape, sign == "@")
+        return (kind, sign, j, i) if kind == "binary" and dice.coin() else (kind, sign, i, j)
     if kind == "index":
-        return kind, i, draw(keys(shape))
+        return kind, i, index_into(dice, shape)
     if kind == "assign":
-        key = draw(keys(shape))
-        selected = Reference.index(program.reference, i, key)
+        key = index_into(dice, shape)
+        selected = program.reference.index(i, key)
         if not isinstance(selected, Refused):
             shape = program.things.pop().shape
-        return kind, i, key, draw(operands(program, shape))
+        return kind, i, key, operand(dice, program, shape)
     if kind == "sum":
-        return kind, i, draw(st.sampled_from(AXES))
+        return kind, i, dice.pick(AXES)
     if kind == "join":
-        others = [draw(operands(program, shape)) for _ in range(draw(st.integers(0, 2)))]
-        how = draw(st.sampled_from(["concatenate", "hstack", "vstack"]))
-        return kind, how, draw(st.permutations([i, *others])), draw(st.sampled_from([0, -1, 1, None]))
+        more = [operand(dice, program, shape) for _ in range(dice.below(3))]
+        members = [i, *more] if dice.coin() else [*more, i]
+        return kind, dice.pick(["concatenate", "hstack", "vstack"]), members, dice.pick([0, -1, 1, None])
     if kind == "view":
-        return kind, i, *draw(st.sampled_from(VIEWS))
+        return kind, i, *dice.pick(VIEWS)
     if kind == "function":
-        return kind, draw(st.sampled_from(list(FUNCTIONS))), i
+        return kind, dice.pick(list(FUNCTIONS)), i
     if kind == "constraint":
-        sides = i, draw(operands(program, shape))
-        return kind, draw(st.sampled_from(["<=", ">=", "=="])), *(sides[::-1] if draw(st.booleans()) else sides)
-    return draw(
-        st.sampled_from(
-            [
-                ("negative", i),
-                ("positive", i),
-                ("iterate", i, 1),
-                ("item", i),
-                ("copy", i, "copy"),
-                ("copy", i, "deepcopy"),
-                ("as_nonlinear", i),
-                ("clear", i),
-                ("show", i),
-                ("tidy", i, "_normalize"),
-                ("tidy", i, "_flatten"),
-                ("scribble", draw(st.integers(0, len(program.things) - 1))),
-                ("var",),
-            ]
-        )
-    )
+        sides = i, operand(dice, program, shape)
+        return kind, dice.pick(["<=", ">=", "=="]), *(sides[::-1] if dice.coin() else sides)
+    return dice.pick(others(dice.below(len(program.things)) if dice.below(8) == 7 else i))
 
 
 # What stands at the beginning besides variables: scalars, or an expression of each degree of which slices are taken.
@@ -159,18 +142,22 @@ SCALARS = [[], [], [("var",)], [("var",), ("binary", "*", -1, -1)]]
 EXPRESSIONS = [[("binary", "+", 0, 0)], [("binary", "*", 0, 0)], [("function", "abs", 0)]]
 
 
+def thrown(dice: Dice) -> Program:
+    program = Program()
+    shape = dice.pick(SHAPES)
+    program.add(("mvar", shape, dice.coin()))
+    if dice.coin():
+        program.add(("mvar", fitting(dice, shape), dice.coin()))
+    kinds, beginnings, most = dice.pick([(EVERYTHING, SCALARS, 8)] * 3 + [(SHARING, EXPRESSIONS, 12)])
+    for beginning in dice.pick(beginnings):
+        program.add(beginning)
+    for _ in range(1 + dice.below(most)):
+        if dice.below(4) == 3:
+            program.looks[len(program.steps)] = dice.below(len(program.things))
+        program.add(step(dice, program, kinds))
+    return program
+
+
 @st.composite
 def programs(draw) -> Program:
-    program = Program()
-    shape = draw(st.sampled_from(SHAPES))
-    program.add(("mvar", shape, draw(st.booleans())))
-    if draw(st.booleans()):
-        program.add(("mvar", draw(fitting(shape)), draw(st.booleans())))
-    kinds, beginnings, most = draw(st.sampled_from([(EVERYTHING, SCALARS, 8)] * 3 + [(SHARING, EXPRESSIONS, 12)]))
-    for step in draw(st.sampled_from(beginnings)):
-        program.add(step)
-    for _ in range(draw(st.integers(1, most))):
-        if draw(st.integers(0, 3)) == 0:
-            program.looks[len(program.steps)] = draw(st.integers(0, len(program.things) - 1))
-        program.add(draw(steps(program, kinds)))
-    return program
+    return thrown(Dice(draw))

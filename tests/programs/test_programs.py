@@ -10,7 +10,7 @@ from programs.runner import run
 from programs.strategies import programs
 
 
-@settings(max_examples=max(2000, settings.default.max_examples))
+@settings(max_examples=max(3000, settings.default.max_examples))
 @given(programs())
 def test_programs_give_what_numpy_gives_and_never_tell_whether_objects_exist(program):
     expected = run(program, "eager")
