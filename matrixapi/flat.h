@@ -14,6 +14,7 @@
 #include "tarvo.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <new>
 #include <span>
@@ -121,6 +122,11 @@ int64_t size_of(const Shape &shape);
 // ---- one summand ---------------------------------------------------------------------------------------------------
 // One variable a row, coefficient `scale`.
 Summand single(Buffer<int32_t> ids, double scale = 1.0);
+// Whether two coefficients may stand for each other: 0.0 and -0.0 print differently.
+inline bool same_bits(double a, double b) {
+    return std::bit_cast<uint64_t>(a) == std::bit_cast<uint64_t>(b);
+}
+
 Summand scaled(const Summand &summand, double factor);
 // Row i times factors[i].
 Summand scaled_rows(const Summand &summand, const double *factors);

@@ -41,7 +41,7 @@ namespace {
 
 bool is_uniform(const std::vector<Part> &parts) {
     return std::all_of(parts.begin(), parts.end(), [&](const Part &part) {
-        return part.summand.coef.empty() && part.summand.scale == parts[0].summand.scale;
+        return part.summand.coef.empty() && flat::same_bits(part.summand.scale, parts[0].summand.scale);
     });
 }
 

@@ -151,19 +151,9 @@ std::optional<flat::Coo> kept_as_given(const Matrix &matrix, int64_t variables, 
 
 // The numbers of an array that the kernels do not take as it is: a part's matrix is float64 whatever was given.
 Ref converted_doubles(PyObject *given) {
-    PyArrayObject *array = as_array(given);
-    if (PyTypeNum_ISOBJECT(PyArray_TYPE(array))) {
-        Ref list = check(PySequence_List(check(PyObject_GetAttr(given, names.flat)).get()));
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list.get()); ++i)
-            if (!is_scalar(PyList_GET_ITEM(list.get(), i)))
-                fail(PyExc_TypeError, "a matrix of numbers is needed, not one with a '%.200s'",
-                     Py_TYPE(PyList_GET_ITEM(list.get(), i))->tp_name);
-    } else if (!PyTypeNum_ISBOOL(PyArray_TYPE(array)) && !PyTypeNum_ISINTEGER(PyArray_TYPE(array)) &&
-               !PyTypeNum_ISFLOAT(PyArray_TYPE(array))) {
-        fail(PyExc_TypeError, "a matrix of real numbers is needed, not one of %R", PyArray_DESCR(array));
-    }
-    return check(
-        PyArray_FROMANY(given, NPY_DOUBLE, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST));
+    Ref factors = factor_matrix(given, false);
+    return check(PyArray_FROMANY(factors.get(), NPY_DOUBLE, 0, 0,
+                                 NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY | NPY_ARRAY_FORCECAST));
 }
 
 Matrix read_part_matrix(PyObject *given) {
@@ -272,7 +262,7 @@ flat::Summand sparse_product(const Matrix &matrix, const VarIds &vars, Side side
 
 // NumPy's own product of the numbers with LinExpr objects.
 Ref element_product(PyObject *cls, PyObject *given, PyObject *mvar, Side side) {
-    Ref numbers = is_sparse(given) ? to_dense(given) : plain_array(given);
+    Ref numbers = is_sparse(given) ? to_dense(given) : factor_matrix(given, true);
     Ref variables = element_operand(mvar, Operand::MVar);
     Ref product = check(side == Side::Right ? PyNumber_MatrixMultiply(numbers.get(), variables.get())
                                             : PyNumber_MatrixMultiply(variables.get(), numbers.get()));

@@ -246,11 +246,13 @@ Ref numeric_power(PyObject *self, double exponent, PyObject *other, const flat::
 Ref power_of_single(PyObject *self, PyObject *array) {
     Ref element = check(PyObject_CallMethodNoArgs(array, names.item));
     Operand kind = kind_of(element.get());
+    if (kind == Operand::Other || kind == Operand::Array || kind == Operand::Sparse)
+        return not_implemented();
+    flat::Shape shape = broadcast_shapes(shape_of(self), shape_of_array(array));
     if (kind == Operand::Scalar)
-        return numeric_power(self, number(element.get()), array,
-                             broadcast_shapes(shape_of(self), shape_of_array(array)));
-    bool takes = kind != Operand::Other && kind != Operand::Array && kind != Operand::Sparse;
-    return takes ? nonlinear_operation(TreeOp::Pow, self, element.get()) : not_implemented();
+        return numeric_power(self, number(element.get()), array, shape);
+    Ref base = shape == shape_of(self) ? Ref::borrow(self) : broadcast_copy(self, shape);
+    return nonlinear_operation(TreeOp::Pow, base.get(), element.get());
 }
 
 Ref power(PyObject *self, PyObject *other) {

@@ -155,6 +155,31 @@ Ref element_operand(PyObject *operand, Operand kind) {
     }
 }
 
+namespace {
+
+void need_factors(PyObject *array, bool expressions) {
+    Ref elements = contiguous_objects(array);
+    auto **first = static_cast<PyObject **>(PyArray_DATA(as_array(elements)));
+    for (npy_intp i = 0; i < PyArray_SIZE(as_array(elements)); ++i) {
+        PyObject *element = first[i] ? first[i] : Py_None;
+        Operand kind = kind_of(element);
+        if (kind != Operand::Scalar && (!expressions || degree_of_kind(kind) == 0))
+            fail(PyExc_TypeError, "a matrix of numbers is needed, not one with a '%.200s'", Py_TYPE(element)->tp_name);
+    }
+}
+
+} // namespace
+
+Ref factor_matrix(PyObject *matrix, bool expressions) {
+    Ref array = plain_array(matrix);
+    int type = PyArray_TYPE(as_array(array));
+    if (PyTypeNum_ISOBJECT(type))
+        need_factors(array.get(), expressions);
+    else if (!PyTypeNum_ISBOOL(type) && !PyTypeNum_ISINTEGER(type) && !PyTypeNum_ISFLOAT(type))
+        fail(PyExc_TypeError, "a matrix of real numbers is needed, not one of %R", PyArray_DESCR(as_array(array)));
+    return array;
+}
+
 Ref as_elements(Ref result) {
     need_numpy();
     return PyArray_Check(result.get()) ? std::move(result) : object_scalar(result.get());

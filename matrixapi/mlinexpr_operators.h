@@ -48,6 +48,9 @@ Part spread_part(const Part &part, int64_t n);
 // ---- element by element, over object arrays: slow, and always right
 // The operand as NumPy sees it: an object array of LinExpr, or a numeric array.
 Ref element_operand(PyObject *operand, Operand kind);
+// A dense matrix as NumPy multiplies it with objects; TypeError where an entry is no real number (and no expression,
+// where those are taken). Checked first, as NumPy's product of a stack goes on after an error with the next matrix.
+Ref factor_matrix(PyObject *matrix, bool expressions);
 // What NumPy's operator gave, as an array: a single element is wrapped.
 Ref as_elements(Ref result);
 // factor * operand as an array: the element-wise product of documents and tests, so that rounding is the same.

@@ -64,7 +64,7 @@ Ref flat_product(const Value &value, const Plan &plan, const flat::Shape &shape)
 }
 
 Ref element_product(PyObject *self, PyObject *matrix, Side side) {
-    Ref elements = elements_of(self), numbers = is_sparse(matrix) ? to_dense(matrix) : plain_array(matrix);
+    Ref elements = elements_of(self), numbers = is_sparse(matrix) ? to_dense(matrix) : factor_matrix(matrix, true);
     Ref product = wrap_elements(check(side == Side::Right ? PyNumber_MatrixMultiply(elements.get(), numbers.get())
                                                           : PyNumber_MatrixMultiply(numbers.get(), elements.get())));
     check(PyObject_CallMethodNoArgs(product.get(), names._normalize));

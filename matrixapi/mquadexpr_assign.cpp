@@ -93,8 +93,10 @@ void set_quadratic(PyObject *expr, PyObject *key, PyObject *value) {
     exchange.run();
 }
 
-// What float64 makes of a list or the like.
+// What float64 makes of a list or the like, but for complex numbers, which it would cut.
 Ref converted_numbers(PyObject *value) {
+    if (PyArray_IsScalar(value, ComplexFloating))
+        fail(PyExc_ValueError, "Cannot assign %S to MQuadExpr", Py_TYPE(value));
     PyArray_Descr *descr = PyArray_DescrFromType(NPY_DOUBLE); // stolen by the call
     Ref array = Ref::steal(PyArray_FromAny(value, descr, 0, 0, NPY_ARRAY_DEFAULT | NPY_ARRAY_FORCECAST, nullptr));
     if (array)

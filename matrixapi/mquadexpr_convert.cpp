@@ -55,8 +55,9 @@ double *write_coefficients(const QuadPart &part, double *to) {
 }
 
 bool is_uniform(const std::vector<QuadPart> &parts) {
-    return std::all_of(parts.begin(), parts.end(),
-                       [&](const QuadPart &part) { return part.coef.empty() && part.scale == parts[0].scale; });
+    return std::all_of(parts.begin(), parts.end(), [&](const QuadPart &part) {
+        return part.coef.empty() && flat::same_bits(part.scale, parts[0].scale);
+    });
 }
 
 } // namespace

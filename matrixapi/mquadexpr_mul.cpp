@@ -162,7 +162,7 @@ flat::QuadForm normalized(flat::QuadForm form) {
 }
 
 Ref element_product(PyObject *self, PyObject *matrix, Side side, Ref ndle) {
-    Ref elements = quad_elements_of(self), numbers = is_sparse(matrix) ? to_dense(matrix) : plain_array(matrix);
+    Ref elements = quad_elements_of(self), numbers = is_sparse(matrix) ? to_dense(matrix) : factor_matrix(matrix, true);
     Ref product =
         wrap_quad_elements(check(side == Side::Right ? PyNumber_MatrixMultiply(elements.get(), numbers.get())
                                                      : PyNumber_MatrixMultiply(numbers.get(), elements.get())),

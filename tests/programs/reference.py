@@ -8,6 +8,7 @@ Reference().apply(step)    Refused, a Thing (new or changed), or None for a step
 Thing(kind, data)          kind: "MVar", "LinExpr", "Array", ...; data: cells, or the literal itself
 """
 
+import copy
 import operator
 from typing import NamedTuple
 
@@ -398,6 +399,8 @@ class Reference:
         thing = self.matrix(i)
         if thing.kind == "MVar":
             return self.new("MVar", thing.data.copy())
+        if how == "deepcopy":  # what stands in several places does so in the copy
+            return self.new(thing.kind, copy.deepcopy(thing.data))
         return self.made(thing.kind, thing.numbers)
 
     def view(self, i, method, arguments, keywords):
