@@ -129,8 +129,12 @@ def computed(function, *operands):
             return Refused(f"NumPy: {refusal}")
         except ArithmeticError as failure:  # of Python's numbers in an array of objects
             raise Meaningless from failure
-    # Expressions have real coefficients.
-    return Refused("complex numbers") if result.dtype.kind == "c" else result
+    if result.dtype.kind != "c":
+        return result
+    given = [np.asarray(one) for operand in operands for one in (operand if isinstance(operand, list) else [operand])]
+    if 0 in (one.size for one in given) or not any(one.dtype.kind == "c" for one in given):
+        raise Meaningless  # nothing shows what it is, or Python's numbers became complex in a broken power
+    return Refused("complex numbers: expressions have real coefficients")
 
 
 def is_complex(thing: Thing) -> bool:
