@@ -95,7 +95,7 @@ TARVOPY_METHOD(function_stacked_columns);
 TARVOPY_METHOD(function_genmatrix);
 TARVOPY_METHOD(function_problem);
 TARVOPY_METHOD(function_matrix);
-TARVOPY_METHOD(function_columns);
+TARVOPY_METHOD(function_cheapest_matrix);
 TARVOPY_METHOD(function_changes);
 TARVOPY_METHOD(function_clear_changes);
 TARVOPY_METHOD(function_open_solution);

@@ -34,9 +34,9 @@ PyMethodDef functions[] = {
     function("problem", function_problem,
              "problem($module, handle, /)\n--\n\nRead-only views and numbers of the store by the field names of "
              "problem.Problem."),
-    function("columns", function_columns,
-             "columns($module, handle, /)\n--\n\nThe matrix by columns for reading, not copied where it need not be: "
-             "(start, index, value)."),
+    function("cheapest_matrix", function_cheapest_matrix,
+             "cheapest_matrix($module, handle, /)\n--\n\nThe matrix for reading, not copied where it need not be: "
+             "(start, index, value, by columns or not)."),
     function("matrix", function_matrix,
              "matrix($module, handle, csc, /)\n--\n\nThe matrix by columns or by rows, freshly made: (start, index, "
              "value)."),

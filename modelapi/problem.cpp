@@ -98,8 +98,21 @@ Ref matrix_arrays(TRVmodel *store, bool csc) {
     return matrix_arrays(matrix);
 }
 
-TARVOPY_METHOD(function_columns) {
-    static const Signature signature{"columns", {"handle"}, 1};
+namespace {
+
+// (start, index, value, by columns or not)
+Ref for_reading(PyObject *owner, PyObject *value_owner, const TRVmatrix &matrix, const double *values,
+                bool by_columns) {
+    Ref start = view(owner, NPY_INT32, matrix.nmajor + 1, matrix.start);
+    Ref index = view(owner, NPY_INT32, matrix.nnz, matrix.index);
+    Ref value = doubles(value_owner, matrix.nnz, values);
+    return check(PyTuple_Pack(4, start.get(), index.get(), value.get(), truth(by_columns).get()));
+}
+
+} // namespace
+
+TARVOPY_METHOD(function_cheapest_matrix) {
+    static const Signature signature{"cheapest_matrix", {"handle"}, 1};
     (void)self;
     return border([&] {
         Arguments given(signature, 0, args, nargs, kwnames);
@@ -109,12 +122,14 @@ TARVOPY_METHOD(function_columns) {
         TRVmatrix columns;
         const double *values;
         succeed(store, TRVviewcolumns(store, &columns, &values));
-        const bool copied = values == columns.value;
+        if (!columns.start) {
+            TRVmatrix rows;
+            succeed(store, TRVviewrows(store, &rows));
+            return for_reading(pin.get(), pin.get(), rows, rows.value, false);
+        }
         Ref keeper = kept<TRVmatrix, TRVfreematrix>(columns, "tarvopy._modelapi.matrix");
-        Ref start = view(keeper.get(), NPY_INT32, columns.nmajor + 1, columns.start);
-        Ref index = view(keeper.get(), NPY_INT32, columns.nnz, columns.index);
-        Ref value = doubles(copied ? keeper.get() : pin.get(), columns.nnz, values);
-        return check(PyTuple_Pack(3, start.get(), index.get(), value.get()));
+        Ref value_owner = values == columns.value ? keeper : pin;
+        return for_reading(keeper.get(), value_owner.get(), columns, values, true);
     });
 }
 

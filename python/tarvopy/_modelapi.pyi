@@ -146,9 +146,9 @@ def problem(handle: Any) -> dict[str, Any]:
 def matrix(handle: Any, csc: bool) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
     """The matrix by columns or by rows, freshly made: (start, index, value)."""
 
-def columns(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
-    """The matrix by columns, read-only: (start, index, value). Values that stand in this order in the store are a view
-    of it."""
+def cheapest_matrix(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64], bool]:
+    """The matrix, read-only: (start, index, value, by columns or not). By rows where the store holds them in one piece
+    that an engine turns as fast; values that stand in the order of columns in the store are a view of it."""
 
 def hessian(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
     """The objective's Hessian H (obj x + x'Hx/2), its upper triangle by columns: (start, index, value)."""

@@ -110,9 +110,11 @@ class Problem:
         """A by rows: (start int32 of nrows + 1, column index int32, value float64), in stored order."""
         return _modelapi.matrix(self.handle, False)
 
-    def columns(self) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
-        """What csc() gives, for reading only: values that stand in this order in the store are not copied."""
-        return _modelapi.columns(self.handle)
+    def cheapest_matrix(self) -> tuple[np.ndarray, np.ndarray, np.ndarray, bool]:
+        """A in the form that costs least to hand over: (start, index, value, by columns or not), for reading only; not
+        copied where the store has it like that.
+        """
+        return _modelapi.cheapest_matrix(self.handle)
 
     def hessian(self) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
         """H of the objective, its upper triangle by columns: (start of nvars + 1, row index, value).

@@ -458,9 +458,10 @@ TRV_API int TRVgethessian(TRVmodel *model, TRVmatrix *upper);
 /* The matrix by rows where the store holds it in one piece, as one large block of rows does: all three point into the
  * store, valid until its next change. Elsewhere start is NULL. */
 TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
-/* The matrix by columns for reading: as TRVgetmatrix makes it, but its values are to be found at *value. Where they
- * stand in this order in the store already (each column at most once, ascending through all rows) they are not copied:
- * *value then points into the store, valid until its next change, and matrix->value is NULL. */
+/* The matrix by columns for an engine: as TRVgetmatrix makes it, but with its values at *value. Where they stand in
+ * this order in the store (each column at most once, ascending through all rows) *value points there, valid until the
+ * next change, and matrix->value is NULL. No start where what TRVviewrows shows costs an engine no more to turn itself.
+ */
 TRV_API int TRVviewcolumns(TRVmodel *model, TRVmatrix *matrix, const double **value);
 
 /* The activities of the nonlinear rows (by position) at x (by position of variables). What is not defined there is NaN

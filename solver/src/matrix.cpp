@@ -151,9 +151,13 @@ TRVmatrix rowsinplace(TRVmodel &model) {
 
 TRVmatrix columnsinplace(TRVmodel &model, const double *&value) {
     const Chunk *chunk = inonepiece(model);
-    const bool asitstands = chunk && ascendingthroughout(*chunk);
-    const TRVmatrix made = asitstands ? besidevalues(*chunk, model.columns.ids.committed()) : matrixbycolumns(model);
-    value = asitstands ? chunk->coef.data() : made.value;
+    if (chunk && ascendingthroughout(*chunk)) {
+        value = chunk->coef.data();
+        return besidevalues(*chunk, model.columns.ids.committed());
+    }
+    const bool rowsdo = chunk && (chunk->nnz < kManyEntries || !farapart(model.rows));
+    const TRVmatrix made = rowsdo ? TRVmatrix{} : matrixbycolumns(model);
+    value = made.value;
     return made;
 }
 

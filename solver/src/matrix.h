@@ -10,7 +10,7 @@ TRVmatrix matrixbyrows(TRVmodel &model);
 // The arrays are the store's own; without start where the rows do not lie in one piece.
 TRVmatrix rowsinplace(TRVmodel &model);
 // By columns, with `value` for the values: those of the matrix, or the store's own where they stand in this order; the
-// matrix has none then.
+// matrix has none then. Without start where rows in place do as well: an engine turns them in the time of our copy.
 TRVmatrix columnsinplace(TRVmodel &model, const double *&value);
 
 } // namespace store

@@ -20,13 +20,31 @@ def m():
     return model
 
 
+def handed(m):
+    return Problem.of(m._cmodel).cheapest_matrix()
+
+
 def columns(m):
-    return Problem.of(m._cmodel).columns()
+    *arrays, by_columns = handed(m)
+    assert by_columns
+    return arrays
 
 
 def dense(m):
-    start, index, value = columns(m)
-    return sp.csc_array((value, index, start), shape=(m.NumConstrs, m.NumVars)).toarray()
+    start, index, value, by_columns = handed(m)
+    form = sp.csc_array if by_columns else sp.csr_array
+    return form((value, index, start), shape=(m.NumConstrs, m.NumVars)).toarray()
+
+
+def test_one_block_of_rows_is_handed_over_without_a_copy(m):
+    first, second = handed(m), handed(m)
+    assert not first[3]
+    for array, again in zip(first[:3], second[:3], strict=True):
+        assert not array.flags.writeable
+        assert np.shares_memory(array, again)
+    expected = m.getA().toarray()
+    assert (dense(m) == expected).all()
+    assert (held(m) == expected).all()
 
 
 def held(m):
