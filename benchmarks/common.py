@@ -1,4 +1,4 @@
-"""The benchmark families: sizes, input data, expected counts.
+"""The benchmark families: sizes, input data, expected counts. At the end what the programs here share.
 
 Every measured package has a module of its own here with
 
@@ -12,7 +12,12 @@ Input arrays come from `data`, which is cached and called before the clock start
 nobody.
 """
 
+import ctypes
+import gc
+import re
+import time
 from functools import lru_cache
+from pathlib import Path
 
 import numpy as np
 import scipy.sparse as sp
@@ -145,6 +150,34 @@ def work(family, n):
     """Nonzeros, those of the Hessian included, that times and bytes are divided by."""
     more = {"lqcp": 2 * n + 1, "qp": n, "factors": n + FACTORS * (FACTORS + 1) // 2}
     return definition(family, n)[2] + more.get(family, 0)
+
+
+def best(work, repeats=7):
+    """Seconds of the fastest of several runs."""
+    seconds = []
+    for _ in range(repeats):
+        start = time.perf_counter()
+        kept = work()
+        seconds.append(time.perf_counter() - start)
+        del kept
+    return min(seconds)
+
+
+def resident():
+    """Bytes that the process holds in memory."""
+    gc.collect()
+    ctypes.CDLL(None).malloc_trim(0)
+    return 1024 * int(re.search(r"VmRSS:\s+(\d+)", Path("/proc/self/status").read_text()).group(1))
+
+
+def print_section(title, lines, path):
+    """Prints the lines as they come; puts them into a Markdown file if there is a path."""
+    made = []
+    for line in lines:
+        made.append(line)
+        print(line, flush=True)
+    if path:
+        put_section(path, title, made)
 
 
 def put_section(path, title, lines):

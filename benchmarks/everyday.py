@@ -10,8 +10,7 @@ import argparse
 from pathlib import Path
 
 import numpy as np
-from common import put_section
-from quadratic import best
+from common import best, print_section
 
 import tarvopy
 from tarvopy import genfunc, nlfunc
@@ -233,12 +232,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--table", type=Path, help="Markdown file to write into")
     chosen = parser.parse_args()
-    made = []
-    for line in lines():
-        made.append(line)
-        print(line, flush=True)
-    if chosen.table:
-        put_section(chosen.table, TITLE, made)
+    print_section(TITLE, lines(), chosen.table)
 
 
 if __name__ == "__main__":

@@ -7,9 +7,6 @@ of its own, packages in turn (see run.py). Needs the packages of the extra `benc
 """
 
 import argparse
-import ctypes
-import gc
-import re
 import statistics
 import time
 from importlib.metadata import version
@@ -18,6 +15,7 @@ from pathlib import Path
 import common
 import numpy as np
 import scipy.sparse as sp
+from common import resident
 from run import spawn
 
 import tarvopy
@@ -32,12 +30,6 @@ RUNS = {
     "casadi, graph alone": ("casadi_peer", "clnlbeam_graph"),
 }
 PEER = "casadi, solver object"
-
-
-def resident():
-    gc.collect()
-    ctypes.CDLL(None).malloc_trim(0)
-    return 1024 * int(re.search(r"VmRSS:\s+(\d+)", Path("/proc/self/status").read_text()).group(1))
 
 
 # ---- clnlbeam --------------------------------------------------------------------------------------------------------
@@ -158,12 +150,7 @@ def main():
     parser.add_argument("--reps", type=int, default=3)
     parser.add_argument("--table", type=Path, help="Markdown file to write into")
     chosen = parser.parse_args()
-    made = []
-    for line in lines(chosen.reps):
-        made.append(line)
-        print(line, flush=True)
-    if chosen.table:
-        common.put_section(chosen.table, TITLE, made)
+    common.print_section(TITLE, lines(chosen.reps), chosen.table)
 
 
 if __name__ == "__main__":

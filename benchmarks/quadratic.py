@@ -2,44 +2,23 @@
 
     python benchmarks/quadratic.py [--instances FOLDER] [--table docs/benchmarks.md]
 
-Prints Markdown; --table puts it at the end of that file, in place of what stood there. Folders of .mps, .SIF and .QPS
+Prints Markdown; --table puts it into that file, in place of what stood there. Folders of .mps, .SIF and .QPS
 files below --instances (or $TARVOPY_INSTANCES) are solved, and the check of the answer timed beside the solve.
 """
 
 import argparse
-import ctypes
-import gc
 import os
-import re
-import time
 from pathlib import Path
 
 import numpy as np
 import scipy.sparse as sp
-from common import put_section
+from common import best, print_section, resident
 
 import tarvopy
 from tarvopy import TRV, TarvoError, _modelapi
 
 TITLE = "## What quadratic expressions cost"
 ENDINGS = {".mps", ".qps", ".sif"}
-
-
-def best(work, repeats=7):
-    """Seconds of the fastest of several runs."""
-    seconds = []
-    for _ in range(repeats):
-        start = time.perf_counter()
-        kept = work()
-        seconds.append(time.perf_counter() - start)
-        del kept
-    return min(seconds)
-
-
-def resident():
-    gc.collect()
-    ctypes.CDLL(None).malloc_trim(0)
-    return 1024 * int(re.search(r"VmRSS:\s+(\d+)", Path("/proc/self/status").read_text()).group(1))
 
 
 # ---- full state: one QuadExpr an element -----------------------------------------------------------------------------
@@ -176,12 +155,7 @@ def main():
     parser.add_argument("--instances", type=Path, default=os.environ.get("TARVOPY_INSTANCES"))
     parser.add_argument("--table", type=Path, help="Markdown file to write into")
     chosen = parser.parse_args()
-    made = []
-    for line in lines(chosen.instances and Path(chosen.instances)):
-        made.append(line)
-        print(line, flush=True)
-    if chosen.table:
-        put_section(chosen.table, TITLE, made)
+    print_section(TITLE, lines(chosen.instances and Path(chosen.instances)), chosen.table)
 
 
 if __name__ == "__main__":
