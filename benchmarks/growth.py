@@ -79,10 +79,12 @@ def draw(measured, path):
     """One panel a family, seconds over nonzeros, both logarithmic; a dotted line grows in proportion."""
     import matplotlib.pyplot as plt
 
-    columns = 5
+    columns = min(5, len(measured))
     height = -(-len(measured) // columns)
     plt.rcParams.update({"svg.fonttype": "none", "font.size": 8})
-    figure, axes = plt.subplots(height, columns, figsize=(11, 2.2 * height), squeeze=False, layout="constrained")
+    figure, axes = plt.subplots(
+        height, columns, figsize=(2.2 * columns, 2.2 * height + 0.6), squeeze=False, layout="constrained"
+    )
     for axis in axes.flat[len(measured) :]:
         axis.axis("off")
     for axis, (family, curves) in zip(axes.flat, measured.items(), strict=False):
@@ -97,7 +99,7 @@ def draw(measured, path):
     named = {label: line for axis in axes.flat for line, label in zip(*axis.get_legend_handles_labels(), strict=True)}
     figure.legend(named.values(), named.keys(), loc="outside upper center", ncols=len(named))
     figure.supxlabel("nonzeros")
-    figure.supylabel("seconds from the first variable to the loaded engine")
+    figure.supylabel("seconds")
     figure.savefig(path, metadata={"Date": None} if path.suffix == ".svg" else None)
     plt.close(figure)
 
@@ -109,7 +111,7 @@ def heading(picture):
     yield "Below 1, what a model costs before its first nonzero still shows; wanted are at most 1.1."
     yield ""
     if picture:
-        yield f"![Seconds over nonzeros, a panel for each family]({picture.name})"
+        yield f"![Seconds to the loaded engine over nonzeros, a panel for each family]({picture.name})"
         yield ""
     yield "| family | nonzeros | " + " | ".join(COLOURS) + " |"
     yield "|---|---:" + "|---:" * len(COLOURS) + "|"
