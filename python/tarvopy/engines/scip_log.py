@@ -30,6 +30,10 @@ class ScipLog:
         self._rest = ""
         model.setLogfile(self._file.name)
 
+    def __del__(self) -> None:
+        if hasattr(self, "_file"):
+            self._file.close()
+
     def take(self) -> str:
         return self._file.read()
 
