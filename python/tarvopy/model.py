@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import copy
 import math
 import os
 from types import TracebackType
@@ -113,10 +114,10 @@ class Model(_modelapi.ModelBase):
         return self._copied(self._fix_into)
 
     def _copied(self, write_into: Callable[[Model], None]) -> Model:
-        copy = Model()
-        write_into(copy)
-        copy._params = self._params.replaced(EngineOptions=self._params.EngineOptions)
-        return copy
+        other = Model()
+        write_into(other)
+        other._params = copy.copy(self._params)
+        return other
 
     # ---- files
 

@@ -54,8 +54,11 @@ class _Real(_Parameter):
     def checked(self, value: Any) -> float:
         if isinstance(value, (str, bytes, bool)) or not (hasattr(value, "__float__") or hasattr(value, "__index__")):
             raise self.wrong_type("a number", value)
-        number = float(value)
-        if math.isnan(number) or not self.low <= number <= self.high:
+        try:
+            number = float(value)
+        except OverflowError:
+            number = math.inf if value > 0 else -math.inf
+        if not self.low <= number <= self.high:
             raise _invalid(f"parameter {self.name} is between {self.low:g} and {self.high:g}, not {number!r}")
         return number
 
@@ -68,13 +71,15 @@ class _Integer(_Parameter):
         self.low, self.high, self.unlimited = low, high, unlimited
 
     def checked(self, value: Any) -> float:
-        if self.unlimited and isinstance(value, float) and value == math.inf:
-            return value
         if isinstance(value, bool):
             raise self.wrong_type("an integer", value)
+        if hasattr(value, "is_integer"):  # a float, Python's or NumPy's
+            if self.unlimited and value == math.inf:
+                return math.inf
+            if value.is_integer():  # 1e6 nodes
+                value = int(value)
         try:
-            # A float that is whole is one too: 1e6 nodes.
-            whole = int(value) if isinstance(value, float) and value.is_integer() else operator.index(value)
+            whole = operator.index(value)
         except TypeError:
             raise self.wrong_type("an integer" + (" or inf" if self.unlimited else ""), value) from None
         if not self.low <= whole <= self.high:
@@ -147,8 +152,22 @@ class Parameters:
             raise self._unknown(name)
         object.__setattr__(self, name, value)
 
+    def __delattr__(self, name: str) -> None:
+        if name not in _NAMES:
+            raise self._unknown(name)
+        object.__delattr__(self, name)
+
     def __getattr__(self, name: str) -> Any:
         raise self._unknown(name)
+
+    def __copy__(self) -> Parameters:
+        return self.replaced(EngineOptions=self.EngineOptions)
+
+    def __deepcopy__(self, memo: object) -> Parameters:
+        return self.__copy__()
+
+    def __reduce__(self) -> Any:
+        return _restored, (self._values,)
 
     def _unknown(self, name: str) -> AttributeError:
         from difflib import get_close_matches
@@ -187,6 +206,10 @@ class Parameters:
             f"{name}={value!r}" for name, value in self._values.items() if value or name != "EngineOptions"
         )
         return f"<Parameters {changed or 'all at their defaults'}>"
+
+
+def _restored(values: dict[str, Any]) -> Parameters:
+    return Parameters().replaced(**values)
 
 
 _NAMES = tuple(name for name, entry in vars(Parameters).items() if isinstance(entry, _Parameter))

@@ -212,6 +212,17 @@ def test_refused_parameters_keep_their_values(m, name, value, error, message):
     assert repr(m.params) == "<Parameters all at their defaults>"
 
 
+def test_parameters_copy_and_pickle_with_options_of_their_own(m):
+    m.params.TimeLimit, m.params.EngineOptions = 10**400, {"presolve": "off"}
+    for make in (copy.copy, copy.deepcopy, lambda params: pickle.loads(pickle.dumps(params))):
+        made = make(m.params)
+        assert repr(made) == repr(m.params) == "<Parameters TimeLimit=inf, EngineOptions={'presolve': 'off'}>"
+        made.EngineOptions["presolve"] = "on"
+    for name in ("_values", "reset"):
+        with pytest.raises(AttributeError, match=f"there is no parameter '{name}'"):
+            delattr(m.params, name)
+
+
 def test_tracebacks_ask_whether_another_name_was_meant(m):
     x = m.addMVar(2)
     wrong = ((m, "modelsense", "ModelSense"), (m.params, "timelimit", "TimeLimit"), (x, "ub", "UB"))
