@@ -64,6 +64,11 @@ template <class T> class Buffer {
     const T &operator[](int64_t i) const { return data()[i]; }
     // Only for who has just made it.
     T *write() { return head_ ? reinterpret_cast<T *>(head_ + 1) : nullptr; }
+    // Fewer than there was room for: who takes the size for the number of terms must not meet what was never written.
+    void cut(int64_t size) {
+        if (head_)
+            head_->size = size;
+    }
     bool same(const Buffer &other) const { return head_ == other.head_; }
 
   private:

@@ -147,6 +147,8 @@ Csr summed(const Csr &matrix) {
         return matrix;
     result.index = Buffer<int32_t>::copy_of(index, end);
     result.value = Buffer<double>::copy_of(value, end);
+    result.index.cut(end);
+    result.value.cut(end);
     return result;
 }
 
@@ -304,6 +306,8 @@ Summand normalized(const Summand &summand, int32_t id_count) {
         end = kept;
     }
     ptr[summand.nrows] = end;
+    result.cols.cut(end);
+    result.coef.cut(end);
     return result;
 }
 

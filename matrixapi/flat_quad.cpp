@@ -325,6 +325,9 @@ QuadSummand normalized(const QuadSummand &summand) {
         end = kept;
     }
     ptr[summand.nrows] = end;
+    result.vars1.cut(end);
+    result.vars2.cut(end);
+    result.coef.cut(end);
     return result;
 }
 

@@ -194,6 +194,15 @@ def stored_in_every_way(dense, rng):
     return [doubled, backwards, columns, wide, coo.tocsc(), coo.tolil(), sp.csr_array(coo), dense]
 
 
+def test_terms_that_cancelled_leave_no_entries(model):
+    x, v = model.addMVar(3), model.addVar()
+    A = np.arange(9.0).reshape(3, 3)
+    inner = A @ (x + v)  # room for one term more than there are: A[0, 0] is 0
+    for product in (x @ inner, inner @ x, x @ (inner + 3)):
+        ((_, Q, _),) = product._quadparts
+        assert (Q.nnz, Q.sum(), Q.row.max(), sorted(Q.shape)) == (11, 2 * A.sum(), Q.shape[0] - 1, [3, 4])
+
+
 @pytest.mark.parametrize(
     "form",
     [
