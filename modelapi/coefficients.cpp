@@ -123,7 +123,7 @@ TARVOPY_METHOD(model_getA) {
         int nrows = 0, nvars = 0;
         succeed(store, TRVgetintattr(store, "NumConstrs", &nrows));
         succeed(store, TRVgetintattr(store, "NumVars", &nvars));
-        Ref arrays = matrix_arrays(store, false);
+        Ref arrays = row_arrays(store);
         PyObject *start = PyTuple_GET_ITEM(arrays.get(), 0), *index = PyTuple_GET_ITEM(arrays.get(), 1);
         PyObject *value = PyTuple_GET_ITEM(arrays.get(), 2);
         return check(PyObject_CallMethod(sparse.get(), "csr_matrix", "(OOO)(ii)", value, index, start, nrows, nvars));

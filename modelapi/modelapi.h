@@ -114,7 +114,7 @@ Ref make_model_base(PyObject *module);
 // The owner of views: it keeps the memory that the store's pointers lead to (problem.cpp).
 Ref pinned(TRVmodel *store);
 
-// The matrix by columns or rows as fresh arrays (start, index, value) that own the store's allocation (problem.cpp).
-Ref matrix_arrays(TRVmodel *store, bool csc);
+// The matrix by rows as fresh arrays (start, index, value) that own the store's allocation (problem.cpp).
+Ref row_arrays(TRVmodel *store);
 
 } // namespace tarvopy::modelapi

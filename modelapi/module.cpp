@@ -38,8 +38,7 @@ PyMethodDef functions[] = {
              "cheapest_matrix($module, handle, /)\n--\n\nThe matrix for reading, not copied where it need not be: "
              "(start, index, value, by columns or not)."),
     function("matrix", function_matrix,
-             "matrix($module, handle, csc, /)\n--\n\nThe matrix by columns or by rows, freshly made: (start, index, "
-             "value)."),
+             "matrix($module, handle, /)\n--\n\nThe matrix by rows, freshly made: (start, index, value)."),
     function("hessian", function_hessian,
              "hessian($module, handle, /)\n--\n\nThe objective's Hessian, freshly made: (start, index, value) of its "
              "upper triangle by columns."),

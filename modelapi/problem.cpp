@@ -92,9 +92,9 @@ TARVOPY_METHOD(function_problem) {
     });
 }
 
-Ref matrix_arrays(TRVmodel *store, bool csc) {
+Ref row_arrays(TRVmodel *store) {
     TRVmatrix matrix;
-    succeed(store, TRVgetmatrix(store, csc, &matrix));
+    succeed(store, TRVgetmatrix(store, 0, &matrix));
     return matrix_arrays(matrix);
 }
 
@@ -134,13 +134,12 @@ TARVOPY_METHOD(function_cheapest_matrix) {
 }
 
 TARVOPY_METHOD(function_matrix) {
-    static const Signature signature{"matrix", {"handle", "csc"}, 2};
+    static const Signature signature{"matrix", {"handle"}, 1};
     (void)self;
     return border([&] {
         Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
-        bool csc = check_status(PyObject_IsTrue(given[1]));
-        return matrix_arrays(engine_store(given[0]), csc);
+        return row_arrays(engine_store(given[0]));
     });
 }
 

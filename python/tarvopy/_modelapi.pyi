@@ -143,8 +143,8 @@ class ModelBase:
 def problem(handle: Any) -> dict[str, Any]:
     """Read-only views and numbers of the store by the field names of problem.Problem (without `handle`)."""
 
-def matrix(handle: Any, csc: bool) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
-    """The matrix by columns or by rows, freshly made: (start, index, value)."""
+def matrix(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64]]:
+    """The matrix by rows, freshly made: (start, index, value)."""
 
 def cheapest_matrix(handle: Any) -> tuple[NDArray[np.int32], NDArray[np.int32], NDArray[np.float64], bool]:
     """The matrix, read-only: (start, index, value, by columns or not). By rows where the store holds them in one piece
@@ -172,7 +172,7 @@ def qmatrix(
     """The quadratic rows, freshly made: (start, index, value, qstart, qvar1, qvar2, qvalue)."""
 
 def curvature(handle: Any) -> tuple[int, NDArray[np.int8]]:
-    """The curvature of the objective and of each quadratic row, by the numbers of problem.LINEAR to NONCONVEX."""
+    """The curvature of the objective and of each quadratic row, by the numbers of problem.LINEAR to ROUNDED."""
 
 def cones(handle: Any) -> dict[str, Any]:
     """The quadratic rows as second-order cones by the field names of problem.Cones (without `handle`)."""

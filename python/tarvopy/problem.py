@@ -1,7 +1,7 @@
 """What an engine gets to see of a model: one frozen Problem.
 
     problem = Problem.of(model._cmodel)        after update(); NumPy views of the store, nothing is copied
-    start, index, value = problem.csc()        the matrix by columns, made for the caller and freed with the arrays
+    start, index, value = problem.csr()        the matrix by rows, made for the caller and freed with the arrays
     problem.is_quadratic, problem.curvature()  whether quadratic terms are left, and how they are curved
     problem.is_nonlinear                       nonlinear rows or objective, or general constraints
 
@@ -89,10 +89,6 @@ class Problem:
         return self.nnz + quadratic + nonlinear + 100 * self.ngens
 
     @property
-    def is_mip(self) -> bool:
-        return self.nintegral > 0
-
-    @property
     def is_quadratic(self) -> bool:
         """A quadratic term is left somewhere; without any the quadratic rows are further linear ones."""
         return self.nqobj > 0 or self.nqrows > self.nqlinear
@@ -102,13 +98,9 @@ class Problem:
         """There are nonlinear rows, a nonlinear objective or general constraints: nothing is known of its curvature."""
         return self.nnlrows > 0 or self.nnlobj > 0 or self.ngens > 0
 
-    def csc(self) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
-        """A by columns: (start int32 of nvars + 1, row index int32, value float64), rows ascending in each column."""
-        return _modelapi.matrix(self.handle, True)
-
     def csr(self) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
         """A by rows: (start int32 of nrows + 1, column index int32, value float64), in stored order."""
-        return _modelapi.matrix(self.handle, False)
+        return _modelapi.matrix(self.handle)
 
     def cheapest_matrix(self) -> tuple[np.ndarray, np.ndarray, np.ndarray, bool]:
         """A in the form that costs least to hand over: (start, index, value, by columns or not), for reading only; not

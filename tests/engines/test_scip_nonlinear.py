@@ -275,7 +275,7 @@ def test_deep_expression_is_solved():
 
 
 def hard(**params):
-    """The seven-circle problem of maximin distances, which takes SCIP far longer than any test."""
+    """Nine points in a square as far apart as can be, which takes SCIP far longer than any test."""
     m = silent(**params)
     n = 9
     x, y, d = m.addMVar(n, ub=1).tolist(), m.addMVar(n, ub=1).tolist(), m.addVar(ub=2)

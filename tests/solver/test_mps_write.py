@@ -130,7 +130,6 @@ def test_nothing_at_all_survives(tmp_path):
 
 
 ONE = ("x", "C", 0.0, 1.0, 1.0)
-CONTROL = "has control characters"
 
 
 @pytest.mark.parametrize(
