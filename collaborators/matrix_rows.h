@@ -6,8 +6,9 @@
 //
 //   RowBlock block;
 //   api->rows_open(lhs, rhs, &block)          lhs - rhs, broadcast; rhs may be NULL; nothing is changed in either
-//   TRVopenrows(store, block.nrows, block.nnz, &rows);  api->rows_write(&block, rows.ptr, rows.var, rows.coef,
-//   constants); api->rows_close(&block);
+//   TRVopenrows(store, block.nrows, block.nnz, &rows);
+//   api->rows_write(&block, rows.ptr, rows.var, rows.coef, constants);
+//   api->rows_close(&block);
 #pragma once
 
 #include "collaborators/core.h"

@@ -51,4 +51,27 @@ flat::Shape kept_shape(const flat::Shape &shape, const std::vector<int> &axes) {
     return kept;
 }
 
+std::vector<int64_t> places_of_sums(const flat::Shape &shape, const std::vector<int> &axes) {
+    std::vector<int64_t> step(shape.size(), 0), index(shape.size(), 0);
+    int64_t stride = 1;
+    for (size_t d = shape.size(); d-- > 0;)
+        if (axes[d] >= 0) {
+            step[d] = stride;
+            stride *= shape[d];
+        }
+    std::vector<int64_t> places(static_cast<size_t>(flat::size_of(shape)));
+    int64_t target = 0;
+    for (int64_t &place : places) {
+        place = target;
+        for (size_t d = shape.size(); d-- > 0;) {
+            target += step[d];
+            if (++index[d] < shape[d])
+                break;
+            target -= step[d] * index[d];
+            index[d] = 0;
+        }
+    }
+    return places;
+}
+
 } // namespace tarvopy

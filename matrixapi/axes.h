@@ -13,5 +13,7 @@ namespace tarvopy {
 // what _util refuses.
 std::vector<int> result_axes(PyObject *axis, size_t ndim);
 flat::Shape kept_shape(const flat::Shape &shape, const std::vector<int> &axes);
+// For each element in C order, the place of its sum in the result.
+std::vector<int64_t> places_of_sums(const flat::Shape &shape, const std::vector<int> &axes);
 
 } // namespace tarvopy

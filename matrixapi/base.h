@@ -5,8 +5,7 @@
 // a native form, which costs what arrays cost:
 //
 //   x = model.addMVar((1000, 1000))      native: an int32 array of ids, no Var
-//   x._vararr                            makes the Var objects, stores the array in the dictionary, drops the native
-//   form
+//   x._vararr                            makes the Var objects, stores their array, drops the native form
 //
 // Where the dictionary has an object array, that array is the only truth.
 #pragma once

@@ -1,5 +1,5 @@
 // Kernels over single summands and over constants; flat_forms.cpp has those over whole forms.
-#include "flat.h"
+#include "flat_rows.h"
 
 #include <cstring>
 
@@ -108,8 +108,6 @@ Summand gathered(const Summand &summand, const int64_t *map, int64_t nrows) {
 
 namespace {
 
-constexpr int64_t block_rows = 1024;
-
 template <bool HasCols, bool HasVars> int32_t id_at(const Summand &summand, int64_t k) {
     int32_t column = HasCols ? summand.cols.data()[k] : static_cast<int32_t>(k);
     return HasVars ? summand.vars.data()[column] : column;
@@ -136,18 +134,6 @@ void write_block(const Summand &summand, int64_t first, int64_t last, int64_t *p
     write(summand, first, last, place, ids, coef);
 }
 
-void write_pointers(std::span<const Summand> summands, int64_t nrows, int64_t *ptr) {
-    int64_t width = 0;
-    for (const Summand &summand : summands)
-        width += summand.ptr.empty() ? summand.width : 0;
-    for (int64_t row = 0; row <= nrows; ++row)
-        ptr[row] = row * width;
-    for (const Summand &summand : summands)
-        if (!summand.ptr.empty())
-            for (int64_t row = 0; row <= nrows; ++row)
-                ptr[row] += summand.ptr[row];
-}
-
 // One summand's terms already stand in the order of the result.
 void write_single(const Summand &summand, int32_t *ids, double *coef) {
     int64_t n = summand.nnz();
@@ -167,10 +153,6 @@ void write_single(const Summand &summand, int32_t *ids, double *coef) {
         std::memcpy(coef, summand.coef.data(), sizeof(double) * n);
 }
 
-} // namespace
-
-namespace {
-
 // One term of this summand a row, at a fixed place within rows of `stride` terms.
 void write_column(const Summand &summand, int64_t first, int64_t last, int64_t stride, int32_t *ids, double *coef) {
     const int32_t *cols = summand.cols.data(), *vars = summand.vars.data();
@@ -183,11 +165,6 @@ void write_column(const Summand &summand, int64_t first, int64_t last, int64_t s
         *coef = from ? from[row] : summand.scale;
 }
 
-bool all_single(std::span<const Summand> summands) {
-    return std::all_of(summands.begin(), summands.end(),
-                       [](const Summand &s) { return s.ptr.empty() && s.width == 1; });
-}
-
 } // namespace
 
 void write_rows(std::span<const Summand> summands, int64_t nrows, int64_t *ptr, int32_t *ids, double *coef) {
@@ -196,7 +173,6 @@ void write_rows(std::span<const Summand> summands, int64_t nrows, int64_t *ptr, 
         return write_single(summands[0], ids, coef);
     const bool single = all_single(summands);
     const int64_t stride = static_cast<int64_t>(summands.size());
-    // Blocks of rows keep the places and the written lines in the cache while one summand after the other is read.
     int64_t place[block_rows];
     for (int64_t first = 0; first < nrows; first += block_rows) {
         int64_t last = std::min(first + block_rows, nrows);

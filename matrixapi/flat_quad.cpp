@@ -3,6 +3,7 @@
 #include "flat_quad.h"
 
 #include "flat_product.h"
+#include "flat_rows.h"
 
 namespace flat {
 
@@ -97,25 +98,6 @@ void add(QuadForm &form, const QuadForm &other, double factor) {
 
 namespace {
 
-constexpr int64_t block_rows = 1024;
-
-bool all_single(std::span<const QuadSummand> summands) {
-    return std::all_of(summands.begin(), summands.end(),
-                       [](const QuadSummand &s) { return s.ptr.empty() && s.width == 1; });
-}
-
-void write_pointers(std::span<const QuadSummand> summands, int64_t nrows, int64_t *ptr) {
-    int64_t width = 0;
-    for (const QuadSummand &summand : summands)
-        width += summand.ptr.empty() ? summand.width : 0;
-    for (int64_t row = 0; row <= nrows; ++row)
-        ptr[row] = row * width;
-    for (const QuadSummand &summand : summands)
-        if (!summand.ptr.empty())
-            for (int64_t row = 0; row <= nrows; ++row)
-                ptr[row] += summand.ptr[row];
-}
-
 void write_coefficients(const QuadSummand &summand, int64_t first, int64_t last, double *to) {
     if (summand.coef.empty())
         std::fill_n(to, last - first, summand.scale);
@@ -165,7 +147,6 @@ void write_rows(std::span<const QuadSummand> summands, int64_t nrows, int64_t *p
         return write_one(summands[0], ids1, ids2, coef);
     const bool single = all_single(summands);
     const int64_t stride = static_cast<int64_t>(summands.size());
-    // Blocks of rows keep the places and the written lines in the cache while one summand after the other is read.
     int64_t place[block_rows];
     for (int64_t first = 0; first < nrows; first += block_rows) {
         int64_t last = std::min(first + block_rows, nrows);

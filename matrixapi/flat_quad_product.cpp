@@ -1,5 +1,6 @@
 // Products of linear forms: their quadratic terms, and the linear terms and constants beside them.
 #include "flat_quad.h"
+#include "flat_rows.h"
 
 #include <functional>
 #include <stdexcept>
@@ -21,11 +22,6 @@ Buffer<int32_t> term_ids(const Summand &summand) {
     for (int64_t k = 0; k < n; ++k)
         to[k] = summand.id(k);
     return ids;
-}
-
-bool all_single(const Form &form) {
-    return std::all_of(form.summands.begin(), form.summands.end(),
-                       [](const Summand &s) { return s.ptr.empty() && s.width == 1; });
 }
 
 // ---- one term a row on both sides
@@ -114,7 +110,8 @@ constexpr size_t most_summands = 64;
 void multiply_terms(QuadForm &quad, const Form &a, const Form &b) {
     if (a.summands.empty() || b.summands.empty())
         return;
-    if (!all_single(a) || !all_single(b) || a.summands.size() * b.summands.size() > most_summands) {
+    if (!all_single(std::span(a.summands)) || !all_single(std::span(b.summands)) ||
+        a.summands.size() * b.summands.size() > most_summands) {
         quad.summands.push_back(rows_times_rows(one_summand(a), one_summand(b)));
         return;
     }

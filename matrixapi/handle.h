@@ -3,8 +3,8 @@
 // A handle made by the model, or cut out of such a one, is a layout (shape, strides, offset) over a block of ids:
 //
 //   x = m.addMVar((3, 4))     block: 12 ids, no Var               x[:, 1]    the same block, other strides
-//   x._vararr                 makes the block's 12 Var objects once, puts the array into the dictionary and drops the
-//   layout x[:, 1]._vararr           a view of the same object array
+//   x._vararr                 makes the block's 12 Var objects once, stores the array and drops the layout
+//   x[:, 1]._vararr           a view of the same object array
 //
 // Once the block has objects, nothing reads its ids any more: somebody may have written another variable into the
 // array.

@@ -4,6 +4,7 @@
 //   plain<"copy", copy_of>("copy($self)\n--\n\nAn independent ...")            Ref or void copy_of(PyObject *self)
 //   operator_of<"__mul__", multiply>("__mul__($self, other)\n--\n\n...")       Ref multiply(PyObject *self, *other)
 //   operator_of<"__le__", less_equal, "rhs">(...)                              the operand has another name
+//   taking<"__getitem__", select, "obj">(...)                                  an argument that is no operand
 //   assignment<"__setitem__", "key", "value", assign>(...)                     void assign(self, key, value)
 #pragma once
 
@@ -44,22 +45,27 @@ template <Text name, auto rule> pysupport::Member plain(const char *doc) {
 
 using Operator = Ref (*)(PyObject *self, PyObject *other);
 
-template <Text name, Text operand, Operator rule>
-PyObject *operator_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+template <Text name, Text argument, Operator rule>
+PyObject *one_argument_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return pysupport::border([&] {
-        constexpr bool product = std::string_view(name.chars).ends_with("matmul__");
-        if (nargs == 1 && !kwnames) {
-            need_bearable_operand(self, args[0], product);
+        if (nargs == 1 && !kwnames)
             return rule(self, args[0]);
-        }
-        static const pysupport::Signature signature(name.chars, {operand.chars}, 1);
+        static const pysupport::Signature signature(name.chars, {argument.chars}, 1);
         pysupport::Arguments given(signature, 1, args, nargs, kwnames);
-        need_bearable_operand(self, given[0], product);
         return rule(self, given[0]);
     });
 }
+template <Text name, Operator rule, Text argument> pysupport::Member taking(const char *doc) {
+    return pysupport::method(name.chars, one_argument_method<name, argument, rule>, doc);
+}
+
+// The rule of an operator, for operands of bearable size.
+template <Text name, Operator rule> Ref checked_operator(PyObject *self, PyObject *operand) {
+    need_bearable_operand(self, operand, !std::string_view(name.chars).ends_with("matmul__"));
+    return rule(self, operand);
+}
 template <Text name, Operator rule, Text operand = "other"> pysupport::Member operator_of(const char *doc) {
-    return pysupport::method(name.chars, operator_method<name, operand, rule>, doc);
+    return taking<name, checked_operator<name, rule>, operand>(doc);
 }
 
 using Assignment = void (*)(PyObject *self, PyObject *key, PyObject *value);
@@ -70,6 +76,7 @@ PyObject *assignment_method(PyObject *self, PyObject *const *args, Py_ssize_t na
         static const pysupport::Signature signature(name.chars, {key.chars, value.chars}, 2);
         pysupport::Arguments given(signature, 1, args, nargs, kwnames);
         pysupport::need_numpy();
+        need_bearable_operand(self, given[1], false);
         rule(self, given[0], given[1]);
         return Ref::none();
     });

@@ -2,13 +2,14 @@
 //
 //   MLinExpr.zeros((1, 4))        compact, no parts              MLinExpr.zeros((2, 3))     full
 //   x + 0                         compact for a vector x         _from_mvar(x, force_full=True)
-//   e[1:3]                        full, shares its LinExpr with e, which is full from then on
+//   e[1:3]                        full, shares its elements with e, which is full from then on
 //
 // The states stand in mlinexpr_state.cpp, sums and values in mlinexpr_values.cpp, assignment in mlinexpr_assign.cpp,
 // the operators in the mlinexpr_ files named after them.
 #include "matrixapi/mlinexpr.h"
 
 #include "matrixapi/mlinexpr_dict.h"
+#include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
 #include "matrixapi/printing.h"
@@ -99,14 +100,6 @@ Ref full_from_mvar(PyObject *cls, PyObject *mvar) {
     return make_flat(cls, std::move(form), std::move(given.model));
 }
 
-// 0-dimensional object array.
-Ref object_scalar(Ref object) {
-    need_numpy();
-    Ref array = check(PyArray_SimpleNew(0, nullptr, NPY_OBJECT));
-    *static_cast<PyObject **>(PyArray_DATA(as_array(array))) = object.release();
-    return array;
-}
-
 Ref item_of(PyObject *expr);
 
 // LinExpr objects as they are; anything else through LinExpr's own constructor.
@@ -158,20 +151,10 @@ Ref from_linexpr(PyObject *cls, PyObject *linexpr) {
     Ref model;
     if (flat_linexpr(linexpr, form, model))
         return make_flat(cls, std::move(form), std::move(model));
-    return make_objects(cls, object_scalar(check(mod.core->linexpr_copy(linexpr))));
+    return make_objects(cls, object_scalar(check(mod.core->linexpr_copy(linexpr)).get()));
 }
 
 namespace {
-
-[[noreturn]] void fail_assertion() {
-    PyErr_SetNone(PyExc_AssertionError);
-    throw PythonError{};
-}
-
-void expect(bool holds) {
-    if (!holds && assertions_on())
-        fail_assertion();
-}
 
 bool is_instance(PyObject *object, PyObject *cls) {
     return check_status(PyObject_IsInstance(object, cls)) != 0;
@@ -200,31 +183,31 @@ void expect_integral(const Ref &matrix) {
     Ref dtype = attribute(attribute(matrix, "indptr"), "dtype");
     Ref integer = check(PyObject_GetAttrString(numpy_module(), "integer"));
     Ref answer = check(PyObject_CallMethod(numpy_module(), "issubdtype", "OO", dtype.get(), integer.get()));
-    expect(check_status(PyObject_IsTrue(answer.get())) != 0);
+    assert_that(check_status(PyObject_IsTrue(answer.get())) != 0);
 }
 
 void expect_part(PyObject *pair) {
     auto [matrix, vector] = unpacked(pair);
     if (!assertions_on())
         return;
-    expect(is_instance(matrix.get(), check(PyObject_GetAttr(scipy_sparse(), names.csr_matrix)).get()));
+    assert_that(is_instance(matrix.get(), check(PyObject_GetAttr(scipy_sparse(), names.csr_matrix)).get()));
     Ref dtype = attribute(attribute(matrix, "data"), "dtype");
     Ref float64 = check(PyObject_GetAttrString(numpy_module(), "float64"));
-    expect(check_status(PyObject_RichCompareBool(dtype.get(), float64.get(), Py_EQ)) != 0);
+    assert_that(check_status(PyObject_RichCompareBool(dtype.get(), float64.get(), Py_EQ)) != 0);
     expect_integral(matrix); // the row pointers alone: columns of any dtype are converted when they are read
     auto [rows, columns] = unpacked(attribute(matrix, "shape").get());
-    expect(is_mvar(vector.get()));
+    assert_that(is_mvar(vector.get()));
     Ref wanted = check(PyTuple_Pack(1, columns.get()));
     Ref shape = check(PyObject_GetAttr(vector.get(), names.shape));
-    expect(check_status(PyObject_RichCompareBool(shape.get(), wanted.get(), Py_EQ)) != 0);
+    assert_that(check_status(PyObject_RichCompareBool(shape.get(), wanted.get(), Py_EQ)) != 0);
 }
 
 void expect_compact(PyObject *parts, PyObject *constant) {
-    expect(parts != Py_None);
-    expect(constant != Py_None);
-    expect(is_array(constant));
+    assert_that(parts != Py_None);
+    assert_that(constant != Py_None);
+    assert_that(is_array(constant));
     if (assertions_on() && PyArray_SIZE(as_array(constant)) == 0)
-        expect(check_status(static_cast<int>(std::min<Py_ssize_t>(PyObject_Size(parts), 1))) == 0);
+        assert_that(check_status(static_cast<int>(std::min<Py_ssize_t>(PyObject_Size(parts), 1))) == 0);
     Ref iterator = check(PyObject_GetIter(parts));
     while (Ref pair = Ref::steal(PyIter_Next(iterator.get())))
         expect_part(pair.get());
@@ -238,7 +221,7 @@ PyObject *init(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject
         Arguments given(signature, 1, args, nargs, kwnames);
         PyObject *wraponly = given.get(0, Py_None), *parts = given.get(1, Py_None), *constant = given.get(2, Py_None);
         if (wraponly != Py_None) {
-            expect(parts == Py_None && constant == Py_None && is_array(wraponly));
+            assert_that(parts == Py_None && constant == Py_None && is_array(wraponly));
             parts = constant = Py_None;
         } else {
             expect_compact(parts, constant);
@@ -350,7 +333,7 @@ PyObject *allows_compact_method(PyObject *, PyObject *const *args, Py_ssize_t na
 void expect_no_matrix(PyObject *constant) {
     if (!PyArray_CheckExact(constant)) {
         Ref matrix = check(PyObject_GetAttrString(numpy_module(), "matrix"));
-        expect(!is_instance(constant, matrix.get()));
+        assert_that(!is_instance(constant, matrix.get()));
     }
 }
 
@@ -416,7 +399,7 @@ PyObject *getitem(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObj
             return shared;
         Ref selected = check(PyObject_GetItem(learr(self).get(), given[0]));
         if (!PyArray_Check(selected.get()))
-            selected = object_scalar(std::move(selected));
+            selected = object_scalar(selected.get());
         else if (PyArray_BASE(as_array(selected)))
             selected = check(PyArray_NewCopy(as_array(selected), NPY_CORDER));
         return make_objects(mod.MLinExpr, std::move(selected));

@@ -153,8 +153,7 @@ bool native_parts(PyObject *expr, std::vector<Part> &parts, Ref &model);
 // Of a compact expression: `_const` (borrowed), checked to be an ndarray.
 PyObject *const_array(PyObject *expr);
 // The same as float64 numbers in C order, whatever array the user put there: a safe cast, as the element-wise addition
-// of
-// `_const` would make it, and its TypeError otherwise.
+// of `_const` would make it, and its TypeError otherwise.
 Ref constant_doubles(PyObject *expr);
 // LinExpr objects one after the other, as a form of the given shape; false where one is no LinExpr or two models meet.
 bool read_linexprs(PyObject *const *elements, const flat::Shape &shape, flat::Form &form, Ref &model);
@@ -206,8 +205,7 @@ void make_shared_elements(PyObject *expr);
 void prepare_change(PyObject *expr);
 // Makes: a new object array of LinExpr of the form's shape.
 Ref linexpr_array(const flat::Form &form, const Ref &model);
-// Writes `contents` (an array as linexpr_array gives it, private to the caller) into the LinExpr of `region` one by
-// one.
+// Writes `contents` (private to the caller, as linexpr_array gives it) into the LinExpr of `region` one by one.
 void exchange_contents(PyObject *region, PyObject *contents);
 
 // ---- members ------------------------------------------------------------------------------------------------------

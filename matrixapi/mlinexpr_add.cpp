@@ -89,9 +89,15 @@ void append_part(PyObject *self, Part part, const Ref &model) {
     append_pair(self, part_pair(part, model));
 }
 
+// Takes back what append_part did; needs no memory.
 void drop_last_part(PyObject *self) {
-    if (LinearNative *native = linear_of(self))
-        return native->parts.pop_back();
+    if (LinearNative *native = linear_of(self)) {
+        native->parts.pop_back();
+        if (native->parts.empty())
+            native->model = {};
+        native->stamp = LinearNative::next_stamp();
+        return;
+    }
     Ref list = matmulparts(self);
     truncate(list.get(), PyList_GET_SIZE(list.get()) - 1);
 }

@@ -8,6 +8,7 @@
 #include "matrixapi/mlinexpr.h"
 
 #include "matrixapi/methods.h"
+#include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
 #include "matrixapi/printing.h"
@@ -20,6 +21,19 @@
 namespace tarvopy {
 
 using namespace pysupport;
+
+flat::Shape fitting_shape(const flat::Shape &from, const flat::Shape &to) {
+    flat::Shape fitted = from;
+    while (fitted.size() > to.size() && fitted[0] == 1)
+        fitted.erase(fitted.begin());
+    bool fits = fitted.size() <= to.size();
+    for (size_t d = 0; fits && d < fitted.size(); ++d)
+        fits = fitted[d] == 1 || fitted[d] == to[to.size() - fitted.size() + d];
+    if (!fits)
+        fail(PyExc_ValueError, "could not broadcast input array from shape %S into shape %S", shape_tuple(from).get(),
+             shape_tuple(to).get());
+    return fitted;
+}
 
 namespace {
 
@@ -44,25 +58,6 @@ Region region_of(PyObject *expr, PyObject *key) {
     Ref array = check(PyArray_SimpleNew(0, nullptr, NPY_OBJECT));
     *static_cast<PyObject **>(PyArray_DATA(as_array(array))) = selected.release();
     return {std::move(array), true};
-}
-
-[[noreturn]] void no_fit(const flat::Shape &from, const flat::Shape &to) {
-    fail(PyExc_ValueError, "could not broadcast input array from shape %S into shape %S", shape_tuple(from).get(),
-         shape_tuple(to).get());
-}
-
-// NumPy's rule for assignment: leading extents of 1 do not count, the others are equal or spread.
-flat::Shape fitting_shape(const flat::Shape &from, const flat::Shape &to) {
-    flat::Shape fitted = from;
-    while (fitted.size() > to.size() && fitted[0] == 1)
-        fitted.erase(fitted.begin());
-    if (fitted.size() > to.size())
-        no_fit(from, to);
-    size_t skipped = to.size() - fitted.size();
-    for (size_t d = 0; d < fitted.size(); ++d)
-        if (fitted[d] != 1 && fitted[d] != to[skipped + d])
-            no_fit(from, to);
-    return fitted;
 }
 
 Ref spread_objects(const Contents &contents, const flat::Shape &from, const flat::Shape &to) {

@@ -183,6 +183,7 @@ void imul_full(PyObject *self, const Ref &numbers) {
         native->form = PyArray_SIZE(as_array(numbers)) == 1
                            ? flat::scaled(native->form, *doubles(numbers))
                            : flat::scaled_rows(native->form, Factors(numbers, shape).data());
+        native->stamp = LinearNative::next_stamp();
         return;
     }
     elements_in_place(learr(self).get(), numbers.get(), PyNumber_InPlaceMultiply);

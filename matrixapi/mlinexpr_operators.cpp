@@ -325,11 +325,7 @@ void need_fit(const flat::Shape &receiver, const flat::Shape &operand) {
 }
 
 void assert_that(bool holds) {
-    if (holds)
-        return;
-    PyObject *flags = PySys_GetObject("flags"); // borrowed
-    Ref optimize = flags ? check(PyObject_GetAttrString(flags, "optimize")) : Ref();
-    if (optimize && check_status(PyObject_IsTrue(optimize.get())))
+    if (holds || !assertions_on())
         return;
     PyErr_SetNone(PyExc_AssertionError);
     throw PythonError{};

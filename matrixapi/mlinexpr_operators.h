@@ -77,6 +77,9 @@ void need_finite(const double *values, int64_t n, const char *what);
 void need_finite(const flat::Form &form);
 // In-place operators: the operand may not enlarge the receiver.
 void need_fit(const flat::Shape &receiver, const flat::Shape &operand);
+// The shape in which a value is spread over the elements that an assignment selects, by NumPy's rule: leading extents
+// of 1 do not count, the others are equal or 1. ValueError naming both shapes.
+flat::Shape fitting_shape(const flat::Shape &from, const flat::Shape &to);
 
 // A plain assertion, as a Python function would make it: AssertionError without a text, unless Python runs with -O.
 void assert_that(bool holds);

@@ -6,10 +6,10 @@
 #include "product_plan.h"
 
 #include "flat_product.h"
+#include "matrixapi/methods.h"
 #include "matrixapi/mnlexpr.h"
 #include "matrixapi/mquadexpr.h"
 #include "names.h"
-#include "pysupport/args.h"
 
 namespace tarvopy {
 
@@ -115,15 +115,6 @@ Ref product(PyObject *self, PyObject *other, Side side) {
     }
 }
 
-template <Side side>
-PyObject *mlinexpr_product(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
-    return border([&] {
-        static const Signature signature(side == Side::Right ? "__matmul__" : "__rmatmul__", {"other"}, 1);
-        Arguments given(signature, 1, args, nargs, kwnames);
-        return product(self, given[0], side);
-    });
-}
-
 } // namespace
 
 Ref matrix_product(PyObject *self, PyObject *matrix) {
@@ -135,12 +126,11 @@ Ref reflected_matrix_product(PyObject *self, PyObject *matrix) {
 
 std::span<Member> product_members() {
     static Member members[] = {
-        method(
-            "__matmul__", mlinexpr_product<Side::Right>,
+        operator_of<"__matmul__", matrix_product>(
             "__matmul__($self, other)\n--\n\nMatrix product by NumPy's rules: with numbers linear, with variables and "
             "linear expressions quadratic, with others nonlinear."),
-        method("__rmatmul__", mlinexpr_product<Side::Left>,
-               "__rmatmul__($self, other)\n--\n\nother @ self, as __matmul__."),
+        operator_of<"__rmatmul__", reflected_matrix_product>(
+            "__rmatmul__($self, other)\n--\n\nother @ self, as __matmul__."),
     };
     return members;
 }

@@ -8,6 +8,7 @@
 #include "matrixapi/dict_members.h"
 #include "matrixapi/methods.h"
 #include "matrixapi/mlinexpr_dict.h"
+#include "matrixapi/mlinexpr_operators.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
 
@@ -423,10 +424,8 @@ int set_const(PyObject *self, PyObject *value, void *) {
 }
 
 void expect_attribute(PyObject *self, PyObject *name, bool wanted) {
-    if (assertions_on() && (documented(self, name) != Py_None) != wanted) {
-        PyErr_SetNone(PyExc_AssertionError);
-        throw PythonError{};
-    }
+    if (assertions_on())
+        assert_that((documented(self, name) != Py_None) == wanted);
 }
 
 PyObject *is_compact_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {

@@ -41,26 +41,12 @@ PyObject *element_or_none(PyObject *element) {
 // Elements of several models, or foreign ones: LinExpr decides what it takes.
 Ref elementwise_sum(PyObject *expr, const std::vector<int> &axes) {
     Ref given = contiguous_objects(learr(expr).get());
-    flat::Shape shape = shape_of_array(given.get()), kept = kept_shape(shape, axes);
-    Ref result = linexpr_array(zeros_like(kept), {});
-    std::vector<int64_t> step(shape.size(), 0), place(shape.size(), 0);
-    int64_t stride = 1;
-    for (size_t d = shape.size(); d-- > 0;)
-        if (axes[d] >= 0) {
-            step[d] = stride;
-            stride *= shape[d];
-        }
-    int64_t target = 0;
-    for (int64_t i = 0; i < PyArray_SIZE(as_array(given)); ++i) {
-        check_status(mod.core->linexpr_add(elements_in(result)[target], element_or_none(elements_in(given)[i]), 1.0));
-        for (size_t d = shape.size(); d-- > 0;) {
-            target += step[d];
-            if (++place[d] < shape[d])
-                break;
-            target -= step[d] * place[d];
-            place[d] = 0;
-        }
-    }
+    flat::Shape shape = shape_of_array(given.get());
+    Ref result = linexpr_array(zeros_like(kept_shape(shape, axes)), {});
+    std::vector<int64_t> places = places_of_sums(shape, axes);
+    for (size_t i = 0; i < places.size(); ++i)
+        check_status(
+            mod.core->linexpr_add(elements_in(result)[places[i]], element_or_none(elements_in(given)[i]), 1.0));
     return make_objects(mod.MLinExpr, std::move(result));
 }
 

@@ -292,7 +292,7 @@ Member own_members[] = {
     property("ndim", get_ndim, "Number of axes."),
     property("size", get_size, "Number of elements."),
     plain<"__repr__", repr_of>("__repr__($self)\n--\n\nShape, and every element as text."),
-    operator_of<"__getitem__", select, "obj">(
+    taking<"__getitem__", select, "obj">(
         "__getitem__($self, obj)\n--\n\nNumPy's indexing; single elements and slices share their elements, index "
         "arrays give copies."),
     plain<"__iter__", iterate>("__iter__($self)\n--\n\nOver the first axis."),

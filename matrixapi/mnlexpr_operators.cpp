@@ -225,7 +225,7 @@ PyObject *binary_dispatch(PyObject *self, PyObject *const *args, Py_ssize_t narg
 
 std::span<Member> dispatch_members() {
     static Member members[] = {
-        operator_of<"_dispatch_unary_op", dispatch_unary, "func">(
+        taking<"_dispatch_unary_op", dispatch_unary, "func">(
             "_dispatch_unary_op($self, func)\n--\n\nA new array: func of each element's tree."),
         method("_dispatch_binary_op", binary_dispatch<"_dispatch_binary_op", dispatch>,
                "_dispatch_binary_op($self, other, func)\n--\n\nA new array: func of each element's tree and the "
@@ -233,7 +233,7 @@ std::span<Member> dispatch_members() {
         method("_rdispatch_binary_op", binary_dispatch<"_rdispatch_binary_op", reflected_dispatch>,
                "_rdispatch_binary_op($self, other, func)\n--\n\nA new array: func of the operand's tree and each "
                "element's."),
-        operator_of<"_idispatch_unary_op", dispatch_unary_in_place, "func">(
+        taking<"_idispatch_unary_op", dispatch_unary_in_place, "func">(
             "_idispatch_unary_op($self, func)\n--\n\nEach element's tree becomes func of it."),
         method("_idispatch_binary_op", binary_dispatch<"_idispatch_binary_op", dispatch_in_place>,
                "_idispatch_binary_op($self, other, func)\n--\n\nEach element's tree becomes func of it and the "

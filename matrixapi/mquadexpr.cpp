@@ -2,7 +2,7 @@
 //
 //   MQuadExpr.zeros((1, 1))       compact, no parts              MQuadExpr.zeros((2, 3))     full
 //   x * y                         compact for one element, with a 1 x 1 matrix; full otherwise
-//   q[1:3]                        full, shares its QuadExpr with q, which is full from then on; q[[1, 2]] is a copy
+//   q[1:3]                        full, shares its elements with q, which is full from then on; q[[1, 2]] is a copy
 //
 // The states stand in mquadexpr_state.cpp, sums and values in mquadexpr_values.cpp, assignment in
 // mquadexpr_assign.cpp, x'Qy + c'z + d from arrays in mquadexpr_quadfun.cpp.

@@ -6,7 +6,7 @@
 //
 //   CompactNative   parts x'Qy in QuadNative::parts               one element at most (allows_compact_quad)
 //   CompactMade     the list `_quadparts` of (MVar, coo_matrix, MVar) in the dictionary; the list rules
-//   Flat            full, QuadNative::form, no QuadExpr exists
+//   Flat            full, QuadNative::form, no QuadExpr exists; with its slices' forms as members of SharedElements
 //   Objects         full, `_qearr` in the dictionary; the array rules
 //
 // State only moves towards Objects. What is said in mlinexpr.h of functions that "make" holds here too. All of them

@@ -132,8 +132,13 @@ void append_part(PyObject *self, QuadPart part, Ref model) {
 
 // Takes back what append_part did; needs no memory.
 void drop_last_part(PyObject *self) {
-    if (QuadNative *native = quadratic_of(self); native && native->compact)
-        return native->parts.pop_back();
+    if (QuadNative *native = quadratic_of(self); native && native->compact) {
+        native->parts.pop_back();
+        if (native->parts.empty())
+            native->model = {};
+        native->stamp = LinearNative::next_stamp();
+        return;
+    }
     Ref list = part_list(self);
     truncate(list.get(), PyList_GET_SIZE(list.get()) - 1);
 }
@@ -214,9 +219,8 @@ void iadd_full_quadratics(PyObject *self, PyObject *other, double factor) {
     }
     prepare_growth(*quadratic_of(self), spread);
     iadd(linear.get(), more.get(), factor);
-    if (QuadNative *native = quadratic_of(self))
+    if (QuadNative *native = own_form_of(self))
         return grow(*native, std::move(spread), operand.model);
-    // Making objects of the linear half ran Python code that made these, too.
     elements_in_place(qearr(self).get(), quadexpr_array(spread, operand.model).get(), PyNumber_InPlaceAdd);
 }
 
@@ -236,6 +240,11 @@ bool quad_numbers(PyObject *expr, QuadValue &value) {
     flat::Form inner;
     return quad_value(expr, value.form, value.model, inner) && inner.summands.empty() &&
            inner.constant.values.empty() && inner.constant.uniform == 0.0;
+}
+
+QuadNative *own_form_of(PyObject *expr) {
+    QuadNative *native = quadratic_of(expr);
+    return native && !native->compact && !native->membership.shared ? native : nullptr;
 }
 
 Ref quad_elements_of(PyObject *expr) {

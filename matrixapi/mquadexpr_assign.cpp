@@ -47,20 +47,6 @@ void set_linear(PyObject *expr, PyObject *key, PyObject *value) {
     exchange.run();
 }
 
-// NumPy's rule for assignment: leading extents of 1 do not count, the others are equal or spread.
-flat::Shape fitting_shape(const flat::Shape &from, const flat::Shape &to) {
-    flat::Shape fitted = from;
-    while (fitted.size() > to.size() && fitted[0] == 1)
-        fitted.erase(fitted.begin());
-    bool fits = fitted.size() <= to.size();
-    for (size_t d = 0; fits && d < fitted.size(); ++d)
-        fits = fitted[d] == 1 || fitted[d] == to[to.size() - fitted.size() + d];
-    if (!fits)
-        fail(PyExc_ValueError, "could not broadcast input array from shape %S into shape %S", shape_tuple(from).get(),
-             shape_tuple(to).get());
-    return fitted;
-}
-
 // New QuadExpr of the shape: copies of the value's elements, spread.
 Ref spread_elements(PyObject *value, const flat::Shape &from, const flat::Shape &to) {
     flat::QuadForm form;
@@ -93,15 +79,16 @@ void set_quadratic(PyObject *expr, PyObject *key, PyObject *value) {
     exchange.run();
 }
 
-// What float64 makes of a list or the like, but for complex numbers, which it would cut.
+// What float64 makes of a list or the like; not of complex numbers, of which it would drop half.
 Ref converted_numbers(PyObject *value) {
-    if (PyArray_IsScalar(value, ComplexFloating))
-        fail(PyExc_ValueError, "Cannot assign %S to MQuadExpr", Py_TYPE(value));
-    PyArray_Descr *descr = PyArray_DescrFromType(NPY_DOUBLE); // stolen by the call
-    Ref array = Ref::steal(PyArray_FromAny(value, descr, 0, 0, NPY_ARRAY_DEFAULT | NPY_ARRAY_FORCECAST, nullptr));
+    Ref given = Ref::steal(PyArray_FromAny(value, nullptr, 0, 0, NPY_ARRAY_DEFAULT, nullptr)), array;
+    if (given && !PyTypeNum_ISCOMPLEX(PyArray_TYPE(as_array(given)))) {
+        PyArray_Descr *descr = PyArray_DescrFromType(NPY_DOUBLE); // stolen by the call
+        array = Ref::steal(PyArray_FromAny(value, descr, 0, 0, NPY_ARRAY_DEFAULT | NPY_ARRAY_FORCECAST, nullptr));
+    }
     if (array)
         return array;
-    if (!PyErr_ExceptionMatches(PyExc_Exception))
+    if (PyErr_Occurred() && !PyErr_ExceptionMatches(PyExc_Exception))
         throw PythonError{};
     PyErr_Clear();
     fail(PyExc_ValueError, "Cannot assign %S to MQuadExpr", Py_TYPE(value));

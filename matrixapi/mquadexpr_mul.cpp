@@ -108,9 +108,8 @@ void imul_full(PyObject *self, const Ref &numbers) {
     if (quadratic_of(self) && quad_numbers(self, value)) {
         flat::QuadForm product = times_rows(value.form, numbers, quad_shape_of(self));
         imul(own_ndle(self).get(), numbers.get());
-        QuadNative *native = quadratic_of(self);
-        if (!native || native->compact ||
-            native->membership.shared) // Python code that ran meanwhile looked at the objects
+        QuadNative *native = own_form_of(self);
+        if (!native)
             return quad_take_over(self, std::move(product), std::move(value.model));
         native->form = std::move(product);
         native->model = std::move(value.model);

@@ -20,6 +20,10 @@ Ref quad_elements_of(PyObject *expr);
 // A full expression over what NumPy's operator gave for both halves.
 Ref wrap_quad_elements(Ref result, Ref ndle);
 
+// The native form of a full expression that may be changed where it stands. NULL where Python code that ran meanwhile
+// looked at the objects or took a slice, whose elements have to change too.
+QuadNative *own_form_of(PyObject *expr);
+
 // The dispatch's first step: true where the compact rules hold; else the receiver becomes full, for good.
 bool takes_compact_quad_path(PyObject *expr);
 // At most one part, which the expression keeps. False as quad_parts.

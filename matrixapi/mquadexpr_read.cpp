@@ -31,6 +31,11 @@ Ref object_array(const flat::Shape &shape) {
     return check(PyArray_SimpleNew(static_cast<int>(dims.size()), dims.data(), NPY_OBJECT));
 }
 
+[[noreturn]] void fail_shapes(const flat::Shape &qearr, const flat::Shape &ndle) {
+    fail(PyExc_ValueError, "_qearr and _ndle of an MQuadExpr have different shapes: %S and %S",
+         shape_tuple(qearr).get(), shape_tuple(ndle).get());
+}
+
 // ---- QuadExpr objects ---------------------------------------------------------------------------------------------
 
 bool has_linear(PyObject *element) {
@@ -229,8 +234,7 @@ Ref whole_elements(PyObject *expr) {
     Ref quad = quadratic_elements(expr), linear = linear_elements(ndle_of(expr));
     Ref sums = object_array(shape_of_array(quad.get()));
     if (PyArray_SIZE(as_array(quad)) != PyArray_SIZE(as_array(linear)))
-        fail(PyExc_ValueError, "_qearr and _ndle of an MQuadExpr have different shapes: %S and %S",
-             shape_tuple(shape_of_array(quad.get())).get(), shape_tuple(shape_of_array(linear.get())).get());
+        fail_shapes(shape_of_array(quad.get()), shape_of_array(linear.get()));
     for (npy_intp i = 0; i < PyArray_SIZE(as_array(quad)); ++i) {
         PyObject *q = elements_in(quad)[i], *e = elements_in(linear)[i];
         Py_XSETREF(elements_in(sums)[i], check(PyNumber_Add(q ? q : Py_None, e ? e : Py_None)).release());
@@ -390,15 +394,6 @@ bool object_value(PyObject *expr, flat::QuadForm &form, flat::Form &inner, Ref &
     Ref elements = contiguous_objects(array.get());
     flat::Shape shape = form.shape;
     return read_quadexprs(elements_in(elements), shape, form, inner, model);
-}
-
-} // namespace
-
-namespace {
-
-[[noreturn]] void fail_shapes(const flat::Shape &qearr, const flat::Shape &ndle) {
-    fail(PyExc_ValueError, "_qearr and _ndle of an MQuadExpr have different shapes: %S and %S",
-         shape_tuple(qearr).get(), shape_tuple(ndle).get());
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 // Sums over axes, values of a solution, clearing and tidying of MQuadExpr.
 //
 //   q.sum(axis=0)      full, terms in the order of the elements; q is full afterwards
-//   q.getValue()       float64 array of the whole value; one pass over the terms, the solution read from the store by
-//   ids q.clear()          all-zero, same shape, same state
+//   q.getValue()       float64 array of the whole value; one pass over the terms and the solution's numbers
+//   q.clear()          all-zero, same shape, same state
 #include "matrixapi/axes.h"
 #include "matrixapi/methods.h"
 #include "matrixapi/mquadexpr_dict.h"
@@ -28,36 +28,12 @@ PyObject *element_or_none(PyObject *element) {
 
 // ---- sum ----------------------------------------------------------------------------------------------------------
 
-// For each element in C order, the place of its sum.
-std::vector<int64_t> target_places(const flat::Shape &shape, const std::vector<int> &axes) {
-    std::vector<int64_t> step(shape.size(), 0), index(shape.size(), 0);
-    int64_t stride = 1;
-    for (size_t d = shape.size(); d-- > 0;)
-        if (axes[d] >= 0) {
-            step[d] = stride;
-            stride *= shape[d];
-        }
-    std::vector<int64_t> places(static_cast<size_t>(flat::size_of(shape)));
-    int64_t target = 0;
-    for (int64_t &place : places) {
-        place = target;
-        for (size_t d = shape.size(); d-- > 0;) {
-            target += step[d];
-            if (++index[d] < shape[d])
-                break;
-            target -= step[d] * index[d];
-            index[d] = 0;
-        }
-    }
-    return places;
-}
-
 // Linear terms inside the elements, several models, or foreign elements: QuadExpr decides what it takes.
 Ref elementwise_sum(PyObject *expr, const std::vector<int> &axes) {
     Ref given = contiguous_objects(qearr(expr).get());
     flat::Shape shape = shape_of_array(given.get());
     Ref result = quadexpr_array(flat::zero_quad(kept_shape(shape, axes)), {});
-    std::vector<int64_t> places = target_places(shape, axes);
+    std::vector<int64_t> places = places_of_sums(shape, axes);
     for (size_t i = 0; i < places.size(); ++i)
         check_status(
             mod.core->quadexpr_add(elements_in(result)[places[i]], element_or_none(elements_in(given)[i]), 1.0));

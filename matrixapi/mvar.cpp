@@ -266,6 +266,10 @@ PyObject *mvar_repr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyO
 
 // ---- sums and data
 
+[[noreturn]] void fail_changed_shape() {
+    fail(PyExc_RuntimeError, "the variables changed their shape while they were summed");
+}
+
 // Elements of several models: one LinExpr a cell, one term a variable, in C order.
 Ref sum_objects(PyObject *self, const flat::Shape &shape, const std::vector<int> &axes) {
     flat::Shape kept = kept_shape(shape, axes);
@@ -273,28 +277,15 @@ Ref sum_objects(PyObject *self, const flat::Shape &shape, const std::vector<int>
     auto **slots = static_cast<PyObject **>(PyArray_DATA(as_array(cells)));
     for (npy_intp i = 0; i < PyArray_SIZE(as_array(cells)); ++i)
         slots[i] = check(mod.core->linexpr_new(0.0)).release();
-    std::vector<npy_intp> step(shape.size(), 0);
-    npy_intp stride = 1;
-    for (size_t d = shape.size(); d-- > 0;)
-        if (axes[d] >= 0) {
-            step[d] = stride;
-            stride *= shape[d];
-        }
     Ref elements = check(PySequence_List(check(PyObject_GetAttr(vararr_of(self).get(), names.flat)).get()));
-    std::vector<npy_intp> at(shape.size(), 0);
-    npy_intp cell = 0;
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(elements.get()); ++i) {
-        PyObject *variable = PyList_GET_ITEM(elements.get(), i);
+    std::vector<int64_t> places = places_of_sums(shape, axes);
+    if (static_cast<size_t>(PyList_GET_SIZE(elements.get())) != places.size())
+        fail_changed_shape();
+    for (size_t i = 0; i < places.size(); ++i) {
+        PyObject *variable = PyList_GET_ITEM(elements.get(), static_cast<Py_ssize_t>(i));
         if (!PyObject_TypeCheck(variable, mod.core->Var))
             fail(PyExc_TypeError, "MVar.sum expects Var elements, not '%.200s'", Py_TYPE(variable)->tp_name);
-        check_status(mod.core->linexpr_add(slots[cell], variable, 1.0));
-        for (size_t d = shape.size(); d-- > 0;) {
-            cell += step[d];
-            if (++at[d] < shape[d])
-                break;
-            cell -= step[d] * shape[d];
-            at[d] = 0;
-        }
+        check_status(mod.core->linexpr_add(slots[places[i]], variable, 1.0));
     }
     return make_objects(mod.MLinExpr, cells);
 }
@@ -309,7 +300,7 @@ PyObject *mvar_sum(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyOb
         bool flat_ids = mvar_ids(self, vars);
         flat::Shape shape = flat_ids ? vars.shape : mvar_shape(self);
         if (shape.size() != axes.size())
-            fail(PyExc_RuntimeError, "the variables changed their shape while they were summed");
+            fail_changed_shape();
         if (!flat_ids)
             return sum_objects(self, shape, axes);
         flat::Form form;

@@ -16,8 +16,6 @@
 
 #include "pysupport/numpy.h"
 
-#include <cmath>
-
 namespace tarvopy {
 
 using namespace pysupport;

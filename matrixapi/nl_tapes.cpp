@@ -68,8 +68,7 @@ void Tapes::fail_second_model() {
 void Tapes::fail_length() const {
     fail(PyExc_ValueError,
          "element %lld: the expression is longer than 2**27 operations where every use of a shared part is counted; "
-         "give "
-         "such a part a variable of its own",
+         "give such a part a variable of its own",
          static_cast<long long>(rows()));
 }
 

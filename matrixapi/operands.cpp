@@ -172,12 +172,12 @@ flat::Shape matmul_shape(const flat::Shape &a, const flat::Shape &b) {
     return of_bearable_size(shapes::matmul(a, b), a, b);
 }
 
-void check_large_operand(PyObject *self, PyObject *array, bool matrix_product) {
+void check_large_operand(PyObject *self, PyObject *array, bool is_broadcast) {
     flat::Shape shape = shape_of_array(array);
     if (too_large(shape))
         fail(PyExc_ValueError, "an operand of shape %S has more than 2**31 elements", shape_tuple(shape).get());
     flat::Shape own = shape_of_tuple(check(PyObject_GetAttr(self, names.shape)).get());
-    if (!matrix_product && shapes::try_broadcast(own, shape))
+    if (is_broadcast && shapes::try_broadcast(own, shape))
         broadcast_shapes(own, shape);
 }
 

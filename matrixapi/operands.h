@@ -61,12 +61,12 @@ inline const double *doubles(const Ref &array) {
 // memory as soon as somebody copies it. Asked before anything is copied.
 inline constexpr int64_t most_elements = int64_t{1} << 31;
 bool too_large(const flat::Shape &shape);
-// ValueError for an array too large to be an operand, or whose elements would be too many together with those of
-// `self`; shapes that do not fit are no matter here.
-void check_large_operand(PyObject *self, PyObject *array, bool matrix_product);
-inline void need_bearable_operand(PyObject *self, PyObject *other, bool matrix_product) {
+// ValueError for an array too large to be an operand, or, where it is broadcast with `self`, whose elements would be
+// too many together with those of `self`; shapes that do not fit are no matter here.
+void check_large_operand(PyObject *self, PyObject *array, bool is_broadcast);
+inline void need_bearable_operand(PyObject *self, PyObject *other, bool is_broadcast) {
     if (pysupport::is_array(other) && PyArray_SIZE(pysupport::as_array(other)) >= (1 << 20))
-        check_large_operand(self, other, matrix_product);
+        check_large_operand(self, other, is_broadcast);
 }
 
 // NumPy's broadcast of two shapes; ValueError naming both, also where the result is too large.
@@ -92,7 +92,7 @@ struct StoredMatrix {
 };
 StoredMatrix stored_matrix(PyObject *sparse, const flat::Shape &expected);
 flat::Coo entries_of(const StoredMatrix &matrix); // in stored order
-// The same from the three arrays of a compressed matrix, in the given dimensions.
+// Checked rows of the three arrays of a compressed matrix, in the given dimensions.
 flat::Csr csr_from_arrays(PyObject *indptr, PyObject *indices, PyObject *data, int64_t rows, int64_t cols);
 flat::Dense dense_of(const Ref &float_matrix); // of a two-dimensional float64 array
 

@@ -12,8 +12,6 @@
 
 #include "pysupport/numpy.h"
 
-#include <cmath>
-
 namespace tarvopy {
 
 using namespace pysupport;

@@ -74,9 +74,6 @@ Side element_side(PyObject *array) {
 }
 
 Side array_side(PyObject *given) {
-    if (too_large(shape_of_array(given)))
-        fail(PyExc_ValueError, "an array of shape %S has more than 2**31 elements",
-             shape_tuple(shape_of_array(given)).get());
     Ref array = plain_array(given);
     flat::Shape shape = shape_of_array(array.get());
     if (too_large(shape)) // a broadcast view of one number: reading it would fill all memory

@@ -14,8 +14,6 @@
 
 #include "pysupport/numpy.h"
 
-#include <cmath>
-
 namespace tarvopy {
 
 using namespace pysupport;

@@ -14,7 +14,7 @@ using namespace pysupport;
 
 namespace {
 
-// An integer array of any width, as int64.
+// An integer array of any width, as int32 or int64.
 Ref index_array(PyObject *given, const char *name) {
     if (!PyArray_Check(given) || !PyTypeNum_ISINTEGER(PyArray_TYPE(as_array(given))) ||
         PyArray_NDIM(as_array(given)) != 1)
@@ -145,10 +145,6 @@ flat::Coo coo_of_attributes(PyObject *sparse, int64_t rows, int64_t cols) {
     fail(PyExc_ValueError, "a sparse matrix of shape %R became one of shape (%lld, %lld) while it was read",
          shape_tuple(expected).get(), static_cast<long long>(rows), static_cast<long long>(cols));
 }
-
-} // namespace
-
-namespace {
 
 // Rows and columns of the matrix that a sparse array is: a vector is one row.
 std::pair<int64_t, int64_t> extents_of(const flat::Shape &shape) {

@@ -112,12 +112,18 @@ def test_huge_operands_are_refused_before_anything_is_copied(mode):
     x = m.addMVar(4)
     many, column = np.broadcast_to(1.0, (2**40,)), np.broadcast_to(1.0, (2**30, 1))
     wide = sp.coo_array((4, 2**31 + 5))
+    things = np.broadcast_to(np.array(1.0, dtype=object), (2**40,))
     kinds = [x, 2 * x + 1, sp.eye_array(4, format="csr") @ x, x * x, nlfunc.exp(x)]
     uses = [operator.add, operator.sub, operator.mul, operator.truediv, operator.matmul]
-    for kind, use, huge in itertools.product(kinds, uses, (many, column, wide)):
+    for kind, use, huge in itertools.product(kinds, uses, (many, things, column, wide)):
         if use is not operator.matmul or huge is not column:
             with pytest.raises(ValueError, match=r"more than 2\*\*31 elements|too large|inner dimensions"):
                 use(kind, huge)
+    for expression, huge in itertools.product(kinds[1:], (many, things)):
+        with pytest.raises(ValueError, match=r"more than 2\*\*31 elements"):
+            expression[...] = huge
+    # An index is no operand: it may be long where the elements are many.
+    assert nlfunc.exp(m.addMVar((1500, 1)))[np.zeros(2_000_000, int)].shape == (2_000_000, 1)
     for name in ("lb", "obj"):
         with pytest.raises(ValueError, match=r"more than 2\*\*31"):
             m.addMVar(4, **{name: many})
