@@ -6,6 +6,6 @@ from programs.runner import tally
 def pytest_terminal_summary(terminalreporter):
     if tally["programs"]:
         terminalreporter.write_line(
-            f"programs: {tally['programs']} drawn, each run in three ways; {tally['steps']} steps,"
+            f"programs: {tally['programs']} run, each flat and eager; {tally['steps']} steps,"
             f" {tally['refused']} of them refused as by NumPy"
         )

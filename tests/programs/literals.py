@@ -4,9 +4,11 @@ Array("int16", (2, 3), "reversed", 4).make()    an array of small numbers, of ev
 Number("float32", 2).make()                     a number of Python or NumPy
 Sparse("csr", "array", "float64", (2, 3), 1).make()
 Dice(draw).pick(options)                        one choice of a hypothesis strategy; the functions below take dice
+every_kind()                                    one of each kind, of two rows and columns at most
 literal(dice, shape), index_into(dice, shape)   an operand or an index that fits to this shape more often than not
 """
 
+import itertools
 from dataclasses import dataclass
 
 import numpy as np
@@ -18,13 +20,14 @@ DTYPES += ["float16", "float32", "float64", "longdouble", "object", ">f8", ">i4"
 LAYOUTS = ["C", "F", "strided", "reversed", "broadcast", "read-only", "unaligned"]
 FORMATS = ["csr", "csc", "coo", "lil", "dok", "dia", "bsr"]
 FLAT_FORMATS = ["csr", "coo", "dok"]  # those that SciPy has with one dimension
-SPARSE_DTYPES = ["bool", "int8", "int64", "float32", "float64"]
+SPARSE_DTYPES = ["bool", "int8", "int32", "int64", "uint16", "uint64", "float32", "float64", "longdouble"]
+COMPLEX_DTYPES = ["complex64", "complex128", "clongdouble"]
 SHAPES = [(3,), (2, 3), (3, 3), (), (1,), (1, 3), (3, 1), (2, 1, 3), (1, 1), (0,), (0, 3), (3, 0), (2, 2, 2)]
 DIGITS = np.array([1.0, 2.0, -1.0, 0.5, 3.0, 0.0, -2.0])
 
 
 def digits(shape, seed: int, dtype="float64") -> np.ndarray:
-    """Small numbers that are exact in every dtype; an unsigned one or a boolean takes their magnitude."""
+    """Small numbers; integers have 0 for 0.5, unsigned ones and booleans the magnitude."""
     count = np.prod(shape, dtype=int)
     numbers = DIGITS[(seed + (1 + seed % 3) * np.arange(count)) % DIGITS.size].reshape(shape)
     return np.array(np.abs(numbers) if np.dtype(dtype).kind in "bu" else numbers, dtype=dtype)
@@ -131,8 +134,8 @@ def array(dice: Dice, shape: tuple) -> Array:
 
 def complex_numbers(dice: Dice) -> Number | Array:
     if dice.coin():
-        return Array("complex128", dice.pick(SHAPES), "C", dice.below(SEEDS))
-    return Number(dice.pick(["python complex", "complex64", "complex128"]), 2)
+        return Array(dice.pick(COMPLEX_DTYPES), dice.pick(SHAPES), "C", dice.below(SEEDS))
+    return Number(dice.pick(["python complex", *COMPLEX_DTYPES]), 2)
 
 
 def sparse_matrix(dice: Dice, shape: tuple) -> Sparse:
@@ -159,6 +162,24 @@ def literal(dice: Dice, shape: tuple, for_product: bool = False) -> Array | Numb
     else:
         shape = fitting(dice, shape)
     return sparse_matrix(dice, shape) if kind == "sparse" else array(dice, shape)
+
+
+def every_kind():
+    """The numbers of a seed of 6 begin with -2, 1, 2, -1: any of them may divide."""
+    for dtype, shape in itertools.product([*DTYPES, *COMPLEX_DTYPES], [(), (2,), (2, 2)]):
+        yield Array(dtype, shape, "C", 6)
+    for dtype, layout in itertools.product(["int16", "float64"], LAYOUTS[1:]):
+        yield Array(dtype, (2, 2), layout, 6)
+    for shape in [(0,), (0, 2), (2, 0), (0, 2, 2), (1, 2, 2), (2, 1)]:
+        yield Array("float32", shape, "C", 6)
+    for format, family in itertools.product(FORMATS, ["matrix", "array"]):
+        yield Sparse(format, family, "float64", (2, 2), 6)
+    for dtype, format in itertools.product([*SPARSE_DTYPES, *COMPLEX_DTYPES], ["csr", "csc", "coo"]):
+        yield Sparse(format, "array", dtype, (2, 2), 6)
+    for format in FLAT_FORMATS:
+        yield Sparse(format, "array", "int64", (2,), 6)
+    for kind in ["int", "float", "python bool", "python complex", *NUMPY_NUMBERS, *COMPLEX_DTYPES]:
+        yield Number(kind, 2)
 
 
 # ---- indices ---------------------------------------------------------------------------------------------------------

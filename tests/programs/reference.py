@@ -138,7 +138,7 @@ def computed(function, *operands):
 
 
 def is_complex(thing: Thing) -> bool:
-    return thing.kind in ("Array", "Number") and np.asarray(thing.data).dtype.kind == "c"
+    return thing.kind in ("Array", "Number", "Sparse") and np.asarray(thing.numbers).dtype.kind == "c"
 
 
 def power_degree(base: Thing, exponent: Thing) -> int:

@@ -95,11 +95,17 @@ EVERYTHING += ["sum", "join", "view", "function", "constraint", "other"]
 SHARING = ["index"] * 4 + ["in_place"] * 3 + ["assign", "other"]
 
 
-def others(i: int) -> list[tuple]:
-    """Statements without a second operand."""
-    found = [(name, i) for name in ("negative", "positive", "item", "as_nonlinear", "clear", "show", "scribble")]
-    found += [("copy", i, how) for how in ("copy", "deepcopy")]
-    return [*found, *(("tidy", i, how) for how in ("_normalize", "_flatten")), ("iterate", i, 1), ("var",)]
+def others(i: int, kind: str) -> list[tuple]:
+    """Statements without a second operand about a thing of this kind."""
+    if kind == "Array":
+        return [("scribble", i)]
+    found = [(name, i) for name in ("negative", "positive", "item", "show")]
+    found += [("copy", i, how) for how in ("copy", "deepcopy")] + [("iterate", i, 1), ("var",)]
+    if kind == "MVar":
+        found.append(("as_nonlinear", i))
+    if kind in ("MLinExpr", "MQuadExpr"):
+        found += [("clear", i), ("tidy", i, "_normalize"), ("tidy", i, "_flatten")]
+    return found
 
 
 def step(dice: Dice, program: Program, kinds: list) -> tuple:
@@ -134,7 +140,9 @@ def step(dice: Dice, program: Program, kinds: list) -> tuple:
     if kind == "constraint":
         sides = i, operand(dice, program, shape)
         return kind, dice.pick(["<=", ">=", "=="]), *(sides[::-1] if dice.coin() else sides)
-    return dice.pick(others(dice.below(len(program.things)) if dice.below(8) == 7 else i))
+    if dice.below(4) == 3:
+        i = dice.below(len(program.things))
+    return dice.pick(others(i, program.things[i].kind))
 
 
 # What stands at the beginning besides variables: scalars, or an expression of each degree of which slices are taken.
@@ -155,6 +163,35 @@ def thrown(dice: Dice) -> Program:
         if dice.below(4) == 3:
             program.looks[len(program.steps)] = dice.below(len(program.things))
         program.add(step(dice, program, kinds))
+    return program
+
+
+# What every kind of operand meets; thing 1 has two rows and columns.
+RECEIVERS = {
+    "variables": [],
+    "a pending vector": [("mvar", (2,), True)],
+    "a compact expression": [("mvar", (2,), True), ("binary", "+", 2, 2)],
+    "a linear expression": [("binary", "+", 1, 1)],
+    "a quadratic expression": [("binary", "*", 1, 1)],
+    "a single quadratic expression": [("mvar", (), False), ("binary", "*", 2, 2)],
+    "a nonlinear expression": [("function", "abs", 1)],
+}
+
+
+def meeting(receiver: str, literal) -> Program:
+    """Every operator on either side, in place, comparisons and assignment, with one operand."""
+    program = Program.of([("var",), ("mvar", (2, 2), False), *RECEIVERS[receiver], ("literal", literal)])
+    i, j = len(program.things) - 2, len(program.things) - 1
+    for sign in SIGNS:
+        program.add(("binary", sign, i, j))
+        program.add(("binary", sign, j, i))
+        program.add(("copy", i, "copy"))
+        program.add(("in_place", sign, len(program.things) - 1, j))
+    for sense in ("<=", ">=", "=="):
+        program.add(("constraint", sense, i, j))
+        program.add(("constraint", sense, j, i))
+    program.add(("copy", i, "copy"))
+    program.add(("assign", len(program.things) - 1, (), j))
     return program
 
 
