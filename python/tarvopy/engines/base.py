@@ -11,6 +11,8 @@ import math
 from dataclasses import dataclass
 from typing import TYPE_CHECKING, ClassVar, NamedTuple, Protocol
 
+from tarvopy._trv import TRV
+
 if TYPE_CHECKING:
     import numpy as np
 
@@ -18,6 +20,8 @@ if TYPE_CHECKING:
     from tarvopy.problem import Changes, Problem
 
 NAN = math.nan
+#: How a solve ends that leaves no point.
+WITHOUT_POINT = {TRV.INFEASIBLE, TRV.UNBOUNDED, TRV.INFEASIBLE_OR_UNBOUNDED, TRV.FAILED}
 
 
 @dataclass(slots=True)
@@ -48,6 +52,11 @@ class Progress(NamedTuple):
     nodes: float | None
     incumbent: float | None
     bound: float | None
+
+
+def seconds_of_second_look(limit: float, taken: float) -> float:
+    """What the search for any feasible point may take, after a first run that left infeasible or unbounded open."""
+    return min(limit - taken, 5.0 + 2.0 * taken)
 
 
 def nonlinear_parts(problem: Problem) -> list[str]:

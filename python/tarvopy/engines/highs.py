@@ -19,7 +19,15 @@ from typing import TYPE_CHECKING, Any
 from tarvopy import _highs
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
-from tarvopy.engines.base import NAN, Outcome, Progress, counted, nonlinear_parts
+from tarvopy.engines.base import (
+    NAN,
+    WITHOUT_POINT,
+    Outcome,
+    Progress,
+    counted,
+    nonlinear_parts,
+    seconds_of_second_look,
+)
 
 if TYPE_CHECKING:
     import numpy as np
@@ -44,7 +52,6 @@ _STATUS = {
     16: TRV.SOLUTION_LIMIT,
     _INTERRUPT: TRV.INTERRUPTED,
 }
-_WITHOUT_POINT = {TRV.INFEASIBLE, TRV.UNBOUNDED, TRV.INFEASIBLE_OR_UNBOUNDED, TRV.FAILED}
 _FEASIBLE = 2  # primal_solution_status
 
 # Beyond this upper bound of a semi-continuous variable HiGHS cuts it and then fails at the end of a solve that reaches
@@ -230,7 +237,7 @@ class HighsEngine:
         if self._first is not None:
             return False
         result = self._solver.result()
-        left = min(self._time_left - result["seconds"], 5.0 + 2.0 * result["seconds"])
+        left = seconds_of_second_look(self._time_left, result["seconds"])
         if result["model_status"] != _EITHER or left <= 0:
             return False
         import numpy as np
@@ -281,7 +288,7 @@ class HighsEngine:
         )
         if outcome.status in (TRV.FAILED, TRV.IMPRECISE):
             outcome.message = f"HiGHS ended with its model status {result['model_status']}"
-        if outcome.status not in _WITHOUT_POINT and (result["primal"] == _FEASIBLE or outcome.status == TRV.IMPRECISE):
+        if outcome.status not in WITHOUT_POINT and (result["primal"] == _FEASIBLE or outcome.status == TRV.IMPRECISE):
             outcome.has_x = True
             outcome.has_duals = not problem.nintegral and outcome.status in (TRV.OPTIMAL, TRV.IMPRECISE)
             outcome.objval = result["objective"]
@@ -378,7 +385,7 @@ def _bound(problem: Problem, outcome: Outcome, mip_bound: float) -> float:
     if not problem.nintegral:
         return outcome.objval if outcome.status == TRV.OPTIMAL else NAN
     # Infinite where none was proven yet, and where there is no problem to bound.
-    return mip_bound if math.isfinite(mip_bound) and outcome.status not in _WITHOUT_POINT else NAN
+    return mip_bound if math.isfinite(mip_bound) and outcome.status not in WITHOUT_POINT else NAN
 
 
 ENGINE = HighsEngine

@@ -30,7 +30,7 @@ from typing import TYPE_CHECKING, Any
 from tarvopy import _modelapi
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
-from tarvopy.engines.base import NAN, Outcome, Progress
+from tarvopy.engines.base import NAN, WITHOUT_POINT, Outcome, Progress, seconds_of_second_look
 from tarvopy.engines.scip_doubts import doubt_of
 from tarvopy.engines.scip_general import GeneralConstraints, not_binary
 from tarvopy.engines.scip_limits import stop_after_iterations
@@ -60,7 +60,6 @@ _STATUS = {
     "userinterrupt": TRV.INTERRUPTED,
     "terminate": TRV.INTERRUPTED,
 }
-_WITHOUT_POINT = {TRV.INFEASIBLE, TRV.UNBOUNDED, TRV.INFEASIBLE_OR_UNBOUNDED, TRV.FAILED}
 
 _INFINITY = 1e20  # SCIP's own
 _ENDLESS = 1e19  # objectives beyond it are its infinity, but for a tolerance
@@ -309,7 +308,7 @@ class ScipEngine:
         if self._first is not None or self._worker.error is not None:
             return False
         result = self._result()
-        left = min(self._params.TimeLimit - result["seconds"], 5.0 + 2.0 * result["seconds"])
+        left = seconds_of_second_look(self._params.TimeLimit, result["seconds"])
         if result["status"] != TRV.INFEASIBLE_OR_UNBOUNDED or left <= 0 or self._stop:
             return False
         self._first = result
@@ -365,7 +364,7 @@ class ScipEngine:
             outcome.status = TRV.UNBOUNDED  # SCIP takes its infinity for a value where a function goes on beyond it
         if outcome.status == TRV.FAILED:
             outcome.message = f"SCIP ended with its status {result['said']!r}"
-        if outcome.status not in _WITHOUT_POINT:
+        if outcome.status not in WITHOUT_POINT:
             outcome.has_x = result["found"]
             outcome.objval = result["objective"]
             if abs(result["bound"]) < _INFINITY:
