@@ -78,6 +78,7 @@ def test_convex_quadratic_instances_and_their_multipliers(instances, known, engi
             m.params.Engine = engine
             m.optimize()
             error = off(m, name, answer["optimal"])
+            assert m.EngineName.startswith("SCIP" if engine == "scip" else "Clarabel")
             if not error <= 1e-5 or not hasattr(m.getVars()[0], "RC"):
                 wrong.append((name, m.Status, error, hasattr(m.getVars()[0], "RC")))
     assert wrong == []
