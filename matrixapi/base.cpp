@@ -1,5 +1,7 @@
-// The native base type of the matrix classes: memory, dictionary and native form. It has no methods.
+// The native base type of the matrix classes: memory, dictionary and native form. Its one method is what
+// NumPy's functions ask for.
 #include "matrixapi/base.h"
+#include "matrixapi/array_function.h"
 
 #include <cstddef>
 
@@ -47,6 +49,7 @@ PyType_Slot slots[] = {
     {Py_tp_clear, reinterpret_cast<void *>(clear)},
     {Py_tp_dealloc, reinterpret_cast<void *>(deallocate)},
     {Py_tp_members, members},
+    {Py_tp_methods, array_function_methods},
     {0, nullptr},
 };
 

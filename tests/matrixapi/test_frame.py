@@ -2,9 +2,12 @@
 
 import subprocess
 import sys
+from operator import attrgetter
 
+import numpy as np
 import pytest
 
+import tarvopy
 from tarvopy import _matrixapi
 
 
@@ -172,3 +175,26 @@ print(dead() is None, m.NumVars, m.NumConstrs, x.shape)
 
 def test_hostile_use_ends_in_exceptions_and_leaves_the_model_alone():
     assert run(HOSTILE) == "True\nTrue 12 0 (3, 4)"
+
+
+def test_numpy_functions_are_methods_or_refused():
+    """NumPy takes what it does not know for one element: numpy.sum(x) <= 1 would be a row for each variable."""
+    x = tarvopy.Model().addMVar((2, 3))
+    for e in (x, x + 1, x * x, tarvopy.nlfunc.exp(x)):
+        assert (np.shape(e), np.ndim(e), np.size(e), np.size(e, 1)) == ((2, 3), 2, 6, 3)
+        assert [np.sum(e).shape, np.sum(e, axis=0).shape, np.sum(e, 1).shape] == [(), (3,), (2,)]
+        refused = {
+            **{"max": "genfunc.max", "mean": "x.sum\\(\\) / x.size", "prod": "operators", "linalg.norm": "x \\* x"},
+            **{"cumsum": "tolist", "ravel": "reshape\\(-1\\)", "where": "operators", "zeros_like": "operators"},
+        }
+        for name, advice in refused.items():
+            function = attrgetter(name)(np)
+            with pytest.raises(TypeError, match=rf"numpy\.{name} does not work on an {type(e).__name__}: .*{advice}"):
+                function(e)
+        with pytest.raises(TypeError, match=r"numpy\.dot .*: use @"):
+            np.dot(np.eye(2), e)
+        with pytest.raises(TypeError, match=r"numpy\.hstack .*: use tarvopy\.hstack"):
+            np.hstack([np.eye(2), e])
+    assert (np.transpose(x).shape, np.reshape(x, -1).shape, np.diagonal(x).shape) == ((3, 2), (6,), (2,))
+    with pytest.raises(TypeError, match=r"numpy\.transpose does not work on an MLinExpr"):
+        np.transpose(x + 1)
