@@ -191,10 +191,10 @@ Ref element_array(PyObject *self, const HandleClass &of, npy_intp limit) {
         return object_array(self, of);
     if (native->layout.size() > limit)
         return elements_of(self, of).array;
-    flat::Shape shape = handle_shape(self, of);
+    flat::Shape shape;
     IdBuffer ids;
     Ref model;
-    handle_ids(self, of, ids, model);
+    handle_ids(self, of, ids, shape, model);
     return new_objects(of, model, ids.data(), static_cast<int>(shape.size()), shape.data());
 }
 
@@ -362,15 +362,17 @@ bool ids_of_objects(PyArrayObject *array, const HandleClass &of, IdBuffer &ids, 
 
 } // namespace
 
-bool handle_ids(PyObject *self, const HandleClass &of, flat::Buffer<int32_t> &ids, Ref &model) {
+bool handle_ids(PyObject *self, const HandleClass &of, flat::Buffer<int32_t> &ids, flat::Shape &shape, Ref &model) {
     if (IdsNative *native = ids_of(self, of)) {
         model = native->model;
+        shape.assign(native->layout.shape(), native->layout.shape() + native->layout.ndim());
         ids = native->block ? gathered_ids(native->block->ids, native->layout) : IdBuffer();
         return true;
     }
     Ref array = object_array(self, of);
     if (!is_array(array.get()) || PyArray_TYPE(as_array(array)) != NPY_OBJECT)
         return false;
+    shape.assign(PyArray_DIMS(as_array(array)), PyArray_DIMS(as_array(array)) + PyArray_NDIM(as_array(array)));
     return ids_of_objects(as_array(array), of, ids, model);
 }
 
@@ -427,8 +429,13 @@ Ref index_array(PyObject *self, const HandleClass &of) {
     Elements elements = elements_of(self, of);
     Ref indices = empty_indices(elements);
     IdBuffer ids;
+    flat::Shape shape;
     Ref model;
-    if (handle_ids(self, of, ids, model))
+    bool numbered = handle_ids(self, of, ids, shape, model);
+    PyArrayObject *array = as_array(indices);
+    if (numbered && shape != flat::Shape(PyArray_DIMS(array), PyArray_DIMS(array) + PyArray_NDIM(array)))
+        fail(PyExc_ValueError, "the elements became others while their indices were read");
+    if (numbered)
         fill_positions(indices, of, ids, model);
     else
         fill_by_name(indices, of, elements.array);

@@ -155,9 +155,10 @@ Ref handle_from_ids(const Elements &source, const HandleClass &of, const Ref &re
 // The same, never sharing the block.
 Ref handle_from_copy(const Elements &source, const HandleClass &of, const Ref &result);
 
-// Ids in C order and the model, of a handle in any state. False for foreign elements and for elements of several
-// models.
-bool handle_ids(PyObject *self, const HandleClass &of, flat::Buffer<int32_t> &ids, Ref &model);
+// Ids in C order, their shape and the model, of a handle in any state. False for foreign elements and for elements of
+// several models. Read at once: whoever runs Python code, or asks a child class that makes its array anew each time,
+// may meet another shape afterwards.
+bool handle_ids(PyObject *self, const HandleClass &of, flat::Buffer<int32_t> &ids, flat::Shape &shape, Ref &model);
 // A C-contiguous int32 ndarray over a buffer.
 Ref array_over(const flat::Buffer<int32_t> &ids, int ndim, const npy_intp *shape);
 flat::Shape handle_shape(PyObject *self, const HandleClass &of);

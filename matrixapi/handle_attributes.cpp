@@ -113,10 +113,10 @@ Ref get_attribute(PyObject *self, const HandleClass &of, PyObject *name) {
     check_kind(self, of, info, of.get_refusal, name);
     check_membership(self, of);
     flat::Buffer<int32_t> ids;
+    flat::Shape shape;
     Ref model;
-    if (!handle_ids(self, of, ids, model))
+    if (!handle_ids(self, of, ids, shape, model))
         return read_by_name(self, of, name, &info);
-    flat::Shape shape = handle_shape(self, of);
     if (!model)
         model = handle;
     Ref array = array_over(ids, static_cast<int>(shape.size()), shape.data());
@@ -186,6 +186,8 @@ void write_by_name(PyObject *self, const HandleClass &of, PyObject *name, const 
     if (is_array(values.get()))
         list = check(PySequence_List(check(PyObject_GetAttr(values.get(), names.flat)).get()));
     bool one = !PyList_Check(list.get());
+    if (!one && PyList_GET_SIZE(list.get()) != PyList_GET_SIZE(elements.get()))
+        mismatch();
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(elements.get()); ++i) {
         Ref value = Ref::borrow(one ? list.get() : PyList_GET_ITEM(list.get(), i));
         check_status(PyObject_SetAttr(PyList_GET_ITEM(elements.get(), i), name, value.get()));
@@ -231,9 +233,12 @@ void set_attribute(PyObject *self, const HandleClass &of, PyObject *name, PyObje
     if (known)
         check_membership(self, of);
     flat::Buffer<int32_t> ids;
+    flat::Shape now;
     Ref model;
-    if (!known || !handle_ids(self, of, ids, model))
+    if (!known || !handle_ids(self, of, ids, now, model))
         return write_by_name(self, of, name, values);
+    if (now != shape) // reading the values ran Python code
+        mismatch();
     if (ids.empty())
         return;
     Ref array = array_over(ids, static_cast<int>(shape.size()), shape.data());

@@ -185,7 +185,7 @@ Ref add_compact_mvar(PyObject *self, PyObject *mvar, double factor) {
     std::vector<Part> parts;
     Ref model;
     const double *constant = plain_doubles(const_array(self));
-    if (!constant || mvar_shape(mvar) != shape_of(self) || !mvar_ids(mvar, given) ||
+    if (!constant || mvar_shape(mvar) != shape_of(self) || !mvar_ids(mvar, given) || given.shape != shape_of(self) ||
         !joined_parts(self, parts, model) || !merge_models(model, given.model))
         return {};
     parts.push_back(identity_part(std::move(given.ids), factor));

@@ -68,9 +68,9 @@ PyObject *api_ids(PyObject *handle, ModelObject **model) {
             fail(PyExc_TypeError, "'%.200s' object is no matrix handle", Py_TYPE(handle)->tp_name);
         flat::Buffer<int32_t> ids;
         Ref owner;
-        if (!handle_ids(handle, *of, ids, owner))
+        flat::Shape shape;
+        if (!handle_ids(handle, *of, ids, shape, owner))
             fail_no_ids(handle, *of);
-        flat::Shape shape = handle_shape(handle, *of);
         // The elements keep the model alive as long as the caller keeps the handle.
         *model = owner.as<ModelObject>();
         return array_over(ids, static_cast<int>(shape.size()), shape.data());

@@ -184,6 +184,8 @@ Ref quad_from_mvars(PyObject *cls, PyObject *left, PyObject *right, bool force_f
     Ref model;
     bool numeric =
         mvar_ids(left, a) && mvar_ids(right, b) && merge_models(model, a.model) && merge_models(model, b.model);
+    if (numeric && broadcast_shapes(a.shape, b.shape) != shape) // a child class may make its array anew each time
+        fail(PyExc_ValueError, "the variables changed their shape while they were multiplied");
     if (compact)
         return numeric ? compact_product(cls, std::move(a), std::move(b), shape, std::move(model))
                        : compact_product_of_foreign(cls, left, right, shape);

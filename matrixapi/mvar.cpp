@@ -31,10 +31,7 @@ PyTypeObject *mvar_class = nullptr;
 // ---- what the other files ask
 
 bool mvar_ids(PyObject *mvar, VarIds &out) {
-    if (!handle_ids(mvar, mvar_handle, out.ids, out.model))
-        return false;
-    out.shape = handle_shape(mvar, mvar_handle);
-    return true;
+    return handle_ids(mvar, mvar_handle, out.ids, out.shape, out.model);
 }
 
 flat::Shape mvar_shape(PyObject *mvar) {

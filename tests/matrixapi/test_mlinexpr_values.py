@@ -163,55 +163,6 @@ def test_normalize_merges_and_flatten_keeps(mode, model):
 
 # ---- assignment ----------------------------------------------------------------------------------------------------
 
-KEYS = [
-    0, -1, 5, slice(None), slice(1, None), slice(None, None, -1), (0, 1), (slice(None), 1), [0, 0],
-    ([0, 1, 0], [2, 2, 2]), Ellipsis,
-    None, (slice(0, 0),), np.array([[True, False, True], [False, True, False]]), "a", (0, 0, 0),
-]  # fmt: skip
-VALUES = {
-    "number": lambda x, y: (2.5, 2.5),
-    "numpy scalar": lambda x, y: (np.float32(1.5), 1.5),
-    "row": lambda x, y: (np.array([1, 2, 3]), np.array([1, 2, 3])),
-    "flags": lambda x, y: (np.array([True, False, True]), np.array([1.0, 0.0, 1.0])),
-    "column": lambda x, y: (np.array([[1.0], [2.0]]), np.array([[1.0], [2.0]])),
-    "leading ones": lambda x, y: (np.ones((1, 1, 2, 3)), np.ones((1, 1, 2, 3))),
-    "misfit": lambda x, y: (np.ones(7), np.ones(7)),
-    "variable": lambda x, y: (x[1, 1].item(), "x[1,1]"),
-    "expression": lambda x, y: (2 * x[1, 1].item() + 1, "2*x[1,1]+1"),
-    "variables": lambda x, y: (y, "y"),
-    "compact": lambda x, y: (3 * y + 1, "3*y+1"),
-    "full": lambda x, y: (looked(3 * y + 1), "3*y+1"),
-    "one": lambda x, y: (y[:1] - 1, "y[:1]-1"),
-}
-
-
-def assign_both(model, key, value, look):
-    """Assigns to an expression and to its numbers; both refuse or both agree, and the value keeps what it was."""
-    x, y = variables(model, (2, 3)), variables(model, 3, "y")
-    point = Point(model)
-    given, numbers = VALUES[value](x, y)
-    if isinstance(numbers, str):
-        numbers = eval(numbers, {"x": point.of(x), "y": point.of(y)})
-    e, expected = x + 1.0, point.of(x) + 1.0
-    e = looked(e) if look else e
-    before = (terms(given), given._is_compact()) if isinstance(given, MLinExpr) else None
-    try:
-        expected[key] = numbers
-    except (ValueError, IndexError, TypeError):
-        with pytest.raises((ValueError, IndexError)):
-            e[key] = given
-    else:
-        e[key] = given
-    np.testing.assert_allclose(point.value(e), expected)
-    assert before is None or before == (terms(given), given._is_compact())
-
-
-@pytest.mark.parametrize("key", KEYS, ids=str)
-def test_assignment_gives_what_numpy_gives(mode, key):
-    for value in VALUES:
-        for look in (False, True):
-            assign_both(tarvopy.Model(), key, value, look)
-
 
 def test_what_was_assigned_does_not_leak(mode, model):
     x = variables(model, 3)

@@ -55,6 +55,28 @@ PROGRAMS = {
     "an array that shrinks under its reader": (
         "lb = np.zeros(4); fails(lambda: m.addMVar(4, lb=lb, ub=Evil(lambda: lb.resize(2, refcheck=False), [1.0] * 4)))"
     ),
+    "variables that become fewer while their values are read": (
+        "x4 = m.addMVar(4); one = x4[:1]._vararr\n"
+        "class Values:\n"
+        "    def __iter__(self): x4._vararr = one; return iter([1.0] * 4)\n"
+        "try: x4.setAttr('LB', Values())\n"
+        "except AttributeError as error: print(error)\n"
+        "assert one[0].LB == 0 and x4.shape == (1,)"
+    ),
+    "a child class with other variables each time": (
+        "one, many, asked = X[:1]._vararr, m.addMVar(100000)._vararr, [0]\n"
+        "class Child(tarvopy.MVar):\n"
+        "    @property\n"
+        "    def _vararr(self): asked[0] += 1; return (one, many)[asked[0] % 2]\n"
+        "    @_vararr.setter\n"
+        "    def _vararr(self, array): pass\n"
+        "e, child = X[:1] + 0, Child(many)\n"
+        "for use in (child._idxarr, lambda: child.LB, lambda: child * X[:1], lambda: e + child, lambda: child.sum()):\n"
+        "    for asked[0] in (0, 1):\n"
+        "        try: use()\n"
+        "        except ValueError: pass\n"
+        "print('fine')"
+    ),
     "an array that raises": "fails(lambda: m.addMVar(4, lb=Evil(lambda: 1 / 0, [0.0] * 4)))",
     "a broken sparse matrix": (
         "A = sp.csr_matrix(np.eye(4)); A.indices[:] = 99\n"
