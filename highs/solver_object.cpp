@@ -5,8 +5,7 @@
 #include "solver.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <ranges>
+#include <exception>
 #include <vector>
 
 namespace tarvopy::highs {
@@ -80,8 +79,9 @@ std::vector<HighsInt> integrality_of(std::span<const char> vtype) {
                : letter == 'S' ? kHighsVarTypeSemiContinuous
                                : kHighsVarTypeInteger;
     };
-    const auto types = vtype | std::views::transform(type_of);
-    return {types.begin(), types.end()}; // written once, not zeroed before
+    std::vector<HighsInt> types(vtype.size());
+    std::ranges::transform(vtype, types.begin(), type_of);
+    return types;
 }
 
 struct LoadArguments {
@@ -125,14 +125,14 @@ ModelArrays arrays_of(const LoadArguments &given) {
     return model;
 }
 
-enum class Loaded { Accepted, Refused, OutOfMemory };
-
-// Without the interpreter's lock, since millions of rows take most of a second.
-Loaded load_aside(Solver &solver, const ModelArrays &model) {
+// Without the interpreter's lock, since millions of rows take most of a second: what HiGHS throws is kept until it is
+// held again.
+HighsInt load_aside(Solver &solver, const ModelArrays &model, std::exception_ptr &thrown) {
     try {
-        return solver.load(model) == kHighsStatusError ? Loaded::Refused : Loaded::Accepted;
-    } catch (const std::bad_alloc &) {
-        return Loaded::OutOfMemory;
+        return solver.load(model);
+    } catch (const std::exception &) {
+        thrown = std::current_exception();
+        return kHighsStatusError;
     }
 }
 
@@ -153,12 +153,13 @@ PyObject *solver_load(PyObject *self, PyObject *args, PyObject *kwargs) {
     if (!read)
         return nullptr;
     Solver &solver = *shared(self);
-    Loaded loaded;
-    Py_BEGIN_ALLOW_THREADS loaded = load_aside(solver, model);
+    std::exception_ptr thrown;
+    HighsInt status;
+    Py_BEGIN_ALLOW_THREADS status = load_aside(solver, model, thrown);
     Py_END_ALLOW_THREADS return border([&] {
-        if (loaded == Loaded::OutOfMemory)
-            throw std::bad_alloc();
-        accepted(loaded == Loaded::Refused ? kHighsStatusError : kHighsStatusOk, "the model");
+        if (thrown)
+            std::rethrow_exception(thrown);
+        accepted(status, "the model");
         return Ref::none();
     });
 }

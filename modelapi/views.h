@@ -8,6 +8,7 @@
 #include "modelapi.h"
 
 #include <memory>
+#include <new>
 
 namespace tarvopy::modelapi {
 
@@ -42,16 +43,23 @@ inline Ref owned(PyObject *owner, int type, npy_intp count, const void *data) {
 
 // Takes over what the store allocated; a capsule of this name that gives it back.
 template <class Arrays, void (*give_back)(Arrays *)> Ref kept(const Arrays &arrays, const char *name) {
-    auto taken = std::make_unique<Arrays>(arrays);
-    PyObject *capsule = PyCapsule_New(taken.get(), name, [](PyObject *self) {
-        auto *own = static_cast<Arrays *>(PyCapsule_GetPointer(self, PyCapsule_GetName(self)));
-        give_back(own);
-        delete own;
-    });
-    if (!capsule) {
-        give_back(taken.get());
-        throw PythonError{};
+    struct GivesBack {
+        void operator()(Arrays *own) const {
+            give_back(own);
+            delete own;
+        }
+    };
+    std::unique_ptr<Arrays, GivesBack> taken(new (std::nothrow) Arrays(arrays));
+    if (!taken) {
+        Arrays unwanted = arrays;
+        give_back(&unwanted);
+        throw std::bad_alloc();
     }
+    PyObject *capsule = PyCapsule_New(taken.get(), name, [](PyObject *self) {
+        GivesBack()(static_cast<Arrays *>(PyCapsule_GetPointer(self, PyCapsule_GetName(self))));
+    });
+    if (!capsule)
+        throw PythonError{};
     (void)taken.release(); // the capsule's
     return Ref::steal(capsule);
 }
