@@ -2,9 +2,9 @@
 //
 //   auto solver = std::make_shared<Solver>();
 //   solver->load(model);                      the engine copies the arrays
-//   solver->start(true);                      HiGHS works on a thread of its own; only the calls marked (*) may come in
-//   meanwhile while (!solver->wait(0.05)) ...           progress(), take_log(), interrupt() solver->finished_status();
-//   HiGHS' model status
+//   solver->start(true, HUGE_VAL);            HiGHS works on a thread of its own; only the calls marked (*) may come in
+//   while (!solver->wait(0.05)) ...           progress(), take_log(), interrupt()
+//   solver->return_status();                  its results are read through highs()
 //
 // The thread holds a reference to its solver: whoever lets go of a running solver need not wait for it, the thread
 // frees it at the end. A fresh thread for every run also gives every run its own task scheduler in HiGHS, which belongs

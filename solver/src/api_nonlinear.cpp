@@ -4,7 +4,6 @@
 #include "tape_range.h"
 
 #include <algorithm>
-#include <cstring>
 
 using namespace store;
 

@@ -1,8 +1,8 @@
 // buffer.h: Buffer<T>, a growing array of plain values that never fills what it grows by.
 //
 //   Buffer<double> lb;
-//   double *end = lb.room(n);  write end[0..n);  lb.grow(n);      nothing is seen until grow, so a failure leaves no
-//   trace
+//   double *end = lb.room(n);  write end[0..n);  lb.grow(n);
+//                                        nothing is seen until grow, so a failure leaves no trace
 //
 // std::vector would write zeros over memory that is overwritten at once, which costs as much as the real writing (and
 // touches pages that nobody needs yet). Growing goes through blocks::resize, which moves large blocks by remapping

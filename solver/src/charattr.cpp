@@ -2,7 +2,6 @@
 #include "elementattr.h"
 
 #include <algorithm>
-#include <cinttypes>
 
 namespace store {
 

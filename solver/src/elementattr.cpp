@@ -3,7 +3,6 @@
 #include "elementattr.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <iterator>
 
 namespace store {

@@ -34,8 +34,8 @@ std::string number(double value);
 std::string character(char value);
 
 inline bool isfinite(double v) {
-    return std::fabs(v) < TRV_INFINITY;
-} // false for NaN as well
+    return std::fabs(v) < TRV_INFINITY; // false for NaN as well
+}
 inline double normalized(double v) {
     if (v >= TRV_INFINITY)
         return INFINITY;

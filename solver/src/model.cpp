@@ -3,7 +3,6 @@
 
 #include "failure.h"
 
-#include <cinttypes>
 #include <unordered_map>
 
 using namespace store;

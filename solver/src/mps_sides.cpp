@@ -2,6 +2,7 @@
 #include "mps_sides.h"
 
 #include <charconv>
+#include <cmath>
 
 #include "text_scan.h"
 

@@ -13,7 +13,6 @@
 #ifndef TARVO_MPS_SIDES_H
 #define TARVO_MPS_SIDES_H
 
-#include <cmath>
 #include <limits>
 #include <string>
 

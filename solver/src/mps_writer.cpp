@@ -3,7 +3,6 @@
 // Nothing is written before everything is known to fit. One entry stands in a line, so that the number of a fixed line
 // may run on to the right of its twelve columns (readers take the rest of the line), and every double is written
 // exactly.
-#include <algorithm>
 #include <cmath>
 #include <limits>
 

@@ -72,7 +72,7 @@ class QRows {
         sense.guard(yard);
     }
 
-    // What one right-hand side becomes when it is stored; an error names the id.
+    // What one right-hand side becomes when it is stored; an error says who it is of.
     template <class Who> static double checkedrhs(double value, char sense, Who who, const char *what) {
         const bool none = (sense == '<' && value >= TRV_INFINITY) || (sense == '>' && value <= -TRV_INFINITY);
         if (!isfinite(value) && !none)

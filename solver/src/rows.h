@@ -5,10 +5,10 @@
 // appends. Terms hold ids, not positions: removing variables moves no number.
 //
 //   tight chunk    row i is var[ptr[i]] .. var[ptr[i+1]]
-//   loose chunk    row i is var[ptr[i]] .. var[stop[i]], with space to grow until limit[i]: made when single
-//   coefficients are
-//                  added or taken away; rows that outgrow their space move to the end. An update makes it tight again
-//                  where much space is wasted.
+//   loose chunk    row i is var[ptr[i]] .. var[stop[i]], with space to grow until limit[i]
+//
+// A chunk becomes loose when single coefficients are added or taken away; rows that outgrow their space move to its
+// end. An update makes it tight again where much space is wasted.
 #pragma once
 
 #include "buffer.h"

@@ -3,8 +3,6 @@
 
 #include "buffer.h"
 
-#include <vector>
-
 namespace store {
 
 class Rows;
