@@ -200,12 +200,8 @@ void NlRows::purge(const Columns &columns) noexcept {
 }
 
 void NlRows::update(const Columns &columns) noexcept {
-    const auto goes = [&](int32_t id) {
-        const int32_t s = columns.ids.slot(id);
-        return s < 0 || columns.ids.gone(s);
-    };
     if (columns.ids.anygone() || ids.anygone())
-        filterlinear(goes, true);
+        filterlinear([&](int32_t id) { return !columns.ids.usable(id); }, true);
     compacttapes();
     ids.compact(lower);
     ids.compact(upper);

@@ -120,22 +120,9 @@ void QRows::purge(const Columns &columns) noexcept {
     stale_ = false;
 }
 
-namespace {
-
-// Whether the variable goes with the update that comes, or has gone.
-struct GoneAtUpdate {
-    const Registry &variables;
-    bool operator()(int32_t id) const {
-        const int32_t s = variables.slot(id);
-        return s < 0 || variables.gone(s);
-    }
-};
-
-} // namespace
-
 void QRows::update(const Columns &columns) noexcept {
     if (columns.ids.anygone() || ids.anygone())
-        filter(GoneAtUpdate{columns.ids}, true);
+        filter([&](int32_t id) { return !columns.ids.usable(id); }, true);
     ids.compact(rhs);
     ids.compact(sense);
     ids.commit();
@@ -177,7 +164,7 @@ void QObjective::purge(const Columns &columns) noexcept {
 
 void QObjective::update(const Columns &columns) noexcept {
     if (columns.ids.anygone())
-        filter(GoneAtUpdate{columns.ids});
+        filter([&](int32_t id) { return !columns.ids.usable(id); });
     stale_ = false;
 }
 

@@ -14,13 +14,6 @@ from tarvopy._debug import counts
 inf = tarvopy.inf
 
 
-@pytest.fixture
-def m():
-    model = tarvopy.Model()
-    yield model
-    model.close()
-
-
 def test_scalar_rows_by_hand(m):
     x, y = m.addVar(name="x"), m.addVar(name="y")
     first = m.addConstr(2 * x + 3 * y + 1 <= 5, name="first")

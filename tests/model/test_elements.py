@@ -11,13 +11,6 @@ from model_arrays import arrays, shape_of
 from tarvopy import TRV, TarvoError
 
 
-@pytest.fixture
-def m():
-    model = tarvopy.Model()
-    yield model
-    model.close()
-
-
 def test_lists_are_in_model_order_and_objects_are_unique(m):
     x = m.addVar()
     X = m.addMVar(2)

@@ -19,13 +19,6 @@ from tarvopy.problem import Problem
 INF = float("inf")
 
 
-@pytest.fixture
-def m():
-    model = tarvopy.Model()
-    yield model
-    model.close()
-
-
 def stored(m):
     """(type, [(terms by position, constant) of each argument], numbers) of each general constraint."""
     m.update()

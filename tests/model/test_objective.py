@@ -8,13 +8,6 @@ from model_arrays import arrays
 from tarvopy import TRV, TarvoError
 
 
-@pytest.fixture
-def m():
-    model = tarvopy.Model()
-    yield model
-    model.close()
-
-
 def test_objective_replaces_everything_before(mode, m):
     x, X = m.addVar(obj=7), m.addMVar(3, obj=1)
     m.setObjective(2 * x + 3, TRV.MAXIMIZE)

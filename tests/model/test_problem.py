@@ -12,13 +12,6 @@ from tarvopy.problem import Changes, Problem
 
 
 @pytest.fixture
-def m():
-    model = tarvopy.Model()
-    yield model
-    model.close()
-
-
-@pytest.fixture
 def small(m):
     """max x0 + 2 x1 + 3: x0 + x1 <= 4, x0 - x1 >= -2, 0 <= x <= (3, inf): optimum (1, 3), 10."""
     x = m.addMVar(2, ub=[3, np.inf], obj=[1, 2], name="x")

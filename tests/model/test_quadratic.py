@@ -11,13 +11,6 @@ from tarvopy.problem import Problem
 INF = float("inf")
 
 
-@pytest.fixture
-def m():
-    model = tarvopy.Model()
-    yield model
-    model.close()
-
-
 def stored(m):
     """(sense, rhs, linear terms, quadratic terms) of each quadratic row, terms as dictionaries by position."""
     m.update()
