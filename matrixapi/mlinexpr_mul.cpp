@@ -199,15 +199,7 @@ void imul_array(PyObject *self, PyObject *array) {
     compact ? imul_compact(self, numbers) : imul_full(self, numbers);
 }
 
-Ref number_array(double value) {
-    return float_array({}, &value);
-}
-
 // ---- division and powers -------------------------------------------------------------------------------------------
-
-Ref not_implemented() {
-    return Ref::borrow(Py_NotImplemented);
-}
 
 Ref divide(PyObject *self, PyObject *other) {
     Operand kind = kind_of(other);

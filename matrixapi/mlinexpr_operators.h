@@ -59,7 +59,10 @@ Ref times(PyObject *array, double factor);
 Ref polynomial_elements(Ref result);
 // A full expression over what NumPy's operator gave.
 Ref wrap_elements(Ref result);
-// A 0-dimensional object array around one object.
+// A 0-dimensional array around one number; around one object.
+inline Ref number_array(double value) {
+    return float_array({}, &value);
+}
 Ref object_scalar(PyObject *object);
 // A full copy of a compact expression's elements, or the elements of a full one.
 Ref elements_of(PyObject *expr);
@@ -85,6 +88,9 @@ flat::Shape fitting_shape(const flat::Shape &from, const flat::Shape &to);
 void assert_that(bool holds);
 
 // ---- arithmetic, shared by operators and their reflected forms
+inline Ref not_implemented() {
+    return Ref::borrow(Py_NotImplemented);
+}
 // 0 numbers (and what is no operand), 1 linear, 2 quadratic, 3 nonlinear; of an array of objects, the highest of its
 // elements.
 int degree_of(PyObject *operand, Operand kind);

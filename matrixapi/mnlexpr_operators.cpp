@@ -19,10 +19,6 @@ using namespace pysupport;
 
 namespace {
 
-Ref not_implemented() {
-    return Ref::borrow(Py_NotImplemented);
-}
-
 struct Side {
     NodeView view;
     flat::Shape shape;

@@ -18,10 +18,6 @@ using namespace pysupport;
 
 namespace {
 
-Ref own_ndle(PyObject *expr) {
-    return Ref::borrow(ndle_of(expr));
-}
-
 // ---- a new sum with a linear operand ------------------------------------------------------------------------------
 
 // The quadratic half of self, spread over the shape of ndle, as a new expression.

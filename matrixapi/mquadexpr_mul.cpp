@@ -20,14 +20,6 @@ namespace {
 
 constexpr const char *multiplier = "Multiplier";
 
-Ref number_array(double value) {
-    return float_array({}, &value);
-}
-
-Ref own_ndle(PyObject *expr) {
-    return Ref::borrow(ndle_of(expr));
-}
-
 // Of an array with one element.
 bool single_number(const Ref &numbers) {
     return PyArray_SIZE(as_array(numbers)) == 1;

@@ -9,10 +9,6 @@ using namespace pysupport;
 
 namespace {
 
-Ref not_implemented() {
-    return Ref::borrow(Py_NotImplemented);
-}
-
 Ref add_operator(PyObject *self, PyObject *other) {
     return quad_add(self, other, 1.0);
 }

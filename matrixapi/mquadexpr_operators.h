@@ -7,6 +7,11 @@
 
 namespace tarvopy {
 
+// The linear half, kept alive while Python code may put another one in its place.
+inline Ref own_ndle(PyObject *expr) {
+    return Ref::borrow(ndle_of(expr));
+}
+
 // The quadratic half in numbers, a snapshot.
 struct QuadValue {
     flat::QuadForm form;

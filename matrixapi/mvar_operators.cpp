@@ -27,10 +27,6 @@ Ref nonlinear_form(PyObject *mvar) {
 
 namespace {
 
-Ref not_handled() {
-    return Ref::borrow(Py_NotImplemented);
-}
-
 [[noreturn]] void fail_too_few_dimensions() {
     fail(PyExc_ValueError, "Input operand does not have enough dimensions");
 }
@@ -84,7 +80,7 @@ Ref matmul(PyObject *self, PyObject *other) {
     case Operand::Scalar:
         fail_too_few_dimensions();
     default:
-        return not_handled();
+        return not_implemented();
     }
 }
 
@@ -96,7 +92,7 @@ Ref reflected_matmul(PyObject *self, PyObject *other) {
     case Operand::Scalar:
         fail_too_few_dimensions();
     default:
-        return not_handled();
+        return not_implemented();
     }
 }
 
@@ -122,7 +118,7 @@ Ref power(PyObject *self, PyObject *other) {
     case Operand::Sparse:
         return power(self, to_dense(other).get());
     case Operand::Other:
-        return not_handled();
+        return not_implemented();
     default:
         return nonlinear_power(self, other);
     }
@@ -138,7 +134,7 @@ Ref reflected_power(PyObject *self, PyObject *other) {
     case Operand::Scalar:
         return check(PyNumber_Power(other, nonlinear_form(self).get(), Py_None));
     default:
-        return not_handled();
+        return not_implemented();
     }
 }
 
@@ -154,7 +150,7 @@ Ref reflected_divide(PyObject *self, PyObject *other) {
     case Operand::Sparse:
         return check(PyNumber_TrueDivide(to_dense(other).get(), nonlinear_form(self).get()));
     default:
-        return not_handled();
+        return not_implemented();
     }
 }
 
