@@ -10,15 +10,19 @@
 
 namespace tarvopy {
 
+// What keeps everybody else away from a model.
+constexpr int being_solved = 1, in_file = 2;
+
 // The model handle: owner of the store. Everything of one model holds a reference to the same handle; identity of
 // handles is identity of models. `store` is NULL once the model was closed.
 struct ModelObject {
     PyObject_HEAD TRVmodel *store;
     // Tables of borrowed pointers to the living scalar objects, by id (core/'s own business).
     void *tables;
-    // Set while an engine runs on this model: other threads and a second Ctrl-C may come in, and are refused by
-    // CoreApi::store, as is every attribute read. Whoever runs the engine works on the store pointer it took before,
-    // and clears the flag before it reads anything through Python objects.
+    // Not 0 while an engine runs on this model (being_solved), or a file is read or written (in_file): other threads, a
+    // second Ctrl-C and handlers of signals may come in, and are refused by CoreApi::store, as is every attribute read.
+    // Whoever runs the engine works on the store pointer it took before, and clears the flag before it reads anything
+    // through Python objects.
     int solving;
     PyObject *weakrefs;
     // So many elements are about to be added: their objects may be made already (modelapi/new_handle.h).

@@ -142,6 +142,9 @@ IdTable &id_table(ModelObject *model, int kind) {
 TRVmodel *open_store(ModelObject *model) {
     if (!model->store)
         fail_code(TRV_ERROR_CLOSED, "the model is closed");
+    if (model->solving == in_file)
+        fail_code(TRV_ERROR_INVALID_ARGUMENT,
+                  "the model is being read from a file or written to one; it can be used again when that is done");
     if (model->solving)
         fail_code(TRV_ERROR_INVALID_ARGUMENT,
                   "the model is being solved; it can be used again when the engine has stopped");

@@ -40,12 +40,14 @@ class IdTable {
 // kind: TRV_VAR, TRV_CONSTR, ...
 IdTable &id_table(ModelObject *model, int kind);
 
-// The store, or an exception: closed, or an engine runs on it.
+// The store, or an exception: closed, or an engine runs on it, or a file is read or written.
 TRVmodel *open_store(ModelObject *model);
 
 // Why the store cannot be asked now, for texts that must not raise; NULL if it can.
 inline const char *unavailable(const ModelObject *model) {
-    return !model->store ? "model closed" : model->solving ? "being solved" : nullptr;
+    if (!model->store)
+        return "model closed";
+    return model->solving == in_file ? "being read or written" : model->solving ? "being solved" : nullptr;
 }
 
 } // namespace tarvopy::core

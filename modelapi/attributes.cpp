@@ -154,7 +154,8 @@ PyObject *model_repr(PyObject *self) {
             return check(
                 PyUnicode_FromString(handle ? "<tarvopy.Model (closed)>" : "<tarvopy.Model (not initialised)>"));
         if (handle->solving)
-            return check(PyUnicode_FromString("<tarvopy.Model (being solved)>"));
+            return check(PyUnicode_FromString(handle->solving == in_file ? "<tarvopy.Model (being read or written)>"
+                                                                         : "<tarvopy.Model (being solved)>"));
         TRVmodel *store = handle->store;
         const char *name = "";
         succeed(store, TRVgetstrattr(store, "ModelName", &name));

@@ -1,8 +1,9 @@
-// Model files and solutions by path; the store reads and writes them.
+// Model files and solutions by path; the store reads and writes them, and asks meanwhile whether a signal has come.
 
 #include "modelapi.h"
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <string_view>
 #include <strings.h>
@@ -27,6 +28,54 @@ Ref path_bytes(PyObject *object) {
     return Ref::steal(bytes);
 }
 
+// One function of the store that reads or writes a file. Handlers, finalizers and other threads run meanwhile, and are
+// kept away from the model: it is half read, or its arrays are being written.
+class FileCall {
+  public:
+    FileCall(ModelObject *handle, TRVmodel *store) : handle_(handle), store_(store), before_(handle->solving) {
+        if (!before_)
+            handle_->solving = in_file;
+        TRVsetstop(store_, signal_raised, this);
+    }
+    ~FileCall() {
+        TRVsetstop(store_, nullptr, nullptr);
+        if (!before_)
+            handle_->solving = 0;
+    }
+    FileCall(const FileCall &) = delete;
+    FileCall &operator=(const FileCall &) = delete;
+
+    void succeed(int code) {
+        if (code == TRV_ERROR_INTERRUPTED && PyErr_Occurred())
+            throw PythonError{};
+        modelapi::succeed(store_, code);
+    }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    // Runs the handlers of signals that have come, in the thread where Python runs them; the error of one that raised
+    // stays set. Now and then it lets others in: the main thread may have a signal to answer. A busy one keeps the
+    // interpreter for 5 ms each time, so more often would make writing many times slower.
+    static int signal_raised(void *context) {
+        if (PyErr_CheckSignals() != 0)
+            return 1;
+        auto *call = static_cast<FileCall *>(context);
+        const Clock::time_point now = Clock::now();
+        if (now - call->others_ran_ > std::chrono::milliseconds(50)) {
+            Py_BEGIN_ALLOW_THREADS;
+            Py_END_ALLOW_THREADS;
+            call->others_ran_ = Clock::now();
+        }
+        return 0;
+    }
+
+    ModelObject *handle_;
+    TRVmodel *store_;
+    int before_; // an engine writes a file of its own while the model is being solved
+    Clock::time_point others_ran_ = Clock::now();
+};
+
 } // namespace
 
 TARVOPY_METHOD(model_read) {
@@ -37,12 +86,8 @@ TARVOPY_METHOD(model_read) {
         Ref path = path_bytes(given[0]);
         const char *text = PyBytes_AS_STRING(path.get());
         TRVmodel *store = store_of(handle);
-        if (is_solution(text)) {
-            succeed(store, TRVreadsolution(store, text));
-            return Ref::none();
-        }
-        succeed(store, TRVreadmodel(store, text));
-        succeed(store, TRVupdatemodel(store));
+        FileCall call(handle, store);
+        call.succeed(is_solution(text) ? TRVreadsolution(store, text) : TRVreadmodel(store, text));
         return Ref::none();
     });
 }
@@ -56,7 +101,8 @@ TARVOPY_METHOD(model_write) {
         const char *text = PyBytes_AS_STRING(path.get());
         TRVmodel *store = store_of(handle);
         succeed(store, TRVupdatemodel(store));
-        succeed(store, is_solution(text) ? TRVwritesolution(store, text) : TRVwritemodel(store, text));
+        FileCall call(handle, store);
+        call.succeed(is_solution(text) ? TRVwritesolution(store, text) : TRVwritemodel(store, text));
         return Ref::none();
     });
 }
@@ -70,7 +116,10 @@ TARVOPY_METHOD(function_write_nl) {
         TRVmodel *store = engine_store(given[0]);
         Ref path = path_bytes(given[1]);
         int32_t nvars, *position;
-        succeed(store, TRVwritenl(store, PyBytes_AS_STRING(path.get()), &nvars, &position));
+        {
+            FileCall call(reinterpret_cast<ModelObject *>(given[0]), store);
+            call.succeed(TRVwritenl(store, PyBytes_AS_STRING(path.get()), &nvars, &position));
+        }
         const std::unique_ptr<int32_t, void (*)(void *)> keeper(position, TRVfree);
         const npy_intp count = nvars;
         Ref array = check(PyArray_SimpleNew(1, &count, NPY_INT32));

@@ -46,7 +46,8 @@ enum {
     TRV_ERROR_FILE = 8,           /* cannot be opened, read or written */
     TRV_ERROR_SYNTAX = 9,         /* a file that does not parse: the message has "line N" */
     TRV_ERROR_UNSUPPORTED = 10,   /* what a format or an engine cannot say */
-    TRV_ERROR_CLOSED = 11         /* reserved for the callers: the model was closed */
+    TRV_ERROR_CLOSED = 11,        /* reserved for the callers: the model was closed */
+    TRV_ERROR_INTERRUPTED = 12    /* the function of TRVsetstop ended the call */
 };
 
 /* Kinds of element. The numbers are those of _typeenum in the matrix handles. */
@@ -597,6 +598,10 @@ TRV_API int TRVwritenl(TRVmodel *model, const char *path, int32_t *nvars, int32_
 /* .sol: one "name value" a line, # begins a comment. Written from X; read into Start. */
 TRV_API int TRVwritesolution(TRVmodel *model, const char *path);
 TRV_API int TRVreadsolution(TRVmodel *model, const char *path);
+/* While one of the functions above runs it asks stop(context) again and again, on its own thread, some milliseconds
+ * apart; if that is not 0 the call fails with INTERRUPTED and, as any call that fails, has changed neither the model
+ * nor the file. The function must not use the model. NULL: the calls run to their end, as they do at first. */
+TRV_API void TRVsetstop(TRVmodel *model, int (*stop)(void *context), void *context);
 
 #ifdef __cplusplus
 }

@@ -4,6 +4,7 @@
 
 #include "file_error.h"
 #include "file_model.h"
+#include "stop.h"
 
 namespace trv {
 namespace {
@@ -64,6 +65,7 @@ struct Split {
         }
         number.assign(nrows, -1);
         for (std::size_t i = 0; i < nrows; ++i) {
+            check_stop_at(static_cast<std::int64_t>(i));
             if (kind[i] == 'L') {
                 enter(target, source, i, linear, TRV_CONSTR, 'R');
             } else if (kind[i] == 'Q') {
@@ -86,6 +88,7 @@ struct Split {
 // Calls f(row, column, value) for each linear term, in the file's order.
 template <typename F> void each_term(const FileModel &source, F f) {
     for (std::size_t major = 0; major < source.start.size(); ++major) {
+        check_stop_at(static_cast<std::int64_t>(major));
         const std::size_t last =
             major + 1 < source.start.size() ? static_cast<std::size_t>(source.start[major + 1]) : source.entry.size();
         for (auto k = static_cast<std::size_t>(source.start[major]); k < last; ++k) {
@@ -173,11 +176,14 @@ class Storing {
     void run() {
         added_.expect();
         add_columns();
+        check_stop();
         add_rows();
+        check_stop();
         add_quadratic_rows();
         add_indicators();
         add_sets();
         set_objective();
+        check_stop(); // from here on only memory can fail
         check(target_, TRVsetstrattr(target_, "ModelName", source_.name.c_str()));
         added_.keep();
         check(target_, TRVsetintattr(target_, "ModelSense", source_.sense));

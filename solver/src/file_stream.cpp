@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "stop.h"
 #include "text_scan.h"
 
 namespace trv {
@@ -92,6 +93,7 @@ bool LineReader::refill() {
     if (at_end_) {
         return false;
     }
+    check_stop();
     if (begin_ > 0) {
         std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
         end_ -= begin_;
@@ -274,6 +276,7 @@ void FileWriter::flush() {
 
 void FileWriter::write_out(std::string_view text) {
     while (!text.empty()) {
+        check_stop();
         errno = 0;
         const std::size_t piece = std::min(text.size(), kRoom);
         const ssize_t done = archive_ != nullptr ? gzwrite(archive_, text.data(), static_cast<unsigned>(piece))

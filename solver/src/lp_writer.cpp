@@ -9,6 +9,7 @@
 #include "file_stream.h"
 #include "lp_lexer.h"
 #include "lp_model.h"
+#include "stop.h"
 #include "text_scan.h"
 #include "written_model.h"
 
@@ -24,6 +25,7 @@ constexpr std::size_t kWidth = 100; // where lines are wrapped
 
 void check_names(const ModelNames &names, const std::string &kind) {
     for (std::int32_t i = 0; i < names.size(); ++i) {
+        check_stop_at(i);
         const std::string_view flaw = lp_name_flaw(names[i]);
         if (!flaw.empty()) {
             refuse(joined("the name ", shown(names[i]), " of a ", kind, " ", flaw));

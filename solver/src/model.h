@@ -28,9 +28,11 @@ struct TRVmodel {
     int sense = TRV_MINIMIZE;
     store::Changes changes;
     store::Solution solution;
-    bool changed = false; // since the last solution
-    std::string error;    // of the last failed call
-    std::string text;     // what TRVgetstrattr returned last
+    bool changed = false;                 // since the last solution
+    std::string error;                    // of the last failed call
+    std::string text;                     // what TRVgetstrattr returned last
+    int (*stop)(void *context) = nullptr; // see TRVsetstop
+    void *stopcontext = nullptr;
 
     store::Registry &registry(int kind);
     const store::Registry &registry(int kind) const;

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "file_error.h"
+#include "stop.h"
 
 namespace trv {
 
@@ -16,6 +17,7 @@ template <typename Work> int guarded(TRVmodel *model, const char *path, Work wor
     if (path == nullptr || *path == '\0') {
         return TRVfail(model, TRV_ERROR_INVALID_ARGUMENT, "the path of the file is empty");
     }
+    const StopScope scope(model);
     try {
         work();
         return TRV_OK;

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "file_error.h"
+#include "stop.h"
 
 namespace trv {
 namespace {
@@ -34,12 +35,15 @@ ModelNames::ModelNames(TRVmodel *model, int kind, std::int32_t count)
     check(model, TRVgetstrs(model, attribute, count, ids_.data(), 0, &text, &offset));
     const std::unique_ptr<char, StoreFree> text_owner(text);
     const std::unique_ptr<std::int64_t, StoreFree> offset_owner(offset);
+    check_stop();
     offset_.assign(offset, offset + count + 1);
     text_.assign(text, static_cast<std::size_t>(offset[count]));
+    check_stop();
 }
 
 void ModelNames::refuse_doubled(std::string_view before, const std::string &kind) {
     for (std::int32_t i = 0; i < count_; ++i) {
+        check_stop_at(i);
         if (table_.add((*this)[i]) < 0) {
             throw FileError{TRV_ERROR_UNSUPPORTED, joined(before, "two ", kind, "s are called ", shown((*this)[i]))};
         }

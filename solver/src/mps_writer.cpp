@@ -8,6 +8,7 @@
 
 #include "file_stream.h"
 #include "mps_sides.h"
+#include "stop.h"
 #include "text_scan.h"
 #include "written_model.h"
 
@@ -66,6 +67,7 @@ class MpsWriter {
 
     void check_names(const ModelNames &names, const std::string &kind) {
         for (std::int32_t i = 0; i < names.size(); ++i) {
+            check_stop_at(i);
             const std::string_view name = names[i];
             if (name.empty()) {
                 refuse(joined("the ", kind, " ", std::to_string(i), " has an empty name"));
@@ -110,6 +112,7 @@ class MpsWriter {
 
     void make_row_forms() {
         for (std::int32_t i = 0; i < data_.nrows; ++i) {
+            check_stop_at(i);
             make_row_form(rows_[i], data_.lower[i], data_.upper[i]);
         }
         for (const WrittenIndicator &indicator : model_.indicators) {

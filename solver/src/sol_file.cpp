@@ -9,6 +9,7 @@
 #include "file_stream.h"
 #include "model_files.h"
 #include "model_names.h"
+#include "stop.h"
 #include "text_scan.h"
 
 namespace trv {
@@ -16,6 +17,7 @@ namespace {
 
 void check_writable(const ModelNames &names) {
     for (std::int32_t i = 0; i < names.size(); ++i) {
+        check_stop_at(i);
         const std::string_view name = names[i];
         if (name.empty() || has_control(name) || name.front() == '#' || trimmed(name).size() != name.size()) {
             throw FileError{TRV_ERROR_UNSUPPORTED,

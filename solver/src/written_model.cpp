@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "file_error.h"
+#include "stop.h"
 
 namespace trv {
 namespace {
@@ -56,6 +57,7 @@ void WrittenModel::free_matrices() {
 
 void WrittenModel::read_matrices(TRVmodel *model, int by_columns) {
     check(model, TRVgetmatrix(model, by_columns, &matrix));
+    check_stop();
     if (data.nqrows > 0) {
         check(model, TRVgetqmatrix(model, &qmatrix));
     }
@@ -66,6 +68,7 @@ void WrittenModel::read_matrices(TRVmodel *model, int by_columns) {
 
 void WrittenModel::read_general() {
     for (std::int32_t g = 0; g < data.ngens; ++g) {
+        check_stop_at(g);
         switch (genmatrix.type[g]) {
         case TRV_GEN_INDICATOR:
             add_indicator(g);

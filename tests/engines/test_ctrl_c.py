@@ -1,4 +1,4 @@
-"""Ctrl-C during a solve, with real signals to child processes, on a model that needs minutes."""
+"""Ctrl-C, with real signals to child processes: during a solve that needs minutes, and while files are read and written."""
 
 import signal
 import subprocess
@@ -221,3 +221,61 @@ def test_the_interpreter_ends_while_a_solve_is_in_flight(hard, code):
     assert lines[-1] == "end"
     assert returncode == 0
     assert child.seconds() < 10
+
+
+def test_ctrl_c_while_files_are_read_and_written(tmp_path):
+    (tmp_path / "empty.lp").write_text("Minimize\nSubject To\nEnd\n")
+    child = Child(
+        """
+import numpy as np, scipy.sparse as sp
+folder = os.path.dirname(sys.argv[1])
+big, packed, full = folder + "/big.mps", folder + "/big.mps.gz", tarvopy.Model()
+x = full.addMVar(150_000, name="flow_on_arc")
+full.addConstr(sp.random_array((100_000, 150_000), density=5e-5, format="csr", rng=1) @ x <= 1, name="balance_at")
+full.write(big)
+open(packed, "w").write("old")
+
+def begin(what, call):
+    say(what)
+    try:
+        call()
+    except KeyboardInterrupt:
+        say("left")
+
+begin("writing", lambda: full.write(packed))
+say(open(packed).read(), len(os.listdir(folder)), full.NumVars)
+begin("reading", lambda: m.read(big))
+say(m.NumVars, m.NumConstrs)
+m.read(big)
+say(m.NumVars, m.NumConstrs)
+
+def handler(*_):
+    for use in (lambda: full.NumVars, full.update, full.close, lambda: full.write(big), lambda: full.read(big)):
+        try:
+            use()
+        except tarvopy.TarvoError as error:
+            say(error)
+    say(repr(full))
+    raise ZeroDivisionError
+
+signal.signal(signal.SIGALRM, handler)
+signal.setitimer(signal.ITIMER_REAL, 0.1)
+try:
+    full.write(packed)
+except ZeroDivisionError:
+    say("left", open(packed).read(), full.NumVars)
+""",
+        str(tmp_path / "empty.lp"),
+    )
+    for what, then in ("writing", "old 3 150000"), ("reading", "0 0"):
+        assert child.line() == what
+        time.sleep(0.1)  # each takes at least four times as long
+        child.interrupt()
+        assert child.line() == "left"
+        assert child.seconds() < 2  # some hundredths; the processors may be busy
+        assert child.line() == then
+    lines, code = child.finish()
+    refused = "the model is being read from a file or written to one; it can be used again when that is done"
+    assert lines[0] == "150000 100000"
+    assert lines[1:] == [*[refused] * 5, "<tarvopy.Model (being read or written)>", "left old 150000"]
+    assert code == 0

@@ -395,6 +395,11 @@ class Store(GeneralConstraints):
         x = f64_array(x)
         return self._matrix("TRVgetnljacobian", ptr_to(x, f64p))
 
+    def stop_when(self, decide):
+        """decide() is the answer whenever the reader or writer of a file asks whether to stop."""
+        self._stop = c.CFUNCTYPE(c.c_int, c.c_void_p)(lambda _: decide())
+        lib.TRVsetstop(self.handle, self._stop, None)
+
     def writenl(self, path):
         """The position of each variable of the file."""
         n, position = c.c_int32(), i32p()

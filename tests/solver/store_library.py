@@ -24,7 +24,7 @@ lib.TRVfindattr.restype = c.POINTER(AttrInfo)
 lib.TRVattrat.restype = c.POINTER(AttrInfo)
 lib.TRVfree.argtypes = [c.c_void_p]
 lib.TRVfree.restype = lib.TRVfreemodel.restype = lib.TRVdroprows.restype = lib.TRVpositions.restype = None
-lib.TRVfreegenmatrix.restype = None
+lib.TRVfreegenmatrix.restype = lib.TRVsetstop.restype = None
 lib.TRVfreematrix.restype = lib.TRVfreecones.restype = lib.TRVfreeqmatrix.restype = lib.TRVclearchanges.restype = None
 
 
