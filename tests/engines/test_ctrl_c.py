@@ -1,4 +1,4 @@
-"""Ctrl-C, with real signals to child processes: during a solve that needs minutes, and while files are read and written."""
+"""Ctrl-C, with real signals to child processes: in a solve that needs minutes, and while files are read and written."""
 
 import signal
 import subprocess
