@@ -16,6 +16,7 @@ import os, signal, sys, threading, time
 import tarvopy
 import tarvopy.flight
 from tarvopy.engines.highs import HighsEngine
+signal.signal(signal.SIGINT, signal.default_int_handler)  # a shell's background jobs start with it ignored
 m = tarvopy.read(sys.argv[1])
 m.params.LogLevel = 0
 
