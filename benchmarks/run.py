@@ -114,9 +114,10 @@ def rows(family, size, cells):
 def heading(reps):
     quadratic = ", ".join(common.QUADRATIC)
     packages = ", ".join(f"{name} {version(name)}" for name in ("tarvopy", "highspy", "linopy", "cvxpy", "numpy"))
+    runs = f"medians of {reps} fresh processes" if reps > 1 else "one fresh process each"
     return f"""# Benchmarks
 
-From the first variable to the model loaded in HiGHS (not run): medians of {reps} fresh processes, packages in turn.
+From the first variable to the model loaded in HiGHS (not run): {runs}, packages in turn.
 `by hand` is NumPy arrays and one bulk hand-over without a modelling layer; ratios are to it. Peak is what the build
 adds to the process' resident size at its largest. Made by `make bench`; `benchmarks/common.py` defines the families.
 Quadratic families ({quadratic}) end with the arrays that Clarabel's constructor takes, which is not
