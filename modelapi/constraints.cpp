@@ -8,37 +8,10 @@
 #include "row_blocks.h"
 
 #include <algorithm>
-#include <cmath>
-#include <numeric>
-#include <optional>
 
 namespace tarvopy::modelapi {
 
 namespace {
-
-// Rows that were written as >= but have no bound: the store sees no side of theirs, and would take an RHS that is set
-// later for the right-hand side of <=. Asks for its memory before the rows are added.
-class FreeRows {
-  public:
-    FreeRows(int64_t nrows, const double *lower) : rows_(nrows) {
-        std::iota(rows_.begin(), rows_.end(), 0);
-        for (int64_t i = 0; i < nrows; ++i)
-            if (lower[i] <= -TRV_INFINITY)
-                free_.push_back(static_cast<int32_t>(i));
-    }
-    void keep_their_sense(TRVmodel *store, int32_t first) {
-        for (std::vector<int32_t> *ids : {&rows_, &free_})
-            for (int32_t &id : *ids)
-                id += first;
-        int status = TRVsetchars(store, "Sense", static_cast<int64_t>(free_.size()), free_.data(), 0, ">", 0);
-        if (status != TRV_OK)
-            TRVremove(store, TRV_CONSTR, static_cast<int64_t>(rows_.size()), rows_.data());
-        succeed(store, status);
-    }
-
-  private:
-    std::vector<int32_t> rows_, free_;
-};
 
 Ref add_linear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense, Names &names) {
     Rows rows(lhs, rhs);
@@ -48,14 +21,9 @@ Ref add_linear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense, N
     NewHandle made(handle, TRV_CONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
     Scratch<double> bounds = rows.write_into(store);
-    bool free = to_bounds(shape.size, bounds.get());
+    to_bounds(shape.size, bounds.get());
     OneSided sides(sense, bounds.get());
-    std::optional<FreeRows> free_rows;
-    if (free && sense == Sense::Greater)
-        free_rows.emplace(shape.size, sides.lower);
     int32_t first = rows.commit(sides.lower, sides.lowerstep, sides.upper, sides.upperstep, block);
-    if (free_rows)
-        free_rows->keep_their_sense(store, first);
     return made.take(first);
 }
 

@@ -115,13 +115,9 @@ OneSided::OneSided(Sense sense, const double *bounds)
         upper = &plus;
 }
 
-bool to_bounds(int64_t nrows, double *constants) {
-    bool finite = true;
-    for (int64_t i = 0; i < nrows; ++i) {
+void to_bounds(int64_t nrows, double *constants) {
+    for (int64_t i = 0; i < nrows; ++i)
         constants[i] = 0.0 - constants[i]; // so that no bound becomes -0.0
-        finite &= std::fabs(constants[i]) < TRV_INFINITY;
-    }
-    return !finite;
 }
 
 } // namespace tarvopy::modelapi

@@ -99,8 +99,7 @@ struct OneSided {
     OneSided(Sense sense, const double *bounds);
 };
 
-// The constants of a block become bounds in place. Returns whether one is infinite, or NaN: the store, which knows the
-// names, refuses those that can never hold.
-bool to_bounds(int64_t nrows, double *constants);
+// The constants of a block become bounds in place. The store, which knows the names, refuses those that can never hold.
+void to_bounds(int64_t nrows, double *constants);
 
 } // namespace tarvopy::modelapi

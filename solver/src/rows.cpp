@@ -147,6 +147,8 @@ int32_t Rows::addopen(int64_t nnz, const double *low, int lowstep, const double 
         std::memset(s, '=', n);
     else if (n && lowstep == 0 && std::isinf(*l))
         std::memset(s, '<', n);
+    else if (n && upstep == 0 && std::isinf(*u))
+        std::memset(s, '>', n);
     else
         for (int64_t i = 0; i < n; i++)
             s[i] = senseof(l[i], u[i]);
