@@ -18,6 +18,7 @@ namespace {
 struct alignas(16) Head {
     std::size_t mapped; // bytes of the mapping, this head included; 0 for a small block, which is of the C heap
     std::size_t bytes;  // as asked for
+    std::size_t used;   // bytes, this head included, that may hold what an earlier taker wrote
 };
 
 constexpr std::size_t page = 4096;
@@ -36,6 +37,55 @@ Head *head_of(void *block) {
 std::size_t mapping_for(std::size_t bytes) {
     return (bytes + sizeof(Head) + page - 1) / page * page;
 }
+
+void *map(std::size_t mapped, bool large_pages = false) {
+    void *memory = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (memory == MAP_FAILED)
+        return nullptr;
+    if (large_pages)
+        madvise(memory, mapped, MADV_HUGEPAGE); // where the system has none, small ones do
+    return memory;
+}
+
+// Address space taken in advance, from which blocks are cut one after the other: large pages then serve neighbours, and
+// a block need not be as large as one. The first region, all that a small model needs, has small pages. Each block is
+// unmapped and moved by itself (so it must not lie across two regions), and what was cut never comes back here.
+//
+// Large pages are for the first 64 MB. Writing them costs a fifth (0.12 instead of 0.6 ns a byte) where the system has
+// them at hand, but three times as much in a virtual machine that has given its free memory back to the host, which is
+// the likelier the more of them are asked for.
+class Region {
+  public:
+    void *cut(std::size_t mapped, std::size_t in_use) {
+        if (mapped > kLarge / 2)
+            return map(mapped, mapped <= kLarge && in_use < kFew);
+        if (mapped > left_ && !renew(mapped, in_use))
+            return map(mapped);
+        void *memory = next_;
+        next_ += mapped;
+        left_ -= mapped;
+        return memory;
+    }
+
+  private:
+    static constexpr std::size_t kSmall = 4 * 1024 * 1024, kLarge = 64 * 1024 * 1024;
+    static constexpr std::size_t kFew = 16 * 1024 * 1024; // in use: from there on small pages again
+
+    bool renew(std::size_t mapped, std::size_t in_use) {
+        const bool small = !next_ && mapped <= kSmall;
+        const std::size_t size = small ? kSmall : kLarge;
+        void *memory = map(size, !small && in_use < kFew);
+        if (!memory)
+            return false;
+        if (left_)
+            munmap(next_, left_);
+        next_ = static_cast<char *>(memory);
+        left_ = size;
+        return true;
+    }
+    char *next_ = nullptr;
+    std::size_t left_ = 0;
+};
 
 void unmap(Head *head) noexcept {
     munmap(static_cast<void *>(head), head->mapped);
@@ -57,6 +107,7 @@ class Shelf {
     bool keep(Head *head) {
         if (count_ == places || bytes_ + head->mapped > std::max(always_kept, in_use))
             return false;
+        head->used = head->mapped;
         kept_[count_++] = head;
         bytes_ += head->mapped;
         return true;
@@ -82,13 +133,16 @@ class Shelf {
 // Engines and their callers run on several threads.
 std::mutex mutex;
 Shelf shelf;
+Region region;
 
-Head *new_mapping(std::size_t mapped) {
-    void *memory = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED)
+// What is to be zero stays apart, in small pages: there a page that is only read takes no memory.
+Head *new_mapping(std::size_t mapped, bool zero) {
+    void *memory = zero ? map(mapped) : region.cut(mapped, shelf.in_use);
+    if (!memory)
         return nullptr;
     Head *head = static_cast<Head *>(memory);
     head->mapped = mapped;
+    head->used = 0;
     return head;
 }
 
@@ -97,9 +151,9 @@ void *take_large(std::size_t bytes, bool zero) {
     const std::size_t mapped = mapping_for(bytes);
     std::lock_guard<std::mutex> lock(mutex);
     Head *head = zero ? nullptr : shelf.find(mapped);
-    if (!head && !(head = new_mapping(mapped))) {
+    if (!head && !(head = new_mapping(mapped, zero))) {
         shelf.clear(); // what is kept may be what is missing
-        if (!(head = new_mapping(mapped)))
+        if (!(head = new_mapping(mapped, zero)))
             return nullptr;
     }
     head->bytes = bytes;
@@ -112,7 +166,7 @@ void *small_block(Head *old, std::size_t bytes) {
     Head *head = static_cast<Head *>(std::realloc(static_cast<void *>(old), sizeof(Head) + bytes));
     if (!head)
         return nullptr;
-    *head = {0, bytes};
+    *head = {0, bytes, sizeof(Head) + bytes};
     return head + 1;
 }
 
@@ -123,7 +177,9 @@ void *remap(Head *head, std::size_t bytes) {
     if (moved == MAP_FAILED)
         return nullptr;
     Head *now = static_cast<Head *>(moved);
-    *now = {mapped, bytes};
+    now->mapped = mapped;
+    now->bytes = bytes;
+    now->used = std::min(now->used, before);
     std::lock_guard<std::mutex> lock(mutex);
     shelf.in_use += mapped - before;
     return now + 1;
@@ -174,6 +230,11 @@ void give(void *block) noexcept {
     shelf.in_use -= head->mapped;
     if (!shelf.keep(head))
         unmap(head);
+}
+
+std::size_t clean_from(const void *block) noexcept {
+    const Head *head = head_of(const_cast<void *>(block));
+    return head->used > sizeof(Head) ? head->used - sizeof(Head) : 0;
 }
 
 void trim() noexcept {

@@ -7,9 +7,6 @@
 // std::vector would write zeros over memory that is overwritten at once, which costs as much as the real writing (and
 // touches pages that nobody needs yet). Growing goes through blocks::resize, which moves large blocks by remapping
 // pages instead of copying.
-//
-// Large pages (madvise) were measured and left out: writing is three times as fast where the system has them at hand,
-// and three times as slow in a virtual machine that has given its free memory back to the host.
 #pragma once
 
 #include "blocks.h"
@@ -76,21 +73,19 @@ template <class T> class Buffer {
             size_t generous = capacity_ + capacity_ / 2;
             reallocate(wanted > generous ? wanted : generous);
         }
+        written_ = std::max(written_, wanted);
         return data_ + size_;
     }
-    // As room, where the n elements are 0 already: in the first block without a page being touched.
+    // As room, where the n elements are 0 already. Memory that came from the system is, and stays untouched.
     T *zeros(size_t n) {
-        if (data_) {
-            T *p = room(n);
-            std::fill_n(p, n, T{});
-            return p;
-        }
-        void *p = n > SIZE_MAX / 2 / sizeof(T) ? nullptr : blocks::zeros(n * sizeof(T));
-        if (!p)
-            throw std::bad_alloc();
-        data_ = static_cast<T *>(p);
-        capacity_ = n;
-        return data_;
+        if (!data_)
+            takezeros(n);
+        const size_t before = dirty();
+        T *p = room(n);
+        const size_t now = std::max(before, dirtyblock());
+        if (now > size_)
+            std::fill_n(p, std::min(n, now - size_), T{});
+        return p;
     }
     void grow(size_t n) noexcept { size_ += n; }
     void cut(size_t n) noexcept { size_ = n; }
@@ -126,13 +121,14 @@ template <class T> class Buffer {
     T *release() noexcept {
         T *p = data_;
         data_ = nullptr;
-        size_ = capacity_ = 0;
+        size_ = capacity_ = written_ = 0;
         return p;
     }
     void swap(Buffer &other) noexcept {
         std::swap(data_, other.data_);
         std::swap(size_, other.size_);
         std::swap(capacity_, other.capacity_);
+        std::swap(written_, other.written_);
         std::swap(yard_, other.yard_);
     }
 
@@ -146,6 +142,18 @@ template <class T> class Buffer {
         else
             blocks::give(data_);
     }
+    void takezeros(size_t n) {
+        void *p = n > SIZE_MAX / 2 / sizeof(T) ? nullptr : blocks::zeros(n * sizeof(T));
+        if (!p)
+            throw std::bad_alloc();
+        data_ = static_cast<T *>(p);
+        capacity_ = n;
+    }
+    // Elements that the block held something in when it was taken; what follows them is 0 unless written since.
+    size_t dirtyblock() const {
+        return capacity_ ? std::min(capacity_, (blocks::clean_from(data_) + sizeof(T) - 1) / sizeof(T)) : 0;
+    }
+    size_t dirty() const { return std::max(written_, dirtyblock()); }
     // The elements in a larger block. What was borrowed stays where it is.
     void *moved(size_t bytes) {
         if (capacity_ ? !pinned() : !data_)
@@ -162,15 +170,18 @@ template <class T> class Buffer {
             n = 16;
         if (n > SIZE_MAX / 2 / sizeof(T))
             throw std::bad_alloc();
+        const size_t before = std::max(dirty(), size_);
         void *p = moved(n * sizeof(T));
         if (!p)
             throw std::bad_alloc();
+        written_ = before;
         data_ = static_cast<T *>(p);
         capacity_ = n;
     }
 
     T *data_ = nullptr;
     size_t size_ = 0, capacity_ = 0;
+    size_t written_ = 0; // where room was given so far, and what stood in former blocks
     Yard *yard_ = nullptr;
 };
 
