@@ -52,6 +52,32 @@ def test_single_values_spread_and_large_ones_mean_none():
     assert (data["obj"].tolist(), data["vtype"], data["nintegral"]) == ([2.0] * 3, "CIS", 2)
 
 
+@pytest.mark.parametrize("seed", range(12))
+def test_zeros_of_later_calls_are_zeros_whatever_their_memory_held(seed):
+    """Blocks of the C heap, of new pages and of those that others gave back; failures and removals in between."""
+    rng = np.random.default_rng(seed)
+    m, want = Store(), np.zeros(0)
+    for _ in range(12):
+        n = int(rng.choice([1, 500, 30_000, 200_000]))
+        lb = float(rng.choice([0.0, -1.0])) if rng.random() < 0.8 else -np.ones(n)
+        with pytest.raises(StoreError):
+            m.addvars(n, lb=-7.0, ub=NAN)
+        other = Store()
+        other.addvars(n, lb=-8.0, ub=9.0)
+        if rng.random() < 0.5:
+            del other
+        m.addvars(n, lb=lb)
+        want = np.r_[want, np.broadcast_to(lb, n)]
+        if rng.random() < 0.3:
+            m.update()
+            gone = rng.choice(len(want), min(len(want), 1000), replace=False)
+            m.remove(VAR, m.idsat(VAR, gone))
+            m.update()
+            want = np.delete(want, gone)
+    m.update()
+    assert np.array_equal(m.data()["lb"], want)
+
+
 def test_bounds_of_binaries_are_cut_and_crossed_bounds_kept():
     m = Store()
     m.addvars(4, lb=[-INF, 0.5, -1.0, 3.0], ub=[INF, 0.7, 1.0, 2.0], vtype="BBBC")
