@@ -161,6 +161,13 @@ int TRVremoveall(TRVmodel *model, int32_t count, const TRVremoval *removals) {
     });
 }
 
+int TRVexpectremoval(TRVmodel *model, int kind, int64_t n) {
+    return border(model, [&] {
+        requirecount("elements", n);
+        model->registry(kind).expectremoval(n);
+    });
+}
+
 int TRVupdatemodel(TRVmodel *model) {
     return border(model, [&] { model->update(); });
 }

@@ -1,6 +1,7 @@
 // blockpointers.h: row pointers of a block of rows on their way into the store, shared by quadratic and nonlinear rows.
 //
 //   Buffer<int64_t> block = blockpointers(nrows, rows.ptr);       0 <= block[1] <= ..., tidied with the terms
+//   roompointers({&ptr_, &qptr_}, nrows);                         of all arrays of pointers of one kind of rows
 //   growpointers(ptr_, block);                                    behind the pointers that are there
 #pragma once
 
@@ -8,6 +9,7 @@
 #include "failure.h"
 
 #include <cinttypes>
+#include <initializer_list>
 
 namespace store {
 
@@ -39,6 +41,14 @@ inline void requirepointers(int64_t nrows, int64_t nnz, const int64_t *ptr) {
                   ptr[i], ptr[i + 1], i);
     if (ptr[nrows] > nnz)
         failf(TRV_ERROR_INVALID_ARGUMENT, "row pointer %" PRId64 " is beyond the %" PRId64 " terms", ptr[nrows], nnz);
+}
+
+// Room for n more in each. Where there were none all get their first 0 together: who finds one looks into the others.
+inline void roompointers(std::initializer_list<Buffer<int64_t> *> all, int64_t n) {
+    for (Buffer<int64_t> *pointers : all)
+        pointers->room(n + 1);
+    for (Buffer<int64_t> *pointers : all)
+        pointers->pad(1, 0);
 }
 
 // Into the room behind the pointers that are there.

@@ -140,13 +140,21 @@ class Placer {
     std::vector<std::int64_t> count_;
 };
 
-// What was added and is taken back, unless all goes well: reading checked everything, so what can still fail is memory.
+// What was added and is taken back, unless all goes well: reading checked everything, so what can still fail is memory,
+// and taking back needs none.
 class Added {
   public:
-    explicit Added(TRVmodel *target) : target_(target) {}
+    explicit Added(TRVmodel *target) : target_(target) {
+        const char *name;
+        check(target_, TRVgetstrattr(target_, "ModelName", &name));
+        name_ = name;
+        check(target_, TRVgetintattr(target_, "ModelSense", &sense_));
+    }
     ~Added() {
-        if (!blocks_.empty())
-            TRVsetobjective(target_, 0, nullptr, nullptr, 0, 0);
+        if (!kept_) {
+            TRVsetobjective(target_, 0, nullptr, nullptr, 0, sense_);
+            TRVsetstrattr(target_, "ModelName", name_.c_str()); // there was room for it
+        }
         for (auto block = blocks_.rbegin(); block != blocks_.rend(); ++block) { // general constraints hold variables
             for (std::int32_t i = 0; i < block->count; ++i) {
                 const std::int32_t id = block->first + i;
@@ -156,9 +164,18 @@ class Added {
     }
     Added(const Added &) = delete;
     Added &operator=(const Added &) = delete;
-    void expect() { blocks_.reserve(blocks_.size() + 6); } // then add cannot fail
+    // Before elements are added, so that what was added can be noted and removed.
+    void expect(int kind, std::int32_t count) {
+        blocks_.reserve(blocks_.size() + 1);
+        check(target_, TRVexpectremoval(target_, kind, count));
+    }
     void add(int kind, std::int32_t first, std::int32_t count) { blocks_.push_back({kind, first, count}); }
-    void keep() { blocks_.clear(); }
+    void keep() {
+        for (const Block &block : blocks_)
+            TRVexpectremoval(target_, block.kind, 0);
+        blocks_.clear();
+        kept_ = true;
+    }
 
   private:
     struct Block {
@@ -167,6 +184,9 @@ class Added {
     };
     TRVmodel *target_;
     std::vector<Block> blocks_;
+    std::string name_;
+    int sense_ = TRV_MINIMIZE;
+    bool kept_ = false;
 };
 
 class Storing {
@@ -174,7 +194,6 @@ class Storing {
     Storing(TRVmodel *target, FileModel source)
         : target_(target), source_(std::move(source)), split_(target, source_), added_(target) {}
     void run() {
-        added_.expect();
         add_columns();
         check_stop();
         add_rows();
@@ -185,9 +204,9 @@ class Storing {
         set_objective();
         check_stop(); // from here on only memory can fail
         check(target_, TRVsetstrattr(target_, "ModelName", source_.name.c_str()));
-        added_.keep();
         check(target_, TRVsetintattr(target_, "ModelSense", source_.sense));
         check(target_, TRVupdatemodel(target_));
+        added_.keep();
     }
 
   private:
@@ -197,6 +216,7 @@ class Storing {
             return;
         }
         const TRVnames names = source_.columns.list();
+        added_.expect(TRV_VAR, nvars);
         check(target_, TRVaddvars(target_, nvars, source_.lb.data(), 1, source_.ub.data(), 1, source_.cost.data(), 1,
                                   source_.vtype.data(), 1, &names, &first_));
         added_.add(TRV_VAR, first_, nvars);
@@ -231,6 +251,7 @@ class Storing {
         }
         const TRVnames names = split_.linear.names.list();
         std::int32_t row;
+        added_.expect(TRV_CONSTR, split_.linear.count);
         check(target_, TRVcommitrows(target_, lower.data(), 1, upper.data(), 1, &names, &row));
         added_.add(TRV_CONSTR, row, split_.linear.count);
     }
@@ -295,6 +316,7 @@ class Storing {
                             q.first.data(), q.second.data(), q.qcoef.data()};
         const TRVnames names = split_.quadratic.names.list();
         std::int32_t row;
+        added_.expect(TRV_QCONSTR, split_.quadratic.count);
         check(target_,
               TRVaddqrows(target_, split_.quadratic.count, &rows, q.sense.data(), 1, q.rhs.data(), 1, &names, &row));
         added_.add(TRV_QCONSTR, row, split_.quadratic.count);
@@ -324,6 +346,7 @@ class Storing {
         const TRVgens gens{g.count(),     g.argptr.data(), g.ptr.data(),     g.var.data(),
                            g.coef.data(), nullptr,         g.dataptr.data(), g.data.data()};
         std::int32_t id;
+        added_.expect(TRV_GENCONSTR, g.count());
         check(target_, TRVaddgens(target_, type, &gens, &names, &id));
         added_.add(TRV_GENCONSTR, id, g.count());
     }
@@ -373,7 +396,6 @@ class Storing {
             while (end < type.size() && type[end] == type[begin]) {
                 ++end;
             }
-            added_.expect();
             add_sets(begin, end);
         }
     }

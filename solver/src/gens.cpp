@@ -93,11 +93,7 @@ int32_t Gens::add(const Columns &columns, Uses &uses, int newtype, const TRVgens
     ids.reserve(n);
     Block block(columns, newtype, gens, ids.count(), newnames);
     const int64_t nargs = block.nargs(), ndata = block.ndata(), given = block.termsgiven();
-    for (Buffer<int64_t> *pointers : {&argptr_, &ptr_, &dataptr_})
-        pointers->pad(1, 0);
-    argptr_.room(n);
-    dataptr_.room(n);
-    ptr_.room(nargs);
+    roompointers({&argptr_, &ptr_, &dataptr_}, std::max(n, nargs));
     int32_t *var = var_.room(given);
     double *coef = coef_.room(given), *constant = constant_.room(nargs), *data = data_.room(ndata);
     moveterms(var, gens.var, given);

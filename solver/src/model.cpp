@@ -63,9 +63,11 @@ void TRVmodel::requireunused(int64_t n, const int32_t *variables, const Buffer<i
 // The uses by what leaves are taken off before the variables are looked at, so that these may go with it.
 void TRVmodel::remove(int32_t count, const TRVremoval *removals) {
     Buffer<int32_t> leavingrows, leavinggens;
+    int32_t onerow = -1, onegen = -1, another = -1;
     for (int32_t k = 0; k < count; k++) {
         const TRVremoval &r = removals[k];
-        Buffer<int32_t> slots = registry(r.kind).leaving(r.n, r.ids); // a check for the other kinds
+        int32_t &one = r.kind == TRV_NLCONSTR ? onerow : r.kind == TRV_GENCONSTR ? onegen : another;
+        Buffer<int32_t> slots = registry(r.kind).leaving(r.n, r.ids, one); // a check for the other kinds
         if (r.kind == TRV_NLCONSTR)
             leavingrows = std::move(slots);
         else if (r.kind == TRV_GENCONSTR)

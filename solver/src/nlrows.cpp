@@ -86,10 +86,7 @@ void NlRows::roomtapes(const Columns &columns, const TRVnlrows &rows, const Buff
 int32_t NlRows::add(const Columns &columns, Uses &uses, int64_t nrows, const TRVnlrows &rows, const double *newlower,
                     int lowerstep, const double *newupper, int upperstep, const TRVnames *newnames) {
     ids.reserve(nrows);
-    for (Buffer<int64_t> *pointers : {&ptr_, &codeptr_, &constantptr_}) {
-        pointers->pad(1, 0);
-        pointers->room(nrows);
-    }
+    roompointers({&ptr_, &codeptr_, &constantptr_}, nrows);
     Buffer<int64_t> block = blockpointers(nrows, rows.ptr), codeblock = blockpointers(nrows, rows.codeptr),
                     constantblock = blockpointers(nrows, nullptr);
     roomsides(nrows, newlower, lowerstep, newupper, upperstep, newnames);

@@ -52,10 +52,7 @@ void QRows::roomquadratic(const Columns &columns, const TRVqrows &rows, Buffer<i
 int32_t QRows::add(const Columns &columns, int64_t nrows, const TRVqrows &rows, const char *newsense, int sensestep,
                    const double *newrhs, int rhsstep, const TRVnames *newnames) {
     ids.reserve(nrows);
-    for (Buffer<int64_t> *pointers : {&ptr_, &qptr_}) {
-        pointers->pad(1, 0);
-        pointers->room(nrows);
-    }
+    roompointers({&ptr_, &qptr_}, nrows);
     Buffer<int64_t> block = blockpointers(nrows, rows.ptr), qblock = blockpointers(nrows, rows.qptr);
     roomsides(nrows, newsense, sensestep, newrhs, rhsstep, newnames);
     namingrows(TRV_QCONSTR, ids.count(), nrows, newnames, [&] {

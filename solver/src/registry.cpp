@@ -69,15 +69,19 @@ void Registry::makemaps() {
     identity_ = false;
 }
 
-Buffer<int32_t> Registry::leaving(int64_t n, const int32_t *ids) const {
-    Buffer<int32_t> slots;
-    slots.reserve(n);
-    for (int64_t i = 0; i < n; i++) {
+Buffer<int32_t> Registry::leaving(int64_t n, const int32_t *ids, int32_t &one) const {
+    for (int64_t i = 0; i < n; i++)
         if (ids[i] < 0 || ids[i] >= count_)
             failabsent(ids[i], "remove");
+    if (n == 1) {
+        one = slot(*ids);
+        return Buffer<int32_t>::borrow(&one, usable(*ids));
+    }
+    Buffer<int32_t> slots;
+    slots.reserve(n);
+    for (int64_t i = 0; i < n; i++)
         if (usable(ids[i]))
             slots.push(slot(ids[i]));
-    }
     std::sort(slots.data(), slots.end());
     slots.cut(std::unique(slots.data(), slots.end()) - slots.data());
     return slots;
@@ -86,6 +90,21 @@ Buffer<int32_t> Registry::leaving(int64_t n, const int32_t *ids) const {
 void Registry::prepareremoval() {
     gone_.pad(slots_, 0);
     makemaps();
+}
+
+void Registry::expectremoval(int64_t n) {
+    requireroom(n);
+    if (n == 0) {
+        if (identity_)
+            for (Buffer<int32_t> *map : {&slotof_, &idat_})
+                map->free();
+        if (!gonecount_)
+            gone_.free();
+        return;
+    }
+    slotof_.reserve(count_ + n);
+    idat_.reserve(slots_ + n);
+    gone_.reserve(slots_ + n);
 }
 
 void Registry::remove(int64_t n, const int32_t *ids) noexcept {

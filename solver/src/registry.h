@@ -78,11 +78,13 @@ class Registry {
     int32_t add(int64_t n) noexcept;
 
     // Slots of those of the ids that are neither removed nor marked, ascending and each once; an error where one never
-    // was.
-    Buffer<int32_t> leaving(int64_t n, const int32_t *ids) const;
+    // was. That of a single id stands in `one`, so that it takes no memory.
+    Buffer<int32_t> leaving(int64_t n, const int32_t *ids, int32_t &one) const;
     // Pending elements are gone at once, others are marked. The ids are checked (see leaving) and prepareremoval has
     // allocated what it takes.
     void prepareremoval();
+    // Allocates for that already before n elements are added; with n = 0 gives back what was not used.
+    void expectremoval(int64_t n);
     void remove(int64_t n, const int32_t *ids) noexcept;
 
     // Whether an update would change the model (pending elements that were removed again do not).

@@ -24,6 +24,7 @@ LIMIT = 5000
 
 ONCE = "cannot be tried again, or has other ids then"
 ALONE = "needs memory to take back what it did, so only one request fails"
+TEXTS = "runs an engine in this thread, whose texts come from the C++ library like ours, so those do not fail"
 
 
 def _compiled(folder: str) -> ctypes.PyDLL:
@@ -55,9 +56,9 @@ class Requests:
         """The libraries that meet their first array bind NumPy's functions then."""
         self.array_libraries += self.library.install_arrays(self.folder, self.table)
 
-    def fail(self, operate, operands, number: int, forever: bool):
+    def fail(self, operate, operands, number: int, forever: bool, texts: bool = True):
         """(what was returned or raised, how many requests failed)."""
-        self.library.arm(ctypes.c_long(number), forever)
+        self.library.arm(ctypes.c_long(number), forever, texts)
         try:
             result = operate(*operands)
         except Exception as error:
@@ -83,7 +84,7 @@ def walk(requests: Requests, numbers, prepare, operate, state, outcome, *words: 
         for forever in (False,) if ALONE in words else (False, True):
             operands = prepare()
             before = state(operands)
-            result, failed = requests.fail(operate, operands, number, forever)
+            result, failed = requests.fail(operate, operands, number, forever, TEXTS not in words)
             if not failed:
                 return tried
             where = f"request {number}{' and later' if forever else ''}"

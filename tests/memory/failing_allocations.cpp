@@ -1,7 +1,7 @@
 // Makes requests for memory fail, in the libraries of one folder only: the next but n, or that one and all after it.
 //
-//   install(folder)      once; afterwards  arm(n, forever)  ...  disarm()  on the thread that is to meet the failures
-//   install_arrays(t)    NumPy's table t of functions, again whenever another library may have bound it
+//   install(folder)      once; afterwards  arm(n, forever, texts)  ...  disarm()  on the thread that is to meet the
+//   failures install_arrays(t)    NumPy's table t of functions, again whenever another library may have bound it
 //   install_type(type)   objects of this type come from tp_alloc
 //
 // NumPy, SciPy and CPython do not survive every failure of their own, so the allocator as a whole cannot be made to
@@ -32,7 +32,7 @@
 
 namespace {
 
-thread_local bool armed = false, forever = false;
+thread_local bool armed = false, forever = false, texts = true;
 thread_local long countdown = 0, seen = 0, failed = 0;
 
 bool refuse() {
@@ -70,6 +70,12 @@ void *failing_new(size_t bytes) {
         throw std::bad_alloc();
     return ::operator new(bytes);
 }
+void *failing_text(size_t bytes) {
+    return texts ? failing_new(bytes) : ::operator new(bytes);
+}
+void *failing_new_quietly(size_t bytes, const std::nothrow_t &quietly) {
+    return refuse() ? nullptr : ::operator new(bytes, quietly);
+}
 void *failing_new_array(size_t bytes) {
     if (refuse())
         throw std::bad_alloc();
@@ -95,6 +101,21 @@ PyObject *failing_format(const char *format, ...) {
     PyObject *text = PyUnicode_FromFormatV(format, arguments);
     va_end(arguments);
     return text;
+}
+int failing_truth(PyObject *object) {
+    if (PyBool_Check(object) || !refuse())
+        return PyObject_IsTrue(object);
+    PyErr_NoMemory();
+    return -1;
+}
+PyObject *failing_error(PyObject *type, const char *format, ...) {
+    if (refuse())
+        return PyErr_NoMemory();
+    va_list arguments;
+    va_start(arguments, format);
+    PyErr_FormatV(type, format, arguments);
+    va_end(arguments);
+    return nullptr;
 }
 PyObject *failing_build(const char *format, ...) {
     if (refuse())
@@ -186,6 +207,12 @@ constexpr const char *plain[] = {"_PyObject_New",
                                  "PySequence_Tuple",
                                  "PySequence_Fast",
                                  "PySequence_GetItem",
+                                 "PySequence_InPlaceConcat",
+                                 "PyIter_Next",
+                                 "PyImport_ImportModule",
+                                 "PyObject_Dir",
+                                 "PyUnicode_FSConverter",
+                                 "PyErr_SetString",
                                  "PyNumber_Add",
                                  "PyNumber_Subtract",
                                  "PyNumber_Multiply",
@@ -205,8 +232,15 @@ constexpr const char *plain[] = {"_PyObject_New",
                                  "PyDict_Update",
                                  "PyDict_Merge",
                                  "PyObject_SetAttr",
-                                 "PyObject_SetItem"};
-constexpr size_t functions = std::size(plain), statuses = functions - 9;
+                                 "PyObject_SetAttrString",
+                                 "PyObject_SetItem",
+                                 "PyObject_IsInstance",
+                                 "PyObject_RichCompareBool",
+                                 "PyObject_Size",
+                                 "PyObject_LengthHint",
+                                 "PyNumber_AsSsize_t",
+                                 "PyList_Sort"};
+constexpr size_t functions = std::size(plain), statuses = functions - 16;
 std::array<void *, functions> originals;
 
 template <size_t K> void *failing_plain(void *a, void *b, void *c, void *d, void *e, void *f) {
@@ -237,10 +271,13 @@ std::vector<Hook> all_hooks() {
                                {"mremap", address(failing_mremap)},
                                {"_Znwm", address(failing_new)},
                                {"_Znam", address(failing_new_array)},
+                               {"_ZnwmRKSt9nothrow_t", address(failing_new_quietly)},
                                {"PyObject_Malloc", address(failing_raw)},
                                {"PyFloat_FromDouble", address(failing_float)},
                                {"PyOS_double_to_string", address(failing_double_text)},
                                {"PyUnicode_FromFormat", address(failing_format)},
+                               {"PyObject_IsTrue", address(failing_truth)},
+                               {"PyErr_Format", address(failing_error)},
                                {"Py_BuildValue", address(failing_build)},
                                {"PyTuple_Pack", address(failing_pack)},
                                {"PyObject_CallFunctionObjArgs", address(failing_call)},
@@ -383,7 +420,10 @@ int visit(dl_phdr_info *library, size_t, void *argument) {
 extern "C" int install(const char *folder) {
     Search search{folder, all_hooks(), 0};
     dl_iterate_phdr(visit, &search);
-    return search.replaced;
+    // Long texts get their memory inside the C++ library.
+    Search standard{"/libstdc++.so", {{"_Znwm", address(failing_text)}}, 0};
+    dl_iterate_phdr(visit, &standard);
+    return search.replaced && standard.replaced ? search.replaced + standard.replaced : 0;
 }
 
 // Returns how many variables now point to the failing table.
@@ -401,8 +441,9 @@ extern "C" void install_type(PyObject *type) {
         slots->tp_alloc = failing_object;
 }
 
-// Request number n from here (counted from 1) fails, and with `on` every later one.
-extern "C" void arm(long n, int on) {
+// Request number n from here (counted from 1) fails, and with `on` every later one; `also` those for long texts.
+extern "C" void arm(long n, int on, int also) {
+    texts = also != 0;
     countdown = n;
     forever = on != 0;
     seen = failed = 0;

@@ -2,84 +2,17 @@
 it and not the tests. Words: groups or names of operations (all), eager (matrix objects make their elements at once),
 every=5 seed=3 (each fifth request, from a random one on)."""
 
+import copy
 import sys
 
 import numpy as np
-import scipy.sparse as sp
 
 import tarvopy as tv
+from memory import model_operations
 from memory.failing import ONCE, run
-from tarvopy import TRV, _debug, genfunc, nlfunc
+from memory.operands import MATRIX, NUMBERS, SPARSE, N, arrays, outcome, scalars, state, used
+from tarvopy import TRV, _debug, nlfunc
 from tarvopy._core import LinExpr, QuadExpr
-
-N = 6
-NUMBERS = np.arange(N) + 0.5
-MATRIX = np.arange(float(N * N)).reshape(N, N) % 5
-SPARSE = sp.csr_array(MATRIX)
-
-
-def fresh():
-    m = tv.Model("a model")
-    m.params.LogLevel = 0
-    return m
-
-
-def scalars():
-    """A model, three variables, a linear, a quadratic and a nonlinear expression."""
-    m = fresh()
-    x, y, z = (m.addVar(name=f"variable {i}") for i in range(3))
-    m.update()
-    return [m, x, y, z, 2 * x + y + 1, x * y + 2 * z * z + y, nlfunc.sin(x * y) + z]
-
-
-def arrays():
-    """A model, its variables, linear, quadratic and nonlinear arrays of one shape."""
-    m = fresh()
-    x = m.addMVar(N, name="x")
-    m.update()
-    return [m, x, 2 * x + 1, x * x + x, nlfunc.exp(x) + x]
-
-
-def used():
-    """The same after their element objects were looked at."""
-    operands = arrays()
-    for array in operands[1:]:
-        list(array)
-    return operands
-
-
-def built():
-    m = fresh()
-    x = m.addMVar(N, ub=5.0, name="x")
-    rows = m.addConstr(MATRIX @ x <= NUMBERS, name="rows")
-    quadratic = m.addConstr(x[0] * x[0] + x[1] <= 4, name="quadratic")
-    m.setObjective(x @ x - x.sum())
-    m.update()
-    return [m, x, rows, quadratic]
-
-
-def said(value):
-    """Text that tells values apart: of an array its elements, of a model what it holds."""
-    if isinstance(value, tv.Model):
-        counts = [value.getAttr(name) for name in ("NumVars", "NumConstrs", "NumQConstrs", "NumNLConstrs")]
-        rows = [(str(value.getRow(c)), c.RHS, c.Sense, c.ConstrName) for c in value.getConstrs()]
-        columns = [(v.VarName, v.LB, v.UB, v.Obj, v.VType, v.index) for v in value.getVars()]
-        return f"{counts} {columns} {rows} {value.ModelSense}"
-    if isinstance(value, (list, tuple)):
-        return [said(item) for item in value]
-    if sp.issparse(value):
-        return repr(value.toarray().tolist())
-    return f"{type(value).__name__} {value}".replace("  >", ">")  # two blanks: the compact form, which may become full
-
-
-def state(operands):
-    return str([said(value) for value in operands])
-
-
-def outcome(result, operands):
-    before = state(operands)
-    operands[0].update()
-    return f"{said(result)} {before} {said(operands[0])}"
 
 
 def inplace(name):
@@ -136,12 +69,14 @@ ARRAYS = {
     "broadcast": lambda m, x, e, q, f: [x[:, None] + x, e[:, None] * NUMBERS, q + MATRIX, f[:, None] + x],
     "reductions": lambda m, x, e, q, f: [x.sum(), e.sum(axis=0), q.sum(), f.sum()],
     "indexing": lambda m, x, e, q, f: [x[1:3], e[::2], q[[0, 2]], f[-1], x[0], e[1], q[2], x[NUMBERS > 2]],
-    "shapes": lambda m, x, e, q, f: [x.reshape(2, 3).T, x[:, None].diagonal(), e.copy(), q.copy(), f.copy()],
-    "joins": lambda m, x, e, q, f: [
-        tv.concatenate([x, e]),
-        tv.hstack([x, x]),
-        tv.vstack([e, q]),
-        tv.concatenate([q, f]),
+    "shapes": lambda m, x, e, q, f: [x.reshape(2, 3).T, x[:, None].diagonal(), x.reshape((3, 2)).transpose(1, 0)],
+    "copies": lambda m, x, e, q, f: [[a.copy(), copy.copy(a), copy.deepcopy(a)] for a in (x, e, q, f)],
+    "items": lambda m, x, e, q, f: [e.getConstant(), x.nl, *(a[2].item() for a in (x, e, q, f))],
+    "new": lambda m, x, e, q, f: [
+        *(kind.zeros((2, 3)) for kind in (tv.MLinExpr, tv.MQuadExpr)),
+        tv.MVar.fromlist(x.tolist()),
+        tv.MVar.fromvar(x[0].item()),
+        tv.quicksum([x, e, q]),
     ],
     "elements": lambda m, x, e, q, f: [x.tolist(), list(e), list(q), list(f)],
     "texts": lambda m, x, e, q, f: [str(x), repr(e), str(q), repr(f)],
@@ -157,10 +92,18 @@ ARRAYS = {
     "addConstr nonlinear": lambda m, x, e, q, f: m.addConstr(f <= NUMBERS, name="rows"),
     "setObjective": lambda m, x, e, q, f: m.setObjective(q.sum()),
     "setObjective nonlinear": lambda m, x, e, q, f: m.setObjective(f.sum()),
-    "addConstr general": lambda m, x, e, q, f: m.addConstr(x[0] == genfunc.max(x[1:], 3.0), name="general"),
-    "addConstr pieces": lambda m, x, e, q, f: m.addConstr(x[:3] == genfunc.pwl(x[3:], [0, 1, 2], [0, 1, 4])),
-    "addSOS": lambda m, x, e, q, f: m.addSOS(1, x),
     "addRange": lambda m, x, e, q, f: m.addRange(e, -1.0, NUMBERS + 2),
+}
+JOINS = {
+    "concatenate": tv.concatenate,
+    "columns": lambda parts: tv.concatenate([a[:, None] for a in parts], axis=1),
+    "hstack": tv.hstack,
+    "vstack": tv.vstack,
+}
+ARRAYS |= {
+    f"{how} {kind}": lambda m, *all_of, join=join, k=k: [join([all_of[k], other]) for other in (*all_of, NUMBERS)]
+    for how, join in JOINS.items()
+    for k, kind in enumerate("xeqf")
 }
 ASSIGNMENTS = {
     "e += x": lambda m, x, e, q, f: inplace("__iadd__")(e, x),
@@ -173,19 +116,9 @@ ASSIGNMENTS = {
     "e[i] = x": lambda m, x, e, q, f: e.__setitem__(slice(1, 3), x[:2]),
     "q[i] = e": lambda m, x, e, q, f: q.__setitem__(slice(1, 3), e[:2]),
     "f[i] = q": lambda m, x, e, q, f: f.__setitem__(slice(1, 3), q[:2]),
+    "e.clear": lambda m, x, e, q, f: e.clear(),
+    "q.clear": lambda m, x, e, q, f: q.clear(),
 }
-MODELS = {
-    "update": lambda m, x, rows, quadratic: m.update(),
-    "getA": lambda m, x, rows, quadratic: m.getA(),
-    "attributes of rows": lambda m, x, rows, quadratic: [rows.RHS, rows.Sense, rows.ConstrName, quadratic.QRHS],
-    "getRow": lambda m, x, rows, quadratic: [m.getRow(rows[0]), m.getConstrs(), m.getA()],
-    "remove": lambda m, x, rows, quadratic: m.remove(rows),
-    "remove variables": lambda m, x, rows, quadratic: m.remove(x[2:4]),
-    "setCoeff": lambda m, x, rows, quadratic: m.setCoeff(rows[0], x[0], 9.0),
-    "relax": lambda m, x, rows, quadratic: m.relax(),
-    "prepare": lambda m, x, rows, quadratic: str(m.prepare()),
-}
-
 GROUPS = {
     "scalars": (scalars, SCALARS),
     "scalars in place": (scalars, INPLACE),
@@ -193,7 +126,7 @@ GROUPS = {
     "arrays with objects": (used, ARRAYS),
     "arrays in place": (arrays, ASSIGNMENTS),
     "arrays with objects in place": (used, ASSIGNMENTS),
-    "models": (built, MODELS),
+    **model_operations.GROUPS,
 }
 
 TABLE = {
