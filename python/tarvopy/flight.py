@@ -9,6 +9,7 @@ the engine has stopped.
 from __future__ import annotations
 
 import atexit
+import os
 import signal
 import threading
 import time
@@ -31,6 +32,7 @@ PATIENCE_AT_EXIT = 10.0
 ACKNOWLEDGEMENT = "Ctrl-C: stopping at the engine's next check (press again to leave at once)"
 
 _in_flight: set[Engine] = set()
+os.register_at_fork(after_in_child=_in_flight.clear)  # a child process has none of the threads that they run on
 
 
 class CtrlC:

@@ -10,6 +10,7 @@ only.
 from __future__ import annotations
 
 import math
+import os
 import threading
 import warnings
 from typing import TYPE_CHECKING, Any
@@ -41,6 +42,8 @@ _WARNINGS = {TRV.IMPRECISE: "The solution is imprecise", TRV.FAILED: "The solve 
 _MUCH = 20_000
 
 _claiming = threading.Lock()
+# A child process has only the thread that made it: another one may have held the lock.
+os.register_at_fork(after_in_child=lambda: globals().update(_claiming=threading.Lock()))
 
 
 def prepare(model: Model) -> dict[str, int]:

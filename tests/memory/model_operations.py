@@ -3,8 +3,6 @@
 An engine's own requests for memory never fail: it runs on another thread, or in libraries that are not met.
 """
 
-import numpy as np
-
 import tarvopy as tv
 from memory.failing import TEXTS
 from memory.operands import NUMBERS, N, answered, built, files, general
@@ -117,12 +115,8 @@ def for_engine(name, *, again=False):
     return prepare
 
 
-def solve(m, x):
-    m.optimize()
-    return [m.Status, round(m.ObjVal, 3), m.EngineName, *(np.round(x.X, 1) + 0.0)]
-
-
-HAND_OVER = {"prepare": lambda m, x: str(m.prepare()), "optimize": solve}
+SOLVE = {"optimize": lambda m, x: m.optimize()}
+HAND_OVER = {"prepare": lambda m, x: str(m.prepare()), **SOLVE}
 
 GROUPS = {
     "models": (built, MODELS),
@@ -131,5 +125,5 @@ GROUPS = {
     "general with a solution": (lambda: answered(general()), FIXED),
     "files": (files, FILES),
     **{name: (for_engine(name), HAND_OVER, TEXTS) for name in MODELS_OF},
-    **{f"{name} again": (for_engine(name, again=True), {"optimize": solve}, TEXTS) for name in ("highs", "clarabel")},
+    **{f"{name} again": (for_engine(name, again=True), SOLVE, TEXTS) for name in ("highs", "clarabel")},
 }

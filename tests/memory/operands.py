@@ -120,7 +120,14 @@ def _model(m):
     rows += [c.QName for c in m.getQConstrs()] + [c.GenName for c in m.getGenConstrs()]
     columns = [(v.VarName, v.LB, v.UB, v.Obj, v.VType, v.index) for v in m.getVars()]
     tapes = (problem.nnlcodes, problem.nnlobj, problem.nllower.tolist(), problem.nlupper.tolist())
-    return f"{figures} {columns} {rows} {tapes} {[[a.tolist() for a in arrays] for arrays in matrices]}"
+    return f"{figures} {_solution(m)} {columns} {rows} {tapes} {[[a.tolist() for a in arrays] for arrays in matrices]}"
+
+
+def _solution(m):
+    try:
+        return [round(m.ObjVal, 3), *(round(v.X, 1) + 0.0 for v in m.getVars())]
+    except tv.NoDataError:
+        return None
 
 
 def _folder(path):
