@@ -70,6 +70,8 @@ template <class T> class Buffer {
             head_->size = size;
     }
     bool same(const Buffer &other) const { return head_ == other.head_; }
+    // Nobody else holds it.
+    bool alone() const { return head_ && head_->count == 1; }
 
   private:
     struct alignas(16) Head {

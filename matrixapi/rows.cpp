@@ -177,6 +177,11 @@ void release_summand(void *keeper) {
     delete static_cast<flat::Summand *>(keeper);
 }
 
+int only_holder(void *keeper) {
+    const auto &summand = *static_cast<flat::Summand *>(keeper);
+    return summand.cols.alone() && summand.coef.alone();
+}
+
 // Below this many terms a copy costs nothing that anybody would notice.
 constexpr int64_t worth_sharing = 10'000;
 
@@ -194,7 +199,8 @@ int rows_share(RowBlock *block, TRVsharedrows *rows, double *constants) {
         auto keeper = std::make_unique<flat::Summand>(with_ids(only));
         write_constants(held, constants);
         keeper->ptr = {}; // the store makes pointers of its own; until then those of the block serve
-        *rows = {only.ptr.data(), only.width, keeper->cols.data(), keeper->coef.data(), nullptr, release_summand};
+        *rows = {only.ptr.data(), only.width,      keeper->cols.data(), keeper->coef.data(),
+                 nullptr,         release_summand, only_holder};
         rows->keeper = keeper.release();
         shared = true;
     });

@@ -112,7 +112,7 @@ TARVOPY_METHOD(function_is_solving);
 Ref make_model_base(PyObject *module);
 
 // The owner of views: it keeps the memory that the store's pointers lead to (problem.cpp).
-Ref pinned(TRVmodel *store);
+Ref pinned(TRVmodel *store, int (*take)(TRVmodel *, TRVpinned **) = TRVpin);
 
 // The matrix by rows as fresh arrays (start, index, value) that own the store's allocation (problem.cpp).
 Ref row_arrays(TRVmodel *store);

@@ -38,9 +38,9 @@ void unpin(PyObject *capsule) {
 
 } // namespace
 
-Ref pinned(TRVmodel *store) {
+Ref pinned(TRVmodel *store, int (*take)(TRVmodel *, TRVpinned **)) {
     TRVpinned *pin;
-    succeed(store, TRVpin(store, &pin));
+    succeed(store, take(store, &pin));
     PyObject *made = PyCapsule_New(pin, pin_capsule, unpin);
     if (!made) {
         TRVunpin(pin);
@@ -118,18 +118,21 @@ TARVOPY_METHOD(function_cheapest_matrix) {
         Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
         TRVmodel *store = engine_store(given[0]);
-        Ref pin = pinned(store);
         TRVmatrix columns;
         const double *values;
-        succeed(store, TRVviewcolumns(store, &columns, &values));
-        if (!columns.start) {
-            TRVmatrix rows;
+        int owned;
+        succeed(store, TRVviewcolumns(store, &columns, &values, &owned));
+        Ref keeper;
+        if (columns.start && owned)
+            keeper = kept<TRVmatrix, TRVfreematrix>(columns, "tarvopy._modelapi.matrix");
+        TRVmatrix rows{};
+        if (!columns.start)
             succeed(store, TRVviewrows(store, &rows));
+        Ref pin = pinned(store, TRVpinmatrix); // what is seen from here on stays
+        if (rows.start)
             return for_reading(pin.get(), pin.get(), rows, rows.value, false);
-        }
-        Ref keeper = kept<TRVmatrix, TRVfreematrix>(columns, "tarvopy._modelapi.matrix");
-        Ref value_owner = values == columns.value ? keeper : pin;
-        return for_reading(keeper.get(), value_owner.get(), columns, values, true);
+        const Ref &owner = keeper ? keeper : pin;
+        return for_reading(owner.get(), (values == columns.value ? owner : pin).get(), columns, values, true);
     });
 }
 

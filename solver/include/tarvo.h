@@ -143,7 +143,8 @@ TRV_API int TRVaddrows(TRVmodel *model, int64_t nrows, const int64_t *ptr, const
 /* Rows whose terms stand in memory that nobody changes any more (an expression's own): the store keeps the terms there,
  * and copies them before it changes one itself. Terms that must be tidied (duplicates, zeros) are copied at once.
  * release(keeper) is called exactly once, when the store has done with the memory, after a failure too. ptr NULL: every
- * row has `width` terms. */
+ * row has `width` terms. alone(keeper) says whether nobody but the store looks at the terms any more, so that it may
+ * put them into another order; NULL: somebody may. */
 typedef struct TRVsharedrows {
     const int64_t *ptr;
     int64_t width;
@@ -151,6 +152,7 @@ typedef struct TRVsharedrows {
     const double *coef;
     void *keeper;
     void (*release)(void *keeper);
+    int (*alone)(void *keeper);
 } TRVsharedrows;
 TRV_API int TRVsharerows(TRVmodel *model, int64_t nrows, const TRVsharedrows *rows, const double *lower, int lowerstep,
                          const double *upper, int upperstep, const TRVnames *names, int32_t *firstid);
@@ -440,11 +442,12 @@ typedef struct TRVgenmatrix {
 TRV_API int TRVgetgenmatrix(TRVmodel *model, TRVgenmatrix *matrix);
 TRV_API void TRVfreegenmatrix(TRVgenmatrix *matrix);
 
-/* Keeps the memory that the pointers of TRVgetdata, TRVviewrows, TRVviewcolumns and TRVopensolution lead to, as they
- * stand at this call, readable until TRVunpin, whatever becomes of the model, its end included. Afterwards it may show
- * old values. */
+/* Keeps the memory that the pointers of TRVgetdata and TRVopensolution (TRVpin) or of TRVviewrows and TRVviewcolumns
+ * (TRVpinmatrix) lead to, as they stand at this call, readable until TRVunpin, whatever becomes of the model, its end
+ * included. Afterwards it may show old values. */
 typedef struct TRVpinned TRVpinned;
 TRV_API int TRVpin(TRVmodel *model, TRVpinned **pin);
+TRV_API int TRVpinmatrix(TRVmodel *model, TRVpinned **pin);
 TRV_API void TRVunpin(TRVpinned *pin);
 
 /* The matrix by position, by columns (csc != 0: start has nvars+1 entries, index holds rows, ascending in each column)
@@ -463,11 +466,13 @@ TRV_API int TRVgethessian(TRVmodel *model, TRVmatrix *upper);
 /* The matrix by rows where the store holds it in one piece, as one large block of rows does: all three point into the
  * store, valid until its next change. Elsewhere start is NULL. */
 TRV_API int TRVviewrows(TRVmodel *model, TRVmatrix *matrix);
-/* The matrix by columns for an engine: as TRVgetmatrix makes it, but with its values at *value. Where they stand in
- * this order in the store (each column at most once, ascending through all rows) *value points there, valid until the
- * next change, and matrix->value is NULL. No start where what TRVviewrows shows costs an engine no more to turn itself.
- */
-TRV_API int TRVviewcolumns(TRVmodel *model, TRVmatrix *matrix, const double **value);
+/* The matrix by columns for an engine, with its values at *value. A large model turns its terms from rows to columns in
+ * the memory in which they stand, and back when rows are next asked for: *owned is 0 then, and all three arrays point
+ * into the store, valid until the next call that reads or changes rows. Elsewhere *owned is 1: give the matrix back
+ * with TRVfreematrix. Its values may be the store's own all the same, where they stand in this order there (each column
+ * at most once, ascending through all rows); matrix->value is NULL then. No start where what TRVviewrows shows costs an
+ * engine no more to turn itself. */
+TRV_API int TRVviewcolumns(TRVmodel *model, TRVmatrix *matrix, const double **value, int *owned);
 
 /* The activities of the nonlinear rows (by position) at x (by position of variables). What is not defined there is NaN
  * or infinite. */

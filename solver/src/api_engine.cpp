@@ -56,7 +56,6 @@ int TRVgetdata(TRVmodel *model, TRVdata *data) {
         readnonlinear(*model, d);
         d.ngens = model->gens.ids.committed();
         *data = d;
-        blocks::trim(); // the engine's own copy comes next, and wants the memory
     });
 }
 
@@ -64,18 +63,35 @@ struct TRVpinned {
     Yard *yard;
 };
 
+namespace {
+
+TRVpinned *pinned(Yard *yard) {
+    auto made = std::make_unique<TRVpinned>(TRVpinned{yard});
+    yard->pin();
+    return made.release();
+}
+
+} // namespace
+
 int TRVpin(TRVmodel *model, TRVpinned **pin) {
     return border(model, [&] {
         requirepointer("pin", pin, 1);
         Yard *yard = model->yard.get();
-        auto made = std::make_unique<TRVpinned>(TRVpinned{yard});
         model->columns.guard(yard);
         model->rows.guard(yard);
         model->qrows.guard(yard);
         model->nlrows.guard(yard);
         model->solution.guard(yard);
-        yard->pin();
-        *pin = made.release();
+        *pin = pinned(yard);
+    });
+}
+
+int TRVpinmatrix(TRVmodel *model, TRVpinned **pin) {
+    return border(model, [&] {
+        requirepointer("pin", pin, 1);
+        Yard *yard = model->termyard.get();
+        model->rows.guardterms(yard);
+        *pin = pinned(yard);
     });
 }
 
@@ -90,6 +106,7 @@ int TRVgetmatrix(TRVmodel *model, int csc, TRVmatrix *matrix) {
     return border(model, [&] {
         requirepointer("matrix", matrix, 1);
         *matrix = csc ? matrixbycolumns(*model) : matrixbyrows(*model);
+        blocks::trim(); // the engine's own copy comes next, and wants the memory
     });
 }
 
@@ -97,15 +114,19 @@ int TRVviewrows(TRVmodel *model, TRVmatrix *matrix) {
     return border(model, [&] {
         requirepointer("matrix", matrix, 1);
         *matrix = rowsinplace(*model);
+        blocks::trim();
     });
 }
 
-int TRVviewcolumns(TRVmodel *model, TRVmatrix *matrix, const double **value) {
+int TRVviewcolumns(TRVmodel *model, TRVmatrix *matrix, const double **value, int *owned) {
     return border(model, [&] {
         requirepointer("matrix", matrix, 1);
         requirepointer("value", value, 1);
-        *matrix = columnsinplace(*model, *value);
-        blocks::trim(); // as TRVgetdata: what the transposition took beside
+        requirepointer("owned", owned, 1);
+        bool made;
+        *matrix = columnsinplace(*model, *value, made);
+        *owned = made;
+        blocks::trim();
     });
 }
 

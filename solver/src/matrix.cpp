@@ -149,16 +149,28 @@ TRVmatrix rowsinplace(TRVmodel &model) {
             const_cast<int32_t *>(chunk->var.data()), const_cast<double *>(chunk->coef.data())};
 }
 
-TRVmatrix columnsinplace(TRVmodel &model, const double *&value) {
-    const Chunk *chunk = inonepiece(model);
-    if (chunk && ascendingthroughout(*chunk)) {
-        value = chunk->coef.data();
-        return besidevalues(*chunk, model.columns.ids.committed());
+TRVmatrix columnsinplace(TRVmodel &model, const double *&value, bool &owned) {
+    const int32_t ncols = model.columns.ids.committed();
+    owned = false;
+    TRVmatrix parked = model.rows.parked(ncols);
+    if (!parked.start) {
+        const Chunk *chunk = inonepiece(model);
+        owned = true;
+        if (chunk && ascendingthroughout(*chunk)) {
+            value = chunk->coef.data();
+            return besidevalues(*chunk, ncols);
+        }
+        owned = !model.rows.park(model.columns);
+        if (owned) {
+            const bool rowsdo = chunk && (chunk->nnz < kManyEntries || !farapart(model.rows));
+            const TRVmatrix made = rowsdo ? TRVmatrix{} : matrixbycolumns(model);
+            value = made.value;
+            return made;
+        }
+        parked = model.rows.parked(ncols);
     }
-    const bool rowsdo = chunk && (chunk->nnz < kManyEntries || !farapart(model.rows));
-    const TRVmatrix made = rowsdo ? TRVmatrix{} : matrixbycolumns(model);
-    value = made.value;
-    return made;
+    value = parked.value;
+    return parked;
 }
 
 TRVmatrix matrixbyrows(TRVmodel &model) {

@@ -11,6 +11,7 @@ TRVmatrix matrixbyrows(TRVmodel &model);
 TRVmatrix rowsinplace(TRVmodel &model);
 // By columns, with `value` for the values: those of the matrix, or the store's own where they stand in this order; the
 // matrix has none then. Without start where rows in place do as well: an engine turns them in the time of our copy.
-TRVmatrix columnsinplace(TRVmodel &model, const double *&value);
+// owned: whether the matrix was made; else it is the store's, parked.
+TRVmatrix columnsinplace(TRVmodel &model, const double *&value, bool &owned);
 
 } // namespace store

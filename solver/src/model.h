@@ -14,7 +14,7 @@
 #include <string>
 
 struct TRVmodel {
-    store::YardHolder yard; // first: its buffers give their memory back through it
+    store::YardHolder yard, termyard; // first: its buffers give their memory back through them
     std::string name;
     store::Columns columns;
     store::Rows rows;

@@ -93,7 +93,7 @@ int32_t Rows::commit(const Columns &columns, const double *low, int lowstep, con
 
 int32_t Rows::share(const Columns &columns, int64_t nrows, const TRVsharedrows &rows, const double *low, int lowstep,
                     const double *up, int upstep, const TRVnames *newnames) {
-    Keeper keeper(rows.keeper, rows.release);
+    Keeper keeper(rows.keeper, rows.release, rows.alone);
     requirecount("rows", nrows);
     int64_t nnz;
     if (rows.ptr)
@@ -239,6 +239,7 @@ size_t Rows::chunkat(int32_t slot) const {
 }
 
 Row Rows::row(int32_t slot) const {
+    unpark();
     const Chunk &chunk = chunks_[chunkat(slot)];
     return chunk.row(slot - chunk.first);
 }
@@ -250,6 +251,8 @@ int64_t Rows::find(const Row &row, int32_t id) {
 
 // Of equal pairs each may count as a term more, which only takes room.
 void Rows::prepareset(int64_t n, const int32_t *rowids, const int32_t *vars, const double *values) {
+    if (n)
+        unpark();
     Buffer<int32_t> growing;
     for (int64_t k = 0; k < n; k++) {
         const int32_t slot = ids.slot(rowids[k]);
@@ -355,6 +358,7 @@ void Rows::filterrows(Chunk &chunk) {
 void Rows::purge(const Columns &columns) {
     if (!stale_)
         return;
+    unpark();
     for (Chunk &chunk : chunks_) {
         chunk.own();
         filterchunk(chunk, columns.ids, true);
@@ -364,6 +368,8 @@ void Rows::purge(const Columns &columns) {
 
 void Rows::prepareupdate(const Columns &columns) {
     const bool filter = columns.ids.anygone() || ids.anygone();
+    if (filter)
+        unpark();
     for (Chunk &chunk : chunks_) {
         if (filter)
             chunk.own();

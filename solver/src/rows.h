@@ -9,6 +9,10 @@
 //
 // A chunk becomes loose when single coefficients are added or taken away; rows that outgrow their space move to its
 // end. An update makes it tight again where much space is wasted.
+//
+// Large models are parked for an engine: all terms stand by columns then, in the memory in which they stood by rows, in
+// one chunk without row pointers. Whoever asks for rows next has them turned back, in the order in which they were
+// (parking.cpp).
 #pragma once
 
 #include "buffer.h"
@@ -31,13 +35,15 @@ struct Row {
 class Keeper {
   public:
     Keeper() = default;
-    Keeper(void *keeper, void (*release)(void *)) : keeper_(keeper), release_(release) {}
+    Keeper(void *keeper, void (*release)(void *), int (*alone)(void *))
+        : keeper_(keeper), release_(release), alone_(alone) {}
     Keeper(Keeper &&other) noexcept
         : keeper_(std::exchange(other.keeper_, nullptr)), release_(std::exchange(other.release_, nullptr)),
-          yard_(other.yard_) {}
+          alone_(other.alone_), yard_(other.yard_) {}
     Keeper &operator=(Keeper &&other) noexcept {
         std::swap(keeper_, other.keeper_);
         std::swap(release_, other.release_);
+        std::swap(alone_, other.alone_);
         std::swap(yard_, other.yard_);
         return *this;
     }
@@ -49,10 +55,13 @@ class Keeper {
     }
     void guard(Yard *yard) { yard_ = yard; } // as Buffer::guard
     explicit operator bool() const { return release_; }
+    // Nobody else looks at the memory: it may be written.
+    bool alone() const { return alone_ && alone_(keeper_); }
 
   private:
     void *keeper_ = nullptr;
     void (*release_)(void *) = nullptr;
+    int (*alone_)(void *) = nullptr;
     Yard *yard_ = nullptr;
 };
 
@@ -66,7 +75,7 @@ struct Chunk {
     Buffer<int32_t> limit; // loose chunks only
     Buffer<int32_t> var;
     Buffer<double> coef;
-    Keeper keeper; // of var and coef, which are then only read
+    Keeper keeper; // of var and coef, which are then only read (and turned, where nobody else looks)
 
     bool loose() const { return !stop.empty(); }
     Row row(int32_t i) const {
@@ -83,6 +92,14 @@ struct Chunk {
 
   private:
     void moverow(int32_t i, int64_t n);
+};
+
+// Rows of equal length and how their terms stand: the k-th is the one of rank[k] by ascending ids.
+struct Order {
+    static constexpr int kTerms = 8; // at most
+
+    int32_t first, nrows, width;
+    int8_t rank[kTerms];
 };
 
 // Finds duplicates within one row: where each variable was met last, counted over all rows since the array was cleared.
@@ -133,11 +150,23 @@ class Rows {
     // Comes before the update of the columns, which forget who is gone.
     void update(const Columns &columns) noexcept;
 
-    const std::vector<Chunk> &chunks() const { return chunks_; }
-    // What TRVgetdata and TRVviewrows point into.
+    const std::vector<Chunk> &chunks() const {
+        unpark();
+        return chunks_;
+    }
+    // Turns all terms to columns, where that brings something and nobody looks at them. False: nothing has changed.
+    bool park(const Columns &columns);
+    // The parked terms, for so many columns; without start where none are, or rows came since.
+    TRVmatrix parked(int32_t ncols);
+    // What TRVgetdata points into.
     void guard(Yard *yard) {
         lower.guard(yard);
         upper.guard(yard);
+    }
+    // What TRVviewrows and TRVviewcolumns point into.
+    void guardterms(Yard *yard) {
+        termyard_ = yard;
+        start_.guard(yard);
         if (chunks_.size() == 1) {
             Chunk &chunk = chunks_.front();
             chunk.ptr.guard(yard);
@@ -148,7 +177,7 @@ class Rows {
     }
     // f(slot, Row) for the rows in the model, in order.
     template <class F> void each(F f) const {
-        for (const Chunk &chunk : chunks_)
+        for (const Chunk &chunk : chunks())
             for (int32_t i = 0; i < chunk.nrows && chunk.first + i < ids.committed(); i++)
                 f(chunk.first + i, chunk.row(i));
     }
@@ -174,8 +203,19 @@ class Rows {
     void filterchunk(Chunk &chunk, const Registry &variables, bool pendingonly);
     void filterrows(Chunk &chunk);
     size_t chunkat(int32_t slot) const;
+    bool isparked() const { return !start_.empty(); }
+    void unpark() const {
+        if (isparked())
+            turnback();
+    }
+    bool parkable(const Columns &columns) const;
+    void turnback() const;
 
-    std::vector<Chunk> chunks_;
+    // By rows or by columns: what shows is the same, so that readers may have them turned back.
+    mutable std::vector<Chunk> chunks_;
+    mutable Buffer<int32_t> start_; // of columns, while the first chunk is parked; else empty
+    mutable std::vector<Order> orders_;
+    Yard *termyard_ = nullptr;
     mutable size_t lastchunk_ = 0; // neighbouring rows are asked for one after the other
     bool stray_ = false, stale_ = false;
     Marker marker_;

@@ -9,6 +9,7 @@ from solver.store import INVALID, SIZE_LIMIT, Store, lib
 from solver.store_layout import f64p, i32p, i64p, layout
 
 RELEASE = c.CFUNCTYPE(None, c.c_void_p)
+ALONE = c.CFUNCTYPE(c.c_int, c.c_void_p)
 
 
 class SharedRows(c.Structure):
@@ -19,18 +20,20 @@ class SharedRows(c.Structure):
         ("coef", f64p),
         ("keeper", c.c_void_p),
         ("release", RELEASE),
+        ("alone", ALONE),
     )
 
 
 class Lender:
     """Terms of one width a row, and how often they were given back."""
 
-    def __init__(self, var, coef, width):
+    def __init__(self, var, coef, width, alone=0):
         self.var, self.coef = np.asarray(var, np.int32), np.asarray(coef, np.float64)
         self.released = 0
         self.release = RELEASE(lambda _: setattr(self, "released", self.released + 1))
+        self.alone = ALONE(lambda _: alone)
         self.rows = SharedRows(
-            None, width, self.var.ctypes.data_as(i32p), self.coef.ctypes.data_as(f64p), None, self.release
+            None, width, self.var.ctypes.data_as(i32p), self.coef.ctypes.data_as(f64p), None, self.release, self.alone
         )
 
     def lend(self, store, nrows):

@@ -1,10 +1,9 @@
 """HiGHS: linear and mixed-integer linear problems, through tarvopy._highs.
 
 HiGHS stores columns. It reads columns in 25 ns and 28 bytes a nonzero, rows in 45 to 60 ns and 35 bytes, most of it its
-own transposition. Ours costs 10 to 20 ns and 12 bytes, but nothing where the values stand in the order of columns (a
-third less in all), and it is the faster one where neighbouring rows lead to columns far apart (a tenth less in all).
-So columns go over there and where rows are in several pieces; other rows go as they stand, which saves the copy. Adding
-rows or columns to an empty model instead costs 45 ns and 54 bytes.
+own transposition. The store's takes place in the memory of the rows, in 10 to 15 ns a nonzero, and nothing where the
+values stand in the order of columns. So columns go over wherever the store can do that; else rows in one piece go as
+they stand. Adding rows or columns to an empty model instead costs 45 ns and 54 bytes.
 
 Quadratic rows whose quadratic terms have all cancelled follow the linear rows.
 

@@ -1,0 +1,211 @@
+// parking.cpp: the terms of all rows turned to columns for an engine, and back.
+//
+// An engine takes columns and copies them: rows, columns and the copy together would be the peak of memory. So the rows
+// become the columns (turn.h), and stay so until somebody asks for rows. Turning costs 10 to 15 ns a term.
+//
+// Rows come back with their terms in ascending order. Those that stood otherwise are parked only where all rows of
+// their chunk have one length and one order, as those of an array expression have.
+#include "rows.h"
+
+#include "scatter.h"
+#include "turn.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace store {
+
+namespace {
+
+constexpr int64_t kManyTerms = 1 << 16; // fewer are copied before anybody notices
+constexpr int32_t kNone = -1;
+
+Piece pieceof(const Chunk &chunk) {
+    return {chunk.nrows, chunk.ptr.data(), chunk.var.data(), chunk.coef.data()};
+}
+
+// Descents are counted over all terms and over the ends of rows, without a branch a row.
+bool ascendinrows(const Chunk &chunk) {
+    const int32_t *var = chunk.var.data(), *ptr = chunk.ptr.data();
+    int32_t descents = 0, ends = 0;
+    for (int64_t k = 1; k < chunk.nnz; k++)
+        descents += var[k] <= var[k - 1];
+    for (int32_t i = 1; i < chunk.nrows; i++)
+        if (const int64_t at = ptr[i]; at > 0 && at < ptr[i + 1])
+            ends += var[at] <= var[at - 1];
+    return descents == ends;
+}
+
+// place[r]: which term of a row has the rank r.
+Order orderof(const Chunk &chunk, int32_t width, int8_t *place) {
+    Order order{chunk.first, chunk.nrows, width, {}};
+    std::iota(place, place + width, int8_t{0});
+    std::sort(place, place + width, [&](int8_t a, int8_t b) { return chunk.var[a] < chunk.var[b]; });
+    for (int8_t r = 0; r < width; r++)
+        order.rank[place[r]] = r;
+    return order;
+}
+
+// The order that all rows of the chunk have in common; false where they have none.
+bool commonorder(const Chunk &chunk, Order &order) {
+    const int64_t width = chunk.nrows ? chunk.nnz / chunk.nrows : 0;
+    if (width < 2 || width > Order::kTerms || width * chunk.nrows != chunk.nnz)
+        return false;
+    int8_t place[Order::kTerms];
+    order = orderof(chunk, static_cast<int32_t>(width), place);
+    bool common = true;
+    for (int32_t i = 0; i < chunk.nrows && common; i++) {
+        const int32_t *var = chunk.var.data() + i * width;
+        common = chunk.ptr[i] == i * width;
+        for (int64_t r = 1; r < width; r++)
+            common &= var[place[r - 1]] < var[place[r]];
+    }
+    return common;
+}
+
+void restore(const Order &order, const int32_t *ptr, int32_t *var, double *coef) {
+    int32_t ids[Order::kTerms];
+    double values[Order::kTerms];
+    for (int32_t i = order.first; i < order.first + order.nrows; i++) {
+        std::copy_n(var + ptr[i], order.width, ids);
+        std::copy_n(coef + ptr[i], order.width, values);
+        for (int32_t k = 0; k < order.width; k++) {
+            var[ptr[i] + k] = ids[order.rank[k]];
+            coef[ptr[i] + k] = values[order.rank[k]];
+        }
+    }
+}
+
+// Turned in fresh memory: index and value of the columns stay as they are.
+void scattered(int32_t nrows, const Piece &columns, int32_t *ptr, int32_t *var, double *coef) {
+    const int32_t nnz = columns.ptr[columns.n];
+    std::fill_n(ptr, nrows + 2, 0);
+    for (int32_t k = 0; k < nnz; k++)
+        ptr[columns.index[k] + 2]++;
+    std::partial_sum(ptr, ptr + nrows + 2, ptr);
+    const Places places{ptr + 1, var, coef};
+    for (int32_t c = 0; c < columns.n; c++)
+        for (int32_t k = columns.ptr[c]; k < columns.ptr[c + 1]; k++)
+            places.put({columns.index[k], c, columns.value[k]});
+}
+
+// The chunk whose arrays the columns go to: the largest that may be written and can grow to hold them all.
+int32_t largest(const std::vector<Chunk> &chunks) {
+    if (chunks.size() == 1)
+        return 0;
+    int32_t found = kNone;
+    for (int32_t c = 0; c < static_cast<int32_t>(chunks.size()); c++)
+        if (!chunks[c].keeper && (found == kNone || chunks[c].nnz > chunks[found].nnz))
+            found = c;
+    return found;
+}
+
+int64_t terms(const std::vector<Chunk> &chunks) {
+    return std::accumulate(chunks.begin(), chunks.end(), int64_t{0},
+                           [](int64_t sum, const Chunk &chunk) { return sum + chunk.nnz; });
+}
+
+} // namespace
+
+// Every term stands in a row of the model and means a variable of the model, whose id is its position.
+bool Rows::parkable(const Columns &columns) const {
+    if ((termyard_ && termyard_->pinned()) || isparked() || stray_ || stale_)
+        return false;
+    if (!columns.ids.identity() || columns.ids.anygone() || ids.anygone() || ids.slots() != ids.committed())
+        return false;
+    const int64_t nnz = terms(chunks_);
+    return nnz >= kManyTerms && nnz <= INT32_MAX &&
+           std::ranges::all_of(chunks_, [](const Chunk &c) { return !c.loose() && c.ptr[c.nrows] == c.nnz; }) &&
+           (chunks_.size() > 1 || !chunks_.front().keeper || chunks_.front().keeper.alone());
+}
+
+bool Rows::park(const Columns &columns) {
+    if (!parkable(columns))
+        return false;
+    const int32_t ncols = columns.ids.committed();
+    const int64_t nnz = terms(chunks_);
+    Turn turn(ncols, nnz);
+    std::vector<Order> orders;
+    for (const Chunk &chunk : chunks_) {
+        Order order;
+        if (!ascendinrows(chunk)) {
+            if (!commonorder(chunk, order))
+                return false;
+            orders.push_back(order);
+        }
+        turn.count(pieceof(chunk));
+    }
+
+    const int32_t kept = largest(chunks_);
+    Chunk fresh;
+    Chunk &place = kept == kNone ? fresh : chunks_[kept];
+    const int64_t held = kept == kNone ? 0 : place.nnz;
+    if (held < nnz) {
+        place.var.reserve(nnz);
+        place.coef.reserve(nnz);
+    }
+    Buffer<int32_t> start;
+    start.room(ncols + 1);
+    if (!turn.prepare(place.var.data(), place.coef.data(), held))
+        return false;
+    for (Chunk &chunk : chunks_) {
+        turn.read(chunk.first, pieceof(chunk));
+        if (&chunk != &place)
+            chunk = Chunk(); // its memory may serve the next
+    }
+    turn.finish(start.data());
+
+    start.grow(ncols + 1);
+    start_.swap(start);
+    orders_.swap(orders);
+    Chunk all = std::move(place);
+    all.first = 0;
+    all.nrows = ids.committed();
+    all.nnz = nnz;
+    all.shared = false;
+    all.ptr.free();
+    all.var.cut(nnz);
+    all.coef.cut(nnz);
+    chunks_.front() = std::move(all);
+    chunks_.erase(chunks_.begin() + 1, chunks_.end());
+    return true;
+}
+
+TRVmatrix Rows::parked(int32_t ncols) {
+    if (!isparked() || chunks_.size() != 1)
+        return {};
+    Chunk &chunk = chunks_.front();
+    start_.pad(ncols + 1, static_cast<int32_t>(chunk.nnz));
+    return {ncols, chunk.nnz, start_.data(), chunk.var.data(), chunk.coef.data()};
+}
+
+void Rows::turnback() const {
+    Chunk &chunk = chunks_.front();
+    const Piece columns{static_cast<int32_t>(start_.size()) - 1, start_.data(), chunk.var.data(), chunk.coef.data()};
+    Buffer<int32_t> ptr;
+    ptr.room(chunk.nrows + 2);
+    Turn turn(chunk.nrows, chunk.nnz);
+    turn.count(columns);
+    const bool watched = termyard_ && termyard_->pinned();
+    if (!watched && turn.prepare(chunk.var.data(), chunk.coef.data(), chunk.nnz)) {
+        turn.read(0, columns);
+        turn.finish(ptr.data());
+    } else {
+        Buffer<int32_t> var;
+        Buffer<double> coef;
+        scattered(chunk.nrows, columns, ptr.data(), var.room(chunk.nnz), coef.room(chunk.nnz));
+        var.grow(chunk.nnz);
+        coef.grow(chunk.nnz);
+        chunk.var = std::move(var);
+        chunk.coef = std::move(coef);
+        chunk.keeper = Keeper();
+    }
+    for (const Order &order : orders_)
+        restore(order, ptr.data(), chunk.var.data(), chunk.coef.data());
+    ptr.grow(chunk.nrows + 1);
+    chunk.ptr = std::move(ptr);
+    start_.free();
+    orders_.clear();
+}
+
+} // namespace store

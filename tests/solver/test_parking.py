@@ -1,0 +1,165 @@
+"""Large models turn their rows to columns for an engine, and back: a store that was never asked for columns says the
+same, whatever is done in between.
+"""
+
+import ctypes as c
+
+import numpy as np
+import pytest
+
+from solver.store import CONSTR, VAR, Store, lib
+from solver.store_layout import Matrix, f64p
+from solver.test_shared_rows import Lender
+
+NVARS = 3000
+
+
+def ragged(rng):
+    """Rows of ascending variables, some empty."""
+    width = rng.integers(0, 9, 18_000)
+    return width, rng.random((len(width), NVARS // 100)).argsort(1)[:, :8] * 100 + rng.integers(0, 100, (len(width), 1))
+
+
+def same_order(rng):
+    """Rows of one width, their variables in one order that does not ascend."""
+    width = int(rng.integers(2, 9))
+    var = np.sort(ragged(rng)[1][:, :width])[:, rng.permutation(width)]
+    return np.full(len(var), width), var
+
+
+def crowded(rng):
+    """Most terms are of few variables."""
+    width, var = np.full(15_000, 6), np.full((15_000, 6), 0)
+    var[:, 1:5] = [10, 11, 12, 13]
+    var[:, 5] = rng.integers(14, NVARS, 15_000)
+    return width, var
+
+
+def disordered(rng):
+    """Each row in an order of its own: these stay rows."""
+    width, var = ragged(rng)
+    return np.maximum(width, 4), var
+
+
+def block(rng):
+    kind = rng.choice([ragged, ragged, same_order, crowded, disordered], p=[0.2, 0.2, 0.3, 0.2, 0.1])
+    width, var = kind(rng)
+    if kind in (ragged, crowded):
+        var = np.where(np.arange(var.shape[1]) < width[:, None], var, NVARS)
+        var.sort(1)
+    ptr = np.concatenate([[0], np.cumsum(width)])
+    var = var[np.arange(var.shape[1]) < width[:, None]]
+    return ptr, var, rng.integers(1, 100, len(var)).astype(float)
+
+
+class Pair:
+    """One store is asked for columns, the other one never; both get all else."""
+
+    def __init__(self, rng):
+        self.rng, self.parked, self.lenders = rng, 0, []
+        self.stores = self.asked, self.plain = Store(), Store()
+        self.both("addvars", NVARS)
+        self.blocks(int(rng.integers(1, 4)))
+
+    def both(self, name, *args):
+        first, second = (getattr(store, name)(*args) for store in self.stores)
+        assert np.array_equal(first, second)
+        return first
+
+    def blocks(self, n):
+        for _ in range(n):
+            self.both("addcsr", *block(self.rng), -1.0, 1.0)
+        self.both("update")
+
+    def lend(self):
+        """Rows in memory of the caller, which may be the only one to look at it, or not."""
+        present = np.asarray(self.both("idsat", VAR, range(self.plain.int("NumVars"))))
+        var = present[np.sort(ragged(self.rng)[1][:, :5]) * len(present) // NVARS]
+        for store in self.stores:
+            lender = Lender(var.ravel().copy(), np.arange(1.0, var.size + 1), 5, int(self.rng.integers(2)))
+            assert lender.lend(store, len(var)) == 0
+            self.lenders.append(lender)
+        self.both("update")
+
+    def view(self):
+        """The arrays as an engine reads them, and a pin."""
+        matrix, value, owned, pin = Matrix(), f64p(), c.c_int(), c.c_void_p()
+        self.asked.call("TRVviewcolumns", c.byref(matrix), c.byref(value), c.byref(owned))
+        by_columns = bool(matrix.start)
+        if not by_columns:  # one block of rows that cannot be turned serves as it is
+            self.asked.call("TRVviewrows", c.byref(matrix))
+            value = matrix.value
+        n, nnz = matrix.nmajor, matrix.nnz
+        arrays = [np.ctypeslib.as_array(a, (k,)) for a, k in ((matrix.start, n + 1), (matrix.index, nnz), (value, nnz))]
+        if by_columns and owned.value:
+            arrays = [a.copy() for a in arrays]
+            lib.TRVfreematrix(c.byref(matrix))
+        self.parked += by_columns and not owned.value
+        self.asked.call("TRVpinmatrix", c.byref(pin))
+        return arrays, pin, by_columns
+
+    def columns(self):
+        arrays, pin, by_columns = self.view()
+        for seen, expected in zip(arrays, self.plain.matrix(int(by_columns)), strict=True):
+            assert np.array_equal(seen, expected)
+        lib.TRVunpin(pin)
+
+    def columns_held(self):
+        """The columns that an engine still reads stay while somebody asks for rows, or changes them."""
+        arrays, pin, by_columns = self.view()
+        before = [a.copy() for a in arrays]
+        for step in (self.row, self.change, self.grow):
+            step()
+        assert not by_columns or all(map(np.array_equal, arrays, before))
+        lib.TRVunpin(pin)
+
+    # ---- steps
+
+    def ids(self, kind, n):
+        present = self.both("idsat", kind, range(self.plain.int({VAR: "NumVars", CONSTR: "NumConstrs"}[kind])))
+        return self.rng.choice(present, min(n, len(present)), replace=False).tolist()
+
+    def row(self):
+        for row in self.ids(CONSTR, 3):
+            self.both("row", row)
+
+    def change(self):
+        rows, values = self.ids(CONSTR, 6), [0.0, 2.0, 3.0, 4.0, 5.0, 6.0]
+        variables = [terms[0][0] for row in rows[:3] if (terms := self.both("row", row))]
+        variables += self.ids(VAR, 6)[len(variables) :]
+        self.both("setcoefs", rows, variables, values)
+        self.both("coefs", rows, variables)
+
+    def grow(self):
+        first = self.both("addvars", 2)
+        self.both("addrows", [{self.ids(VAR, 1)[0]: 1.0, first: 2.0}, {first + 1: 3.0}], 0.0)
+        self.both("update")
+
+    def new_variables(self):
+        self.both("addvars", 5)
+        self.both("update")
+
+    def shrink(self):
+        kind = self.rng.choice([VAR, CONSTR])
+        self.both("remove", kind, self.ids(kind, 4))
+        self.both("update")
+
+    def rows(self):
+        for seen, expected in zip(self.asked.matrix(0), self.plain.matrix(0), strict=True):
+            assert np.array_equal(seen, expected)
+
+    def counts(self):
+        self.both("int", "NumNZs")
+
+
+@pytest.mark.parametrize("seed", range(8))
+def test_a_store_that_was_asked_for_columns_is_the_same_model(seed):
+    rng = np.random.default_rng(seed)
+    pair = Pair(rng)
+    steps = ["columns"] * 5 + ["columns_held", "row", "change", "grow", "new_variables", "rows", "counts", "lend"]
+    steps += ["shrink"] * (seed % 4 == 0)  # from the first removal on rows are only copied
+    for step in rng.choice(steps, 25):
+        getattr(pair, step)()
+    pair.rows()
+    del pair.stores, pair.asked, pair.plain
+    assert all(lender.released == 1 for lender in pair.lenders)
