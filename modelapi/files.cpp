@@ -57,7 +57,8 @@ class FileCall {
     // Runs the handlers of signals that have come, in the thread where Python runs them; the error of one that raised
     // stays set. Now and then it lets others in: the main thread may have a signal to answer. A busy one keeps the
     // interpreter for 5 ms each time, so more often would make writing many times slower.
-    static int signal_raised(void *context) {
+    // noexcept: a thread that ends here with the interpreter must not unwind the store (pysupport/ending_threads.cpp).
+    static int signal_raised(void *context) noexcept {
         if (PyErr_CheckSignals() != 0)
             return 1;
         auto *call = static_cast<FileCall *>(context);
