@@ -6,9 +6,11 @@ from pathlib import Path
 import pytest
 from hypothesis import HealthCheck, settings
 
-# A machine with other work on it draws and runs examples slowly, which says nothing about this package.
+# A machine with other work on it draws and runs examples slowly, which says nothing about this package. A profile's
+# number scales what makes many cases: programs are 30 times as many.
 settings.register_profile("ci", deadline=None, suppress_health_check=[HealthCheck.too_slow])
-settings.register_profile("night", settings.get_profile("ci"), max_examples=200_000)
+settings.register_profile("night", settings.get_profile("ci"), max_examples=6_667)
+settings.register_profile("sanitize", settings.get_profile("ci"), max_examples=20)
 settings.load_profile("ci")
 
 

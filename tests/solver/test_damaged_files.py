@@ -5,6 +5,7 @@ import random
 from pathlib import Path
 
 import pytest
+from hypothesis import settings
 
 from solver.damaged_files import GENERAL_LP, GENERAL_MPS, KINDS, SOLUTION, read_damaged, read_files
 from solver.model_file import mps, read
@@ -20,7 +21,7 @@ def write_all(folder, contents, ending):
 
 @pytest.mark.parametrize("kind", KINDS)
 def test_refused_or_a_model_that_reads_back(kind, tmp_path):
-    found = read_damaged(kind, seed=1, count=800, folder=tmp_path)
+    found = read_damaged(kind, seed=1, count=8 * settings.default.max_examples, folder=tmp_path)
     assert found["models"] > 10 < found["refused"]
 
 
