@@ -21,8 +21,9 @@ def write_all(folder, contents, ending):
 
 @pytest.mark.parametrize("kind", KINDS)
 def test_refused_or_a_model_that_reads_back(kind, tmp_path):
-    found = read_damaged(kind, seed=1, count=8 * settings.default.max_examples, folder=tmp_path)
-    assert found["models"] > 10 < found["refused"]
+    count = 8 * settings.default.max_examples
+    found = read_damaged(kind, seed=1, count=count, folder=tmp_path)
+    assert found["models"] > count // 80 < found["refused"]
 
 
 # The last line end may be missing; a solution is a list of lines, whole after each and after most of its digits.
