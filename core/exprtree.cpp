@@ -118,7 +118,7 @@ PyObject *tree_repr(PyObject *self) {
 }
 
 PyObject *from_constant(PyObject *, PyObject *value) {
-    return border([&] { return constant_tree(finite_number(value, "Constant")); });
+    return border([&] { return constant_tree(finite_constant(value)); });
 }
 
 PyObject *from_var(PyObject *, PyObject *var) {

@@ -63,7 +63,7 @@ Ref sum_of_terms(const Operand &operand) {
 Ref tree_of(const Operand &operand) {
     switch (operand.kind) {
     case OperandKind::Number:
-        return constant_tree(finite_number(operand.object, "Constant"));
+        return constant_tree(finite_constant(operand.object));
     case OperandKind::Var:
         return variable_tree(operand.object);
     case OperandKind::LinExpr:

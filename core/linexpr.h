@@ -36,7 +36,6 @@ struct Terms {
 Terms terms_of(const Operand &operand);
 // Runs the __float__ of unusual numbers, so it comes before anything looks at terms.
 double constant_of(const Operand &operand);
-double finite_constant(double value);
 
 // Takes over the lists.
 Ref make_linexpr(double constant, Ref coeffs, Ref vars);

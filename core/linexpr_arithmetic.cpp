@@ -47,14 +47,8 @@ Terms terms_of(const Operand &operand) {
 
 double constant_of(const Operand &operand) {
     if (operand.kind == OperandKind::Number)
-        return finite_number(operand.object, "Constant");
+        return finite_constant(operand.object);
     return operand.kind == OperandKind::LinExpr ? as_linexpr(operand.object)->constant : 0.0;
-}
-
-double finite_constant(double value) {
-    if (!std::isfinite(value))
-        fail_code(TRV_ERROR_INVALID_ARGUMENT, "Constant is infinite or NaN");
-    return value;
 }
 
 Ref make_linexpr(double constant, Ref coeffs, Ref vars) {

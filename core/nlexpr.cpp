@@ -47,7 +47,7 @@ PyObject *copy_method(PyObject *self, PyObject *) {
 }
 
 PyObject *from_constant(PyObject *, PyObject *value) {
-    return border([&] { return make_nlexpr(constant_tree(finite_number(value, "Constant"))); });
+    return border([&] { return make_nlexpr(constant_tree(finite_constant(value))); });
 }
 
 PyObject *from_var(PyObject *, PyObject *var) {

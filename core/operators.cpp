@@ -262,10 +262,30 @@ Operand classify(PyObject *object) {
     return {kind, object};
 }
 
-double finite_number(PyObject *object, const char *what) {
+namespace {
+
+double number_of(PyObject *object, const char *what) {
     double value = 0;
     if (!pysupport::number_value(object, &value))
         fail(PyExc_TypeError, "%s must be a number, not '%.200s'", what, Py_TYPE(object)->tp_name);
+    return value;
+}
+
+} // namespace
+
+double finite_constant(double value) {
+    if (!std::isfinite(value))
+        fail_code(TRV_ERROR_INVALID_ARGUMENT, "Constant is infinite or NaN: %s",
+                  std::isnan(value) ? "nan" : (value > 0 ? "inf" : "-inf"));
+    return value;
+}
+
+double finite_constant(PyObject *object) {
+    return finite_constant(number_of(object, "Constant"));
+}
+
+double finite_number(PyObject *object, const char *what) {
+    double value = number_of(object, what);
     if (!std::isfinite(value))
         fail_code(TRV_ERROR_INVALID_ARGUMENT, "%s is infinite or NaN", what);
     return value;

@@ -32,9 +32,11 @@ struct Operand {
 
 Operand classify(PyObject *object);
 bool is_sparse(PyObject *object); // a SciPy matrix
-// The value of a Number; may run its __float__. what ("Constant", "Multiplier") names it in the refusal of infinity and
-// NaN.
+// The value of a Number; may run its __float__. what ("Multiplier") names it in the refusal of infinity and NaN.
 double finite_number(PyObject *object, const char *what);
+// The same of a constant, whose refusal names the value.
+double finite_constant(PyObject *object);
+double finite_constant(double value);
 
 PyObject *operator_add(PyObject *a, PyObject *b);
 PyObject *operator_subtract(PyObject *a, PyObject *b);

@@ -12,7 +12,7 @@ struct Plain {
     Operand operand;
     explicit Plain(const Operand &given) : operand(given) {
         if (given.kind == OperandKind::Number && !PyFloat_CheckExact(given.object)) {
-            number = check(PyFloat_FromDouble(finite_number(given.object, "Constant")));
+            number = check(PyFloat_FromDouble(finite_constant(given.object)));
             operand.object = number.get();
         }
     }

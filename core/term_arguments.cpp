@@ -8,11 +8,20 @@ namespace tarvopy::core {
 
 namespace {
 
+// A view of one number may have any shape and costs nothing before it is made a list.
+void need_bearable(PyObject *array, const char *what) {
+    constexpr npy_intp most = npy_intp{1} << 31;
+    npy_intp size = PyArray_SIZE(pysupport::as_array(array));
+    if (size > most)
+        fail(PyExc_ValueError, "%s are an array of %zd elements, more than 2**31", what, size);
+}
+
 // Arrays as lists, in C order: NumPy's, and MVar through its own reshape and tolist. Other objects as they are.
-Ref without_arrays(PyObject *object) {
+Ref without_arrays(PyObject *object, const char *what) {
     if (PyList_Check(object) || PyTuple_Check(object))
         return Ref::borrow(object);
     if (pysupport::is_array(object)) {
+        need_bearable(object, what);
         Ref plain = check(PyArray_FROM_OF(object, NPY_ARRAY_ENSUREARRAY)); // a numpy.matrix stays two-dimensional
         Ref flat = check(PyArray_Ravel(pysupport::as_array(plain), NPY_CORDER));
         return check(PyArray_ToList(pysupport::as_array(flat)));
@@ -27,7 +36,7 @@ Ref without_arrays(PyObject *object) {
 Ref given_items(PyObject *object, const char *what) {
     if (PyUnicode_Check(object) || PyBytes_Check(object))
         fail(PyExc_TypeError, "%s cannot be given as a string", what);
-    return check(PySequence_Tuple(without_arrays(object).get()));
+    return check(PySequence_Tuple(without_arrays(object, what).get()));
 }
 
 // Exact floats, checked; every __float__ has run when this returns.

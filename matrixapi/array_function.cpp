@@ -111,10 +111,8 @@ PyObject *array_function(PyObject *self, PyObject *given) {
 
 } // namespace
 
-PyMethodDef array_function_methods[] = {
-    {"__array_function__", array_function, METH_VARARGS,
-     "NumPy's functions: those that a method has are done by it, others are refused with a TypeError."},
-    {nullptr, nullptr, 0, nullptr},
-};
+const PyMethodDef array_function_method = {
+    "__array_function__", array_function, METH_VARARGS,
+    "NumPy's functions: those that a method has are done by it, others are refused with a TypeError."};
 
 } // namespace tarvopy

@@ -6,6 +6,6 @@
 namespace tarvopy {
 
 // The method __array_function__ of all matrix classes.
-extern PyMethodDef array_function_methods[];
+extern const PyMethodDef array_function_method;
 
 } // namespace tarvopy

@@ -1,5 +1,5 @@
-// The native base type of the matrix classes: memory, dictionary and native form. Its one method is what
-// NumPy's functions ask for.
+// The native base type of the matrix classes: memory, dictionary and native form. Its two methods are what NumPy's
+// functions and the interpreter's `inspect` ask for.
 #include "matrixapi/base.h"
 #include "matrixapi/array_function.h"
 
@@ -38,6 +38,26 @@ void deallocate(PyObject *self) {
     Py_DECREF(type); // a heap type's instances hold their type
 }
 
+// inspect.signature(MVar), help() and editors look for a Python function __init__ and fail over a native one.
+PyObject *signature_of_class(PyObject *cls, PyObject *) {
+    return border([&] {
+        Ref inspect = check(PyImport_ImportModule("inspect"));
+        Ref init = check(PyObject_GetAttrString(cls, "__init__"));
+        Ref whole = check(PyObject_CallMethod(inspect.get(), "signature", "O", init.get()));
+        Ref parameters = check(PyObject_GetAttrString(whole.get(), "parameters"));
+        Ref values = check(PySequence_List(check(PyObject_CallMethod(parameters.get(), "values", nullptr)).get()));
+        check_status(PyList_SetSlice(values.get(), 0, 1, nullptr)); // self
+        Ref type = check(PyObject_GetAttrString(inspect.get(), "Signature"));
+        return check(PyObject_CallOneArg(type.get(), values.get()));
+    });
+}
+
+PyMethodDef methods[] = {
+    array_function_method,
+    {"__signature__", signature_of_class, METH_CLASS | METH_NOARGS, "What the class is called with."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
 PyMemberDef members[] = {
     {"__dictoffset__", Py_T_PYSSIZET, offsetof(MatrixObject, dict), Py_READONLY, nullptr},
     {"__weaklistoffset__", Py_T_PYSSIZET, offsetof(MatrixObject, weakrefs), Py_READONLY, nullptr},
@@ -49,7 +69,7 @@ PyType_Slot slots[] = {
     {Py_tp_clear, reinterpret_cast<void *>(clear)},
     {Py_tp_dealloc, reinterpret_cast<void *>(deallocate)},
     {Py_tp_members, members},
-    {Py_tp_methods, array_function_methods},
+    {Py_tp_methods, methods},
     {0, nullptr},
 };
 

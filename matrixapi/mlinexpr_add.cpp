@@ -155,6 +155,7 @@ Ref add_elements(PyObject *self, PyObject *other, Operand kind, double factor) {
 }
 
 Ref add_full(PyObject *self, PyObject *other, Operand kind, double factor) {
+    need_finite_addend(other);
     Value a, b;
     if (!expr_value(self, a) || !value_of(other, kind, b) || !merge_models(a.model, b.model))
         return add_elements(self, other, kind, factor);
@@ -295,6 +296,7 @@ void iadd_flat(LinearNative &native, const flat::Form &operand, Ref model, doubl
 }
 
 void iadd_full(PyObject *self, PyObject *other, Operand kind, double factor) {
+    need_finite_addend(other);
     Value operand;
     if (!value_of(other, kind, operand))
         return iadd_elements(self, other, kind, factor);

@@ -310,11 +310,41 @@ void need_finite(double value, const char *what) {
     need_finite(&value, 1, what);
 }
 
+namespace {
+
+// "[1, 2]"
+std::string place_text(int64_t element, const flat::Shape &shape) {
+    std::string text;
+    for (size_t axis = shape.size(); axis-- > 0; element /= shape[axis])
+        text = std::to_string(element % shape[axis]) + (text.empty() ? "" : ", ") + text;
+    return "[" + text + "]";
+}
+
+} // namespace
+
+void need_finite_constants(const double *values, int64_t n, const flat::Shape &shape) {
+    const double *found = std::find_if_not(values, values + n, [](double value) { return std::isfinite(value); });
+    if (found == values + n)
+        return;
+    std::string text = "Constant is infinite or NaN: ";
+    text += std::isnan(*found) ? "nan" : *found > 0 ? "inf" : "-inf";
+    if (!shape.empty())
+        text += " at " + place_text(found - values, shape);
+    fail_tarvo(TRV_ERROR_INVALID_ARGUMENT, text.c_str());
+}
+
+void need_finite_addend(PyObject *other) {
+    if (!is_array(other) || PyArray_NDIM(as_array(other)) == 0)
+        return;
+    if (Ref numbers = as_doubles(other))
+        need_finite_constants(doubles(numbers), PyArray_SIZE(as_array(numbers)), shape_of_array(numbers.get()));
+}
+
 void need_finite(const flat::Form &form) {
     if (form.constant.values.empty())
-        need_finite(form.constant.uniform, "Constant");
+        need_finite_constants(&form.constant.uniform, 1);
     else
-        need_finite(form.constant.values.data(), form.size, "Constant");
+        need_finite_constants(form.constant.values.data(), form.size);
 }
 
 void need_fit(const flat::Shape &receiver, const flat::Shape &operand) {

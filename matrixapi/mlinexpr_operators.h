@@ -77,7 +77,11 @@ void elements_or_nothing(PyObject *array, PyObject *operand, BinaryFunction func
 // ---- checks: TarvoError INVALID_ARGUMENT "<what> is infinite or NaN"
 void need_finite(double value, const char *what);
 void need_finite(const double *values, int64_t n, const char *what);
+// "Constant is infinite or NaN: nan at [1, 2]"; without a shape, the value alone.
+void need_finite_constants(const double *values, int64_t n, const flat::Shape &shape = {});
 void need_finite(const flat::Form &form);
+// Of an array of numbers, before it is added to a full expression: with or without objects the place is named.
+void need_finite_addend(PyObject *other);
 // In-place operators: the operand may not enlarge the receiver.
 void need_fit(const flat::Shape &receiver, const flat::Shape &operand);
 // The shape in which a value is spread over the elements that an assignment selects, by NumPy's rule: leading extents

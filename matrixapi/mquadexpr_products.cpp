@@ -333,7 +333,7 @@ Ref compact_product(PyObject *left, PyObject *right, const flat::Shape &shape) {
     if (!merge_models(model, b.model))
         return {};
     double constant = dot(a, b);
-    need_finite(constant, "Constant");
+    need_finite_constants(&constant, 1);
     std::vector<Part> linear;
     append_weighted(linear, a, b);
     append_weighted(linear, b, a);

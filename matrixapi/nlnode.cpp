@@ -44,14 +44,14 @@ std::vector<int64_t> contiguous_strides(const flat::Shape &shape) {
 // ---- leaves ---------------------------------------------------------------------------------------------------------
 
 NodeRef number_node(double value) {
-    need_finite(value, "Constant");
+    need_finite_constants(&value, 1);
     NodeRef node = new_node(NLNode::Numbers, {});
     node->number = value;
     return node;
 }
 
 NodeRef numbers_node(flat::Buffer<double> values, flat::Shape shape) {
-    need_finite(values.data(), values.size(), "Constant");
+    need_finite_constants(values.data(), values.size(), shape);
     NodeRef node = new_node(NLNode::Numbers, std::move(shape));
     node->numbers = std::move(values);
     return node;
@@ -153,7 +153,7 @@ NodeRef sum_node(flat::Shape shape, flat::Shape extents, NodeView operand) {
 
 NodeRef rows_node(flat::Shape shape, flat::Buffer<int64_t> ptr, flat::Buffer<int64_t> source, flat::Buffer<double> coef,
                   NodeRef operand, bool constant_first) {
-    need_finite(coef.data(), coef.size(), "Constant");
+    need_finite_constants(coef.data(), coef.size());
     NodeRef node = new_node(NLNode::Rows, std::move(shape));
     node->ptr = std::move(ptr);
     node->source = std::move(source);

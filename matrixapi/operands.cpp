@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <unordered_map>
 
 namespace tarvopy {
 
@@ -179,6 +180,42 @@ void check_large_operand(PyObject *self, PyObject *array, bool is_broadcast) {
     flat::Shape own = shape_of_tuple(check(PyObject_GetAttr(self, names.shape)).get());
     if (is_broadcast && shapes::try_broadcast(own, shape))
         broadcast_shapes(own, shape);
+}
+
+namespace {
+
+// How deep arrays of objects are nested in each other. An array that stands in several places is looked at once.
+class Nesting {
+  public:
+    int height_of(PyObject *array, int depth) {
+        if (depth > limit)
+            refuse();
+        if (auto known = heights_.find(array); known != heights_.end())
+            return known->second;
+        Ref plain = check(PyArray_FROM_OTF(array, NPY_OBJECT, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
+        auto **elements = static_cast<PyObject **>(PyArray_DATA(as_array(plain)));
+        int height = 0;
+        for (npy_intp i = 0; i < PyArray_SIZE(as_array(plain)); ++i)
+            if (elements[i] && is_array(elements[i]) && PyArray_TYPE(as_array(elements[i])) == NPY_OBJECT)
+                height = std::max(height, 1 + height_of(elements[i], depth + 1));
+        if (height > limit)
+            refuse();
+        return heights_[array] = height;
+    }
+
+  private:
+    static constexpr int limit = 64; // as many as an array has dimensions
+    std::unordered_map<PyObject *, int> heights_;
+
+    [[noreturn]] static void refuse() {
+        fail(PyExc_RecursionError, "arrays are nested more than %d deep, or hold themselves", limit);
+    }
+};
+
+} // namespace
+
+void check_nesting(PyObject *array) {
+    Nesting().height_of(array, 0);
 }
 
 flat::Shape leading(const flat::Shape &shape) {

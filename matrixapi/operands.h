@@ -64,9 +64,16 @@ bool too_large(const flat::Shape &shape);
 // ValueError for an array too large to be an operand, or, where it is broadcast with `self`, whose elements would be
 // too many together with those of `self`; shapes that do not fit are no matter here.
 void check_large_operand(PyObject *self, PyObject *array, bool is_broadcast);
+// RecursionError for an array of objects that holds itself, however deep: NumPy, which computes with arrays within
+// arrays element by element, would follow them until the stack ends.
+void check_nesting(PyObject *array);
 inline void need_bearable_operand(PyObject *self, PyObject *other, bool is_broadcast) {
-    if (pysupport::is_array(other) && PyArray_SIZE(pysupport::as_array(other)) >= (1 << 20))
+    if (!pysupport::is_array(other))
+        return;
+    if (PyArray_SIZE(pysupport::as_array(other)) >= (1 << 20))
         check_large_operand(self, other, is_broadcast);
+    if (PyArray_TYPE(pysupport::as_array(other)) == NPY_OBJECT)
+        check_nesting(other);
 }
 
 // NumPy's broadcast of two shapes; ValueError naming both, also where the result is too large.

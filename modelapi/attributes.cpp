@@ -84,7 +84,7 @@ double real(const char *name, PyObject *object) {
 TARVOPY_METHOD(model_getAttr) {
     static const Signature signature{"getAttr", {"attrname"}, 1};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         const TRVattrinfo &info = model_attribute(self, given[0]);
         TRVmodel *store = store_of(handle);
@@ -96,7 +96,7 @@ TARVOPY_METHOD(model_getAttr) {
 TARVOPY_METHOD(model_setAttr) {
     static const Signature signature{"setAttr", {"attrname", "value"}, 2};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         const TRVattrinfo &info = model_attribute(self, given[0]);
         if (!info.settable)
@@ -123,7 +123,7 @@ TARVOPY_METHOD(model_attributes) {
     static const Signature signature{"_attributes", {}, 0};
     (void)self;
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         Ref names = check(PyList_New(0));
         for (int i = 0; const TRVattrinfo *info = TRVattrat(i); ++i) {
             if (info->kind != TRV_MODEL)

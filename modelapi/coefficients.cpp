@@ -70,7 +70,7 @@ Ids var_ids(ModelObject *handle, PyObject *object) {
 TARVOPY_METHOD(model_setCoeff) {
     static const Signature signature{"setCoeff", {"constr", "var", "value"}, 3};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
         ModelObject *handle = handle_of(self);
         Doubles values("value", given[2], 0.0);
@@ -93,7 +93,7 @@ TARVOPY_METHOD(model_setCoeff) {
 TARVOPY_METHOD(model_getCoeff) {
     static const Signature signature{"getCoeff", {"constr", "var"}, 2};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
         ModelObject *handle = handle_of(self);
         Ids rows = row_ids("getCoeff", handle, given[0]), vars = var_ids(handle, given[1]);
@@ -115,7 +115,7 @@ TARVOPY_METHOD(model_getCoeff) {
 TARVOPY_METHOD(model_getA) {
     static const Signature signature{"getA", {}, 0};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
         ModelObject *handle = handle_of(self);
         Ref sparse = check(PyImport_ImportModule("scipy.sparse"));
@@ -178,7 +178,7 @@ Ref quadratic_row(ModelObject *handle, int32_t row) {
 TARVOPY_METHOD(model_getRow) {
     static const Signature signature{"getRow", {"constr"}, 1};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         need_numpy();
         if (is_quadratic_row(given[0]))

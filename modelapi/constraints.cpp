@@ -58,7 +58,7 @@ Ref add_nonlinear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense
 TARVOPY_METHOD(model_addConstr) {
     static const Signature signature{"addConstr", {"tempconstr", "name"}, 1};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         if (is_general(given[0])) {
             Names names(given[1]);
@@ -137,7 +137,7 @@ Ref add_nonlinear_range(ModelObject *handle, PyObject *expr, PyObject *zeros, Do
 TARVOPY_METHOD(model_addRange) {
     static const Signature signature{"addRange", {"expr", "lb", "ub", "name"}, 3};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         int degree = matrix().degree(given[0]);
         require_expression("addRange", degree, given[0]);

@@ -22,7 +22,7 @@ ModelObject *fresh(PyObject *target) {
 PyObject *copy_into(const Signature &signature, int form, PyObject *self, PyObject *const *args, Py_ssize_t nargs,
                     PyObject *kwnames) {
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *target = fresh(given[0]);
         TRVmodel *store = store_of(handle_of(self)), *copy;
         succeed(store, TRVcopymodel(store, form, &copy));

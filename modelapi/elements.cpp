@@ -9,7 +9,7 @@ namespace tarvopy::modelapi {
 TARVOPY_METHOD(model_update) {
     static const Signature signature{"update", {}, 0};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         TRVmodel *store = store_of(handle_of(self));
         succeed(store, TRVupdatemodel(store));
         return Ref::none();
@@ -109,7 +109,7 @@ class Removals {
 TARVOPY_METHOD(model_remove) {
     static const Signature signature{"remove", {"what"}, 1};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         Removals removals(handle);
         removals.collect(given[0]);
@@ -125,7 +125,7 @@ namespace {
 PyObject *list_of(const Signature &signature, PyObject *self, PyObject *const *args, Py_ssize_t nargs,
                   PyObject *kwnames, int kind, const char *count_attribute) {
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         TRVmodel *store = store_of(handle);
         int count = 0;
@@ -176,7 +176,7 @@ namespace {
 PyObject *by_name(const Signature &signature, PyObject *self, PyObject *const *args, Py_ssize_t nargs,
                   PyObject *kwnames, int kind) {
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         if (!PyUnicode_Check(given[0]))
             fail(PyExc_TypeError, "%s() takes a name, not '%.200s'", signature.function, Py_TYPE(given[0])->tp_name);

@@ -82,7 +82,7 @@ class FileCall {
 TARVOPY_METHOD(model_read) {
     static const Signature signature{"read", {"path"}, 1};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         Ref path = path_bytes(given[0]);
         const char *text = PyBytes_AS_STRING(path.get());
@@ -96,7 +96,7 @@ TARVOPY_METHOD(model_read) {
 TARVOPY_METHOD(model_write) {
     static const Signature signature{"write", {"path"}, 1};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         Ref path = path_bytes(given[0]);
         const char *text = PyBytes_AS_STRING(path.get());

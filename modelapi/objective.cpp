@@ -56,7 +56,7 @@ void set_nonlinear(ModelObject *handle, PyObject *expression, int sense) {
 TARVOPY_METHOD(model_setObjective) {
     static const Signature signature{"setObjective", {"expr", "sense"}, 1};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         int sense = objective_sense(given[1]);
         int degree = matrix().degree(given[0]);

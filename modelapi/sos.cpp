@@ -85,7 +85,7 @@ std::vector<double> weights_of(PyObject *object, size_t count) {
 TARVOPY_METHOD(model_addSOS) {
     static const Signature signature{"addSOS", {"kind", "vars", "weights", "name"}, 2};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         int type = kind_of_set(given[0]);
         Members members(handle);

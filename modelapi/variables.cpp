@@ -11,7 +11,7 @@ namespace tarvopy::modelapi {
 TARVOPY_METHOD(model_addVar) {
     static const Signature signature{"addVar", {"lb", "ub", "obj", "vtype", "name"}, 0};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         double lb = given[0] ? number("lb", given[0]) : 0.0;
         double ub = given[1] ? number("ub", given[1]) : HUGE_VAL;
@@ -32,7 +32,7 @@ TARVOPY_METHOD(model_addVar) {
 TARVOPY_METHOD(model_addMVar) {
     static const Signature signature{"addMVar", {"shape", "lb", "ub", "obj", "vtype", "name"}, 1};
     return border([&] {
-        Arguments given(signature, 1, args, nargs, kwnames);
+        Arguments given(signature, 0, args, nargs, kwnames);
         ModelObject *handle = handle_of(self);
         Shape shape(given[0]);
         Doubles lb("lb", given[1], 0.0), ub("ub", given[2], HUGE_VAL), obj("obj", given[3], 0.0);

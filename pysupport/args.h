@@ -4,8 +4,10 @@
 //   Arguments given(signature, self_counts, args, nargs, kwnames);
 //   PyObject *axis = given[0];                                          borrowed; NULL where it was left out
 //
-// The counts in the messages include self where the function is a method, as Python's own messages for functions do:
-//   sum() takes at most 2 positional arguments (3 given)
+// The counts in the messages include self for methods of the matrix classes, as Python's own messages for functions do,
+// and leave it out for those of Model, as they do for native methods:
+//   sum() takes at most 2 positional arguments (3 given)                           x.sum(1, 2)
+//   addRange() takes at least 3 positional arguments (2 given)                     m.addRange(x, 1)
 #pragma once
 
 #include "pysupport/error.h"
@@ -29,7 +31,7 @@ struct Signature {
 
 class Arguments {
   public:
-    // self_counts: 1 for methods and class methods, 0 for functions and static methods.
+    // self_counts: 1 where the messages count self or the class, else 0.
     Arguments(const Signature &signature, int self_counts, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames);
     PyObject *operator[](int i) const { return values_[i]; }
     // The value, or what stands for one that was left out (borrowed).

@@ -56,7 +56,7 @@ def test_what_overflows_is_refused_and_changes_nothing():
         lambda: (X + 1e200) * (Y + 1e200),
     ]
     for use in uses:
-        with pytest.raises(TarvoError, match=r"^Constant is infinite or NaN$"):
+        with pytest.raises(TarvoError, match=r"^Constant is infinite or NaN: (nan|inf)( at \[1\])?$"):
             use()
     with pytest.raises(OverflowError):
         huge += 10**400

@@ -1,5 +1,6 @@
 """The module's frame: what its import pulls in, what it refuses, and what its classes are."""
 
+import inspect
 import subprocess
 import sys
 from operator import attrgetter
@@ -88,6 +89,16 @@ def test_classes_are_ordinary_and_made_in_order():
     for cls in (_matrixapi.MLinExpr, _matrixapi.MQuadExpr):
         assert cls._keep_compact == 1
         assert type(cls._keep_compact) is int
+
+
+def test_classes_tell_their_signatures():
+    class Child(_matrixapi.MVar):
+        def __init__(self, first, second=2):
+            pass
+
+    expected = {_matrixapi.MVar: "(arr)", _matrixapi.MQuadExpr: "(qearr=None, quadparts=None, ndle=None)"}
+    expected |= {_matrixapi.MNLConstr: "(constrarr)", Child: "(first, second=2)"}
+    assert {cls: str(inspect.signature(cls)) for cls in expected} == expected
 
 
 HOSTILE = """

@@ -1,5 +1,6 @@
 """MLinExpr over data that others made: damaged matrices, foreign elements, objects that lie."""
 
+import operator
 import subprocess
 import sys
 import textwrap
@@ -10,6 +11,7 @@ import scipy.sparse as sp
 
 import tarvopy
 from linear_values import terms, variables
+from tarvopy import nlfunc
 from tarvopy._matrixapi import MLinExpr
 
 
@@ -197,3 +199,17 @@ def test_a_constant_resized_by_its_user_is_noticed_at_every_use():
                 e._const.resize(n, refcheck=False)
                 refused(lambda: use(e, n))
     """)
+
+
+def test_a_number_that_is_none_is_refused_with_its_place_and_changes_nothing(mode):
+    x = tarvopy.Model().addMVar((2, 3))
+    numbers = np.ones((2, 3))
+    numbers[1, 2] = np.nan
+    for expression in (2 * x + 1, x * x, nlfunc.exp(x)):
+        before = str(expression)
+        for use in (operator.add, operator.sub, operator.iadd):
+            with pytest.raises(tarvopy.TarvoError, match=r"^Constant is infinite or NaN: nan at \[1, 2\]$"):
+                use(expression, numbers)
+        with pytest.raises(tarvopy.TarvoError, match=r"^Constant is infinite or NaN: inf$"):
+            expression + np.inf
+        assert str(expression) == before

@@ -139,7 +139,7 @@ def test_what_is_no_array_of_expressions_is_refused(e, x):
         with pytest.raises(TypeError):
             MNLExpr._from_ndarray(array)
     for number in (np.inf, np.nan, np.array([1.0, np.inf, 1.0])):
-        with pytest.raises(TarvoError, match=r"^Constant is infinite or NaN$"):
+        with pytest.raises(TarvoError, match=r"^Constant is infinite or NaN: (nan|inf)( at \[1\])?$"):
             e + number
     with pytest.raises(TypeError):
         MNLExpr._from_mvar(np.ones(3))

@@ -185,9 +185,18 @@ def test_an_object_array_that_holds_itself_is_a_recursion_error(mode):
     ring = np.empty(4, object)
     ring[:] = 1.0
     ring[0] = ring
-    for use in (lambda: x + ring, lambda: v * ring, lambda: (2 * x + 1) * ring):
+    way_round, one = np.empty(2, object), np.empty(1, object)
+    way_round[:], one[0] = [[one], one], way_round
+    shared = np.full(2, 1.0, object)
+    for _ in range(40):  # a path to each level through either place: 2**40 in all
+        shared, below = np.empty(2, object), shared
+        shared[0] = shared[1] = below
+    shared[0] = ring
+    operands = (x, v, 2 * x + 1, x * x, nlfunc.exp(x), sp.eye_array(4, format="csr") @ x)
+    operators = (operator.add, operator.sub, operator.mul, operator.truediv, operator.pow, operator.isub)
+    for use, operand, array in itertools.product(operators, operands, (ring, way_round, shared)):
         with pytest.raises(RecursionError, match="hold themselves"):
-            use()
+            use(operand, array)
 
 
 def test_threads_on_one_model_meet_errors_or_results_and_leave_it_whole():
