@@ -1,5 +1,6 @@
 // tarvopy._core: the scalar objects (model handle, variables, linear, quadratic and nonlinear expressions, constraint
 // handles, comparisons).
+#include "pysupport/interpreter.h"
 #include "state.h"
 
 namespace tarvopy::core {
@@ -30,6 +31,7 @@ void add_array_priority(PyTypeObject *type) {
 }
 
 void execute(PyObject *module) {
+    pysupport::require_main_interpreter("tarvopy._core"); // which the other modules but _highs load first
     if (initialised)
         fail(PyExc_RuntimeError, "'_core' has already been imported. Re-initialisation is not supported.");
     state.TarvoError = fetch("tarvopy._exception", "TarvoError").release();

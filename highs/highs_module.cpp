@@ -1,6 +1,7 @@
 // tarvopy._highs: HiGHS through its C interface. Arrays in, arrays out; what statuses and parameters mean stands in
 // engines/highs.py.
 #include "library.h"
+#include "pysupport/interpreter.h"
 #include "solver_object.h"
 
 namespace tarvopy::highs {
@@ -37,6 +38,7 @@ PyMethodDef functions[] = {
 
 int execute(PyObject *module) {
     return border_status([&] {
+        require_main_interpreter("tarvopy._highs");
         if (!highs_error)
             highs_error =
                 check(PyErr_NewExceptionWithDoc("tarvopy._highs.HighsError", "What HiGHS refuses or fails at.",

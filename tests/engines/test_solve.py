@@ -391,3 +391,46 @@ def test_a_model_that_is_being_solved_refuses_everything_else(tmp_path):
             call()
     solve.join()
     assert m.Status == TRV.TIME_LIMIT
+
+
+class Panic(BaseException):
+    """As those of libraries in Rust, which are no exceptions."""
+
+
+def gives_up(*args):
+    raise Panic("an index is out of range")
+
+
+@pytest.mark.parametrize(
+    ("engine", "options", "said"),
+    [
+        ("highs", {"read_solution_file": "/nonexistent"}, "HiGHS ended with its model status 0"),
+        ("scip", {"limits/memory": 0.0}, "SCIP ended with its status 'memlimit'"),
+        ("clarabel", {}, "Clarabel: an index is out of range"),
+        ("scip", {}, "SCIP failed: an index is out of range"),
+    ],
+)
+def test_an_engine_that_gives_up_has_failed_and_can_be_asked_again(monkeypatch, engine, options, said):
+    package = pytest.importorskip({"highs": "highsbox", "clarabel": "clarabel", "scip": "pyscipopt"}[engine])
+    m, x, _ = build(np.arange(1.0, 21.0), 33.5, INF, 1.0, ub=4.0, vtype="C" if engine == "clarabel" else "I")
+    m.setObjective(x.sum() if engine == "highs" else x @ x)
+    m.params.Engine, m.params.EngineOptions = engine, options
+    with monkeypatch.context() as broken:
+        if not options:
+            solver = {"clarabel": "DefaultSolver", "scip": "Model"}[engine]
+            broken.setattr(package, solver, gives_up if engine == "clarabel" else failing_model(package))
+        with pytest.warns(RuntimeWarning, match=f"^The solve failed: {said}$"):
+            m.optimize()
+        assert m.Status == TRV.FAILED
+        with pytest.raises(tarvopy.NoDataError):
+            m.getAttr("ObjVal")
+    m.params.EngineOptions = {}
+    m.optimize()
+    assert m.Status == TRV.OPTIMAL
+
+
+def failing_model(package):
+    class Model(package.Model):
+        optimizeNogil = gives_up
+
+    return Model

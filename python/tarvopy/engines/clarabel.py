@@ -10,6 +10,7 @@ one iteration, but not while it sets up. Its log comes as a whole when a run is 
 from __future__ import annotations
 
 import math
+import os
 from typing import TYPE_CHECKING, Any
 
 from tarvopy._exception import TarvoError
@@ -65,6 +66,18 @@ _STATUS = {
     "CallbackTerminated": TRV.INTERRUPTED,
 }
 _WITHOUT_OPTIMUM = (TRV.INFEASIBLE, TRV.INFEASIBLE_OR_UNBOUNDED)
+
+
+_threads_made = _threads_lost = False
+
+
+def _forked() -> None:
+    """Clarabel's helper threads are made once for the process. A child has none of them, and would wait for ever."""
+    global _threads_lost
+    _threads_lost = _threads_made
+
+
+os.register_at_fork(after_in_child=_forked)
 
 
 def _package() -> ModuleType:
@@ -187,10 +200,14 @@ class ClarabelEngine:
                 raise TarvoError(TRV.ERROR_INVALID_ARGUMENT, text) from None
         if params.EngineOptions:
             _try_out(settings, params.EngineOptions)
+        if _threads_lost:
+            settings.max_threads = 1
         self._user_limit = settings.max_iter != _MOST_ITERATIONS
         return settings
 
     def _launch(self, job: Callable[[], Any]) -> None:
+        global _threads_made
+        _threads_made = _threads_made or self._settings.max_threads != 1
         self._stop = False
         self._iterations = 0
         self._run = Worker(job)
@@ -314,7 +331,7 @@ class ClarabelEngine:
     def outcome(self, problem: Problem) -> Outcome:
         try:
             solution = self._run.result()
-        except Exception as error:  # Clarabel's own, of whatever kind
+        except BaseException as error:  # of whatever kind: a panic of Rust is no Exception
             return Outcome(TRV.FAILED, message=f"Clarabel: {error}")
         iterations, seconds = self._before
         outcome = Outcome(

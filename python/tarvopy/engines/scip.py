@@ -25,6 +25,7 @@ import math
 import os
 import tempfile
 import time
+import weakref
 from typing import TYPE_CHECKING, Any
 
 from tarvopy import _modelapi
@@ -73,6 +74,21 @@ _OKAY = 1  # SCIP_RETCODE
 _LONGEST = 1e20  # seconds: its largest time limit
 _TOLERANCES = (1e-9, 1e-3)  # what it takes: its numerics/epsilon is 1e-9
 _EXACT_GAP = 1e-9  # for convex continuous models, whose optimum is not a matter of enumeration
+
+
+_runs: weakref.WeakSet[Worker] = weakref.WeakSet()
+_locks_lost = False
+
+
+def _forked() -> None:
+    """SCIP's solvers share locks. Those that a run of the parent held stay locked in a child, and who asks for one
+    waits for ever.
+    """
+    global _locks_lost
+    _locks_lost = _locks_lost or any(run.running for run in _runs)
+
+
+os.register_at_fork(after_in_child=_forked)
 
 
 def _package() -> Any:
@@ -135,6 +151,12 @@ class ScipEngine:
     # ---- the model
 
     def load(self, problem: Problem) -> None:
+        if _locks_lost:
+            raise TarvoError(
+                TRV.ERROR_UNSUPPORTED,
+                "SCIP cannot run in this process, which was forked while SCIP was running in its parent: fork before "
+                "or after the solve, or spawn the process",
+            )
         self.loads += 1
         self._handle, self._nonlinear = problem.handle, problem.is_nonlinear
         self._model = model = self._package.Model()
@@ -223,6 +245,7 @@ class ScipEngine:
         self._stop = False
         self._began = time.monotonic()
         self._worker = Worker(self._model.optimizeNogil)
+        _runs.add(self._worker)
 
     def _set_options(self, problem: Problem, params: Parameters, tighter: float = 1.0) -> None:
         low, high = _TOLERANCES
