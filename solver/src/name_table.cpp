@@ -5,34 +5,9 @@
 #include <limits>
 
 #include "file_error.h"
+#include "name_hash.h"
 
 namespace trv {
-namespace {
-
-// Eight bytes a step: names are short, and a byte-wise hash would cost more than the rest of the look-up.
-std::uint32_t hashed(std::string_view name) {
-    std::uint64_t state = 0x9E3779B97F4A7C15u ^ name.size();
-    const char *at = name.data();
-    std::size_t left = name.size();
-    const auto mix = [&](std::uint64_t word) {
-        state = (state ^ word) * 0xD6E8FEB86659FD93u;
-        state ^= state >> 32;
-    };
-    for (; left >= 8; at += 8, left -= 8) {
-        std::uint64_t word;
-        std::memcpy(&word, at, 8);
-        mix(word);
-    }
-    std::uint64_t word = 0;
-    if (left > 0) { // an empty view may point nowhere
-        std::memcpy(&word, at, left);
-    }
-    mix(word);
-    mix(0);
-    return static_cast<std::uint32_t>(state);
-}
-
-} // namespace
 
 std::size_t NameTable::place(std::string_view name, std::uint32_t hash) const {
     const std::size_t mask = slots_.size() - 1;
@@ -53,13 +28,13 @@ std::int32_t NameTable::find(std::string_view name) const {
     if (is_next(name)) {
         return next_++;
     }
-    const std::int32_t found = slots_[place(name, hashed(name))].name;
+    const std::int32_t found = slots_[place(name, name_hash(name))].name;
     next_ = found >= 0 ? found + 1 : next_;
     return found;
 }
 
 std::int32_t NameTable::add(std::string_view name) {
-    const std::uint32_t hash = hashed(name);
+    const std::uint32_t hash = name_hash(name);
     Slot &slot = slots_[place(name, hash)];
     return slot.name >= 0 ? -1 : append(name, slot, hash);
 }
@@ -68,7 +43,7 @@ std::int32_t NameTable::find_or_add(std::string_view name) {
     if (is_next(name)) {
         return next_++;
     }
-    const std::uint32_t hash = hashed(name);
+    const std::uint32_t hash = name_hash(name);
     Slot &slot = slots_[place(name, hash)];
     const std::int32_t found = slot.name >= 0 ? slot.name : append(name, slot, hash);
     next_ = found + 1;

@@ -2,6 +2,7 @@
 #include "names.h"
 
 #include "failure.h"
+#include "name_hash.h"
 
 #include <algorithm>
 #include <charconv>
@@ -17,11 +18,6 @@ void appendnumber(int64_t value, std::string &out) {
     char digits[24];
     auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
     out.append(digits, end);
-}
-
-uint32_t hashof(std::string_view text) {
-    uint64_t h = std::hash<std::string_view>{}(text);
-    return static_cast<uint32_t>(h ^ (h >> 32));
 }
 
 void checkshape(int64_t n, const TRVnames &names) {
@@ -192,13 +188,13 @@ void Names::extendindex(int32_t count) {
     for (; indexed_ < count; indexed_++) {
         text.clear();
         append(indexed_, text);
-        enter(Entry{hashof(text), indexed_});
+        enter(Entry{trv::name_hash(text), indexed_});
     }
 }
 
 int32_t Names::find(const Registry &registry, std::string_view name) {
     extendindex(registry.count());
-    uint32_t hash = hashof(name);
+    uint32_t hash = trv::name_hash(name);
     std::string text;
     for (size_t mask = index_.size() - 1, at = hash & mask; index_[at].id >= 0; at = (at + 1) & mask) {
         if (index_[at].hash != hash || registry.slot(index_[at].id) < 0)
