@@ -105,17 +105,17 @@ $(VENV)/sources: $(VENV)/packages FORCE
 
 # A build of its own for the sanitizers. The interpreter itself is run, with the packages of .venv on its path: in .venv the
 # editable install would come first. Leaks are not asked for, as the interpreter leaves some; memory comes from malloc block by block.
-# Reports go into files: pytest would swallow what a dying process prints, and a test may expect a child to fail. A request that is
-# too large is answered by NULL, as elsewhere, of which a warning tells: that is no report.
+# Reports on addresses go into files, as a test may expect a child to fail; those on undefined behaviour can only be printed, so pytest
+# leaves the streams alone. A request that is too large is answered by NULL, as elsewhere, of which a warning tells: that is no report.
 SANITIZED = LD_PRELOAD="$(foreach name,asan ubsan stdc++,$(shell $(CXX) -print-file-name=lib$(name).so))" \
 	ASAN_OPTIONS="detect_leaks=0:allocator_may_return_null=1:max_allocation_size_mb=8192:log_path=$(CURDIR)/build/sanitize/$(1).report" \
-	UBSAN_OPTIONS="print_stacktrace=1:log_path=$(CURDIR)/build/sanitize/$(1).report" PYTHONMALLOC=malloc \
+	UBSAN_OPTIONS=print_stacktrace=1 PYTHONMALLOC=malloc \
 	PYTHONPATH="build/sanitize:$$($(RUN) -c 'import sysconfig; print(sysconfig.get_path("platlib"))')" \
 	"$$($(RUN) -c 'import sys; print(sys._base_executable)')"
 
 define run_sanitized
 	@rm -f build/sanitize/$(1).report.*
-	@echo 'pytest $(2), with sanitizers'; $(SANITIZED) -m pytest -q $(2); failed=$$?; \
+	@echo 'pytest $(2), with sanitizers'; $(SANITIZED) -m pytest -q --capture=sys $(2); failed=$$?; \
 	reports=$$(grep -lsE 'ERROR|CHECK|runtime error' build/sanitize/$(1).report.*); \
 	test -z "$$reports" || { cat $$reports; failed=1; }; exit $$failed
 endef
