@@ -33,6 +33,7 @@ struct LibraryError : std::runtime_error {
     F(getHessianNumNz)                                                                                                 \
     F(getLp)                                                                                                           \
     F(changeColsBoundsBySet)                                                                                           \
+    F(changeColsIntegralityByRange)                                                                                    \
     F(changeColsCostBySet)                                                                                             \
     F(changeRowsBoundsBySet)                                                                                           \
     F(changeCoeff)                                                                                                     \

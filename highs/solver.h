@@ -24,8 +24,7 @@
 
 namespace tarvopy::highs {
 
-// Arrays of the caller, read during load() only. integrality is NULL for a pure LP: an array of zeros costs HiGHS its
-// size.
+// Arrays of the caller, read during load() only. vtype holds the characters of the model; NULL for a pure LP.
 struct ModelArrays {
     HighsInt ncols = 0, nrows = 0, nnz = 0;
     HighsInt sense = kHighsObjSenseMinimize;
@@ -35,7 +34,7 @@ struct ModelArrays {
     HighsInt format = kHighsMatrixFormatColwise;
     const HighsInt *start = nullptr, *index = nullptr;
     const double *value = nullptr;
-    const HighsInt *integrality = nullptr;
+    const char *vtype = nullptr;
 };
 
 struct Progress {

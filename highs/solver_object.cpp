@@ -70,20 +70,6 @@ void solver_dealloc(PyObject *self) {
 
 // ---- the model ------------------------------------------------------------------------------------------------------
 
-// HiGHS' variable types of a model's characters; empty for a pure LP.
-std::vector<HighsInt> integrality_of(std::span<const char> vtype) {
-    if (std::ranges::count(vtype, 'C') == std::ssize(vtype))
-        return {};
-    const auto type_of = [](char letter) {
-        return letter == 'C'   ? kHighsVarTypeContinuous
-               : letter == 'S' ? kHighsVarTypeSemiContinuous
-                               : kHighsVarTypeInteger;
-    };
-    std::vector<HighsInt> types(vtype.size());
-    std::ranges::transform(vtype, types.begin(), type_of);
-    return types;
-}
-
 struct LoadArguments {
     int sense = 1, by_columns = 1;
     double offset = 0;
@@ -140,14 +126,12 @@ HighsInt load_aside(Solver &solver, const ModelArrays &model, std::exception_ptr
 // without the lock: see solver_wait.
 PyObject *solver_load(PyObject *self, PyObject *args, PyObject *kwargs) {
     ModelArrays model;
-    std::vector<HighsInt> types;
     Ref read = Ref::steal(border([&] {
         LoadArguments given(args, kwargs);
         idle(self);
         model = arrays_of(given);
         if (given.vtype != Py_None)
-            types = integrality_of(characters(given.vtype, "vtype", model.ncols));
-        model.integrality = types.empty() ? nullptr : types.data();
+            model.vtype = data_or_null(characters(given.vtype, "vtype", model.ncols));
         return Ref::none();
     }));
     if (!read)

@@ -117,21 +117,11 @@ const Chunk *inonepiece(TRVmodel &model) {
     return whole ? &chunk : nullptr;
 }
 
-// No column comes twice, and they come in order: by columns the terms stand as they do by rows.
-bool ascendingthroughout(const Chunk &chunk) {
-    const int32_t *var = chunk.var.data();
-    return std::adjacent_find(var, var + chunk.nnz, std::greater_equal<>()) == var + chunk.nnz;
-}
-
 // Starts and indices for values that stand in the chunk.
 TRVmatrix besidevalues(const Chunk &chunk, int32_t ncols) {
     Making made(ncols);
-    int32_t *start = made.start.data(), c = 0;
+    columnstarts(chunk, ncols, made.start.data());
     const size_t nnz = chunk.nnz;
-    for (size_t k = 0; k < nnz; k++)
-        while (c <= chunk.var[k])
-            start[c++] = static_cast<int32_t>(k);
-    std::fill(start + c, start + ncols + 1, static_cast<int32_t>(nnz));
     int32_t *index = chunk.nrows == 1 ? made.index.zeros(nnz) : made.index.room(nnz);
     for (int32_t i = 0; chunk.nrows > 1 && i < chunk.nrows; i++)
         std::fill(index + chunk.ptr[i], index + chunk.ptr[i + 1], i);
@@ -139,6 +129,19 @@ TRVmatrix besidevalues(const Chunk &chunk, int32_t ncols) {
 }
 
 } // namespace
+
+bool ascendingthroughout(const Chunk &chunk) {
+    const int32_t *var = chunk.var.data();
+    return std::adjacent_find(var, var + chunk.nnz, std::greater_equal<>()) == var + chunk.nnz;
+}
+
+void columnstarts(const Chunk &chunk, int32_t ncols, int32_t *start) {
+    int32_t c = 0;
+    for (int64_t k = 0; k < chunk.nnz; k++)
+        while (c <= chunk.var[k])
+            start[c++] = static_cast<int32_t>(k);
+    std::fill(start + c, start + ncols + 1, static_cast<int32_t>(chunk.nnz));
+}
 
 TRVmatrix rowsinplace(TRVmodel &model) {
     const Chunk *chunk = inonepiece(model);
@@ -151,26 +154,21 @@ TRVmatrix rowsinplace(TRVmodel &model) {
 
 TRVmatrix columnsinplace(TRVmodel &model, const double *&value, bool &owned) {
     const int32_t ncols = model.columns.ids.committed();
-    owned = false;
-    TRVmatrix parked = model.rows.parked(ncols);
-    if (!parked.start) {
+    TRVmatrix found = model.rows.parked(ncols);
+    if (!found.start && model.rows.park(model.columns))
+        found = model.rows.parked(ncols);
+    owned = !found.start;
+    if (owned) {
         const Chunk *chunk = inonepiece(model);
-        owned = true;
         if (chunk && ascendingthroughout(*chunk)) {
             value = chunk->coef.data();
             return besidevalues(*chunk, ncols);
         }
-        owned = !model.rows.park(model.columns);
-        if (owned) {
-            const bool rowsdo = chunk && (chunk->nnz < kManyEntries || !farapart(model.rows));
-            const TRVmatrix made = rowsdo ? TRVmatrix{} : matrixbycolumns(model);
-            value = made.value;
-            return made;
-        }
-        parked = model.rows.parked(ncols);
+        if (!chunk || (chunk->nnz >= kManyEntries && farapart(model.rows)))
+            found = matrixbycolumns(model);
     }
-    value = parked.value;
-    return parked;
+    value = found.value;
+    return found;
 }
 
 TRVmatrix matrixbyrows(TRVmodel &model) {

@@ -14,4 +14,9 @@ TRVmatrix rowsinplace(TRVmodel &model);
 // owned: whether the matrix was made; else it is the store's, parked.
 TRVmatrix columnsinplace(TRVmodel &model, const double *&value, bool &owned);
 
+// No column comes twice, and they come in order through all rows: by columns the terms stand as they do by rows.
+bool ascendingthroughout(const Chunk &chunk);
+// Where columns start in such a chunk: ncols and one more.
+void columnstarts(const Chunk &chunk, int32_t ncols, int32_t *start);
+
 } // namespace store

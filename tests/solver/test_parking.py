@@ -55,21 +55,18 @@ def block(rng):
 class Pair:
     """One store is asked for columns, the other one never; both get all else."""
 
-    def __init__(self, rng):
+    def __init__(self, rng, nvars, *blocks):
         self.rng, self.parked, self.lenders = rng, 0, []
         self.stores = self.asked, self.plain = Store(), Store()
-        self.both("addvars", NVARS)
-        self.blocks(int(rng.integers(1, 4)))
+        self.both("addvars", nvars)
+        for ptr, var, coef in blocks:
+            self.both("addcsr", ptr, var, coef, -1.0, 1.0)
+        self.both("update")
 
     def both(self, name, *args):
         first, second = (getattr(store, name)(*args) for store in self.stores)
         assert np.array_equal(first, second)
         return first
-
-    def blocks(self, n):
-        for _ in range(n):
-            self.both("addcsr", *block(self.rng), -1.0, 1.0)
-        self.both("update")
 
     def lend(self):
         """Rows in memory of the caller, which may be the only one to look at it, or not."""
@@ -155,7 +152,7 @@ class Pair:
 @pytest.mark.parametrize("seed", range(8))
 def test_a_store_that_was_asked_for_columns_is_the_same_model(seed):
     rng = np.random.default_rng(seed)
-    pair = Pair(rng)
+    pair = Pair(rng, NVARS, *(block(rng) for _ in range(rng.integers(1, 4))))
     steps = ["columns"] * 5 + ["columns_held", "row", "change", "grow", "new_variables", "rows", "counts", "lend"]
     steps += ["shrink"] * (seed % 4 == 0)  # from the first removal on rows are only copied
     for step in rng.choice(steps, 25):
@@ -163,3 +160,13 @@ def test_a_store_that_was_asked_for_columns_is_the_same_model(seed):
     pair.rows()
     del pair.stores, pair.asked, pair.plain
     assert all(lender.released == 1 for lender in pair.lenders)
+
+
+@pytest.mark.parametrize("nrows", [1, 40])
+def test_terms_that_stand_by_columns_already(nrows):
+    rng, n = np.random.default_rng(nrows), 70_000
+    var = np.sort(rng.choice(2 * n, n, replace=False))
+    pair = Pair(rng, 2 * n, (np.linspace(0, n, nrows + 1).astype(int), var, rng.random(n)))
+    for step in ("columns", "columns", "counts", "new_variables", "columns", "rows", "columns", "columns_held", "rows"):
+        getattr(pair, step)()
+    assert pair.parked > 3
