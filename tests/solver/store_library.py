@@ -25,6 +25,7 @@ lib.TRVattrat.restype = c.POINTER(AttrInfo)
 lib.TRVfree.argtypes = [c.c_void_p]
 lib.TRVfree.restype = lib.TRVfreemodel.restype = lib.TRVdroprows.restype = lib.TRVpositions.restype = None
 lib.TRVfreegenmatrix.restype = lib.TRVsetstop.restype = None
+lib.TRVmalloc.restype, lib.TRVmalloc.argtypes, lib.TRVfree.argtypes = c.c_void_p, [c.c_size_t], [c.c_void_p]
 lib.TRVfreematrix.restype = lib.TRVfreecones.restype = lib.TRVfreeqmatrix.restype = lib.TRVclearchanges.restype = None
 
 
