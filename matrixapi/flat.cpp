@@ -2,6 +2,7 @@
 #include "flat_rows.h"
 
 #include <cstring>
+#include <optional>
 
 namespace flat {
 
@@ -108,19 +109,16 @@ Summand gathered(const Summand &summand, const int64_t *map, int64_t nrows) {
 
 namespace {
 
-template <bool HasCols, bool HasVars> int32_t id_at(const Summand &summand, int64_t k) {
-    int32_t column = HasCols ? summand.cols.data()[k] : static_cast<int32_t>(k);
-    return HasVars ? summand.vars.data()[column] : column;
-}
-
 // Writes rows first..last of one summand, row r at place[r - first], and moves the places on.
 template <bool HasCols, bool HasVars>
 void write_block(const Summand &summand, int64_t first, int64_t last, int64_t *place, int32_t *ids, double *coef) {
     const double *from = summand.coef.data();
+    const int32_t *cols = summand.cols.data(), *vars = summand.vars.data();
     for (int64_t row = first; row < last; ++row) {
         int64_t p = place[row - first];
         for (int64_t k = summand.begin(row), end = summand.end(row); k < end; ++k, ++p) {
-            ids[p] = id_at<HasCols, HasVars>(summand, k);
+            const int32_t column = HasCols ? cols[k] : static_cast<int32_t>(k);
+            ids[p] = HasVars ? vars[column] : column;
             coef[p] = from ? from[k] : summand.scale;
         }
         place[row - first] = p;
@@ -134,14 +132,25 @@ void write_block(const Summand &summand, int64_t first, int64_t last, int64_t *p
     write(summand, first, last, place, ids, coef);
 }
 
+// The ids that a summand's terms have where they count up, which is then how they are written: the first one.
+std::optional<int32_t> counting_ids(const Summand &summand) {
+    const auto first = [](const Buffer<int32_t> &buffer) -> std::optional<int32_t> {
+        if (buffer.empty())
+            return 0; // the column itself
+        return buffer.counts() ? std::optional(buffer.counting()) : std::nullopt;
+    };
+    const auto cols = first(summand.cols), vars = first(summand.vars);
+    return cols && vars ? std::optional(*cols + *vars) : std::nullopt;
+}
+
 // One summand's terms already stand in the order of the result.
 void write_single(const Summand &summand, int32_t *ids, double *coef) {
     int64_t n = summand.nnz();
     if (n == 0)
         return;
-    if (summand.cols.empty() && summand.vars.empty())
+    if (const auto first = counting_ids(summand))
         for (int64_t k = 0; k < n; ++k)
-            ids[k] = static_cast<int32_t>(k);
+            ids[k] = *first + static_cast<int32_t>(k);
     else if (summand.vars.empty() || summand.cols.empty())
         std::memcpy(ids, summand.vars.empty() ? summand.cols.data() : summand.vars.data(), sizeof(int32_t) * n);
     else
@@ -155,11 +164,16 @@ void write_single(const Summand &summand, int32_t *ids, double *coef) {
 
 // One term of this summand a row, at a fixed place within rows of `stride` terms.
 void write_column(const Summand &summand, int64_t first, int64_t last, int64_t stride, int32_t *ids, double *coef) {
-    const int32_t *cols = summand.cols.data(), *vars = summand.vars.data();
     const double *from = summand.coef.data();
-    for (int64_t row = first; row < last; ++row, ids += stride) {
-        int32_t column = cols ? cols[row] : static_cast<int32_t>(row);
-        *ids = vars ? vars[column] : column;
+    if (const auto id = counting_ids(summand)) {
+        for (int64_t row = first; row < last; ++row, ids += stride)
+            *ids = *id + static_cast<int32_t>(row);
+    } else {
+        const int32_t *cols = summand.cols.data(), *vars = summand.vars.data();
+        for (int64_t row = first; row < last; ++row, ids += stride) {
+            int32_t column = cols ? cols[row] : static_cast<int32_t>(row);
+            *ids = vars ? vars[column] : column;
+        }
     }
     for (int64_t row = first; row < last; ++row, coef += stride)
         *coef = from ? from[row] : summand.scale;

@@ -25,6 +25,9 @@ namespace flat {
 
 // A reference-counted block of plain values, not cleared when allocated. Counted without atomics: the interpreter's
 // lock is held wherever one is copied or freed.
+//
+// Ids of new elements count up: first, first + 1, ... Such a block has no values before somebody asks for data(), which
+// may then find no memory; whoever can reads `counting()` instead.
 template <class T> class Buffer {
   public:
     Buffer() = default;
@@ -32,12 +35,20 @@ template <class T> class Buffer {
         if (size > 0) {
             if (static_cast<uint64_t>(size) > (SIZE_MAX - sizeof(Head)) / sizeof(T))
                 throw std::bad_alloc();
-            head_ = static_cast<Head *>(TRVmalloc(sizeof(Head) + sizeof(T) * static_cast<size_t>(size)));
-            if (!head_)
-                throw std::bad_alloc();
-            head_->count = 1;
+            head_ = new_head(sizeof(T) * static_cast<size_t>(size));
             head_->size = size;
+            head_->values = reinterpret_cast<T *>(head_ + 1);
         }
+    }
+    static Buffer counting_from(T first, int64_t size) {
+        Buffer buffer;
+        if (size > 0) {
+            buffer.head_ = new_head(0);
+            buffer.head_->size = size;
+            buffer.head_->first = first;
+            buffer.head_->counts = true;
+        }
+        return buffer;
     }
     static Buffer copy_of(const T *values, int64_t size) {
         Buffer buffer(size);
@@ -54,16 +65,28 @@ template <class T> class Buffer {
         return *this;
     }
     ~Buffer() {
-        if (head_ && --head_->count == 0)
-            TRVfree(head_);
+        if (!head_ || --head_->count > 0)
+            return;
+        if (head_->counts)
+            TRVfree(head_->values);
+        TRVfree(head_);
     }
     // An empty buffer means "none" in a summand: a block of size 0 is empty too.
     bool empty() const { return !head_; }
     int64_t size() const { return head_ ? head_->size : 0; }
-    const T *data() const { return head_ ? reinterpret_cast<const T *>(head_ + 1) : nullptr; }
-    const T &operator[](int64_t i) const { return data()[i]; }
+    const T *data() const {
+        if (!head_)
+            return nullptr;
+        return head_->values ? head_->values : written();
+    }
+    T operator[](int64_t i) const {
+        return head_->values ? head_->values[i] : static_cast<T>(head_->first + static_cast<T>(i));
+    }
+    // Whether element i is counting() + i, by the way it was made: other blocks may count up too.
+    bool counts() const { return head_ && head_->counts; }
+    T counting() const { return head_->first; }
     // Only for who has just made it.
-    T *write() { return head_ ? reinterpret_cast<T *>(head_ + 1) : nullptr; }
+    T *write() { return head_ ? head_->values : nullptr; }
     // Fewer than there was room for: who takes the size for the number of terms must not meet what was never written.
     void cut(int64_t size) {
         if (head_)
@@ -76,7 +99,25 @@ template <class T> class Buffer {
   private:
     struct alignas(16) Head {
         int64_t count, size;
+        T *values; // behind the head; of a counting block NULL, or a block of their own
+        T first;
+        bool counts;
     };
+    static Head *new_head(size_t more) {
+        auto *head = static_cast<Head *>(TRVmalloc(sizeof(Head) + more));
+        if (!head)
+            throw std::bad_alloc();
+        *head = {1, 0, nullptr, T(), false};
+        return head;
+    }
+    const T *written() const {
+        auto *values = static_cast<T *>(TRVmalloc(sizeof(T) * static_cast<size_t>(head_->size)));
+        if (!values)
+            throw std::bad_alloc();
+        for (int64_t i = 0; i < head_->size; ++i)
+            values[i] = static_cast<T>(head_->first + static_cast<T>(i));
+        return head_->values = values;
+    }
     Head *head_ = nullptr;
 };
 

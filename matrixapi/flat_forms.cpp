@@ -155,8 +155,10 @@ Summand gathered_single(const Summand &summand, const Steps &steps) {
     result.nrows = size_of(steps.shape);
     result.cols = Buffer<int32_t>(result.nrows);
     int32_t *cols = result.cols.write();
-    if (summand.cols.empty())
-        walk(steps, [&](int64_t i, int64_t old) { cols[i] = static_cast<int32_t>(old); });
+    if (summand.cols.empty() || summand.cols.counts())
+        walk(steps, [cols, first = summand.cols.empty() ? 0 : summand.cols.counting()](int64_t i, int64_t old) {
+            cols[i] = first + static_cast<int32_t>(old);
+        });
     else
         walk(steps, [cols, from = summand.cols.data()](int64_t i, int64_t old) { cols[i] = from[old]; });
     if (summand.coef.empty())

@@ -33,16 +33,17 @@ Csr nonzeros(const Dense &matrix) {
             count += matrix.at(i, j) != 0.0;
         ptr[i + 1] = ptr[i] + count;
     }
-    result.index = Buffer<int32_t>(ptr[matrix.rows]);
+    const bool whole_row = matrix.rows == 1 && ptr[1] == matrix.cols;
+    result.index = whole_row ? Buffer<int32_t>::counting_from(0, matrix.cols) : Buffer<int32_t>(ptr[matrix.rows]);
     result.value = Buffer<double>(ptr[matrix.rows]);
     int32_t *index = result.index.write();
     double *value = result.value.write();
     for (int64_t i = 0; i < matrix.rows; ++i) {
         const bool all = ptr[i + 1] - ptr[i] == matrix.cols; // the common case, without a test for each entry
-        for (int64_t j = 0; all && j < matrix.cols; ++j) {
+        for (int64_t j = 0; all && !whole_row && j < matrix.cols; ++j)
             *index++ = static_cast<int32_t>(j);
+        for (int64_t j = 0; all && j < matrix.cols; ++j)
             *value++ = matrix.at(i, j);
-        }
         for (int64_t j = 0; !all && j < matrix.cols; ++j)
             if (double entry = matrix.at(i, j); entry != 0.0) {
                 *index++ = static_cast<int32_t>(j);

@@ -309,6 +309,8 @@ IdBuffer gathered_ids(const IdBuffer &ids, const Layout &layout) {
     npy_intp size = layout.size();
     if (layout.is_contiguous() && layout.offset == 0 && size == ids.size())
         return ids;
+    if (layout.is_contiguous() && ids.counts())
+        return IdBuffer::counting_from(ids.counting() + static_cast<int32_t>(layout.offset), size);
     IdBuffer out(size);
     if (layout.is_contiguous()) {
         std::copy_n(ids.data() + layout.offset, size, out.write());
@@ -317,11 +319,17 @@ IdBuffer gathered_ids(const IdBuffer &ids, const Layout &layout) {
     const int ndim = layout.ndim(); // at least one axis, or the layout would be contiguous
     const npy_intp inner = layout.shape()[ndim - 1], step = layout.strides()[ndim - 1];
     std::vector<npy_intp> at(static_cast<size_t>(ndim), 0);
-    const int32_t *row = ids.data() + layout.offset;
+    npy_intp row = layout.offset;
     int32_t *write = out.write();
+    const bool counts = ids.counts();
+    const int32_t first = counts ? ids.counting() : 0, *values = counts ? nullptr : ids.data();
     for (npy_intp rows = size / inner; rows > 0; --rows) {
-        for (npy_intp k = 0; k < inner; ++k)
-            *write++ = row[k * step];
+        if (counts)
+            for (npy_intp k = 0; k < inner; ++k)
+                *write++ = first + static_cast<int32_t>(row + k * step);
+        else
+            for (npy_intp k = 0; k < inner; ++k)
+                *write++ = values[row + k * step];
         for (int d = ndim - 2; d >= 0; --d) {
             row += layout.strides()[d];
             if (++at[static_cast<size_t>(d)] < layout.shape()[d])

@@ -120,7 +120,8 @@ Ref basic_index(const IdsNative &native, PyObject *key) {
     PyObject *cls = native.of.class_object();
     if (!element)
         return new_handle(native.of, cls, native.model, native.block, std::move(part));
-    auto id = flat::Buffer<int32_t>::copy_of(native.block->ids.data() + part.offset, 1);
+    auto id = flat::Buffer<int32_t>(1);
+    *id.write() = native.block->ids[part.offset];
     return new_handle(native.of, cls, native.model, BlockRef(std::move(id)), Layout(0));
 }
 

@@ -15,19 +15,12 @@ namespace {
 
 // ---- handles for the model's native half
 
-flat::Buffer<int32_t> consecutive(int32_t first, int64_t n) {
-    flat::Buffer<int32_t> ids(n);
-    int32_t *out = ids.write();
-    for (int64_t i = 0; i < n; ++i)
-        out[i] = first + static_cast<int32_t>(i);
-    return ids;
-}
-
 Ref handle_from_first(const HandleClass &of, ModelObject *model, int32_t first, int ndim, const npy_intp *shape) {
     int64_t n = 1;
     for (int d = 0; d < ndim; ++d)
         n *= shape[d];
-    return new_handle(of, Ref::borrow(reinterpret_cast<PyObject *>(model)), consecutive(first, n), ndim, shape);
+    return new_handle(of, Ref::borrow(reinterpret_cast<PyObject *>(model)),
+                      flat::Buffer<int32_t>::counting_from(first, n), ndim, shape);
 }
 
 PyObject *api_mvar(ModelObject *model, int32_t first, int ndim, const npy_intp *shape) {

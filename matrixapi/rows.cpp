@@ -153,6 +153,8 @@ namespace {
 
 // Variable j of the vector has the id j, as in a model whose first variables these are.
 bool counts_up(const flat::Buffer<int32_t> &ids) {
+    if (ids.counts())
+        return ids.counting() == 0;
     for (int64_t j = 0; j < ids.size(); ++j)
         if (ids[j] != j)
             return false;
@@ -163,13 +165,18 @@ bool counts_up(const flat::Buffer<int32_t> &ids) {
 flat::Summand with_ids(const flat::Summand &summand) {
     flat::Summand result = summand;
     result.vars = {};
+    if (summand.cols.counts() && summand.cols.counting() == 0 && summand.cols.size() == summand.vars.size()) {
+        result.cols = summand.vars; // one row over a vector: its ids as they stand
+        return result;
+    }
     if (summand.vars.empty() || counts_up(summand.vars))
         return result;
     int64_t nnz = summand.nnz();
     result.cols = flat::Buffer<int32_t>(nnz);
     int32_t *ids = result.cols.write();
+    const int32_t *vars = summand.vars.data(), *cols = summand.cols.data();
     for (int64_t k = 0; k < nnz; ++k)
-        ids[k] = summand.vars.data()[summand.cols.data()[k]];
+        ids[k] = vars[cols[k]];
     return result;
 }
 
