@@ -309,6 +309,18 @@ def test_refusals_name_what_stands_in_the_way(small, spoil, text):
 # ---- runs
 
 
+def test_where_no_time_is_left_nothing_is_set_up(small, monkeypatch):
+    small.m.params.TimeLimit = 0.0
+    with monkeypatch.context() as patch:
+        patch.setattr("clarabel.DefaultSolver", None)
+        small.m.optimize()
+    assert (small.m.Status, small.m.IterCount) == (TRV.TIME_LIMIT, 0)
+    assert not hasattr(small.m, "ObjVal")
+    small.m.params.TimeLimit = np.inf
+    small.m.optimize()
+    assert small.m.Status == TRV.OPTIMAL
+
+
 def test_limits_options_and_the_log(small, capsys):
     small.m.params.IterationLimit = 1
     small.m.optimize()

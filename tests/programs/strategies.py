@@ -187,6 +187,7 @@ def meeting(receiver: str, literal) -> Program:
         program.add(("binary", sign, j, i))
         program.add(("copy", i, "copy"))
         program.add(("in_place", sign, len(program.things) - 1, j))
+        program.add(("tidy", len(program.things) - 1, "_normalize" if sign in "+*" else "_flatten"))
     for sense in ("<=", ">=", "=="):
         program.add(("constraint", sense, i, j))
         program.add(("constraint", sense, j, i))

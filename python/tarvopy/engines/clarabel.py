@@ -213,6 +213,8 @@ class ClarabelEngine:
         self._run = Worker(job)
 
     def _solve(self) -> Any:
+        if self._settings.time_limit <= 0:
+            return _NotBegun()
         if self._solver is None or not self._retuned():
             self._solver = self._made(self._data.p, self._data.q)
         return self._solved(self._solver)
@@ -230,6 +232,8 @@ class ClarabelEngine:
         import numpy as np
         from scipy import sparse
 
+        if self._settings.time_limit <= 0:
+            return _NotBegun()
         n = len(self._data.q)
         return self._solved(self._made(sparse.csc_matrix((n, n)), np.zeros(n)))
 
@@ -394,6 +398,13 @@ class ClarabelEngine:
     def close(self) -> None:
         """Frees Clarabel's memory; of a run that is still under way when that ends."""
         self._solver = self._data = self._run = self._duals = None
+
+
+class _NotBegun:
+    """The solution where no time was left: setting up, which may take seconds, heeds no limit."""
+
+    status, iterations = "MaxTime", 0
+    obj_val = r_prim = math.nan
 
 
 def _try_out(settings: Any, options: dict[str, Any]) -> None:
