@@ -4,6 +4,7 @@
 //   e.getValue()       float64 array; one pass over the terms, the solution read from the store by ids
 //   e.clear()          all-zero, same shape, same state
 #include "matrixapi/axes.h"
+#include "matrixapi/elements_before.h"
 #include "matrixapi/mlinexpr.h"
 
 #include "matrixapi/flat_product.h"
@@ -14,6 +15,8 @@
 
 #include "pysupport/args.h"
 #include "pysupport/numpy.h"
+
+#include <algorithm>
 
 namespace tarvopy {
 
@@ -149,14 +152,23 @@ Ref constant_of(PyObject *expr) {
 void clear_compact(PyObject *expr) {
     if (!is_compact(expr))
         fail(PyExc_TypeError, "a full MLinExpr has no parts to clear");
-    check(PyObject_CallMethod(const_array(expr), "fill", "d", 0.0));
-    if (is_compact(expr))
+    Ref constants = Ref::borrow(const_array(expr));
+    PyArrayObject *array = as_array(constants);
+    const bool plain = PyArray_TYPE(array) == NPY_DOUBLE && PyArray_ISCARRAY(array);
+    if (!plain)
+        check(PyObject_CallMethod(constants.get(), "fill", "d", 0.0));
+    if (is_compact(expr) && !linear_of(expr))
+        store(expr, names._matmulparts, check(PyList_New(0)).get());
+    else if (is_compact(expr))
         set_parts(expr, {}, {});
+    if (plain) // last, since it cannot fail
+        std::fill_n(static_cast<double *>(PyArray_DATA(array)), PyArray_SIZE(array), 0.0);
 }
 
-// Calls the C function on every LinExpr, the method of that name on anything else.
+// Calls the C function on every LinExpr, the method of that name on anything else; every LinExpr or none.
 void each_element(PyObject *expr, int (*work)(PyObject *), const char *method) {
-    Ref given = contiguous_objects(learr(expr).get());
+    Ref elements = learr(expr), given = contiguous_objects(elements.get());
+    ElementsBefore before(elements.get());
     for (npy_intp i = 0; i < PyArray_SIZE(as_array(given)); ++i) {
         PyObject *element = element_or_none(elements_in(given)[i]);
         if (PyObject_TypeCheck(element, mod.core->LinExpr))
@@ -164,6 +176,7 @@ void each_element(PyObject *expr, int (*work)(PyObject *), const char *method) {
         else
             check(PyObject_CallMethod(element, method, nullptr));
     }
+    before.done();
 }
 
 void clear_full(PyObject *expr) {

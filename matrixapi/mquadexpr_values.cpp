@@ -4,6 +4,7 @@
 //   q.getValue()       float64 array of the whole value; one pass over the terms and the solution's numbers
 //   q.clear()          all-zero, same shape, same state
 #include "matrixapi/axes.h"
+#include "matrixapi/elements_before.h"
 #include "matrixapi/methods.h"
 #include "matrixapi/mquadexpr_dict.h"
 #include "matrixapi/mvar.h"
@@ -152,9 +153,10 @@ Ref value_of(PyObject *expr) {
 
 // ---- clearing and tidying -----------------------------------------------------------------------------------------
 
-// Calls the C function on every QuadExpr, the method of that name on anything else.
+// Calls the C function on every QuadExpr, the method of that name on anything else; every QuadExpr or none.
 void each_element(PyObject *array, int (*work)(PyObject *), const char *method) {
     Ref given = contiguous_objects(array);
+    ElementsBefore before(array);
     for (npy_intp i = 0; i < PyArray_SIZE(as_array(given)); ++i) {
         PyObject *element = element_or_none(elements_in(given)[i]);
         if (PyObject_TypeCheck(element, mod.core->QuadExpr))
@@ -162,6 +164,7 @@ void each_element(PyObject *array, int (*work)(PyObject *), const char *method) 
         else
             check(PyObject_CallMethod(element, method, nullptr));
     }
+    before.done();
 }
 
 Ref clear_quad_array(PyObject *array) {
@@ -172,16 +175,40 @@ Ref clear_quad_array(PyObject *array) {
     return Ref::none();
 }
 
+void clear_linear(const Ref &linear) {
+    check(PyObject_CallMethodNoArgs(linear.get(), names.clear));
+}
+
+// Afterwards the quadratic half of a native form is emptied, which cannot fail.
+void clear_native(PyObject *expr, const Ref &linear) {
+    flat::QuadForm zero = flat::zero_quad(quad_shape_of(expr));
+    clear_linear(linear);
+    QuadNative *native = quadratic_of(expr);
+    if (!native || native->membership.shared || eager || is_watched(expr))
+        return is_compact(quad_state_of(expr)) ? set_quad_parts(expr, {}, {})
+                                               : quad_become_flat(expr, std::move(zero), {});
+    if (native->compact)
+        native->parts.clear();
+    else
+        native->form = std::move(zero);
+    native->model = {};
+    native->stamp = LinearNative::next_stamp();
+}
+
+void clear_elements(PyObject *expr, const Ref &linear) {
+    Ref elements = qearr(expr);
+    if (!is_array(elements.get()))
+        fail(PyExc_TypeError, "expected an array of QuadExpr, not '%.200s'", Py_TYPE(elements.get())->tp_name);
+    ElementsBefore before(elements.get());
+    clear_quad_array(elements.get());
+    clear_linear(linear);
+    before.done();
+}
+
 Ref clear(PyObject *expr) {
     prepare_quad_change(expr);
-    State state = quad_state_of(expr);
-    check(PyObject_CallMethodNoArgs(ndle_of(expr), names.clear));
-    if (is_compact(state))
-        set_quad_parts(expr, {}, {});
-    else if (state == State::Flat)
-        quad_become_flat(expr, flat::zero_quad(quad_shape_of(expr)), {});
-    else
-        clear_quad_array(qearr(expr).get());
+    Ref linear = Ref::borrow(ndle_of(expr));
+    quad_state_of(expr) == State::Objects ? clear_elements(expr, linear) : clear_native(expr, linear);
     return Ref::none();
 }
 
