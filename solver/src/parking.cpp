@@ -15,6 +15,8 @@
 #include <algorithm>
 #include <numeric>
 
+#include <sys/mman.h>
+
 namespace store {
 
 namespace {
@@ -102,18 +104,29 @@ int32_t largest(const std::vector<Chunk> &chunks) {
     return found;
 }
 
+constexpr size_t kPage = 4096;
+
+// The pages within an array that nobody reads any more go back to the system, though it is another's block.
+void drop(Buffer<int32_t> &array) {
+    const auto from = (reinterpret_cast<uintptr_t>(array.data()) + kPage - 1) / kPage * kPage;
+    const auto to = reinterpret_cast<uintptr_t>(array.end()) / kPage * kPage;
+    if (from < to)
+        madvise(reinterpret_cast<void *>(from), to - from, MADV_DONTNEED); // a failure costs memory only
+}
+
 // For a chunk that ascends throughout: what said variables says rows. Those of one row are all 0, which takes no
 // memory.
 void sayrows(Chunk &chunk) {
-    if (chunk.nrows == 1 && !chunk.keeper) {
-        Buffer<int32_t> zeros;
-        zeros.zeros(chunk.nnz);
-        zeros.grow(chunk.nnz);
-        chunk.var = std::move(zeros);
-        return;
-    }
-    for (int32_t i = 0; i < chunk.nrows; i++)
+    for (int32_t i = 0; chunk.nrows > 1 && i < chunk.nrows; i++)
         std::fill(chunk.var.data() + chunk.ptr[i], chunk.var.data() + chunk.ptr[i + 1], i);
+    if (chunk.nrows > 1)
+        return;
+    Buffer<int32_t> zeros;
+    zeros.zeros(chunk.nnz);
+    zeros.grow(chunk.nnz);
+    if (chunk.keeper)
+        drop(chunk.var);
+    chunk.var = std::move(zeros);
 }
 
 int64_t terms(const std::vector<Chunk> &chunks) {

@@ -68,12 +68,14 @@ class Pair:
         assert np.array_equal(first, second)
         return first
 
-    def lend(self):
-        """Rows in memory of the caller, which may be the only one to look at it, or not."""
+    def lend_some(self):
         present = np.asarray(self.both("idsat", VAR, range(self.plain.int("NumVars"))))
-        var = present[np.sort(ragged(self.rng)[1][:, :5]) * len(present) // NVARS]
+        self.lend(present[np.sort(ragged(self.rng)[1][:, :5]) * len(present) // NVARS], int(self.rng.integers(2)))
+
+    def lend(self, var, alone):
+        """Rows in memory of the caller, which may be the only one to look at it, or not."""
         for store in self.stores:
-            lender = Lender(var.ravel().copy(), np.arange(1.0, var.size + 1), 5, int(self.rng.integers(2)))
+            lender = Lender(var.ravel().copy(), np.arange(1.0, var.size + 1), var.shape[1], alone)
             assert lender.lend(store, len(var)) == 0
             self.lenders.append(lender)
         self.both("update")
@@ -153,7 +155,7 @@ class Pair:
 def test_a_store_that_was_asked_for_columns_is_the_same_model(seed):
     rng = np.random.default_rng(seed)
     pair = Pair(rng, NVARS, *(block(rng) for _ in range(rng.integers(1, 4))))
-    steps = ["columns"] * 5 + ["columns_held", "row", "change", "grow", "new_variables", "rows", "counts", "lend"]
+    steps = ["columns"] * 5 + ["columns_held", "row", "change", "grow", "new_variables", "rows", "counts", "lend_some"]
     steps += ["shrink"] * (seed % 4 == 0)  # from the first removal on rows are only copied
     for step in rng.choice(steps, 25):
         getattr(pair, step)()
@@ -162,11 +164,17 @@ def test_a_store_that_was_asked_for_columns_is_the_same_model(seed):
     assert all(lender.released == 1 for lender in pair.lenders)
 
 
+@pytest.mark.parametrize("lent", [False, True])
 @pytest.mark.parametrize("nrows", [1, 40])
-def test_terms_that_stand_by_columns_already(nrows):
-    rng, n = np.random.default_rng(nrows), 70_000
-    var = np.sort(rng.choice(2 * n, n, replace=False))
-    pair = Pair(rng, 2 * n, (np.linspace(0, n, nrows + 1).astype(int), var, rng.random(n)))
+def test_terms_that_stand_by_columns_already(nrows, lent):
+    rng, n = np.random.default_rng(nrows), 80_000
+    var = np.sort(rng.choice(2 * n, n, replace=False)).reshape(nrows, -1)
+    pair = Pair(rng, 2 * n)
+    if lent:
+        pair.lend(var, 1)
+    else:
+        pair.both("addcsr", np.linspace(0, n, nrows + 1), var.ravel(), rng.random(n), -1.0, 1.0)
+        pair.both("update")
     for step in ("columns", "columns", "counts", "new_variables", "columns", "rows", "columns", "columns_held", "rows"):
         getattr(pair, step)()
     assert pair.parked > 3
