@@ -7,8 +7,11 @@ namespace store {
 namespace {
 
 constexpr int kMaxShift = 16; // columns of a bin are told apart by 16 bits
-// The entries of a bin are copied out before they are placed: a bin of more than this part of all is no gain.
-constexpr int64_t kLargestBin = 2;
+// The entries of a bin are copied out before they are placed: fresh memory, which for a bin of most entries is no less
+// than a second matrix takes.
+bool outgrown(int64_t largest, int64_t nnz) {
+    return largest > nnz / 4 * 3;
+}
 
 } // namespace
 
@@ -35,7 +38,7 @@ void Turn::count(const Piece &piece) {
 
 bool Turn::prepare(int32_t *index, double *value, int64_t held) {
     const int64_t largest = *std::max_element(size_, size_ + kBins);
-    if (shift_ > kMaxShift || largest > nnz_ / kLargestBin)
+    if (shift_ > kMaxShift || outgrown(largest, nnz_))
         return false;
     index_ = index;
     value_ = value;
