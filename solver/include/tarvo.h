@@ -307,7 +307,7 @@ typedef struct TRVremoval {
     const int32_t *ids;
 } TRVremoval;
 TRV_API int TRVremoveall(TRVmodel *model, int32_t count, const TRVremoval *removals);
-/* Asks now for the memory that it takes to add n elements of the kind and to remove them again one by one before the next
+/* Asks now for the memory it takes to add n elements of the kind and to remove them again one by one before the next
  * update, which then needs none: for callers that take back what they added. n = 0 gives back what was not used. */
 TRV_API int TRVexpectremoval(TRVmodel *model, int kind, int64_t n);
 /* Applies what is pending. If anything changed since the last solution (attributes and coefficients included), Status
