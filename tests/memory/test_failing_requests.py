@@ -9,7 +9,9 @@ from pathlib import Path
 import pytest
 
 TESTS = Path(__file__).resolve().parents[1]
-SAMPLE = ["every=11", f"seed={random.randrange(10**6)}"]
+SEED = f"seed={random.randrange(10**6)}"
+MODELS = ["models", "solutions", "general", "general with a solution", "files"]
+ENGINES = ["highs", "highs again", "clarabel", "clarabel again", "scip"]
 
 
 def run(name: str, *words: str) -> None:
@@ -29,10 +31,11 @@ def run(name: str, *words: str) -> None:
     [
         ["store_operations"],
         ["python_operations", "scalars", "scalars in place", "arrays in place", "arrays with objects in place"],
-        ["python_operations", "arrays", "arrays with objects", "models", *SAMPLE],
-        ["python_operations", "eager", *SAMPLE],
+        ["python_operations", "arrays", "arrays with objects", *MODELS, "every=23", SEED],
+        ["python_operations", *ENGINES, "every=41", SEED],
+        ["python_operations", "eager", "arrays", "arrays with objects", *MODELS, "every=53", SEED],
     ],
-    ids=["store", "scalars and in place", "arrays", "eager"],
+    ids=["store", "scalars and in place", "arrays and models", "engines", "eager"],
 )
 def test_failing_requests_end_in_memory_errors_and_change_nothing(program):
     run(*program)
