@@ -166,7 +166,11 @@ flat::Summand with_ids(const flat::Summand &summand) {
     flat::Summand result = summand;
     result.vars = {};
     if (summand.cols.counts() && summand.cols.counting() == 0 && summand.cols.size() == summand.vars.size()) {
-        result.cols = summand.vars; // one row over a vector: its ids as they stand
+        // One row over a vector: its ids as they stand. Ids that count up are written into a block of the store's own,
+        // which it gives back when it no longer needs them.
+        result.cols = summand.vars.counts()
+                          ? flat::Buffer<int32_t>::counting_from(summand.vars.counting(), summand.nnz())
+                          : summand.vars;
         return result;
     }
     if (summand.vars.empty() || counts_up(summand.vars))
