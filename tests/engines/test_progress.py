@@ -64,8 +64,11 @@ def test_engine_log_comes_as_it_is_made(tmp_path, monkeypatch):
     monkeypatch.setattr(sys, "stdout", Stream())
     with tarvopy.read(path) as m:
         m.params.LogLevel = 2
-        m.params.TimeLimit = 0.6
-        m.optimize()
+        for m.params.TimeLimit in (0.6, 5, 30):  # the later ones where others keep the processors busy
+            pieces.clear()
+            m.optimize()
+            if hasattr(m, "ObjVal"):
+                break
     assert len(pieces) >= 3
     text = "".join(pieces)
     assert text.index("Presolving") < text.index("Solving report") < text.index("HiGHS: time limit, objective")

@@ -1,6 +1,7 @@
 """SCIP: integer and nonconvex quadratic models against enumeration, semi-continuous variables, starts, limits."""
 
 import itertools
+import re
 import threading
 
 import numpy as np
@@ -183,8 +184,10 @@ def hard():
 
 def test_time_limit_keeps_the_incumbent_and_a_bound():
     m, x = hard()
-    m.params.TimeLimit = 0.5
-    m.optimize()
+    for m.params.TimeLimit in (0.5, 4, 30):  # the later ones where others keep the processors busy
+        m.optimize()
+        if hasattr(m, "ObjVal") and hasattr(m, "ObjBound"):
+            break
     assert m.Status == TRV.TIME_LIMIT
     assert m.ObjBound <= m.ObjVal
     assert set(np.rint([v.X for v in x])) <= {0, 1}
@@ -251,10 +254,12 @@ def test_optima_that_wrong_fixings_would_take_away():
 def test_status_line_shows_incumbent_and_bound(capsys):
     m, _ = hard()
     m.params.LogLevel = 1
-    m.params.TimeLimit = 2.5
-    m.optimize()
-    line = capsys.readouterr().out.splitlines()[0]
-    best, bound = (float(line.split(word)[1].split()[0]) for word in (" best ", " bound "))
+    for m.params.TimeLimit in (2.5, 10, 60):  # the later ones where others keep the processors busy
+        m.optimize()
+        told = re.findall(r"  best (\S+)  bound (\S+)", capsys.readouterr().out)
+        if told:
+            break
+    best, bound = map(float, told[0])
     assert bound < best <= 0
 
 

@@ -292,8 +292,8 @@ def test_a_part_that_is_doubled_sixty_times_is_refused_at_once(doubled):
         expr = nlfunc.sqrt(expr * expr) + 0.5 * expr
     if doubled == "elements":
         expr._nlearr
-    began = time.monotonic()
+    began = time.process_time()
     for use in (lambda: m.addConstr(expr <= 2), lambda: m.setObjective(expr if doubled == "one by one" else expr[0])):
         with pytest.raises(ValueError, match=r"longer than 2\*\*27 operations .* variable of its own"):
             use()
-    assert time.monotonic() - began < 4
+    assert time.process_time() - began < 4
