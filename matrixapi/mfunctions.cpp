@@ -283,6 +283,8 @@ Ref join(const Routine &routine, Members members) {
 
 Ref apply_routine(const Routine &routine, PyObject *sequence) {
     need_numpy();
+    if (is_sparse(sequence))
+        csr_of(sequence); // SciPy's own iteration over a damaged matrix reads beyond its arrays
     Ref tuple = check(PySequence_Tuple(sequence)); // nobody else holds it while Python code runs
     return join(routine,
                 Members(tuple.as<PyTupleObject>()->ob_item, static_cast<size_t>(PyTuple_GET_SIZE(tuple.get()))));
