@@ -6,7 +6,8 @@ namespace store {
 
 namespace {
 
-constexpr int kMaxShift = 16; // columns of a bin are told apart by 16 bits
+constexpr int kMaxShift = 16;         // columns of a bin are told apart by 16 bits
+constexpr int64_t kBinEntries = 4096; // on average, at least: a block for each bin costs more than small bins bring
 // The entries of a bin are copied out before they are placed: fresh memory, which for a bin of most entries is no less
 // than a second matrix takes.
 bool outgrown(int64_t largest, int64_t nnz) {
@@ -16,7 +17,8 @@ bool outgrown(int64_t largest, int64_t nnz) {
 } // namespace
 
 Turn::Turn(int32_t ncols, int64_t nnz) : ncols_(ncols), whole_(static_cast<int32_t>(nnz / kBlock)), nnz_(nnz) {
-    while (ncols > 0 && (ncols - 1) >> shift_ >= kBins)
+    const int32_t enough = static_cast<int32_t>(std::clamp<int64_t>(nnz / kBinEntries, 1, kBins));
+    while (ncols > 0 && (ncols - 1) >> shift_ >= (shift_ < kMaxShift ? enough : kBins))
         shift_++;
     nbins_ = ncols > 0 ? ((ncols - 1) >> shift_) + 1 : 0;
 }
