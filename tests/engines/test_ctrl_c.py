@@ -164,6 +164,7 @@ except KeyboardInterrupt:                       # only when nobody reads the mod
 def test_other_handlers_and_other_threads(hard):
     child = Child(
         """
+import numpy                                    # which would raise what a handler raises, and slowly under sanitizers
 def handler(*_):
     raise KeyboardInterrupt                     # a handler of the program's own
 signal.signal(signal.SIGINT, handler)
