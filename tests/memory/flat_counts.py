@@ -49,7 +49,7 @@ def counts() -> dict:
 
 
 def growth(operation) -> dict:
-    """What each call leaves behind or takes away. Caches that fill are no leak: it must be seen thirty times in a row."""
+    """What each call leaves behind or takes away. Caches that fill are no leak: a leak shows thirty times in a row."""
     grown = None
     for _ in range(30):
         operation()
