@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <span>
 
 #include <sys/mman.h>
 
@@ -22,6 +23,9 @@ namespace store {
 namespace {
 
 constexpr int64_t kManyTerms = 1 << 16; // fewer are copied before anybody notices
+// With fewer terms a column an engine's copy of the columns' bounds is the larger part, and a matrix in fresh memory is
+// the faster one where no cache is missed.
+constexpr int64_t kFewTerms = 4;
 constexpr int32_t kNone = -1;
 
 Piece pieceof(const Chunk &chunk) {
@@ -80,17 +84,21 @@ void restore(const Order &order, const int32_t *ptr, int32_t *var, double *coef)
     }
 }
 
-// Turned in fresh memory: index and value of the columns stay as they are.
-void scattered(int32_t nrows, const Piece &columns, int32_t *ptr, int32_t *var, double *coef) {
-    const int32_t nnz = columns.ptr[columns.n];
-    std::fill_n(ptr, nrows + 2, 0);
-    for (int32_t k = 0; k < nnz; k++)
-        ptr[columns.index[k] + 2]++;
-    std::partial_sum(ptr, ptr + nrows + 2, ptr);
+// Turned in fresh memory; the pieces stay as they are.
+void scattered(std::span<const Piece> pieces, int32_t n, int32_t *ptr, int32_t *var, double *coef) {
+    std::fill_n(ptr, n + 2, 0);
+    for (const Piece &piece : pieces)
+        for (int32_t k = 0; k < piece.ptr[piece.n]; k++)
+            ptr[piece.index[k] + 2]++;
+    std::partial_sum(ptr, ptr + n + 2, ptr);
     const Places places{ptr + 1, var, coef};
-    for (int32_t c = 0; c < columns.n; c++)
-        for (int32_t k = columns.ptr[c]; k < columns.ptr[c + 1]; k++)
-            places.put({columns.index[k], c, columns.value[k]});
+    int32_t first = 0;
+    for (const Piece &piece : pieces) {
+        for (int32_t r = 0; r < piece.n; r++)
+            for (int32_t k = piece.ptr[r]; k < piece.ptr[r + 1]; k++)
+                places.put({piece.index[k], first + r, piece.value[k]});
+        first += piece.n;
+    }
 }
 
 // The chunk whose arrays the columns go to: the largest that may be written and can grow to hold them all.
@@ -164,18 +172,38 @@ bool Rows::park(const Columns &columns) {
         chunk.shared = false;
         return true;
     }
-    Turn turn(ncols, nnz);
     std::vector<Order> orders;
     for (const Chunk &chunk : chunks_) {
         Order order;
-        if (!ascendinrows(chunk)) {
-            if (!commonorder(chunk, order))
-                return false;
-            orders.push_back(order);
-        }
-        turn.count(pieceof(chunk));
+        if (ascendinrows(chunk))
+            continue;
+        if (!commonorder(chunk, order))
+            return false;
+        orders.push_back(order);
     }
+    const bool turned = nnz < kFewTerms * ncols && !farapart(*this) ? copycolumns(ncols, nnz) : turncolumns(ncols, nnz);
+    if (turned)
+        orders_.swap(orders);
+    return turned;
+}
 
+bool Rows::copycolumns(int32_t ncols, int64_t nnz) {
+    std::vector<Piece> pieces;
+    for (const Chunk &chunk : chunks_)
+        pieces.push_back(pieceof(chunk));
+    Chunk all;
+    Buffer<int32_t> start;
+    scattered(pieces, ncols, start.room(ncols + 2), all.var.room(nnz), all.coef.room(nnz));
+    all.var.grow(nnz);
+    all.coef.grow(nnz);
+    standsby(start, ncols, std::move(all));
+    return true;
+}
+
+bool Rows::turncolumns(int32_t ncols, int64_t nnz) {
+    Turn turn(ncols, nnz);
+    for (const Chunk &chunk : chunks_)
+        turn.count(pieceof(chunk));
     const int32_t kept = largest(chunks_);
     Chunk fresh;
     Chunk &place = kept == kNone ? fresh : chunks_[kept];
@@ -194,21 +222,24 @@ bool Rows::park(const Columns &columns) {
             chunk = Chunk(); // its memory may serve the next
     }
     turn.finish(start.data());
+    place.ptr.free();
+    place.var.cut(nnz);
+    place.coef.cut(nnz);
+    standsby(start, ncols, std::move(place));
+    return true;
+}
 
+// All terms are in one chunk now, by columns.
+void Rows::standsby(Buffer<int32_t> &start, int32_t ncols, Chunk &&all) noexcept {
     start.grow(ncols + 1);
     start_.swap(start);
-    orders_.swap(orders);
-    Chunk all = std::move(place);
     all.first = 0;
     all.nrows = ids.committed();
-    all.nnz = nnz;
+    all.nnz = start_.data()[ncols];
     all.shared = false;
-    all.ptr.free();
-    all.var.cut(nnz);
-    all.coef.cut(nnz);
-    chunks_.front() = std::move(all);
+    Chunk only = std::move(all);
+    chunks_.front() = std::move(only);
     chunks_.erase(chunks_.begin() + 1, chunks_.end());
-    return true;
 }
 
 TRVmatrix Rows::parked(int32_t ncols) {
@@ -233,7 +264,7 @@ void Rows::turnback() const {
     } else {
         Buffer<int32_t> var;
         Buffer<double> coef;
-        scattered(chunk.nrows, columns, ptr.data(), var.room(chunk.nnz), coef.room(chunk.nnz));
+        scattered({&columns, 1}, chunk.nrows, ptr.data(), var.room(chunk.nnz), coef.room(chunk.nnz));
         var.grow(chunk.nnz);
         coef.grow(chunk.nnz);
         chunk.var = std::move(var);

@@ -209,6 +209,9 @@ class Rows {
             turnback();
     }
     bool parkable(const Columns &columns) const;
+    bool copycolumns(int32_t ncols, int64_t nnz);
+    bool turncolumns(int32_t ncols, int64_t nnz);
+    void standsby(Buffer<int32_t> &start, int32_t ncols, Chunk &&all) noexcept;
     void turnback() const;
 
     // By rows or by columns: what shows is the same, so that readers may have them turned back.
