@@ -49,7 +49,7 @@ PyMethodDef functions[] = {
     function(
         "curvature", function_curvature,
         "curvature($module, handle, /)\n--\n\nThe curvature of the objective (int) and of each quadratic row (int8), "
-        "by the numbers of tarvo.h."),
+        "by the numbers of tarvo_engine.h."),
     function("cones", function_cones,
              "cones($module, handle, /)\n--\n\nThe quadratic rows as second-order cones by the field names of "
              "problem.Cones."),

@@ -237,7 +237,7 @@ def commit_solution(
     """
 
 def residuals(handle: Any, has_duals: bool) -> dict[str, float | int]:
-    """How well the open solution (else the last one) holds, by the field names of TRVresiduals in tarvo.h."""
+    """How well the open solution (else the last one) holds, by the field names of TRVresiduals in tarvo_engine.h."""
 
 def offenders(handle: Any, has_duals: bool, figure: int, n: int) -> list[tuple[float, float, int]]:
     """The n elements that violate a figure most, worst first: (violation, scale, element), as many as there are.

@@ -27,7 +27,7 @@ if TYPE_CHECKING:
 #: How many times a tolerance a violation may be, against its scale, before an optimum is called imprecise.
 SLACK = 10.0
 
-#: The figures, as tarvo.h numbers them.
+#: The figures, as tarvo_engine.h numbers them.
 ROWS, BOUNDS, INTEGRALITY, STATIONARITY, COMPLEMENTARITY = range(5)
 _WHAT = (
     *("violation of the sides", "violation of the bounds", "fraction of the integer value"),

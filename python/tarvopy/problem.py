@@ -22,7 +22,7 @@ if TYPE_CHECKING:
 
 #: Kinds of element, as tarvo.h numbers them.
 TRV_VAR, TRV_CONSTR, TRV_QCONSTR, TRV_GENCONSTR, TRV_NLCONSTR = 1, 2, 4, 5, 6
-#: What curvature() says: see tarvo.h.
+#: What curvature() says: see tarvo_engine.h.
 LINEAR, CONVEX, CONE, NONCONVEX, ROUNDED = 0, 1, 2, 3, 4
 
 

@@ -1,4 +1,4 @@
-// api_curvature.cpp: the functions of tarvo.h that say what is convex, and hand quadratic rows over as cones.
+// api_curvature.cpp: the functions of tarvo_engine.h that say what is convex, and hand quadratic rows over as cones.
 #include "blocks.h"
 #include "border.h"
 #include "cones.h"

@@ -1,4 +1,4 @@
-// api_engine.cpp: what an engine reads of the model and writes back.
+// api_engine.cpp: the functions of tarvo_engine.h for the linear model, what changed, and the solution.
 #include "border.h"
 #include "check.h"
 #include "elementattr.h"

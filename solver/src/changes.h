@@ -5,7 +5,7 @@
 #pragma once
 
 #include "buffer.h"
-#include "tarvo.h"
+#include "tarvo_engine.h"
 
 namespace store {
 

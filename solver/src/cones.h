@@ -2,7 +2,7 @@
 #pragma once
 
 #include "curvature.h"
-#include "tarvo.h"
+#include "tarvo_engine.h"
 
 namespace store {
 

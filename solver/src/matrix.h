@@ -2,6 +2,7 @@
 #pragma once
 
 #include "model.h"
+#include "tarvo_engine.h"
 
 namespace store {
 

@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "tarvo.h"
+#include "tarvo_engine.h"
 
 namespace trv {
 

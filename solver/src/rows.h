@@ -19,7 +19,7 @@
 #include "columns.h"
 #include "names.h"
 #include "registry.h"
-#include "tarvo.h"
+#include "tarvo_engine.h"
 
 #include <vector>
 

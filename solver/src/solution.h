@@ -7,7 +7,7 @@
 #include "nlrows.h"
 #include "qrows.h"
 #include "rows.h"
-#include "tarvo.h"
+#include "tarvo_engine.h"
 
 #include <string>
 

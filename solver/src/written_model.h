@@ -10,6 +10,7 @@
 
 #include "file_model.h"
 #include "model_names.h"
+#include "tarvo_engine.h"
 
 namespace trv {
 

@@ -1,4 +1,4 @@
-"""libtarvo140 through ctypes: class Store, one method for each function of tarvo.h that the tests use.
+"""libtarvo140 through ctypes: class Store, one method for each function of its two headers that the tests use.
 
 >>> m = Store()
 >>> x = m.addvars(2, ub=[4.0, INF])       # first id

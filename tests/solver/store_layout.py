@@ -1,4 +1,4 @@
-"""The structs of tarvo.h for ctypes, field by field, and arrays as its functions take them."""
+"""The structs of tarvo.h and tarvo_engine.h for ctypes, field by field, and arrays as its functions take them."""
 
 import ctypes as c
 
