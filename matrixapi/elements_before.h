@@ -4,8 +4,8 @@
 //   ... change them, one after the other; whatever is thrown, they are put back ...
 //   before.done();
 //
-// Taking back needs no memory and copies no terms: the lists are kept, with their lengths. A sum only appends to them
-// and a product puts others in their place. 100 bytes and 20 ns an element.
+// Taking back needs no memory and copies no terms: the lists are kept, with their lengths. A sum only appends to them,
+// a product and clearing put others in their place. 100 bytes and 20 ns an element.
 #pragma once
 
 #include "collaborators/core.h"

@@ -3,7 +3,7 @@
 //   double *coef = static_cast<double *>(blocks::take(8 * n));   not cleared; NULL when there is no memory
 //   double *lb = blocks::zeros(8 * n);                           all 0, and no page taken before it is written
 //   coef = blocks::resize(coef, 8 * more);
-//   blocks::clean_from(coef)                         from this byte on it is 0 but for what its taker wrote
+//   blocks::clean_from(coef);                        from this byte on it is 0 but for what its taker wrote
 //   blocks::give(coef);                                          NULL is fine
 //   blocks::trim();                                              what is kept goes back to the system
 //

@@ -122,8 +122,8 @@ void drop(Buffer<int32_t> &array) {
         madvise(reinterpret_cast<void *>(from), to - from, MADV_DONTNEED); // a failure costs memory only
 }
 
-// For a chunk that ascends throughout: what said variables says rows. Those of one row are all 0, which takes no
-// memory.
+// In a chunk that ascends throughout the terms stay where they are, and each variable gives way to the number of its
+// row. Of a single row these are all 0, which takes no memory.
 void sayrows(Chunk &chunk) {
     for (int32_t i = 0; chunk.nrows > 1 && i < chunk.nrows; i++)
         std::fill(chunk.var.data() + chunk.ptr[i], chunk.var.data() + chunk.ptr[i + 1], i);

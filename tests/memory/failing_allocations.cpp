@@ -1,8 +1,9 @@
 // Makes requests for memory fail, in the libraries of one folder only: the next but n, or that one and all after it.
 //
-//   install(folder)      once; afterwards  arm(n, forever, texts)  ...  disarm()  on the thread that is to meet the
-//   failures install_arrays(t)    NumPy's table t of functions, again whenever another library may have bound it
-//   install_type(type)   objects of this type come from tp_alloc
+//   install(folder)           once
+//   arm(n, forever, texts)    ...  disarm()  on the thread that is to meet the failures
+//   install_arrays(t)         NumPy's table t of functions, again whenever another library may have bound it
+//   install_type(type)        objects of this type come from tp_alloc
 //
 // NumPy, SciPy and CPython do not survive every failure of their own, so the allocator as a whole cannot be made to
 // fail. Instead the table through which a library calls other libraries (its global offset table) is rewritten for the

@@ -186,3 +186,18 @@ def test_terms_that_stand_by_columns_already(nrows, lent):
     for step in ("columns", "columns", "counts", "new_variables", "columns", "rows", "columns", "columns_held", "rows"):
         getattr(pair, step)()
     assert pair.parked > 3
+
+
+def test_rows_that_somebody_looks_at_are_not_turned():
+    pair = Pair(np.random.default_rng(1), NVARS)
+    pair.lend(np.arange(30_000)[:, None] % (NVARS - 8) + np.arange(5), 0)
+    arrays, pin, by_columns = pair.view()
+    before = [a.copy() for a in arrays]
+    for lender in pair.lenders:
+        lender.alone = 1  # so that the memory may be written, but for the one who reads it
+    pair.columns()
+    assert not by_columns
+    assert all(map(np.array_equal, arrays, before))
+    lib.TRVunpin(pin)
+    pair.columns()
+    assert pair.parked == 1

@@ -31,9 +31,15 @@ class Lender:
         self.var, self.coef = np.asarray(var, np.int32), np.asarray(coef, np.float64)
         self.released = 0
         self.release = RELEASE(lambda _: setattr(self, "released", self.released + 1))
-        self.alone = ALONE(lambda _: alone)
+        self.alone, self.is_alone = alone, ALONE(lambda _: self.alone)
         self.rows = SharedRows(
-            None, width, self.var.ctypes.data_as(i32p), self.coef.ctypes.data_as(f64p), None, self.release, self.alone
+            None,
+            width,
+            self.var.ctypes.data_as(i32p),
+            self.coef.ctypes.data_as(f64p),
+            None,
+            self.release,
+            self.is_alone,
         )
 
     def lend(self, store, nrows):

@@ -75,4 +75,4 @@ def test_a_file_that_is_read_while_another_one_asks(tmp_path):
     outer.stop_when(decide)
     with pytest.raises(StoreError, match="interrupted"):
         outer.call("TRVreadmodel", os.fsencode(tmp_path / "m.lp"))
-    assert asked == [0, 3, 3]  # the inner call did not ask the outer one's function, and took it from nobody
+    assert asked == [0, 3, 3]  # the inner call asked nobody, and the outer one went on asking afterwards
