@@ -66,9 +66,16 @@ class Region {
         left_ -= mapped;
         return memory;
     }
+    // What was not cut yet of a large page that is in memory for the sake of what was: up to 2 MB.
+    void trim() {
+        const auto at = reinterpret_cast<uintptr_t>(next_);
+        const std::size_t rest = (kLargePage - at % kLargePage) % kLargePage;
+        if (left_ && rest)
+            madvise(next_, std::min(rest, left_), MADV_DONTNEED); // a failure costs memory only
+    }
 
   private:
-    static constexpr std::size_t kSmall = 4 * 1024 * 1024, kLarge = 64 * 1024 * 1024;
+    static constexpr std::size_t kSmall = 4 * 1024 * 1024, kLarge = 64 * 1024 * 1024, kLargePage = 2 * 1024 * 1024;
 
     bool renew(std::size_t mapped, std::size_t in_use) {
         const bool small = !next_ && mapped <= kSmall;
@@ -239,6 +246,7 @@ std::size_t clean_from(const void *block) noexcept {
 void trim() noexcept {
     std::lock_guard<std::mutex> lock(mutex);
     shelf.clear();
+    region.trim();
 }
 
 } // namespace blocks
