@@ -201,3 +201,14 @@ def test_rows_that_somebody_looks_at_are_not_turned():
     lib.TRVunpin(pin)
     pair.columns()
     assert pair.parked == 1
+
+
+def test_terms_that_the_caller_may_still_look_at_are_not_written():
+    pair = Pair(np.random.default_rng(1), NVARS)
+    var = np.arange(30_000)[:, None] % (NVARS - 8) + np.arange(5)
+    pair.lend(var, 0)
+    pair.both("addrows", [{}], 0.0)  # the terms are turned, and all are those of the other block
+    pair.both("update")
+    pair.columns()
+    assert pair.parked == 1
+    assert all(np.array_equal(lender.var, var.ravel()) for lender in pair.lenders)
