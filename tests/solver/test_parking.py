@@ -131,7 +131,7 @@ class Pair:
 
     def change(self):
         rows, values = self.ids(CONSTR, 6), [0.0, 2.0, 3.0, 4.0, 5.0, 6.0]
-        variables = [terms[0][0] for row in rows[:3] if (terms := self.both("row", row))]
+        variables = [terms[0][0] for row in rows[:3] if (terms := self.plain.row(row))]
         variables += self.ids(VAR, 6)[len(variables) :]
         self.both("setcoefs", rows, variables, values)
         self.both("coefs", rows, variables)
@@ -188,9 +188,34 @@ def test_terms_that_stand_by_columns_already(nrows, lent):
     assert pair.parked > 3
 
 
+SLIDING = np.arange(30_000)[:, None] % (NVARS - 8) + np.arange(5)
+
+
+def block_of(var):
+    return np.arange(0, var.size + 1, var.shape[1]), var.ravel(), np.arange(1.0, var.size + 1)
+
+
+def test_rows_of_one_length_that_each_have_an_order_of_their_own_keep_it():
+    rng = np.random.default_rng(1)
+    pair = Pair(rng, NVARS, block_of(ragged(rng)[1][:, :5]))
+    pair.columns()
+    pair.rows()
+
+
+def test_where_variables_were_removed_columns_are_positions():
+    pair = Pair(np.random.default_rng(1), NVARS, block_of(SLIDING))
+    pair.columns()
+    assert pair.parked == 1
+    pair.both("remove", VAR, [0, 7])
+    pair.columns()  # nothing is gone before the update
+    pair.both("update")
+    pair.columns()
+    pair.rows()
+
+
 def test_rows_that_somebody_looks_at_are_not_turned():
     pair = Pair(np.random.default_rng(1), NVARS)
-    pair.lend(np.arange(30_000)[:, None] % (NVARS - 8) + np.arange(5), 0)
+    pair.lend(SLIDING, 0)
     arrays, pin, by_columns = pair.view()
     before = [a.copy() for a in arrays]
     for lender in pair.lenders:
@@ -205,10 +230,9 @@ def test_rows_that_somebody_looks_at_are_not_turned():
 
 def test_terms_that_the_caller_may_still_look_at_are_not_written():
     pair = Pair(np.random.default_rng(1), NVARS)
-    var = np.arange(30_000)[:, None] % (NVARS - 8) + np.arange(5)
-    pair.lend(var, 0)
+    pair.lend(SLIDING, 0)
     pair.both("addrows", [{}], 0.0)  # the terms are turned, and all are those of the other block
     pair.both("update")
     pair.columns()
     assert pair.parked == 1
-    assert all(np.array_equal(lender.var, var.ravel()) for lender in pair.lenders)
+    assert all(np.array_equal(lender.var, SLIDING.ravel()) for lender in pair.lenders)
