@@ -208,6 +208,8 @@ def test_where_variables_were_removed_columns_are_positions():
     assert pair.parked == 1
     pair.both("remove", VAR, [0, 7])
     pair.columns()  # nothing is gone before the update
+    pair.rows()
+    pair.columns()
     pair.both("update")
     pair.columns()
     pair.rows()
