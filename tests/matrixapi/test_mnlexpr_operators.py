@@ -93,20 +93,6 @@ def test_every_kind_of_operand_gives_numpys_values(mode, model, shape, function)
             np.testing.assert_allclose(value(point, result), expected)
 
 
-@pytest.mark.parametrize("function", BINARY)
-def test_numbers_arrays_and_scalar_objects_may_stand_on_the_left(mode, model, function):
-    base = variables(model, (2, 3))
-    point, pairs = operands(model, Point, (2, 3))
-    e, exact = nlfunc.exp(base), np.exp(point.of(base))
-    with np.errstate(all="ignore"):
-        for other, numbers in pairs[4:]:
-            if sp.issparse(other) and function is operator.pow:
-                continue  # SciPy looks at the exponent itself
-            result = function(other, e)
-            assert type(result) is MNLExpr
-            np.testing.assert_allclose(value(point, result), function(numbers, exact))
-
-
 @pytest.mark.parametrize("name", FUNCTIONS)
 def test_functions_of_arrays(mode, model, name):
     x = variables(model, (2, 2))

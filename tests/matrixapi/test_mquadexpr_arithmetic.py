@@ -73,22 +73,6 @@ def numbers_of(point, thing):
 # ---- values --------------------------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("op", [operator.add, operator.sub])
-@pytest.mark.parametrize("kind", EXPRESSIONS + CONSTANTS)
-@pytest.mark.parametrize("shape", SHAPES)
-def test_sums_on_either_side_leave_their_operands_alone(mode, model, op, kind, shape):
-    for see in (False, True):
-        q, other = quadratic(model, shape), operand(model, kind, shape)
-        point = Point(model)
-        before, number = value(point, q), numbers_of(point, other)
-        q = looked(q) if see else q
-        for result, expected in ((op(q, other), op(before, number)), (op(other, q), op(number, before))):
-            assert isinstance(result, MQuadExpr)
-            np.testing.assert_allclose(value(point, result), expected)
-        np.testing.assert_array_equal(value(point, q), before)
-        np.testing.assert_array_equal(numbers_of(point, other), number)
-
-
 @pytest.mark.parametrize("op", [operator.iadd, operator.isub])
 @pytest.mark.parametrize("kind", EXPRESSIONS + CONSTANTS)
 @pytest.mark.parametrize("shape", SHAPES)

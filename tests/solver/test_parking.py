@@ -238,3 +238,14 @@ def test_terms_that_the_caller_may_still_look_at_are_not_written():
     pair.columns()
     assert pair.parked == 1
     assert all(np.array_equal(lender.var, SLIDING.ravel()) for lender in pair.lenders)
+
+
+def test_more_columns_than_256_bins_of_16_bits_tell_apart():
+    rng, n = np.random.default_rng(1), 2**24 + 2**16
+    pair = Pair(rng, 0)
+    ptr, var, coef = block_of(2**16 + 801 * rng.permutation(20_000)[:, None] + np.arange(5))
+    pair.asked.addvars(n, ub=0.0)  # one store, for its size
+    pair.asked.addcsr(ptr, var, coef, -1.0, 1.0)
+    pair.asked.update()
+    lib.TRVunpin(pair.view()[1])
+    assert all(map(np.array_equal, pair.asked.matrix(0), (ptr, var, coef)))
