@@ -18,7 +18,7 @@ struct Making {
     Buffer<double> value;
 
     // Starts alone, the others for whoever fills them.
-    explicit Making(int32_t nmajor) { start.room(nmajor + 2); }
+    explicit Making(int32_t nmajor) { start.room(int64_t{nmajor} + 2); }
     Making(int32_t nmajor, int64_t nnz) : Making(nmajor) {
         if (nnz > INT32_MAX)
             failf(TRV_ERROR_SIZE_LIMIT, "%lld nonzeros exceed the limit of 2147483647", static_cast<long long>(nnz));

@@ -86,7 +86,7 @@ void restore(const Order &order, const int32_t *ptr, int32_t *var, double *coef)
 
 // Turned in fresh memory; the pieces stay as they are.
 void scattered(std::span<const Piece> pieces, int32_t n, int32_t *ptr, int32_t *var, double *coef) {
-    std::fill_n(ptr, n + 2, 0);
+    std::fill_n(ptr, int64_t{n} + 2, 0);
     for (const Piece &piece : pieces)
         for (int32_t k = 0; k < piece.ptr[piece.n]; k++)
             ptr[piece.index[k] + 2]++;
@@ -164,9 +164,9 @@ bool Rows::park(const Columns &columns) {
     if (chunks_.size() == 1 && ascendingthroughout(chunks_.front())) {
         Chunk &chunk = chunks_.front();
         Buffer<int32_t> start;
-        columnstarts(chunk, ncols, start.room(ncols + 1));
+        columnstarts(chunk, ncols, start.room(int64_t{ncols} + 1));
         sayrows(chunk);
-        start.grow(ncols + 1);
+        start.grow(int64_t{ncols} + 1);
         start_.swap(start);
         chunk.ptr.free();
         chunk.shared = false;
@@ -193,7 +193,7 @@ bool Rows::copycolumns(int32_t ncols, int64_t nnz) {
         pieces.push_back(pieceof(chunk));
     Chunk all;
     Buffer<int32_t> start;
-    scattered(pieces, ncols, start.room(ncols + 2), all.var.room(nnz), all.coef.room(nnz));
+    scattered(pieces, ncols, start.room(int64_t{ncols} + 2), all.var.room(nnz), all.coef.room(nnz));
     all.var.grow(nnz);
     all.coef.grow(nnz);
     standsby(start, ncols, std::move(all));
@@ -213,7 +213,7 @@ bool Rows::turncolumns(int32_t ncols, int64_t nnz) {
         place.coef.reserve(nnz);
     }
     Buffer<int32_t> start;
-    start.room(ncols + 1);
+    start.room(int64_t{ncols} + 1);
     if (!turn.prepare(place.var.data(), place.coef.data(), held))
         return false;
     for (Chunk &chunk : chunks_) {
@@ -231,7 +231,7 @@ bool Rows::turncolumns(int32_t ncols, int64_t nnz) {
 
 // All terms are in one chunk now, by columns.
 void Rows::standsby(Buffer<int32_t> &start, int32_t ncols, Chunk &&all) noexcept {
-    start.grow(ncols + 1);
+    start.grow(int64_t{ncols} + 1);
     start_.swap(start);
     all.first = 0;
     all.nrows = ids.committed();
@@ -246,7 +246,7 @@ TRVmatrix Rows::parked(int32_t ncols) {
     if (!isparked() || chunks_.size() != 1)
         return {};
     Chunk &chunk = chunks_.front();
-    start_.pad(ncols + 1, static_cast<int32_t>(chunk.nnz));
+    start_.pad(int64_t{ncols} + 1, static_cast<int32_t>(chunk.nnz));
     return {ncols, chunk.nnz, start_.data(), chunk.var.data(), chunk.coef.data()};
 }
 
@@ -254,7 +254,7 @@ void Rows::turnback() const {
     Chunk &chunk = chunks_.front();
     const Piece columns{static_cast<int32_t>(start_.size()) - 1, start_.data(), chunk.var.data(), chunk.coef.data()};
     Buffer<int32_t> ptr;
-    ptr.room(chunk.nrows + 2);
+    ptr.room(int64_t{chunk.nrows} + 2);
     Turn turn(chunk.nrows, chunk.nnz);
     turn.count(columns);
     const bool watched = termyard_ && termyard_->pinned();
@@ -273,7 +273,7 @@ void Rows::turnback() const {
     }
     for (const Order &order : orders_)
         restore(order, ptr.data(), chunk.var.data(), chunk.coef.data());
-    ptr.grow(chunk.nrows + 1);
+    ptr.grow(int64_t{chunk.nrows} + 1);
     chunk.ptr = std::move(ptr);
     start_.free();
     orders_.clear();
