@@ -25,10 +25,15 @@ Operand linear_operand(PyObject *object, const char *function) {
 
 PyObject *linexpr_new(PyTypeObject *, PyObject *args, PyObject *kwargs) {
     return border([&] {
-        static const char *keywords[] = {"arg", "vars", nullptr};
-        PyObject *arg = nullptr, *vars = nullptr;
-        if (!PyArg_ParseTupleAndKeywords(args, kwargs, "|OO:LinExpr", const_cast<char **>(keywords), &arg, &vars))
+        static const char *keywords[] = {"arg", "vars", "coeffs", nullptr};
+        PyObject *arg = nullptr, *vars = nullptr, *coeffs = nullptr;
+        if (!PyArg_ParseTupleAndKeywords(args, kwargs, "|OO$O:LinExpr", const_cast<char **>(keywords), &arg, &vars,
+                                         &coeffs))
             throw PythonError{};
+        if (coeffs && (arg || !vars))
+            fail(PyExc_TypeError, "LinExpr() takes coeffs together with vars and with nothing else");
+        if (coeffs)
+            arg = coeffs;
         if (vars == Py_None)
             vars = nullptr;
         if (!arg && vars)

@@ -71,7 +71,7 @@ PyObject *module_counts(PyObject *, PyObject *) {
 
 PyMethodDef methods[] = {
     {"_counts", module_counts, METH_NOARGS, "_counts()\n--\n\nHow many objects of the bulk types are alive."},
-    {"_quicksum", quicksum, METH_O,
+    {"_quicksum", method(quicksum), METH_FASTCALL | METH_KEYWORDS,
      "_quicksum(iterable)\n--\n\nThe sum of numbers, variables and expressions, scalar or matrix, in one pass; an "
      "empty LinExpr for none."},
     {}};

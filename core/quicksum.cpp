@@ -2,7 +2,12 @@
 #include "nlexpr.h"
 #include "quadexpr.h"
 
+#include "pysupport/args.h"
+
 namespace tarvopy::core {
+
+using pysupport::Arguments;
+using pysupport::Signature;
 
 namespace {
 
@@ -60,9 +65,11 @@ struct ScalarSum {
 
 } // namespace
 
-PyObject *quicksum(PyObject *, PyObject *iterable) {
+PyObject *quicksum(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
-        Ref items = check(PyObject_GetIter(iterable));
+        static const Signature signature{"quicksum", {"iterable"}, 1};
+        Arguments given(signature, 0, args, nargs, kwnames);
+        Ref items = check(PyObject_GetIter(given[0]));
         ScalarSum scalars;
         Ref total; // once matrix objects are among them
         while (Ref item = Ref::steal(PyIter_Next(items.get()))) {

@@ -10,6 +10,9 @@
 
 namespace tarvopy::core {
 
+using pysupport::Arguments;
+using pysupport::Signature;
+
 namespace {
 
 bool names_attribute(PyObject *name) {
@@ -128,15 +131,19 @@ int scalar_setattro(PyObject *self, PyObject *name, PyObject *value) {
     });
 }
 
-PyObject *scalar_get_attr(PyObject *self, PyObject *name) {
-    return border([&] { return read(self, find_attribute(self, name)); });
+PyObject *scalar_get_attr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
+    return border([&] {
+        static const Signature signature{"getAttr", {"attrname"}, 1};
+        Arguments given(signature, 1, args, nargs, kwnames);
+        return read(self, find_attribute(self, given[0]));
+    });
 }
 
-PyObject *scalar_set_attr(PyObject *self, PyObject *const *args, Py_ssize_t nargs) {
+PyObject *scalar_set_attr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
-        if (nargs != 2)
-            fail(PyExc_TypeError, "setAttr() takes exactly 3 positional arguments (%zd given)", nargs + 1);
-        write(self, args[0], args[1]);
+        static const Signature signature{"setAttr", {"attrname", "value"}, 2};
+        Arguments given(signature, 1, args, nargs, kwnames);
+        write(self, given[0], given[1]);
         return Ref::none();
     });
 }

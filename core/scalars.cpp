@@ -123,11 +123,11 @@ PyObject *refuse_pickling(PyObject *self, PyObject *) {
     return nullptr;
 }
 
-PyMethodDef scalar_methods[] = {{"getAttr", scalar_get_attr, METH_O,
+PyMethodDef scalar_methods[] = {{"getAttr", method(scalar_get_attr), METH_FASTCALL | METH_KEYWORDS,
                                  "getAttr($self, attrname)\n--\n\nThe value of an attribute, by name: x.getAttr('UB') "
                                  "is x.UB. NoDataError for what only "
                                  "a solve gives and none gave; TarvoError (NOT_IN_MODEL) once the element is removed."},
-                                {"setAttr", method(scalar_set_attr), METH_FASTCALL,
+                                {"setAttr", method(scalar_set_attr), METH_FASTCALL | METH_KEYWORDS,
                                  "setAttr($self, attrname, value)\n--\n\nSets an attribute, at once: x.setAttr('UB', "
                                  "3) is x.UB = 3. TypeError and TarvoError "
                                  "for values that it cannot have; then nothing has changed."},

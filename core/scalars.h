@@ -31,8 +31,8 @@ Label label_of(PyObject *scalar);
 // Attributes of the store as Python values (scalar_attributes.cpp).
 PyObject *scalar_getattro(PyObject *self, PyObject *name);
 int scalar_setattro(PyObject *self, PyObject *name, PyObject *value);
-PyObject *scalar_get_attr(PyObject *self, PyObject *name);
-PyObject *scalar_set_attr(PyObject *self, PyObject *const *args, Py_ssize_t nargs);
+PyObject *scalar_get_attr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames);
+PyObject *scalar_set_attr(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames);
 PyObject *scalar_dir(PyObject *self, PyObject *);
 
 } // namespace tarvopy::core

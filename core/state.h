@@ -94,6 +94,6 @@ void add_api(PyObject *module);
 
 Ref new_tempconstr(PyObject *lhs, PyObject *sense, PyObject *rhs);
 
-PyObject *quicksum(PyObject *module, PyObject *iterable);
+PyObject *quicksum(PyObject *module, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames);
 
 } // namespace tarvopy::core

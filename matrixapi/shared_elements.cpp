@@ -46,6 +46,7 @@ namespace {
 
 struct Linear {
     using Native = LinearNative;
+    static constexpr bool slices_are_views = false; // a selection owns its array
     static Native *native_of(PyObject *expr) { return linear_of(expr); }
     static Ref objects(const flat::Form &form, const Ref &model) { return linexpr_array(form, model); }
     static void show_elements(PyObject *expr, PyObject *elements) {
@@ -56,6 +57,7 @@ struct Linear {
 
 struct Quadratic {
     using Native = QuadNative;
+    static constexpr bool slices_are_views = true;
     static Native *native_of(PyObject *expr) { return quadratic_of(expr); }
     static Ref objects(const flat::QuadForm &form, const Ref &model) { return quadexpr_array(form, model); }
     static void show_elements(PyObject *expr, PyObject *elements) {
@@ -85,8 +87,28 @@ Ref contiguous_places(PyObject *chosen) {
     return check(PyArray_FROMANY(chosen, NPY_INT64, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
 }
 
+// Whether NumPy gave a view of the numbering, not an array of its own (which may be hidden behind a transposed view).
+bool is_inside(PyObject *chosen, const Ref &numbered) {
+    const char *begin = PyArray_BYTES(as_array(numbered)),
+               *data = PyArray_BYTES(reinterpret_cast<PyArrayObject *>(chosen));
+    return data >= begin && data < begin + PyArray_NBYTES(as_array(numbered));
+}
+
+// The elements of the whole at the places, which are a view of its numbering: the same view of the whole.
+Ref same_view(const Ref &whole, const Ref &numbered, const Ref &places) {
+    static_assert(sizeof(PyObject *) == sizeof(int64_t), "an element and its number have one stride");
+    PyArrayObject *view = as_array(places);
+    auto offset = PyArray_BYTES(view) - PyArray_BYTES(as_array(numbered));
+    Ref elements = check(PyArray_NewFromDescr(&PyArray_Type, PyArray_DescrFromType(NPY_OBJECT), PyArray_NDIM(view),
+                                              PyArray_DIMS(view), PyArray_STRIDES(view),
+                                              PyArray_BYTES(as_array(whole)) + offset, NPY_ARRAY_WRITEABLE, nullptr));
+    check_status(PyArray_SetBaseObject(as_array(elements), Ref(whole).release()));
+    return elements;
+}
+
 // Whether an index array chose an element more than once.
-bool has_repeats(const Ref &places) {
+bool has_repeats(const Ref &chosen) {
+    Ref places = contiguous_places(chosen.get());
     const auto *place = static_cast<const int64_t *>(PyArray_DATA(as_array(places)));
     std::vector<int64_t> sorted(place, place + PyArray_SIZE(as_array(places)));
     std::sort(sorted.begin(), sorted.end());
@@ -138,6 +160,15 @@ template <class Form> Form gathered_at(const Form &whole, const Ref &places) {
     return flat::gathered(whole, map, shape_of_array(places.get()));
 }
 
+template <class Kind>
+Ref elements_at(const Ref &whole, const SharedElements<typename Kind::Native> &shared, const Ref &places) {
+    if (places.is(shared.places.get()))
+        return whole;
+    if (Kind::slices_are_views && is_inside(places.get(), shared.places))
+        return same_view(whole, shared.places, places);
+    return taken(whole, places);
+}
+
 template <class Kind> void make_elements(PyObject *expr) {
     auto *native = Kind::native_of(expr);
     if (is_alone(native->membership))
@@ -156,7 +187,7 @@ template <class Kind> void make_elements(PyObject *expr) {
         const auto &own = member->membership;
         if (Py_REFCNT(own.expr) == 0) // being freed, which may run Python code
             continue;
-        Ref elements = own.places.is(shared->places.get()) ? whole : taken(whole, own.places);
+        Ref elements = elements_at<Kind>(whole, *shared, own.places);
         instance_dict(own.expr);
         shown.emplace_back(Ref::borrow(own.expr), std::move(elements));
     }
@@ -202,32 +233,20 @@ void prepare_change(PyObject *expr) {
 
 // ---- quadratic expressions: index arrays give copies ----------------------------------------------------------------
 
-namespace {
-
-// Whether NumPy gave a number or a view, not an array of its own (which may be hidden behind a transposed view).
-bool is_inside(PyObject *chosen, const Ref &places) {
-    if (!PyArray_Check(chosen))
-        return true;
-    const char *begin = PyArray_BYTES(as_array(places)),
-               *data = PyArray_BYTES(reinterpret_cast<PyArrayObject *>(chosen));
-    return data >= begin && data < begin + PyArray_NBYTES(as_array(places));
-}
-
-} // namespace
-
 Ref shared_quad_selection(PyObject *expr, PyObject *key, const Ref &ndle) {
     Ref chosen = chosen_places<Quadratic>(expr, key);
     if (!chosen)
         return {};
-    bool shares = is_inside(chosen.get(), quadratic_of(expr)->membership.places);
-    Ref places = contiguous_places(chosen.get());
     auto shared = quadratic_of(expr)->membership.shared;
+    bool one = !PyArray_Check(chosen.get()), shares = one || is_inside(chosen.get(), shared->places);
+    Ref places = contiguous_places(chosen.get());
     Ref selection = make_quad_flat(mod.MQuadExpr, gathered_at(shared->form, places),
                                    shares ? ndle : copy_of(ndle.get()), shared->model);
     if (shared->made)
         return {};
     if (shares)
-        join(selection.get(), quadratic_of(selection.get()), std::move(shared), std::move(places));
+        join(selection.get(), quadratic_of(selection.get()), std::move(shared),
+             one ? std::move(places) : std::move(chosen));
     return selection;
 }
 

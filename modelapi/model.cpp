@@ -142,7 +142,7 @@ PyMethodDef methods[] = {
     row("update", model_update,
         "update($self, /)\n--\n\nApply what is pending: added elements get their positions, removed ones go."),
     row("remove", model_remove,
-        "remove($self, what, /)\n--\n\n"
+        "remove($self, what)\n--\n\n"
         "Remove variables or constraints: a scalar or matrix handle, or a list of them. Elements in the model go at "
         "the next\n"
         "update, pending ones at once. Variables may go together with the nonlinear and general constraints that they "
@@ -166,11 +166,11 @@ PyMethodDef methods[] = {
         "getNLConstrs($self, /)\n--\n\nThe nonlinear rows in the model's order, as a list of NLConstr; pending ones "
         "are not among them."),
     row("getVarByName", model_getVarByName,
-        "getVarByName($self, name, /)\n--\n\nThe first Var of this name, pending ones included, or None."),
+        "getVarByName($self, name)\n--\n\nThe first Var of this name, pending ones included, or None."),
     row("getConstrByName", model_getConstrByName,
-        "getConstrByName($self, name, /)\n--\n\nThe first Constr of this name, pending ones included, or None."),
+        "getConstrByName($self, name)\n--\n\nThe first Constr of this name, pending ones included, or None."),
     row("getQConstrByName", model_getQConstrByName,
-        "getQConstrByName($self, name, /)\n--\n\nThe first QConstr of this name, pending ones included, or None."),
+        "getQConstrByName($self, name)\n--\n\nThe first QConstr of this name, pending ones included, or None."),
     row("setCoeff", model_setCoeff,
         "setCoeff($self, /, constr, var, value)\n--\n\n"
         "Set the coefficient of var in the linear row constr, at once; 0 takes the term away.\n\n"
@@ -187,13 +187,13 @@ PyMethodDef methods[] = {
         "The matrix of the linear rows as a scipy.sparse.csr_matrix of shape (NumConstrs, NumVars), as of the last "
         "update."),
     row("getRow", model_getRow,
-        "getRow($self, constr, /)\n--\n\nThe terms of a row as an expression whose constant is 0.\n\n"
+        "getRow($self, constr)\n--\n\nThe terms of a row as an expression whose constant is 0.\n\n"
         "A Constr, or an MConstr of one element, gives a LinExpr; a QConstr, or such an MQConstr, a QuadExpr."),
     row("getAttr", model_getAttr,
-        "getAttr($self, attrname, /)\n--\n\nThe value of a model attribute; applies what is pending first. m.NumVars "
+        "getAttr($self, attrname)\n--\n\nThe value of a model attribute; applies what is pending first. m.NumVars "
         "means m.getAttr('NumVars')."),
     row("setAttr", model_setAttr,
-        "setAttr($self, attrname, value, /)\n--\n\nSet a model attribute, at once. m.ModelSense = -1 means "
+        "setAttr($self, attrname, value)\n--\n\nSet a model attribute, at once. m.ModelSense = -1 means "
         "m.setAttr('ModelSense', -1)."),
     row("_attributes", model_attributes, "_attributes($self, /)\n--\n\nThe names of the model attributes."),
     row("_relax_into", model_relax_into,

@@ -65,10 +65,10 @@ class _Handle(Protocol):
 
     @property
     def _cmodel(self) -> _Model: ...
-    def getAttr(self, attrname: str, /) -> Any:
+    def getAttr(self, attrname: str) -> Any:
         """An attribute by name. NoDataError where it is not there yet, TarvoError once the element is removed."""
 
-    def setAttr(self, attrname: str, value: Any, /) -> None:
+    def setAttr(self, attrname: str, value: Any) -> None:
         """Sets an attribute; it acts at once."""
 
 # The handle that a comparison gives in Model.addConstr goes by the degrees of its sides and by whether one is an array.
@@ -220,6 +220,8 @@ class LinExpr(_LinearOperators):
     def __init__(self, arg: _Number | _Linear = 0.0) -> None: ...
     @overload
     def __init__(self, arg: Iterable[_Number], vars: Iterable[Var]) -> None: ...
+    @overload
+    def __init__(self, *, coeffs: Iterable[_Number], vars: Iterable[Var]) -> None: ...
     def __pos__(self) -> LinExpr: ...
     @overload
     def __pow__(self, exponent: Literal[0, 1]) -> LinExpr: ...
@@ -536,7 +538,7 @@ class _ExprTree:
     @staticmethod
     def _from_abs(tree: _ExprTree, /) -> _ExprTree: ...
 
-def _quicksum(iterable: Iterable[Any], /) -> LinExpr | QuadExpr | NLExpr | Any:
+def _quicksum(iterable: Iterable[Any]) -> LinExpr | QuadExpr | NLExpr | Any:
     """The sum of numbers, variables and expressions in one pass: a QuadExpr where a quadratic one is among them, an
     NLExpr where a nonlinear one is (in one sum, after the other terms), a matrix expression where matrix objects take
     part."""

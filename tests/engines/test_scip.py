@@ -132,9 +132,10 @@ def test_multipliers_need_highs_but_the_optimum_does_not(monkeypatch):
         _ = x.RC
 
 
-def test_semicontinuous_variable_without_end_is_refused_by_name():
+@pytest.mark.parametrize("lower", [0, 2])
+def test_semicontinuous_variable_without_end_is_refused_by_name(lower):
     m = silent()
-    s, y = m.addVar(lb=2, vtype="S", name="flow"), m.addVar(vtype="I")
+    s, y = m.addVar(lb=lower, vtype="S", name="flow"), m.addVar(vtype="I")
     m.addConstr(s * y >= 1)
     with pytest.raises(TarvoError, match="'flow' needs finite bounds"):
         m.optimize()

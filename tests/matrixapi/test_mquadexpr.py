@@ -299,6 +299,7 @@ def test_slices_share_their_elements(mode, model, key):
     chosen = np.asarray(q._qearr[key], dtype=object)
     assert part.shape == chosen.shape
     assert all(a is b for a, b in zip(part._qearr.flat, chosen.flat, strict=True))
+    assert np.shares_memory(part._qearr, q._qearr) == (part.ndim > 0)
 
 
 @pytest.mark.parametrize("key", [[0, 1], ([0, 1], [1, 1]), (slice(None), [0, 1]), np.array([[True, False, True]] * 2)])

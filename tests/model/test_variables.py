@@ -234,6 +234,37 @@ def test_signatures_can_be_read():
         assert (parameters["lb"].default, parameters["ub"].default, parameters["vtype"].default) == (0.0, inf, "C")
 
 
+def callables_and_what_they_belong_to():
+    """Public functions, and public methods of one object of each kind, nlfunc aside, whose one argument has no name."""
+    m = tarvopy.Model()
+    x = m.addMVar(2)
+    v = x[0].item()
+    rows = m.addConstr(x <= 1)
+    kinds = (m, v, rows[0], v + 1, v * v, tarvopy.nlfunc.exp(v), x, x + 1, x * x, tarvopy.nlfunc.exp(x), rows)
+    yield from (getattr(kind, name) for kind in kinds for name in dir(type(kind)) if name[0] != "_" and name != "close")
+    yield from (getattr(tarvopy, name) for name in ("concatenate", "hstack", "vstack", "quicksum", "read", "LinExpr"))
+    yield from (getattr(tarvopy.genfunc, name) for name in ("abs", "pwl", "indicator"))
+
+
+def test_what_a_signature_names_can_be_given_by_keyword():
+    tried, refused = 0, []
+    for function in filter(callable, callables_and_what_they_belong_to()):
+        try:
+            parameters = inspect.signature(function).parameters.values()
+        except ValueError:
+            continue
+        names = [p.name for p in parameters if p.kind in (p.POSITIONAL_OR_KEYWORD, p.KEYWORD_ONLY)]
+        try:
+            function(**dict.fromkeys(names))
+        except Exception as error:  # None is seldom a right value, but a name that is refused is a fault
+            refused += [(function, names)] if "keyword" in str(error) else []
+        tried += bool(names)
+    assert tried > 40
+    assert refused == []
+    x = tarvopy.Model().addVar()
+    assert str(tarvopy.LinExpr(coeffs=[2.0], vars=[x])) == "2.0 C0"
+
+
 def test_names_hold_no_null_character_however_they_are_given():
     m = tarvopy.Model()
     x = m.addMVar(2, name="x")

@@ -141,8 +141,7 @@ class ScipEngine:
     def refusal(cls, problem: Problem) -> str | None:
         import numpy as np
 
-        semi = (problem.vtype == b"S") & ((problem.lb > 0) | (problem.ub < 0))
-        endless = semi & np.isinf(np.where(problem.lb > 0, problem.ub, problem.lb))
+        endless = (problem.vtype == b"S") & (np.isinf(problem.ub) | (problem.ub < 0) & np.isinf(problem.lb))
         if endless.any():
             name = problem.var_name(int(endless.nonzero()[0][0]))
             return f"the semi-continuous variable {name!r} needs finite bounds"
