@@ -34,6 +34,22 @@ std::span<const double> doubles(PyObject *object, const char *name, npy_intp len
     return span_of<const double>(plain_array(object, name, NPY_DOUBLE, length));
 }
 
+npy_intp length_of(PyObject *object, const char *name) {
+    need_numpy();
+    if (PyArray_Check(object) && PyArray_NDIM(as_array(object)) == 1)
+        return PyArray_DIM(as_array(object), 0);
+    return static_cast<npy_intp>(doubles(object, name).size()); // which says what is wrong
+}
+
+Numbers numbers(PyObject *object, const char *name, npy_intp length) {
+    need_numpy();
+    const bool array = PyArray_Check(object) && PyArray_NDIM(as_array(object)) == 1;
+    if (array && PyArray_STRIDE(as_array(object), 0) == 0 && PyArray_DIM(as_array(object), 0) == length && length > 0 &&
+        PyArray_TYPE(as_array(object)) == NPY_DOUBLE && PyArray_ISBEHAVED_RO(as_array(object)))
+        return {static_cast<const double *>(PyArray_DATA(as_array(object))), 0};
+    return {doubles(object, name, length).data(), 1};
+}
+
 std::span<const int32_t> integers(PyObject *object, const char *name, npy_intp length) {
     return span_of<const int32_t>(plain_array(object, name, NPY_INT32, length));
 }

@@ -7,6 +7,7 @@
 // is a mistake of the caller (TypeError, ValueError). The spans live as long as the arrays.
 #pragma once
 
+#include "handover.h"
 #include "pysupport/numpy.h"
 
 #include <cstdint>
@@ -17,6 +18,9 @@ namespace tarvopy::highs {
 inline constexpr npy_intp any_length = -1;
 
 std::span<const double> doubles(PyObject *object, const char *name, npy_intp length = any_length);
+// As doubles, or one number for all in an array whose stride is 0.
+Numbers numbers(PyObject *object, const char *name, npy_intp length);
+npy_intp length_of(PyObject *object, const char *name);
 std::span<const int32_t> integers(PyObject *object, const char *name, npy_intp length = any_length);
 // Single characters, dtype "S1".
 std::span<const char> characters(PyObject *object, const char *name, npy_intp length = any_length);

@@ -36,6 +36,7 @@ struct LibraryError : std::runtime_error {
     F(changeColsIntegralityByRange)                                                                                    \
     F(changeColsCostBySet)                                                                                             \
     F(changeRowsBoundsBySet)                                                                                           \
+    F(changeRowsBoundsByRange)                                                                                         \
     F(changeCoeff)                                                                                                     \
     F(changeObjectiveOffset)                                                                                           \
     F(changeObjectiveSense)                                                                                            \

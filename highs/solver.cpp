@@ -66,53 +66,8 @@ Solver::~Solver() {
     library().destroy(highs_);
 }
 
-namespace {
-
-// Columns whose types are told at once: HiGHS reads them as integers of four bytes, which for all columns would stand
-// beside the matrix at the peak of memory.
-constexpr HighsInt columns_at_once = 1 << 15;
-
-HighsInt type_of(char letter) {
-    return letter == 'C' ? kHighsVarTypeContinuous : letter == 'S' ? kHighsVarTypeSemiContinuous : kHighsVarTypeInteger;
-}
-
-HighsInt pass_lp(void *highs, const ModelArrays &m) {
-    return library().passLp(highs, m.ncols, m.nrows, m.nnz, m.format, m.sense, m.offset, m.cost, m.lb, m.ub, m.lower,
-                            m.upper, m.start, m.index, m.value);
-}
-
-// With all types: HiGHS looks at the bounds of semi-continuous variables only when it is given the whole.
-HighsInt pass_mip(void *highs, const ModelArrays &m) {
-    std::vector<HighsInt> types(m.ncols);
-    std::transform(m.vtype, m.vtype + m.ncols, types.begin(), type_of);
-    return library().passMip(highs, m.ncols, m.nrows, m.nnz, m.format, m.sense, m.offset, m.cost, m.lb, m.ub, m.lower,
-                             m.upper, m.start, m.index, m.value, types.data());
-}
-
-HighsInt pass_types(void *highs, const ModelArrays &m) {
-    std::vector<HighsInt> types(std::min(m.ncols, columns_at_once));
-    HighsInt worst = kHighsStatusOk;
-    for (HighsInt from = 0; from < m.ncols && worst != kHighsStatusError; from += columns_at_once) {
-        const HighsInt n = std::min(columns_at_once, m.ncols - from);
-        const char *letters = m.vtype + from;
-        if (std::count(letters, letters + n, 'C') == n)
-            continue;
-        std::transform(letters, letters + n, types.begin(), type_of);
-        const HighsInt status = library().changeColsIntegralityByRange(highs, from, from + n - 1, types.data());
-        worst = status == kHighsStatusError ? status : std::max(worst, status);
-    }
-    return worst;
-}
-
-} // namespace
-
-HighsInt Solver::load(const ModelArrays &m) {
-    if (!m.vtype)
-        return pass_lp(highs_, m);
-    if (std::find(m.vtype, m.vtype + m.ncols, 'S') != m.vtype + m.ncols)
-        return pass_mip(highs_, m);
-    const HighsInt status = pass_lp(highs_, m);
-    return status == kHighsStatusError ? status : std::max(status, pass_types(highs_, m));
+HighsInt Solver::load(const ModelArrays &model) {
+    return hand_over(highs_, model);
 }
 
 void Solver::start(bool keep_log, double tree_iterations) {

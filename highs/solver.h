@@ -12,7 +12,7 @@
 // another number).
 #pragma once
 
-#include "library.h"
+#include "handover.h"
 
 #include <atomic>
 #include <chrono>
@@ -23,19 +23,6 @@
 #include <string>
 
 namespace tarvopy::highs {
-
-// Arrays of the caller, read during load() only. vtype holds the characters of the model; NULL for a pure LP.
-struct ModelArrays {
-    HighsInt ncols = 0, nrows = 0, nnz = 0;
-    HighsInt sense = kHighsObjSenseMinimize;
-    double offset = 0;
-    const double *cost = nullptr, *lb = nullptr, *ub = nullptr;
-    const double *lower = nullptr, *upper = nullptr;
-    HighsInt format = kHighsMatrixFormatColwise;
-    const HighsInt *start = nullptr, *index = nullptr;
-    const double *value = nullptr;
-    const char *vtype = nullptr;
-};
 
 struct Progress {
     double seconds = 0;

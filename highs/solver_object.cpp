@@ -89,8 +89,7 @@ struct LoadArguments {
 ModelArrays arrays_of(const LoadArguments &given) {
     ModelArrays model;
     auto cost = doubles(given.obj, "obj");
-    auto lower = doubles(given.lower, "lower");
-    npy_intp ncols = static_cast<npy_intp>(cost.size()), nrows = static_cast<npy_intp>(lower.size());
+    npy_intp ncols = static_cast<npy_intp>(cost.size()), nrows = length_of(given.lower, "lower");
     auto start = integers(given.start, "start", (given.by_columns ? ncols : nrows) + 1);
     model.nnz = start.back();
     if (model.nnz < 0)
@@ -100,10 +99,10 @@ ModelArrays arrays_of(const LoadArguments &given) {
     model.sense = given.sense;
     model.offset = given.offset;
     model.cost = data_or_null(cost);
-    model.lb = data_or_null(doubles(given.lb, "lb", ncols));
-    model.ub = data_or_null(doubles(given.ub, "ub", ncols));
-    model.lower = data_or_null(lower);
-    model.upper = data_or_null(doubles(given.upper, "upper", nrows));
+    model.lb = numbers(given.lb, "lb", ncols);
+    model.ub = numbers(given.ub, "ub", ncols);
+    model.lower = numbers(given.lower, "lower", nrows);
+    model.upper = numbers(given.upper, "upper", nrows);
     model.format = given.by_columns ? kHighsMatrixFormatColwise : kHighsMatrixFormatRowwise;
     model.start = start.data();
     model.index = data_or_null(integers(given.index, "index", model.nnz));
@@ -157,7 +156,7 @@ PyObject *solver_counts(PyObject *self, PyObject *) {
 }
 
 // The entries of a full array at the given positions, as HiGHS' calls by set want them.
-std::vector<double> gathered(std::span<const double> all, std::span<const int32_t> positions) {
+std::vector<double> gathered(const Numbers &all, std::span<const int32_t> positions) {
     std::vector<double> values(positions.size());
     for (size_t k = 0; k < positions.size(); ++k)
         values[k] = all[positions[k]];
@@ -172,7 +171,7 @@ PyObject *solver_change_bounds(PyObject *self, PyObject *args) {
         Solver &solver = idle(self);
         HighsInt n = library().getNumCol(solver.highs());
         auto set = ascending_positions(where, "positions", n);
-        auto lower = gathered(doubles(lb, "lb", n), set), upper = gathered(doubles(ub, "ub", n), set);
+        auto lower = gathered(numbers(lb, "lb", n), set), upper = gathered(numbers(ub, "ub", n), set);
         accepted(library().changeColsBoundsBySet(solver.highs(), static_cast<HighsInt>(set.size()), set.data(),
                                                  lower.data(), upper.data()),
                  "changed variable bounds");
@@ -188,7 +187,7 @@ PyObject *solver_change_costs(PyObject *self, PyObject *args) {
         Solver &solver = idle(self);
         HighsInt n = library().getNumCol(solver.highs());
         auto set = ascending_positions(where, "positions", n);
-        auto costs = gathered(doubles(obj, "obj", n), set);
+        auto costs = gathered(numbers(obj, "obj", n), set);
         accepted(
             library().changeColsCostBySet(solver.highs(), static_cast<HighsInt>(set.size()), set.data(), costs.data()),
             "changed objective coefficients");
@@ -204,7 +203,7 @@ PyObject *solver_change_sides(PyObject *self, PyObject *args) {
         Solver &solver = idle(self);
         HighsInt n = library().getNumRow(solver.highs());
         auto set = ascending_positions(where, "positions", n);
-        auto below = gathered(doubles(lower, "lower", n), set), above = gathered(doubles(upper, "upper", n), set);
+        auto below = gathered(numbers(lower, "lower", n), set), above = gathered(numbers(upper, "upper", n), set);
         accepted(library().changeRowsBoundsBySet(solver.highs(), static_cast<HighsInt>(set.size()), set.data(),
                                                  below.data(), above.data()),
                  "changed row sides");
@@ -357,7 +356,8 @@ PyObject *solver_set_start(PyObject *self, PyObject *values) {
         if (count == n)
             accepted(library().setSolution(solver.highs(), start.data(), nullptr, nullptr, nullptr), "the start");
         else if (count > 0)
-            accepted(library().setSparseSolution(solver.highs(), count, known.data(), gathered(start, known).data()),
+            accepted(library().setSparseSolution(solver.highs(), count, known.data(),
+                                                 gathered({start.data(), 1}, known).data()),
                      "the start");
         return check(PyLong_FromLong(count));
     });

@@ -115,6 +115,9 @@ Ref make_model_base(PyObject *module);
 // The owner of views: it keeps the memory that the store's pointers lead to (problem.cpp).
 Ref pinned(TRVmodel *store, int (*take)(TRVmodel *, TRVpinned **) = TRVpin);
 
+// The counts of the model, without writing out any array for it (problem.cpp).
+TRVdata figures_of(TRVmodel *store);
+
 // The matrix by rows as fresh arrays (start, index, value) that own the store's allocation (problem.cpp).
 Ref row_arrays(TRVmodel *store);
 

@@ -23,6 +23,20 @@ Ref doubles(PyObject *owner, npy_intp count, const double *data) {
     return view(owner, NPY_DOUBLE, count, data);
 }
 
+// A step of 0 is one value for all, which the array keeps itself.
+Ref stepped(PyObject *owner, npy_intp count, const double *data, int step) {
+    if (step)
+        return doubles(owner, count, data);
+    npy_intp one = 1, stride = 0;
+    Ref value = check(PyArray_SimpleNew(1, &one, NPY_DOUBLE));
+    void *memory = PyArray_DATA(as_array(value));
+    *static_cast<double *>(memory) = *data;
+    Ref array = check(
+        PyArray_NewFromDescr(&PyArray_Type, PyArray_DescrFromType(NPY_DOUBLE), 1, &count, &stride, memory, 0, nullptr));
+    check_status(PyArray_SetBaseObject(as_array(array), value.release()));
+    return array;
+}
+
 Ref copy_of(npy_intp count, const int32_t *data) {
     Ref array = check(PyArray_SimpleNew(1, &count, NPY_INT32));
     if (count)
@@ -37,6 +51,13 @@ void unpin(PyObject *capsule) {
 }
 
 } // namespace
+
+TRVdata figures_of(TRVmodel *store) {
+    TRVdata data;
+    TRVsteps steps;
+    succeed(store, TRVviewdata(store, &data, &steps));
+    return data;
+}
 
 Ref pinned(TRVmodel *store, int (*take)(TRVmodel *, TRVpinned **)) {
     TRVpinned *pin;
@@ -57,7 +78,8 @@ TARVOPY_METHOD(function_problem) {
         need_numpy();
         TRVmodel *store = engine_store(given[0]);
         TRVdata data;
-        succeed(store, TRVgetdata(store, &data));
+        TRVsteps steps;
+        succeed(store, TRVviewdata(store, &data, &steps));
         Ref pin = pinned(store);
         PyObject *owner = pin.get();
         Ref fields = check(PyDict_New());
@@ -65,12 +87,12 @@ TARVOPY_METHOD(function_problem) {
         put(dict, "nvars", whole(data.nvars));
         put(dict, "nrows", whole(data.nrows));
         put(dict, "nnz", whole(data.nnz));
-        put(dict, "lb", doubles(owner, data.nvars, data.lb));
-        put(dict, "ub", doubles(owner, data.nvars, data.ub));
+        put(dict, "lb", stepped(owner, data.nvars, data.lb, steps.lb));
+        put(dict, "ub", stepped(owner, data.nvars, data.ub, steps.ub));
         put(dict, "obj", doubles(owner, data.nvars, data.obj));
         put(dict, "vtype", letters_view(owner, data.nvars, data.vtype));
-        put(dict, "lower", doubles(owner, data.nrows, data.lower));
-        put(dict, "upper", doubles(owner, data.nrows, data.upper));
+        put(dict, "lower", stepped(owner, data.nrows, data.lower, steps.lower));
+        put(dict, "upper", stepped(owner, data.nrows, data.upper, steps.upper));
         put(dict, "objconstant", check(PyFloat_FromDouble(data.objconstant)));
         put(dict, "sense", whole(data.sense));
         put(dict, "nintegral", whole(data.nintegral));

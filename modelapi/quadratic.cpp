@@ -68,8 +68,7 @@ TARVOPY_METHOD(function_curvature) {
         Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
         TRVmodel *store = engine_store(given[0]);
-        TRVdata data;
-        succeed(store, TRVgetdata(store, &data));
+        const TRVdata data = figures_of(store);
         npy_intp nqrows = data.nqrows;
         Ref rows = check(PyArray_SimpleNew(1, &nqrows, NPY_INT8));
         int objective;
@@ -115,8 +114,7 @@ TARVOPY_METHOD(function_cone_duals) {
         auto *cones = static_cast<TRVcones *>(PyCapsule_GetPointer(given[1], cones_name));
         if (!cones)
             throw PythonError{};
-        TRVdata data;
-        succeed(store, TRVgetdata(store, &data));
+        const TRVdata data = figures_of(store);
         const double *s = numbers_of(given[2], "s", cones->nrows, false);
         const double *z = numbers_of(given[3], "z", cones->nrows, false);
         double *qpi = numbers_of(given[4], "qpi", data.nqrows, true);

@@ -56,8 +56,7 @@ TARVOPY_METHOD(function_open_solution) {
         Arguments given(signature, 0, args, nargs, kwnames);
         need_numpy();
         TRVmodel *store = engine_store(given[0]);
-        TRVdata data;
-        succeed(store, TRVgetdata(store, &data));
+        const TRVdata data = figures_of(store);
         double *x, *rc, *pi, *qpi = nullptr;
         succeed(store, TRVopensolution(store, &x, &rc, &pi, &qpi));
         Ref pin = pinned(store);
@@ -144,8 +143,7 @@ TARVOPY_METHOD(function_evaluate_objective) {
         need_numpy();
         Ref x = check(PyArray_FROMANY(given[1], NPY_DOUBLE, 1, 1, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
         TRVmodel *store = engine_store(given[0]);
-        TRVdata data;
-        succeed(store, TRVgetdata(store, &data));
+        const TRVdata data = figures_of(store);
         if (PyArray_SIZE(as_array(x)) != data.nvars)
             fail(PyExc_ValueError, "x has %zd entries for %d variables",
                  static_cast<Py_ssize_t>(PyArray_SIZE(as_array(x))), static_cast<int>(data.nvars));

@@ -2,7 +2,7 @@
  *
  * Everything here speaks of positions, not of ids, so it is about the updated model. A solve runs through
  *
- *   TRVgetdata, TRVviewcolumns (or rows, cones, the .nl file)    the problem as arrays, most of them the store's own
+ *   TRVviewdata, TRVviewcolumns (or rows, cones, the .nl file)   the problem as arrays, most of them the store's own
  *   TRVpin, TRVpinmatrix                                         so that the arrays last as long as the engine runs
  *   TRVopensolution, TRVcommitsolution                           arrays to write into, then what they are worth
  *   TRVcheck, TRVoffenders                                       how well they hold, whatever the engine says
@@ -44,6 +44,12 @@ typedef struct TRVdata {
     int32_t ngens;                   /* general constraints */
 } TRVdata;
 TRV_API int TRVgetdata(TRVmodel *model, TRVdata *data);
+/* As TRVgetdata, where arrays of one value throughout need not stand in memory: a step of 0 says that the pointer leads
+ * to this value alone, which no pin keeps; else the step is 1. */
+typedef struct TRVsteps {
+    int lb, ub, lower, upper;
+} TRVsteps;
+TRV_API int TRVviewdata(TRVmodel *model, TRVdata *data, TRVsteps *steps);
 
 /* The quadratic rows by position of rows and variables, freshly allocated; give back with TRVfreeqmatrix. Linear terms
  * of row i: index/value[start[i] .. start[i+1]]; quadratic ones: qvalue[k] * x[qvar1[k]] * x[qvar2[k]], each pair once,

@@ -31,30 +31,51 @@ void readnonlinear(const TRVmodel &model, TRVdata &d) {
     d.nlupper = model.nlrows.upper.data();
 }
 
+// All but bounds and sides.
+TRVdata readdata(TRVmodel &model) {
+    const Columns &columns = model.columns;
+    TRVdata d{};
+    d.nvars = columns.ids.committed();
+    d.nrows = model.rows.ids.committed();
+    d.nnz = model.rows.nonzeros(columns);
+    d.obj = columns.obj.data();
+    d.vtype = columns.vtype.data();
+    d.objconstant = model.objconstant;
+    d.sense = model.sense;
+    d.nintegral = columns.integral();
+    d.start = model.solution.start(columns);
+    readquadratic(model, d);
+    readnonlinear(model, d);
+    d.ngens = model.gens.ids.committed();
+    return d;
+}
+
+int view(const Values &values, const double *&data) {
+    data = values.same() ? &values.value() : values.data();
+    return values.same() ? 0 : 1;
+}
+
 } // namespace
 
 int TRVgetdata(TRVmodel *model, TRVdata *data) {
     return border(model, [&] {
         requirepointer("data", data, 1);
-        const Columns &columns = model->columns;
-        const Rows &rows = model->rows;
-        TRVdata d{};
-        d.nvars = columns.ids.committed();
-        d.nrows = rows.ids.committed();
-        d.nnz = rows.nonzeros(columns);
-        d.lb = columns.lb.data();
-        d.ub = columns.ub.data();
-        d.obj = columns.obj.data();
-        d.vtype = columns.vtype.data();
-        d.lower = rows.lower.data();
-        d.upper = rows.upper.data();
-        d.objconstant = model->objconstant;
-        d.sense = model->sense;
-        d.nintegral = columns.integral();
-        d.start = model->solution.start(columns);
-        readquadratic(*model, d);
-        readnonlinear(*model, d);
-        d.ngens = model->gens.ids.committed();
+        TRVdata d = readdata(*model);
+        d.lb = model->columns.lb.data();
+        d.ub = model->columns.ub.data();
+        d.lower = model->rows.lower.data();
+        d.upper = model->rows.upper.data();
+        *data = d;
+    });
+}
+
+int TRVviewdata(TRVmodel *model, TRVdata *data, TRVsteps *steps) {
+    return border(model, [&] {
+        requirepointer("data", data, 1);
+        requirepointer("steps", steps, 1);
+        TRVdata d = readdata(*model);
+        *steps = {view(model->columns.lb, d.lb), view(model->columns.ub, d.ub), view(model->rows.lower, d.lower),
+                  view(model->rows.upper, d.upper)};
         *data = d;
     });
 }

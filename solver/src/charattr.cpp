@@ -19,14 +19,18 @@ void puttype(TRVmodel &model, int32_t s, char type) {
     }
     if (type != 'B')
         return;
-    model.write(columns.lb[s], std::max(columns.lb[s], 0.0), Changes::kBounds, s);
-    model.write(columns.ub[s], std::min(columns.ub[s], 1.0), Changes::kBounds, s);
+    model.write(columns.lb, s, std::max(columns.lb[s], 0.0), Changes::kBounds);
+    model.write(columns.ub, s, std::min(columns.ub[s], 1.0), Changes::kBounds);
 }
 
 void settypes(TRVmodel &model, const Selection &which, const char *values, int step) {
-    const Registry &ids = model.columns.ids;
-    eachslot(ids, "VType", which, [&](int64_t i, int32_t) {
-        Columns::checkedtype(values[i * step], [&] { return ids.called(which.id(i)); });
+    Columns &columns = model.columns;
+    const Registry &ids = columns.ids;
+    eachslot(ids, "VType", which, [&](int64_t i, int32_t s) {
+        if (Columns::checkedtype(values[i * step], [&] { return ids.called(which.id(i)); }) != 'B')
+            return;
+        columns.lb.expect(s, std::max(columns.lb[s], 0.0));
+        columns.ub.expect(s, std::min(columns.ub[s], 1.0));
     });
     for (int64_t i = 0; i < which.n; i++)
         puttype(model, ids.slot(which.id(i)), values[i * step]);
@@ -44,23 +48,34 @@ void checksense(const Rows &rows, int64_t id, int32_t s, char sense) {
                                              ": a row without a right-hand side cannot become an equation; set RHS");
 }
 
+struct Sides {
+    double lower, upper;
+};
+
 // The right-hand side stays, the other side follows the sense. A free row stays free.
+Sides sideswith(const Rows &rows, int32_t s, char sense) {
+    if (sense == 'R')
+        return {rows.lower[s], rows.upper[s]};
+    const double rhs = rows.sense[s] == '>' ? rows.lower[s] : rows.upper[s];
+    return {sense == '<' || std::isinf(rhs) ? -INFINITY : rhs, sense == '>' || std::isinf(rhs) ? INFINITY : rhs};
+}
+
 void putsense(TRVmodel &model, int32_t s, char sense) {
     Rows &rows = model.rows;
-    const double rhs = rows.sense[s] == '>' ? rows.lower[s] : rows.upper[s];
-    if (sense == 'R')
-        return;
-    const double lower = sense == '<' || std::isinf(rhs) ? -INFINITY : rhs;
-    const double upper = sense == '>' || std::isinf(rhs) ? INFINITY : rhs;
-    model.write(rows.lower[s], lower, Changes::kSides, s);
-    model.write(rows.upper[s], upper, Changes::kSides, s);
+    const Sides sides = sideswith(rows, s, sense);
+    model.write(rows.lower, s, sides.lower, Changes::kSides);
+    model.write(rows.upper, s, sides.upper, Changes::kSides);
     rows.sense[s] = sense;
 }
 
 void setsenses(TRVmodel &model, const Selection &which, const char *values, int step) {
-    const Rows &rows = model.rows;
-    eachslot(rows.ids, "Sense", which,
-             [&](int64_t i, int32_t s) { checksense(rows, which.id(i), s, values[i * step]); });
+    Rows &rows = model.rows;
+    eachslot(rows.ids, "Sense", which, [&](int64_t i, int32_t s) {
+        checksense(rows, which.id(i), s, values[i * step]);
+        const Sides sides = sideswith(rows, s, values[i * step]);
+        rows.lower.expect(s, sides.lower);
+        rows.upper.expect(s, sides.upper);
+    });
     for (int64_t i = 0; i < which.n; i++)
         putsense(model, rows.ids.slot(which.id(i)), values[i * step]);
 }

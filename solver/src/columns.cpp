@@ -14,17 +14,22 @@ struct Given {
     int64_t n;
 };
 
+void fill(Values &array, int64_t n, double value) {
+    array.fill(n, value);
+}
+// Zeros are not written over memory that holds them.
+void fill(Buffer<double> &array, int64_t n, double value) {
+    if (value == 0.0 && !std::signbit(value))
+        array.zeros(n);
+    else
+        std::fill_n(array.room(n), n, value);
+}
+
 // Copies what is given to the end of an array, each value as `checked` has it. Finite values are the rule: only where
-// there are others is each looked at. Zeros are not written over memory that holds them.
-template <class Checked> double *place(Buffer<double> &array, const Given &given, Checked checked) {
-    if (given.n && given.step == 0) {
-        const double value = checked(*given.from, 0);
-        if (value == 0.0 && !std::signbit(value))
-            return array.zeros(given.n);
-        double *to = array.room(given.n);
-        std::fill_n(to, given.n, value);
-        return to;
-    }
+// there are others is each looked at.
+template <class Array, class Checked> void place(Array &array, const Given &given, Checked checked) {
+    if (given.n && given.step == 0)
+        return fill(array, given.n, checked(*given.from, 0));
     double *to = array.room(given.n);
     bool finite = true;
     for (int64_t i = 0; i < given.n; i++) {
@@ -33,7 +38,20 @@ template <class Checked> double *place(Buffer<double> &array, const Given &given
     }
     for (int64_t i = 0; !finite && i < given.n; i++)
         to[i] = checked(given.from[i], i);
-    return to;
+}
+
+// Those of the n bounds to come that are of binary variables, as `cut` has them.
+template <class Cut> void cutbinaries(Values &bounds, const char *type, int64_t n, Cut cut) {
+    if (!bounds.coming()) {
+        const double value = bounds.coming(0);
+        if (cut(value) == value)
+            return;
+        std::fill_n(bounds.room(n), n, value);
+    }
+    double *to = bounds.coming();
+    for (int64_t i = 0; i < n; i++)
+        if (type[i] == 'B')
+            to[i] = cut(to[i]);
 }
 
 } // namespace
@@ -44,11 +62,11 @@ int32_t Columns::add(int64_t n, const double *lower, int lbstep, const double *u
     const int32_t first = ids.count();
     const auto who = [&](int64_t i) { return [=] { return calledinblock(TRV_VAR, first, n, i, newnames); }; };
     const bool binary = n && typestep == 0 && *type == 'B'; // all of them
-    double *l = place(lb, {lower, lbstep, n}, [&](double value, int64_t i) {
+    place(lb, {lower, lbstep, n}, [&](double value, int64_t i) {
         value = checkedlb(value, who(i));
         return binary && lbstep == 0 ? std::max(value, 0.0) : value;
     });
-    double *u = place(ub, {upper, ubstep, n}, [&](double value, int64_t i) {
+    place(ub, {upper, ubstep, n}, [&](double value, int64_t i) {
         value = checkedub(value, who(i));
         return binary && ubstep == 0 ? std::min(value, 1.0) : value;
     });
@@ -58,11 +76,10 @@ int32_t Columns::add(int64_t n, const double *lower, int lbstep, const double *u
         std::fill_n(t, n, checkedtype(*type, who(0)));
     for (int64_t i = 0; typestep && i < n; i++)
         t[i] = checkedtype(type[i * typestep], who(i));
-    for (int64_t i = 0; (typestep || (binary && (lbstep || ubstep))) && i < n; i++)
-        if (t[i] == 'B') {
-            l[i] = std::max(l[i], 0.0);
-            u[i] = std::min(u[i], 1.0);
-        }
+    if (binary ? lbstep || ubstep : typestep && std::find(t, t + n, 'B') != t + n) {
+        cutbinaries(lb, t, n, [](double value) { return std::max(value, 0.0); });
+        cutbinaries(ub, t, n, [](double value) { return std::min(value, 1.0); });
+    }
     names.add(first, n, newnames);
     lb.grow(n);
     ub.grow(n);

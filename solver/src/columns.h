@@ -1,5 +1,5 @@
-// columns.h: Columns, the variables: arrays by slot (see registry.h), 25 bytes a variable. Start exists from the first
-// value set.
+// columns.h: Columns, the variables: arrays by slot (see registry.h), 25 bytes a variable at most. Start exists from
+// the first value set.
 #pragma once
 
 #include "buffer.h"
@@ -7,13 +7,15 @@
 #include "names.h"
 #include "registry.h"
 #include "tarvo.h"
+#include "values.h"
 
 namespace store {
 
 struct Columns {
     Names names{'C'};
     Registry ids{TRV_VAR, names};
-    Buffer<double> lb, ub, obj;
+    Values lb, ub;
+    Buffer<double> obj;
     Buffer<char> vtype;
     Buffer<double> start; // NaN for none; may be shorter than the others, then none
 
@@ -25,8 +27,10 @@ struct Columns {
     void update() noexcept;
     // What TRVgetdata points into.
     void guard(Yard *yard) {
-        for (Buffer<double> *buffer : {&lb, &ub, &obj, &start})
-            buffer->guard(yard);
+        lb.guard(yard);
+        ub.guard(yard);
+        obj.guard(yard);
+        start.guard(yard);
         vtype.guard(yard);
     }
 

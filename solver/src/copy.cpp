@@ -58,8 +58,8 @@ void copycolumns(const Columns &from, Columns &to) {
     const int32_t n = from.ids.committed();
     const NameList names(from.ids, from.names);
     to.add(n, &kMinusNone, 0, &kNone, 0, &kZero, 0, "C", 0, names.get());
-    overwrite(to.lb, from.lb, n);
-    overwrite(to.ub, from.ub, n);
+    to.lb.assign(from.lb, n);
+    to.ub.assign(from.ub, n);
     overwrite(to.obj, from.obj, n);
     overwrite(to.vtype, from.vtype, n);
     const size_t given = std::min(from.start.size(), static_cast<size_t>(n));
@@ -91,8 +91,8 @@ void copyrows(const TRVmodel &from, TRVmodel &to) {
         copychunk(from, to, chunk);
     const int32_t n = from.rows.ids.committed();
     to.rows.names.add(0, n, NameList(from.rows.ids, from.rows.names).get());
-    overwrite(to.rows.lower, from.rows.lower, n);
-    overwrite(to.rows.upper, from.rows.upper, n);
+    to.rows.lower.assign(from.rows.lower, n);
+    to.rows.upper.assign(from.rows.upper, n);
     overwrite(to.rows.sense, from.rows.sense, n);
 }
 
@@ -166,8 +166,8 @@ void copymodel(TRVmodel &from, TRVmodel &to) {
 void relaxvariables(Columns &columns) {
     for (int32_t v = 0; v < columns.ids.slots(); v++) {
         if (columns.vtype[v] == 'S') {
-            columns.lb[v] = std::min(columns.lb[v], 0.0);
-            columns.ub[v] = std::max(columns.ub[v], 0.0);
+            columns.lb.set(v, std::min(columns.lb[v], 0.0));
+            columns.ub.set(v, std::max(columns.ub[v], 0.0));
         }
         columns.vtype[v] = 'C';
     }
@@ -185,12 +185,13 @@ bool nearerzero(double x, double lb, double ub) {
 
 void fixvariables(Columns &columns, const double *x) {
     for (int32_t v = 0; v < columns.ids.slots(); v++) {
-        double &lb = columns.lb[v], &ub = columns.ub[v];
         const char type = columns.vtype[v];
-        if (type == 'I' || type == 'B')
-            lb = ub = std::round(x[v]) + 0.0; // no -0.0
-        else if (type == 'S' && nearerzero(x[v], lb, ub))
-            lb = ub = 0.0;
+        const bool integral = type == 'I' || type == 'B';
+        if (integral || (type == 'S' && nearerzero(x[v], columns.lb[v], columns.ub[v]))) {
+            const double value = integral ? std::round(x[v]) + 0.0 : 0.0; // no -0.0
+            columns.lb.set(v, value);
+            columns.ub.set(v, value);
+        }
         columns.vtype[v] = 'C';
     }
 }

@@ -175,7 +175,8 @@ void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out)
 
 namespace {
 
-// check(value, id) gives the value to store or fails; put(slot, value) stores it.
+// check(value, id, slot) gives the value to store or fails, and takes the memory that storing it needs; put(slot,
+// value) stores it.
 template <class T, class Check, class Put>
 void checkthenset(const Registry &registry, const char *what, const Selection &which, const T *values, int step,
                   Check check, Put put) {
@@ -204,17 +205,23 @@ void setvariables(TRVmodel &model, Attr attr, const Selection &which, const doub
     case Attr::LB:
         return checkthenset(
             columns.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t) { return Columns::checkedlb(v, calling(columns.ids, id)); },
-            [&](int32_t s, double v) {
-                model.write(columns.lb[s], columns.vtype[s] == 'B' ? std::max(v, 0.0) : v, Changes::kBounds, s);
-            });
+            [&](double v, int64_t id, int32_t s) {
+                v = Columns::checkedlb(v, calling(columns.ids, id));
+                v = columns.vtype[s] == 'B' ? std::max(v, 0.0) : v;
+                columns.lb.expect(s, v);
+                return v;
+            },
+            [&](int32_t s, double v) { model.write(columns.lb, s, v, Changes::kBounds); });
     case Attr::UB:
         return checkthenset(
             columns.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t) { return Columns::checkedub(v, calling(columns.ids, id)); },
-            [&](int32_t s, double v) {
-                model.write(columns.ub[s], columns.vtype[s] == 'B' ? std::min(v, 1.0) : v, Changes::kBounds, s);
-            });
+            [&](double v, int64_t id, int32_t s) {
+                v = Columns::checkedub(v, calling(columns.ids, id));
+                v = columns.vtype[s] == 'B' ? std::min(v, 1.0) : v;
+                columns.ub.expect(s, v);
+                return v;
+            },
+            [&](int32_t s, double v) { model.write(columns.ub, s, v, Changes::kBounds); });
     case Attr::Obj:
         return checkthenset(
             columns.ids, what, which, values, step,
@@ -232,8 +239,8 @@ void setvariables(TRVmodel &model, Attr attr, const Selection &which, const doub
 }
 
 void putsides(TRVmodel &model, int32_t s, double lower, double upper) {
-    model.write(model.rows.lower[s], lower, Changes::kSides, s);
-    model.write(model.rows.upper[s], upper, Changes::kSides, s);
+    model.write(model.rows.lower, s, lower, Changes::kSides);
+    model.write(model.rows.upper, s, upper, Changes::kSides);
 }
 
 template <class Who> double checkedrhs(double value, Who who, char sense) {
@@ -258,12 +265,23 @@ void setrows(TRVmodel &model, Attr attr, const Selection &which, const double *v
     case Attr::RHS:
         return checkthenset(
             rows.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t s) { return checkedrhs(v, calling(rows.ids, id), rows.sense[s]); },
+            [&](double v, int64_t id, int32_t s) {
+                v = checkedrhs(v, calling(rows.ids, id), rows.sense[s]);
+                if (rows.sense[s] != '<') // that of a two-sided row may turn before another value of it comes
+                    rows.lower.expect(s, v);
+                if (rows.sense[s] != '>')
+                    rows.upper.expect(s, v);
+                return v;
+            },
             [&](int32_t s, double v) { putrhs(model, s, normalized(v)); });
     case Attr::Lower:
         return checkthenset(
             rows.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t) { return Rows::checkedlower(v, calling(rows.ids, id), what); },
+            [&](double v, int64_t id, int32_t s) {
+                v = Rows::checkedlower(v, calling(rows.ids, id), what);
+                rows.lower.expect(s, v);
+                return v;
+            },
             [&](int32_t s, double v) {
                 putsides(model, s, v, rows.upper[s]);
                 rows.sense[s] = Rows::senseof(v, rows.upper[s]);
@@ -271,7 +289,11 @@ void setrows(TRVmodel &model, Attr attr, const Selection &which, const double *v
     default:
         return checkthenset(
             rows.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t) { return Rows::checkedupper(v, calling(rows.ids, id), what); },
+            [&](double v, int64_t id, int32_t s) {
+                v = Rows::checkedupper(v, calling(rows.ids, id), what);
+                rows.upper.expect(s, v);
+                return v;
+            },
             [&](int32_t s, double v) {
                 putsides(model, s, rows.lower[s], v);
                 rows.sense[s] = Rows::senseof(rows.lower[s], v);

@@ -43,6 +43,13 @@ void gather(const Registry &registry, const char *what, const Selection &which, 
         eachslot(registry, what, which, [&](int64_t i, int32_t s) { out[i] = from[s]; });
 }
 
+inline void gather(const Registry &registry, const char *what, const Selection &which, const Values &from,
+                   double *out) {
+    if (!from.same())
+        return gather(registry, what, which, from.all(), out);
+    eachslot(registry, what, which, [&, value = from.value()](int64_t i, int32_t) { out[i] = value; });
+}
+
 void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out);
 void setdoubles(TRVmodel &model, Attr attr, const Selection &which, const double *values, int step);
 void getchars(TRVmodel &model, Attr attr, const Selection &which, char *out);

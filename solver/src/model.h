@@ -57,6 +57,12 @@ struct TRVmodel {
         place = value;
         touched(kind, slot);
     }
+    void write(store::Values &array, int32_t slot, double value, store::Changes::Kind kind) {
+        if (array[slot] == value)
+            return;
+        array.set(slot, value);
+        touched(kind, slot);
+    }
     void touched(store::Changes::Kind kind, int32_t slot);
     void writeqrhs(int32_t slot, double value);
     void setobjconstant(double value);

@@ -9,7 +9,7 @@
 //   remove id 1 (marked), update    slots 0 1 2 hold ids 0 2 3; id 1 has slot -2
 #pragma once
 
-#include "buffer.h"
+#include "values.h"
 
 #include <string>
 
@@ -98,6 +98,10 @@ class Registry {
             if (!gone(static_cast<int32_t>(s)))
                 array[kept++] = array[s];
         array.cut(kept);
+    }
+    void compact(Values &array) const noexcept {
+        if (gonecount_)
+            array.filter([&](size_t s) { return !gone(static_cast<int32_t>(s)); });
     }
     void commit() noexcept;
 

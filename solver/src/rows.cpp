@@ -23,12 +23,13 @@ constexpr int64_t kSharedFull =
 // Copies a side of n rows; whether it is as the store keeps it. One number for all may be infinite, then normalized
 // here, where `allowed`; among several the finite ones are the rule, and a block with others is to be gone through one
 // by one.
-template <class Allowed> bool copyside(int64_t n, const double *from, int step, double *to, Allowed allowed) {
+template <class Allowed> bool copyside(int64_t n, const double *from, int step, Values &side, Allowed allowed) {
     if (n && step == 0) {
         const bool fits = allowed(*from);
-        std::fill_n(to, n, fits ? normalized(*from) : *from);
+        side.fill(n, fits ? normalized(*from) : *from);
         return fits;
     }
+    double *to = side.room(n);
     bool finite = true;
     for (int64_t i = 0; i < n; i++) {
         to[i] = from[i * step];
@@ -133,25 +134,28 @@ int32_t Rows::addopen(int64_t nnz, const double *low, int lowstep, const double 
     requirepointer("Lower", low, n);
     requirepointer("Upper", up, n);
     ids.reserve(n);
-    double *l = lower.room(n), *u = upper.room(n);
     char *s = sense.room(n);
-    bool plain = copyside(n, low, lowstep, l, [](double v) { return v < TRV_INFINITY; });
-    plain &= copyside(n, up, upstep, u, [](double v) { return v > -TRV_INFINITY; });
+    bool plain = copyside(n, low, lowstep, lower, [](double v) { return v < TRV_INFINITY; });
+    plain &= copyside(n, up, upstep, upper, [](double v) { return v > -TRV_INFINITY; });
     for (int64_t i = 0; !plain && i < n; i++) {
         const auto who = [&] { return calledinblock(TRV_CONSTR, first, n, i, newnames); };
-        l[i] = checkedlower(l[i], who, "the lower side");
-        u[i] = checkedupper(u[i], who, "the upper side");
+        const double l = checkedlower(lower.coming(i), who, "the lower side");
+        const double u = checkedupper(upper.coming(i), who, "the upper side");
+        if (double *written = lower.coming())
+            written[i] = l;
+        if (double *written = upper.coming())
+            written[i] = u;
     }
     // A side that is one number for all, and says the sense alone, spares a look at each row.
     if (n && low == up && lowstep == upstep)
         std::memset(s, '=', n);
-    else if (n && lowstep == 0 && std::isinf(*l))
+    else if (n && lowstep == 0 && std::isinf(lower.coming(0)))
         std::memset(s, '<', n);
-    else if (n && upstep == 0 && std::isinf(*u))
+    else if (n && upstep == 0 && std::isinf(upper.coming(0)))
         std::memset(s, '>', n);
     else
         for (int64_t i = 0; i < n; i++)
-            s[i] = senseof(l[i], u[i]);
+            s[i] = senseof(lower.coming(i), upper.coming(i));
     preparechunk(nnz);
     names.add(first, n, newnames); // the last step that can fail
     finishchunk(nnz);

@@ -1,4 +1,4 @@
-// rows.h: Rows, the linear rows: sides by slot (17 bytes a row), and terms in chunks of CSR form.
+// rows.h: Rows, the linear rows: sides by slot (17 bytes a row at most), and terms in chunks of CSR form.
 //
 // A block that arrives with many terms becomes a chunk of its own, in the very memory that the caller wrote into. Small
 // blocks go to the end of a growing chunk which they share, so that ten thousand calls of one row cost ten thousand
@@ -20,6 +20,7 @@
 #include "names.h"
 #include "registry.h"
 #include "tarvo_engine.h"
+#include "values.h"
 
 #include <vector>
 
@@ -119,7 +120,7 @@ class Rows {
   public:
     Names names{'R'};
     Registry ids{TRV_CONSTR, names};
-    Buffer<double> lower, upper;
+    Values lower, upper;
     Buffer<char> sense; // '<' '>' '=' 'R'; a free row says which side its next RHS will be
 
     TRVrows open(int64_t nrows, int64_t nnz);

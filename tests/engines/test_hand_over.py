@@ -53,8 +53,13 @@ def held(m):
     counts = m.prepare()
     raw = m._engine._solver.model()
     assert counts == {"vars": m.NumVars, "rows": m.NumConstrs, "nz": m.NumNZs, "qnz": 0}
-    assert raw["ub"].tolist() == [v.UB for v in m.getVars()]
-    assert raw["upper"].tolist() == [r.Upper for r in m.getConstrs()]
+    for attribute, elements in [
+        ("LB", m.getVars()),
+        ("UB", m.getVars()),
+        ("Lower", m.getConstrs()),
+        ("Upper", m.getConstrs()),
+    ]:
+        assert raw[attribute.lower()].tolist() == [getattr(element, attribute) for element in elements]
     return sp.csc_array((raw["value"], raw["index"], raw["start"]), shape=(m.NumConstrs, m.NumVars)).toarray()
 
 
@@ -134,3 +139,29 @@ def test_the_views_outlive_the_model():
     start, index, value = columns(m)
     del m
     assert (sp.csc_array((value, index, start), shape=A.shape) != A).nnz == 0
+
+
+MANY = 20_001  # of rows, whose sides go over in pieces
+
+
+@pytest.mark.parametrize("vtype", ["C", "I", "S"])
+@pytest.mark.parametrize("terms", [1, 5])
+def test_bounds_and_sides_of_one_value_reach_the_engine(terms, vtype):
+    rng = np.random.default_rng(terms)
+    sides = rng.uniform(1, 2, MANY)
+    for add in (
+        lambda row: row <= sides,
+        lambda row: row >= sides,
+        lambda row: row <= 1.0,
+        lambda row: row == 0.0,
+        lambda row: row >= -np.inf,
+    ):
+        m = tarvopy.Model()
+        x = m.addMVar(30, ub=7.0, vtype=vtype)
+        index = np.sort(rng.permuted(np.tile(np.arange(30, dtype=np.int32), (MANY, 1)), axis=1)[:, :terms])
+        value = rng.uniform(1, 2, MANY * terms)
+        A = sp.csr_array((value, index.ravel(), np.arange(0, terms * MANY + 1, terms)), shape=(MANY, 30))
+        m.addConstr(add(A @ x))
+        m.update()
+        assert (held(m) == A.toarray()).all()
+        assert (m._engine._solver.model()["integrality"] == "CIS".index(vtype)).all()

@@ -84,6 +84,20 @@ def test_variable_types_reach_the_engine_and_a_pure_lp_has_none(solver):
     assert solver.result()["dual"] == 2  # an LP has duals
 
 
+def test_one_number_for_all_is_an_array_of_stride_0(solver):
+    def all_of(value, n):
+        return np.broadcast_to(value, n)
+
+    solver.load(**small(lb=all_of(0.25, 2), ub=all_of(np.inf, 2), lower=all_of(-3.0, 1), upper=all_of(np.inf, 1)))
+    solver.change_bounds(positions(1), all_of(-4.0, 2), all_of(4.0, 2))
+    m = solver.model()
+    assert (m["lb"].tolist(), m["ub"].tolist()) == ([0.25, -4.0], [np.inf, 4.0])
+    assert (m["lower"].tolist(), m["upper"].tolist()) == ([-3.0], [np.inf])
+    for wrong in (all_of(1.0, 3), all_of(1, 2), all_of(1.0, (2, 2))):
+        with pytest.raises((TypeError, ValueError), match="lb"):
+            solver.load(**small(lb=wrong))
+
+
 def test_tiny_coefficients_stay(solver):
     solver.load(**small(value=doubles(1e-11, 1)))
     solver.reset_options()

@@ -27,6 +27,7 @@ from solver.store_layout import (
     Removal,
     Residuals,
     Result,
+    Steps,
     copied,
     f64_array,
     f64p,
@@ -462,6 +463,16 @@ class Store(GeneralConstraints):
             "nllower": copied(data.nllower, data.nnlrows, float),
             "nlupper": copied(data.nlupper, data.nnlrows, float),
             "ngens": data.ngens,
+        }
+
+    def view(self):
+        """Bounds and sides without having them written out: arrays, or one number for all."""
+        data, steps = Data(), Steps()
+        self.call("TRVviewdata", c.byref(data), c.byref(steps))
+        counts = {"lb": data.nvars, "ub": data.nvars, "lower": data.nrows, "upper": data.nrows}
+        return {
+            name: copied(getattr(data, name), n, float) if getattr(steps, name) else getattr(data, name)[0]
+            for name, n in counts.items()
         }
 
     def matrix(self, csc):

@@ -49,6 +49,10 @@ class Data(c.Structure):
     )
 
 
+class Steps(c.Structure):
+    _fields_ = layout(("lb ub lower upper", c.c_int))
+
+
 class Matrix(c.Structure):
     _fields_ = layout(("nmajor nnz", c.c_int64), ("start index", i32p), ("value", f64p))
 
