@@ -102,9 +102,9 @@ class Values {
     void spread(size_t more) const {
         if (!same_)
             return;
-        if (identical(value_, 0.0))
+        if (count_ && identical(value_, 0.0))
             all_.zeros(count_ + more);
-        else {
+        else if (count_) {
             all_.reserve(count_ + more);
             std::fill_n(all_.room(count_), count_, value_);
         }

@@ -31,8 +31,10 @@ def test_problem_shows_the_store_without_copies(small):
     assert (p.lower.tolist(), p.upper.tolist()) == ([-np.inf, -2], [4, np.inf])
     assert p.vtype.tolist() == [b"C", b"C"]
     assert p.start is None
-    x.LB = 1
-    assert p.lb.tolist() == [1, 1]
+    x.Obj = 1
+    assert p.obj.tolist() == [1, 1]
+    assert p.lb.strides == (0,)  # one value throughout stands once
+    assert p.obj.strides == p.ub.strides == (8,)
     for name in ("lb", "ub", "obj", "vtype", "lower", "upper"):
         assert not getattr(p, name).flags.writeable
     with pytest.raises(dataclasses.FrozenInstanceError):
