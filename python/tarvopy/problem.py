@@ -6,7 +6,8 @@
     problem.is_nonlinear                       nonlinear rows or objective, or general constraints
 
 The views are read-only and show the store as it is: they hold until the model's next change (while an engine runs,
-changes are refused). Bounds and sides that are one number throughout stand once, in an array with a stride of 0. Infinite bounds are +-inf. Positions, not ids, count everything here.
+changes are refused). Bounds and sides that are one number throughout stand once, in an array with a stride of 0.
+Infinite bounds are +-inf. Positions, not ids, count everything here.
 """
 
 from __future__ import annotations
