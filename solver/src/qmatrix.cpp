@@ -28,8 +28,8 @@ struct MakingRows {
     Buffer<double> value, qvalue;
 
     MakingRows(int64_t nrows, int64_t nnz, int64_t nquad) {
-        start.room(int64_t{nrows} + 1);
-        qstart.room(int64_t{nrows} + 1);
+        start.room(nrows + 1);
+        qstart.room(nrows + 1);
         index.room(nnz);
         value.room(nnz);
         qvar1.room(nquad);
