@@ -103,6 +103,25 @@ def test_rows_are_the_difference_of_the_sides(mode, left):
         assert kept == [(terms(s), s._is_compact()) if isinstance(s, MLinExpr) else None for s in (lhs, rhs)]
 
 
+def test_rows_beyond_those_that_the_kernels_take_at_once(mode, model):
+    n = 2500
+    before, x, y = (variables(model, k, name) for k, name in ((2, "b"), (n, "x"), (n, "y")))
+    X, Y = x.reshape(-1, 2), y.reshape(-1, 2)  # which are no compact expressions
+    D = sp.diags_array([np.arange(1.0, n), np.arange(2.0, n + 2)], offsets=[1, 0], format="csr")
+    model.addConstr(3 * X - Y + before[1] <= 1)  # one term a row in each summand
+    model.addConstr(D @ x + 2 * x[::-1] >= y)
+    identity, one = sp.eye_array(n), sp.coo_array((np.ones(n), (np.arange(n), np.ones(n, int))), shape=(n, 2))
+    nothing = sp.csr_array((n, 2))
+    expected = [[one, 3 * identity, -identity], [nothing, D + 2 * sp.csr_array(identity)[::-1], -identity]]
+    model.update()
+    assert abs(model.getA() - sp.block_array(expected, format="csr")).sum() == 0
+    products = X * Y - 2 * X * before[0] + (X + Y) * (X - 1.0)
+    for i in (0, 1023, 1024, n - 1):
+        u, v = f"x[{i}]", f"y[{i}]"
+        text = f"1.0 {u}*{v} - 2.0 {u}*b[0] + 1.0 {u}^2 + 1.0 {v}*{u} - 1.0 {u} - 1.0 {v}"
+        assert str(products[i // 2, i % 2].item()) == text
+
+
 def test_views_of_variables_keep_their_order(mode, model):
     x = variables(model, (2, 3))
     model.addConstr(x.T[::-1] <= 0)

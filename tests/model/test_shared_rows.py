@@ -103,3 +103,19 @@ def test_writing_into_the_documented_matrix_does_not_reach_the_rows(built):
     model, x, A, expr, _ = built
     expr._matmulparts[0][0].data[:] = -1.0
     np.testing.assert_array_equal(stored(model, x), A)
+
+
+@pytest.mark.parametrize("factor", [1.0, 2.0])  # of the expression alone, whose variables are still those of the rows
+@pytest.mark.parametrize("step", [1, 2])
+@pytest.mark.parametrize("shape", [(300, 300), (1, 90_000)])
+def test_a_model_that_goes_to_its_engine_leaves_the_expression(shape, step, factor):
+    """The engine is given columns, which the store makes in the memory of the rows where nobody else looks at it."""
+    model, A = tarvopy.Model(), np.random.default_rng(1).integers(1, 10, shape).astype(float)
+    x = model.addMVar(step * shape[1])[::step]
+    expr = A @ x
+    model.addConstr(expr <= 1)
+    expr *= factor
+    model.prepare()
+    np.testing.assert_array_equal(parts(expr)[0], factor * A)
+    np.testing.assert_array_equal(expr._matmulparts[0][1]._idxarr(), step * np.arange(shape[1]))
+    np.testing.assert_array_equal(stored(model, x), A)
