@@ -67,7 +67,7 @@ struct MatrixApi {
     // ptr: nrows + 1, ptr[0] = 0; constants: nrows (row i means terms + constants[i]).
     int (*rows_write)(RowBlock *block, int64_t *ptr, int32_t *var, double *coef, double *constants);
     // The same without a copy where the terms stand in one piece: fills rows (see TRVsharerows; its keeper is then the
-    // caller's to hand on) and constants, and returns 1; 0 where they do not.
+    // caller's to hand on, after a failure to give back) and constants, and returns 1; 0 where they do not.
     int (*rows_share)(RowBlock *block, TRVsharedrows *rows, double *constants);
     void (*rows_close)(RowBlock *block);
 

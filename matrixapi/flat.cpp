@@ -2,7 +2,6 @@
 #include "flat_rows.h"
 
 #include <cstring>
-#include <optional>
 
 namespace flat {
 
@@ -107,6 +106,16 @@ Summand gathered(const Summand &summand, const int64_t *map, int64_t nrows) {
     return result;
 }
 
+std::optional<int32_t> counting_ids(const Summand &summand) {
+    const auto first = [](const Buffer<int32_t> &buffer) -> std::optional<int32_t> {
+        if (buffer.empty())
+            return 0; // the column itself
+        return buffer.counts() ? std::optional(buffer.counting()) : std::nullopt;
+    };
+    const auto cols = first(summand.cols), vars = first(summand.vars);
+    return cols && vars ? std::optional(*cols + *vars) : std::nullopt;
+}
+
 namespace {
 
 // Writes rows first..last of one summand, row r at place[r - first], and moves the places on.
@@ -130,17 +139,6 @@ void write_block(const Summand &summand, int64_t first, int64_t last, int64_t *p
     auto write = cols ? (vars ? write_block<true, true> : write_block<true, false>)
                       : (vars ? write_block<false, true> : write_block<false, false>);
     write(summand, first, last, place, ids, coef);
-}
-
-// The ids that a summand's terms have where they count up, which is then how they are written: the first one.
-std::optional<int32_t> counting_ids(const Summand &summand) {
-    const auto first = [](const Buffer<int32_t> &buffer) -> std::optional<int32_t> {
-        if (buffer.empty())
-            return 0; // the column itself
-        return buffer.counts() ? std::optional(buffer.counting()) : std::nullopt;
-    };
-    const auto cols = first(summand.cols), vars = first(summand.vars);
-    return cols && vars ? std::optional(*cols + *vars) : std::nullopt;
 }
 
 // One summand's terms already stand in the order of the result.

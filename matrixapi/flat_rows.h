@@ -3,6 +3,8 @@
 
 #include "flat.h"
 
+#include <optional>
+
 namespace flat {
 
 // Kernels that read one summand after the other do so in blocks of rows: places and written lines stay in the cache.
@@ -12,6 +14,9 @@ constexpr int64_t block_rows = 1024;
 template <class S> bool all_single(std::span<const S> summands) {
     return std::all_of(summands.begin(), summands.end(), [](const S &s) { return s.ptr.empty() && s.width == 1; });
 }
+
+// The ids that a summand's terms have where they count up, which is then how they are written: the first one.
+std::optional<int32_t> counting_ids(const Summand &summand);
 
 // Where the rows of all summands together begin; nrows + 1 of them.
 template <class S> void write_pointers(std::span<const S> summands, int64_t nrows, int64_t *ptr) {

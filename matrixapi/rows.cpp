@@ -7,6 +7,7 @@
 // LinExpr.
 #include "matrixapi/rows.h"
 
+#include "matrixapi/flat_rows.h"
 #include "matrixapi/mlinexpr.h"
 #include "matrixapi/mvar.h"
 #include "matrixapi/operands.h"
@@ -196,24 +197,73 @@ int only_holder(void *keeper) {
 // Below this many terms a copy costs nothing that anybody would notice.
 constexpr int64_t worth_sharing = 10'000;
 
+// ---- strips: one term a row in each summand ---
+
+struct Striped {
+    std::vector<flat::Summand> summands;
+    std::vector<TRVstrip> strips;
+};
+
+void release_strips(void *keeper) {
+    delete static_cast<Striped *>(keeper);
+}
+
+TRVstrip strip_of(flat::Summand &summand) {
+    const double *coef = summand.coef.data();
+    if (const auto first = flat::counting_ids(summand))
+        return {nullptr, coef, *first, summand.scale};
+    const bool cols_are_ids = summand.vars.empty() || counts_up(summand.vars);
+    if (!cols_are_ids && !summand.cols.empty()) {
+        flat::Buffer<int32_t> ids(summand.nrows);
+        for (int64_t i = 0; i < summand.nrows; ++i)
+            ids.write()[i] = summand.vars[summand.cols[i]];
+        summand.cols = std::move(ids);
+    }
+    const bool own = cols_are_ids || !summand.cols.empty();
+    return {(own ? summand.cols : summand.vars).data(), coef, 0, summand.scale};
+}
+
+bool share_strips(const flat::Form &form, TRVsharedrows *rows) {
+    if (form.summands.size() > 8 || !flat::all_single(std::span<const flat::Summand>(form.summands)))
+        return false;
+    auto keeper = std::make_unique<Striped>();
+    keeper->summands = form.summands;
+    for (flat::Summand &summand : keeper->summands)
+        keeper->strips.push_back(strip_of(summand));
+    *rows = {};
+    rows->nstrips = static_cast<int32_t>(keeper->strips.size());
+    rows->strips = keeper->strips.data();
+    rows->release = release_strips;
+    rows->keeper = keeper.release();
+    return true;
+}
+
+// The terms of a single summand where they stand.
+bool share_summand(const flat::Summand &only, TRVsharedrows *rows) {
+    if (only.cols.empty() || only.coef.empty())
+        return false;
+    auto keeper = std::make_unique<flat::Summand>(with_ids(only));
+    keeper->ptr = {}; // the store makes pointers of its own; until then those of the block serve
+    *rows = {only.ptr.data(),     only.width, keeper->cols.data(),
+             keeper->coef.data(), nullptr,    release_summand,
+             only_holder,         0,          nullptr};
+    rows->keeper = keeper.release();
+    return true;
+}
+
 } // namespace
 
 int rows_share(RowBlock *block, TRVsharedrows *rows, double *constants) {
     bool shared = false;
     int failed = border_status([&] {
         const Block &held = *static_cast<Block *>(block->held);
-        if (held.form.summands.size() != 1 || block->nnz < worth_sharing)
+        if (block->nnz < worth_sharing)
             return;
-        const flat::Summand &only = held.form.summands[0];
-        if (only.cols.empty() || only.coef.empty())
+        if (!share_strips(held.form, rows) &&
+            !(held.form.summands.size() == 1 && share_summand(held.form.summands[0], rows)))
             return;
-        auto keeper = std::make_unique<flat::Summand>(with_ids(only));
-        write_constants(held, constants);
-        keeper->ptr = {}; // the store makes pointers of its own; until then those of the block serve
-        *rows = {only.ptr.data(), only.width,      keeper->cols.data(), keeper->coef.data(),
-                 nullptr,         release_summand, only_holder};
-        rows->keeper = keeper.release();
         shared = true;
+        write_constants(held, constants);
     });
     return failed < 0 ? -1 : shared;
 }

@@ -20,9 +20,9 @@ Ref add_linear(ModelObject *handle, PyObject *lhs, PyObject *rhs, Sense sense, N
     const TRVnames *block = names.block(shape);
     NewHandle made(handle, TRV_CONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
-    Scratch<double> bounds = rows.write_into(store);
-    to_bounds(shape.size, bounds.get());
-    OneSided sides(sense, bounds.get());
+    double *bounds = rows.write_into(store, sense == Sense::Less ? Side::Upper : Side::Lower);
+    to_bounds(shape.size, bounds);
+    OneSided sides(sense, bounds);
     int32_t first = rows.commit(sides.lower, sides.lowerstep, sides.upper, sides.upperstep, block);
     return made.take(first);
 }
@@ -94,10 +94,9 @@ Ref zeros_of(const Shape &shape) {
     return check(PyArray_New(&PyArray_Type, shape.ndim, shape.dims, NPY_DOUBLE, strides, &zero, 0, 0, nullptr));
 }
 
-// The constants of the rows become their lower sides in place, and the upper ones stand in what is returned.
+// The constants of the rows become their lower sides in place, and the upper ones stand in what is returned. lb and ub
+// are spread over the shape.
 Scratch<double> to_ranges(const Shape &shape, Doubles &lb, Doubles &ub, double *constants) {
-    lb.spread(shape);
-    ub.spread(shape);
     Scratch<double> upper = scratch<double>(shape.size);
     for (int64_t i = 0; i < shape.size; ++i) {
         double constant = constants[i];
@@ -114,9 +113,11 @@ Ref add_linear_range(ModelObject *handle, PyObject *expr, PyObject *zeros, Doubl
     const TRVnames *block = names.block(shape);
     NewHandle made(handle, TRV_CONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);
-    Scratch<double> lower = rows.write_into(store);
-    Scratch<double> upper = to_ranges(shape, lb, ub, lower.get());
-    int32_t first = rows.commit(lower.get(), 1, upper.get(), 1, block);
+    lb.spread(shape);
+    ub.spread(shape);
+    double *lower = rows.write_into(store, Side::Lower);
+    Scratch<double> upper = to_ranges(shape, lb, ub, lower);
+    int32_t first = rows.commit(lower, 1, upper.get(), 1, block);
     return made.take(first);
 }
 
@@ -125,6 +126,8 @@ Ref add_nonlinear_range(ModelObject *handle, PyObject *expr, PyObject *zeros, Do
     require_model(rows.block().model, handle, "the expression has variables");
     Shape shape = rows.shape();
     const TRVnames *block = names.block(shape);
+    lb.spread(shape);
+    ub.spread(shape);
     Scratch<double> upper = to_ranges(shape, lb, ub, rows.constants());
     NewHandle made(handle, TRV_NLCONSTR, shape, rows.block().scalar);
     TRVmodel *store = store_of(handle);

@@ -96,6 +96,7 @@ TARVOPY_METHOD(function_problem) {
         put(dict, "objconstant", check(PyFloat_FromDouble(data.objconstant)));
         put(dict, "sense", whole(data.sense));
         put(dict, "nintegral", whole(data.nintegral));
+        put(dict, "nsemi", whole(data.nsemi));
         put(dict, "nqobj", whole(data.nqobj));
         put(dict, "nqrows", whole(data.nqrows));
         put(dict, "nqlinear", whole(data.nqlinear));

@@ -24,9 +24,10 @@ void Rows::write(int64_t *ptr, int32_t *var, double *coef, double *constants) {
         throw PythonError{};
 }
 
-Scratch<double> Rows::write_into(TRVmodel *store) {
-    Scratch<double> constants = scratch<double>(block_.nrows); // not zeroed, since every entry is written
-    int shared = check_status(matrix().rows_share(&block_, &shared_, constants.get()));
+double *Rows::write_into(TRVmodel *store, Side side) {
+    double *constants;
+    succeed(store, TRVopenside(store, block_.nrows, side == Side::Upper, &constants));
+    int shared = check_status(matrix().rows_share(&block_, &shared_, constants));
     store_ = store;
     if (shared)
         return constants;
@@ -34,7 +35,7 @@ Scratch<double> Rows::write_into(TRVmodel *store) {
     TRVrows rows;
     succeed(store, TRVopenrows(store, block_.nrows, block_.nnz, &rows));
     store_ = store;
-    write(rows.ptr, rows.var, rows.coef, constants.get());
+    write(rows.ptr, rows.var, rows.coef, constants);
     return constants;
 }
 

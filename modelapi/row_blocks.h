@@ -1,7 +1,7 @@
 // Blocks of rows on their way from an expression into the store.
 //
 //   Rows rows(lhs, rhs);                               lhs - rhs, broadcast: terms + constant for each row
-//   Scratch<double> bounds = rows.write_into(store);   the constants
+//   double *bounds = rows.write_into(store, side);     the constants, where the store will have this side
 //   int32_t first = rows.commit(...);                  ids first, first + 1, ...
 //   QuadRows quad(lhs, rhs);                           the same where a side is quadratic: written beside the store,
 //   quad.write();  quad.commit(store, ...);            which copies once
@@ -29,6 +29,8 @@ template <class T> Scratch<T> scratch(int64_t n) {
     return Scratch<T>(memory);
 }
 
+enum class Side { Lower, Upper };
+
 class Rows {
   public:
     Rows(PyObject *lhs, PyObject *rhs);
@@ -41,8 +43,9 @@ class Rows {
     void write(int64_t *ptr, int32_t *var, double *coef, double *constants);
 
     // Writes the terms into a block of the store, which this object drops unless it is committed, or holds them ready
-    // for the store where they stand; returns the constants.
-    Scratch<double> write_into(TRVmodel *store);
+    // for the store where they stand; returns the constants, which stand in the store's room for this side: nothing but
+    // commit may be called of the store until then.
+    double *write_into(TRVmodel *store, Side side);
     int32_t commit(const double *lower, int lowerstep, const double *upper, int upperstep, const TRVnames *names);
 
   private:

@@ -51,6 +51,8 @@ class Problem:
     """1 minimise, -1 maximise."""
     nintegral: int
     """How many variables are not continuous (semi-continuous ones count)."""
+    nsemi: int
+    """How many are semi-continuous."""
     nqobj: int
     """Quadratic terms of the objective."""
     nqrows: int

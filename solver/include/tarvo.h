@@ -126,6 +126,8 @@ TRV_API int TRVaddvars(TRVmodel *model, int64_t n, const double *lb, int lbstep,
  *   TRVcommitrows  checks everything (range and life of ids, row pointers, NaN and infinity), sums duplicates (first
  *                  occurrence keeps its place), drops zeros, and makes the rows pending.
  *   TRVdroprows    gives the room back.
+ *   TRVopenside    makes room for one side (upper: 0 or 1) of as many rows. What the caller writes there before it calls
+ *                  anything else, and then gives as this side of exactly so many rows, is not copied.
  * A failed commit leaves no open block. lower/upper may be steps of 0; an upper side of step 0 that is infinite makes
  * rows '>', also those without a lower side, whose Sense would else be '<'. */
 typedef struct TRVrows {
@@ -134,6 +136,7 @@ typedef struct TRVrows {
     double *coef;
 } TRVrows;
 TRV_API int TRVopenrows(TRVmodel *model, int64_t nrows, int64_t nnz, TRVrows *rows);
+TRV_API int TRVopenside(TRVmodel *model, int64_t nrows, int upper, double **side);
 TRV_API int TRVcommitrows(TRVmodel *model, const double *lower, int lowerstep, const double *upper, int upperstep,
                           const TRVnames *names, int32_t *firstid);
 TRV_API void TRVdroprows(TRVmodel *model);
@@ -145,7 +148,16 @@ TRV_API int TRVaddrows(TRVmodel *model, int64_t nrows, const int64_t *ptr, const
  * and copies them before it changes one itself. Terms that must be tidied (duplicates, zeros) are copied at once.
  * release(keeper) is called exactly once, when the store has done with the memory, after a failure too. ptr NULL: every
  * row has `width` terms. alone(keeper) says whether nobody but the store looks at the terms any more, so that it may
- * put them into another order; NULL: somebody may. */
+ * put them into another order; NULL: somebody may.
+ * With nstrips > 0 the terms are told by strips instead, and ptr, width, var and coef mean nothing: every row has
+ * nstrips terms, of which the k-th of row i is coef[i] * variable var[i] of strip k. The array of strips itself is
+ * copied. */
+typedef struct TRVstrip {
+    const int32_t *var; /* NULL: first + i */
+    const double *coef; /* NULL: scale */
+    int32_t first;
+    double scale;
+} TRVstrip;
 typedef struct TRVsharedrows {
     const int64_t *ptr;
     int64_t width;
@@ -154,6 +166,8 @@ typedef struct TRVsharedrows {
     void *keeper;
     void (*release)(void *keeper);
     int (*alone)(void *keeper);
+    int32_t nstrips;
+    const TRVstrip *strips;
 } TRVsharedrows;
 TRV_API int TRVsharerows(TRVmodel *model, int64_t nrows, const TRVsharedrows *rows, const double *lower, int lowerstep,
                          const double *upper, int upperstep, const TRVnames *names, int32_t *firstid);

@@ -29,6 +29,7 @@ typedef struct TRVdata {
     double objconstant;
     int sense;           /* 1, -1 */
     int nintegral;       /* how many of vtype are not 'C' */
+    int nsemi;           /* how many are 'S' */
     const double *start; /* NaN where none; NULL when nobody set one and no earlier solution is left */
     int64_t nqobj;       /* quadratic terms of the objective */
     int32_t nqrows;      /* quadratic rows */

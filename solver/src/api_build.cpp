@@ -101,6 +101,14 @@ int TRVopenrows(TRVmodel *model, int64_t nrows, int64_t nnz, TRVrows *rows) {
     });
 }
 
+int TRVopenside(TRVmodel *model, int64_t nrows, int upper, double **side) {
+    return border(model, [&] {
+        requirepointer("side", side, 1);
+        requirecount("rows", nrows);
+        *side = model->rows.openside(nrows, upper != 0);
+    });
+}
+
 int TRVcommitrows(TRVmodel *model, const double *lower, int lowerstep, const double *upper, int upperstep,
                   const TRVnames *names, int32_t *firstid) {
     return border(model, [&] {

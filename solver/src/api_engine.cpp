@@ -43,6 +43,7 @@ TRVdata readdata(TRVmodel &model) {
     d.objconstant = model.objconstant;
     d.sense = model.sense;
     d.nintegral = columns.integral();
+    d.nsemi = d.nintegral ? columns.semicontinuous() : 0;
     d.start = model.solution.start(columns);
     readquadratic(model, d);
     readnonlinear(model, d);

@@ -21,6 +21,25 @@ void Chunk::own() {
     keeper = Keeper();
 }
 
+void Chunk::layout() {
+    if (!striped())
+        return;
+    Buffer<int32_t> newptr, newvar;
+    Buffer<double> newcoef;
+    int32_t *starts = newptr.room(int64_t{nrows} + 1);
+    layrows(strips.all(), nrows, newvar.room(nnz), newcoef.room(nnz));
+    for (int32_t i = 0; i <= nrows; i++)
+        starts[i] = i * strips.width();
+    newptr.grow(int64_t{nrows} + 1);
+    newvar.grow(nnz);
+    newcoef.grow(nnz);
+    ptr.swap(newptr);
+    var.swap(newvar);
+    coef.swap(newcoef);
+    strips.clear();
+    keeper = Keeper();
+}
+
 void Chunk::makeloose() {
     if (loose() || nrows == 0)
         return;

@@ -92,6 +92,10 @@ int32_t Columns::integral() const {
     return ids.committed() - static_cast<int32_t>(std::count(vtype.data(), vtype.data() + ids.committed(), 'C'));
 }
 
+int32_t Columns::semicontinuous() const {
+    return static_cast<int32_t>(std::count(vtype.data(), vtype.data() + ids.committed(), 'S'));
+}
+
 void Columns::update() noexcept {
     ids.compact(lb);
     ids.compact(ub);

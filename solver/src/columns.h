@@ -23,6 +23,7 @@ struct Columns {
                 int objstep, const char *type, int typestep, const TRVnames *newnames);
     // How many variables in the model are not continuous.
     int32_t integral() const;
+    int32_t semicontinuous() const;
     // Takes removed variables out and makes pending ones part of the model.
     void update() noexcept;
     // What TRVgetdata points into.

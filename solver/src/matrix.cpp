@@ -65,7 +65,7 @@ template <class Position> TRVmatrix bycolumns(const TRVmodel &model, Position po
             }
         });
     };
-    if (nnz >= kManyEntries && farapart(model.rows)) {
+    if (nnz >= kManyEntries && farapart(model.rows.chunks())) {
         Bins bins(n, places);
         scatter([&](const Entry &entry) { bins.put(entry); });
         bins.empty();
@@ -164,7 +164,7 @@ TRVmatrix columnsinplace(TRVmodel &model, const double *&value, bool &owned) {
             value = chunk->coef.data();
             return besidevalues(*chunk, ncols);
         }
-        if (!chunk || (chunk->nnz >= kManyEntries && farapart(model.rows)))
+        if (!chunk || (chunk->nnz >= kManyEntries && farapart(model.rows.chunks())))
             found = matrixbycolumns(model);
     }
     value = found.value;

@@ -45,11 +45,9 @@ bool ascendinrows(const Chunk &chunk) {
 }
 
 // place[r]: which term of a row has the rank r.
-Order orderof(const Chunk &chunk, int32_t width, int8_t *place) {
-    Order order{chunk.first, chunk.nrows, width, {}};
-    std::iota(place, place + width, int8_t{0});
-    std::sort(place, place + width, [&](int8_t a, int8_t b) { return chunk.var[a] < chunk.var[b]; });
-    for (int8_t r = 0; r < width; r++)
+Order orderof(const Chunk &chunk, std::span<const int8_t> place) {
+    Order order{chunk.first, chunk.nrows, static_cast<int32_t>(place.size()), {}};
+    for (int8_t r = 0; r < order.width; r++)
         order.rank[place[r]] = r;
     return order;
 }
@@ -60,7 +58,9 @@ bool commonorder(const Chunk &chunk, Order &order) {
     if (width < 2 || width > Order::kTerms || width * chunk.nrows != chunk.nnz)
         return false;
     int8_t place[Order::kTerms];
-    order = orderof(chunk, static_cast<int32_t>(width), place);
+    std::iota(place, place + width, int8_t{0});
+    std::sort(place, place + width, [&](int8_t a, int8_t b) { return chunk.var[a] < chunk.var[b]; });
+    order = orderof(chunk, {place, static_cast<size_t>(width)});
     bool common = true;
     for (int32_t i = 0; i < chunk.nrows && common; i++) {
         const int32_t *var = chunk.var.data() + i * width;
@@ -84,21 +84,25 @@ void restore(const Order &order, const int32_t *ptr, int32_t *var, double *coef)
     }
 }
 
-// Turned in fresh memory; the pieces stay as they are.
-void scattered(std::span<const Piece> pieces, int32_t n, int32_t *ptr, int32_t *var, double *coef) {
+void countcolumns(const Piece &piece, int32_t *columns) {
+    for (int32_t k = 0; k < piece.ptr[piece.n]; k++)
+        columns[piece.index[k]]++;
+}
+
+void putrows(const Piece &piece, int32_t first, const Places &places) {
+    for (int32_t r = 0; r < piece.n; r++)
+        for (int32_t k = piece.ptr[r]; k < piece.ptr[r + 1]; k++)
+            places.put({piece.index[k], first + r, piece.value[k]});
+}
+
+// Turned in fresh memory, what is read stays as it is: count(columns) adds up the terms of each of the n columns, and
+// put(places) puts them there.
+template <class Count, class Put>
+void scattered(int32_t n, int32_t *ptr, int32_t *var, double *coef, Count count, Put put) {
     std::fill_n(ptr, int64_t{n} + 2, 0);
-    for (const Piece &piece : pieces)
-        for (int32_t k = 0; k < piece.ptr[piece.n]; k++)
-            ptr[piece.index[k] + 2]++;
+    count(ptr + 2);
     std::partial_sum(ptr, ptr + n + 2, ptr);
-    const Places places{ptr + 1, var, coef};
-    int32_t first = 0;
-    for (const Piece &piece : pieces) {
-        for (int32_t r = 0; r < piece.n; r++)
-            for (int32_t k = piece.ptr[r]; k < piece.ptr[r + 1]; k++)
-                places.put({piece.index[k], first + r, piece.value[k]});
-        first += piece.n;
-    }
+    put(Places{ptr + 1, var, coef});
 }
 
 // The chunk whose arrays the columns go to: the largest that may be written and can grow to hold them all.
@@ -151,9 +155,10 @@ bool Rows::parkable(const Columns &columns) const {
     if (!columns.ids.identity() || columns.ids.anygone() || ids.anygone() || ids.slots() != ids.committed())
         return false;
     const int64_t nnz = terms(chunks_);
-    return nnz >= kManyTerms && nnz <= INT32_MAX &&
-           std::ranges::all_of(chunks_, [](const Chunk &c) { return !c.loose() && c.ptr[c.nrows] == c.nnz; }) &&
-           (chunks_.size() > 1 || !chunks_.front().keeper || chunks_.front().keeper.alone());
+    const auto whole = [](const Chunk &c) { return c.striped() || (!c.loose() && c.ptr[c.nrows] == c.nnz); };
+    return (nnz >= kManyTerms || anystriped_) && nnz <= INT32_MAX && std::ranges::all_of(chunks_, whole) &&
+           (chunks_.size() > 1 || !chunks_.front().keeper || chunks_.front().striped() ||
+            chunks_.front().keeper.alone());
 }
 
 bool Rows::park(const Columns &columns) {
@@ -161,7 +166,7 @@ bool Rows::park(const Columns &columns) {
         return false;
     const int32_t ncols = columns.ids.committed();
     const int64_t nnz = terms(chunks_);
-    if (chunks_.size() == 1 && ascendingthroughout(chunks_.front())) {
+    if (chunks_.size() == 1 && !chunks_.front().striped() && ascendingthroughout(chunks_.front())) {
         Chunk &chunk = chunks_.front();
         Buffer<int32_t> start;
         columnstarts(chunk, ncols, start.room(int64_t{ncols} + 1));
@@ -175,25 +180,42 @@ bool Rows::park(const Columns &columns) {
     std::vector<Order> orders;
     for (const Chunk &chunk : chunks_) {
         Order order;
-        if (ascendinrows(chunk))
+        if (chunk.striped() ? std::ranges::is_sorted(chunk.strips.ascending()) : ascendinrows(chunk))
             continue;
-        if (!commonorder(chunk, order))
+        if (chunk.striped())
+            order = orderof(chunk, chunk.strips.ascending());
+        else if (!commonorder(chunk, order))
             return false;
         orders.push_back(order);
     }
-    const bool turned = nnz < kFewTerms * ncols && !farapart(*this) ? copycolumns(ncols, nnz) : turncolumns(ncols, nnz);
+    bool turned = nnz < kFewTerms * ncols && !farapart(chunks_) && copycolumns(ncols, nnz);
+    if (!turned) {
+        layout();
+        turned = nnz >= kManyTerms && turncolumns(ncols, nnz);
+    }
     if (turned)
         orders_.swap(orders);
     return turned;
 }
 
 bool Rows::copycolumns(int32_t ncols, int64_t nnz) {
-    std::vector<Piece> pieces;
-    for (const Chunk &chunk : chunks_)
-        pieces.push_back(pieceof(chunk));
+    const auto count = [&](int32_t *columns) {
+        for (const Chunk &chunk : chunks_)
+            if (chunk.striped())
+                chunk.strips.count(chunk.nrows, columns);
+            else
+                countcolumns(pieceof(chunk), columns);
+    };
+    const auto put = [&](const Places &places) {
+        for (const Chunk &chunk : chunks_)
+            if (chunk.striped())
+                chunk.strips.put(chunk.nrows, chunk.first, places);
+            else
+                putrows(pieceof(chunk), chunk.first, places);
+    };
     Chunk all;
     Buffer<int32_t> start;
-    scattered(pieces, ncols, start.room(int64_t{ncols} + 2), all.var.room(nnz), all.coef.room(nnz));
+    scattered(ncols, start.room(int64_t{ncols} + 2), all.var.room(nnz), all.coef.room(nnz), count, put);
     all.var.grow(nnz);
     all.coef.grow(nnz);
     standsby(start, ncols, std::move(all));
@@ -240,6 +262,7 @@ void Rows::standsby(Buffer<int32_t> &start, int32_t ncols, Chunk &&all) noexcept
     Chunk only = std::move(all);
     chunks_.front() = std::move(only);
     chunks_.erase(chunks_.begin() + 1, chunks_.end());
+    anystriped_ = false;
 }
 
 TRVmatrix Rows::parked(int32_t ncols) {
@@ -264,7 +287,10 @@ void Rows::turnback() const {
     } else {
         Buffer<int32_t> var;
         Buffer<double> coef;
-        scattered({&columns, 1}, chunk.nrows, ptr.data(), var.room(chunk.nnz), coef.room(chunk.nnz));
+        scattered(
+            chunk.nrows, ptr.data(), var.room(chunk.nnz), coef.room(chunk.nnz),
+            [&](int32_t *rows) { countcolumns(columns, rows); },
+            [&](const Places &places) { putrows(columns, 0, places); });
         var.grow(chunk.nnz);
         coef.grow(chunk.nnz);
         chunk.var = std::move(var);

@@ -20,9 +20,9 @@ void requireblock(int64_t nnz) {
 constexpr int64_t kSharedFull =
     1 << 20; // a shared chunk takes no more then, so that growing it never doubles the store
 
-// Copies a side of n rows; whether it is as the store keeps it. One number for all may be infinite, then normalized
-// here, where `allowed`; among several the finite ones are the rule, and a block with others is to be gone through one
-// by one.
+// Copies a side of n rows, unless it stands there already; whether it is as the store keeps it. One number for all may
+// be infinite, then normalized here, where `allowed`; among several the finite ones are the rule, and a block with
+// others is to be gone through one by one.
 template <class Allowed> bool copyside(int64_t n, const double *from, int step, Values &side, Allowed allowed) {
     if (n && step == 0) {
         const bool fits = allowed(*from);
@@ -30,11 +30,12 @@ template <class Allowed> bool copyside(int64_t n, const double *from, int step, 
         return fits;
     }
     double *to = side.room(n);
+    if (to != from)
+        for (int64_t i = 0; i < n; i++)
+            to[i] = from[i * step];
     bool finite = true;
-    for (int64_t i = 0; i < n; i++) {
-        to[i] = from[i * step];
+    for (int64_t i = 0; i < n; i++)
         finite &= isfinite(to[i]);
-    }
     return finite;
 }
 
@@ -67,6 +68,11 @@ TRVrows Rows::open(int64_t nrows, int64_t nnz) {
     return {openptr_.data(), to.var.data(), to.coef.data()};
 }
 
+double *Rows::openside(int64_t nrows, bool ofupper) {
+    ids.requireroom(nrows);
+    return (ofupper ? upper : lower).room(nrows);
+}
+
 void Rows::drop() noexcept {
     isopen_ = false;
     if (small_)
@@ -96,6 +102,11 @@ int32_t Rows::share(const Columns &columns, int64_t nrows, const TRVsharedrows &
                     const double *up, int upstep, const TRVnames *newnames) {
     Keeper keeper(rows.keeper, rows.release, rows.alone);
     requirecount("rows", nrows);
+    requirecount("strips", rows.nstrips);
+    requirepointer("strips", rows.strips, rows.nstrips);
+    if (rows.nstrips)
+        return sharestrips(columns, nrows, {rows.strips, static_cast<size_t>(rows.nstrips)}, std::move(keeper), low,
+                           lowstep, up, upstep, newnames);
     int64_t nnz;
     if (rows.ptr)
         nnz = rows.ptr[nrows];
@@ -122,6 +133,29 @@ int32_t Rows::share(const Columns &columns, int64_t nrows, const TRVsharedrows &
     small_ = false;
     block_.var = Buffer<int32_t>::borrow(rows.var, nnz);
     block_.coef = Buffer<double>::borrow(rows.coef, nnz);
+    block_.keeper = std::move(keeper);
+    return addopen(nnz, low, lowstep, up, upstep, newnames);
+}
+
+int32_t Rows::sharestrips(const Columns &columns, int64_t nrows, std::span<const TRVstrip> strips, Keeper &&keeper,
+                          const double *low, int lowstep, const double *up, int upstep, const TRVnames *newnames) {
+    ids.requireroom(nrows);
+    const int64_t width = static_cast<int64_t>(strips.size()), nnz = nrows * width; // of 31 bits each
+    requireblock(nnz);
+    drop();
+    if (nnz <= kSmall || !block_.strips.take(columns.ids, nrows, strips)) {
+        const TRVrows place = open(nrows, nnz);
+        for (int64_t i = 0; i <= nrows; i++)
+            place.ptr[i] = i * width;
+        layrows(strips, nrows, place.var, place.coef);
+        return commit(columns, low, lowstep, up, upstep, newnames);
+    }
+    struct Closing {
+        Rows &rows;
+        ~Closing() { rows.drop(); }
+    } closing{*this};
+    small_ = false;
+    opennrows_ = nrows;
     block_.keeper = std::move(keeper);
     return addopen(nnz, low, lowstep, up, upstep, newnames);
 }
@@ -172,7 +206,8 @@ void Rows::preparechunk(int64_t nnz) {
         if (chunks_.size() == chunks_.capacity())
             chunks_.reserve(2 * chunks_.size() + 4);
         if (!small_) {
-            block_.ptr.room(opennrows_ + 1);
+            if (!block_.striped())
+                block_.ptr.room(opennrows_ + 1);
             return;
         }
         Chunk fresh;
@@ -199,8 +234,11 @@ void Rows::finishchunk(int64_t nnz) noexcept {
     block_.first = ids.slots();
     block_.nrows = static_cast<int32_t>(opennrows_);
     block_.nnz = nnz;
-    std::copy_n(openptr_.data(), opennrows_ + 1, block_.ptr.data());
-    block_.ptr.grow(opennrows_ + 1);
+    anystriped_ |= block_.striped();
+    if (!block_.striped()) {
+        std::copy_n(openptr_.data(), opennrows_ + 1, block_.ptr.data());
+        block_.ptr.grow(opennrows_ + 1);
+    }
     if (!block_.keeper) {
         block_.var.grow(nnz);
         block_.coef.grow(nnz);
@@ -230,6 +268,12 @@ void Rows::finishshared(Chunk &to, int64_t nnz) noexcept {
 }
 
 // ---- looking and changing
+
+void Rows::layout() const {
+    for (Chunk &chunk : chunks_)
+        chunk.layout();
+    anystriped_ = false;
+}
 
 size_t Rows::chunkat(int32_t slot) const {
     if (lastchunk_ < chunks_.size()) {

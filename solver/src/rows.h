@@ -6,6 +6,7 @@
 //
 //   tight chunk    row i is var[ptr[i]] .. var[ptr[i+1]]
 //   loose chunk    row i is var[ptr[i]] .. var[stop[i]], with space to grow until limit[i]
+//   striped chunk  the terms are told by their place in the row (strips.h), until somebody looks at a row
 //
 // A chunk becomes loose when single coefficients are added or taken away; rows that outgrow their space move to its
 // end. An update makes it tight again where much space is wasted.
@@ -19,6 +20,7 @@
 #include "columns.h"
 #include "names.h"
 #include "registry.h"
+#include "strips.h"
 #include "tarvo_engine.h"
 #include "values.h"
 
@@ -77,8 +79,11 @@ struct Chunk {
     Buffer<int32_t> var;
     Buffer<double> coef;
     Keeper keeper; // of var and coef, which are then only read (and turned, where nobody else looks)
+    Strips strips; // where there are any, ptr, var and coef are empty, and the keeper is theirs
 
     bool loose() const { return !stop.empty(); }
+    bool striped() const { return !strips.empty(); }
+    void layout(); // of strips
     Row row(int32_t i) const {
         const int64_t from = ptr[i], to = loose() ? stop[i] : ptr[i + 1];
         return {to - from, var.data() + from, coef.data() + from};
@@ -97,7 +102,7 @@ struct Chunk {
 
 // Rows of equal length and how their terms stand: the k-th is the one of rank[k] by ascending ids.
 struct Order {
-    static constexpr int kTerms = 8; // at most
+    static constexpr int kTerms = Strips::kMost; // at most
 
     int32_t first, nrows, width;
     int8_t rank[kTerms];
@@ -124,6 +129,7 @@ class Rows {
     Buffer<char> sense; // '<' '>' '=' 'R'; a free row says which side its next RHS will be
 
     TRVrows open(int64_t nrows, int64_t nnz);
+    double *openside(int64_t nrows, bool ofupper);
     int32_t commit(const Columns &columns, const double *low, int lowstep, const double *up, int upstep,
                    const TRVnames *newnames);
     void drop() noexcept;
@@ -151,6 +157,7 @@ class Rows {
     // Comes before the update of the columns, which forget who is gone.
     void update(const Columns &columns) noexcept;
 
+    // As rows, laid out where they were parked or striped.
     const std::vector<Chunk> &chunks() const {
         unpark();
         return chunks_;
@@ -196,6 +203,8 @@ class Rows {
     }
 
   private:
+    int32_t sharestrips(const Columns &columns, int64_t nrows, std::span<const TRVstrip> strips, Keeper &&keeper,
+                        const double *low, int lowstep, const double *up, int upstep, const TRVnames *newnames);
     int32_t addopen(int64_t nnz, const double *low, int lowstep, const double *up, int upstep,
                     const TRVnames *newnames);
     void preparechunk(int64_t nnz);
@@ -208,7 +217,10 @@ class Rows {
     void unpark() const {
         if (isparked())
             turnback();
+        if (anystriped_)
+            layout();
     }
+    void layout() const;
     bool parkable(const Columns &columns) const;
     bool copycolumns(int32_t ncols, int64_t nnz);
     bool turncolumns(int32_t ncols, int64_t nnz);
@@ -219,6 +231,7 @@ class Rows {
     mutable std::vector<Chunk> chunks_;
     mutable Buffer<int32_t> start_; // of columns, while the first chunk is parked; else empty
     mutable std::vector<Order> orders_;
+    mutable bool anystriped_ = false;
     Yard *termyard_ = nullptr;
     mutable size_t lastchunk_ = 0; // neighbouring rows are asked for one after the other
     bool stray_ = false, stale_ = false;

@@ -14,10 +14,16 @@ constexpr int32_t kNear = 64;    // columns whose places share a few pages
 
 } // namespace
 
-bool farapart(const Rows &rows) {
+bool farapart(const std::vector<Chunk> &chunks) {
     int64_t seen = 0, far = 0;
-    for (const Chunk &chunk : rows.chunks())
+    for (const Chunk &chunk : chunks)
         for (int32_t i = 1; i < chunk.nrows; i += std::max(1, chunk.nrows / kSample)) {
+            for (const TRVstrip &strip : chunk.strips.all()) {
+                far += std::abs(varat(strip, i) - varat(strip, i - 1)) > kNear;
+                seen++;
+            }
+            if (chunk.striped())
+                continue;
             const Row above = chunk.row(i - 1), row = chunk.row(i);
             const int64_t n = std::min(above.n, row.n);
             for (int64_t k = 0; k < n; k++)

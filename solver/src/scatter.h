@@ -3,9 +3,11 @@
 
 #include "buffer.h"
 
+#include <vector>
+
 namespace store {
 
-class Rows;
+struct Chunk;
 
 struct Entry {
     int32_t column, row;
@@ -29,7 +31,7 @@ constexpr int64_t kManyEntries = 1 << 20;
 
 // Whether neighbouring rows lead to columns far from each other, by a sample: then nearly every entry that goes
 // straight to its place misses the caches and the page tables (25 ns instead of 7).
-bool farapart(const Rows &rows);
+bool farapart(const std::vector<Chunk> &chunks);
 
 // Collects entries by ranges of columns, and empties a range's bin when it is full: its places then stay in the cache
 // while they are filled. Entries of a column keep their order. 16 MB while it works, 14 ns an entry.

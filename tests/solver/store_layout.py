@@ -35,7 +35,7 @@ class Data(c.Structure):
         ("vtype", c.POINTER(c.c_char)),
         ("lower upper", f64p),
         ("objconstant", c.c_double),
-        ("sense nintegral", c.c_int),
+        ("sense nintegral nsemi", c.c_int),
         ("start", f64p),
         ("nqobj", c.c_int64),
         ("nqrows nqlinear", c.c_int32),

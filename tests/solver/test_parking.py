@@ -9,7 +9,7 @@ import pytest
 
 from solver.store import CONSTR, VAR, Store, lib
 from solver.store_layout import Matrix, f64p
-from solver.test_shared_rows import Lender
+from solver.test_shared_rows import Lender, Striped
 
 NVARS = 3000
 
@@ -85,6 +85,23 @@ class Pair:
             lender = Lender(var.ravel().copy(), np.arange(1.0, var.size + 1), var.shape[1], alone)
             assert lender.lend(store, len(var)) == 0
             self.lenders.append(lender)
+        self.both("update")
+
+    def strips(self):
+        """Rows that one store gets by strips: some of these overlap, or hold doubles and zeros."""
+        n, nrows = self.plain.int("NumVars"), int(self.rng.integers(3000, 9000))
+        present = np.asarray(self.both("idsat", VAR, range(n)))
+        chosen = []
+        for quarter in self.rng.permutation(4)[: self.rng.integers(1, 5)]:
+            first = quarter * (n // 4) if self.rng.random() < 0.8 else int(self.rng.integers(n // 2))
+            counts = first + nrows <= n and present[-1] == n - 1 and self.rng.random() < 0.6
+            var = first if counts else present[first + self.rng.integers(0, n // 4, nrows)]
+            coef = self.rng.integers(-1, 9) if self.rng.random() < 0.5 else self.rng.integers(1, 9, nrows)
+            chosen.append((var, coef))
+        striped = Striped(*chosen)
+        assert striped.lend(self.asked, nrows) == 0
+        self.plain.addcsr(*striped.csr(nrows), 0.0, 1.0)
+        self.lenders.append(striped)
         self.both("update")
 
     def view(self):
@@ -164,6 +181,7 @@ def test_a_store_that_was_asked_for_columns_is_the_same_model(seed):
     few_terms_a_column = seed % 2  # where they are, another way leads to the columns
     pair = Pair(rng, NVARS * (1 + 30 * few_terms_a_column), *(block(rng) for _ in range(rng.integers(1, 4))))
     steps = ["columns"] * 5 + ["columns_held", "row", "change", "grow", "new_variables", "rows", "counts", "lend_some"]
+    steps += ["strips"] * 2
     steps += ["shrink"] * (seed % 4 == 0)  # from the first removal on rows are only copied
     for step in ["columns", *rng.choice(steps, 25)]:
         getattr(pair, step)()

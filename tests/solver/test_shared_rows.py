@@ -21,7 +21,13 @@ class SharedRows(c.Structure):
         ("keeper", c.c_void_p),
         ("release", RELEASE),
         ("alone", ALONE),
+        ("nstrips", c.c_int32),
+        ("strips", c.c_void_p),
     )
+
+
+class Strip(c.Structure):
+    _fields_ = layout(("var", i32p), ("coef", f64p), ("first", c.c_int32), ("scale", c.c_double))
 
 
 class Lender:
@@ -46,6 +52,27 @@ class Lender:
         lower, upper, first = c.c_double(0.0), c.c_double(1.0), c.c_int32(-1)
         sides = (c.byref(lower), 0, c.byref(upper), 0)
         return lib.TRVsharerows(store.handle, c.c_int64(nrows), c.byref(self.rows), *sides, None, c.byref(first))
+
+
+class Striped(Lender):
+    """Rows told by strips; each is the first of variables that count up or an array, and a number or an array."""
+
+    def __init__(self, *strips):
+        super().__init__([], [], 0)
+        self.kept = [(np.asarray(var, np.int32), np.asarray(coef, np.float64)) for var, coef in strips]
+        self.strips = (Strip * len(strips))(*(self.strip(var, coef) for var, coef in self.kept))
+        self.rows.nstrips, self.rows.strips = len(strips), c.cast(self.strips, c.c_void_p)
+
+    @staticmethod
+    def strip(var, coef):
+        ids = (var.ctypes.data_as(i32p), 0) if var.ndim else (None, int(var))
+        values = (coef.ctypes.data_as(f64p), 0.0) if coef.ndim else (None, float(coef))
+        return Strip(ids[0], values[0], ids[1], values[1])
+
+    def csr(self, nrows):
+        var = [var if var.ndim else var + np.arange(nrows) for var, _ in self.kept]
+        coef = [np.broadcast_to(coef, nrows) for _, coef in self.kept]
+        return np.arange(nrows + 1) * len(var), np.stack(var, 1).ravel(), np.stack(coef, 1).ravel()
 
 
 @pytest.fixture
@@ -83,3 +110,16 @@ def test_refused_rows_are_given_back(store):
     lender = Lender(np.full(10_000, 100), np.ones(10_000), 100)  # there is no variable 100
     assert lender.lend(store, 100) != 0
     assert lender.released == 1
+
+
+BEYOND = np.r_[np.arange(9999) % 100, 100]
+
+
+@pytest.mark.parametrize("strips", [[(0, 1.0), (-1, 1.0)], [(0, np.nan)], [(1, 1.0)], [(BEYOND, 1.0)]])
+def test_refused_strips_are_given_back(strips):
+    store, striped = Store(), Striped(*strips)
+    store.addvars(10_000 if strips[0][0] is not BEYOND else 100)
+    assert striped.lend(store, 10_000) != 0
+    assert striped.released == 1
+    store.update()
+    assert store.int("NumConstrs") == 0

@@ -68,8 +68,7 @@ def nonlinear_parts(problem: Problem) -> list[str]:
 
 def integral_parts(problem: Problem) -> str:
     """ "3 integer variables and 1 semi-continuous variable", "" where all are continuous."""
-    semi = int((problem.vtype == b"S").sum()) if problem.nintegral else 0
-    parts = [(problem.nintegral - semi, "integer variable"), (semi, "semi-continuous variable")]
+    parts = [(problem.nintegral - problem.nsemi, "integer variable"), (problem.nsemi, "semi-continuous variable")]
     return " and ".join(counted(n, kind) for n, kind in parts if n)
 
 

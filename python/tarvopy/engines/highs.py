@@ -112,11 +112,9 @@ class HighsEngine:
             return "the objective is quadratic"
         if problem.is_quadratic:
             return counted(problem.nqrows - problem.nqlinear, "quadratic row")
-        if not problem.nintegral:
+        if not problem.nsemi:
             return None
         semi = problem.vtype.view("u1") == ord("S")  # texts are compared twenty times as slowly
-        if not semi.any():
-            return None
         lb, ub = problem.lb[semi], problem.ub[semi]
         if math.isinf(ub.max()):
             return "a semi-continuous variable needs a finite upper bound"
