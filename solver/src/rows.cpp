@@ -239,7 +239,7 @@ void Rows::finishchunk(int64_t nnz) noexcept {
         std::copy_n(openptr_.data(), opennrows_ + 1, block_.ptr.data());
         block_.ptr.grow(opennrows_ + 1);
     }
-    if (!block_.keeper) {
+    if (!block_.keeper && !block_.striped()) { // strips that count up need nobody to keep anything
         block_.var.grow(nnz);
         block_.coef.grow(nnz);
         block_.var.shrink();

@@ -105,7 +105,10 @@ def files():
         (folder / name).write_text("nonsense that goes on for a while")
     for name in ("old.mps", "old.lp", "old.sol", "old.mps.gz", "old.lp.gz", "old.sol.gz"):
         m.write(folder / name)
-    return [m, fresh(), folder]
+    empty = fresh()
+    empty.setAttr("ModelName", "an empty model")  # neither is the file's
+    empty.setAttr("ModelSense", TRV.MAXIMIZE)
+    return [m, empty, folder]
 
 
 # ---- texts

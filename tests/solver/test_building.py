@@ -107,6 +107,14 @@ def test_bad_variables_are_refused_whole(store, arguments, message):
     assert store.addvars(1) == 3
 
 
+def test_room_for_removals_that_is_given_back_leaves_those_that_are_marked(store):
+    store.remove(VAR, [1])
+    for n in (4, 0):
+        store.call("TRVexpectremoval", VAR, c.c_int64(n))
+    store.update()
+    assert [store.int("NumVars"), *store.idsat(VAR, range(2))] == [2, 0, 2]
+
+
 def test_more_elements_than_ids_are_refused(store):
     message = "2147483647 more variables on top of 3 exceed the limit of 2147483647"
     refused(store, SIZE_LIMIT, message, lambda: store.addvars(2**31 - 1))
