@@ -7,6 +7,7 @@
 #include "collaborators/attrutil.h"
 #include "pysupport/args.h"
 #include "pysupport/numpy.h"
+#include "pysupport/sparse.h"
 
 namespace tarvopy::attrutil {
 
@@ -107,7 +108,7 @@ void check_handle(PyObject *model) {
 // ---- positions
 
 std::vector<int32_t> read_positions(PyObject *indices) {
-    Ref items = check(PySequence_Tuple(indices)); // an __index__ may change the caller's list
+    Ref items = pysupport::own_items(indices, "positions are a list"); // an __index__ may change the caller's list
     std::vector<int32_t> positions;
     positions.reserve(static_cast<size_t>(PyTuple_GET_SIZE(items.get())));
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i) {

@@ -3,27 +3,12 @@
 #include "nlexpr.h"
 #include "pysupport/numbers.h"
 #include "pysupport/numpy.h"
+#include "pysupport/sparse.h"
 #include "quadexpr.h"
 
 #include <cmath>
 
 namespace tarvopy::core {
-
-bool is_sparse(PyObject *object) {
-    PyObject *modules = PyImport_GetModuleDict(); // borrowed
-    PyObject *sparse =
-        PyDict_GetItemString(modules, "scipy.sparse"); // borrowed; nobody has such a matrix before it is imported
-    if (!sparse)
-        return false;
-    Ref held = Ref::borrow(sparse);
-    Ref issparse = Ref::steal(PyObject_GetAttrString(held.get(), "issparse"));
-    if (!issparse) { // half imported
-        PyErr_Clear();
-        return false;
-    }
-    Ref answer = check(PyObject_CallOneArg(issparse.get(), object));
-    return check_status(PyObject_IsTrue(answer.get())) == 1;
-}
 
 namespace {
 
@@ -257,7 +242,7 @@ Operand classify(PyObject *object) {
         kind = OperandKind::NLExpr;
     else if (pysupport::is_number(object))
         kind = OperandKind::Number;
-    else if (pysupport::is_array(object) || is_sparse(object))
+    else if (pysupport::is_array(object) || pysupport::is_sparse(object))
         kind = OperandKind::Array;
     return {kind, object};
 }

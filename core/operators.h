@@ -31,7 +31,6 @@ struct Operand {
 };
 
 Operand classify(PyObject *object);
-bool is_sparse(PyObject *object); // a SciPy matrix
 // The value of a Number; may run its __float__. what ("Multiplier") names it in the refusal of infinity and NaN.
 double finite_number(PyObject *object, const char *what);
 // The same of a constant, whose refusal names the value.

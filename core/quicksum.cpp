@@ -3,6 +3,7 @@
 #include "quadexpr.h"
 
 #include "pysupport/args.h"
+#include "pysupport/sparse.h"
 
 namespace tarvopy::core {
 
@@ -69,10 +70,15 @@ PyObject *quicksum(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject
     return border([&] {
         static const Signature signature{"quicksum", {"iterable"}, 1};
         Arguments given(signature, 0, args, nargs, kwnames);
-        Ref items = check(PyObject_GetIter(given[0]));
+        PyObject *iterable = given[0];
+        // SciPy iterates over the rows of a matrix without a look at what it holds.
+        Ref rows = pysupport::is_sparse(iterable) ? pysupport::checked_copy(iterable) : Ref::borrow(iterable);
+        Ref items = check(PyObject_GetIter(rows.get()));
         ScalarSum scalars;
         Ref total; // once matrix objects are among them
-        while (Ref item = Ref::steal(PyIter_Next(items.get()))) {
+        for (int64_t count = 0; Ref item = Ref::steal(PyIter_Next(items.get())); ++count) {
+            if (count % 4096 == 0) // an array's own iteration hears no Ctrl-C, and a view of one number may be endless
+                check_status(PyErr_CheckSignals());
             Operand operand = total ? Operand{OperandKind::Foreign, item.get()} : classify(item.get());
             if (operand.kind == OperandKind::Number || operand.is_expression())
                 scalars.add(operand);

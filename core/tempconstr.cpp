@@ -4,6 +4,7 @@
 //   x + y <= 3        TempConstr(<LinExpr>, "<", 3)
 //   A @ x >= b        TempConstr(<MLinExpr>, ">", array)
 #include "operators.h"
+#include "pysupport/sparse.h"
 
 #include <structmember.h>
 
@@ -79,7 +80,7 @@ struct ReprEntered {
 
 // A sparse matrix by its kind and shape: its entries, which may be damaged, are SciPy's to print when somebody asks.
 Ref side_text(PyObject *side) {
-    return check(is_sparse(side) ? PyObject_Repr(side) : PyObject_Str(side));
+    return check(pysupport::is_sparse(side) ? PyObject_Repr(side) : PyObject_Str(side));
 }
 
 PyObject *tempconstr_repr(PyObject *object) {

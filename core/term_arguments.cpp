@@ -2,6 +2,7 @@
 #include "operators.h"
 #include "pysupport/numbers.h"
 #include "pysupport/numpy.h"
+#include "pysupport/sparse.h"
 #include "term_lists.h"
 
 namespace tarvopy::core {
@@ -36,6 +37,8 @@ Ref without_arrays(PyObject *object, const char *what) {
 Ref given_items(PyObject *object, const char *what) {
     if (PyUnicode_Check(object) || PyBytes_Check(object))
         fail(PyExc_TypeError, "%s cannot be given as a string", what);
+    if (pysupport::is_sparse(object))
+        fail(PyExc_TypeError, "%s cannot be given as a sparse matrix", what);
     return check(PySequence_Tuple(without_arrays(object, what).get()));
 }
 

@@ -1,5 +1,6 @@
 // Attributes of the model's elements, read and written on a whole handle: one transfer by ids, shaped like the handle.
 #include "matrixapi/handle.h"
+#include "pysupport/sparse.h"
 
 namespace tarvopy {
 
@@ -156,6 +157,7 @@ Ref values_of_array(PyArrayObject *array, const flat::Shape &shape, int type) {
 }
 
 Ref values_of_iterable(PyObject *iterable, const flat::Shape &shape) {
+    refuse_sparse(iterable, "values are a number, a list or an array");
     Ref list = check(PySequence_List(iterable));
     Ref array = check(PyArray_FromAny(list.get(), PyArray_DescrFromType(NPY_OBJECT), 0, 0, NPY_ARRAY_DEFAULT, nullptr));
     if (!same_shape(as_array(array), shape))

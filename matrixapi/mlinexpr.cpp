@@ -24,6 +24,7 @@ using namespace pysupport;
 // ---- constructors -------------------------------------------------------------------------------------------------
 
 flat::Shape asked_shape(PyObject *given) {
+    refuse_sparse(given, "a shape is an int or a tuple of ints");
     Ref tuple = check(PyObject_CallOneArg(mod.broadcast_shapes, given));
     flat::Shape shape = shape_of_tuple(tuple.get());
     if (shape.size() > NPY_MAXDIMS)
@@ -166,6 +167,7 @@ Ref attribute(const Ref &object, const char *name) {
 
 // `a, b = pair`, with its errors.
 std::pair<Ref, Ref> unpacked(PyObject *pair) {
+    refuse_sparse(pair, "a part is a matrix and an MVar");
     Ref tuple = PyTuple_Check(pair) || PyList_Check(pair) || Py_TYPE(pair)->tp_iter || PySequence_Check(pair)
                     ? check(PySequence_Tuple(pair))
                     : Ref();
@@ -208,6 +210,7 @@ void expect_compact(PyObject *parts, PyObject *constant) {
     assert_that(is_array(constant));
     if (assertions_on() && PyArray_SIZE(as_array(constant)) == 0)
         assert_that(check_status(static_cast<int>(std::min<Py_ssize_t>(PyObject_Size(parts), 1))) == 0);
+    refuse_sparse(parts, "parts are pairs of a matrix and an MVar");
     Ref iterator = check(PyObject_GetIter(parts));
     while (Ref pair = Ref::steal(PyIter_Next(iterator.get())))
         expect_part(pair.get());
@@ -323,7 +326,7 @@ PyObject *allows_compact_method(PyObject *, PyObject *const *args, Py_ssize_t na
     return border([&] {
         static const Signature signature{"_allows_compact", {"shape"}, 1};
         Arguments given(signature, 0, args, nargs, kwnames);
-        Ref shape = check(PySequence_Tuple(given[0]));
+        Ref shape = own_items(given[0], "a shape is a tuple of ints");
         return Ref::borrow(allows_compact(shape_of_tuple(shape.get())) ? Py_True : Py_False);
     });
 }

@@ -197,7 +197,7 @@ PyObject *sum(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject 
 PyObject *sum_terms(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
         static const Signature signature{"_sum_terms", {"terms"}, 1};
-        Ref terms = check(PySequence_Tuple(Arguments(signature, 0, args, nargs, kwnames)[0]));
+        Ref terms = own_items(Arguments(signature, 0, args, nargs, kwnames)[0], "terms are a list");
         std::vector<PyObject *> trees;
         for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(terms.get()); ++i)
             trees.push_back(PyTuple_GET_ITEM(terms.get(), i));

@@ -34,6 +34,7 @@ PyObject *unpacked(const Ref &triple, Py_ssize_t place) {
 
 // As `x, Q, y = entry`.
 Ref unpack(PyObject *entry) {
+    refuse_sparse(entry, "a quadratic part is an MVar, a matrix and an MVar");
     Ref triple = Ref::steal(PySequence_Tuple(entry));
     if (!triple && PyErr_ExceptionMatches(PyExc_TypeError) && !Py_TYPE(entry)->tp_iter && !PySequence_Check(entry)) {
         PyErr_Clear();
@@ -83,7 +84,7 @@ void assert_parts(PyObject *parts, PyObject *ndle) {
     flat::Shape shape = shape_of_tuple(check(PyObject_GetAttr(ndle, names.shape)).get());
     assert_that(allows_compact_quad(shape));
     assert_that(flat::size_of(shape) > 0 || check_value(PyObject_Size(parts)) == 0);
-    Ref entries = check(PySequence_Tuple(parts));
+    Ref entries = own_items(parts, "quadratic parts are a list");
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(entries.get()); ++i)
         assert_triple(PyTuple_GET_ITEM(entries.get(), i));
 }
@@ -266,7 +267,7 @@ PyObject *allows_compact_method(PyObject *, PyObject *const *args, Py_ssize_t na
     return border([&] {
         static const Signature signature{"_allows_compact", {"shape"}, 1};
         Arguments given(signature, 0, args, nargs, kwnames);
-        Ref shape = check(PySequence_Tuple(given[0]));
+        Ref shape = own_items(given[0], "a shape is a tuple of ints");
         return Ref::borrow(allows_compact_quad(shape_of_tuple(shape.get())) ? Py_True : Py_False);
     });
 }

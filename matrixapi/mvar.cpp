@@ -15,6 +15,7 @@
 #include "matrixapi/printing.h"
 
 #include "pysupport/args.h"
+#include "pysupport/sparse.h"
 
 #include <algorithm>
 
@@ -147,6 +148,8 @@ Ref wrap_structure(const Elements &source, const Ref &result) {
 // A method of the element array with the caller's own arguments.
 PyObject *structural(PyObject *self, PyObject *method, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {
     return border([&] {
+        for (Py_ssize_t i = 0; i < nargs; ++i)
+            refuse_sparse(args[i], "extents and axes are ints or one tuple of them");
         Elements source = elements_of(self, mvar_handle);
         Ref function = check(PyObject_GetAttr(source.array.get(), method));
         return wrap_structure(source,

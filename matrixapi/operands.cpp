@@ -55,19 +55,6 @@ Operand kind_of(PyObject *object) {
     return is_scalar(object) ? Operand::Scalar : Operand::Other;
 }
 
-bool is_sparse(PyObject *object) {
-    static PyObject *issparse = nullptr; // kept for the life of the process
-    if (!issparse) {
-        PyObject *module = PyDict_GetItemString(PyImport_GetModuleDict(), "scipy.sparse"); // borrowed
-        if (!module || !(issparse = PyObject_GetAttrString(module, "issparse"))) {
-            PyErr_Clear();
-            return false;
-        }
-    }
-    Ref answer = check(PyObject_CallOneArg(issparse, object));
-    return answer.is(Py_True);
-}
-
 bool is_scalar(PyObject *object) {
     return is_number(object);
 }

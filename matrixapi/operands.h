@@ -8,6 +8,7 @@
 #include "flat_product.h"
 #include "pysupport/error.h"
 #include "pysupport/numpy.h"
+#include "pysupport/sparse.h"
 
 namespace tarvopy {
 
@@ -31,7 +32,6 @@ enum class Operand {
 // Arrays and SciPy's matrices are recognised only where NumPy and SciPy are loaded already: an operand cannot be one
 // before.
 Operand kind_of(PyObject *object);
-bool is_sparse(PyObject *object);
 bool is_scalar(PyObject *object); // a plain number, as _util._isscalar says
 
 // The value of a number; throws for one that float() refuses (complex).

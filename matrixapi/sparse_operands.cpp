@@ -151,6 +151,8 @@ std::pair<int64_t, int64_t> extents_of(const flat::Shape &shape) {
     if (shape.empty() || shape.size() > 2)
         fail(PyExc_ValueError, "a sparse matrix must have one or two dimensions, not %zd",
              static_cast<Py_ssize_t>(shape.size()));
+    if (shape[0] < 0 || shape.back() < 0)
+        fail(PyExc_ValueError, "a sparse matrix of shape %S", shape_tuple(shape).get());
     return {shape.size() == 1 ? 1 : shape[0], shape.back()};
 }
 

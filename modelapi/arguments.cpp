@@ -48,7 +48,8 @@ Shape::Shape(PyObject *object) {
         dims[0] = extent(object);
     } else {
         // A tuple of its own: __index__ of an element may change the caller's list.
-        if (!PySequence_Check(object) || PyUnicode_Check(object) || PyBytes_Check(object) || PyByteArray_Check(object))
+        if (!PySequence_Check(object) || PyUnicode_Check(object) || PyBytes_Check(object) ||
+            PyByteArray_Check(object) || pysupport::is_sparse(object))
             fail(PyExc_TypeError, "a shape is an int or a tuple of ints, not '%.200s'", Py_TYPE(object)->tp_name);
         Py_ssize_t announced =
             pysupport::check_value(PyObject_LengthHint(object, 0)); // a view of 2**40 elements is none

@@ -10,6 +10,7 @@
 #include "pysupport/args.h"
 #include "pysupport/error.h"
 #include "pysupport/numpy.h"
+#include "pysupport/sparse.h"
 #include "tarvo_engine.h"
 
 namespace tarvopy::modelapi {

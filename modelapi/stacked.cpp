@@ -115,7 +115,7 @@ TARVOPY_METHOD(function_stacked_columns) {
             throw PythonError{};
         if (n < 0 || n > max_elements)
             fail(PyExc_ValueError, "%lld columns", static_cast<long long>(n));
-        Ref list = check(PySequence_Tuple(given[1]));
+        Ref list = pysupport::own_items(given[1], "columns are a list of arrays");
         std::vector<Block> blocks;
         for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(list.get()); ++i)
             blocks.push_back(block_of(PyTuple_GET_ITEM(list.get(), i), n));

@@ -10,6 +10,7 @@
 
 #include "pysupport/args.h"
 #include "pysupport/numpy.h"
+#include "pysupport/sparse.h"
 
 namespace tarvopy::util {
 
@@ -50,36 +51,6 @@ int64_t column_count(const Shape &right) {
 
 Shape stack_shape(const Shape &shape) {
     return shape.size() > 2 ? Shape(shape.begin(), shape.end() - 2) : Shape();
-}
-
-// A copy in SciPy's own class, its indices checked: SciPy's compiled conversions trust the arrays of a matrix, and with
-// damaged ones they write beyond memory.
-Ref checked_copy(PyObject *sparse) {
-    Ref module = check(PyImport_ImportModule("scipy.sparse")), shape = check(PyObject_GetAttrString(sparse, "shape"));
-    Ref format = check(PyObject_GetAttrString(sparse, "format"));
-    bool by_rows = PyUnicode_Check(format.get()) && PyUnicode_EqualToUTF8(format.get(), "csr");
-    bool compressed = by_rows || (PyUnicode_Check(format.get()) && PyUnicode_EqualToUTF8(format.get(), "csc"));
-    Ref given = compressed ? Ref::borrow(sparse) : check(PyObject_CallMethod(sparse, "tocoo", nullptr));
-    Ref data = check(PyObject_GetAttrString(given.get(), "data"));
-    Ref places = compressed ? check(Py_BuildValue("(ONN)", data.get(), PyObject_GetAttrString(given.get(), "indices"),
-                                                  PyObject_GetAttrString(given.get(), "indptr")))
-                            : check(Py_BuildValue("(ON)", data.get(), PyObject_GetAttrString(given.get(), "coords")));
-    Ref cls = check(PyObject_GetAttrString(module.get(), by_rows      ? "csr_array"
-                                                         : compressed ? "csc_array"
-                                                                      : "coo_array"));
-    Ref arguments = check(PyTuple_Pack(1, places.get())),
-        keywords = check(Py_BuildValue("{s:O,s:O}", "shape", shape.get(), "copy", Py_True));
-    Ref copy =
-        Ref::steal(PyObject_Call(cls.get(), arguments.get(), keywords.get())); // checks the places of a coo_array
-    Ref checked = copy && compressed ? Ref::steal(PyObject_CallMethod(copy.get(), "check_format", "O", Py_True))
-                                     : Ref::borrow(Py_None);
-    if (copy && checked)
-        return copy;
-    if (PyErr_ExceptionMatches(PyExc_ValueError)) {
-        PyErr_Clear();
-        fail(PyExc_ValueError, "a sparse matrix whose pointers or indices do not fit its shape");
-    }
-    throw pysupport::PythonError{};
 }
 
 // The stored entries of a sparse matrix by row or by column, in ascending order of the other index, no place twice.

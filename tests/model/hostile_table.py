@@ -152,6 +152,7 @@ def operand(draw, own):
         lambda: np.broadcast_to(draw.choice([1.0, 1, True]), draw.choice(VIEWS)),
         acting, acting, lambda: [acting()] * 4, lambda: (0, acting()), half_made,
         lambda: draw.choice(plain), lambda: draw.choice(list(own.values())), lambda: sp.coo_array((4, 2**31 + 5)),
+        lambda: damaged(draw),
     )  # fmt: skip
     return draw.choice(makers)()
 
