@@ -267,3 +267,15 @@ def test_more_columns_than_256_bins_of_16_bits_tell_apart():
     pair.asked.update()
     lib.TRVunpin(pair.view()[1])
     assert all(map(np.array_equal, pair.asked.matrix(0), (ptr, var, coef)))
+
+
+@pytest.mark.parametrize("firsts", [(0, 1), (1, 0), (2, 0, 1)])
+def test_strips_that_overlap_as_in_differences(firsts):
+    nrows = 70_000
+    pair, striped = Pair(np.random.default_rng(1), nrows + 2), Striped(*((first, first + 1.0) for first in firsts))
+    assert striped.lend(pair.asked, nrows) == 0
+    pair.plain.addcsr(*striped.csr(nrows), 0.0, 1.0)
+    pair.both("update")
+    pair.columns()
+    assert pair.parked == 1
+    pair.rows()
