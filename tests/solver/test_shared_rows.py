@@ -5,7 +5,7 @@ import ctypes as c
 import numpy as np
 import pytest
 
-from solver.store import INVALID, SIZE_LIMIT, Store, lib
+from solver.store import INVALID, NOT_IN_MODEL, SIZE_LIMIT, VAR, Store, lib
 from solver.store_layout import f64p, i32p, i64p, layout
 
 RELEASE = c.CFUNCTYPE(None, c.c_void_p)
@@ -123,3 +123,17 @@ def test_refused_strips_are_given_back(strips):
     assert striped.released == 1
     store.update()
     assert store.int("NumConstrs") == 0
+
+
+def test_strips_are_tidied_and_checked_as_rows_are():
+    store, n = Store(), 10_000
+    store.addvars(n)
+    coef = np.ones(n)
+    coef[5] = 0.0
+    assert Striped((0, coef)).lend(store, n) == 0
+    store.update()
+    assert (store.int("NumNZs"), store.row(4), store.row(5)) == (n - 1, [(4, 1.0)], [])
+    store.remove(VAR, [7])
+    for _ in range(2):  # marked, then gone
+        assert Striped((0, 2.0)).lend(store, n) == NOT_IN_MODEL
+        store.update()
