@@ -88,12 +88,17 @@ bool Shape::takes(const Shape &smaller) const {
 Shape Shape::joined(const Shape &other) const {
     npy_intp extents[NPY_MAXDIMS];
     int count = std::max(ndim, other.ndim);
+    double product = 1; // whole below 2**53, and only compared with less
     for (int d = 1; d <= count; ++d) {
         npy_intp a = d <= ndim ? dims[ndim - d] : 1, b = d <= other.ndim ? other.dims[other.ndim - d] : 1;
         if (a != b && a != 1 && b != 1)
             fail(PyExc_ValueError, "shapes %s and %s do not broadcast", text().c_str(), other.text().c_str());
         extents[count - d] = a == 1 ? b : a;
+        product *= static_cast<double>(extents[count - d]);
     }
+    if (product > max_elements)
+        fail(PyExc_ValueError, "shapes %s and %s broadcast to more than 2**31 - 1 elements", text().c_str(),
+             other.text().c_str());
     return Shape(count, extents);
 }
 

@@ -52,7 +52,7 @@ Attr requireattribute(const char *name, int type, bool ofelements, Access access
     if (access == Access::kWrite && !info.settable)
         failf(TRV_ERROR_ATTRIBUTE_KIND, "%s cannot be set", info.name);
     if (info.type != type)
-        failf(TRV_ERROR_ATTRIBUTE_KIND, "%s is a %s attribute, not a %s one", info.name, typenames[info.type],
+        failf(TRV_ERROR_ATTRIBUTE_KIND, "%s is an attribute of type %s, not %s", info.name, typenames[info.type],
               type >= 0 && type <= TRV_STRING ? typenames[type] : "known");
     return static_cast<Attr>(i);
 }

@@ -359,6 +359,7 @@ def test_the_model_refuses_what_is_no_general_constraint(m):
         (3.0 == genfunc.max(1, 2), TypeError, "not of numbers"),
         (genfunc.indicator(x, 1, TempConstr(1, "<", 2)), TypeError, "not of two numbers"),
         (X == genfunc.abs(m.addMVar(3)), ValueError, r"shapes \(2,\) and \(3,\) do not broadcast"),
+        (m.addMVar((1 << 17, 1)) == genfunc.abs(m.addMVar(1 << 17)), ValueError, r"\(131072, 1\) and \(131072,\)"),
         (genfunc.indicator(X, [0, 1, 1], x <= 1), ValueError, "do not broadcast"),
         (y == genfunc.max(x, float("nan")), TarvoError, "the constant of argument 2 is nan"),
         (y == genfunc.max(x, INF), TarvoError, r"general constraint G0 \(MAX\)"),

@@ -58,7 +58,7 @@ def test_every_attribute_is_found_by_its_name_alone():
     ("code", "message", "call"),
     [
         (UNKNOWN_ATTRIBUTE, "there is no attribute 'Foo'", lambda m: m.dbls("Foo", [0])),
-        (ATTRIBUTE_KIND, "VType is a character attribute, not a double one", lambda m: m.dbls("VType", [0])),
+        (ATTRIBUTE_KIND, "VType is an attribute of type character, not double", lambda m: m.dbls("VType", [0])),
         (ATTRIBUTE_KIND, "NumVars is an attribute of the model, not of elements", lambda m: m.dbls("NumVars", [0])),
         (ATTRIBUTE_KIND, "LB is an attribute of variables, not of the model", lambda m: m.dbl("LB")),
         (ATTRIBUTE_KIND, "X cannot be set", lambda m: m.setdbls("X", [0], 1.0)),
