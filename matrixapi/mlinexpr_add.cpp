@@ -154,8 +154,17 @@ Ref add_elements(PyObject *self, PyObject *other, Operand kind, double factor) {
     return wrap_elements(check(PyNumber_Add(left.get(), right.get())));
 }
 
+// The full value of a compact expression is read off its joined parts, which it keeps.
+void join_if_compact(PyObject *expr) {
+    if (is_compact(expr))
+        join_parts(expr);
+}
+
 Ref add_full(PyObject *self, PyObject *other, Operand kind, double factor) {
     need_finite_addend(other);
+    join_if_compact(self);
+    if (kind == Operand::MLinExpr)
+        join_if_compact(other);
     Value a, b;
     if (!expr_value(self, a) || !value_of(other, kind, b) || !merge_models(a.model, b.model))
         return add_elements(self, other, kind, factor);
@@ -172,10 +181,6 @@ Ref add_compact(PyObject *self, PyObject *other, double factor) {
     if (is_compact(other) && allows_compact(shape))
         if (Ref sum = add_compact_compact(self, other, shape, factor))
             return sum;
-    // The full value is read off the joined parts, which the operands keep.
-    join_parts(self);
-    if (is_compact(other))
-        join_parts(other);
     return add_full(self, other, Operand::MLinExpr, factor);
 }
 
@@ -297,6 +302,8 @@ void iadd_flat(LinearNative &native, const flat::Form &operand, Ref model, doubl
 
 void iadd_full(PyObject *self, PyObject *other, Operand kind, double factor) {
     need_finite_addend(other);
+    if (kind == Operand::MLinExpr)
+        join_if_compact(other);
     Value operand;
     if (!value_of(other, kind, operand))
         return iadd_elements(self, other, kind, factor);
@@ -357,6 +364,8 @@ bool is_linear_operand(Operand kind) {
 
 Ref add_quadratic(PyObject *self, PyObject *other, Operand kind, double factor) {
     Ref sum = quad_from_mlinexpr(mod.MQuadExpr, self);
+    if (kind == Operand::MQuadExpr)
+        merge_if_compact(other);
     Ref operand = kind == Operand::QuadExpr ? quad_from_quadexpr(mod.MQuadExpr, other)
                   : kind == Operand::Array  ? quad_from_elements(other)
                                             : Ref::borrow(other);

@@ -79,6 +79,8 @@ Ref numeric_product(PyObject *self, PyObject *matrix, bool sparse, Side side) {
     if (std::find(shape.begin(), shape.end(), 0) != shape.end())
         return make_zeros(mod.MLinExpr, shape);
     bool compact = takes_compact_path(self) && allows_compact(shape);
+    if (!compact && is_compact(self))
+        join_parts(self);
     Ref numbers = sparse ? Ref() : as_doubles(matrix);
     Value value;
     bool countable = (sparse || numbers) && (compact || expr_value(self, value));

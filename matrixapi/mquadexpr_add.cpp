@@ -59,6 +59,8 @@ Ref add_compact_compact(PyObject *self, PyObject *other, double factor) {
     if (!allows_compact_quad(shape) || !quad_parts(self, parts, model) || !quad_parts(other, more, other_model) ||
         !merge_models(model, other_model))
         return {};
+    if (factor != 1.0) // the scaled operand is a copy, and copying merges
+        merge_quad_parts(other);
     Ref ndle = add(own_ndle(self).get(), own_ndle(other).get(), factor);
     scale_parts(more, factor);
     parts.insert(parts.end(), more.begin(), more.end());
@@ -70,6 +72,8 @@ Ref add_compact_compact(PyObject *self, PyObject *other, double factor) {
 }
 
 Ref add_full_quadratics(PyObject *self, PyObject *other, double factor) {
+    merge_if_compact(self);
+    merge_if_compact(other);
     Ref ndle = add(own_ndle(self).get(), own_ndle(other).get(), factor);
     QuadValue a, b;
     if (!quad_numbers(self, a) || !quad_numbers(other, b) || !merge_models(a.model, b.model)) {
@@ -196,6 +200,7 @@ void grow(QuadNative &native, flat::QuadForm more, const Ref &model) {
 }
 
 void iadd_full_quadratics(PyObject *self, PyObject *other, double factor) {
+    merge_if_compact(other);
     quad_convert_to_full(self);
     prepare_quad_change(self);
     QuadValue operand;
@@ -259,6 +264,11 @@ bool takes_compact_quad_path(PyObject *expr) {
         return true;
     quad_convert_to_full(expr);
     return false;
+}
+
+void merge_if_compact(PyObject *expr) {
+    if (is_compact_quad(expr))
+        merge_quad_parts(expr);
 }
 
 bool merged_quad_parts(PyObject *expr, std::vector<QuadPart> &parts, Ref &model) {

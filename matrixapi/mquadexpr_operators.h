@@ -33,6 +33,8 @@ QuadNative *own_form_of(PyObject *expr);
 bool takes_compact_quad_path(PyObject *expr);
 // At most one part, which the expression keeps. False as quad_parts.
 bool merged_quad_parts(PyObject *expr, std::vector<QuadPart> &parts, Ref &model);
+// Merges the parts of a compact expression, which keeps the merged one: where the full value is read off it.
+void merge_if_compact(PyObject *expr);
 void scale_parts(std::vector<QuadPart> &parts, double factor);
 
 // ---- arithmetic, shared by operators and their reflected forms; NotImplemented where the operand is not theirs

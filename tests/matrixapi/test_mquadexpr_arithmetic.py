@@ -235,6 +235,38 @@ def test_one_part_more_for_each_sum_in_place(mode, model):
     assert set(entries(q).values()) == {0.0}
 
 
+def test_operands_keep_the_joined_parts_where_their_full_value_was_read(mode, model):
+    x, wide = variables(model, (1,)), variables(model, (3, 3))
+
+    def linear():
+        e = x + 1
+        e += x[0].item()
+        return e
+
+    def quadratic():
+        q = x * x
+        q += x * x
+        return q
+
+    joining = [
+        lambda e: wide + e, lambda e: wide - e, lambda e: (wide + 1) + e, lambda e: e - wide,
+        lambda e: e + np.ones((3, 3)), lambda e: np.ones((3, 3)) - e, lambda e: operator.iadd(wide + 1, e),
+        lambda e: wide * wide + e, lambda e: e - wide * wide, lambda e: operator.isub(wide * wide, e),
+    ]  # fmt: skip
+    for use in joining:
+        use(e := linear())
+        assert len(e._matmulparts) == 1
+    with pytest.warns(UserWarning, match="Chained"):
+        np.ones((3, 3, 1)) @ (e := linear())
+    assert len(e._matmulparts) == 1
+    for use in [*joining, lambda q: x - q, lambda q: x * x - q, lambda q: (x + 1) + q]:
+        use(q := quadratic())
+        assert len(q._quadparts) == 1
+    for use in (lambda q: x * x + q, lambda q: q + x * x, lambda q: q <= 1):
+        use(q := quadratic())
+        assert len(q._quadparts) == 2
+
+
 def test_compact_results_share_no_part_with_their_operands(mode, model):
     x = variables(model, (3,))
     q = x @ x
