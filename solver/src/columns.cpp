@@ -1,6 +1,8 @@
 // columns.cpp: adding variables and their checks.
 #include "columns.h"
 
+#include "scan.h"
+
 #include <algorithm>
 
 namespace store {
@@ -31,11 +33,7 @@ template <class Array, class Checked> void place(Array &array, const Given &give
     if (given.n && given.step == 0)
         return fill(array, given.n, checked(*given.from, 0));
     double *to = array.room(given.n);
-    bool finite = true;
-    for (int64_t i = 0; i < given.n; i++) {
-        to[i] = given.from[i * given.step];
-        finite &= isfinite(to[i]);
-    }
+    const bool finite = copyfinite(given.n, given.from, given.step, to);
     for (int64_t i = 0; !finite && i < given.n; i++)
         to[i] = checked(given.from[i], i);
 }

@@ -6,6 +6,7 @@
 #include "rows.h"
 
 #include "failure.h"
+#include "scan.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -124,15 +125,6 @@ bool pointershold(int64_t nrows, int64_t nnz, const int64_t *ptr) {
 
 constexpr int64_t kBlock = 4096; // terms looked at several times while they are in the nearest cache
 
-bool plainterms(int64_t n, const int32_t *var, const double *coef, uint32_t count) {
-    bool plain = true;
-    for (int64_t k = 0; k < n; k++)
-        plain &= static_cast<uint32_t>(var[k]) < count;
-    for (int64_t k = 0; k < n; k++)
-        plain &= isfinite(coef[k]) & (coef[k] != 0.0);
-    return plain;
-}
-
 // Where the ids do not ascend, one row must end and another begin: counted over all terms, and over the ends of rows.
 int32_t descents(int64_t n, const int32_t *var) {
     int32_t count = 0;
@@ -162,7 +154,7 @@ bool tidyalready(const Registry &variables, int64_t nrows, int64_t nnz, const in
     int64_t down = 0;
     for (int64_t from = 0; from < n; from += kBlock) {
         const int64_t terms = std::min(kBlock, n - from);
-        if (!plainterms(terms, var + from, coef + from, static_cast<uint32_t>(variables.count())))
+        if (!allbelow(terms, var + from, variables.count()) || !allplain(terms, coef + from))
             return false;
         down += descents(from ? terms + 1 : terms, from ? var + from - 1 : var);
     }

@@ -2,6 +2,7 @@
 #include "rows.h"
 
 #include "failure.h"
+#include "scan.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -30,13 +31,7 @@ template <class Allowed> bool copyside(int64_t n, const double *from, int step, 
         return fits;
     }
     double *to = side.room(n);
-    if (to != from)
-        for (int64_t i = 0; i < n; i++)
-            to[i] = from[i * step];
-    bool finite = true;
-    for (int64_t i = 0; i < n; i++)
-        finite &= isfinite(to[i]);
-    return finite;
+    return to == from ? allfinite(n, to) : copyfinite(n, from, step, to);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include "strips.h"
 
 #include "buffer.h"
-#include "failure.h"
+#include "scan.h"
 
 #include <algorithm>
 #include <numeric>
@@ -26,12 +26,7 @@ Range rangeof(const TRVstrip &strip, int64_t nrows) {
 }
 
 bool plaincoefs(const TRVstrip &strip, int64_t nrows) {
-    if (!strip.coef)
-        return isfinite(strip.scale) && strip.scale != 0.0;
-    bool plain = true;
-    for (int64_t i = 0; i < nrows; i++)
-        plain &= isfinite(strip.coef[i]) & (strip.coef[i] != 0.0);
-    return plain;
+    return strip.coef ? allplain(nrows, strip.coef) : allplain(1, &strip.scale);
 }
 
 // Whether a variable of one never stands beside itself in the other, and the smaller one stands in the same strip in
