@@ -104,15 +104,18 @@ def test_rows_are_the_difference_of_the_sides(mode, left):
 
 
 def test_rows_beyond_those_that_the_kernels_take_at_once(mode, model):
-    n = 2500
+    n = 4000  # and so many that their terms are not copied
     before, x, y = (variables(model, k, name) for k, name in ((2, "b"), (n, "x"), (n, "y")))
     X, Y = x.reshape(-1, 2), y.reshape(-1, 2)  # which are no compact expressions
     D = sp.diags_array([np.arange(1.0, n), np.arange(2.0, n + 2)], offsets=[1, 0], format="csr")
     model.addConstr(3 * X - Y + before[1] <= 1)  # one term a row in each summand
     model.addConstr(D @ x + 2 * x[::-1] >= y)
+    model.addConstr(5 * x[::-1] - y >= np.zeros((2, n)))  # a vector of no order, spread
     identity, one = sp.eye_array(n), sp.coo_array((np.ones(n), (np.arange(n), np.ones(n, int))), shape=(n, 2))
     nothing = sp.csr_array((n, 2))
-    expected = [[one, 3 * identity, -identity], [nothing, D + 2 * sp.csr_array(identity)[::-1], -identity]]
+    backwards = sp.csr_array(identity)[::-1]
+    expected = [[one, 3 * identity, -identity], [nothing, D + 2 * backwards, -identity]]
+    expected += [[nothing, 5 * backwards, -identity]] * 2
     model.update()
     assert abs(model.getA() - sp.block_array(expected, format="csr")).sum() == 0
     products = X * Y - 2 * X * before[0] + (X + Y) * (X - 1.0)
