@@ -29,8 +29,8 @@ void settypes(TRVmodel &model, const Selection &which, const char *values, int s
     eachslot(ids, "VType", which, [&](int64_t i, int32_t s) {
         if (Columns::checkedtype(values[i * step], [&] { return ids.called(which.id(i)); }) != 'B')
             return;
-        columns.lb.expect(s, std::max(columns.lb[s], 0.0));
-        columns.ub.expect(s, std::min(columns.ub[s], 1.0));
+        columns.lb.expect(std::max(columns.lb[s], 0.0));
+        columns.ub.expect(std::min(columns.ub[s], 1.0));
     });
     for (int64_t i = 0; i < which.n; i++)
         puttype(model, ids.slot(which.id(i)), values[i * step]);
@@ -73,8 +73,8 @@ void setsenses(TRVmodel &model, const Selection &which, const char *values, int 
     eachslot(rows.ids, "Sense", which, [&](int64_t i, int32_t s) {
         checksense(rows, which.id(i), s, values[i * step]);
         const Sides sides = sideswith(rows, s, values[i * step]);
-        rows.lower.expect(s, sides.lower);
-        rows.upper.expect(s, sides.upper);
+        rows.lower.expect(sides.lower);
+        rows.upper.expect(sides.upper);
     });
     for (int64_t i = 0; i < which.n; i++)
         putsense(model, rows.ids.slot(which.id(i)), values[i * step]);

@@ -208,7 +208,7 @@ void setvariables(TRVmodel &model, Attr attr, const Selection &which, const doub
             [&](double v, int64_t id, int32_t s) {
                 v = Columns::checkedlb(v, calling(columns.ids, id));
                 v = columns.vtype[s] == 'B' ? std::max(v, 0.0) : v;
-                columns.lb.expect(s, v);
+                columns.lb.expect(v);
                 return v;
             },
             [&](int32_t s, double v) { model.write(columns.lb, s, v, Changes::kBounds); });
@@ -218,7 +218,7 @@ void setvariables(TRVmodel &model, Attr attr, const Selection &which, const doub
             [&](double v, int64_t id, int32_t s) {
                 v = Columns::checkedub(v, calling(columns.ids, id));
                 v = columns.vtype[s] == 'B' ? std::min(v, 1.0) : v;
-                columns.ub.expect(s, v);
+                columns.ub.expect(v);
                 return v;
             },
             [&](int32_t s, double v) { model.write(columns.ub, s, v, Changes::kBounds); });
@@ -268,18 +268,18 @@ void setrows(TRVmodel &model, Attr attr, const Selection &which, const double *v
             [&](double v, int64_t id, int32_t s) {
                 v = checkedrhs(v, calling(rows.ids, id), rows.sense[s]);
                 if (rows.sense[s] != '<') // that of a two-sided row may turn before another value of it comes
-                    rows.lower.expect(s, v);
+                    rows.lower.expect(v);
                 if (rows.sense[s] != '>')
-                    rows.upper.expect(s, v);
+                    rows.upper.expect(v);
                 return v;
             },
             [&](int32_t s, double v) { putrhs(model, s, normalized(v)); });
     case Attr::Lower:
         return checkthenset(
             rows.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t s) {
+            [&](double v, int64_t id, int32_t) {
                 v = Rows::checkedlower(v, calling(rows.ids, id), what);
-                rows.lower.expect(s, v);
+                rows.lower.expect(v);
                 return v;
             },
             [&](int32_t s, double v) {
@@ -289,9 +289,9 @@ void setrows(TRVmodel &model, Attr attr, const Selection &which, const double *v
     default:
         return checkthenset(
             rows.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t s) {
+            [&](double v, int64_t id, int32_t) {
                 v = Rows::checkedupper(v, calling(rows.ids, id), what);
-                rows.upper.expect(s, v);
+                rows.upper.expect(v);
                 return v;
             },
             [&](int32_t s, double v) {

@@ -56,9 +56,9 @@ class Values {
         same_ = true;
     }
 
-    // set(i, value) will need no memory.
-    void expect(size_t i, double value) {
-        if ((*this)[i] != value)
+    // set(i, value) will need no memory, whichever i: 0.0 and -0.0 are two values here.
+    void expect(double value) {
+        if (same_ && !identical(value, value_))
             spread(0);
     }
     void set(size_t i, double value) {
