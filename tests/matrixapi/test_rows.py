@@ -110,12 +110,15 @@ def test_rows_beyond_those_that_the_kernels_take_at_once(mode, model):
     D = sp.diags_array([np.arange(1.0, n), np.arange(2.0, n + 2)], offsets=[1, 0], format="csr")
     model.addConstr(3 * X - Y + before[1] <= 1)  # one term a row in each summand
     model.addConstr(D @ x + 2 * x[::-1] >= y)
-    model.addConstr(5 * x[::-1] - y >= np.zeros((2, n)))  # a vector of no order, spread
+    model.addConstr(5 * x[::-1] >= np.zeros((3, n)))  # a vector in another order, spread
+    model.addConstr(7 * X[::-1] - Y - X >= 0)
     identity, one = sp.eye_array(n), sp.coo_array((np.ones(n), (np.arange(n), np.ones(n, int))), shape=(n, 2))
     nothing = sp.csr_array((n, 2))
     backwards = sp.csr_array(identity)[::-1]
     expected = [[one, 3 * identity, -identity], [nothing, D + 2 * backwards, -identity]]
-    expected += [[nothing, 5 * backwards, -identity]] * 2
+    expected += [[nothing, 5 * backwards, None]] * 3
+    turned = sp.csr_array(identity)[np.arange(n).reshape(-1, 2)[::-1].ravel()]
+    expected += [[nothing, 7 * turned - identity, -identity]]
     model.update()
     assert abs(model.getA() - sp.block_array(expected, format="csr")).sum() == 0
     products = X * Y - 2 * X * before[0] + (X + Y) * (X - 1.0)
