@@ -78,6 +78,15 @@ def changed():
     return [m]
 
 
+def same():
+    """Bounds and sides are one number throughout, and stand nowhere."""
+    m = Failing()
+    m.addvars(N, -5.0, 5.0)
+    m.addrows([{}] * N, -INF, 1.0)
+    m.update()
+    return [m]
+
+
 def solved():
     [m] = linear()
     m.solved(np.arange(N) / N, np.zeros(N), np.zeros(12), objval=1.0, bound=1.0, gap=0.0)
@@ -188,6 +197,10 @@ TABLE = {
     "setdbls Start": (changed, lambda m: m.setdbls("Start", range(N + 5), np.arange(N + 5.0))),
     "setchars": (changed, lambda m: m.setchars("VType", range(18), "I" * 18)),
     "setchars of rows": (changed, lambda m: m.setchars("Sense", range(12), "=" * 12)),
+    "setdbls of one number": (same, lambda m: m.setdbls("UB", range(18), np.arange(18.0))),
+    "setchars of one number": (same, lambda m: m.setchars("VType", range(18), "B" * 18)),
+    "setchars of rows of one number": (same, lambda m: m.setchars("Sense", range(18), "=" * 17 + ">")),
+    "written out": (same, lambda m: [len(m.data()["lb"]), m.view()["ub"].tolist()]),
     "setstrs": (changed, lambda m: m.setstrs("VarName", range(18), [f"another name of length {i}" for i in range(18)])),
     "setstrs of rows": (
         changed,
