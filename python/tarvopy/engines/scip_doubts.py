@@ -21,6 +21,7 @@ if TYPE_CHECKING:
 _FARTHEST = 1e12  # of variables without a bound there: beyond, a sum is rounded by more than any tolerance
 _BESIDE_ZERO = 1e-8  # where the arguments of logarithms and negative powers end for SCIP
 _BEYOND_ROUNDING = 1e-3  # no change of a variable within its tolerance moves a fair objective as much
+_AS_GOOD = 1e-9  # the same objective but for rounding and for what bounds may be missed by
 _STEP = 2e-9  # a fiftieth of what variables may be off
 # So much of its scale a fair row does not move in such a step: its slope would be 1e7. A logarithm that SCIP kept 1e-9
 # away from 0 moves by 0.04, a quotient by half; the fifth root at 0 by 0.018.
@@ -28,7 +29,22 @@ _LEAP = 0.02
 
 
 def doubt_of(problem: Problem, x: np.ndarray) -> str | None:
-    return _ran_off(problem, x) or _at_a_pole(problem, x) or _at_an_edge(problem, x)
+    doubt = _ran_off(problem, x) or _at_a_pole(problem, x)
+    return doubt or (None if _at_its_best(problem, x) else _at_an_edge(problem, x))
+
+
+def _at_its_best(problem: Problem, x: np.ndarray) -> bool:
+    """A linear objective that is as good as the bounds of its variables allow is an optimum, whatever leaps beside it:
+    the minimum of t >= 1 / y over the pole where t is at least -50.
+    """
+    if problem.nnlobj or problem.nqobj:
+        return False
+    used = problem.obj != 0
+    cost = problem.sense * problem.obj[used]
+    zero = np.where(problem.vtype[used] == b"S", 0.0, np.nan)  # which a semi-continuous variable may take besides
+    lower, upper = np.fmin(problem.lb[used], zero), np.fmax(problem.ub[used], zero)
+    best = float(cost @ np.where(cost > 0, lower, upper))
+    return math.isfinite(best) and float(cost @ x[used]) - best <= _AS_GOOD * (1.0 + abs(best))
 
 
 def _ran_off(problem: Problem, x: np.ndarray) -> str | None:
