@@ -77,7 +77,14 @@ bool quad_parts(PyObject *expr, std::vector<QuadPart> &parts, Ref &model);
 bool quad_of_quadexpr(PyObject *quadexpr, flat::QuadForm &form, flat::Form &linear, Ref &model);
 
 // ---- changing the state ---------------------------------------------------------------------------------------------
-void set_quad_parts(PyObject *expr, std::vector<QuadPart> parts, Ref model); // as set_parts
+// New parts of a compact expression. Making them may fail; setting them needs no memory, so that the linear half can
+// change in between.
+struct NewQuadParts {
+    std::unique_ptr<QuadNative> native;
+    Ref list; // where the documented list is seen at once
+};
+NewQuadParts new_quad_parts(PyObject *expr, std::vector<QuadPart> parts, Ref model);
+void set_quad_parts(PyObject *expr, NewQuadParts parts);
 QuadPart merged(const std::vector<QuadPart> &parts); // block diagonal, in order, linear in the entries
 QuadPart laid_out(QuadPart part);                    // entries in their documented order
 void quad_convert_to_full(PyObject *expr);

@@ -16,17 +16,28 @@ using namespace pysupport;
 
 // ---- parts --------------------------------------------------------------------------------------------------------
 
-void set_quad_parts(PyObject *expr, std::vector<QuadPart> parts, Ref model) {
-    auto made = std::make_unique<QuadNative>();
-    made->compact = true;
-    made->parts = std::move(parts);
-    made->model = std::move(model);
+NewQuadParts new_quad_parts(PyObject *expr, std::vector<QuadPart> parts, Ref model) {
+    NewQuadParts made{std::make_unique<QuadNative>(), {}};
+    if (eager || is_watched(expr)) {
+        made.list = check(PyList_New(0));
+        for (const QuadPart &part : parts)
+            check_status(PyList_Append(made.list.get(), part_triple(part, model).get()));
+    }
+    made.native->compact = true;
+    made.native->parts = std::move(parts);
+    made.native->model = std::move(model);
+    return made;
+}
+
+void set_quad_parts(PyObject *expr, NewQuadParts parts) {
     Ref old = Ref::borrow(stored(expr, names._quadparts)); // outlives the change of state
-    install_quad(expr, std::move(made));
+    if (parts.list) {
+        Ref ndle = Ref::borrow(documented(expr, names._ndle));
+        return store_quad_documented(expr, Py_None, parts.list.get(), ndle.get());
+    }
+    install_quad(expr, std::move(parts.native));
     forget(expr, names._quadparts);
     forget(expr, names._qearr);
-    if (eager || is_watched(expr))
-        quadparts(expr);
 }
 
 namespace {
@@ -117,7 +128,7 @@ void merge_quad_parts(PyObject *expr) {
     std::vector<QuadPart> parts;
     Ref model;
     if (quad_parts(expr, parts, model)) {
-        set_quad_parts(expr, {merged(parts)}, std::move(model));
+        set_quad_parts(expr, new_quad_parts(expr, {merged(parts)}, std::move(model)));
         return;
     }
     Ref joined = joined_triples(quadparts(expr).get()), old = Ref::borrow(stored(expr, names._quadparts));

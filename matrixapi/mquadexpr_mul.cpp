@@ -86,10 +86,10 @@ bool imul_compact(PyObject *self, const Ref &numbers) {
     if (!merged_quad_parts(self, parts, model))
         return false;
     scale_parts(parts, *doubles(numbers));
+    NewQuadParts product = new_quad_parts(self, std::move(parts), std::move(model));
     imul(own_ndle(self).get(), numbers.get());
-    if (parts.empty())
-        return true;
-    set_quad_parts(self, std::move(parts), std::move(model));
+    if (!product.native->parts.empty())
+        set_quad_parts(self, std::move(product));
     return true;
 }
 

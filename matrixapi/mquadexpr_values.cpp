@@ -182,11 +182,12 @@ void clear_linear(const Ref &linear) {
 // Afterwards the quadratic half of a native form is emptied, which cannot fail.
 void clear_native(PyObject *expr, const Ref &linear) {
     flat::QuadForm zero = flat::zero_quad(quad_shape_of(expr));
+    const bool compact = is_compact(quad_state_of(expr));
+    NewQuadParts none = compact ? new_quad_parts(expr, {}, {}) : NewQuadParts{};
     clear_linear(linear);
     QuadNative *native = quadratic_of(expr);
     if (!native || native->membership.shared || eager || is_watched(expr))
-        return is_compact(quad_state_of(expr)) ? set_quad_parts(expr, {}, {})
-                                               : quad_become_flat(expr, std::move(zero), {});
+        return compact ? set_quad_parts(expr, std::move(none)) : quad_become_flat(expr, std::move(zero), {});
     if (native->compact)
         native->parts.clear();
     else

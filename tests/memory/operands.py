@@ -48,6 +48,12 @@ def used():
     return operands
 
 
+def compact():
+    """The same with expressions in their compact state, the quadratic ones of one element."""
+    m, x, *_ = arrays()
+    return [m, x, SPARSE @ x + 1, x @ MATRIX @ x + 3 * x.sum(), 2 * (x @ x) + x[0]]
+
+
 def built():
     """A model, its variables, linear rows and a quadratic one."""
     m = fresh()

@@ -10,7 +10,7 @@ import numpy as np
 import tarvopy as tv
 from memory import model_operations
 from memory.failing import ONCE, run
-from memory.operands import MATRIX, NUMBERS, SPARSE, N, arrays, outcome, scalars, state, used
+from memory.operands import MATRIX, NUMBERS, SPARSE, N, arrays, compact, outcome, scalars, state, used
 from tarvopy import TRV, _debug, nlfunc
 from tarvopy._core import LinExpr, QuadExpr
 
@@ -119,6 +119,7 @@ ASSIGNMENTS = {
     "e.clear": lambda m, x, e, q, f: e.clear(),
     "q.clear": lambda m, x, e, q, f: q.clear(),
 }
+COMPACT = ("e += x", "e -= numbers", "e *= numbers", "q *= 2", "f += q", "e.clear", "q.clear")
 GROUPS = {
     "scalars": (scalars, SCALARS),
     "scalars in place": (scalars, INPLACE),
@@ -126,6 +127,7 @@ GROUPS = {
     "arrays with objects": (used, ARRAYS),
     "arrays in place": (arrays, ASSIGNMENTS),
     "arrays with objects in place": (used, ASSIGNMENTS),
+    "compact arrays in place": (compact, {name: ASSIGNMENTS[name] for name in COMPACT}),
     **model_operations.GROUPS,
 }
 

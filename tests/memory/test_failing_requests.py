@@ -30,7 +30,14 @@ def run(name: str, *words: str) -> None:
     "program",
     [
         ["store_operations"],
-        ["python_operations", "scalars", "scalars in place", "arrays in place", "arrays with objects in place"],
+        [
+            "python_operations",
+            "scalars",
+            "scalars in place",
+            "arrays in place",
+            "arrays with objects in place",
+            "compact arrays in place",
+        ],
         ["python_operations", "arrays", "arrays with objects", *MODELS, "every=23", SEED],
         ["python_operations", *ENGINES, "every=41", SEED],
         ["python_operations", "eager", "arrays", "arrays with objects", *MODELS, "every=53", SEED],
