@@ -62,9 +62,11 @@ class Values {
             spread(0);
     }
     void set(size_t i, double value) {
-        if (same_ && identical(value, value_))
-            return;
-        spread(0);
+        if (same_) { // asked here, as setting many is a loop over this
+            if (identical(value, value_))
+                return;
+            spread(0);
+        }
         all_[i] = value;
     }
     // The first n of another one.
