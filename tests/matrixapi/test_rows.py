@@ -128,6 +128,37 @@ def test_rows_beyond_those_that_the_kernels_take_at_once(mode, model):
         assert str(products[i // 2, i % 2].item()) == text
 
 
+SHAPES = [(100, 120), (100, 120), (120,), (100, 1), ()]
+LARGE = [
+    lambda x, y, r, c, d: x - y,
+    lambda x, y, r, c, d: x[::-1],
+    lambda x, y, r, c, d: x[:, ::-1] * np.arange(1.0, 121) + c + 2 * y - r - d,
+    lambda x, y, r, c, d: d + 0.5 * (r + c) - x[:, ::-1] + 3,
+    lambda x, y, r, c, d: x[1:] - x[:-1],
+    lambda x, y, r, c, d: x[1:] - 2 * y[:-1] + x[1:],
+    lambda x, y, r, c, d: np.linspace(0, 1, x.size).reshape(x.shape) * y - x,
+    lambda x, y, r, c, d: x.reshape(-1)[1:] + y.reshape(-1)[1:] * np.arange(1.0, x.size) - 4 * d,
+]
+
+
+@pytest.mark.parametrize("which", [*([i] for i in range(len(LARGE))), range(len(LARGE)), range(len(LARGE))[::-1]])
+@pytest.mark.parametrize("loaded", [False, True])
+def test_large_sums_of_variables_mean_what_they_mean_of_numbers(model, which, loaded):
+    """The store keeps such rows by summand, and hands columns to an engine, as long as nobody looks at a row."""
+    x, y, r, c, d = (variables(model, shape, name) for name, shape in zip("xyrcd", SHAPES, strict=True))
+    values = np.random.default_rng(7).integers(-50, 50, 2 * 12_000 + 221).astype(float)
+    parts = np.split(values, np.cumsum([np.prod(shape, dtype=int) for shape in SHAPES])[:-1])
+    expected, added = [], []
+    for i in which:
+        added.append(model.addConstr(LARGE[i](x, y, r, c, d) <= 5))
+        expected.append(LARGE[i](*(part.reshape(shape) for part, shape in zip(parts, SHAPES, strict=True))).ravel())
+    if loaded:
+        model.prepare()
+    model.update()
+    upper = np.concatenate([rows.Upper.ravel() for rows in added])
+    np.testing.assert_allclose(model.getA() @ values - upper, np.concatenate(expected) - 5, atol=1e-9)
+
+
 def test_views_of_variables_keep_their_order(mode, model):
     x = variables(model, (2, 3))
     model.addConstr(x.T[::-1] <= 0)
