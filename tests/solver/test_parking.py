@@ -91,13 +91,15 @@ class Pair:
         """Rows that one store gets by strips: some of these overlap, or hold doubles and zeros."""
         n, nrows = self.plain.int("NumVars"), int(self.rng.integers(3000, 9000))
         present = np.asarray(self.both("idsat", VAR, range(n)))
+        shifted = present[-1] == n - 1 and nrows + 50 < n and self.rng.random() < 0.3
+        firsts = self.rng.choice(50, 4, False) if shifted else self.rng.permutation(4) * (n // 4)
         chosen = []
-        for quarter in self.rng.permutation(4)[: self.rng.integers(1, 5)]:
-            first = quarter * (n // 4) if self.rng.random() < 0.8 else int(self.rng.integers(n // 2))
-            counts = first + nrows <= n and present[-1] == n - 1 and self.rng.random() < 0.6
-            var = first if counts else present[first + self.rng.integers(0, n // 4, nrows)]
-            coef = self.rng.integers(-1, 9) if self.rng.random() < 0.5 else self.rng.integers(1, 9, nrows)
-            chosen.append((var, coef))
+        for first in firsts[: self.rng.integers(1, 5)].tolist():
+            counts = present[-1] == n - 1 and first + nrows <= n and (shifted or self.rng.random() < 0.6)
+            span = n // 4 if self.rng.random() < 0.8 else n - first
+            var = first if counts else present[first + self.rng.integers(0, span, nrows)]
+            values = self.rng.integers(-1 if self.rng.random() < 0.2 else 1, 9, nrows)
+            chosen.append((var, values if self.rng.random() < 0.5 else 2.0))
         striped = Striped(*chosen)
         assert striped.lend(self.asked, nrows) == 0
         self.plain.addcsr(*striped.csr(nrows), 0.0, 1.0)
@@ -279,3 +281,15 @@ def test_strips_that_overlap_as_in_differences(firsts):
     pair.columns()
     assert pair.parked == 1
     pair.rows()
+
+
+def test_terms_told_by_strips():
+    parked = 0
+    for seed in range(12):
+        pair = Pair(np.random.default_rng(seed), 30 * NVARS)
+        for step in ["strips", "columns", "rows", "strips", "strips", "columns", "counts", "columns_held", "rows"]:
+            getattr(pair, step)()
+        for step in ["strips", "new_variables", "columns", "strips", "shrink", "columns", "strips", "rows"]:
+            getattr(pair, step)()
+        parked += pair.parked
+    assert parked > 6
