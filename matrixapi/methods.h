@@ -16,6 +16,7 @@
 #include "pysupport/numpy.h"
 
 #include <algorithm>
+#include <string>
 #include <string_view>
 
 namespace tarvopy {
@@ -44,6 +45,13 @@ template <Text name, auto rule> pysupport::Member plain(const char *doc) {
 }
 
 using Operator = Ref (*)(PyObject *self, PyObject *other);
+
+// A method of one operand whose docstring begins with its signature, for tables of many such methods. The text is kept
+// for the life of the process.
+template <auto method, Text name, Text operand> pysupport::Member with_signature(const char *doc) {
+    static const std::string text = std::string(name.chars) + "($self, " + operand.chars + ")\n--\n\n" + doc;
+    return pysupport::method(name.chars, method, text.c_str());
+}
 
 template <Text name, Text argument, Operator rule>
 PyObject *one_argument_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObject *kwnames) {

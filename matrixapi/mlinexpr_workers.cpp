@@ -58,10 +58,10 @@ PyObject *split_method(PyObject *, PyObject *const *args, Py_ssize_t nargs, PyOb
 }
 
 template <Operator work, Text name, Text operand = "other"> Member on_compact(const char *doc) {
-    return method(name.chars, worker<Receiver::Compact, work, name, operand>, doc);
+    return with_signature<worker<Receiver::Compact, work, name, operand>, name, operand>(doc);
 }
 template <Operator work, Text name, Text operand = "other"> Member on_full(const char *doc) {
-    return method(name.chars, worker<Receiver::Full, work, name, operand>, doc);
+    return with_signature<worker<Receiver::Full, work, name, operand>, name, operand>(doc);
 }
 
 } // namespace

@@ -37,10 +37,10 @@ PyObject *worker(PyObject *self, PyObject *const *args, Py_ssize_t nargs, PyObje
 }
 
 template <Operator work, Text name> Member on_compact(const char *doc) {
-    return method(name.chars, worker<Receiver::Compact, work, name>, doc);
+    return with_signature<worker<Receiver::Compact, work, name>, name, "other">(doc);
 }
 template <Operator work, Text name> Member on_full(const char *doc) {
-    return method(name.chars, worker<Receiver::Full, work, name>, doc);
+    return with_signature<worker<Receiver::Full, work, name>, name, "other">(doc);
 }
 
 } // namespace
