@@ -165,3 +165,13 @@ def test_bounds_and_sides_of_one_value_reach_the_engine(terms, vtype):
         m.update()
         assert (held(m) == A.toarray()).all()
         assert (m._engine._solver.model()["integrality"] == "CIS".index(vtype)).all()
+
+
+@pytest.mark.parametrize("shape", [(3, MANY), (MANY, 3)])
+def test_an_infinity_that_few_and_many_have_in_common(shape):
+    m = tarvopy.Model()
+    x = m.addMVar(shape[1], lb=-np.inf)
+    A = sp.csr_array((np.ones(shape[0]), np.arange(shape[0]) % shape[1], np.arange(shape[0] + 1)), shape=shape)
+    m.addConstr(A @ x <= 7.0)
+    m.update()
+    assert (held(m) == A.toarray()).all()

@@ -90,6 +90,15 @@ def test_bounds_of_binaries_are_cut_and_crossed_bounds_kept():
     assert m.data()["ub"].tolist() == [1.0, 0.7, 1.0, 2.0]
 
 
+def test_bounds_of_one_value_are_cut_for_binaries_alone():
+    m = Store()
+    m.addvars(3, lb=-2.0, ub=3.0, vtype="BCB")
+    m.addvars(2, vtype="BB")
+    m.update()
+    assert m.data()["lb"].tolist() == [0.0, -2.0, 0.0, 0.0, 0.0]
+    assert m.data()["ub"].tolist() == [1.0, 3.0, 1.0, 1.0, 1.0]
+
+
 @pytest.mark.parametrize(
     ("arguments", "message"),
     [
