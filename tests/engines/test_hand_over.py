@@ -175,3 +175,12 @@ def test_an_infinity_that_few_and_many_have_in_common(shape):
     m.addConstr(A @ x <= 7.0)
     m.update()
     assert (held(m) == A.toarray()).all()
+
+
+def test_types_of_many_variables_reach_the_engine():
+    m, vtype = tarvopy.Model(), np.full(110_000, "C")
+    vtype[[5, 70_000, 109_999]] = "I"  # far from each other: they go over in pieces, some of which hold none
+    x = m.addMVar(vtype.size, vtype=vtype)
+    m.addConstr(x[:3].sum() <= 1)
+    m.prepare()
+    assert np.array_equal(m._engine._solver.model()["integrality"] == 1, vtype == "I")
