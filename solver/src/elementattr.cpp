@@ -175,8 +175,9 @@ void getdoubles(TRVmodel &model, Attr attr, const Selection &which, double *out)
 
 namespace {
 
-// check(value, id, slot) gives the value to store or fails, and takes the memory that storing it needs; put(slot,
-// value) stores it.
+// check(value, id, slot) gives the value to store or fails; put(slot, value) stores it. What several puts need memory
+// for, so that one may fail after another, is the check's to take; an array of one number is written out by the first
+// put that changes it.
 template <class T, class Check, class Put>
 void checkthenset(const Registry &registry, const char *what, const Selection &which, const T *values, int step,
                   Check check, Put put) {
@@ -205,23 +206,17 @@ void setvariables(TRVmodel &model, Attr attr, const Selection &which, const doub
     case Attr::LB:
         return checkthenset(
             columns.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t s) {
-                v = Columns::checkedlb(v, calling(columns.ids, id));
-                v = columns.vtype[s] == 'B' ? std::max(v, 0.0) : v;
-                columns.lb.expect(v);
-                return v;
-            },
-            [&](int32_t s, double v) { model.write(columns.lb, s, v, Changes::kBounds); });
+            [&](double v, int64_t id, int32_t) { return Columns::checkedlb(v, calling(columns.ids, id)); },
+            [&](int32_t s, double v) {
+                model.write(columns.lb, s, columns.vtype[s] == 'B' ? std::max(v, 0.0) : v, Changes::kBounds);
+            });
     case Attr::UB:
         return checkthenset(
             columns.ids, what, which, values, step,
-            [&](double v, int64_t id, int32_t s) {
-                v = Columns::checkedub(v, calling(columns.ids, id));
-                v = columns.vtype[s] == 'B' ? std::min(v, 1.0) : v;
-                columns.ub.expect(v);
-                return v;
-            },
-            [&](int32_t s, double v) { model.write(columns.ub, s, v, Changes::kBounds); });
+            [&](double v, int64_t id, int32_t) { return Columns::checkedub(v, calling(columns.ids, id)); },
+            [&](int32_t s, double v) {
+                model.write(columns.ub, s, columns.vtype[s] == 'B' ? std::min(v, 1.0) : v, Changes::kBounds);
+            });
     case Attr::Obj:
         return checkthenset(
             columns.ids, what, which, values, step,
