@@ -3,6 +3,7 @@
 import signal
 import subprocess
 import sys
+import threading
 import time
 
 import pytest
@@ -77,9 +78,13 @@ class Child:
         return time.monotonic() - self.began
 
     def finish(self, seconds=30):
+        late = threading.Timer(seconds, self.process.kill)
+        late.start()
         try:
-            rest = self.process.communicate(timeout=seconds)[0]
+            rest = self.process.stdout.read()  # communicate() passes over what line() has buffered
+            self.process.wait()
         finally:
+            late.cancel()
             self.process.kill()
         return rest.splitlines(), self.process.returncode
 
