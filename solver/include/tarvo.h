@@ -126,10 +126,10 @@ TRV_API int TRVaddvars(TRVmodel *model, int64_t n, const double *lb, int lbstep,
  *   TRVcommitrows  checks everything (range and life of ids, row pointers, NaN and infinity), sums duplicates (first
  *                  occurrence keeps its place), drops zeros, and makes the rows pending.
  *   TRVdroprows    gives the room back.
- *   TRVopenside    makes room for one side (upper: 0 or 1) of as many rows. What the caller writes there before it calls
- *                  anything else, and then gives as this side of exactly so many rows, is not copied.
- * A failed commit leaves no open block. lower/upper may be steps of 0; an upper side of step 0 that is infinite makes
- * rows '>', also those without a lower side, whose Sense would else be '<'. */
+ *   TRVopenside    makes room for one side (upper: 0 or 1) of as many rows. What the caller writes there before it
+ * calls anything else, and then gives as this side of exactly so many rows, is not copied. A failed commit leaves no
+ * open block. lower/upper may be steps of 0; an upper side of step 0 that is infinite makes rows '>', also those
+ * without a lower side, whose Sense would else be '<'. */
 typedef struct TRVrows {
     int64_t *ptr;
     int32_t *var;

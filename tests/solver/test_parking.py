@@ -265,7 +265,7 @@ def test_terms_that_the_caller_may_still_look_at_are_not_written():
 def test_more_columns_than_256_bins_of_16_bits_tell_apart():
     rng, n = np.random.default_rng(1), 2**24 + 2**16
     pair = Pair(rng, 0)
-    ptr, var, coef = block_of(2**16 + 801 * rng.permutation(20_000)[:, None] + np.arange(5))
+    ptr, var, coef = block_of(2**16 + 150 * rng.permutation(110_000)[:, None] + np.arange(5))
     pair.asked.addvars(n, ub=0.0)  # one store, for its size
     pair.asked.addcsr(ptr, var, coef, -1.0, 1.0)
     pair.asked.update()
