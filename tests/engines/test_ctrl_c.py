@@ -57,6 +57,8 @@ def hard(tmp_path_factory):
 class Child:
     """A Python process, its lines with the time since the last signal, and how it ended."""
 
+    started = []
+
     def __init__(self, code, path):
         self.process = subprocess.Popen(
             [sys.executable, "-c", BEGIN + code, path],
@@ -65,6 +67,7 @@ class Child:
             text=True,
             start_new_session=True,
         )
+        self.started.append(self)
         self.began = time.monotonic()
 
     def line(self):
@@ -87,6 +90,16 @@ class Child:
             late.cancel()
             self.process.kill()
         return rest.splitlines(), self.process.returncode
+
+
+@pytest.fixture(autouse=True)
+def nobody_left():
+    """A test that fails half-way leaves no solve without end behind."""
+    yield
+    for child in Child.started:
+        child.process.kill()
+        child.process.wait()
+    Child.started.clear()
 
 
 def test_ctrl_c_is_acknowledged_at_once_and_keeps_the_incumbent(hard):
