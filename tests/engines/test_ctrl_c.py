@@ -5,6 +5,7 @@ import subprocess
 import sys
 import threading
 import time
+from typing import ClassVar
 
 import pytest
 
@@ -57,7 +58,7 @@ def hard(tmp_path_factory):
 class Child:
     """A Python process, its lines with the time since the last signal, and how it ended."""
 
-    started = []
+    started: ClassVar[list] = []
 
     def __init__(self, code, path):
         self.process = subprocess.Popen(
