@@ -13,9 +13,12 @@ from tarvopy import TRV, TarvoError, engines
 from tarvopy.engines.base import Outcome, Progress
 
 
-def point(*x, status=TRV.OPTIMAL, pi=None, rc=None, qpi=None, objval=0.0, runtime=0.5):
-    """An answer; multipliers are given by `pi`, `rc` and `qpi` together or not at all."""
-    return SimpleNamespace(x=x, status=status, pi=pi, rc=rc, qpi=qpi, objval=objval, runtime=runtime)
+def point(*x, status=TRV.OPTIMAL, pi=None, rc=None, qpi=None, objval=0.0, bound=None, runtime=0.5):
+    """An answer; multipliers are given by `pi`, `rc` and `qpi` together or not at all. It is at its bound if none is
+    given.
+    """
+    bound = objval if bound is None else bound
+    return SimpleNamespace(x=x, status=status, pi=pi, rc=rc, qpi=qpi, objval=objval, bound=bound, runtime=runtime)
 
 
 def double(name, answers=(), *, refusal=None, missing=None, fails=None):
@@ -91,7 +94,7 @@ def double(name, answers=(), *, refusal=None, missing=None, fails=None):
                 has_x=bool(a.x),
                 has_duals=a.rc is not None,
                 objval=a.objval,
-                bound=a.objval,
+                bound=a.bound,
                 runtime=a.runtime,
                 itercount=1.0,
             )

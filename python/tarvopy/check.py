@@ -108,6 +108,10 @@ def judge(problem: Problem, outcome: Outcome, x: np.ndarray, params: Parameters)
     """
     if not outcome.has_x:
         return None
+    if outcome.status == TRV.OPTIMAL and problem.nintegral and not gap_closed(outcome.objval, outcome.bound, params):
+        outcome.status = TRV.IMPRECISE
+        bound = f"at its bound {outcome.bound:g}" if math.isfinite(outcome.bound) else "bounded"
+        outcome.message = f"the objective {outcome.objval:g} was called optimal, but is not {bound}"
     # The objective of the point that is handed on, not the one the engine had in mind.
     value = _modelapi.evaluate_objective(problem.handle, x)
     if not math.isfinite(value) and outcome.status == TRV.OPTIMAL:
@@ -124,6 +128,15 @@ def judge(problem: Problem, outcome: Outcome, x: np.ndarray, params: Parameters)
         outcome.status = TRV.OPTIMAL
         outcome.bound = value
     return found
+
+
+def gap_closed(objval: float, bound: float, params: Parameters) -> bool:
+    """Whether the two figures of a tree search bear out its claim of an optimum: a presolve that loses the optimum on
+    the way back leaves the bound of the point that it lost.
+    """
+    if math.isinf(params.RelGap) or any("gap" in option for option in params.EngineOptions):
+        return True  # what is allowed then is for the engine to say
+    return abs(objval - bound) <= SLACK * max(params.AbsGap, params.RelGap * abs(objval))
 
 
 def offence(residuals: dict[str, Any], problem: Problem, params: Parameters) -> Offence | None:

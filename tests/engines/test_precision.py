@@ -2,6 +2,7 @@
 
 import time
 
+import numpy as np
 import pytest
 
 import tarvopy
@@ -140,3 +141,48 @@ def test_a_failed_solve_is_heard_of_however_silent(m, monkeypatch):
     use(monkeypatch, highs=double("First", [point(0.0, 2.0, status=TRV.FAILED)]))
     with pytest.warns(RuntimeWarning, match="The solve failed: "):
         m.optimize()
+
+
+# ---- an optimum that the presolve lost -------------------------------------------------------------------------------
+
+
+def lost_by_presolve():
+    """HiGHS 1.15 calls a point optimal here that is 0.5 above the bound that it proves, the value of the optimum."""
+    m = tarvopy.Model()
+    m.params.LogLevel, m.params.Engine = 0, "highs"
+    lb = np.array([0, -1, 0, 0, -1, 0, -1, 0, 0, 0, -1, 0])
+    ub = np.array([7, 6, 1, 6, 7, 1, 6, 6, 6, 1, 7, 6])
+    obj = np.array([0, -1, -1, 2, 1, 1, -1, -1, -1, 1, 0, 1])
+    x = m.addMVar(12, lb=lb, ub=ub, obj=obj)
+    for i, kind in zip((2, 3, 7, 9, 10, 11), "BIIBIB", strict=True):
+        x[i].VType = kind
+    m.addConstr(2 * x[2] + 0.5 * x[9] - x[10] + 0.5 * x[11] == 0)
+    m.addConstr(2 * x[6] - x[8] == 0)
+    m.addConstr(2 * x[5] - x[7] + 0.5 * x[9] == 0)
+    m.addConstr(x[3] + 2 * x[7] - x[8] == 0)
+    m.addConstr(0.5 * x[0] + x[3] + x[4] == 0)
+    m.addConstr(x[1] + 2 * x[2] + x[5] - x[8] + 0.5 * x[11] <= 4)
+    return m
+
+
+@pytest.mark.filterwarnings("error")
+def test_an_optimum_apart_from_its_own_bound_is_looked_for_again_without_presolve():
+    m = lost_by_presolve()
+    m.optimize()
+    by_scip = lost_by_presolve()
+    by_scip.params.Engine = "scip"
+    by_scip.optimize()
+    assert m.Status == by_scip.Status == TRV.OPTIMAL
+    assert m.ObjVal == pytest.approx(by_scip.ObjVal) == pytest.approx(m.ObjBound)
+
+
+@pytest.mark.parametrize("bound", [2.0, np.nan, -np.inf])
+def test_an_optimum_that_no_bound_proves_is_none(m, monkeypatch, bound):
+    apart = point(3.0, 0.0, objval=3.0, bound=bound)
+    use(monkeypatch, highs=double("First", [apart, apart]), scip=double("Second", [apart]))
+    said = "bounded" if not np.isfinite(bound) else "at its bound 2"
+    with pytest.warns(RuntimeWarning, match=f"the objective 3 was called optimal, but is not {said}"):
+        assert solve(m)[0] == TRV.IMPRECISE
+    m.params.EngineOptions = {"mip_rel_gap": 0.5}  # what is allowed is the engine's matter then
+    use(monkeypatch, highs=double("First", [apart]))
+    assert solve(m)[0] == TRV.OPTIMAL

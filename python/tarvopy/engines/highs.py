@@ -18,6 +18,7 @@ from typing import TYPE_CHECKING, Any
 from tarvopy import _highs
 from tarvopy._exception import TarvoError
 from tarvopy._trv import TRV
+from tarvopy.check import gap_closed
 from tarvopy.engines.base import (
     NAN,
     WITHOUT_POINT,
@@ -247,7 +248,9 @@ class HighsEngine:
         return True
 
     def refine(self, problem: Problem, params: Parameters) -> bool:
-        """A MIP with tolerances a tenth as large; an LP by the interior point method with crossover, from scratch."""
+        """A MIP with tolerances a tenth as large, and without presolve where that has lost the optimum; an LP by the
+        interior point method with crossover, from scratch.
+        """
         tolerances = {
             "primal_feasibility_tolerance": max(_SMALLEST_TOLERANCE, 0.1 * params.FeasibilityTol),
             "dual_feasibility_tolerance": max(_SMALLEST_TOLERANCE, 0.1 * params.OptimalityTol),
@@ -256,6 +259,9 @@ class HighsEngine:
         self._first = None
         self._time_left = params.TimeLimit
         self._set_options(problem, params)
+        result = self._solver.result()
+        if problem.nintegral and not gap_closed(result["objective"], result["bound"], params):
+            tolerances["presolve"] = "off"
         if not problem.nintegral:
             tolerances["solver"] = "simplex" if params.EngineOptions.get("solver") == "ipm" else "ipm"
         for name, value in tolerances.items():
