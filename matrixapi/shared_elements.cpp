@@ -8,6 +8,7 @@
 #include "pysupport/numpy.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 namespace tarvopy {
 
@@ -87,14 +88,22 @@ Ref contiguous_places(PyObject *chosen) {
     return check(PyArray_FROMANY(chosen, NPY_INT64, 0, 0, NPY_ARRAY_CARRAY_RO | NPY_ARRAY_ENSUREARRAY));
 }
 
-// Whether NumPy gave a view of the numbering, not an array of its own (which may be hidden behind a transposed view).
+// The array that holds the places: the numbering of the whole, or that of a single element picked out of it.
+Ref owner_of(const Ref &places) {
+    PyObject *owner = places.get();
+    while (PyObject *base = PyArray_BASE(reinterpret_cast<PyArrayObject *>(owner)))
+        owner = base;
+    return Ref::borrow(owner);
+}
+
+// Whether NumPy gave a view of the numbers, not an array of its own (which may be hidden behind a transposed view).
 bool is_inside(PyObject *chosen, const Ref &numbered) {
     const char *begin = PyArray_BYTES(as_array(numbered)),
                *data = PyArray_BYTES(reinterpret_cast<PyArrayObject *>(chosen));
     return data >= begin && data < begin + PyArray_NBYTES(as_array(numbered));
 }
 
-// The elements of the whole at the places, which are a view of its numbering: the same view of the whole.
+// The elements at the places, which are a view of the numbers of these elements: the same view of them.
 Ref same_view(const Ref &whole, const Ref &numbered, const Ref &places) {
     static_assert(sizeof(PyObject *) == sizeof(int64_t), "an element and its number have one stride");
     PyArrayObject *view = as_array(places);
@@ -160,13 +169,15 @@ template <class Form> Form gathered_at(const Form &whole, const Ref &places) {
     return flat::gathered(whole, map, shape_of_array(places.get()));
 }
 
-template <class Kind>
-Ref elements_at(const Ref &whole, const SharedElements<typename Kind::Native> &shared, const Ref &places) {
-    if (places.is(shared.places.get()))
-        return whole;
-    if (Kind::slices_are_views && is_inside(places.get(), shared.places))
-        return same_view(whole, shared.places, places);
-    return taken(whole, places);
+// The elements at the numbers that an array holds, for each such array: views of one are views of the other.
+using Laid = std::unordered_map<PyObject *, Ref>;
+
+template <class Kind> Ref elements_at(const Ref &whole, Laid &laid, const Ref &places) {
+    Ref owner = Kind::slices_are_views ? owner_of(places) : places;
+    Ref &elements = laid[owner.get()];
+    if (!elements)
+        elements = taken(whole, owner);
+    return places.is(owner.get()) ? elements : same_view(elements, owner, places);
 }
 
 template <class Kind> void make_elements(PyObject *expr) {
@@ -181,13 +192,14 @@ template <class Kind> void make_elements(PyObject *expr) {
         return;
     if (shared->made) // memory ran out while the others got theirs
         return native->membership.leave();
+    Laid laid{{shared->places.get(), whole}};
     std::vector<std::pair<Ref, Ref>> shown;
     shown.reserve(shared->members.size());
     for (auto *member : shared->members) {
         const auto &own = member->membership;
         if (Py_REFCNT(own.expr) == 0) // being freed, which may run Python code
             continue;
-        Ref elements = elements_at<Kind>(whole, *shared, own.places);
+        Ref elements = elements_at<Kind>(whole, laid, own.places);
         instance_dict(own.expr);
         shown.emplace_back(Ref::borrow(own.expr), std::move(elements));
     }
@@ -238,7 +250,8 @@ Ref shared_quad_selection(PyObject *expr, PyObject *key, const Ref &ndle) {
     if (!chosen)
         return {};
     auto shared = quadratic_of(expr)->membership.shared;
-    bool one = !PyArray_Check(chosen.get()), shares = one || is_inside(chosen.get(), shared->places);
+    Ref owner = owner_of(quadratic_of(expr)->membership.places);
+    bool one = !PyArray_Check(chosen.get()), shares = one || is_inside(chosen.get(), owner);
     Ref places = contiguous_places(chosen.get());
     Ref selection = make_quad_flat(mod.MQuadExpr, gathered_at(shared->form, places),
                                    shares ? ndle : copy_of(ndle.get()), shared->model);

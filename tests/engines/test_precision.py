@@ -176,6 +176,21 @@ def test_an_optimum_apart_from_its_own_bound_is_looked_for_again_without_presolv
     assert m.ObjVal == pytest.approx(by_scip.ObjVal) == pytest.approx(m.ObjBound)
 
 
+def test_what_presolve_alone_calls_infeasible_is_solved():
+    """All zeros are feasible here, and HiGHS' presolve says that nothing is."""
+    rows = np.array([[-1, 0, 0, 0.5, 0.5], [0, -1, 0, -1, 1], [2, 0, 1, 0, -1], [0, 0, 2, 0, 0]])
+    m = tarvopy.Model()
+    m.params.LogLevel = 0
+    x = m.addMVar(5, lb=[0, 0, -1, 0, -1], ub=[1, 1, 1, 7, 1], obj=[2, 1, 1, 0, -1], vtype=list("BBICC"))
+    m.addConstr(rows @ x == 0)
+    m.optimize()
+    assert (m.Status, m.EngineName[:5]) == (TRV.OPTIMAL, "HiGHS")
+    assert m.ObjVal == pytest.approx(0.0)
+    m.addConstr(x[0] + x[1] >= 3)
+    m.optimize()
+    assert m.Status == TRV.INFEASIBLE
+
+
 @pytest.mark.parametrize("bound", [2.0, np.nan, -np.inf])
 def test_an_optimum_that_no_bound_proves_is_none(m, monkeypatch, bound):
     apart = point(3.0, 0.0, objval=3.0, bound=bound)

@@ -302,6 +302,17 @@ def test_slices_share_their_elements(mode, model, key):
     assert np.shares_memory(part._qearr, q._qearr) == (part.ndim > 0)
 
 
+def test_a_view_of_a_single_element_is_a_view_of_its_own_array(mode, model):
+    y = variables(model, (2, 3))
+    q = y * y
+    one = q[0, 1]
+    again, whole, view = one[()], one[...], q[0, 1, ...]
+    assert all(part._qearr[()] is q._qearr[0, 1] for part in (one, again, whole, view))
+    arrays = (again._qearr, whole._qearr, view._qearr, q._qearr)
+    assert [np.shares_memory(one._qearr, array) for array in arrays] == [False, True, False, False]
+    assert np.shares_memory(view._qearr, q._qearr)
+
+
 @pytest.mark.parametrize("key", [[0, 1], ([0, 1], [1, 1]), (slice(None), [0, 1]), np.array([[True, False, True]] * 2)])
 def test_index_arrays_give_independent_copies(mode, model, key):
     y = variables(model, (2, 3))

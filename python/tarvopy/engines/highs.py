@@ -95,6 +95,7 @@ class HighsEngine:
         self._first: dict[str, Any] | None = None  # result of the first run while a second look is under way
         self._time_left = self._node_limit = math.inf
         self._keep_log = False
+        self._presolves = True
         self._tree_iterations = math.inf
         self._told = False  # to stop, by interrupt()
         self.loads = 0
@@ -202,6 +203,7 @@ class HighsEngine:
             "ipm_iteration_limit": iterations,
             "pdlp_iteration_limit": iterations,
         }
+        self._presolves = params.EngineOptions.get("presolve") != "off"
         self._solver.reset_options()
         for name, value in [*options.items(), *params.EngineOptions.items()]:
             try:
@@ -229,21 +231,28 @@ class HighsEngine:
     # ---- the answer
 
     def again(self, problem: Problem) -> bool:
-        """Infeasible or unbounded: without an objective any feasible point tells which, so that is asked for, within a
-        time of its own.
+        """Infeasible or unbounded: without an objective any feasible point tells which, so that is asked for. An
+        infeasible MIP: HiGHS' presolve calls feasible ones so, one of a thousand small ones that are rich in equations,
+        so that it is left out once. Each within a time of its own.
         """
         if self._first is not None:
             return False
         result = self._solver.result()
         left = seconds_of_second_look(self._time_left, result["seconds"])
-        if result["model_status"] != _EITHER or left <= 0:
+        either = result["model_status"] == _EITHER
+        in_doubt = result["model_status"] == _INFEASIBLE and problem.nintegral and self._presolves
+        if not (either or in_doubt) or left <= 0:
             return False
         import numpy as np
 
         self._first = result
-        self._set_costs(np.zeros(problem.nvars))
+        if either:
+            self._set_costs(np.zeros(problem.nvars))
+            self._solver.set_option("mip_max_improving_sols", 1)
+        else:
+            self._solver.set_option("presolve", "off")
+            left = min(left, 1.0 + result["seconds"])
         self._solver.set_option("time_limit", left)
-        self._solver.set_option("mip_max_improving_sols", 1)
         self._run()
         return True
 
@@ -280,8 +289,9 @@ class HighsEngine:
         except _highs.HighsError as error:
             return Outcome(TRV.FAILED, message=str(error))
         if self._first is not None:
+            if self._first["model_status"] == _EITHER:
+                self._set_costs(problem.obj)
             result = _combined(self._first, result)
-            self._set_costs(problem.obj)
             self._first = None
         outcome = Outcome(
             self._status(result),
@@ -376,11 +386,14 @@ def _reason(problem: Problem, value: np.ndarray) -> str:
 
 
 def _combined(first: dict[str, Any], second: dict[str, Any]) -> dict[str, Any]:
-    """What two runs together say of a problem that is infeasible or unbounded."""
+    """What two runs together say of a problem that the first called infeasible, or infeasible or unbounded."""
+    together = {key: first[key] + second[key] for key in ("seconds", "iterations", "nodes")}
+    if first["model_status"] == _INFEASIBLE:
+        refuted = second["primal"] == _FEASIBLE or second["model_status"] == _UNBOUNDED
+        return {**(second if refuted else first), **together}
     answer = {_INFEASIBLE: _INFEASIBLE, _INTERRUPT: _INTERRUPT}.get(second["model_status"], _EITHER)
     if second["primal"] == _FEASIBLE:
         answer = _UNBOUNDED
-    together = {key: first[key] + second[key] for key in ("seconds", "iterations", "nodes")}
     return {**first, **together, "model_status": answer, "primal": 0}
 
 
